@@ -1,0 +1,107 @@
+#include "vebase/wire/framing.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace
+{
+
+constexpr size_t read_room = 4096;
+constexpr size_t kept_capacity = size_t{256} << 10;
+
+int append_chunk(const char *data, size_t size, void *out)
+{
+    auto *text = static_cast<std::string *>(out);
+    text->append(data, size);
+    return 0;
+}
+
+} // namespace
+
+ve_wire_reader::~ve_wire_reader()
+{
+    free(data_);
+}
+
+char *ve_wire_reader::prepare(size_t *room)
+{
+    if (begin_ == end_ && capacity_ > kept_capacity)
+        clear();
+    if (capacity_ - end_ < read_room) {
+        // Moving what is left costs no more than was taken since the last move; otherwise the buffer doubles.
+        if (begin_ > 0 && begin_ >= end_ - begin_ && capacity_ - (end_ - begin_) >= read_room) {
+            memmove(data_, data_ + begin_, end_ - begin_);
+            scanned_ -= begin_;
+            end_ -= begin_;
+            begin_ = 0;
+        } else {
+            capacity_ = std::max(capacity_ * 2, 2 * read_room);
+            auto *grown = static_cast<char *>(realloc(data_, capacity_));
+            if (grown == nullptr)
+                abort();
+            data_ = grown;
+        }
+    }
+    *room = capacity_ - end_;
+    return data_ + end_;
+}
+
+void ve_wire_reader::commit(size_t count)
+{
+    end_ += count;
+}
+
+ve_wire_reader::state ve_wire_reader::next(std::string_view *line)
+{
+    while (scanned_ < end_) {
+        auto *feed = static_cast<char *>(memchr(data_ + scanned_, '\n', end_ - scanned_));
+        if (feed == nullptr) {
+            scanned_ = end_;
+            break;
+        }
+        const size_t start = begin_;
+        const auto stop = static_cast<size_t>(feed - data_);
+        begin_ = scanned_ = stop + 1;
+        size_t length = stop - start;
+        if (length > 0 && data_[stop - 1] == '\r')
+            --length;
+        if (length > ve_wire_line_max)
+            return state::too_long;
+        if (length > 0) {
+            *line = std::string_view(data_ + start, length);
+            return state::line;
+        }
+    }
+    if (begin_ == end_)
+        begin_ = scanned_ = end_ = 0;
+    return end_ - begin_ > ve_wire_line_max + 1 ? state::too_long : state::more;
+}
+
+void ve_wire_reader::clear()
+{
+    free(data_);
+    data_ = nullptr;
+    capacity_ = begin_ = scanned_ = end_ = 0;
+}
+
+json_t *ve_wire_decode(std::string_view line)
+{
+    json_t *value = json_loadb(line.data(), line.size(), JSON_ALLOW_NUL, nullptr);
+    if (!json_is_object(value)) {
+        json_decref(value);
+        return nullptr;
+    }
+    return value;
+}
+
+int ve_wire_encode(const json_t *message, std::string *out)
+{
+    const size_t before = out->size();
+    if (json_dump_callback(message, append_chunk, out, JSON_COMPACT) != 0 || out->size() - before > ve_wire_line_max) {
+        out->resize(before);
+        return -1;
+    }
+    out->push_back('\n');
+    return 0;
+}
