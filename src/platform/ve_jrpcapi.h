@@ -1,0 +1,64 @@
+// Client contexts: a link to the daemon and the exchanges over it. A context is used by one thread at a time, but for
+// ve_jrpcapi_wake.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/ve_jrpcmsg.h"
+#include "platform/ve_socket.h"
+
+struct ve_jrpcapi;
+
+/// Context flags.
+inline constexpr uint32_t ve_jrpcapi_flag_events = 2; ///< this link reads the session's events
+inline constexpr uint32_t ve_jrpcapi_flag_ssl = 8;    ///< a TLS handshake follows the connect
+
+inline constexpr char ve_jrpcapi_default_socket[] = "/var/run/veld.sock";
+
+/// A new context, not connected, for the default endpoint. Opens nothing.
+ve_jrpcapi *ve_jrpcapi_init();
+/// Closes the link and frees; null is allowed.
+void ve_jrpcapi_deinit(ve_jrpcapi *ctx);
+
+uint32_t ve_jrpcapi_get_flags(const ve_jrpcapi *ctx);
+void ve_jrpcapi_set_flags(ve_jrpcapi *ctx, uint32_t flags);
+/// Where to connect: `unixpath`, else `address` (copied); either may be "tcp://HOST:PORT". `kind` is ve_socket_unix.
+void ve_jrpcapi_set_destination(ve_jrpcapi *ctx, const char *address, const char *unixpath, int kind);
+/// Bounds a whole exchange or receive, in milliseconds; -1 waits without limit.
+void ve_jrpcapi_set_timeout(ve_jrpcapi *ctx, int timeout_ms);
+
+/// Returns 0, or negative; a failed connect holds no descriptor, and returns no sooner than 50 ms after the last failed
+/// one began. A wait point.
+int ve_jrpcapi_connect(ve_jrpcapi *ctx);
+void ve_jrpcapi_disconnect(ve_jrpcapi *ctx);
+/// Why the last connect failed, for people; empty when it did not. Borrowed until the next connect.
+const char *ve_jrpcapi_connect_error(const ve_jrpcapi *ctx);
+
+/// Sends a request and stores its answer into it. Returns 0 when an answer came (an error answer too), else negative,
+/// with the message completed by ve_jrpc_err_timeout or ve_jrpc_err_lost and ve_jrpcapi_get_socket_err telling why.
+/// A late answer of an earlier exchange is dropped. A wait point; after an interrupted exchange the link stays usable.
+int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message);
+/// Sends without waiting for an answer. Returns 0 or negative.
+int ve_jrpcapi_send(ve_jrpcapi *ctx, ve_jrpcmsg *message);
+/// The next event or answer, owned by the caller; null when none came (ve_jrpcapi_get_socket_err says why).
+/// Notifications of no known kind are passed over.
+ve_jrpcmsg *ve_jrpcapi_recv(ve_jrpcapi *ctx);
+/// Makes the receive under way, or the next one, return null with ve_socket_err_interrupted. Any thread; safe in a
+/// signal handler.
+void ve_jrpcapi_wake(ve_jrpcapi *ctx);
+
+/// Return 0 when accepted, else negative. `password` null or empty: none is sent. A refusal's code is kept for
+/// ve_jrpcapi_get_socket_err's sake only when the link was lost.
+int ve_jrpcapi_login(ve_jrpcapi *ctx, const char *user, const char *password);
+int ve_jrpcapi_logout(ve_jrpcapi *ctx);
+
+/// Error of the last operation on the link (ve_socket_error).
+int ve_jrpcapi_get_socket_err(const ve_jrpcapi *ctx);
+/// The link's socket, borrowed; null when there is none.
+ve_socket *ve_jrpcapi_socket(const ve_jrpcapi *ctx);
+/// The 32 hex digits under which both links of this process join groups; drawn once.
+const char *ve_jrpcapi_session();
+
+/// The context that the library's own users (Lua bindings) fall back on. Borrowed.
+void ve_confapi_set_ctx(ve_jrpcapi *ctx);
+ve_jrpcapi *ve_confapi_ctx();

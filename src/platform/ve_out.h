@@ -1,0 +1,31 @@
+// The main thread's standard output: one buffer, flushed when a command ends or the buffer is full. Flushing waits for
+// a slow reader at a wait point (ve_wait.h), so a long listing can be stopped with Ctrl-C. Main thread only; other
+// threads write their text whole with ve_out_direct.
+#pragma once
+
+#include <cstddef>
+
+/// printf into the buffer.
+void ve_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
+/// `text` and a line feed.
+void ve_puts(const char *text);
+void ve_out_write(const char *data, size_t size);
+/// Writes out what is buffered. Returns 0, or -1 when the output is gone (what was buffered is then dropped).
+int ve_out_flush();
+/// After Ctrl-C jumped out of a command: drops what is buffered, but for the rest of a line whose beginning was
+/// written.
+void ve_out_land();
+/// True when descriptor 1 is a terminal. Asked once; ve_out_reopened() says that the descriptor was replaced.
+bool ve_out_is_terminal();
+void ve_out_reopened();
+
+/// True when the last byte written to the output was not a line feed, so that the cursor stands behind some text.
+bool ve_out_mid_line();
+
+/// Any thread: writes `data` to descriptor 1 at once and whole, between two flushed pieces of the buffered output.
+void ve_out_direct(const char *data, size_t size);
+
+/// `text` in the form that is safe to show: on a terminal, control characters (C0, DEL, C1) and bytes that are not
+/// UTF-8 appear as visible escapes (\x1b, \u009b); elsewhere it is `text` itself. The result is valid until the eighth
+/// call from now. Null stays null.
+const char *ve_visible(const char *text);
