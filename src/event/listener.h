@@ -1,0 +1,15 @@
+// The event listener: a thread that reads the group link, prints events and queues notices of instances.
+#pragma once
+
+#include "platform/ve_jrpcapi.h"
+
+/// Stores both contexts, hooks the line editor up to the control pipe and starts the thread. Returns the result of the
+/// thread's creation.
+int start_event_handler(ve_jrpcapi *request, ve_jrpcapi *group);
+/// Ends the thread and waits for it; a second call does nothing. May be called from a SIGINT handler at a wait point.
+void stop_event_handler();
+/// False once the listener was stopped or the daemon dropped the link. Any thread.
+bool is_running();
+/// The notices of added and deleted instances so far, a new array of {"Action", "Path", "InstanceNumber"} that the
+/// caller owns; null when there are none or the listener is just adding one. Never waits.
+json_t *fetch_instance_queue();

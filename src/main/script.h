@@ -1,0 +1,6 @@
+// Script files: one command a line.
+#pragma once
+
+/// Runs the file: shell commands when bit 0 of `flags` is set, else requests. Returns the last result, which ends the
+/// script when it is negative; -1 when the file cannot be opened.
+int run_script(const char *path, int flags);
