@@ -1,0 +1,64 @@
+#include "platform/ve_log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+
+#include <jansson.h>
+
+void __ve_log_assert_fmt(const char *expression, const char *unit, int line, const char *function, const char *format,
+                         ...)
+{
+    // Memory may be what ran out: nothing here allocates.
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    char message[768];
+    snprintf(message, sizeof message, "%s:%d: %s: Assertion `%s' failed: %s\n", unit, line, function, expression, text);
+    fputs(message, stderr);
+    fflush(stderr);
+    abort();
+}
+
+void *ve_xmalloc(size_t size, const char *function, int line, const char *unit)
+{
+    void *pointer = malloc(size > 0 ? size : 1);
+    if (pointer == nullptr)
+        __ve_log_assert_fmt("pointer != NULL", unit, line, "_xmalloc", "xmalloc failed at func %s:%zu (%s)", function,
+                            static_cast<size_t>(line), unit);
+    return pointer;
+}
+
+void *ve_xcalloc(size_t count, size_t size, const char *function, int line, const char *unit)
+{
+    void *pointer = calloc(count > 0 ? count : 1, size > 0 ? size : 1);
+    if (pointer == nullptr)
+        __ve_log_assert_fmt("pointer != NULL", unit, line, "_xcalloc", "xcalloc failed at func %s:%zu (%s)", function,
+                            static_cast<size_t>(line), unit);
+    return pointer;
+}
+
+namespace
+{
+
+void *allocate_for_json(size_t size)
+{
+    return ve_xmalloc(size, "json", __LINE__, "json");
+}
+
+void out_of_memory()
+{
+    __ve_log_assert_fmt("pointer != NULL", "new", __LINE__, "operator new", "xmalloc failed at func %s:%zu (%s)",
+                        "operator new", static_cast<size_t>(__LINE__), "new");
+}
+
+} // namespace
+
+void ve_log_allocations_are_fatal()
+{
+    std::set_new_handler(out_of_memory);
+    json_set_alloc_funcs(allocate_for_json, free);
+}

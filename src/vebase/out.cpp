@@ -1,0 +1,230 @@
+#include "platform/ve_out.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <unistd.h>
+
+#include "platform/ve_wait.h"
+
+namespace
+{
+
+constexpr size_t flush_size = size_t{64} << 10;
+// A pipe that polls writable takes this much without blocking; so does a terminal, or it takes a part of it.
+constexpr size_t piece_size = 4096;
+
+std::string buffer;                // not yet written
+size_t written = 0;                // bytes of the buffer that are out already
+std::atomic<bool> mid_line{false}; // the last byte written was no line feed
+bool gone = false;                 // the reader went away
+int terminal = -1;                 // isatty(1), or -1 when not yet asked
+// Keeps a piece of the buffer and a direct text apart. Never held across a wait point.
+std::mutex write_lock;
+
+/// One write of a piece that ends with a line where it can, so that another thread's text falls between lines.
+ssize_t write_piece()
+{
+    const char *start = buffer.data() + written;
+    size_t size = buffer.size() - written;
+    if (size > piece_size) {
+        const void *feed = memrchr(start, '\n', piece_size);
+        size = feed != nullptr ? static_cast<size_t>(static_cast<const char *>(feed) - start) + 1 : piece_size;
+    }
+    const std::scoped_lock lock(write_lock);
+    const ssize_t count = write(STDOUT_FILENO, start, size);
+    if (count > 0)
+        mid_line = start[count - 1] != '\n';
+    return count;
+}
+
+void drop()
+{
+    buffer.clear();
+    written = 0;
+}
+
+} // namespace
+
+void ve_out_write(const char *data, size_t size)
+{
+    if (gone)
+        return;
+    buffer.append(data, size);
+    if (buffer.size() >= flush_size)
+        ve_out_flush();
+}
+
+void ve_puts(const char *text)
+{
+    ve_out_write(text, strlen(text));
+    ve_out_write("\n", 1);
+}
+
+void ve_printf(const char *format, ...)
+{
+    char text[1024];
+    va_list args;
+    va_list again;
+    va_start(args, format);
+    va_copy(again, args);
+    const int size = vsnprintf(text, sizeof text, format, args);
+    if (size >= 0 && static_cast<size_t>(size) < sizeof text) {
+        ve_out_write(text, static_cast<size_t>(size));
+    } else if (size >= 0) {
+        // Formatted in place, so that a jump out of the flush leaves nothing behind.
+        const size_t before = buffer.size();
+        buffer.resize(before + static_cast<size_t>(size) + 1);
+        vsnprintf(buffer.data() + before, static_cast<size_t>(size) + 1, format, again);
+        buffer.resize(before + static_cast<size_t>(size));
+        ve_out_write("", 0);
+    }
+    va_end(again);
+    va_end(args);
+}
+
+int ve_out_flush()
+{
+    while (written < buffer.size()) {
+        pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+        if (ve_wait_poll(&out, 1, -1) < 0) {
+            ve_out_land();
+            return -1;
+        }
+        const ssize_t count = write_piece();
+        if (count >= 0) {
+            written += static_cast<size_t>(count);
+        } else if (errno != EINTR && errno != EAGAIN) {
+            gone = errno == EPIPE || errno == EBADF || errno == EIO;
+            drop();
+            return -1;
+        }
+    }
+    drop();
+    return 0;
+}
+
+void ve_out_land()
+{
+    if (mid_line && written > 0) {
+        const size_t feed = buffer.find('\n', written);
+        pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+        // A terminal that was stopped stays stopped: the line is then given up.
+        if (feed != std::string::npos && poll(&out, 1, 20) > 0) {
+            const std::scoped_lock lock(write_lock);
+            mid_line = write(STDOUT_FILENO, buffer.data() + written, feed + 1 - written) < 0;
+        }
+    }
+    drop();
+}
+
+bool ve_out_is_terminal()
+{
+    if (terminal < 0)
+        terminal = isatty(STDOUT_FILENO);
+    return terminal == 1;
+}
+
+void ve_out_reopened()
+{
+    terminal = -1;
+    gone = false;
+}
+
+bool ve_out_mid_line()
+{
+    return buffer.empty() ? mid_line.load() : buffer.back() != '\n';
+}
+
+void ve_out_direct(const char *data, size_t size)
+{
+    const std::scoped_lock lock(write_lock);
+    while (size > 0) {
+        const ssize_t count = write(STDOUT_FILENO, data, size);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0 && errno == EAGAIN) {
+            pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+            poll(&out, 1, 1000);
+            continue;
+        }
+        if (count < 0)
+            return;
+        if (count > 0)
+            mid_line = data[count - 1] != '\n';
+        data += count;
+        size -= static_cast<size_t>(count);
+    }
+}
+
+namespace
+{
+
+/// Bytes of the character at `at`, 0 when it is not well-formed UTF-8. `*code` receives the code point.
+unsigned decode(const unsigned char *at, uint32_t *code)
+{
+    const unsigned length = at[0] < 0x80   ? 1
+                            : at[0] < 0xc2 ? 0
+                            : at[0] < 0xe0 ? 2
+                            : at[0] < 0xf0 ? 3
+                            : at[0] < 0xf5 ? 4
+                                           : 0;
+    if (length <= 1) {
+        *code = at[0];
+        return length;
+    }
+    uint32_t value = at[0] & (0xffU >> (length + 1));
+    for (unsigned i = 1; i < length; ++i) {
+        if ((at[i] & 0xc0U) != 0x80)
+            return 0;
+        value = value << 6 | (at[i] & 0x3fU);
+    }
+    *code = value;
+    return value > 0x10ffff || (length == 3 && value < 0x800) || (length == 4 && value < 0x10000) ? 0 : length;
+}
+
+bool is_control(uint32_t code)
+{
+    return (code < 0x20 && code != '\t' && code != '\n') || (code >= 0x7f && code < 0xa0);
+}
+
+} // namespace
+
+const char *ve_visible(const char *text)
+{
+    if (text == nullptr || !ve_out_is_terminal())
+        return text;
+    const auto *at = reinterpret_cast<const unsigned char *>(text);
+    bool plain = true;
+    for (const auto *byte = at; *byte != 0 && plain; ++byte)
+        plain = (*byte >= 0x20 || *byte == '\t' || *byte == '\n') && *byte < 0x7f;
+    if (plain)
+        return text;
+    static std::string results[8];
+    static unsigned next = 0;
+    std::string &result = results[next++ % std::size(results)];
+    result.clear();
+    char escape[16];
+    while (*at != 0) {
+        uint32_t code = 0;
+        const unsigned length = decode(at, &code);
+        if (length == 0 || (is_control(code) && code < 0x80)) {
+            snprintf(escape, sizeof escape, "\\x%02x", *at);
+            result += escape;
+            ++at;
+        } else if (is_control(code)) {
+            snprintf(escape, sizeof escape, "\\u%04x", code);
+            result += escape;
+            at += length;
+        } else {
+            result.append(reinterpret_cast<const char *>(at), length);
+            at += length;
+        }
+    }
+    return result.c_str();
+}

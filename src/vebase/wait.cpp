@@ -1,0 +1,136 @@
+#include "platform/ve_wait.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <ctime>
+#include <pthread.h>
+
+namespace
+{
+
+constexpr unsigned companion_fds_max = 4;
+constexpr unsigned fds_max = 16;
+
+std::atomic<bool> interrupt_noted{false};
+ve_wait_companion *companion = nullptr;
+sigset_t wait_mask; // the main thread's mask inside a wait: SIGINT unblocked
+pthread_t main_thread;
+bool initialised = false;
+
+bool on_main_thread()
+{
+    return initialised && pthread_equal(pthread_self(), main_thread) != 0;
+}
+
+int64_t now_ms()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+/// One ppoll; `deadline` as in ve_wait_poll. -1 with errno as ppoll sets it.
+int poll_once(pollfd *fds, unsigned count, int64_t deadline, const sigset_t *mask)
+{
+    if (deadline < 0)
+        return ppoll(fds, count, nullptr, mask);
+    const int64_t left = std::max<int64_t>(deadline - now_ms(), 0);
+    const timespec time{.tv_sec = static_cast<time_t>(left / 1000),
+                        .tv_nsec = static_cast<long>(left % 1000) * 1000000};
+    return ppoll(fds, count, &time, mask);
+}
+
+} // namespace
+
+void ve_wait_init()
+{
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &blocked, &wait_mask);
+    sigdelset(&wait_mask, SIGINT);
+    main_thread = pthread_self();
+    initialised = true;
+}
+
+int64_t ve_wait_deadline(int timeout_ms)
+{
+    return timeout_ms < 0 ? -1 : now_ms() + timeout_ms;
+}
+
+int ve_wait_poll(pollfd *fds, unsigned count, int64_t deadline)
+{
+    if (!on_main_thread()) {
+        int ready;
+        do
+            ready = poll_once(fds, count, deadline, nullptr);
+        while (ready < 0 && errno == EINTR);
+        return ready;
+    }
+    pollfd all[fds_max];
+    const unsigned own = std::min(count, fds_max - companion_fds_max);
+    for (;;) {
+        if (interrupt_noted.load(std::memory_order_relaxed))
+            return -1;
+        std::copy_n(fds, own, all);
+        const unsigned guests = companion != nullptr ? companion->watch(all + own) : 0;
+        const int ready = poll_once(all, own + guests, deadline, &wait_mask);
+        if (ready < 0 && errno != EINTR)
+            return -1;
+        if (ready <= 0) {
+            if (ready == 0)
+                return interrupt_noted.load(std::memory_order_relaxed) ? -1 : 0;
+            continue;
+        }
+        const auto is_ready = [](const pollfd &fd) { return fd.revents != 0; };
+        const auto guests_ready = std::count_if(all + own, all + own + guests, is_ready);
+        if (guests_ready > 0 && companion != nullptr && companion->serve(all + own, guests))
+            return -1;
+        const auto own_ready = static_cast<int>(std::count_if(all, all + own, is_ready));
+        if (own_ready > 0) {
+            std::copy_n(all, own, fds);
+            return own_ready;
+        }
+    }
+}
+
+int ve_wait_sleep_ms(int milliseconds)
+{
+    return ve_wait_poll(nullptr, 0, ve_wait_deadline(std::max(milliseconds, 0)));
+}
+
+void ve_wait_checkpoint()
+{
+    if (!on_main_thread())
+        return;
+    const timespec none{};
+    ppoll(nullptr, 0, &none, &wait_mask);
+}
+
+void ve_wait_note_interrupt()
+{
+    interrupt_noted.store(true, std::memory_order_relaxed);
+}
+
+bool ve_wait_interrupted()
+{
+    return interrupt_noted.load(std::memory_order_relaxed);
+}
+
+void ve_wait_clear_interrupt()
+{
+    interrupt_noted.store(false, std::memory_order_relaxed);
+}
+
+void ve_wait_discard_sigint()
+{
+    sigset_t only;
+    sigemptyset(&only);
+    sigaddset(&only, SIGINT);
+    const timespec none{};
+    while (sigtimedwait(&only, nullptr, &none) == SIGINT)
+        ;
+}
