@@ -11,7 +11,10 @@ void ve_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void ve_puts(const char *text);
 void ve_out_write(const char *data, size_t size);
 /// Writes out what is buffered. Returns 0, or -1 when the output is gone (what was buffered is then dropped).
+/// A wait point.
 int ve_out_flush();
+/// Flushes when much is buffered: called once a row by what prints long lists. A wait point.
+void ve_out_relieve();
 /// After Ctrl-C jumped out of a command: drops what is buffered, but for the rest of a line whose beginning was
 /// written.
 void ve_out_land();

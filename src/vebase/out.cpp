@@ -56,6 +56,10 @@ void ve_out_write(const char *data, size_t size)
     if (gone)
         return;
     buffer.append(data, size);
+}
+
+void ve_out_relieve()
+{
     if (buffer.size() >= flush_size)
         ve_out_flush();
 }
@@ -76,13 +80,11 @@ void ve_printf(const char *format, ...)
     const int size = vsnprintf(text, sizeof text, format, args);
     if (size >= 0 && static_cast<size_t>(size) < sizeof text) {
         ve_out_write(text, static_cast<size_t>(size));
-    } else if (size >= 0) {
-        // Formatted in place, so that a jump out of the flush leaves nothing behind.
+    } else if (size >= 0 && !gone) {
         const size_t before = buffer.size();
         buffer.resize(before + static_cast<size_t>(size) + 1);
         vsnprintf(buffer.data() + before, static_cast<size_t>(size) + 1, format, again);
         buffer.resize(before + static_cast<size_t>(size));
-        ve_out_write("", 0);
     }
     va_end(again);
     va_end(args);

@@ -1,0 +1,23 @@
+#include "dispatch/table.h"
+
+#include "platform/ve_out.h"
+
+int exec_cmd(const char *word, json_t *args)
+{
+    const cmd_entry *entry = parse_cmd(word);
+    if (entry == nullptr || entry->id == 0) {
+        ve_printf("%s: command not found.\n", word != nullptr ? word : "(null)");
+        return -1;
+    }
+    return entry->process(entry->name, args);
+}
+
+int exec_request(const char *word, json_t *args)
+{
+    const cmd_entry *entry = parse_request(word);
+    if (entry == nullptr || entry->id == 0) {
+        ve_printf("%s: unknown method.\n", word != nullptr ? word : "(null)");
+        return -1;
+    }
+    return entry->request(word, args);
+}

@@ -1,0 +1,116 @@
+#include "dispatch/table.h"
+
+#include <cstring>
+#include <iterator>
+
+#include "commands/attributes.h"
+#include "commands/device.h"
+#include "commands/download.h"
+#include "commands/execute.h"
+#include "commands/instances.h"
+#include "commands/navigation.h"
+#include "commands/session.h"
+#include "commands/values.h"
+#include "dispatch/rows.h"
+#include "lua/lua_mode.h"
+#include "platform/ve_string.h"
+
+namespace
+{
+
+// The order is that of the help and of completion. "sh" carries the texts of "set".
+// clang-format off
+cmd_entry cmd_table[] = {
+    // name, method, id, hashes, shell handler, request handler, usage, description
+    {"add", "AddObject", 1, 0, 0, nullptr, nullptr, "add <path>", "add a new instance to multi-instance object"},
+    {"attr", "GetParameterAttributes", 13, 0, 0, nullptr, nullptr, "attr [<path1> <path2>...]", "show node's attributes"},
+    {"cd", nullptr, 4, 0, 0, nullptr, nullptr, "cd <path>", "cd to the node"},
+    {"cat", "GetParameterValues", 2, 0, 0, nullptr, nullptr, "cat [<path1> <path2>...]", "retrieve node's values"},
+    {"catree", nullptr, 3, 0, 0, nullptr, nullptr, "catree [<path1> <path2>...]", "retrieve node's values and print as tree"},
+    {"clear", nullptr, 5, 0, 0, nullptr, nullptr, "clear", "clear screen"},
+    {"color", nullptr, 6, 0, 0, nullptr, nullptr, "color [<type> <hsv>]", "manage color scheme"},
+    {"del", "DeleteObject", 7, 0, 0, nullptr, nullptr, "del <path>", "delete instance from multi-instance object"},
+    {"download", "Download", 8, 0, 0, nullptr, nullptr, "download <firmware|config|file> <path_to_file> [<target_file_name>]", "download a file to CPE and immediately apply if firmware|config"},
+    {"get", "GetParameterValues", 2, 0, 0, nullptr, nullptr, "get [<path1> <path2>...]", "same as 'cat'"},
+    {"help", nullptr, 12, 0, 0, process_help, nullptr, "help", "show this message"},
+    {"info", "GetParameterAttributes", 13, 0, 0, nullptr, nullptr, "info <path> [<path2>...]", "same as 'attr'"},
+    {"login", nullptr, 16, 0, 0, nullptr, nullptr, "login [<username> [ -p <password>]]", "login as user <username> (or as $USER if empty)"},
+    {"logout", nullptr, 17, 0, 0, nullptr, nullptr, "logout", "logout"},
+    {"ls", "GetParameterNames", 18, 0, 0, nullptr, nullptr, "ls [-l] [<path1> <path2>...]", "list object's subnodes"},
+    {"lua", "lua", 19, 0, 0, nullptr, nullptr, "lua [<Lua statement>]", "run Lua script (without arguments - enter Luamode)"},
+    {"luarecord", nullptr, 20, 0, 0, nullptr, nullptr, "luarecord <filename>", "create lua-script from Lua session"},
+    {"opt", nullptr, 21, 0, 0, nullptr, nullptr, "opt autocomplete|hint on|off", "enable/disable shell options"},
+    {"order", "ChangeOrder", 22, 0, 0, nullptr, nullptr, "order <path> <num>", "assign order number to instance"},
+    {"pwd", nullptr, 23, 0, 0, nullptr, nullptr, "pwd", "print current path"},
+    {"reboot", "Reboot", 24, 0, 0, nullptr, nullptr, "reboot [-f]", "reboot device (force reboot with '-f')"},
+    {"reset", "FactoryReset", 26, 0, 0, nullptr, nullptr, "reset", "reset device configuration to default"},
+    {"rm", "DeleteObject", 7, 0, 0, nullptr, nullptr, "rm <path>", "same as 'del'"},
+    {"save", "SaveConfig", 28, 0, 0, nullptr, nullptr, "save", "save device configuration in NVRAM"},
+    {"set", "SetParameterValues", 29, 0, 0, nullptr, nullptr, "set <path>=<value> [...]", "set parameters' values"},
+    {"record", nullptr, 25, 0, 0, nullptr, nullptr, "record <filename>|abort", "create kest-script from current shell session"},
+    {"sh", nullptr, 30, 0, 0, nullptr, nullptr, "set <path>=<value> [...]", "set parameters' values"},
+    {"touch", "AddObject", 1, 0, 0, nullptr, nullptr, "touch <path>", "same as 'add'"},
+    {"take", nullptr, 31, 0, 0, nullptr, nullptr, "take <path>", "add a new instance to multi-instace object and cd to it"},
+    {"tree", nullptr, 32, 0, 0, nullptr, nullptr, "tree [<path>]", "show node scheme in tree form"},
+    {"up", nullptr, 33, 0, 0, nullptr, nullptr, "up [<levels>]", "cd to upper level node"},
+    {"upgrade", nullptr, 34, 0, 0, nullptr, nullptr, "upgrade <path_to_firmware>", "upgrade CPE firmware"},
+    {"execute", nullptr, 35, 0, 0, nullptr, nullptr, "execute <path_to_method> [<rpath1>=<value1> <rpath2>=<value2>...]", "execute method"},
+};
+// clang-format on
+static_assert(std::size(cmd_table) == 33);
+
+bool cmd_table_ready = false;
+
+void cmd_table_init()
+{
+    for (cmd_entry &entry : cmd_table) {
+        entry.name_hash = ve_string_get_hash(entry.name);
+        entry.method_hash = ve_string_get_hash(entry.method);
+    }
+    cmd_table_ready = true;
+}
+
+const cmd_entry *find(const char *word)
+{
+    const uint32_t hash = ve_string_get_hash(word);
+    if (!cmd_table_ready)
+        cmd_table_init();
+    for (const cmd_entry &entry : cmd_table) {
+        if (entry.name_hash == hash && strcmp(entry.name, word) == 0)
+            return &entry;
+        if (entry.method_hash == hash && entry.method != nullptr && strcmp(entry.method, word) == 0)
+            return &entry;
+    }
+    return nullptr;
+}
+
+} // namespace
+
+std::span<const cmd_entry> cmd_rows()
+{
+    return cmd_table;
+}
+
+const cmd_entry *parse_cmd(const char *word)
+{
+    if (word == nullptr)
+        return nullptr;
+    const cmd_entry *entry = find(strcmp(word, "?") == 0 ? "help" : word);
+    return entry != nullptr && entry->process != nullptr ? entry : nullptr;
+}
+
+const cmd_entry *parse_request(const char *word)
+{
+    if (word == nullptr)
+        return nullptr;
+    const cmd_entry *entry = find(word);
+    return entry != nullptr && entry->request != nullptr ? entry : nullptr;
+}
+
+void autocomplete_command(const char *prefix, json_t *list)
+{
+    const size_t length = prefix != nullptr ? strlen(prefix) : 0;
+    for (const cmd_entry &entry : cmd_table)
+        if (length == 0 || strncmp(entry.name, prefix, length) == 0)
+            json_array_append_new(list, json_string(entry.name));
+}

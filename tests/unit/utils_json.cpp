@@ -1,0 +1,90 @@
+#include "utils/json_util.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/ve_json.h"
+#include "platform/ve_out.h"
+#include "utils/tree_print.h"
+
+namespace
+{
+
+json_ref parse(const char *text)
+{
+    return json_ref(json_loads(text, JSON_DECODE_ANY, nullptr));
+}
+
+std::string converted(const char *text, int type)
+{
+    const json_ref value{json_load_uservalue(text, type)};
+    return value ? json_compact(value.get()) : "none";
+}
+
+std::string drawn(const char *tree)
+{
+    const json_ref value = parse(tree);
+    testing::internal::CaptureStdout();
+    ve_out_reopened();
+    json_dump_tree(value.get());
+    ve_out_flush();
+    return testing::internal::GetCapturedStdout();
+}
+
+} // namespace
+
+TEST(JsonArraySort, IsByteOrderAndStable)
+{
+    const json_ref array = parse(R"(["b", "10", "a", "2", "B", "a", ""])");
+    json_array_sort(array.get());
+    EXPECT_EQ(json_compact(array.get()), R"(["", "10", "2", "B", "a", "a", "b"])");
+}
+
+TEST(JsonArraySort, IsNotQuadratic)
+{
+    const json_ref array{json_array()};
+    for (int i = 300000; i > 0; --i)
+        json_array_append_new(array.get(), json_sprintf("%d", i));
+    json_array_sort(array.get());
+    EXPECT_STREQ(json_string_value(json_array_get(array.get(), 1)), "10");
+}
+
+TEST(LoadUservalue, FitsTheTypeOrFails)
+{
+    EXPECT_EQ(converted("TRUE", JSON_TRUE), "true");
+    EXPECT_EQ(converted("False", JSON_FALSE), "false");
+    EXPECT_EQ(converted("trueX", JSON_TRUE), "none");
+    EXPECT_EQ(converted("yes", JSON_TRUE), "none");
+    EXPECT_EQ(converted("", JSON_TRUE), "none");
+    EXPECT_EQ(converted("12", JSON_INTEGER), "12");
+    EXPECT_EQ(converted("4294967296", JSON_INTEGER), "none");
+    EXPECT_EQ(converted("1x", JSON_INTEGER), "none");
+    EXPECT_EQ(converted("1.5", JSON_REAL), "1.5");
+    EXPECT_EQ(converted("nan", JSON_REAL), "none");
+    EXPECT_EQ(converted("12", JSON_STRING), "\"12\"");
+    EXPECT_EQ(converted("12", 7), "none");
+    EXPECT_EQ(converted("12", JSON_ARRAY), "none");
+}
+
+TEST(DumpTree, DrawsBranchesAndAlignsValues)
+{
+    EXPECT_EQ(drawn(R"({"name": "root", "content": [
+                        {"name": "b", "content": [{"name": "xx", "value": 1}, {"name": "y", "value": "t"}]},
+                        {"name": "a", "value": true}]})"),
+              "root\n"
+              "├── a = true\n"
+              "└── b\n"
+              "    ├── xx = 1\n"
+              "    └── y  = \"t\"\n");
+    EXPECT_EQ(drawn(R"({"name": "r", "content": [{"name": "a", "content": [{"name": "b"}]}, {"name": "c"}]})"),
+              "r\n"
+              "├── a\n"
+              "│   └── b\n"
+              "└── c\n");
+    EXPECT_EQ(drawn(R"({"name": "leaf", "value": {"k": [1, null]}})"), "leaf = {\"k\": [1, null]}\n");
+}
+
+TEST(DumpTree, InstancesStandInNumericOrder)
+{
+    EXPECT_EQ(drawn(R"({"name": "t", "multi": true, "content": [{"name": "10"}, {"name": "2"}, {"name": "1"}]})"),
+              "t\n├── 1\n├── 2\n└── 10\n");
+}
