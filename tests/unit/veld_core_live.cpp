@@ -1,0 +1,332 @@
+// The values that the machine shows, checked against what it says by other means, and the parsers on odd input.
+#include "veld/live/live.h"
+
+#include "platform/ve_json.h"
+#include "veld/live/providers.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/sysinfo.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <set>
+#include <string>
+
+using namespace veld;
+
+namespace
+{
+
+std::string text_of(const json_t *row, const char *field)
+{
+    const char *text = json_string_value(json_object_get(row, field));
+    return text != nullptr ? text : "(no text)";
+}
+
+json_int_t number_of(const json_t *row, const char *field)
+{
+    const json_t *number = json_object_get(row, field);
+    return json_is_integer(number) ? json_integer_value(number) : -12345;
+}
+
+const json_t *row_with(const json_t *rows, const char *field, const std::string &text)
+{
+    size_t i = 0;
+    json_t *row = nullptr;
+    json_array_foreach(rows, i, row) if (text_of(row, field) == text) return row;
+    return nullptr;
+}
+
+std::string dump(const json_t *value)
+{
+    char *text = json_dumps(value, JSON_COMPACT | JSON_ENCODE_ANY);
+    std::string copy = text != nullptr ? text : "(null)";
+    free(text);
+    return copy;
+}
+
+void expect_keys(const json_t *rows)
+{
+    std::set<std::string> keys;
+    size_t i = 0;
+    json_t *row = nullptr;
+    json_array_foreach(rows, i, row)
+    {
+        EXPECT_FALSE(text_of(row, "#key").empty());
+        EXPECT_TRUE(keys.insert(text_of(row, "#key")).second) << dump(row);
+        const char *field = nullptr;
+        json_t *nested = nullptr;
+        json_object_foreach(row, field, nested) if (std::string_view(field).starts_with("#rows:")) expect_keys(nested);
+    }
+}
+
+} // namespace
+
+TEST(Live, UptimeIsTheSystems)
+{
+    struct sysinfo info;
+    ASSERT_EQ(sysinfo(&info), 0);
+    json_ref uptime(live_value("uptime"));
+    ASSERT_TRUE(json_is_integer(uptime.get()));
+    EXPECT_NEAR(double(json_integer_value(uptime.get())), double(info.uptime), 3);
+}
+
+TEST(Live, MemoryIsTheSystems)
+{
+    struct sysinfo info;
+    ASSERT_EQ(sysinfo(&info), 0);
+    json_ref total(live_value("memory.total"));
+    json_ref available(live_value("memory.available"));
+    double kib = double(info.totalram) * info.mem_unit / 1024;
+    EXPECT_NEAR(double(json_integer_value(total.get())), kib, kib / 100);
+    EXPECT_GT(json_integer_value(available.get()), 0);
+    EXPECT_LE(json_integer_value(available.get()), json_integer_value(total.get()));
+}
+
+TEST(Live, HostNameIsTheSystems)
+{
+    char name[256];
+    ASSERT_EQ(gethostname(name, sizeof name), 0);
+    json_ref value(live_value("hostname"));
+    EXPECT_STREQ(json_string_value(value.get()), name);
+}
+
+TEST(Live, LoadAndUsageAreWithinTheirRanges)
+{
+    for (const char *name : {"load.1", "load.5", "load.15"}) {
+        json_ref load(live_value(name));
+        ASSERT_TRUE(json_is_real(load.get())) << name;
+        EXPECT_GE(json_real_value(load.get()), 0);
+    }
+    json_ref usage(live_value("cpu.usage"));
+    ASSERT_TRUE(json_is_integer(usage.get()));
+    EXPECT_GE(json_integer_value(usage.get()), 0);
+    EXPECT_LE(json_integer_value(usage.get()), 100);
+}
+
+TEST(Live, CurrentTimeIsNowWithItsOffset)
+{
+    json_ref value(live_value("time.current"));
+    std::string text = json_string_value(value.get());
+    tm parsed = {};
+    const char *rest = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parsed);
+    ASSERT_NE(rest, nullptr) << text;
+    long offset = 0;
+    if (std::string_view(rest) != "Z") {
+        int hours = 0;
+        int minutes = 0;
+        ASSERT_EQ(sscanf(rest + 1, "%2d:%2d", &hours, &minutes), 2) << text;
+        offset = (rest[0] == '-' ? -1 : 1) * (hours * 3600L + minutes * 60L);
+    }
+    EXPECT_NEAR(double(timegm(&parsed) - offset), double(time(nullptr)), 3);
+}
+
+TEST(Live, ReadingTwiceAtOnceGivesOneSnapshot)
+{
+    json_ref first(live_rows("interfaces"));
+    json_ref second(live_rows("interfaces"));
+    EXPECT_EQ(first.get(), second.get());
+}
+
+TEST(Live, UnknownProvidersAreNone)
+{
+    EXPECT_EQ(live_value("no.such"), nullptr);
+    EXPECT_EQ(live_rows("no.such"), nullptr);
+    EXPECT_EQ(live_value("interfaces"), nullptr);
+    EXPECT_FALSE(live_value_known("interfaces"));
+    EXPECT_TRUE(live_rows_known("interfaces"));
+    EXPECT_FALSE(live_rows_known("uptime"));
+    EXPECT_TRUE(live_value_known("uptime"));
+}
+
+TEST(Live, RowsHaveKeysOfTheirOwn)
+{
+    for (const char *name :
+         {"processes", "processors", "ethernet", "interfaces", "neighbors", "resolvers", "routes", "active_ports"}) {
+        SCOPED_TRACE(name);
+        json_ref rows(live_rows(name));
+        ASSERT_TRUE(json_is_array(rows.get()));
+        expect_keys(rows.get());
+    }
+}
+
+TEST(Live, ProcessesHoldThisOne)
+{
+    // A name that is no UTF-8 and looks like the end of the name.
+    char before[16];
+    ASSERT_EQ(prctl(PR_GET_NAME, before), 0);
+    ASSERT_EQ(prctl(PR_SET_NAME, "a) R \xff(b"), 0);
+    json_ref rows(live_processes());
+    prctl(PR_SET_NAME, before);
+
+    size_t i = 0;
+    json_t *row = nullptr;
+    const json_t *own = nullptr;
+    json_array_foreach(rows.get(), i, row) if (number_of(row, "pid") == getpid()) own = row;
+    ASSERT_NE(own, nullptr);
+    EXPECT_EQ(text_of(own, "command"), "a) R ?(b");
+    EXPECT_EQ(text_of(own, "state"), "Running");
+    EXPECT_GT(number_of(own, "size"), 100);
+}
+
+TEST(Live, InterfacesShowTheSystemsAddresses)
+{
+    json_ref rows(live_rows("interfaces"));
+    ifaddrs *list = nullptr;
+    ASSERT_EQ(getifaddrs(&list), 0);
+    int seen = 0;
+    for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
+        const json_t *row = row_with(rows.get(), "name", entry->ifa_name);
+        ASSERT_NE(row, nullptr) << entry->ifa_name;
+        EXPECT_EQ(json_is_true(json_object_get(row, "loopback")), (entry->ifa_flags & IFF_LOOPBACK) != 0);
+        if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET)
+            continue;
+        char text[INET_ADDRSTRLEN];
+        inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in *>(entry->ifa_addr)->sin_addr, text, sizeof text);
+        const json_t *address = row_with(json_object_get(row, "#rows:IPv4Address"), "address", text);
+        ASSERT_NE(address, nullptr) << text;
+        inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in *>(entry->ifa_netmask)->sin_addr, text, sizeof text);
+        EXPECT_EQ(text_of(address, "mask"), text);
+        seen++;
+    }
+    freeifaddrs(list);
+    EXPECT_GT(seen, 0) << "no interface with an IPv4 address to compare with";
+}
+
+TEST(Live, CountersRiseWithTraffic)
+{
+    int receiver = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in here = {};
+    here.sin_family = AF_INET;
+    here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof here;
+    ASSERT_EQ(bind(receiver, reinterpret_cast<sockaddr *>(&here), length), 0);
+    ASSERT_EQ(getsockname(receiver, reinterpret_cast<sockaddr *>(&here), &length), 0);
+
+    json_ref before(live_interfaces());
+    std::string bytes(1000, 'x');
+    for (int i = 0; i < 10; i++)
+        ASSERT_EQ(sendto(receiver, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&here), length), 1000);
+    json_ref after(live_interfaces());
+    close(receiver);
+    EXPECT_GE(number_of(row_with(after.get(), "name", "lo"), "tx_bytes"),
+              number_of(row_with(before.get(), "name", "lo"), "tx_bytes") + 10000);
+}
+
+TEST(Live, ActivePortsShowAListeningSocket)
+{
+    for (int family : {AF_INET, AF_INET6}) {
+        int listener = socket(family, SOCK_STREAM, 0);
+        sockaddr_storage here = {};
+        here.ss_family = sa_family_t(family);
+        if (family == AF_INET6)
+            reinterpret_cast<sockaddr_in6 *>(&here)->sin6_addr = in6addr_loopback;
+        else
+            reinterpret_cast<sockaddr_in *>(&here)->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+        if (listener < 0 || bind(listener, reinterpret_cast<sockaddr *>(&here), length) != 0) {
+            ASSERT_EQ(family, AF_INET6) << "no IPv4 on this machine";
+            close(listener);
+            continue;
+        }
+        ASSERT_EQ(listen(listener, 1), 0);
+        ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr *>(&here), &length), 0);
+        json_int_t port = ntohs(reinterpret_cast<sockaddr_in *>(&here)->sin_port);
+
+        json_ref rows(live_active_ports());
+        close(listener);
+        size_t i = 0;
+        json_t *row = nullptr;
+        int found = 0;
+        json_array_foreach(rows.get(), i,
+                           row) if (number_of(row, "local_port") == port && text_of(row, "state") == "LISTEN")
+        {
+            EXPECT_EQ(text_of(row, "local_address"), family == AF_INET6 ? "::1" : "127.0.0.1");
+            found++;
+        }
+        EXPECT_EQ(found, 1) << "port " << port;
+    }
+}
+
+// --- the kernel's files ---
+
+TEST(LiveParsers, NeighborsAreReadFromTheArpTable)
+{
+    json_ref rows(rows_of_arp("IP address       HW type     Flags       HW address            Mask     Device\n"
+                              "192.0.2.1        0x1         0x2         02:fc:00:00:00:05     *        eth0\n"
+                              "192.0.2.7        0x1         0x0         00:00:00:00:00:00     *        eth0\n"
+                              "192.0.2.8        0x1         0x6         02:fc:00:00:00:08     *        br-lan\n"
+                              "half a line\n"));
+    EXPECT_EQ(
+        dump(rows.get()),
+        R"([{"#key":"192.0.2.1%eth0","address":"192.0.2.1","mac":"02:fc:00:00:00:05","interface":"eth0","state":"Reachable"},)"
+        R"({"#key":"192.0.2.7%eth0","address":"192.0.2.7","mac":"","interface":"eth0","state":"Incomplete"},)"
+        R"({"#key":"192.0.2.8%br-lan","address":"192.0.2.8","mac":"02:fc:00:00:00:08","interface":"br-lan","state":"Permanent"}])");
+}
+
+TEST(LiveParsers, ResolversAreReadFromResolvConf)
+{
+    json_ref rows(
+        rows_of_resolv_conf("# a comment\nnameserver 192.0.2.53\n  nameserver\t2001:db8::53 # ours\nnameserver\n"
+                            "nameserver fe80::1%eth0\nsearch lan\nnameserver not-an-address\nnameserver 192.0.2.54"));
+    EXPECT_EQ(dump(rows.get()),
+              R"([{"#key":"192.0.2.53","address":"192.0.2.53"},{"#key":"2001:db8::53","address":"2001:db8::53"},)"
+              R"({"#key":"fe80::1%eth0","address":"fe80::1%eth0"},{"#key":"192.0.2.54","address":"192.0.2.54"}])");
+}
+
+TEST(LiveParsers, RoutesThatAreUpAreRead)
+{
+    json_ref rows(rows_of_route("Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n"
+                                "eth0\t00000000\t010200C0\t0003\t0\t0\t100\t00000000\t0\t0\t0\n"
+                                "eth1\t0000A8C0\t00000000\t0000\t0\t0\t0\t0000FFFF\t0\t0\t0\n"
+                                "eth0\tzz\n"));
+    EXPECT_EQ(dump(rows.get()),
+              R"([{"#key":"0.0.0.0/0.0.0.0 192.0.2.1%eth0 100","destination":"0.0.0.0","mask":"0.0.0.0",)"
+              R"("gateway":"192.0.2.1","interface":"eth0","metric":100}])");
+}
+
+TEST(LiveParsers, AProcessThatEndedIsLeftOut)
+{
+    json_ref rows(json_array());
+    for (const char *text :
+         {"", "12", "12 (sh", "12 (sh) S", ") (", "x (sh) S 1 1 1 1 1 1 1 1 1 1 1 1 1 1 20 0 1 0 1 1 1"})
+        row_of_process(text, rows.get());
+    EXPECT_EQ(json_array_size(rows.get()), 0U);
+}
+
+TEST(LiveParsers, ProcessorsComeWithTheirModel)
+{
+    json_ref rows(rows_of_cpuinfo(
+        "processor\t: 0\nmodel name\t: Some CPU\ncpu MHz\t\t: 2400.017\n\nprocessor\t: 1\nbogus\n:\n", "x86_64"));
+    EXPECT_EQ(dump(rows.get()), R"([{"#key":"0","architecture":"x86_64","model":"Some CPU","frequency":2400},)"
+                                R"({"#key":"1","architecture":"x86_64","model":"","frequency":0}])");
+}
+
+TEST(LiveParsers, TheZoneIsTheLastLineOfAZoneFile)
+{
+    using namespace std::string_view_literals;
+    EXPECT_EQ(zone_of_tzfile("TZif2\0\0junk\nCET-1CEST,M3.5.0,M10.5.0/3\n"sv), "CET-1CEST,M3.5.0,M10.5.0/3");
+    EXPECT_EQ(zone_of_tzfile("TZif\0old\nUTC0\n"sv), "");
+    EXPECT_EQ(zone_of_tzfile("TZif2 cut off"sv), "");
+    EXPECT_EQ(zone_of_tzfile(""sv), "");
+}
+
+TEST(LiveParsers, MemoryFieldsAreFoundByTheirWholeName)
+{
+    EXPECT_EQ(meminfo_field("MemTotal:       4026036 kB\nMemFree: 12 kB\n", "MemFree"), 12);
+    EXPECT_EQ(meminfo_field("MemTotal:       4026036 kB\n", "Mem"), std::nullopt);
+    EXPECT_EQ(meminfo_field("MemTotal: many kB\n", "MemTotal"), std::nullopt);
+}
+
+TEST(LiveParsers, TextThatIsNoUtf8IsCleaned)
+{
+    json_ref text(json_clean_text("caf\xc3\xa9 \xc3( \xed\xa0\x80 \xf0\x9f\x98\x80"));
+    EXPECT_STREQ(json_string_value(text.get()), "caf\xc3\xa9 ?( ??? \xf0\x9f\x98\x80");
+    json_ref cut(json_clean_text("\xc3\xa9\xc3\xa9", 3));
+    EXPECT_STREQ(json_string_value(cut.get()), "\xc3\xa9");
+}

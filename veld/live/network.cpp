@@ -1,0 +1,442 @@
+// The network: interfaces with their addresses and counters, neighbours, name servers, routes, sockets.
+#include "veld/live/providers.h"
+
+#include <arpa/inet.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <net/if_arp.h>
+#include <netpacket/packet.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <ctime>
+#include <map>
+#include <vector>
+
+namespace veld
+{
+
+namespace
+{
+
+// The counters of an interface in the order of /proc/net/dev; a null name is a column that no model shows.
+constexpr std::array<const char *, 16> counter_names = {
+    "rx_bytes", "rx_packets", "rx_errors", "rx_dropped", nullptr, nullptr, nullptr, "multicast",
+    "tx_bytes", "tx_packets", "tx_errors", "tx_dropped", nullptr, nullptr, nullptr, nullptr};
+using counters = std::array<int64_t, counter_names.size()>;
+
+struct address {
+    std::string text;
+    std::string mask; // IPv4
+    int64_t prefix;   // IPv6
+};
+
+struct interface {
+    std::string name;
+    unsigned flags = 0;
+    unsigned short hardware = ARPHRD_VOID;
+    std::string mac;
+    std::vector<address> ipv4;
+    std::vector<address> ipv6;
+};
+
+std::string address_text(int family, const void *bytes)
+{
+    char text[INET6_ADDRSTRLEN] = "";
+    return inet_ntop(family, bytes, text, sizeof text) != nullptr ? text : "";
+}
+
+std::string mac_text(const sockaddr_ll &link)
+{
+    if (link.sll_halen != 6)
+        return "";
+    char text[18];
+    const unsigned char *b = link.sll_addr;
+    snprintf(text, sizeof text, "%02X:%02X:%02X:%02X:%02X:%02X", b[0], b[1], b[2], b[3], b[4], b[5]);
+    return text;
+}
+
+int64_t prefix_length(const in6_addr &mask)
+{
+    int64_t bits = 0;
+    for (unsigned char byte : mask.s6_addr)
+        bits += std::popcount(byte);
+    return bits;
+}
+
+void add_address(interface *to, const ifaddrs &from)
+{
+    switch (from.ifa_addr->sa_family) {
+    case AF_PACKET: {
+        const auto &link = *reinterpret_cast<const sockaddr_ll *>(from.ifa_addr);
+        to->hardware = link.sll_hatype;
+        to->mac = mac_text(link);
+        break;
+    }
+    case AF_INET: {
+        const auto *mask = reinterpret_cast<const sockaddr_in *>(from.ifa_netmask);
+        to->ipv4.push_back({address_text(AF_INET, &reinterpret_cast<const sockaddr_in *>(from.ifa_addr)->sin_addr),
+                            mask != nullptr ? address_text(AF_INET, &mask->sin_addr) : "255.255.255.255", 32});
+        break;
+    }
+    case AF_INET6: {
+        const auto *mask = reinterpret_cast<const sockaddr_in6 *>(from.ifa_netmask);
+        to->ipv6.push_back({address_text(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(from.ifa_addr)->sin6_addr),
+                            "", mask != nullptr ? prefix_length(mask->sin6_addr) : 128});
+        break;
+    }
+    default:
+        break;
+    }
+}
+
+// All interfaces of the machine, in the kernel's order.
+std::vector<interface> read_interfaces()
+{
+    std::vector<interface> found;
+    ifaddrs *list = nullptr;
+    if (getifaddrs(&list) != 0)
+        return found;
+    for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
+        std::string_view name = entry->ifa_name;
+        name = name.substr(0, name.find(':')); // an old-style alias is a further address of its interface
+        auto known = std::find_if(found.begin(), found.end(), [&](const interface &i) { return i.name == name; });
+        if (known == found.end()) {
+            found.emplace_back();
+            known = found.end() - 1;
+            known->name = name;
+            known->flags = entry->ifa_flags;
+        }
+        if (entry->ifa_addr != nullptr)
+            add_address(&*known, *entry);
+    }
+    freeifaddrs(list);
+    return found;
+}
+
+std::map<std::string, counters, std::less<>> read_counters()
+{
+    std::map<std::string, counters, std::less<>> found;
+    std::string text = read_sysfile("/proc/self/net/dev");
+    std::string_view rest = text;
+    for (std::string_view line; next_line(&rest, &line);) {
+        size_t colon = line.find(':');
+        if (colon == std::string_view::npos)
+            continue;
+        std::string_view name = line.substr(0, colon);
+        std::string_view numbers = line.substr(colon + 1);
+        counters &of = found[std::string(next_word(&name))];
+        for (int64_t &number : of)
+            number = number_or_zero(next_word(&numbers));
+    }
+    return found;
+}
+
+std::string sys_attribute(const interface &of, const char *name)
+{
+    std::string text = read_sysfile(("/sys/class/net/" + of.name + "/" + name).c_str());
+    return text.substr(0, text.find('\n'));
+}
+
+const char *status_of(const interface &of)
+{
+    if ((of.flags & IFF_UP) == 0)
+        return "Down";
+    std::string state = sys_attribute(of, "operstate");
+    if (state == "dormant")
+        return "Dormant";
+    if (state == "notpresent")
+        return "NotPresent";
+    if (state == "lowerlayerdown")
+        return "LowerLayerDown";
+    if (state == "down")
+        return "Down";
+    return (of.flags & IFF_RUNNING) != 0 ? "Up" : "Down"; // "unknown" is what drivers without a carrier say
+}
+
+// Seconds since the interface was first seen in the state that it is in.
+int64_t last_change_of(const interface &of, std::string_view status)
+{
+    struct seen {
+        std::string status;
+        time_t since;
+    };
+    static std::map<std::string, seen, std::less<>> known;
+    timespec now;
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    seen &last = known[of.name];
+    if (last.status != status)
+        last = {std::string(status), now.tv_sec};
+    return now.tv_sec - last.since;
+}
+
+int64_t mtu_of(const interface &of)
+{
+    ifreq request = {};
+    int mtu = 0;
+    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return mtu;
+    of.name.copy(request.ifr_name, sizeof request.ifr_name - 1);
+    if (ioctl(fd, SIOCGIFMTU, &request) == 0)
+        mtu = request.ifr_mtu;
+    close(fd);
+    return mtu;
+}
+
+void set_common(live_row *row, const interface &of, const std::map<std::string, counters, std::less<>> &numbers)
+{
+    const char *status = status_of(of);
+    row->set("name", of.name).set("enable", (of.flags & IFF_UP) != 0).set("status", status);
+    row->set("last_change", last_change_of(of, status)).set("mtu", mtu_of(of));
+    auto found = numbers.find(of.name);
+    for (size_t i = 0; i < counter_names.size(); i++)
+        if (counter_names[i] != nullptr)
+            row->set(counter_names[i], found != numbers.end() ? found->second[i] : int64_t{0});
+}
+
+const char *type_of(const interface &of)
+{
+    if ((of.flags & IFF_LOOPBACK) != 0)
+        return "Loopback";
+    switch (of.hardware) {
+    case ARPHRD_TUNNEL:
+    case ARPHRD_TUNNEL6:
+    case ARPHRD_SIT:
+    case ARPHRD_IPGRE:
+    case 823: // ARPHRD_IP6GRE, which the C library has no name for
+        return "Tunnel";
+    default:
+        return (of.flags & IFF_POINTOPOINT) != 0 ? "Tunnel" : "Normal";
+    }
+}
+
+json_t *ipv4_rows(const interface &of)
+{
+    json_t *rows = json_array();
+    for (const address &a : of.ipv4)
+        live_row(a.text).set("address", a.text).set("mask", a.mask).add_to(rows);
+    return rows;
+}
+
+json_t *ipv6_rows(const interface &of)
+{
+    json_t *rows = json_array();
+    for (const address &a : of.ipv6)
+        live_row(a.text)
+            .set("address", a.text)
+            .set("prefix", a.prefix)
+            .set("origin", a.text == "::1"               ? "WellKnown"
+                           : a.text.starts_with("fe80:") ? "AutoConfigured"
+                                                         : "Static")
+            .add_to(rows);
+    return rows;
+}
+
+bool has_default_route(const interface &of)
+{
+    json_t *routes = live_routes();
+    bool found = false;
+    for (size_t i = 0; i < json_array_size(routes) && !found; i++) {
+        const json_t *route = json_array_get(routes, i);
+        found = of.name == json_string_value(json_object_get(route, "interface")) &&
+                std::string_view("0.0.0.0") == json_string_value(json_object_get(route, "mask"));
+    }
+    json_decref(routes);
+    return found;
+}
+
+// An IPv4 address as /proc/net writes it: the word in the machine's order, in hexadecimal digits.
+std::string hex_ipv4(std::string_view digits)
+{
+    std::optional<int64_t> word = digits.size() == 8 ? to_number(digits, 16) : std::nullopt;
+    if (!word)
+        return "";
+    auto bytes = uint32_t(*word);
+    return address_text(AF_INET, &bytes);
+}
+
+std::string hex_ipv6(std::string_view digits)
+{
+    uint32_t words[4];
+    for (int i = 0; i < 4; i++) {
+        std::optional<int64_t> word = to_number(digits.substr(size_t(i) * 8, 8), 16);
+        if (!word)
+            return "";
+        words[i] = uint32_t(*word);
+    }
+    return address_text(AF_INET6, words);
+}
+
+// "ADDRESS:PORT" of a socket table.
+bool split_endpoint(std::string_view word, std::string *text, int64_t *port)
+{
+    size_t colon = word.find(':');
+    if (colon == std::string_view::npos)
+        return false;
+    *text = colon == 32 ? hex_ipv6(word.substr(0, colon)) : hex_ipv4(word.substr(0, colon));
+    std::optional<int64_t> number = to_number(word.substr(colon + 1), 16);
+    *port = number.value_or(0);
+    return number && !text->empty();
+}
+
+} // namespace
+
+json_t *live_ethernet()
+{
+    json_t *rows = json_array();
+    auto numbers = read_counters();
+    for (const interface &each : read_interfaces()) {
+        if (each.hardware != ARPHRD_ETHER || access(("/sys/class/net/" + each.name + "/wireless").c_str(), F_OK) == 0)
+            continue;
+        std::string duplex = sys_attribute(each, "duplex");
+        live_row row(each.name);
+        set_common(&row, each, numbers);
+        row.set("mac", each.mac).set("upstream", has_default_route(each));
+        row.set("bit_rate", std::clamp<int64_t>(number_or_zero(sys_attribute(each, "speed")), 0, INT32_MAX));
+        row.set("duplex", duplex == "full" ? "Full" : duplex == "half" ? "Half" : "Auto");
+        row.add_to(rows);
+    }
+    return rows;
+}
+
+json_t *live_interfaces()
+{
+    json_t *rows = json_array();
+    auto numbers = read_counters();
+    for (const interface &each : read_interfaces()) {
+        bool no_ipv6 = read_sysfile(("/proc/sys/net/ipv6/conf/" + each.name + "/disable_ipv6").c_str()) != "0\n";
+        live_row row(each.name);
+        set_common(&row, each, numbers);
+        row.set("type", type_of(each)).set("loopback", (each.flags & IFF_LOOPBACK) != 0);
+        row.set("ipv4_enable", !each.ipv4.empty()).set("ipv6_enable", !no_ipv6);
+        row.nested("IPv4Address", ipv4_rows(each)).nested("IPv6Address", ipv6_rows(each));
+        row.add_to(rows);
+    }
+    return rows;
+}
+
+json_t *rows_of_arp(std::string_view text)
+{
+    json_t *rows = json_array();
+    std::string_view line;
+    next_line(&text, &line); // the heading
+    while (next_line(&text, &line)) {
+        std::string_view ip = next_word(&line);
+        next_word(&line); // kind of hardware
+        std::string_view flags = next_word(&line);
+        std::string_view mac = next_word(&line);
+        next_word(&line); // mask
+        std::string_view device = next_word(&line);
+        if (device.empty() || !flags.starts_with("0x"))
+            continue;
+        int64_t bits = to_number(flags.substr(2), 16).value_or(0);
+        bool complete = (bits & ATF_COM) != 0;
+        live_row(std::string(ip) + "%" + std::string(device))
+            .set("address", ip)
+            .set("mac", complete ? mac : "")
+            .set("interface", device)
+            .set("state", (bits & ATF_PERM) != 0 ? "Permanent"
+                          : complete             ? "Reachable"
+                                                 : "Incomplete")
+            .add_to(rows);
+    }
+    return rows;
+}
+
+json_t *live_neighbors()
+{
+    return rows_of_arp(read_sysfile("/proc/self/net/arp"));
+}
+
+json_t *rows_of_resolv_conf(std::string_view text)
+{
+    json_t *rows = json_array();
+    for (std::string_view line; next_line(&text, &line);) {
+        if (next_word(&line) != "nameserver")
+            continue;
+        std::string server(next_word(&line));
+        std::string bare = server.substr(0, server.find('%')); // a link-local address names its interface
+        in6_addr parsed;
+        if (inet_pton(AF_INET, bare.c_str(), &parsed) == 1 || inet_pton(AF_INET6, bare.c_str(), &parsed) == 1)
+            live_row(server).set("address", server).add_to(rows);
+    }
+    return rows;
+}
+
+json_t *live_resolvers()
+{
+    return rows_of_resolv_conf(read_sysfile("/etc/resolv.conf"));
+}
+
+json_t *rows_of_route(std::string_view text)
+{
+    json_t *rows = json_array();
+    std::string_view line;
+    next_line(&text, &line); // the heading
+    while (next_line(&text, &line)) {
+        std::string_view device = next_word(&line);
+        std::string destination = hex_ipv4(next_word(&line));
+        std::string gateway = hex_ipv4(next_word(&line));
+        bool up = (to_number(next_word(&line), 16).value_or(0) & 1) != 0;
+        next_word(&line); // references
+        next_word(&line); // use
+        std::string_view metric = next_word(&line);
+        std::string mask = hex_ipv4(next_word(&line));
+        if (!up || destination.empty() || mask.empty())
+            continue;
+        live_row(destination + "/" + mask + " " + gateway + "%" + std::string(device) + " " + std::string(metric))
+            .set("destination", destination)
+            .set("mask", mask)
+            .set("gateway", gateway)
+            .set("interface", device)
+            .set("metric", number_or_zero(metric))
+            .add_to(rows);
+    }
+    return rows;
+}
+
+json_t *live_routes()
+{
+    return rows_of_route(read_sysfile("/proc/self/net/route"));
+}
+
+void rows_of_tcp(std::string_view text, json_t *rows)
+{
+    std::string_view line;
+    next_line(&text, &line); // the heading
+    while (next_line(&text, &line)) {
+        std::string_view words[10];
+        for (std::string_view &word : words)
+            word = next_word(&line);
+        bool listens = words[3] == "0A";
+        std::string local;
+        std::string remote;
+        int64_t local_port = 0;
+        int64_t remote_port = 0;
+        if ((!listens && words[3] != "01") || !split_endpoint(words[1], &local, &local_port) ||
+            !split_endpoint(words[2], &remote, &remote_port))
+            continue;
+        live_row(std::string(words[1]) + "-" + std::string(words[2]) + " " + std::string(words[9]))
+            .set("local_address", local)
+            .set("local_port", local_port)
+            .set("remote_address", listens ? "" : remote)
+            .set("remote_port", remote_port)
+            .set("state", listens ? "LISTEN" : "ESTABLISHED")
+            .add_to(rows);
+    }
+}
+
+json_t *live_active_ports()
+{
+    json_t *rows = json_array();
+    rows_of_tcp(read_sysfile("/proc/self/net/tcp"), rows);
+    rows_of_tcp(read_sysfile("/proc/self/net/tcp6"), rows);
+    return rows;
+}
+
+} // namespace veld

@@ -1,0 +1,136 @@
+#include "veld/live/sysfile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+
+namespace veld
+{
+
+std::string read_sysfile(const char *path, size_t limit)
+{
+    std::string text;
+    int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0)
+        return text;
+    struct stat st;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+        char chunk[16384];
+        while (text.size() < limit) {
+            ssize_t got = read(fd, chunk, std::min(sizeof chunk, limit - text.size()));
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got <= 0)
+                break;
+            text.append(chunk, size_t(got));
+        }
+    }
+    close(fd);
+    return text;
+}
+
+bool next_line(std::string_view *text, std::string_view *line)
+{
+    if (text->empty())
+        return false;
+    size_t end = text->find('\n');
+    *line = text->substr(0, end);
+    text->remove_prefix(end == std::string_view::npos ? text->size() : end + 1);
+    return true;
+}
+
+std::string_view next_word(std::string_view *line)
+{
+    constexpr std::string_view blanks = " \t\r";
+    size_t begin = line->find_first_not_of(blanks);
+    if (begin == std::string_view::npos) {
+        *line = {};
+        return {};
+    }
+    line->remove_prefix(begin);
+    size_t end = std::min(line->find_first_of(blanks), line->size());
+    std::string_view word = line->substr(0, end);
+    line->remove_prefix(end);
+    return word;
+}
+
+std::optional<int64_t> to_number(std::string_view word, int base)
+{
+    int64_t number = 0;
+    auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number, base);
+    if (error != std::errc{} || end != word.data() + word.size())
+        return std::nullopt;
+    return number;
+}
+
+int64_t number_or_zero(std::string_view word)
+{
+    return to_number(word).value_or(0);
+}
+
+// Length of the well-formed UTF-8 character at the front of `text`, 0 when there is none.
+static size_t utf8_length(std::string_view text)
+{
+    auto byte = [&](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
+    unsigned lead = byte(0);
+    if (lead < 0x80)
+        return 1;
+    size_t length = lead >= 0xC2 && lead < 0xE0   ? 2
+                    : lead >= 0xE0 && lead < 0xF0 ? 3
+                    : lead >= 0xF0 && lead < 0xF5 ? 4
+                                                  : 0;
+    for (size_t i = 1; i < length; i++)
+        if ((byte(i) & 0xC0) != 0x80)
+            return 0;
+    bool overlong = (lead == 0xE0 && byte(1) < 0xA0) || (lead == 0xF0 && byte(1) < 0x90);
+    bool beyond = (lead == 0xED && byte(1) >= 0xA0) || (lead == 0xF4 && byte(1) >= 0x90);
+    return overlong || beyond ? 0 : length;
+}
+
+json_t *json_clean_text(std::string_view text, size_t limit)
+{
+    if (text.size() <= limit)
+        if (json_t *value = json_stringn(text.data(), text.size()))
+            return value;
+    std::string clean;
+    while (!text.empty()) {
+        size_t length = utf8_length(text);
+        if (clean.size() + std::max<size_t>(length, 1) > limit)
+            break;
+        if (length != 0)
+            clean.append(text.substr(0, length));
+        else
+            clean += '?';
+        text.remove_prefix(std::max<size_t>(length, 1));
+    }
+    return json_stringn(clean.data(), clean.size());
+}
+
+live_row &live_row::set(const char *field, std::string_view text)
+{
+    json_object_set_new(row_, field, json_clean_text(text));
+    return *this;
+}
+
+live_row &live_row::set(const char *field, int64_t number)
+{
+    json_object_set_new(row_, field, json_integer(number));
+    return *this;
+}
+
+live_row &live_row::set(const char *field, bool truth)
+{
+    json_object_set_new(row_, field, json_boolean(truth));
+    return *this;
+}
+
+live_row &live_row::nested(const char *table, json_t *array)
+{
+    json_object_set_new(row_, (std::string("#rows:") + table).c_str(), array);
+    return *this;
+}
+
+} // namespace veld
