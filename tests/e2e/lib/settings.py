@@ -1,0 +1,28 @@
+"""Where the programs are, and how long a test may wait. The environment overrides each value.
+
+KEST_BUILD      build directory that holds the programs `kest` and `veld` (default: build/ of the source tree)
+KEST_PATIENCE   factor on every deadline; sanitizer builds are several times slower
+"""
+
+import os
+import time
+from pathlib import Path
+
+SOURCE = Path(__file__).resolve().parents[3]
+BUILD = Path(os.environ.get("KEST_BUILD", SOURCE / "build")).resolve()
+KEST = BUILD / "kest"
+VELD = BUILD / "veld"
+MODELS = SOURCE / "models"
+
+PATIENCE = float(os.environ.get("KEST_PATIENCE", "1"))
+DEADLINE = 10.0 * PATIENCE  # seconds that one wait may take
+TEST_DEADLINE = 60.0 * PATIENCE  # seconds that one test may take
+
+
+def deadline(seconds=None):
+    """The moment (monotonic clock) at which a wait of `seconds` gives up; None is the usual deadline."""
+    return time.monotonic() + (DEADLINE if seconds is None else seconds * PATIENCE)
+
+
+def remaining(moment):
+    return max(0.0, moment - time.monotonic())
