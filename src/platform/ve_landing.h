@@ -1,6 +1,7 @@
 // What Ctrl-C jumps over. SIGINT is delivered only at wait points (ve_wait.h), where its handler may leave with
 // siglongjmp; the destructors of the frames in between do not run. A local that owns something and lives across a wait
-// point is therefore wrapped into jump_safe, which the landing releases. Main thread only.
+// point is therefore wrapped into jump_safe, which the handler releases before it jumps: after the jump the landing's own
+// calls would overwrite the frames that hold those locals. Main thread only.
 #pragma once
 
 #include <utility>
@@ -30,8 +31,10 @@ protected:
 private:
     friend ve_landing_node *ve_landing_mark();
     friend void ve_landing_release(ve_landing_node *mark);
+    friend void ve_landing_release_to_mark();
 
     static inline ve_landing_node *newest_ = nullptr;
+    static inline ve_landing_node *mark_ = nullptr;
     ve_landing_node *older_;
     ve_landing_node *newer_ = nullptr;
     destroy_fn destroy_;
@@ -55,15 +58,21 @@ private:
     static void destroy(ve_landing_node *node) { static_cast<jump_safe *>(node)->~jump_safe(); }
 };
 
-/// The newest local registered so far (null for none): where a landing stops.
+/// The newest local registered so far (null for none). Taken before a jump is armed, it is where the release stops.
 inline ve_landing_node *ve_landing_mark()
 {
-    return ve_landing_node::newest_;
+    return ve_landing_node::mark_ = ve_landing_node::newest_;
 }
 
-/// Destroys, newest first, every local registered since `mark` was taken. Called once, right after the jump landed.
+/// Destroys, newest first, every local registered since `mark` was taken.
 inline void ve_landing_release(ve_landing_node *mark)
 {
     while (ve_landing_node::newest_ != mark)
         ve_landing_node::newest_->destroy_(ve_landing_node::newest_);
+}
+
+/// The same down to the mark that was taken last: for the handler, right before it jumps.
+inline void ve_landing_release_to_mark()
+{
+    ve_landing_release(ve_landing_node::mark_);
 }

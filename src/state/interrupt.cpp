@@ -27,6 +27,7 @@ void sigint_handler(int)
     }
     server_reconnect_abort();
     sigint_buf_setted = 0;
+    ve_landing_release_to_mark(); // while the frames that hold the locals still stand
     siglongjmp(sigint_buf, 1);
 }
 
