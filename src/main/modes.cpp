@@ -1,0 +1,84 @@
+#include "main/modes.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "event/listener.h"
+#include "event/request.h"
+#include "platform/ve_json.h"
+#include "platform/ve_landing.h"
+#include "platform/ve_out.h"
+#include "platform/ve_wait.h"
+
+namespace
+{
+
+constexpr int raw_timeout_ms = 5000;
+constexpr int listen_poll_ms = 10;
+
+/// Any JSON value, scalars and texts with a NUL too; null when the text holds none.
+json_t *decode_argument(const json_t *params)
+{
+    const json_t *text = json_array_get(params, 0);
+    if (!json_is_string(text))
+        return nullptr;
+    return json_loadb(json_string_value(text), json_string_length(text), JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr);
+}
+
+/// "<< " and the value over several lines, each of them safe to show on a terminal.
+void print_answer(const json_t *answer)
+{
+    const std::unique_ptr<char, decltype(&free)> text(json_dumps(answer, JSON_INDENT(4) | JSON_ENCODE_ANY), &free);
+    ve_out_write("<< ", 3);
+    char *rest = text.get();
+    while (rest != nullptr) {
+        const char *line = strsep(&rest, "\n");
+        ve_puts(ve_visible(line));
+    }
+}
+
+void act_stop(int)
+{
+    stop_event_handler();
+}
+
+} // namespace
+
+int mode_run_raw(const json_t *params)
+{
+    const jump_safe<json_ref> json(decode_argument(params));
+    if (!json) {
+        ve_puts("Invalid raw JSON message.");
+        return -1;
+    }
+    const jump_safe<msg_ref> message(ve_jrpcmsg_parse_json(json.get()));
+    if (!message) {
+        ve_puts("Incorrect message.");
+        return -1;
+    }
+    if (ve_jrpcmsg_typeof(message.get()) != ve_jrpcmsg_request)
+        return msg_send(message.get());
+    msg_exec(message.get(), raw_timeout_ms);
+    const json_ref answer(ve_jrpcmsg_json(message.get()));
+    print_answer(answer.get());
+    return ve_jrpcmsg_error_code(message.get());
+}
+
+int mode_run_listen()
+{
+    struct sigaction action = {};
+    action.sa_handler = act_stop;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    while (is_running())
+        ve_wait_sleep_ms(listen_poll_ms);
+    return 0;
+}
+
+int mode_run_event(uint32_t id, const json_t *params)
+{
+    const jump_safe<msg_ref> message(ve_jrpcmsg_create_event_new(id, decode_argument(params)));
+    return ve_jrpcapi_send(group_ctx, message.get());
+}

@@ -1,0 +1,200 @@
+#include "main/script.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "dispatch/table.h"
+#include "platform/ve_json.h"
+#include "platform/ve_landing.h"
+#include "platform/ve_out.h"
+#include "platform/ve_wait.h"
+#include "utils/words.h"
+
+namespace
+{
+
+constexpr size_t block_size = 65536;
+constexpr std::string_view blanks = " \t";
+
+/// Reads lines of any length from a file, a pipe or a terminal; waiting for the latter two is a wait point.
+class line_reader
+{
+public:
+    /// A directory cannot be opened, though the system would.
+    explicit line_reader(const char *path) : fd_(path != nullptr ? open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1)
+    {
+        struct stat info;
+        if (fd_ >= 0 && (fstat(fd_, &info) != 0 || S_ISDIR(info.st_mode)))
+            close(std::exchange(fd_, -1));
+    }
+    ~line_reader()
+    {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    line_reader(const line_reader &) = delete;
+    line_reader &operator=(const line_reader &) = delete;
+
+    bool is_open() const { return fd_ >= 0; }
+    /// 0 until a read failed.
+    int error() const { return error_; }
+
+    /// The next line, without its line feed; false at the end of the file.
+    bool next(std::string &line)
+    {
+        line.clear();
+        for (;;) {
+            const size_t end = buffer_.find('\n', position_);
+            if (end != std::string::npos) {
+                line.append(buffer_, position_, end - position_);
+                position_ = end + 1;
+                return true;
+            }
+            line.append(buffer_, position_, std::string::npos);
+            if (!fill())
+                return !line.empty();
+        }
+    }
+
+private:
+    bool fill()
+    {
+        buffer_.resize(block_size);
+        position_ = 0;
+        ssize_t count;
+        while ((count = read(fd_, buffer_.data(), block_size)) < 0 && (errno == EAGAIN || errno == EINTR)) {
+            pollfd wait = {fd_, POLLIN, 0};
+            if (ve_wait_poll(&wait, 1, -1) < 0)
+                break;
+        }
+        if (count < 0)
+            error_ = errno;
+        buffer_.resize(count > 0 ? static_cast<size_t>(count) : 0);
+        return count > 0;
+    }
+
+    int fd_;
+    int error_ = 0;
+    std::string buffer_;
+    size_t position_ = 0;
+};
+
+/// The words of a line: no quotes here, and a word that begins with "#" ends them.
+std::vector<std::string_view> split_blanks(std::string_view line)
+{
+    std::vector<std::string_view> words;
+    size_t begin = line.find_first_not_of(blanks);
+    while (begin != std::string_view::npos && line[begin] != '#') {
+        const size_t end = line.find_first_of(blanks, begin);
+        words.push_back(line.substr(begin, end - begin));
+        begin = line.find_first_not_of(blanks, end);
+    }
+    return words;
+}
+
+void sleep_seconds(const std::string &number)
+{
+    ve_out_flush();
+    for (long left = strtol(number.c_str(), nullptr, 10); left > 0;) {
+        constexpr long most = INT_MAX / 1000;
+        const long now = left < most ? left : most;
+        if (ve_wait_sleep_ms(static_cast<int>(now) * 1000) < 0)
+            return;
+        left -= now;
+    }
+}
+
+/// Does "echo" and "sleep". False when `word`, the first of `line`, is neither.
+bool run_builtin(const std::string &line, std::string_view word)
+{
+    if (word != "echo" && word != "sleep")
+        return false;
+    const size_t end = static_cast<size_t>(word.data() - line.data()) + word.size();
+    const std::string rest = end < line.size() ? line.substr(end + 1) : std::string();
+    if (word == "sleep") {
+        sleep_seconds(rest);
+    } else {
+        ve_out_write(rest.data(), rest.size());
+        ve_out_write("\n", 1);
+    }
+    return true;
+}
+
+/// A binary file is told apart by its bytes: neither a NUL nor what is no UTF-8 can stand in a command.
+int refuse(const char *path, size_t number)
+{
+    ve_out_flush();
+    fprintf(stderr, "%s: line %zu is not text.\n", path, number);
+    return -1;
+}
+
+/// Runs one joined line into `*result`; what is no text is refused with -1.
+void run_line(const std::string &line, int flags, const char *path, size_t number, int *result)
+{
+    const std::vector<std::string_view> words = split_blanks(line);
+    if (words.empty() || run_builtin(line, words.front()))
+        return;
+    const jump_safe<json_ref> args(json_array());
+    const jump_safe<json_ref> command(json_stringn(words.front().data(), words.front().size()));
+    bool text = static_cast<bool>(command);
+    for (size_t i = 1; i < words.size() && text; i++)
+        text = json_array_append_new(args.get(), json_stringn(words[i].data(), words[i].size())) == 0;
+    if (!text) {
+        *result = refuse(path, number);
+        return;
+    }
+    const char *const name = json_string_value(command.get());
+    *result = (flags & 1) != 0 ? exec_cmd(name, args.get()) : exec_request(name, args.get());
+}
+
+} // namespace
+
+int run_script(const char *path, int flags)
+{
+    jump_safe<line_reader> reader(path);
+    if (!reader.is_open()) {
+        ve_printf("Cannot open script file %s\n", path != nullptr ? path : "(null)");
+        return -1;
+    }
+    jump_safe<std::string> line;
+    jump_safe<std::string> pending;
+    bool is_pending = false;
+    int result = 0;
+    for (size_t number = 1; result >= 0 && reader.next(line); number++) {
+        ve_wait_checkpoint();
+        if (line.find('\0') != std::string::npos) {
+            result = refuse(path, number);
+            break;
+        }
+        const bool complete = line_completed(line.c_str()) != 0;
+        if (!complete && line.ends_with('\\'))
+            line.pop_back();
+        if (!complete || is_pending) {
+            pending += line;
+            is_pending = true;
+        }
+        if (!complete)
+            continue;
+        const std::string &text = is_pending ? pending : line;
+        if (text.empty() || text.front() == '#')
+            continue; // a pending text stays and takes in the next line
+        run_line(text, flags, path, number, &result);
+        ve_out_flush();
+        pending.clear();
+        is_pending = false;
+    }
+    if (reader.error() != 0) {
+        fprintf(stderr, "%s: the script cannot be read to its end.\n", path);
+        result = -1;
+    }
+    return result;
+}

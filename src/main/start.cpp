@@ -1,0 +1,188 @@
+#include "main/start.h"
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "cdpath/cdpath.h"
+#include "cline/cline.h"
+#include "dispatch/table.h"
+#include "event/listener.h"
+#include "event/request.h"
+#include "lua/lua_mode.h"
+#include "main/modes.h"
+#include "main/script.h"
+#include "platform/ve_json.h"
+#include "platform/ve_log.h"
+#include "platform/ve_out.h"
+#include "platform/ve_wait.h"
+#include "shell/completion.h"
+#include "shell/shell.h"
+#include "state/editor.h"
+#include "state/prompt.h"
+#include "state/scheme.h"
+
+namespace
+{
+
+constexpr int request_timeout_ms = 5000;
+constexpr int group_timeout_ms = 100;
+constexpr int join_timeout_ms = 1000;
+/// The daemon's notices of added and deleted instances.
+constexpr int32_t instance_group = 4;
+constexpr size_t config_path_size = 256;
+
+/// A descriptor that was closed by whoever started the program must not become a link to the daemon.
+void fill_standard_descriptors()
+{
+    for (int fd = open("/dev/null", O_RDWR); fd >= 0; fd = open("/dev/null", O_RDWR)) {
+        if (fd > STDERR_FILENO) {
+            close(fd);
+            return;
+        }
+    }
+}
+
+/// Leaves the context at the time-out of the join.
+int join_group(ve_jrpcapi *ctx, int32_t group)
+{
+    const msg_ref message(ve_jrpcmsg_cmd_join_group(group, ve_jrpcapi_session(),
+                                                    (ve_jrpcapi_get_flags(ctx) & ve_jrpcapi_flag_events) != 0));
+    ve_jrpcapi_set_timeout(ctx, join_timeout_ms);
+    return ve_jrpcapi_exec(ctx, message.get());
+}
+
+/// Opens both links, joins the groups and starts the listener. A daemon that is not there shows later.
+void open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *group)
+{
+    ve_jrpcapi *const both[] = {request, group};
+    if (options.ssl != 0) {
+        for (ve_jrpcapi *ctx : both)
+            ve_jrpcapi_set_flags(ctx, ve_jrpcapi_get_flags(ctx) | ve_jrpcapi_flag_ssl);
+    }
+    if (options.address != nullptr || options.unixpath != nullptr) {
+        for (ve_jrpcapi *ctx : both)
+            ve_jrpcapi_set_destination(ctx, options.address, options.unixpath, ve_socket_unix);
+    }
+    ve_jrpcapi_set_timeout(request, request_timeout_ms);
+    ve_jrpcapi_set_timeout(group, group_timeout_ms);
+    for (ve_jrpcapi *ctx : both)
+        ve_jrpcapi_connect(ctx);
+    ve_confapi_set_ctx(request);
+    ve_jrpcapi_set_flags(group, ve_jrpcapi_get_flags(request) | ve_jrpcapi_flag_events);
+    join_group(group, instance_group);
+    for (uint32_t i = 0; i < options.groups_count; i++)
+        join_group(request, options.groups[i]);
+    if (start_event_handler(request, group) != 0)
+        fprintf(stderr, "Cannot start the event listener.\n");
+}
+
+const char *home_directory()
+{
+    if (const char *home = getenv("HOME"))
+        return home;
+    const passwd *entry = getpwuid(getuid());
+    return entry != nullptr && entry->pw_dir != nullptr ? entry->pw_dir : "";
+}
+
+/// Runs the configuration file, if there is one, with its output hidden.
+void run_config(const char *path)
+{
+    char default_path[config_path_size];
+    if (path == nullptr) {
+        snprintf(default_path, sizeof default_path, "%s/.local/kest/config", home_directory());
+        path = default_path;
+    }
+    struct stat info;
+    if (stat(path, &info) != 0 || !S_ISREG(info.st_mode))
+        return;
+    if (access(path, R_OK) != 0) {
+        fprintf(stderr, "%s: %s\n", path, strerror(errno));
+        return;
+    }
+    ve_out_flush();
+    const int kept = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    const int hidden = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (kept >= 0 && hidden >= 0) {
+        dup2(hidden, STDOUT_FILENO);
+        ve_out_reopened();
+        run_script(path, 1);
+        ve_out_flush();
+        dup2(kept, STDOUT_FILENO);
+        ve_out_reopened();
+    }
+    if (hidden >= 0)
+        close(hidden);
+    if (kept >= 0)
+        close(kept);
+}
+
+int enter_mode(const cline_options &options)
+{
+    switch (options.mode) {
+    case mode_raw:
+        return mode_run_raw(options.params);
+    case mode_listen:
+        return mode_run_listen();
+    case mode_request:
+        return exec_request(options.name, options.params);
+    case mode_notify:
+        ve_puts("Unsupported :(");
+        return 0;
+    case mode_event:
+        return mode_run_event(options.event, options.params);
+    case mode_script:
+        return run_script(
+            options.script != nullptr ? options.script : json_string_value(json_array_get(options.params, 0)), 0);
+    case mode_lua_script:
+        return run_lua_script(options.script, options.params);
+    default:
+        return shell_loop();
+    }
+}
+
+/// What lower floors call on upper ones.
+void connect_units()
+{
+    request_set_hooks({prompt_update_path, reload_dm});
+    kest_readline_set_callbacks(shell_autocomplete, shell_hint);
+}
+
+} // namespace
+
+int kest_main(int argc, char **argv)
+{
+    ve_wait_init();
+    ve_log_allocations_are_fatal();
+    fill_standard_descriptors();
+    connect_units();
+
+    ve_jrpcapi *const request = ve_jrpcapi_init();
+    ve_jrpcapi *const group = ve_jrpcapi_init();
+    cline_options options = {};
+    const json_ref params(json_array());
+    options.params = params.get();
+
+    int result;
+    const int parsed = cline_parse(argc, argv, &options);
+    if (parsed == 0) {
+        open_links(options, request, group);
+        run_config(options.config);
+        result = enter_mode(options);
+        ve_out_flush();
+        stop_event_handler();
+    } else {
+        result = parsed == 1 ? EXIT_SUCCESS : EXIT_FAILURE;
+    }
+    ve_jrpcapi_deinit(request);
+    ve_jrpcapi_deinit(group);
+    free(saved_login);
+    free(saved_pass);
+    return result & 0xff;
+}
