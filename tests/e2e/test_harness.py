@@ -43,7 +43,7 @@ def test_a_terminal_shows_text_colours_and_the_cursor(terminal):
                     columns=20, rows=5)
     term.wait_for("x>")
     assert term.lines == ["ared", "日x>"]
-    assert term.colours(0) == [("a", "default"), ("red", "red"), (" " * 16, "default")]
+    assert term.colours(0) == [("a", "default"), ("red", "red")]
     assert term.cursor == (1, 5)
     term.type("hello" + Key.ENTER)
     assert term.wait_exit() == 0

@@ -1,0 +1,31 @@
+# The front door. What a target needs is installed with apt if it is missing.
+PREFIX ?= /usr/local
+DESTDIR ?=
+BUILD ?= build
+
+.PHONY: all demo test bench install format clean
+
+all:
+	@scripts/need build
+	@scripts/build $(BUILD)
+
+demo: all
+	@scripts/demo $(BUILD)
+
+test:
+	@scripts/test
+
+bench:
+	@scripts/need bench
+	@scripts/build build-bench -DKEST_BENCH=ON -DKEST_TESTS=OFF
+	@bench/run build-bench
+
+install: all
+	@DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)" --strip
+
+format:
+	@scripts/need test
+	@scripts/format
+
+clean:
+	rm -rf build build-asan build-tsan build-bench
