@@ -1,6 +1,6 @@
 """Where the programs are, and how long a test may wait. The environment overrides each value.
 
-KEST_BUILD      build directory that holds the programs `kest` and `veld` (default: build/ of the source tree)
+KEST_BUILD      build directory whose bin/ holds the programs `kest` and `veld` (default: build/ of the source tree)
 KEST_PATIENCE   factor on every deadline; sanitizer builds are several times slower
 """
 
@@ -10,8 +10,8 @@ from pathlib import Path
 
 SOURCE = Path(__file__).resolve().parents[3]
 BUILD = Path(os.environ.get("KEST_BUILD", SOURCE / "build")).resolve()
-KEST = BUILD / "kest"
-VELD = BUILD / "veld"
+KEST = BUILD / "bin" / "kest"
+VELD = BUILD / "bin" / "veld"
 MODELS = SOURCE / "models"
 
 PATIENCE = float(os.environ.get("KEST_PATIENCE", "1"))
