@@ -3,6 +3,11 @@
 
 #include <jansson.h>
 
+/// Appends the candidates for the word at byte `cursor` of `line`, and tells the editor where the part that they
+/// replace begins. May ask the daemon, but never reconnects; an abandoned wait gives no candidates.
 void shell_autocomplete(const char *line, size_t cursor, json_t *candidates);
-/// A newly allocated text, or null.
+/// What Tab would insert behind the end of `line`: a newly allocated text, or null.
 char *shell_hint(const char *line);
+
+/// A new line is about to be read: what was collected for the last one (the programs in PATH) is collected anew.
+void completion_begin_line();

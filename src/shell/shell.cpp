@@ -1,0 +1,181 @@
+#include "shell/shell.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "cdpath/cdpath.h"
+#include "commands/navigation.h"
+#include "dispatch/table.h"
+#include "event/listener.h"
+#include "event/request.h"
+#include "platform/ve_history.h"
+#include "platform/ve_json.h"
+#include "platform/ve_landing.h"
+#include "platform/ve_log.h"
+#include "platform/ve_out.h"
+#include "platform/ve_rl.h"
+#include "platform/ve_wait.h"
+#include "shell/completion.h"
+#include "shell/history_expand.h"
+#include "state/editor.h"
+#include "state/interrupt.h"
+#include "state/prompt.h"
+#include "state/record.h"
+#include "state/scheme.h"
+#include "utils/words.h"
+
+namespace
+{
+
+constexpr char lua_prefix[] = "lua ";
+constexpr size_t passwd_buffer_size = 16384;
+
+struct free_deleter {
+    void operator()(void *memory) const { free(memory); }
+};
+using text_ptr = std::unique_ptr<char, free_deleter>;
+
+void print_banner()
+{
+    ve_puts("Veltro Management System client.");
+    ve_puts("***\nWARNING - for experts only!\n"
+            "This tool is not intended to use by users 'cause it can cause harm to the device!\n***");
+    ve_puts("Interactive mode. \nEnter 'help' or '?' for help, 'q' for exit.");
+}
+
+/// Logs the user of this process in, whom the daemon knows by the socket's credentials.
+void login_as_process_user()
+{
+    const ve_socket *socket = ve_jrpcapi_socket(request_ctx);
+    if (socket == nullptr || ve_socket_type(socket) != ve_socket_unix)
+        return;
+    const long wanted = sysconf(_SC_GETPW_R_SIZE_MAX);
+    const size_t size = wanted > 0 ? static_cast<size_t>(wanted) : passwd_buffer_size;
+    const text_ptr buffer(static_cast<char *>(ve_xmalloc(size, "try_login", __LINE__, "shell")));
+    passwd entry;
+    passwd *found = nullptr;
+    if (getpwuid_r(getuid(), &entry, buffer.get(), size, &found) != 0 || found == nullptr || found->pw_name == nullptr)
+        return;
+    if (ve_jrpcapi_login(request_ctx, found->pw_name, nullptr) == 0)
+        kest_update_login(found->pw_name, nullptr);
+}
+
+void try_login()
+{
+    // The reverse of every other test on a login: a name that is refused stays in the prompt, one that is accepted
+    // gives way to the user of this process.
+    if (saved_login != nullptr && ve_jrpcapi_login(request_ctx, saved_login, saved_pass) != 0)
+        kest_update_login(saved_login, saved_pass);
+    else
+        login_as_process_user();
+}
+
+/// Runs one command; Ctrl-C leaves it. The caller's locals outlive the jump, and nothing else stands between.
+void run_command(const char *name, json_t *words)
+{
+    // A SIGINT that is not at its default is somebody else's: the line is then dropped.
+    if (sigint_buf_setted == 0 && signal(SIGINT, sigint_handler) == SIG_DFL) {
+        ve_landing_node *const mark = ve_landing_mark();
+        if (sigsetjmp(sigint_buf, 1) == 0) {
+            sigint_buf_setted = 1;
+            exec_cmd(name, words);
+            ve_out_flush();
+        } else {
+            interrupt_land(mark);
+        }
+    }
+    ve_wait_discard_sigint(); // it came too late for its command
+    signal(SIGINT, SIG_DFL);
+    sigint_buf_setted = 0;
+}
+
+/// The words of a line into `words`. What follows "lua " is one word. False when the line is no text.
+bool split_line(const std::string &line, json_t *words)
+{
+    if (line.starts_with(lua_prefix)) {
+        json_array_append_new(words, json_string("lua"));
+        return json_array_append_new(words, json_string(line.c_str() + strlen(lua_prefix))) == 0;
+    }
+    const json_ref split(str_split(line.c_str(), -1, nullptr));
+    return split && json_array_extend(words, split.get()) == 0;
+}
+
+void run_line(std::string &line, json_t *words)
+{
+    json_array_clear(words);
+    if (history_expand(line) > 0)
+        ve_puts(ve_visible(line.c_str()));
+    if (!split_line(line, words)) {
+        ve_puts("The line is not valid UTF-8 text.");
+        return;
+    }
+    if (isspace(static_cast<unsigned char>(line[0])) == 0)
+        ve_history_add(line.c_str());
+    const json_ref command = json_ref::share(json_array_get(words, 0));
+    json_array_remove(words, 0);
+    ve_out_flush();
+    if (record_check() != 0)
+        record_increment();
+    run_command(json_string_value(command.get()), words);
+}
+
+bool is_quit(const char *line)
+{
+    return strcmp(line, "q") == 0 || strcmp(line, "quit") == 0;
+}
+
+void read_lines()
+{
+    std::string text;
+    const json_ref words(json_array());
+    while (is_running()) {
+        completion_begin_line();
+        const text_ptr line(ve_rl(prompt_get(), -1));
+        if (ve_rl_ctrld_is_pressed())
+            return;
+        if (!line || line.get()[0] == '\0')
+            continue;
+        if (!is_quit(line.get())) {
+            text = line.get();
+            run_line(text, words.get());
+        } else if (record_check() != 0) {
+            record_commit();
+        } else {
+            return;
+        }
+    }
+}
+
+} // namespace
+
+int shell_loop()
+{
+    print_banner();
+    try_login();
+    if (reload_dm() == nullptr) {
+        ve_puts("Error connecting to VELD server");
+        return -1;
+    }
+    kest_readline_prepare();
+    cdpath_new(&cwd);
+    {
+        const json_ref no_words(json_array());
+        process_cd("cd", no_words.get());
+    }
+    read_lines();
+
+    json_decref(dm);
+    dm = nullptr;
+    cdpath_free(&cwd);
+    cdpath_free(&old_cwd);
+    kest_readline_cleanup();
+    ve_history_clear();
+    return 0;
+}
