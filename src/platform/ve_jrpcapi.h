@@ -1,5 +1,5 @@
 // Client contexts: a link to the daemon and the exchanges over it. A context is used by one thread at a time, but for
-// ve_jrpcapi_wake.
+// ve_jrpcapi_wake, and for a thread that receives while another one sends.
 #pragma once
 
 #include <cstdint>
@@ -33,12 +33,17 @@ int ve_jrpcapi_connect(ve_jrpcapi *ctx);
 void ve_jrpcapi_disconnect(ve_jrpcapi *ctx);
 /// Why the last connect failed, for people; empty when it did not. Borrowed until the next connect.
 const char *ve_jrpcapi_connect_error(const ve_jrpcapi *ctx);
+/// True when the last connect failed for a reason that waiting for the daemon does not cure: a destination that makes
+/// no sense, a name nobody knows, a certificate that is not trusted.
+bool ve_jrpcapi_connect_error_lasts(const ve_jrpcapi *ctx);
 
 /// Sends a request and stores its answer into it. Returns 0 when an answer came (an error answer too), else negative,
 /// with the message completed by ve_jrpc_err_timeout or ve_jrpc_err_lost and ve_jrpcapi_get_socket_err telling why.
 /// A late answer of an earlier exchange is dropped. A wait point; after an interrupted exchange the link stays usable.
 int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message);
-/// Sends without waiting for an answer. Returns 0 or negative.
+/// Gives a request the id that the next send will use, for those who await the answer elsewhere.
+void ve_jrpcapi_prepare(ve_jrpcapi *ctx, ve_jrpcmsg *message);
+/// Sends without waiting for an answer. Returns 0 or negative. On a link that another thread reads (flag 2) too.
 int ve_jrpcapi_send(ve_jrpcapi *ctx, ve_jrpcmsg *message);
 /// The next event or answer, owned by the caller; null when none came (ve_jrpcapi_get_socket_err says why).
 /// Notifications of no known kind are passed over.
@@ -52,7 +57,7 @@ void ve_jrpcapi_wake(ve_jrpcapi *ctx);
 int ve_jrpcapi_login(ve_jrpcapi *ctx, const char *user, const char *password);
 int ve_jrpcapi_logout(ve_jrpcapi *ctx);
 
-/// Error of the last operation on the link (ve_socket_error).
+/// Error of the calling thread's last operation on the link (ve_socket_error).
 int ve_jrpcapi_get_socket_err(const ve_jrpcapi *ctx);
 /// The link's socket, borrowed; null when there is none.
 ve_socket *ve_jrpcapi_socket(const ve_jrpcapi *ctx);

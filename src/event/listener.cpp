@@ -1,0 +1,195 @@
+#include "event/listener.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <mutex>
+#include <pthread.h>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+#include <utility>
+
+#include "event/replies.h"
+#include "event/request.h"
+#include "platform/ve_json.h"
+#include "platform/ve_out.h"
+#include "platform/ve_rl.h"
+
+namespace
+{
+
+constexpr size_t event_instance_changed = 4;
+
+std::atomic<int> running{1};
+std::atomic<bool> started{false}; // the thread is there to be joined
+pthread_t thread_id;
+int pipe_fds[2] = {-1, -1};
+
+std::mutex add_del_queue_lock;
+json_t *add_del_queue = nullptr; // guarded by add_del_queue_lock
+
+int append_chunk(const char *data, size_t size, void *out)
+{
+    static_cast<std::string *>(out)->append(data, size);
+    return 0;
+}
+
+/// JSON leaves DEL and the C1 controls as they are; on a terminal they are shown as escapes.
+std::string escape_controls(std::string_view text)
+{
+    std::string shown;
+    shown.reserve(text.size());
+    for (size_t at = 0; at < text.size(); ++at) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const auto next = at + 1 < text.size() ? static_cast<unsigned char>(text[at + 1]) : 0U;
+        char escape[8];
+        if (byte == 0x7f) {
+            shown += "\\u007f";
+        } else if (byte == 0xc2 && next >= 0x80 && next < 0xa0) {
+            snprintf(escape, sizeof escape, "\\u%04x", next);
+            shown += escape;
+            ++at;
+        } else {
+            shown += text[at];
+        }
+    }
+    return shown;
+}
+
+void print_event(const ve_jrpcmsg *event)
+{
+    char header[64];
+    snprintf(header, sizeof header, "\nEVENT %zu:\n", ve_jrpcmsg_event_id(event));
+    std::string text = header;
+    if (const json_t *value = ve_jrpcmsg_event_value(event)) {
+        json_dump_callback(value, append_chunk, &text, JSON_INDENT(4) | JSON_ENCODE_ANY);
+        text += '\n';
+    }
+    if (isatty(STDOUT_FILENO) != 0)
+        text = escape_controls(text);
+    ve_rl_write_control_char(pipe_fds[1], ve_rl_hide);
+    ve_out_direct(text.data(), text.size());
+    ve_rl_write_control_char(pipe_fds[1], ve_rl_show);
+}
+
+void queue_instance(const json_t *value)
+{
+    json_t *action = json_object_get(value, "Action");
+    json_t *path = json_object_get(value, "Path");
+    json_t *number = json_object_get(value, "InstanceNumber");
+    if (!json_is_string(action) || !json_is_string(path) || !json_is_integer(number))
+        return;
+    json_t *notice = json_pack("{s:O, s:O, s:O}", "Action", action, "Path", path, "InstanceNumber", number);
+    const std::scoped_lock lock(add_del_queue_lock);
+    if (add_del_queue == nullptr)
+        add_del_queue = json_array();
+    json_array_append_new(add_del_queue, notice);
+}
+
+void link_dropped()
+{
+    static constexpr char text[] = "Connection dropped\n";
+    if (running.exchange(0) == 0) {
+        ve_out_direct(text, sizeof text - 1);
+        return;
+    }
+    ve_rl_write_control_char(pipe_fds[1], ve_rl_hide);
+    ve_out_direct(text, sizeof text - 1);
+    ve_rl_write_control_char(pipe_fds[1], ve_rl_stop);
+}
+
+void *event_thread(void *)
+{
+    while (running != 0) {
+        msg_ref message(ve_jrpcapi_recv(group_ctx));
+        if (!message) {
+            const int error = ve_jrpcapi_get_socket_err(group_ctx);
+            if (error == ve_socket_err_timeout || error == ve_socket_err_interrupted)
+                continue;
+            link_dropped();
+            break;
+        }
+        switch (ve_jrpcmsg_event_id(message.get())) {
+        case 0:
+            replies_put(message.release());
+            break;
+        case event_instance_changed:
+            queue_instance(ve_jrpcmsg_event_value(message.get()));
+            break;
+        default:
+            print_event(message.get());
+        }
+    }
+    return nullptr;
+}
+
+void close_pipe()
+{
+    for (int &fd : pipe_fds) {
+        if (fd >= 0)
+            close(fd);
+        fd = -1;
+    }
+}
+
+/// Joins the thread. It may be stuck in writing to an output that nobody reads; then a further Ctrl-C ends the program.
+void join_thread()
+{
+    timespec limit;
+    clock_gettime(CLOCK_REALTIME, &limit);
+    limit.tv_sec += 1;
+    if (pthread_timedjoin_np(thread_id, nullptr, &limit) != ETIMEDOUT)
+        return;
+    sigset_t interrupt;
+    sigset_t before;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    signal(SIGINT, SIG_DFL);
+    pthread_sigmask(SIG_UNBLOCK, &interrupt, &before);
+    pthread_join(thread_id, nullptr);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+} // namespace
+
+int start_event_handler(ve_jrpcapi *request, ve_jrpcapi *group)
+{
+    request_ctx = request;
+    group_ctx = group;
+    running = 1;
+    if (pipe2(pipe_fds, O_CLOEXEC | O_NONBLOCK) == 0)
+        ve_rl_set_control_fd(pipe_fds[0]);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &before);
+    const int result = pthread_create(&thread_id, nullptr, event_thread, nullptr);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    started = result == 0;
+    return result;
+}
+
+void stop_event_handler()
+{
+    running = 0;
+    if (!started.exchange(false))
+        return;
+    ve_jrpcapi_wake(group_ctx);
+    join_thread();
+    ve_rl_set_control_fd(-1);
+    close_pipe();
+}
+
+bool is_running()
+{
+    return running != 0;
+}
+
+json_t *fetch_instance_queue()
+{
+    const std::unique_lock lock(add_del_queue_lock, std::try_to_lock);
+    return lock.owns_lock() ? std::exchange(add_del_queue, nullptr) : nullptr;
+}

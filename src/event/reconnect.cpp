@@ -1,0 +1,139 @@
+// Getting a lost request link back, with a spinner.
+#include "event/reconnect.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <pthread.h>
+#include <string>
+
+#include "event/request.h"
+#include "platform/ve_landing.h"
+#include "platform/ve_out.h"
+#include "platform/ve_rl.h"
+#include "platform/ve_wait.h"
+
+namespace
+{
+
+constexpr int usual_timeout_ms = 5000;
+constexpr int logout_timeout_ms = 1000;
+constexpr long spinner_pause_ns = 250'000'000;
+constexpr size_t spinner_stack_size = size_t{128} << 10;
+
+// The spinner that may draw: its number, or 0 for none. Cleared by a signal handler too. A thread that Ctrl-C left
+// behind finds another number here and ends.
+std::atomic<unsigned> active_spinner{0};
+static_assert(std::atomic<unsigned>::is_always_lock_free);
+std::mutex draw_lock; // held while drawing; the main thread never waits with it, nor for it but at wait points
+
+bool under_way = false;
+
+struct reconnect_scope {
+    reconnect_scope() { under_way = true; }
+    reconnect_scope(const reconnect_scope &) = delete;
+    reconnect_scope &operator=(const reconnect_scope &) = delete;
+    ~reconnect_scope() { under_way = false; }
+};
+
+struct spinner {
+    std::string text;
+    unsigned number;
+};
+
+void *reconnect_progress(void *argument)
+{
+    const std::unique_ptr<spinner> self(static_cast<spinner *>(argument));
+    for (;;) {
+        const timespec pause{.tv_sec = 0, .tv_nsec = spinner_pause_ns};
+        nanosleep(&pause, nullptr);
+        const std::scoped_lock lock(draw_lock);
+        if (active_spinner != self->number)
+            return nullptr;
+        ve_rl_draw_circle_progress(self->text.c_str());
+    }
+}
+
+/// Draws the first picture and starts the thread that draws the others.
+void spinner_start(const char *text)
+{
+    static unsigned last_number = 0;
+    if (++last_number == 0)
+        ++last_number;
+    ve_rl_draw_circle_progress(text);
+    active_spinner = last_number;
+    auto *const self = new spinner{.text = text, .number = last_number};
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, spinner_stack_size);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    pthread_sigmask(SIG_BLOCK, &all, &before);
+    pthread_t thread;
+    if (pthread_create(&thread, &attributes, reconnect_progress, self) != 0)
+        delete self;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_attr_destroy(&attributes);
+}
+
+/// Returns once the spinner draws no more. A wait point.
+void spinner_stop()
+{
+    active_spinner = 0;
+    while (!draw_lock.try_lock())
+        if (ve_wait_sleep_ms(1) < 0)
+            return;
+    draw_lock.unlock();
+}
+
+/// Says on standard error why connecting is in vain, once for each reconnect.
+void tell_lasting_error(bool *told, const char *before)
+{
+    if (*told || !ve_jrpcapi_connect_error_lasts(request_ctx))
+        return;
+    *told = true;
+    fprintf(stderr, "%skest: %s\n", before, ve_visible(ve_jrpcapi_connect_error(request_ctx)));
+}
+
+} // namespace
+
+bool reconnect_under_way()
+{
+    return under_way;
+}
+
+json_t *server_reconnect(const char *text)
+{
+    const jump_safe<reconnect_scope> scope;
+    bool told = false;
+    tell_lasting_error(&told, "");
+    ve_jrpcapi_set_timeout(request_ctx, logout_timeout_ms);
+    ve_jrpcapi_logout(request_ctx);
+    ve_jrpcapi_set_timeout(request_ctx, usual_timeout_ms);
+    ve_out_flush();
+    spinner_start(text);
+    ve_jrpcapi_disconnect(request_ctx);
+    while (ve_socket_state(ve_jrpcapi_socket(request_ctx)) != ve_socket_connected) {
+        if (ve_jrpcapi_connect(request_ctx) == 0)
+            continue;
+        if (ve_jrpcapi_get_socket_err(request_ctx) == ve_socket_err_interrupted) {
+            spinner_stop();
+            return nullptr;
+        }
+        tell_lasting_error(&told, "\n");
+    }
+    spinner_stop();
+    ve_puts("");
+    ve_out_flush();
+    return kest_update_login(nullptr, nullptr);
+}
+
+void server_reconnect_abort()
+{
+    active_spinner = 0;
+}
