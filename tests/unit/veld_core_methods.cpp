@@ -1,0 +1,555 @@
+// The methods as the daemon runs them: started, stepped whenever their descriptor is readable, ended by themselves.
+#include "veld/methods/methods.h"
+
+#include "veld/methods/dns_message.h"
+#include "veld/methods/job.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+using namespace veld;
+
+namespace
+{
+
+std::string no_text(std::string_view)
+{
+    return "";
+}
+
+json_ref parse(const char *text)
+{
+    return json_ref(json_loads(text, 0, nullptr));
+}
+
+const char *const ping_defaults =
+    R"({"Interface":"","ProtocolVersion":"Any","Host":"127.0.0.1","NumberOfRepetitions":3,"Timeout":2000,)"
+    R"("DataBlockSize":64,"DSCP":0})";
+const char *const lookup_defaults =
+    R"({"Interface":"","HostName":"host.example","DNSServer":"","Timeout":2000,"NumberOfRepetitions":1})";
+
+// Steps the job to its end, calling `meanwhile` whenever 20 ms pass without it. How long it may take is bounded.
+method_outcome run(
+    const char *name, const json_ref &input, const std::function<void()> &meanwhile = [] {},
+    const std::function<std::string(std::string_view)> &text_of = no_text)
+{
+    method_outcome outcome;
+    std::unique_ptr<method_job> job = method_start(name, input.get(), text_of, &outcome);
+    int64_t start = job_clock_us();
+    int steps = 0;
+    while (job) {
+        pollfd waits = {job->fd(), POLLIN, 0};
+        if (poll(&waits, 1, 20) == 0) {
+            meanwhile();
+            if (job_clock_us() - start > 60000000) {
+                ADD_FAILURE() << "the job does not end";
+                break;
+            }
+            continue;
+        }
+        steps++;
+        meanwhile();
+        if (job->step()) {
+            outcome = std::move(job->outcome());
+            job.reset();
+        }
+    }
+    EXPECT_LT(steps, 500) << "the descriptor is readable although there is nothing to do";
+    return outcome;
+}
+
+const json_t *output(const method_outcome &of, const std::string &name)
+{
+    size_t i = 0;
+    json_t *entry = nullptr;
+    json_array_foreach(
+        of.output.get(), i,
+        entry) if (name == json_string_value(json_object_get(entry, "Name"))) return json_object_get(entry, "Value");
+    return nullptr;
+}
+
+std::string text(const method_outcome &of, const std::string &name)
+{
+    const char *value = json_string_value(output(of, name));
+    return value != nullptr ? value : "(none)";
+}
+
+json_int_t number(const method_outcome &of, const std::string &name)
+{
+    const json_t *value = output(of, name);
+    return json_is_integer(value) ? json_integer_value(value) : -1;
+}
+
+bool raise_loopback()
+{
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    ifreq request = {};
+    strcpy(request.ifr_name, "lo");
+    request.ifr_flags = IFF_UP;
+    bool up = ioctl(fd, SIOCSIFFLAGS, &request) == 0;
+    close(fd);
+    return up;
+}
+
+// Runs `body` in a process of its own, in a network of its own whose loopback is up, as the kernel lets us; ICMP
+// sockets are allowed there to everybody or to nobody. The process's failures are the test's.
+void in_own_network(bool allow_icmp, const std::function<void()> &body)
+{
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        bool apart = unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0;
+        FILE *range = apart ? fopen("/proc/sys/net/ipv4/ping_group_range", "w") : nullptr;
+        if (range == nullptr || fputs(allow_icmp ? "0 65534" : "1 0", range) < 0 || fclose(range) != 0)
+            _exit(77);
+        if (!raise_loopback())
+            _exit(77);
+        body();
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
+    if (WEXITSTATUS(status) == 77)
+        GTEST_SKIP() << "this machine gives no network of its own";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// A name server on the loopback that answers each question with what `reply` makes of it; nothing when that is empty.
+class name_server
+{
+public:
+    explicit name_server(std::function<std::string(const std::string &)> reply) : reply_(std::move(reply))
+    {
+        udp_ = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+        sockaddr_in here = {};
+        here.sin_family = AF_INET;
+        here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof here;
+        EXPECT_EQ(bind(udp_, reinterpret_cast<sockaddr *>(&here), length), 0);
+        EXPECT_EQ(getsockname(udp_, reinterpret_cast<sockaddr *>(&here), &length), 0);
+        port_ = ntohs(here.sin_port);
+        tcp_ = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        EXPECT_EQ(bind(tcp_, reinterpret_cast<sockaddr *>(&here), length), 0);
+        EXPECT_EQ(listen(tcp_, 4), 0);
+    }
+    ~name_server()
+    {
+        close(udp_);
+        close(tcp_);
+        for (int stream : streams_)
+            close(stream);
+    }
+    name_server(const name_server &) = delete;
+    name_server &operator=(const name_server &) = delete;
+
+    std::string address() const { return "127.0.0.1#" + std::to_string(port_); }
+    std::function<std::string(const std::string &)> over_tcp;
+    int asked = 0;
+
+    void serve()
+    {
+        char bytes[4096];
+        sockaddr_in from;
+        socklen_t length = sizeof from;
+        for (ssize_t got;
+             (got = recvfrom(udp_, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr *>(&from), &length)) > 0;) {
+            asked++;
+            std::string answer = reply_(std::string(bytes, size_t(got)));
+            if (!answer.empty())
+                sendto(udp_, answer.data(), answer.size(), 0, reinterpret_cast<sockaddr *>(&from), length);
+        }
+        for (int stream; (stream = accept4(tcp_, nullptr, nullptr, SOCK_NONBLOCK)) >= 0;)
+            streams_.push_back(stream);
+        for (int stream : streams_)
+            if (ssize_t got = recv(stream, bytes, sizeof bytes, 0); got > 2 && over_tcp) {
+                std::string answer = over_tcp(std::string(bytes + 2, size_t(got) - 2));
+                std::string framed = {char(answer.size() >> 8), char(answer.size())};
+                framed += answer;
+                // In two pieces, as a stream may bring it.
+                EXPECT_EQ(send(stream, framed.data(), 1, 0), 1);
+                EXPECT_EQ(send(stream, framed.data() + 1, framed.size() - 1, 0), ssize_t(framed.size() - 1));
+            }
+    }
+
+private:
+    std::function<std::string(const std::string &)> reply_;
+    int udp_ = -1;
+    int tcp_ = -1;
+    uint16_t port_ = 0;
+    std::vector<int> streams_;
+};
+
+// --- answers, made from the question that they belong to ---
+
+unsigned type_of(const std::string &question)
+{
+    size_t at = 12;
+    while (question[at] != 0)
+        at += static_cast<unsigned char>(question[at]) + 1U;
+    return static_cast<unsigned char>(question[at + 2]);
+}
+
+std::string without_extras(const std::string &question)
+{
+    size_t at = 12;
+    while (question[at] != 0)
+        at += static_cast<unsigned char>(question[at]) + 1U;
+    return question.substr(0, at + 5);
+}
+
+struct record {
+    int type;
+    std::string name; // compressed
+    std::string data;
+};
+
+std::string answer_to(const std::string &question, const std::vector<record> &records, int code = 0, int flags = 0x84)
+{
+    std::string out = without_extras(question);
+    out[2] = char(flags);
+    out[3] = char(0x80 | code);
+    out[7] = char(records.size());
+    out[11] = 0; // no further records
+    for (const record &each : records) {
+        out += each.name;
+        out += std::string({0, char(each.type), 0, 1, 0, 0, 0, 60, 0, char(each.data.size())});
+        out += each.data;
+    }
+    return out;
+}
+
+const std::string asked_name = "\xc0\x0c";
+
+json_ref lookup_input(const name_server &server, const char *name = "host.example")
+{
+    json_ref input = parse(lookup_defaults);
+    json_object_set_new(input.get(), "HostName", json_string(name));
+    json_object_set_new(input.get(), "DNSServer", json_string(server.address().c_str()));
+    return input;
+}
+
+} // namespace
+
+TEST(Methods, AnUnknownOneIsNotSupported)
+{
+    method_outcome outcome = run("NoSuch", parse("{}"));
+    EXPECT_EQ(outcome.code, 9000);
+    EXPECT_FALSE(method_known("NoSuch"));
+    EXPECT_TRUE(method_known("IPPing"));
+    EXPECT_TRUE(method_known("NSLookup"));
+}
+
+TEST(Methods, TooManyAtOnceAreRefusedAndRoomComesBack)
+{
+    name_server silent([](const std::string &) { return ""; });
+    json_ref input = lookup_input(silent);
+    std::vector<std::unique_ptr<method_job>> jobs;
+    method_outcome outcome;
+    while (auto job = method_start("NSLookup", input.get(), no_text, &outcome)) {
+        jobs.push_back(std::move(job));
+        ASSERT_LE(jobs.size(), 1000U);
+    }
+    EXPECT_GE(jobs.size(), 16U);
+    EXPECT_EQ(outcome.code, 9004);
+    jobs.clear();
+    EXPECT_NE(method_start("NSLookup", input.get(), no_text, &outcome), nullptr);
+}
+
+// --- IPPing ---
+
+TEST(IPPing, TheLoopbackAnswers)
+{
+    in_own_network(true, [] {
+        method_outcome outcome = run("IPPing", parse(ping_defaults));
+        EXPECT_EQ(outcome.code, 0) << outcome.message;
+        EXPECT_EQ(text(outcome, "Status"), "Complete");
+        EXPECT_EQ(text(outcome, "IPAddressUsed"), "127.0.0.1");
+        EXPECT_EQ(number(outcome, "SuccessCount"), 3);
+        EXPECT_EQ(number(outcome, "FailureCount"), 0);
+        EXPECT_GT(number(outcome, "MinimumResponseTimeDetailed"), 0);
+        EXPECT_LE(number(outcome, "MinimumResponseTimeDetailed"), number(outcome, "AverageResponseTimeDetailed"));
+        EXPECT_LE(number(outcome, "AverageResponseTimeDetailed"), number(outcome, "MaximumResponseTimeDetailed"));
+    });
+}
+
+TEST(IPPing, LargeBlocksNamesAndInterfacesWork)
+{
+    in_own_network(true, [] {
+        json_ref input = parse(ping_defaults);
+        json_object_set_new(input.get(), "Host", json_string("localhost"));
+        json_object_set_new(input.get(), "ProtocolVersion", json_string("IPv4"));
+        json_object_set_new(input.get(), "DataBlockSize", json_integer(65000));
+        json_object_set_new(input.get(), "Interface", json_string("Device.IP.Interface.1"));
+        json_object_set_new(input.get(), "DSCP", json_integer(63));
+        std::string asked;
+        method_outcome outcome = run(
+            "IPPing", input, [] {},
+            [&](std::string_view path) {
+                asked = path;
+                return std::string("lo");
+            });
+        EXPECT_EQ(outcome.code, 0) << outcome.message;
+        EXPECT_EQ(number(outcome, "SuccessCount"), 3);
+        EXPECT_EQ(asked, "Device.IP.Interface.1.Name");
+    });
+}
+
+TEST(IPPing, WhereNoRouteLeadsNothingIsReached)
+{
+    in_own_network(true, [] {
+        json_ref input = parse(ping_defaults);
+        json_object_set_new(input.get(), "Host", json_string("192.0.2.1"));
+        method_outcome outcome = run("IPPing", input);
+        EXPECT_EQ(outcome.code, 0) << outcome.message;
+        EXPECT_EQ(text(outcome, "Status"), "Error_NoRouteToHost");
+        EXPECT_EQ(number(outcome, "SuccessCount"), 0);
+        EXPECT_EQ(number(outcome, "FailureCount"), 3);
+    });
+}
+
+TEST(IPPing, AKernelThatForbidsItIsAClearFault)
+{
+    in_own_network(false, [] {
+        method_outcome outcome = run("IPPing", parse(ping_defaults));
+        EXPECT_EQ(outcome.code, 9001);
+        EXPECT_EQ(outcome.message,
+                  "the kernel does not let this daemon send ICMP echo requests (see net.ipv4.ping_group_range)");
+    });
+}
+
+TEST(IPPing, AHostThatCannotBeResolvedIsSaidSo)
+{
+    json_ref input = parse(ping_defaults);
+    json_object_set_new(input.get(), "Host", json_string("no host at all"));
+    method_outcome outcome = run("IPPing", input);
+    EXPECT_EQ(outcome.code, 0) << outcome.message;
+    EXPECT_EQ(text(outcome, "Status"), "Error_CannotResolveHostName");
+    EXPECT_EQ(text(outcome, "IPAddressUsed"), "");
+    EXPECT_EQ(number(outcome, "SuccessCount"), 0);
+}
+
+TEST(IPPing, NoHostAndAnUnknownInterfaceAreRefused)
+{
+    json_ref input = parse(ping_defaults);
+    json_object_set_new(input.get(), "Host", json_string(""));
+    method_outcome outcome = run("IPPing", input);
+    EXPECT_EQ(outcome.code, 9003);
+    EXPECT_EQ(outcome.message, "Host: no host given");
+    EXPECT_STREQ(json_string_value(json_object_get(outcome.data.get(), "Host")), "no host given");
+
+    input = parse(ping_defaults);
+    json_object_set_new(input.get(), "Interface", json_string("Device.IP.Interface.99."));
+    outcome = run("IPPing", input);
+    EXPECT_EQ(outcome.code, 9003);
+    EXPECT_EQ(outcome.message, "Interface: no such interface");
+}
+
+// --- NSLookup ---
+
+TEST(NSLookup, FindsTheAddressesOfBothFamiliesBehindAnAlias)
+{
+    name_server server([](const std::string &question) {
+        std::string alias("\x04host\x05other\x07"
+                          "example\0",
+                          20);
+        std::string at_alias(1, '\xc0');
+        at_alias += char(without_extras(question).size() + 12); // the data of the first record
+        bool v6 = type_of(question) == 28;
+        return answer_to(question, {{5, asked_name, alias},
+                                    {v6 ? 28 : 1, at_alias,
+                                     v6 ? std::string("\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\7", 16)
+                                        : std::string("\xc0\0\2\7", 4)}});
+    });
+    method_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+    EXPECT_EQ(outcome.code, 0) << outcome.message;
+    EXPECT_EQ(text(outcome, "Status"), "Complete");
+    EXPECT_EQ(number(outcome, "SuccessCount"), 1);
+    EXPECT_EQ(text(outcome, "Result.1.Status"), "Success");
+    EXPECT_EQ(text(outcome, "Result.1.AnswerType"), "Authoritative");
+    EXPECT_EQ(text(outcome, "Result.1.HostNameReturned"), "host.other.example");
+    EXPECT_EQ(text(outcome, "Result.1.IPAddresses"), "192.0.2.7,2001:db8::7");
+    EXPECT_EQ(text(outcome, "Result.1.DNSServerIP"), "127.0.0.1");
+    EXPECT_GE(number(outcome, "Result.1.ResponseTime"), 0);
+}
+
+TEST(NSLookup, RepeatsAsOftenAsItIsTold)
+{
+    name_server server([](const std::string &question) {
+        return answer_to(question,
+                         type_of(question) == 1 ? std::vector<record>{{1, asked_name, std::string("\xc0\0\2\7", 4)}}
+                                                : std::vector<record>{},
+                         0, 0x80);
+    });
+    json_ref input = lookup_input(server);
+    json_object_set_new(input.get(), "NumberOfRepetitions", json_integer(3));
+    method_outcome outcome = run("NSLookup", input, [&] { server.serve(); });
+    EXPECT_EQ(number(outcome, "SuccessCount"), 3);
+    EXPECT_EQ(text(outcome, "Result.3.IPAddresses"), "192.0.2.7");
+    EXPECT_EQ(text(outcome, "Result.3.AnswerType"), "NonAuthoritative");
+    EXPECT_EQ(output(outcome, "Result.4.Status"), nullptr);
+    EXPECT_EQ(server.asked, 6);
+}
+
+TEST(NSLookup, FindsTheNameOfAnAddress)
+{
+    name_server server([](const std::string &question) {
+        EXPECT_EQ(type_of(question), 12U);
+        return answer_to(question, {{12, asked_name,
+                                     std::string("\x04host\x07"
+                                                 "example\0",
+                                                 14)}});
+    });
+    method_outcome outcome = run("NSLookup", lookup_input(server, "192.0.2.7"), [&] { server.serve(); });
+    EXPECT_EQ(text(outcome, "Result.1.HostNameReturned"), "host.example");
+    EXPECT_EQ(text(outcome, "Result.1.IPAddresses"), "192.0.2.7");
+}
+
+TEST(NSLookup, AnUnknownNameIsSaidSo)
+{
+    name_server server([](const std::string &question) { return answer_to(question, {}, 3); });
+    method_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+    EXPECT_EQ(outcome.code, 0);
+    EXPECT_EQ(text(outcome, "Status"), "Complete");
+    EXPECT_EQ(number(outcome, "SuccessCount"), 0);
+    EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_HostNameNotResolved");
+    EXPECT_EQ(text(outcome, "Result.1.IPAddresses"), "");
+}
+
+TEST(NSLookup, ALostQuestionIsAskedAgainAndSilenceIsATimeOut)
+{
+    int lost = 2;
+    name_server server([&](const std::string &question) {
+        return lost-- > 0 ? "" : answer_to(question, {{1, asked_name, std::string("\xc0\0\2\7", 4)}});
+    });
+    json_ref input = lookup_input(server);
+    json_object_set_new(input.get(), "Timeout", json_integer(400));
+    method_outcome outcome = run("NSLookup", input, [&] { server.serve(); });
+    EXPECT_EQ(text(outcome, "Result.1.Status"), "Success");
+
+    lost = 1000;
+    outcome = run("NSLookup", input, [&] { server.serve(); });
+    EXPECT_EQ(text(outcome, "Status"), "Complete");
+    EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_Timeout");
+}
+
+TEST(NSLookup, ForgedAndBrokenAnswersAreNotBelieved)
+{
+    name_server server([](const std::string &question) {
+        std::string good = answer_to(question, {{1, asked_name, std::string("\xc0\0\2\7", 4)}});
+        switch (rand() % 4) {
+        case 0:
+            good[0] = char(good[0] ^ 0x55); // another question's number
+            return good;
+        case 1:
+            good[14] = char(good[14] ^ 1); // another name
+            return good;
+        case 2:
+            return std::string(500, '\xc0');
+        default:
+            return question;
+        }
+    });
+    json_ref input = lookup_input(server);
+    json_object_set_new(input.get(), "Timeout", json_integer(300));
+    json_object_set_new(input.get(), "NumberOfRepetitions", json_integer(4));
+    method_outcome outcome = run("NSLookup", input, [&] { server.serve(); });
+    EXPECT_EQ(number(outcome, "SuccessCount"), 0);
+    EXPECT_EQ(text(outcome, "Result.4.Status"), "Error_Timeout");
+}
+
+TEST(NSLookup, WhatIsCutOffIsFetchedOverTcp)
+{
+    name_server server([](const std::string &question) { return answer_to(question, {}, 0, 0x86); });
+    server.over_tcp = [](const std::string &question) {
+        std::vector<record> records;
+        for (int i = 1; i <= 100; i++)
+            records.push_back({1, asked_name, std::string({char(10), 0, 0, char(i)})});
+        return answer_to(question, type_of(question) == 1 ? records : std::vector<record>{});
+    };
+    method_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+    EXPECT_EQ(text(outcome, "Result.1.Status"), "Success");
+    std::string addresses = text(outcome, "Result.1.IPAddresses");
+    EXPECT_TRUE(addresses.starts_with("10.0.0.1,10.0.0.2,")) << addresses;
+    EXPECT_TRUE(addresses.ends_with(",10.0.0.100")) << addresses;
+}
+
+TEST(NSLookup, AServerThatIsNotThereIsSaidSo)
+{
+    std::string nobody;
+    {
+        name_server gone([](const std::string &) { return ""; });
+        nobody = gone.address();
+    }
+    json_ref input = parse(lookup_defaults);
+    json_object_set_new(input.get(), "DNSServer", json_string(nobody.c_str()));
+    method_outcome outcome = run("NSLookup", input);
+    EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_DNSServerNotAvailable");
+
+    json_object_set_new(input.get(), "DNSServer", json_string("not a server"));
+    outcome = run("NSLookup", input);
+    EXPECT_EQ(text(outcome, "Status"), "Error_DNSServerNotResolved");
+    EXPECT_EQ(output(outcome, "Result.1.Status"), nullptr);
+}
+
+TEST(NSLookup, WhatIsNoHostNameIsRefused)
+{
+    std::string long_label(64, 'a');
+    std::string long_name;
+    for (int i = 0; i < 60; i++)
+        long_name += "abcd.";
+    for (const std::string &name : {std::string(""), std::string("a b"), std::string(".."), std::string("a..b"),
+                                    long_label, long_name, std::string("a\x7f"), std::string("caf\xc3\xa9")}) {
+        json_ref input = parse(lookup_defaults);
+        json_object_set_new(input.get(), "HostName", json_string(name.c_str()));
+        EXPECT_EQ(run("NSLookup", input).code, 9003) << name;
+    }
+    json_ref input = parse(lookup_defaults);
+    json_object_set_new(input.get(), "DNSServer", json_string("127.0.0.1#70000"));
+    EXPECT_EQ(run("NSLookup", input).code, 9003);
+}
+
+// --- messages ---
+
+TEST(DnsMessage, ReverseNames)
+{
+    EXPECT_EQ(dns_reverse_name("192.0.2.7"), "7.2.0.192.in-addr.arpa");
+    EXPECT_EQ(dns_reverse_name("2001:db8::7"),
+              "7.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.8.b.d.0.1.0.0.2.ip6.arpa");
+    EXPECT_EQ(dns_reverse_name("host.example"), "");
+}
+
+TEST(DnsMessage, ParsingSurvivesEveryMutilation)
+{
+    std::vector<unsigned char> query = dns_query(0x1234, "host.example", dns_type::a);
+    std::string question(query.begin(), query.end());
+    std::string good =
+        answer_to(question, {{1, asked_name, std::string("\xc0\0\2\7", 4)}, {5, asked_name, "\xc0\x0c"}});
+    auto read = [](const std::string &bytes) {
+        return dns_parse(reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size(), 0x1234, "HOST.example.",
+                         dns_type::a);
+    };
+    ASSERT_TRUE(read(good).has_value());
+    EXPECT_EQ(read(good)->records, std::vector<std::string>{"192.0.2.7"});
+    for (size_t length = 0; length < good.size(); length++)
+        read(good.substr(0, length));
+    for (size_t at = 0; at < good.size(); at++)
+        for (int value : {0, 1, 0x3f, 0x80, 0xc0, 0xff}) {
+            std::string bad = good;
+            bad[at] = char(value);
+            read(bad);
+        }
+}

@@ -1,0 +1,401 @@
+// NSLookup: asks name servers over UDP, and over TCP for what UDP cut off.
+#include "veld/live/live.h"
+#include "veld/live/sysfile.h"
+#include "veld/methods/dns_message.h"
+#include "veld/methods/job.h"
+#include "veld/methods/name_lookup.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/random.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <vector>
+
+namespace veld
+{
+
+namespace
+{
+
+constexpr int64_t lookup_limit_ms = 10000;
+constexpr size_t most_servers = 3; // as many as the system's resolver asks
+
+// One question of a round: for the IPv4 addresses, the IPv6 addresses, or the name of an address.
+struct question {
+    dns_type type;
+    uint16_t id = 0;
+    std::vector<unsigned char> bytes;
+    std::optional<dns_answer> answer;
+    bool over_tcp = false;
+    owned_fd stream; // while it is asked again over TCP
+    size_t written = 0;
+    std::vector<unsigned char> collected; // what came over the stream
+};
+
+class nslookup : public method_job
+{
+public:
+    std::string name;
+    std::string server; // as the caller gave it
+    std::string interface;
+    int64_t timeout_ms = 5000;
+    int64_t repetitions = 1;
+    std::string asked_name; // the name itself, or the reverse name of an address
+    std::vector<dns_type> asked_types;
+    std::vector<host_address> servers; // known at the start, or found by looking `server` up
+    uint16_t port = 53;
+
+private:
+    enum class phase { start, lookup, ask };
+
+    void proceed() override;
+    void begin();
+    void start_round();
+    void ask_server();
+    bool send_questions();
+    void receive();
+    void read_stream(question *of);
+    void open_stream(question *of);
+    void close_sockets();
+    bool all_answered() const;
+    void try_next_server(const char *verdict);
+    void judge();
+    void end_round(const char *status, const char *answer_type, const std::string &host, const std::string &addresses,
+                   int64_t time_ms);
+    void finish(const char *status);
+
+    int64_t share_ms() const { return std::max<int64_t>(timeout_ms / int64_t(servers.size()), 1); }
+
+    phase phase_ = phase::start;
+    std::unique_ptr<name_lookup> lookup_;
+    owned_fd socket_;
+    std::vector<question> questions_;
+    size_t server_ = 0; // the one that is being asked
+    int64_t asked_at_ = 0;
+    bool repeated_ = false; // the questions went out a second time
+    std::string worst_;     // what the servers before this one ended with
+    int64_t rounds_ = 0;
+    int64_t successes_ = 0;
+    json_ref results_{json_array()};
+};
+
+void nslookup::proceed()
+{
+    switch (phase_) {
+    case phase::start:
+        begin();
+        return;
+    case phase::lookup:
+        if (lookup_->ended()) {
+            servers = lookup_->found();
+            unwatch(lookup_->fd());
+            if (servers.size() > most_servers)
+                servers.resize(most_servers);
+            if (servers.empty())
+                return finish("Error_DNSServerNotResolved");
+            phase_ = phase::ask;
+            start_round();
+        } else if (job_clock_us() - asked_at_ >= lookup_limit_ms * 1000) {
+            finish("Error_DNSServerNotResolved");
+        }
+        return;
+    case phase::ask:
+        receive();
+    }
+}
+
+void nslookup::begin()
+{
+    if (!servers.empty()) {
+        phase_ = phase::ask;
+        return start_round();
+    }
+    if (server.empty()) // the machine has none either
+        return finish("Error_DNSServerNotResolved");
+    lookup_ = name_lookup::start(server, AF_UNSPEC);
+    if (!lookup_)
+        return fail(9004, "too many name look-ups are under way");
+    phase_ = phase::lookup;
+    asked_at_ = job_clock_us();
+    watch(lookup_->fd(), EPOLLIN);
+    wake_in(lookup_limit_ms);
+}
+
+void nslookup::start_round()
+{
+    server_ = 0;
+    worst_.clear();
+    ask_server();
+}
+
+void nslookup::ask_server()
+{
+    host_address target = servers[server_];
+    if (target.bytes.ss_family == AF_INET6)
+        reinterpret_cast<sockaddr_in6 *>(&target.bytes)->sin6_port = htons(port);
+    else
+        reinterpret_cast<sockaddr_in *>(&target.bytes)->sin_port = htons(port);
+    servers[server_] = target;
+
+    questions_.clear();
+    for (dns_type type : asked_types) {
+        question &each = questions_.emplace_back();
+        each.type = type;
+        if (getrandom(&each.id, sizeof each.id, 0) != sizeof each.id)
+            return fail(9002, "no random numbers on this machine");
+        each.bytes = dns_query(each.id, asked_name, type);
+    }
+    asked_at_ = job_clock_us();
+    repeated_ = false;
+    socket_.reset(socket(target.bytes.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (socket_ && !interface.empty() &&
+        setsockopt(socket_.get(), SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(), socklen_t(interface.size() + 1)) != 0)
+        return fail(9002, "cannot use the interface " + interface);
+    if (!socket_ || connect(socket_.get(), reinterpret_cast<const sockaddr *>(&target.bytes), target.length) != 0 ||
+        !watch(socket_.get(), EPOLLIN) || !send_questions())
+        return try_next_server("Error_DNSServerNotAvailable");
+    wake_in(std::max<int64_t>(share_ms() / 2, 1));
+}
+
+bool nslookup::send_questions()
+{
+    for (const question &each : questions_)
+        if (!each.answer && !each.over_tcp &&
+            send(socket_.get(), each.bytes.data(), each.bytes.size(), MSG_NOSIGNAL) < 0 && errno != EAGAIN)
+            return false;
+    return true;
+}
+
+void nslookup::receive()
+{
+    unsigned char bytes[4096];
+    for (int i = 0; i < 64; i++) { // what is still there then wakes the loop again
+        ssize_t got = recv(socket_.get(), bytes, sizeof bytes, 0);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0 && errno != EAGAIN) // nobody listens there
+            return try_next_server("Error_DNSServerNotAvailable");
+        if (got < 0)
+            break;
+        for (question &each : questions_) {
+            if (each.answer || each.over_tcp)
+                continue;
+            std::optional<dns_answer> answer = dns_parse(bytes, size_t(got), each.id, asked_name, each.type);
+            if (answer && answer->truncated)
+                open_stream(&each);
+            else if (answer)
+                each.answer = std::move(answer);
+        }
+    }
+    for (question &each : questions_)
+        if (each.stream)
+            read_stream(&each);
+    if (all_answered())
+        return judge();
+
+    int64_t waited_ms = (job_clock_us() - asked_at_) / 1000;
+    if (waited_ms >= share_ms())
+        return try_next_server("Error_Timeout");
+    if (waited_ms >= share_ms() / 2 && !repeated_) {
+        repeated_ = true;
+        if (!send_questions())
+            return try_next_server("Error_DNSServerNotAvailable");
+    }
+    wake_in(std::max<int64_t>((repeated_ ? share_ms() : share_ms() / 2) - waited_ms, 1));
+}
+
+// Asks again over TCP. Where that fails, the answer stays away and the time runs out.
+void nslookup::open_stream(question *of)
+{
+    const host_address &target = servers[server_];
+    of->over_tcp = true;
+    of->written = 0;
+    of->collected.clear();
+    of->stream.reset(socket(target.bytes.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!of->stream)
+        return;
+    if (!interface.empty())
+        setsockopt(of->stream.get(), SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(), socklen_t(interface.size() + 1));
+    if ((connect(of->stream.get(), reinterpret_cast<const sockaddr *>(&target.bytes), target.length) != 0 &&
+         errno != EINPROGRESS) ||
+        !watch(of->stream.get(), EPOLLIN | EPOLLOUT | EPOLLET))
+        of->stream.reset();
+}
+
+void nslookup::read_stream(question *of)
+{
+    // Each message on the stream is preceded by its length.
+    std::vector<unsigned char> wanted = {static_cast<unsigned char>(of->bytes.size() >> 8),
+                                         static_cast<unsigned char>(of->bytes.size())};
+    wanted.insert(wanted.end(), of->bytes.begin(), of->bytes.end());
+    while (of->written < wanted.size()) {
+        ssize_t sent = send(of->stream.get(), wanted.data() + of->written, wanted.size() - of->written, MSG_NOSIGNAL);
+        if (sent < 0) {
+            if (errno != EAGAIN && errno != EINPROGRESS && errno != ENOTCONN)
+                of->stream.reset();
+            return;
+        }
+        of->written += size_t(sent);
+    }
+    unsigned char bytes[4096];
+    while (true) {
+        ssize_t got = recv(of->stream.get(), bytes, sizeof bytes, 0);
+        if (got < 0 && errno == EAGAIN)
+            return;
+        if (got <= 0) {
+            of->stream.reset();
+            return;
+        }
+        of->collected.insert(of->collected.end(), bytes, bytes + got);
+        if (of->collected.size() < 2)
+            continue;
+        size_t length = size_t{of->collected[0]} << 8 | of->collected[1];
+        if (of->collected.size() < length + 2)
+            continue;
+        of->answer = dns_parse(of->collected.data() + 2, length, of->id, asked_name, of->type);
+        of->stream.reset();
+        return;
+    }
+}
+
+void nslookup::close_sockets()
+{
+    socket_.reset(); // what is closed is no longer waited for
+    questions_.clear();
+}
+
+bool nslookup::all_answered() const
+{
+    return std::all_of(questions_.begin(), questions_.end(),
+                       [](const question &each) { return each.answer.has_value(); });
+}
+
+void nslookup::try_next_server(const char *verdict)
+{
+    if (worst_.empty() || worst_ == "Error_DNSServerNotAvailable")
+        worst_ = verdict;
+    if (++server_ < servers.size())
+        return ask_server();
+    server_ = servers.size() - 1;
+    end_round(worst_.c_str(), "None", "", "", 0);
+}
+
+// All answers of one server are there.
+void nslookup::judge()
+{
+    int64_t time_ms = (job_clock_us() - asked_at_ + 500) / 1000;
+    std::string host;
+    std::string addresses;
+    bool authoritative = true;
+    bool unknown = false;
+    bool failed = false;
+    for (const question &each : questions_) {
+        const dns_answer &answer = *each.answer;
+        authoritative = authoritative && answer.authoritative;
+        unknown = unknown || answer.code == 3 || answer.code == 0;
+        failed = failed || (answer.code != 0 && answer.code != 3);
+        for (const std::string &record : answer.records) {
+            bool reverse = each.type == dns_type::ptr;
+            host = reverse ? record : answer.name;
+            const std::string &address = reverse ? name : record;
+            if (addresses.empty() || !reverse)
+                addresses += (addresses.empty() ? "" : ",") + address;
+        }
+    }
+    if (!addresses.empty())
+        return end_round("Success", authoritative ? "Authoritative" : "NonAuthoritative", host, addresses, time_ms);
+    if (failed && server_ + 1 < servers.size())
+        return try_next_server("Error_Other");
+    end_round(failed || !unknown ? "Error_Other" : "Error_HostNameNotResolved",
+              authoritative ? "Authoritative" : "NonAuthoritative", "", "", time_ms);
+}
+
+void nslookup::end_round(const char *status, const char *answer_type, const std::string &host,
+                         const std::string &addresses, int64_t time_ms)
+{
+    rounds_++;
+    if (!addresses.empty())
+        successes_++;
+    std::string prefix = "Result." + std::to_string(rounds_) + ".";
+    json_t *list = results_.get();
+    add_output(list, prefix + "Status", json_string(status));
+    add_output(list, prefix + "AnswerType", json_string(answer_type));
+    add_output(list, prefix + "HostNameReturned", json_clean_text(host));
+    add_output(list, prefix + "IPAddresses", json_clean_text(addresses, size_t{64} << 10));
+    add_output(list, prefix + "DNSServerIP", json_string(address_text(servers[server_]).c_str()));
+    add_output(list, prefix + "ResponseTime", json_integer(time_ms));
+    close_sockets();
+    if (rounds_ == repetitions)
+        return finish("Complete");
+    start_round();
+}
+
+void nslookup::finish(const char *status)
+{
+    json_ref list(json_array());
+    add_output(list.get(), "Status", json_string(status));
+    add_output(list.get(), "SuccessCount", json_integer(successes_));
+    json_array_extend(list.get(), results_.get());
+    succeed(std::move(list));
+}
+
+// The machine's own name servers.
+std::vector<host_address> own_servers()
+{
+    std::vector<host_address> servers;
+    json_ref rows(live_rows("resolvers"));
+    for (size_t i = 0; i < json_array_size(rows.get()) && servers.size() < most_servers; i++) {
+        const char *text = json_string_value(json_object_get(json_array_get(rows.get(), i), "address"));
+        host_address address;
+        if (text != nullptr && parse_address(text, AF_UNSPEC, &address))
+            servers.push_back(address);
+    }
+    return servers;
+}
+
+} // namespace
+
+std::unique_ptr<method_job> make_nslookup(const method_call &call)
+{
+    auto job = std::make_unique<nslookup>();
+    job->name = call.text("HostName");
+    if (job->name.empty())
+        return call.refuse("HostName", "no host name given");
+    job->asked_name = dns_reverse_name(job->name);
+    job->asked_types = {dns_type::ptr};
+    if (job->asked_name.empty()) {
+        job->asked_name = job->name;
+        job->asked_types = {dns_type::a, dns_type::aaaa};
+    }
+    if (job->name.find('\0') != std::string::npos || dns_query(0, job->asked_name, job->asked_types[0]).empty())
+        return call.refuse("HostName", "not a host name");
+
+    // "SERVER#PORT" asks a server that does not listen where name servers do.
+    std::string server = call.text("DNSServer");
+    if (size_t hash = server.find('#'); hash != std::string::npos) {
+        std::optional<int64_t> number = to_number(std::string_view(server).substr(hash + 1));
+        if (!number || *number < 1 || *number > 65535 || hash == 0)
+            return call.refuse("DNSServer", "not a server, or SERVER#PORT");
+        job->port = uint16_t(*number);
+        server.resize(hash);
+    }
+    host_address address;
+    if (server.find('\0') != std::string::npos)
+        return call.refuse("DNSServer", "not the name or address of a server");
+    if (server.empty())
+        job->servers = own_servers();
+    else if (parse_address(server, AF_UNSPEC, &address))
+        job->servers = {address};
+    job->server = server;
+    if (!call.interface(&job->interface))
+        return nullptr;
+    job->timeout_ms = call.number("Timeout", 1, 30000);
+    job->repetitions = call.number("NumberOfRepetitions", 1, 16);
+    return job;
+}
+
+} // namespace veld
