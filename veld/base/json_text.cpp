@@ -1,0 +1,101 @@
+#include "veld/base/json_text.h"
+
+#include <charconv>
+
+namespace veld
+{
+
+namespace
+{
+
+int append_chunk(const char *data, size_t size, void *out)
+{
+    static_cast<std::string *>(out)->append(data, size);
+    return 0;
+}
+
+bool plain(unsigned char byte)
+{
+    return byte >= 0x20 && byte != '"' && byte != '\\';
+}
+
+void escaped(std::string *out, unsigned char byte)
+{
+    static constexpr char digits[] = "0123456789ABCDEF";
+    out->push_back('\\');
+    switch (byte) {
+    case '"':
+    case '\\':
+        out->push_back(static_cast<char>(byte));
+        break;
+    case '\b':
+        out->push_back('b');
+        break;
+    case '\f':
+        out->push_back('f');
+        break;
+    case '\n':
+        out->push_back('n');
+        break;
+    case '\r':
+        out->push_back('r');
+        break;
+    case '\t':
+        out->push_back('t');
+        break;
+    default:
+        out->append("u00");
+        out->push_back(digits[byte >> 4]);
+        out->push_back(digits[byte & 15]);
+    }
+}
+
+} // namespace
+
+void json_text_string(std::string *out, std::string_view text)
+{
+    out->push_back('"');
+    size_t start = 0;
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        if (plain(byte))
+            continue;
+        out->append(text, start, i - start);
+        escaped(out, byte);
+        start = i + 1;
+    }
+    out->append(text, start, text.size() - start);
+    out->push_back('"');
+}
+
+void json_text_integer(std::string *out, int64_t number)
+{
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+    out->append(digits, end);
+}
+
+void json_text_value(std::string *out, const json_t *value)
+{
+    switch (json_typeof(value)) {
+    case JSON_STRING:
+        json_text_string(out, {json_string_value(value), json_string_length(value)});
+        break;
+    case JSON_INTEGER:
+        json_text_integer(out, json_integer_value(value));
+        break;
+    case JSON_TRUE:
+        out->append("true");
+        break;
+    case JSON_FALSE:
+        out->append("false");
+        break;
+    case JSON_NULL:
+        out->append("null");
+        break;
+    default:
+        json_dump_callback(value, append_chunk, out, JSON_COMPACT | JSON_ENCODE_ANY);
+    }
+}
+
+} // namespace veld

@@ -1,0 +1,102 @@
+#include "veld/base/log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <fcntl.h>
+#include <iterator>
+#include <unistd.h>
+
+namespace veld
+{
+
+namespace
+{
+
+constexpr const char *level_names[] = {"error", "warning", "info", "debug"};
+
+// Set by log_open() and log_reopen() only.
+log_level shown = log_level::warning;
+int target_fd = STDERR_FILENO;
+std::string file_path;
+
+int open_file()
+{
+    return open(file_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
+}
+
+std::string visible(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x20 && byte != 0x7f) {
+            out.push_back(c);
+        } else {
+            char code[5];
+            snprintf(code, sizeof code, "\\x%02x", byte);
+            out += code;
+        }
+    }
+    return out;
+}
+
+} // namespace
+
+bool log_open(const char *target)
+{
+    for (size_t i = 0; i < std::size(level_names); ++i) {
+        if (std::string_view(target) == level_names[i]) {
+            shown = static_cast<log_level>(i);
+            return true;
+        }
+    }
+    file_path = target;
+    const int fd = open_file();
+    if (fd < 0)
+        return false;
+    target_fd = fd;
+    shown = log_level::info;
+    return true;
+}
+
+void log_reopen()
+{
+    if (file_path.empty())
+        return;
+    const int fd = open_file();
+    if (fd < 0) {
+        LOG_ERROR("cannot open the log file %s again: %m", file_path.c_str());
+        return;
+    }
+    close(target_fd);
+    target_fd = fd;
+}
+
+void log_line(log_level level, const char *format, ...)
+{
+    if (level > shown)
+        return;
+    char text[2048];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm broken{};
+    gmtime_r(&now.tv_sec, &broken);
+    char stamp[40];
+    strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &broken);
+
+    char head[80];
+    snprintf(head, sizeof head, "%s.%03ldZ veld %s: ", stamp, now.tv_nsec / 1000000,
+             level_names[static_cast<size_t>(level)]);
+    const std::string line = head + visible(text) + "\n";
+    // A log that cannot be written must not stop the daemon.
+    [[maybe_unused]] const ssize_t written = write(target_fd, line.data(), line.size());
+}
+
+} // namespace veld

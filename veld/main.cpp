@@ -1,0 +1,98 @@
+#include "veld/base/log.h"
+#include "veld/live/live.h"
+#include "veld/model/document.h"
+#include "veld/options.h"
+#include "veld/rpc/service.h"
+#include "veld/server/listener.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+
+using namespace veld;
+
+namespace
+{
+
+// Signals arrive as bytes on a descriptor, in the loop like everything else.
+owned_fd signals()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP})
+        sigaddset(&set, number);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+    return owned_fd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+void signal_arrived(loop *events, int fd)
+{
+    signalfd_siginfo info{};
+    while (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        if (info.ssi_signo == SIGHUP)
+            log_reopen();
+        else
+            events->stop();
+    }
+}
+
+void raise_descriptor_limit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+int failed(const std::string &why)
+{
+    fprintf(stderr, "veld: %s\n", why.c_str());
+    return EXIT_FAILURE;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    options wanted;
+    const options_outcome outcome = options_parse(argc, argv, &wanted);
+    if (outcome != options_outcome::run)
+        return outcome == options_outcome::done ? EXIT_SUCCESS : 2;
+    if (!wanted.log.empty() && !log_open(wanted.log.c_str()))
+        return failed(wanted.log + ": " + strerror(errno));
+
+    std::string error;
+    const json_ref document = document_read(wanted.model, &error);
+    if (!document)
+        return failed(error);
+    std::unique_ptr<tree> model = document_tree(document.get(), {live_value, live_rows}, &error);
+    if (!model)
+        return failed(wanted.model + ": " + error);
+
+    raise_descriptor_limit();
+    loop events;
+    const owned_fd signal_fd = signals();
+    events.watch(signal_fd.get(), EPOLLIN, [&](uint32_t) { signal_arrived(&events, signal_fd.get()); });
+
+    service served(events, std::move(model));
+    std::vector<std::unique_ptr<listener>> listeners;
+    for (const std::string &address : wanted.sockets) {
+        listeners.push_back(std::make_unique<listener>(events, address, [&served](arrival who) {
+            auto link = std::make_unique<transport>(std::move(who.fd));
+            served.welcome(std::move(who), std::move(link));
+        }));
+        if (!listeners.back()->open(&error))
+            return failed(error);
+        LOG_INFO("listening on %s", listeners.back()->address().c_str());
+    }
+    events.run();
+    LOG_INFO("ends");
+    return EXIT_SUCCESS;
+}

@@ -1,0 +1,280 @@
+#include "veld/model/change.h"
+
+#include "veld/base/json_text.h"
+#include "veld/model/check.h"
+#include "veld/model/password.h"
+
+#include <limits>
+#include <map>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace veld
+{
+
+namespace
+{
+
+constexpr std::string_view refused_role = "may not be written by this user";
+
+struct pending {
+    node *parameter;
+    json_ref value;
+    std::string name;
+};
+
+// The bad entries of one request: the code of the answer is theirs when they agree.
+class problem_list
+{
+public:
+    void add(std::string_view name, int code, std::string_view text)
+    {
+        code_ = code_ == 0 || code_ == code ? code : code::bad_arguments;
+        if (!named_.insert(std::string(name)).second)
+            return;
+        data_ += data_.empty() ? "{" : ",";
+        json_text_string(&data_, name);
+        data_ += ':';
+        json_text_string(&data_, text);
+    }
+    bool empty() const { return data_.empty(); }
+    fault finish() { return {code_, "nothing was set", data_ + "}"}; }
+
+private:
+    int code_ = 0;
+    std::string data_;
+    std::unordered_set<std::string> named_;
+};
+
+bool settable_source(const scheme &what)
+{
+    return what.from == source::stored || what.from == source::live || what.from == source::row_field;
+}
+
+// Values of unique parameters are compared as they will be after the whole request.
+class unique_check
+{
+public:
+    void plan(tree *in, const std::vector<pending> &entries)
+    {
+        for (const pending &entry : entries) {
+            if (!entry.parameter->what->unique)
+                continue;
+            moving_.insert(entry.parameter);
+            wanted_[key(entry)] += 1;
+        }
+        tree_ = in;
+    }
+    /// The instance that keeps the value, or 0; `*twice` when two entries of the request want it.
+    uint32_t conflict(const pending &entry, bool *twice)
+    {
+        if (!entry.parameter->what->unique || enclosing_table(entry.parameter) == nullptr ||
+            (json_is_string(entry.value.get()) && json_string_length(entry.value.get()) == 0))
+            return 0;
+        *twice = wanted_[key(entry)] > 1;
+        const uint32_t holder = tree_->taken(entry.parameter, entry.value.get());
+        if (holder == 0)
+            return 0;
+        // The holder gives its value up when the same request sets it to something else.
+        node *other = same_place(entry.parameter, holder);
+        return other != nullptr && moving_.count(other) != 0 ? 0 : holder;
+    }
+
+private:
+    static std::string key(const pending &entry)
+    {
+        const node *table = enclosing_table(entry.parameter);
+        std::string text = std::to_string(reinterpret_cast<uintptr_t>(table)) + "/" +
+                           std::to_string(reinterpret_cast<uintptr_t>(entry.parameter->what)) + "/";
+        json_text_value(&text, entry.value.get());
+        return text;
+    }
+    node *same_place(const node *parameter, uint32_t number)
+    {
+        std::vector<const scheme *> down;
+        const node *at = parameter;
+        for (; !at->is_instance(); at = at->parent)
+            down.push_back(at->what);
+        node *here = tree_->instance(at->parent, number);
+        while (here != nullptr && !down.empty()) {
+            here = tree_->child(here, down.back()->name);
+            down.pop_back();
+        }
+        return here;
+    }
+
+    tree *tree_ = nullptr;
+    std::unordered_set<const node *> moving_;
+    std::unordered_map<std::string, int> wanted_;
+};
+
+value_problem settable(const place &where, role who)
+{
+    if (!where)
+        return {code::bad_name, "no such parameter"};
+    if (where.at->what != where.what || where.what->kind != node_kind::parameter)
+        return {code::bad_name, "is not a parameter"};
+    if (!where.what->writable || !settable_source(*where.what))
+        return {code::not_writable, "is not writable"};
+    if (who < where.what->write || who < where.what->read)
+        return {code::denied, std::string(refused_role)};
+    return {};
+}
+
+fault denied(std::string_view name, std::string_view why)
+{
+    return {code::denied, std::string(name) + " " + std::string(why), ""};
+}
+
+fault no_such(std::string_view name)
+{
+    return {code::bad_name, "no such node: " + std::string(name), ""};
+}
+
+// An instance number that a client names, or the fault that says why it may not be touched.
+fault find_instance(tree *in, role who, std::string_view path, node **found)
+{
+    const place where = in->find(path);
+    if (!where)
+        return no_such(path);
+    if (where.at->what != where.what || !where.at->is_instance())
+        return {code::bad_name, std::string(path) + " is not an instance", ""};
+    if (who < where.at->parent->what->write || who < where.at->parent->what->read)
+        return denied(path, "may not be changed by this user");
+    *found = where.at;
+    return {};
+}
+
+// A unique number that is taken already gets the next free value, so that a new instance never collides.
+void free_unique_numbers(tree *in, node *of)
+{
+    if (of->what->kind == node_kind::object) {
+        for (const auto &child : of->children)
+            free_unique_numbers(in, child.get());
+        return;
+    }
+    if (of->what->kind != node_kind::parameter || !of->what->unique || !json_is_integer(of->what->initial.get()))
+        return;
+    json_int_t number = json_integer_value(of->what->initial.get());
+    json_ref value{json_integer(number)};
+    json_ref kept;
+    while (in->taken(of, value.get()) != 0 && value_check(*of->what, value.get(), &kept).code == 0)
+        value.reset(json_integer(++number));
+    if (number != json_integer_value(of->what->initial.get()) && value_check(*of->what, value.get(), &kept).code == 0)
+        in->store(of, std::move(value), true);
+}
+
+} // namespace
+
+fault change_values(tree *in, role who, const json_t *list, std::vector<value_change> *changes)
+{
+    problem_list problems;
+    std::vector<pending> entries;
+    std::unordered_set<const node *> named;
+    size_t i = 0;
+    const json_t *item = nullptr;
+    json_array_foreach(list, i, item)
+    {
+        const json_t *text = json_object_get(item, "Name");
+        const std::string_view name{json_string_value(text), json_string_length(text)};
+        const place where = in->find(name);
+        value_problem problem = settable(where, who);
+        pending entry{where.at, {}, {}};
+        if (problem.code == 0)
+            problem = value_check(*where.what, json_object_get(item, "Value"), &entry.value);
+        if (problem.code == 0 && !named.insert(where.at).second)
+            problem = {code::bad_arguments, "is named more than once"};
+        if (problem.code != 0) {
+            problems.add(name, problem.code, problem.text);
+            continue;
+        }
+        entry.name = tree::name(where.at);
+        entries.push_back(std::move(entry));
+    }
+    unique_check unique;
+    unique.plan(in, entries);
+    for (const pending &entry : entries) {
+        bool twice = false;
+        const uint32_t holder = unique.conflict(entry, &twice);
+        if (holder != 0)
+            problems.add(entry.name, code::bad_value, "is already used by instance " + std::to_string(holder));
+        else if (twice)
+            problems.add(entry.name, code::bad_value, "would be used by two instances");
+    }
+    if (!problems.empty())
+        return problems.finish();
+
+    for (pending &entry : entries) {
+        changes->push_back({entry.name, json_ref::share(entry.value.get()), entry.parameter->what});
+        if (entry.parameter->what->type == value_type::toggle)
+            continue; // it acts, and reads as before
+        if (entry.parameter->what->handler_set == "password")
+            entry.value = password_hash(entry.value.get());
+        in->store(entry.parameter, std::move(entry.value), true);
+    }
+    return {};
+}
+
+fault change_add(tree *in, role who, std::string_view path, uint64_t order, node **added)
+{
+    const place where = in->find(path);
+    if (!where)
+        return no_such(path);
+    if (where.at->what != where.what || !where.at->table)
+        return {code::bad_name, std::string(path) + " is not a multi-instance object", ""};
+    node *table = where.at;
+    const scheme &what = *table->what;
+    if (!what.writable)
+        return denied(path, "takes no new instances");
+    if (who < what.write || who < what.read)
+        return denied(path, "may not be changed by this user");
+    if (order != 0 && !what.ordered)
+        return {code::bad_arguments, std::string(path) + " is not ordered", ""};
+    in->refresh(table);
+    const auto count = static_cast<int64_t>(table->table->instances.size());
+    if (what.max_count && count >= *what.max_count)
+        return {code::resources, std::string(path) + " takes at most " + std::to_string(*what.max_count) + " instances",
+                ""};
+    if (table->table->highest == std::numeric_limits<uint32_t>::max())
+        return {code::resources, std::string(path) + " has no instance numbers left", ""};
+    *added = in->add(table, order == 0 ? std::numeric_limits<size_t>::max() : static_cast<size_t>(order - 1));
+    free_unique_numbers(in, *added);
+    table->changed = true;
+    return {};
+}
+
+fault change_delete(tree *in, role who, std::string_view path, node **table, uint32_t *number)
+{
+    node *instance = nullptr;
+    if (fault problem = find_instance(in, who, path, &instance))
+        return problem;
+    node *parent = instance->parent;
+    if (!parent->what->deletable)
+        return denied(path, "cannot be deleted");
+    const auto count = static_cast<int64_t>(parent->table->instances.size());
+    if (parent->what->min_count && count <= *parent->what->min_count)
+        return denied(path,
+                      "must stay: at least " + std::to_string(*parent->what->min_count) + " instances are needed");
+    *table = parent;
+    *number = instance->number;
+    in->remove(instance);
+    parent->changed = true;
+    return {};
+}
+
+fault change_order(tree *in, role who, std::string_view path, uint64_t order)
+{
+    node *instance = nullptr;
+    if (fault problem = find_instance(in, who, path, &instance))
+        return problem;
+    node *table = instance->parent;
+    if (!table->what->ordered)
+        return {code::bad_arguments, tree::name(table) + " is not ordered", ""};
+    if (!table->what->writable)
+        return denied(path, "cannot be moved");
+    in->move(instance, static_cast<size_t>(order - 1));
+    table->changed = true;
+    return {};
+}
+
+} // namespace veld

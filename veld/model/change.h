@@ -1,0 +1,30 @@
+// Changes that clients ask for: values, instances and their order. Each is done as a whole or not at all.
+#pragma once
+
+#include "veld/model/fault.h"
+#include "veld/model/tree.h"
+
+namespace veld
+{
+
+/// A value that was set.
+struct value_change {
+    std::string name;
+    json_ref value; ///< as it was stored, or asked for where nothing is kept
+    const scheme *what;
+};
+
+/// Sets all the values of `list`, an array of {"Name", "Value"}, or none: the fault's data then names every bad entry.
+/// The parameters that were set are appended to `*changes` in their order.
+fault change_values(tree *in, role who, const json_t *list, std::vector<value_change> *changes);
+
+/// Adds an instance to the table at `path`; `order` counts from 1, 0 is last. `*added` receives the instance.
+fault change_add(tree *in, role who, std::string_view path, uint64_t order, node **added);
+
+/// Deletes an instance; `*table` and `*number` say afterwards which it was.
+fault change_delete(tree *in, role who, std::string_view path, node **table, uint32_t *number);
+
+/// Moves an instance to another place of its table's order; `order` counts from 1.
+fault change_order(tree *in, role who, std::string_view path, uint64_t order);
+
+} // namespace veld

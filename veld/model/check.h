@@ -1,0 +1,28 @@
+// Whether a value fits what the model says about its parameter.
+#pragma once
+
+#include "veld/model/scheme.h"
+
+#include <string>
+
+namespace veld
+{
+
+/// What is wrong with a value: the protocol's error code and a phrase; code 0 when nothing is.
+struct value_problem {
+    int code = 0;
+    std::string text;
+};
+
+/// True when `value` has the JSON type of the parameter's values; `*kept` then owns the value as it is to be stored
+/// (an integer given for a decimal becomes a real one, digits that fit a signed word become an integer).
+bool value_fits_type(const scheme &what, json_t *value, json_ref *kept);
+
+/// Checks everything that one value alone can violate: type, enumeration, range, length, pattern and the type's own
+/// form.
+value_problem value_check(const scheme &what, json_t *value, json_ref *kept);
+
+/// The number of characters of a UTF-8 text.
+size_t text_length(std::string_view text);
+
+} // namespace veld

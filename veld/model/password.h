@@ -1,0 +1,18 @@
+// Salted password hashes, as crypt(3) makes them.
+#pragma once
+
+#include "platform/ve_json.h"
+
+#include <string>
+#include <string_view>
+
+namespace veld
+{
+
+/// The hash to keep for a new password; an empty password stays empty, which lets nobody in.
+json_ref password_hash(const json_t *password);
+
+/// True when the password is the one that was hashed. Takes equally long whatever differs.
+bool password_matches(const std::string &password, const std::string &hash);
+
+} // namespace veld

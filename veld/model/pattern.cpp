@@ -1,0 +1,65 @@
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include "veld/model/pattern.h"
+
+#include <pcre2.h>
+
+namespace veld
+{
+
+namespace
+{
+
+constexpr uint32_t step_limit = 200000;
+constexpr uint32_t depth_limit = 2000;
+constexpr uint32_t heap_limit_kib = 4096;
+
+// One for all matches: they never overlap.
+pcre2_match_context *limits()
+{
+    static pcre2_match_context *context = [] {
+        pcre2_match_context *made = pcre2_match_context_create(nullptr);
+        if (made != nullptr) {
+            pcre2_set_match_limit(made, step_limit);
+            pcre2_set_depth_limit(made, depth_limit);
+            pcre2_set_heap_limit(made, heap_limit_kib);
+        }
+        return made;
+    }();
+    return context;
+}
+
+} // namespace
+
+std::unique_ptr<pattern> pattern::compile(const std::string &expression, std::string *error)
+{
+    int code = 0;
+    PCRE2_SIZE offset = 0;
+    // Grouped, so that the anchors hold for every alternative.
+    const std::string grouped = "(?:" + expression + ")";
+    pcre2_code *compiled =
+        pcre2_compile(reinterpret_cast<PCRE2_SPTR>(grouped.data()), grouped.size(),
+                      PCRE2_ANCHORED | PCRE2_ENDANCHORED | PCRE2_UTF | PCRE2_DOLLAR_ENDONLY, &code, &offset, nullptr);
+    if (compiled == nullptr) {
+        PCRE2_UCHAR text[160] = {};
+        pcre2_get_error_message(code, text, sizeof text);
+        *error = reinterpret_cast<const char *>(text);
+        return nullptr;
+    }
+    return std::unique_ptr<pattern>(new pattern(expression, compiled));
+}
+
+pattern::~pattern()
+{
+    pcre2_code_free(code_);
+}
+
+bool pattern::matches(std::string_view text) const
+{
+    static pcre2_match_data *match = pcre2_match_data_create(1, nullptr);
+    if (match == nullptr || limits() == nullptr)
+        return false;
+    const auto *subject = reinterpret_cast<PCRE2_SPTR>(text.data() != nullptr ? text.data() : "");
+    return pcre2_match(code_, subject, text.size(), 0, 0, match, limits()) >= 0;
+}
+
+} // namespace veld

@@ -1,0 +1,111 @@
+// What the model says about its nodes: made once from the model document, shared by every instance.
+#pragma once
+
+#include "platform/ve_json.h"
+#include "veld/model/pattern.h"
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace veld
+{
+
+/// What somebody may do; each includes what stands before it.
+enum class role : uint8_t { anonymous, user, administrator };
+
+enum class node_kind : uint8_t { object, table, parameter, method };
+
+enum class value_type : uint8_t {
+    none, ///< objects, tables and methods
+    string,
+    boolean,
+    int32,
+    uint32,
+    int64,
+    uint64,
+    decimal,
+    date_time,
+    base64,
+    hex_binary,
+    path,
+    toggle ///< "switch": acts when it is set, and reads as its default at all other times
+};
+
+/// Where a value, or a table's set of instances, comes from.
+enum class source : uint8_t {
+    stored,
+    live,         ///< a provider of values; on a table, of rows
+    row_field,    ///< a field of the live row that the instance stands for
+    row_table,    ///< rows nested in the live row that the instance stands for
+    max_instance, ///< the highest instance number that the table has given
+    order,        ///< the table's instance numbers in order
+    count         ///< the number of instances of the sibling table
+};
+
+struct scheme {
+    std::string name;
+    const scheme *parent = nullptr;
+    node_kind kind = node_kind::object;
+    value_type type = value_type::none;
+    source from = source::stored;
+    role read = role::anonymous;
+    role write = role::user;
+    /// The lowest role that may read anything at or below this node.
+    role reach = role::anonymous;
+    bool writable = false; ///< access "readWrite": on a table, instances may be added
+    bool ordered = false;
+    bool runtime = false; ///< not saved
+    bool unique = false;
+    bool secret = false;    ///< reads as an empty text for everybody but administrators
+    bool argument = false;  ///< belongs to a method's arguments
+    bool output = false;    ///< an argument that the method gives back
+    bool deletable = false; ///< on a table: its instances may be deleted
+    std::string provider;   ///< of live values; of a method: what implements it
+    size_t counted = 0;     ///< source::count: the index of the sibling table
+
+    json_ref initial;   ///< the default; parameters only
+    json_ref factory;   ///< the factory value when it differs from the default, or null
+    json_ref instances; ///< factory instances of a table, or null
+    json_ref first_order;
+
+    json_ref enumeration;
+    std::optional<int64_t> min_inclusive, max_inclusive, min_length, max_length, min_count, max_count;
+    std::unique_ptr<pattern> regex;
+    json_ref off_value;
+    std::string handler_get, handler_set;
+
+    /// An object's children, a table's own parameters, a method's arguments; in the model's order.
+    std::vector<std::unique_ptr<scheme>> children;
+    /// What an instance of a table looks like; null on anything else.
+    std::unique_ptr<scheme> element;
+    std::unordered_map<std::string_view, uint32_t> index;
+
+    /// The place of a child in `children`, or -1.
+    int find(std::string_view child) const
+    {
+        const auto found = index.find(child);
+        return found == index.end() ? -1 : static_cast<int>(found->second);
+    }
+    bool is_object() const { return kind == node_kind::object || kind == node_kind::table; }
+    /// True when the node and everything else at its place in the model ends in "." when named.
+    bool dotted() const { return is_object(); }
+};
+
+/// The scheme that a model document describes; null when it is no model document, `*error` then says what and where.
+std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error);
+
+/// The name of a type as the protocol spells it.
+const char *type_name(value_type type);
+
+/// The attributes of a node as a JSON object, as somebody of that role sees them.
+void scheme_attributes(std::string *out, const scheme &what, role who);
+
+/// What somebody of that role may do with the node: "", "r" or "rw".
+const char *scheme_perms(const scheme &what, role who);
+
+} // namespace veld

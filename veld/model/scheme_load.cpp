@@ -1,0 +1,399 @@
+#include "veld/base/log.h"
+#include "veld/model/check.h"
+#include "veld/model/scheme.h"
+
+#include <cctype>
+#include <cstring>
+#include <iterator>
+
+namespace veld
+{
+
+namespace
+{
+
+constexpr int deepest = 64;
+
+// What a node hands down to the nodes below it.
+struct surroundings {
+    role read = role::anonymous;
+    role write = role::user;
+    bool secret = false;
+    bool live_row = false; // inside the template of a live table
+    bool argument = false;
+    bool output = false;
+    int depth = 0;
+    std::string path;
+};
+
+class loader
+{
+public:
+    explicit loader(std::string *error) : error_(error) {}
+
+    bool children(json_t *members, const surroundings &around, scheme *into);
+    bool node(json_t *source, const surroundings &around, scheme *into);
+
+private:
+    bool fail(const surroundings &around, const std::string &what)
+    {
+        if (error_->empty())
+            *error_ = (around.path.empty() ? std::string("the root") : around.path) + ": " + what;
+        return false;
+    }
+    bool flags(json_t *source, surroundings *around, scheme *into);
+    bool limits(json_t *source, const surroundings &around, scheme *into);
+    bool parameter(json_t *source, const surroundings &around, scheme *into);
+    bool table(json_t *source, const surroundings &around, scheme *into);
+    bool method(json_t *source, const surroundings &around, scheme *into);
+    bool boolean(json_t *source, const surroundings &around, const char *key, bool *out);
+    bool text(json_t *source, const surroundings &around, const char *key, std::string *out);
+    bool integer(json_t *source, const surroundings &around, const char *key, std::optional<int64_t> *out);
+    bool level(json_t *source, const surroundings &around, const char *key, role *out);
+    void synthetic(scheme *into, const char *name, source from, value_type type, const char *empty);
+
+    std::string *error_;
+};
+
+// Arguments of methods may be numbered like instances: "Result.1.Status".
+bool good_name(std::string_view name, bool argument)
+{
+    if (name.empty() || name.size() > 128)
+        return false;
+    if (!argument && isalpha(static_cast<unsigned char>(name[0])) == 0 && name[0] != '_')
+        return false;
+    for (const char c : name) {
+        if (isalnum(static_cast<unsigned char>(c)) == 0 && c != '_' && c != '-')
+            return false;
+    }
+    return true;
+}
+
+bool loader::boolean(json_t *source, const surroundings &around, const char *key, bool *out)
+{
+    json_t *value = json_object_get(source, key);
+    if (value == nullptr)
+        return true;
+    if (!json_is_boolean(value))
+        return fail(around, std::string("\"") + key + "\" must be true or false");
+    *out = json_is_true(value);
+    return true;
+}
+
+bool loader::text(json_t *source, const surroundings &around, const char *key, std::string *out)
+{
+    json_t *value = json_object_get(source, key);
+    if (value == nullptr)
+        return true;
+    if (!json_is_string(value))
+        return fail(around, std::string("\"") + key + "\" must be a text");
+    out->assign(json_string_value(value), json_string_length(value));
+    return true;
+}
+
+bool loader::integer(json_t *source, const surroundings &around, const char *key, std::optional<int64_t> *out)
+{
+    json_t *value = json_object_get(source, key);
+    if (value == nullptr)
+        return true;
+    if (!json_is_integer(value))
+        return fail(around, std::string("\"") + key + "\" must be an integer");
+    *out = json_integer_value(value);
+    return true;
+}
+
+bool loader::level(json_t *source, const surroundings &around, const char *key, role *out)
+{
+    std::string name;
+    if (!text(source, around, key, &name))
+        return false;
+    if (name == "public")
+        *out = role::anonymous;
+    else if (name == "user")
+        *out = role::user;
+    else if (name == "admin")
+        *out = role::administrator;
+    else if (!name.empty())
+        return fail(around, std::string("\"") + key + "\" must be \"public\", \"user\" or \"admin\"");
+    return true;
+}
+
+bool loader::flags(json_t *source, surroundings *around, scheme *into)
+{
+    std::string access = "readOnly";
+    bool ok = text(source, *around, "access", &access) && boolean(source, *around, "ordered", &into->ordered) &&
+              boolean(source, *around, "runtime", &into->runtime) &&
+              boolean(source, *around, "unique", &into->unique) &&
+              boolean(source, *around, "secret", &around->secret) && level(source, *around, "read", &around->read) &&
+              level(source, *around, "write", &around->write) && text(source, *around, "live", &into->provider) &&
+              text(source, *around, "handler_get", &into->handler_get) &&
+              text(source, *around, "handler_set", &into->handler_set);
+    if (!ok)
+        return false;
+    if (access != "readOnly" && access != "readWrite")
+        return fail(*around, "\"access\" must be \"readOnly\" or \"readWrite\"");
+    into->writable = access == "readWrite";
+    into->secret = around->secret;
+    into->read = around->read;
+    into->write = around->write;
+    into->argument = around->argument;
+    into->output = around->output;
+    return true;
+}
+
+bool loader::limits(json_t *source, const surroundings &around, scheme *into)
+{
+    return integer(source, around, "minInclusive", &into->min_inclusive) &&
+           integer(source, around, "maxInclusive", &into->max_inclusive) &&
+           integer(source, around, "minLength", &into->min_length) &&
+           integer(source, around, "maxLength", &into->max_length) &&
+           integer(source, around, "minCount", &into->min_count) &&
+           integer(source, around, "maxCount", &into->max_count);
+}
+
+bool loader::parameter(json_t *source, const surroundings &around, scheme *into)
+{
+    into->kind = node_kind::parameter;
+    std::string expression;
+    if (!text(source, around, "regex", &expression))
+        return false;
+    if (!expression.empty()) {
+        std::string why;
+        into->regex = pattern::compile(expression, &why);
+        if (!into->regex)
+            return fail(around, "\"regex\": " + why);
+    }
+    if (json_t *list = json_object_get(source, "enum")) {
+        if (!json_is_array(list))
+            return fail(around, "\"enum\" must be an array");
+        if (json_array_size(list) > 0)
+            into->enumeration = json_ref::share(list);
+    }
+    if (json_t *off = json_object_get(source, "offValue"))
+        into->off_value = json_ref::share(off);
+
+    json_t *initial = json_object_get(source, "default");
+    if (initial == nullptr)
+        return fail(around, "a parameter must have a \"default\"");
+    if (!value_fits_type(*into, initial, &into->initial))
+        return fail(around, std::string("\"default\" is no ") + type_name(into->type));
+    if (json_t *factory = json_object_get(source, "value")) {
+        if (!value_fits_type(*into, factory, &into->factory))
+            return fail(around, std::string("\"value\" is no ") + type_name(into->type));
+    }
+    std::string counted;
+    if (!text(source, around, "entries", &counted))
+        return false;
+    if (!into->provider.empty()) {
+        into->from = around.live_row ? source::row_field : source::live;
+    } else if (!counted.empty()) {
+        into->from = source::count;
+        into->provider = counted;
+    }
+    return true;
+}
+
+void loader::synthetic(scheme *into, const char *name, enum source from, value_type type, const char *empty)
+{
+    if (into->find(name) >= 0)
+        return;
+    auto made = std::make_unique<scheme>();
+    made->name = name;
+    made->parent = into;
+    made->kind = node_kind::parameter;
+    made->type = type;
+    made->from = from;
+    made->read = into->read;
+    made->write = into->write;
+    made->reach = into->read;
+    made->initial.reset(empty != nullptr ? json_string(empty) : json_integer(0));
+    into->children.push_back(std::move(made));
+    into->index.emplace(into->children.back()->name, static_cast<uint32_t>(into->children.size() - 1));
+}
+
+bool loader::table(json_t *source, const surroundings &around, scheme *into)
+{
+    into->kind = node_kind::table;
+    json_t *element = json_object_get(source, "template");
+    if (!json_is_object(element))
+        return fail(around, "a multi-instance object must have a \"template\"");
+    surroundings below = around;
+    below.depth += 1;
+    below.path += "{i}.";
+    below.live_row = around.live_row || !into->provider.empty();
+    if (!into->provider.empty())
+        into->from = around.live_row ? source::row_table : source::live;
+    into->element = std::make_unique<scheme>();
+    into->element->parent = into;
+    if (!node(element, below, into->element.get()))
+        return false;
+    if (into->element->kind == node_kind::table || into->element->kind == node_kind::method)
+        return fail(around, "\"template\" must be an object or a parameter");
+    into->deletable = into->element->is_object() ? into->element->writable : into->writable;
+
+    if (json_t *own = json_object_get(source, "own")) {
+        surroundings beside = around;
+        beside.live_row = false;
+        if (!json_is_object(own) || !children(own, beside, into))
+            return fail(around, "\"own\" must hold parameters");
+        for (const auto &child : into->children) {
+            if (child->kind != node_kind::parameter)
+                return fail(around, "\"own\" must hold parameters");
+        }
+    }
+    synthetic(into, "max_instance", source::max_instance, value_type::uint32, nullptr);
+    if (into->ordered)
+        synthetic(into, "order", source::order, value_type::string, "");
+
+    if (json_t *instances = json_object_get(source, "instances")) {
+        if (!json_is_object(instances))
+            return fail(around, "\"instances\" must be an object");
+        into->instances = json_ref::share(instances);
+    }
+    if (json_t *order = json_object_get(source, "order")) {
+        if (!json_is_array(order))
+            return fail(around, "\"order\" must be an array");
+        into->first_order = json_ref::share(order);
+    }
+    return true;
+}
+
+bool loader::method(json_t *source, const surroundings &around, scheme *into)
+{
+    into->kind = node_kind::method;
+    if (!text(source, around, "method", &into->provider))
+        return false;
+    for (const char *direction : {"input", "output"}) {
+        json_t *arguments = json_object_get(source, direction);
+        if (arguments == nullptr)
+            continue;
+        surroundings below = around;
+        below.argument = true;
+        below.output = direction[0] == 'o';
+        below.live_row = false;
+        if (!json_is_object(arguments) || !children(arguments, below, into))
+            return fail(around, std::string("\"") + direction + "\" must be an object of arguments");
+    }
+    return true;
+}
+
+bool loader::node(json_t *source, const surroundings &outer, scheme *into)
+{
+    surroundings around = outer;
+    if (around.depth > deepest)
+        return fail(around, "nested too deep");
+    if (!json_is_object(source))
+        return fail(around, "a node must be an object");
+    std::string type;
+    bool multi = false;
+    if (!text(source, around, "type", &type) || !boolean(source, around, "multi", &multi))
+        return false;
+    if (type == "method") {
+        if (around.argument)
+            return fail(around, "a method cannot be an argument");
+        return flags(source, &around, into) && method(source, around, into);
+    }
+    if (type == "object" || type.empty()) {
+        if (!around.path.empty() && around.path.back() != '.')
+            around.path += '.';
+        if (!flags(source, &around, into) || !limits(source, around, into))
+            return false;
+        if (multi)
+            return around.argument ? fail(around, "an argument cannot be multi-instance") : table(source, around, into);
+        json_t *members = json_object_get(source, "children");
+        if (members != nullptr && !json_is_object(members))
+            return fail(around, "\"children\" must be an object");
+        return children(members, around, into);
+    }
+    for (size_t i = 1; i <= static_cast<size_t>(value_type::toggle); ++i) {
+        if (type == type_name(static_cast<value_type>(i)))
+            into->type = static_cast<value_type>(i);
+    }
+    if (into->type == value_type::none)
+        return fail(around, "unknown type \"" + type + "\"");
+    return flags(source, &around, into) && limits(source, around, into) && parameter(source, around, into);
+}
+
+bool loader::children(json_t *members, const surroundings &around, scheme *into)
+{
+    const char *key = nullptr;
+    json_t *value = nullptr;
+    json_object_foreach(members, key, value)
+    {
+        surroundings below = around;
+        below.depth += 1;
+        below.path += (around.path.empty() || around.path.back() == '.' ? "" : ".") + std::string(key);
+        if (!good_name(key, around.argument))
+            return fail(below, "not a good name for a node");
+        if (into->find(key) >= 0)
+            return fail(below, "named twice");
+        auto child = std::make_unique<scheme>();
+        child->name = key;
+        child->parent = into;
+        if (!node(value, below, child.get()))
+            return false;
+        into->children.push_back(std::move(child));
+        into->index.emplace(into->children.back()->name, static_cast<uint32_t>(into->children.size() - 1));
+    }
+    return true;
+}
+
+// Parameters with "entries" count the instances of the table of that name beside them.
+bool connect_counts(scheme *what, std::string *error)
+{
+    for (const auto &child : what->children) {
+        if (child->from != source::count)
+            continue;
+        const int table = what->find(child->provider);
+        if (table < 0 || what->children[static_cast<size_t>(table)]->kind != node_kind::table) {
+            *error = what->name + "." + child->name + ": \"entries\" names no table beside it";
+            return false;
+        }
+        child->counted = static_cast<size_t>(table);
+    }
+    return true;
+}
+
+bool finish(scheme *what, std::string *error)
+{
+    if (!connect_counts(what, error))
+        return false;
+    what->reach = what->read;
+    for (const auto &child : what->children) {
+        if (!finish(child.get(), error))
+            return false;
+        what->reach = std::min(what->reach, child->reach);
+    }
+    if (what->element) {
+        if (!finish(what->element.get(), error))
+            return false;
+        what->reach = std::min(what->reach, what->element->reach);
+    }
+    return true;
+}
+
+} // namespace
+
+std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error)
+{
+    error->clear();
+    json_t *format = json_object_get(document, "format");
+    json_t *members = json_object_get(document, "root");
+    if (!json_is_integer(format) || json_integer_value(format) != 1) {
+        *error = "not a model document of format 1";
+        return nullptr;
+    }
+    if (!json_is_object(members)) {
+        *error = "\"root\" must be an object";
+        return nullptr;
+    }
+    auto root = std::make_unique<scheme>();
+    loader work(error);
+    if (!work.children(members, {}, root.get()))
+        return nullptr;
+    if (!finish(root.get(), error))
+        return nullptr;
+    return root;
+}
+
+} // namespace veld

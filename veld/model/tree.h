@@ -1,0 +1,121 @@
+// The model's nodes as they are at the moment: objects, instances, values.
+#pragma once
+
+#include "veld/model/scheme.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace veld
+{
+
+struct node;
+
+/// The instances of a table that have one value of one unique parameter: the value's text to the instance's number.
+using unique_values = std::unordered_map<std::string, uint32_t>;
+
+/// What a table has beyond other nodes.
+struct table_state {
+    std::vector<std::unique_ptr<node>> instances;   ///< ascending by number
+    std::vector<uint32_t> order;                    ///< of an ordered table: all instance numbers
+    uint32_t highest = 0;                           ///< the highest number given so far
+    uint64_t epoch = 0;                             ///< of a live table: the request it was last brought up to date in
+    std::unordered_map<std::string, uint32_t> rows; ///< of a live table: the row's key to the instance's number
+    std::unordered_map<const scheme *, unique_values> unique;
+};
+
+struct node {
+    const scheme *what = nullptr;
+    node *parent = nullptr; ///< null for the root
+    json_ref value;         ///< a parameter's own value; null: the default
+    /// An object's children or a table's own parameters, in the order of the scheme's children.
+    std::vector<std::unique_ptr<node>> children;
+    std::unique_ptr<table_state> table;
+    uint32_t number = 0;  ///< of an instance, else 0
+    bool changed = false; ///< set since the factory: goes into the saved state
+
+    bool is_instance() const { return number != 0; }
+};
+
+/// A place that a name leads to: a node, or an argument of the method that `at` is then.
+struct place {
+    node *at = nullptr;
+    const scheme *what = nullptr;
+
+    explicit operator bool() const { return what != nullptr; }
+    bool is_argument() const { return what->argument && what->kind != node_kind::method; }
+};
+
+/// Where live values come from. Both return new references; null when there is nothing to tell.
+struct live_source {
+    std::function<json_t *(std::string_view provider)> value;
+    std::function<json_t *(std::string_view provider)> rows;
+};
+
+class tree
+{
+public:
+    /// The tree in its factory state. Null when factory values do not fit the model; `*error` says where.
+    static std::unique_ptr<tree> make(std::unique_ptr<scheme> model, live_source live, std::string *error);
+
+    node *root() { return root_.get(); }
+    const scheme &model() const { return *model_; }
+
+    /// Begins a request: within one, live tables are brought up to date once.
+    void begin_request() { ++epoch_; }
+
+    /// The place of a name, with or without its final "."; the root is "." or "". No place when there is none.
+    place find(std::string_view name);
+    /// A child of an object or an instance of a table by its name; null when there is none.
+    node *child(node *of, std::string_view name);
+    node *instance(node *table, uint32_t number);
+
+    /// The parameter's value at the moment: a new reference, never null.
+    json_ref value(node *parameter);
+    /// Stores a value that has been checked; keeps the indexes of unique values.
+    void store(node *parameter, json_ref value, bool changed);
+
+    /// Makes the next instance of a table, at that place of the order (from 0; beyond the end: last).
+    node *add(node *table, size_t at);
+    /// As add(), with a given number, which must be higher than every number so far.
+    node *add_numbered(node *table, uint32_t number, size_t at);
+    void remove(node *instance);
+    /// Moves an instance of an ordered table to that place (from 0; beyond the end: last).
+    void move(node *instance, size_t to);
+    /// The number of the other instance that has this value of a unique parameter, or 0.
+    uint32_t taken(node *parameter, const json_t *value);
+
+    /// Brings a live table up to date; harmless on every other node.
+    void refresh(node *table);
+    /// The instances of a table in the order in which answers name them.
+    std::vector<node *> listed(node *table);
+
+    /// The whole tree back to the factory state.
+    void reset();
+
+    /// The full name of a place as answers spell it.
+    static std::string name(const node *of);
+
+private:
+    tree() = default;
+
+    std::unique_ptr<node> make_node(const scheme &what, node *parent);
+    void sync_rows(node *table, json_t *rows);
+    void sync_fields(node *of, json_t *row);
+    void index_value(node *parameter, bool add);
+    void index_subtree(node *of, bool add);
+
+    std::unique_ptr<scheme> model_;
+    std::unique_ptr<node> root_;
+    live_source live_;
+    uint64_t epoch_ = 1;
+};
+
+/// The table whose instance `of` stands in (or is), and nothing when it stands in none.
+node *enclosing_table(const node *of);
+
+} // namespace veld

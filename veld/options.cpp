@@ -1,0 +1,73 @@
+#include "veld/options.h"
+
+#include <cstdio>
+#include <getopt.h>
+
+namespace veld
+{
+
+namespace
+{
+
+constexpr const char *default_socket = "/var/run/veld.sock";
+
+constexpr const char *usage_text =
+    "Veltro Management System daemon.\n"
+    "Usage: veld [options]\n"
+    "\n"
+    "Options:\n"
+    "\t    --socket PATH           UNIX socket to serve (default is \"/var/run/veld.sock\").\n"
+    "\t    --model FILE            Model document to serve (default is \"gateway\").\n"
+    "\t    --log LEVEL|FILE        Log up to error, warning (default), info or debug on standard error,\n"
+    "\t                            or up to info into a file.\n"
+    "\t-h, --help                  Print this help message.\n"
+    "\t-v, --version               Display veld version.\n";
+
+enum option_value { option_socket = 1, option_model, option_log };
+
+const option long_options[] = {
+    {"socket", required_argument, nullptr, option_socket},
+    {"model", required_argument, nullptr, option_model},
+    {"log", required_argument, nullptr, option_log},
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, 'v'},
+    {nullptr, 0, nullptr, 0},
+};
+
+} // namespace
+
+options_outcome options_parse(int argc, char **argv, options *out)
+{
+    int found = 0;
+    while ((found = getopt_long(argc, argv, "hv", long_options, nullptr)) != -1) {
+        switch (found) {
+        case option_socket:
+            out->sockets.emplace_back(optarg);
+            break;
+        case option_model:
+            out->model = optarg;
+            break;
+        case option_log:
+            out->log = optarg;
+            break;
+        case 'h':
+            fputs(usage_text, stdout);
+            return options_outcome::done;
+        case 'v':
+            puts("veld version " KEST_VERSION);
+            return options_outcome::done;
+        default:
+            fputs(usage_text, stderr);
+            return options_outcome::wrong;
+        }
+    }
+    if (optind < argc) {
+        fprintf(stderr, "veld: what is \"%s\"?\n%s", argv[optind], usage_text);
+        return options_outcome::wrong;
+    }
+    if (out->sockets.empty())
+        out->sockets.emplace_back(default_socket);
+    return options_outcome::run;
+}
+
+} // namespace veld

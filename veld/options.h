@@ -1,0 +1,21 @@
+// The daemon's command line.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace veld
+{
+
+struct options {
+    std::vector<std::string> sockets; ///< paths, and addresses of the form tcp://HOST:PORT
+    std::string model = "gateway";
+    std::string log;
+};
+
+enum class options_outcome { run, done, wrong };
+
+/// Parses the command line. Help and the version go to standard output ("done"), what is wrong to standard error.
+options_outcome options_parse(int argc, char **argv, options *out);
+
+} // namespace veld

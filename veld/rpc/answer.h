@@ -1,0 +1,25 @@
+// Answers as lines of text.
+#pragma once
+
+#include "veld/rpc/service.h"
+
+#include "veld/base/json_text.h"
+
+namespace veld
+{
+
+inline constexpr std::string_view status_ok = "{\"Status\":0}";
+
+template <class Write> void service::answer_written(const ticket &to, Write write)
+{
+    std::string line = "{\"jsonrpc\":\"2.0\",\"id\":" + to.id + ",\"result\":";
+    // One byte is left for the brace that ends the message.
+    if (const fault problem = write(answer_text{&line, ve_wire_line_max - 1})) {
+        answer_fault(to, problem);
+        return;
+    }
+    line += "}\n";
+    send_to(to, std::move(line));
+}
+
+} // namespace veld

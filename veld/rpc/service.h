@@ -1,0 +1,111 @@
+// What the daemon does with its clients' messages.
+#pragma once
+
+#include "veld/model/fault.h"
+#include "veld/model/query.h"
+#include "veld/model/tree.h"
+#include "veld/server/connection.h"
+#include "veld/server/listener.h"
+#include "veld/session/accounts.h"
+#include "veld/session/login_guard.h"
+#include "veld/session/sessions.h"
+
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+namespace veld
+{
+
+struct client {
+    std::unique_ptr<connection> link;
+    login who;
+};
+
+/// Where an answer goes: it may come when the client is long gone.
+struct ticket {
+    uint64_t client;
+    std::string id; ///< the request's id as JSON text
+};
+
+class service : public connection_owner
+{
+public:
+    service(loop &events, std::unique_ptr<tree> model);
+
+    /// Takes a client that has connected, with its link.
+    void welcome(arrival who, std::unique_ptr<transport> link);
+
+    void line_received(connection &from, std::string_view line) override;
+    void connection_over(connection &which) override;
+
+private:
+    using method = void (service::*)(client &from, const json_t *params, ticket to);
+    struct method_entry {
+        std::string_view name;
+        method call;
+    };
+    static const method_entry methods[];
+
+    // service.cpp: messages in, answers and events out
+    void request(client &from, json_t *message, std::string_view name, std::string id);
+    void answer_result(const ticket &to, std::string_view result);
+    void answer_fault(const ticket &to, const fault &why);
+    void answer_object(const ticket &to, json_t *result);
+    void send_to(const ticket &to, std::string message);
+    client *find(uint64_t id);
+    /// Runs `write`, which appends the result to the text it is given, and answers with it or with the fault.
+    template <class Write> void answer_written(const ticket &to, Write write);
+    /// Delivers an event to the sessions of its group whose users have these rights at least.
+    void deliver(int64_t group, json_t *value, role least);
+
+    // data_methods.cpp
+    void get_names(client &from, const json_t *params, ticket to);
+    void get_values(client &from, const json_t *params, ticket to);
+    void get_attributes(client &from, const json_t *params, ticket to);
+    void set_values(client &from, const json_t *params, ticket to);
+    void add_object(client &from, const json_t *params, ticket to);
+    void delete_object(client &from, const json_t *params, ticket to);
+    void change_order_of(client &from, const json_t *params, ticket to);
+    void instance_event(const char *action, const node *table, uint32_t number);
+
+    // session_methods.cpp
+    void log_in(client &from, const json_t *params, ticket to);
+    void log_out(client &from, const json_t *params, ticket to);
+    void join_group(client &from, const json_t *params, ticket to);
+    void event_received(client &from, const json_t *params);
+    void try_password(const ticket &to, const std::string &user, const std::shared_ptr<std::string> &password);
+    void finish_login(const ticket &to, const std::optional<login> &who, const std::string &user);
+
+    loop &loop_;
+    std::unique_ptr<tree> tree_;
+    sessions sessions_;
+    login_guard guard_;
+    uint64_t next_client_ = 1;
+    std::unordered_map<uint64_t, client> clients_;
+};
+
+/// A request's parameters, checked as they are taken. The first that does not fit makes the fault.
+class param_reader
+{
+public:
+    explicit param_reader(const json_t *params) : params_(params) {}
+
+    std::string text(const char *name, bool needed = true);
+    int64_t integer(const char *name, int64_t absent, int64_t least);
+    bool boolean(const char *name, bool absent);
+    /// An array of texts; borrowed.
+    const json_t *texts(const char *name);
+    /// An array of {"Name", "Value"}; borrowed, null when it is absent and need not be there.
+    const json_t *name_values(const char *name, bool needed = true);
+
+    const fault &problem() const { return problem_; }
+
+private:
+    void refuse(const char *name, const char *what);
+
+    const json_t *params_;
+    fault problem_;
+};
+
+} // namespace veld

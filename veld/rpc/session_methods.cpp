@@ -1,0 +1,116 @@
+#include "veld/base/log.h"
+#include "veld/rpc/answer.h"
+#include "veld/rpc/service.h"
+
+#include <cstring>
+
+namespace veld
+{
+
+namespace
+{
+
+constexpr size_t groups_limit = 1024;
+constexpr size_t session_text_limit = 256;
+constexpr int64_t first_free_event = 10;
+
+} // namespace
+
+void service::log_in(client &from, const json_t *params, ticket to)
+{
+    param_reader reader(params);
+    const std::string user = reader.text("User");
+    // Wiped when the last holder lets go of it.
+    const std::shared_ptr<std::string> password(new std::string(reader.text("Password", false)), [](std::string *text) {
+        explicit_bzero(text->data(), text->size());
+        delete text;
+    });
+    if (reader.problem())
+        return answer_fault(to, reader.problem());
+    if (json_object_get(params, "Password") == nullptr) {
+        finish_login(to, login_by_peer(tree_.get(), user, from.link->identity()), user);
+        return;
+    }
+    from.link->hold();
+    try_password(to, user, password);
+}
+
+void service::try_password(const ticket &to, const std::string &user, const std::shared_ptr<std::string> &password)
+{
+    client *asking = find(to.client);
+    if (asking == nullptr)
+        return;
+    const std::string peer = asking->link->peer();
+    const int64_t now = loop::now();
+    const int64_t when = guard_.earliest(user, peer, now);
+    if (when > now) {
+        loop_.after(when - now, [this, to, user, password] { try_password(to, user, password); });
+        return;
+    }
+    const std::optional<login> who = login_by_password(tree_.get(), user, *password);
+    if (who) {
+        guard_.succeeded(user, peer);
+        finish_login(to, who, user);
+        asking->link->release();
+        return;
+    }
+    loop_.after(guard_.failed(user, peer, now), [this, to, user] {
+        finish_login(to, {}, user);
+        if (client *refused = find(to.client))
+            refused->link->release();
+    });
+}
+
+void service::finish_login(const ticket &to, const std::optional<login> &who, const std::string &user)
+{
+    client *asking = find(to.client);
+    if (asking == nullptr)
+        return;
+    if (!who) {
+        LOG_WARNING("%s: login as \"%.64s\" refused", asking->link->peer().c_str(), user.c_str());
+        answer_fault(to, {code::denied, "login refused", ""});
+        return;
+    }
+    LOG_INFO("%s: logged in as \"%.64s\"", asking->link->peer().c_str(), user.c_str());
+    asking->who = *who;
+    answer_result(to, "{}");
+}
+
+void service::log_out(client &from, const json_t *, ticket to)
+{
+    from.who = {};
+    answer_result(to, "{}");
+}
+
+void service::join_group(client &from, const json_t *params, ticket to)
+{
+    param_reader reader(params);
+    const int64_t group = reader.integer("Group", 0, INT64_MIN);
+    const std::string session = reader.text("Session", false);
+    const bool receiver = reader.boolean("Receiver", false);
+    if (!reader.problem() && json_object_get(params, "Group") == nullptr)
+        return answer_fault(to, {code::bad_params, "\"Group\" must be an integer", ""});
+    if (reader.problem())
+        return answer_fault(to, reader.problem());
+    if (session.size() > session_text_limit)
+        return answer_fault(to, {code::bad_arguments, "\"Session\" is too long", ""});
+    if (sessions_.joined(from.link->id()) >= groups_limit)
+        return answer_fault(to, {code::resources, "too many groups", ""});
+    sessions_.join(from.link->id(), group, session, receiver);
+    answer_result(to, "{}");
+}
+
+void service::event_received(client &from, const json_t *params)
+{
+    const json_t *id = json_object_get(params, "Id");
+    if (!json_is_integer(id))
+        return;
+    const int64_t group = json_integer_value(id);
+    if (group > 0 && group < first_free_event && from.who.rights != role::administrator) {
+        LOG_INFO("%s: event %lld is the daemon's own", from.link->peer().c_str(), static_cast<long long>(group));
+        return;
+    }
+    deliver(group, json_object_get(params, "Value"), role::anonymous);
+}
+
+} // namespace veld

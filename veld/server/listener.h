@@ -1,0 +1,54 @@
+// The sockets on which clients arrive.
+#pragma once
+
+#include "veld/base/owned_fd.h"
+#include "veld/server/connection.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace veld
+{
+
+/// What a newly accepted client brings.
+struct arrival {
+    owned_fd fd;
+    std::string peer;
+    std::optional<peer_identity> identity;
+};
+
+/// A listening socket, on a path or on an address ("tcp://HOST:PORT"). Opened and closed as the device comes and goes.
+class listener
+{
+public:
+    using accept_handler = std::function<void(arrival)>;
+
+    listener(loop &events, std::string address, accept_handler call);
+    listener(const listener &) = delete;
+    listener &operator=(const listener &) = delete;
+    ~listener();
+
+    /// Returns false when it cannot listen there; `*error` then says why.
+    bool open(std::string *error);
+    void close();
+    /// The address with the port that the system chose, where one was asked for.
+    const std::string &address() const { return address_; }
+    bool is_tcp() const { return address_.starts_with("tcp://"); }
+
+private:
+    bool open_unix(std::string *error);
+    bool open_tcp(std::string *error);
+    void arrived();
+
+    loop &loop_;
+    std::string address_;
+    accept_handler call_;
+    owned_fd fd_;
+    owned_fd reserve_; // given up for a moment when descriptors run out, so that clients can be turned away
+    bool bound_ = false;
+    uint64_t device_ = 0; // of the socket file that is ours
+    uint64_t inode_ = 0;
+};
+
+} // namespace veld

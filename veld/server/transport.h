@@ -1,0 +1,47 @@
+// The bytes of one connection: plain, or through TLS.
+#pragma once
+
+#include "veld/base/owned_fd.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <sys/types.h>
+
+namespace veld
+{
+
+/// What an operation on a non-blocking link came to.
+enum class io_state {
+    done,       ///< some bytes went through
+    want_read,  ///< goes on when the descriptor can be read
+    want_write, ///< goes on when the descriptor can be written
+    closed,     ///< the peer ended its side in good order
+    failed
+};
+
+struct io_result {
+    io_state state;
+    size_t bytes = 0;
+};
+
+class transport
+{
+public:
+    explicit transport(owned_fd fd) : fd_(static_cast<owned_fd &&>(fd)) {}
+    transport(const transport &) = delete;
+    transport &operator=(const transport &) = delete;
+    virtual ~transport() = default;
+
+    int fd() const { return fd_.get(); }
+    virtual io_result read(char *into, size_t room);
+    virtual io_result write(const char *from, size_t count);
+    /// Takes further what must happen before bytes flow; done when nothing is left.
+    virtual io_state greet() { return io_state::done; }
+    /// True while bytes that were received wait inside, where epoll does not see them.
+    virtual bool holds_input() const { return false; }
+
+private:
+    owned_fd fd_;
+};
+
+} // namespace veld

@@ -1,0 +1,91 @@
+#include "veld/session/accounts.h"
+
+#include "veld/model/password.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+namespace veld
+{
+
+namespace
+{
+
+struct account {
+    bool enabled = false;
+    bool administrator = false;
+    std::string hash;
+};
+
+json_ref member(tree *model, node *of, std::string_view name)
+{
+    node *found = model->child(of, name);
+    return found != nullptr && found->what->kind == node_kind::parameter ? model->value(found) : json_ref{};
+}
+
+std::string text(const json_ref &value)
+{
+    return {json_string_value(value.get()), json_string_length(value.get())};
+}
+
+std::optional<account> find_account(tree *model, const std::string &user)
+{
+    const place table = model->find("Device.Users.User.");
+    if (!table || table.at->what != table.what || !table.at->table || user.empty())
+        return {};
+    for (const auto &one : table.at->table->instances) {
+        const json_ref name = member(model, one.get(), "Username");
+        if (!json_is_string(name.get()) || text(name) != user)
+            continue;
+        account found;
+        found.enabled = json_is_true(member(model, one.get(), "Enable").get());
+        found.administrator = json_is_true(member(model, one.get(), "X_VELD_Administrator").get());
+        const json_ref hash = member(model, one.get(), "Password");
+        if (json_is_string(hash.get()))
+            found.hash = text(hash);
+        return found;
+    }
+    return {};
+}
+
+std::optional<uid_t> system_user(const std::string &user)
+{
+    if (user.empty() || user.find('\0') != std::string::npos)
+        return {};
+    char buffer[4096];
+    passwd entry{};
+    passwd *found = nullptr;
+    if (getpwnam_r(user.c_str(), &entry, buffer, sizeof buffer, &found) != 0 || found == nullptr)
+        return {};
+    return found->pw_uid;
+}
+
+} // namespace
+
+std::optional<login> login_by_peer(tree *model, const std::string &user, const std::optional<peer_identity> &peer)
+{
+    if (!peer)
+        return {};
+    const std::optional<uid_t> uid = system_user(user);
+    const std::optional<account> known = find_account(model, user);
+    const bool own = uid && *uid == peer->uid;
+    const bool by_root = peer->uid == 0 && (uid || (known && known->enabled));
+    if (!own && !by_root)
+        return {};
+    if (uid && (*uid == 0 || *uid == geteuid()))
+        return login{user, role::administrator};
+    if (known && !known->enabled)
+        return {};
+    return login{user, known && known->administrator ? role::administrator : role::user};
+}
+
+std::optional<login> login_by_password(tree *model, const std::string &user, const std::string &password)
+{
+    const std::optional<account> known = find_account(model, user);
+    const bool matches = password_matches(password, known ? known->hash : std::string{});
+    if (!known || !known->enabled || !matches)
+        return {};
+    return login{user, known->administrator ? role::administrator : role::user};
+}
+
+} // namespace veld
