@@ -1,0 +1,121 @@
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <utility>
+
+#include "cdpath/cdpath.h"
+#include "event/request.h"
+#include "platform/ve_json.h"
+#include "platform/ve_landing.h"
+#include "platform/ve_tr.h"
+
+namespace
+{
+
+/// The record's path as the daemon spells objects.
+std::string object_path(const cdpath *record)
+{
+    std::string path = record->path;
+    if (path.empty() || ve_tr_path_is_full(path.c_str()))
+        path += '.';
+    return path;
+}
+
+/// The names of an answer's entries, in order.
+json_t *names_of(const ve_jrpcmsg *message)
+{
+    json_t *names = json_array();
+    size_t index;
+    json_t *entry;
+    json_array_foreach(ve_jrpcmsg_parameter_list(message), index, entry)
+    {
+        json_t *name = json_object_get(entry, "Name");
+        if (json_is_string(name))
+            json_array_append(names, name);
+    }
+    return names;
+}
+
+/// Asks for the instances of a multi-instance object and what stands directly below them; a new tree of them.
+json_t *fetch_instances(const char *base)
+{
+    jump_safe<msg_ref> names(ve_jrpcmsg_cmd_get_parameter_names(base, 1));
+    msg_exec(names.get(), -1);
+    // Without a "Depth": an instance comes with its direct children.
+    jump_safe<msg_ref> attributes(ve_jrpcmsg_cmd_get_parameter_attributes_new(names_of(names.get())));
+    msg_exec(attributes.get(), -1);
+    return ve_tr_names_to_config(ve_jrpcmsg_parameter_list(attributes.get()), base);
+}
+
+/// After a reconnect replaced the cache: lets the record stand in the new one, as far as that is known there already.
+void enter_new_cache(cdpath *record)
+{
+    json_ref parents{json_array()};
+    json_t *node = dm;
+    const std::string path = record->path;
+    for (size_t from = 0; from < path.size();) {
+        const size_t dot = std::min(path.find('.', from), path.size());
+        const std::string name = path.substr(from, dot - from);
+        json_t *child = json_object_get(node, name.c_str());
+        if (child == nullptr && ve_tr_str_is_instance(name.c_str()))
+            child = json_object_get(node, "#template");
+        if (child == nullptr)
+            return;
+        json_array_insert(parents.get(), 0, node);
+        node = child;
+        from = dot + 1;
+    }
+    if (node == record->node)
+        return;
+    json_decref(std::exchange(record->node, json_incref(node)));
+    json_decref(std::exchange(record->parents, parents.release()));
+}
+
+/// Puts what was fetched into the node, which keeps its identity.
+void install(json_t *node, json_t *content, json_t *instances)
+{
+    cdpath_info_to_attr(content);
+    json_object_clear(node);
+    json_object_update(node, content);
+    json_object_set_new(node, "#fetched", json_true());
+    const char *key;
+    json_t *instance;
+    json_object_foreach(instances, key, instance)
+    {
+        if (*key == '#')
+            continue;
+        cdpath_info_to_attr(instance);
+        json_object_set_new(instance, "#fetched", json_true());
+        json_object_set(node, key, instance);
+    }
+}
+
+} // namespace
+
+int cdpath_fetch(cdpath *record)
+{
+    jump_safe<std::string> base(object_path(record));
+    // Kept, so that a new cache cannot be taken for this one.
+    jump_safe<json_ref> cache(json_incref(dm));
+    const bool multi = record->is_multi != 0;
+
+    jump_safe<msg_ref> attributes(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
+    ve_jrpcmsg_cmd_get_parameter_attributes_add(attributes.get(), base.c_str());
+    json_object_set_new(ve_jrpcmsg_params(attributes.get()), "Depth", json_integer(1));
+    msg_exec(attributes.get(), -1);
+
+    jump_safe<json_ref> instances;
+    if (multi)
+        instances.reset(fetch_instances(base.c_str()));
+
+    // Nothing of the cache was touched so far: what Ctrl-C abandons leaves no trace.
+    if (base != object_path(record))
+        return 0; // the reconnect that reloads the cache moved the shell's own place
+    if (dm != cache.get())
+        enter_new_cache(record);
+    if (record->node == nullptr)
+        record->node = json_object();
+    const json_ref content{ve_tr_names_to_config(ve_jrpcmsg_parameter_list(attributes.get()), base.c_str())};
+    install(record->node, content.get(), instances.get());
+    return 0;
+}
