@@ -1,0 +1,81 @@
+#include "commands/execute.h"
+
+#include <cstring>
+#include <string>
+
+#include "commands/handler.h"
+#include "commands/place.h"
+#include "commands/values.h"
+#include "event/request.h"
+#include "platform/ve_json.h"
+#include "platform/ve_landing.h"
+#include "platform/ve_out.h"
+#include "platform/ve_tr.h"
+#include "utils/json_util.h"
+
+namespace
+{
+
+/// Appends what "rpath=value" says to the argument list; false with a message when it does not fit the method's input.
+bool add_argument(const char *name, const char *argument, const json_t *input, json_t *list)
+{
+    const char *equals = strrchr(argument, '=');
+    if (equals == nullptr) {
+        ve_printf("%s: %s: no value.\n", name, argument);
+        return false;
+    }
+    const std::string path(argument, equals);
+    const char *text = equals + 1;
+    ve_printf("key = %s, value = %s\n", path.c_str(), text);
+    const json_t *node = ve_tr_node_find_path_config(input, path.c_str());
+    if (node == nullptr) {
+        ve_printf("%s: %s: no such argument.\n", name, path.c_str());
+        return false;
+    }
+    const json_t *standard = ve_tr_dm_node_default_get(node);
+    if (standard == nullptr) {
+        ve_printf("%s: %s: is an object or doesn't have default value.\n", name, path.c_str());
+        return false;
+    }
+    const json_ref value{json_load_uservalue(text, json_typeof(standard))};
+    if (!value) {
+        ve_printf("%s: %s: invalid value %s.\n", name, path.c_str(), text);
+        return false;
+    }
+    json_array_append_new(list, json_pack("{s : s, s : O}", "Name", path.c_str(), "Value", value.get()));
+    return true;
+}
+
+} // namespace
+
+int process_execute(const char *name, json_t *args)
+{
+    const char *method = arg_text(args, 0);
+    if (method == nullptr || *method == '\0') {
+        ve_printf("%s: no method.\n", name);
+        return -1;
+    }
+    jump_safe<cdpath_local> place(cwd);
+    if (!place_go(&place, method)) {
+        ve_printf("%s: %s: no such method.\n", name, method);
+        return -1;
+    }
+    jump_safe<msg_ref> message;
+    {
+        const json_ref input{cdpath_get_input(&place)};
+        json_ref list{json_array()};
+        for (size_t index = 1; index < json_array_size(args); ++index) {
+            if (!add_argument(name, arg_text(args, index), input.get(), list.get()))
+                return -1;
+        }
+        message = msg_ref(ve_jrpcmsg_cmd_execute(place.path, list.release()));
+    }
+    msg_exec(message.get(), -1);
+    const json_t *output = ve_jrpcmsg_parameter_list(message.get());
+    if (json_array_size(output) > 0) {
+        values_tree(output, "");
+        return 0;
+    }
+    print_status(message.get());
+    return -1;
+}

@@ -1,0 +1,168 @@
+#include "commands/listing.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "commands/place.h"
+#include "event/request.h"
+#include "platform/ve_colors.h"
+#include "platform/ve_landing.h"
+#include "platform/ve_out.h"
+#include "utils/colorscheme.h"
+#include "utils/json_util.h"
+
+namespace
+{
+
+struct row {
+    std::string type;
+    std::string access;
+    std::string perms;
+    std::string flags;
+    const char *name; ///< borrowed from the answer
+};
+
+/// "%d" of the bound, as far as 32 bits hold it; empty without one.
+std::string bound(const json_t *attributes, const char *key)
+{
+    const json_t *value = json_object_get(attributes, key);
+    return value != nullptr ? std::to_string(static_cast<int32_t>(json_integer_value(value))) : std::string();
+}
+
+/// "[0:100]", "[1:]", "[:100]", or nothing.
+std::string value_range(const json_t *attributes)
+{
+    const std::string low = bound(attributes, "minInclusive");
+    const std::string high = bound(attributes, "maxInclusive");
+    return low.empty() && high.empty() ? "" : "[" + low + ":" + high + "]";
+}
+
+/// "(1:64)", "(8)" for either bound alone, or nothing.
+std::string length_range(const json_t *attributes)
+{
+    const std::string low = bound(attributes, "minLength");
+    const std::string high = bound(attributes, "maxLength");
+    if (low.empty() && high.empty())
+        return "";
+    return "(" + low + (!low.empty() && !high.empty() ? ":" : "") + high + ")";
+}
+
+std::string flag_letters(const json_t *attributes)
+{
+    static constexpr struct {
+        const char *key;
+        char letter;
+    } flags[] = {{"multi", 'M'}, {"ordered", 'O'}, {"runtime", 'R'}, {"unique", 'U'}};
+    const char *type = json_text(attributes, "type");
+    std::string letters;
+    if (type != nullptr && strcmp(type, "object") == 0)
+        letters += 'O'; // "ordered" has the same letter
+    for (const auto &flag : flags) {
+        if (json_is_true(json_object_get(attributes, flag.key)))
+            letters += flag.letter;
+    }
+    return letters.empty() ? "-" : letters;
+}
+
+std::string shown_text(const json_t *attributes, const char *key, const char *otherwise)
+{
+    const char *text = json_text(attributes, key);
+    return text != nullptr ? ve_visible(text) : otherwise;
+}
+
+row make_row(const char *name, const json_t *attributes)
+{
+    const json_t *access = json_object_get(attributes, "access");
+    const char *access_text = json_string_value(access);
+    row made;
+    made.type = shown_text(attributes, "type", "-") + value_range(attributes) + length_range(attributes);
+    made.access = access == nullptr                                                ? "-"
+                  : access_text != nullptr && strcmp(access_text, "readOnly") == 0 ? "RO"
+                                                                                   : "RW";
+    made.perms = shown_text(attributes, "perms", "");
+    made.flags = flag_letters(attributes);
+    made.name = name;
+    return made;
+}
+
+/// True when `name` names the place itself, with or without a final dot.
+bool is_place(const char *name, const std::string &path)
+{
+    if (strncmp(name, path.c_str(), path.size()) != 0)
+        return false;
+    const char *rest = name + path.size();
+    return *rest == '\0' || strcmp(rest, ".") == 0;
+}
+
+/// `name` without the place's path and the dot behind it, as far as they are there.
+const char *name_below(const char *name, const std::string &path)
+{
+    const bool below = !path.empty() && strncmp(name, path.c_str(), path.size()) == 0 && name[path.size()] == '.';
+    return below ? name + path.size() + 1 : name;
+}
+
+std::vector<row> make_rows(const json_t *list, const std::string &path)
+{
+    std::vector<row> rows;
+    size_t index;
+    json_t *entry;
+    json_array_foreach(list, index, entry)
+    {
+        const char *name = json_text(entry, "Name");
+        const json_t *attributes = json_object_get(entry, "Attributes");
+        if (name == nullptr || attributes == nullptr)
+            continue;
+        if (!is_place(name, path)) {
+            rows.push_back(make_row(name_below(name, path), attributes));
+            continue;
+        }
+        const char *type = json_text(attributes, "type");
+        if (type != nullptr && strcmp(type, "object") != 0)
+            return {make_row(name, attributes)}; // a parameter or a method stands for itself
+    }
+    std::stable_sort(rows.begin(), rows.end(), [](const row &a, const row &b) {
+        const bool a_first = a.type == "object";
+        const bool b_first = b.type == "object";
+        return a_first != b_first ? a_first : strcmp(a.name, b.name) < 0;
+    });
+    return rows;
+}
+
+int width_of(const std::vector<row> &rows, std::string row::*column, size_t least)
+{
+    for (const row &each : rows)
+        least = std::max(least, (each.*column).size());
+    return static_cast<int>(least) + 1;
+}
+
+void print_rows(const std::vector<row> &rows)
+{
+    const int type = width_of(rows, &row::type, 4);
+    const int access = width_of(rows, &row::access, 6);
+    const int perms = width_of(rows, &row::perms, 5);
+    const int flags = width_of(rows, &row::flags, 5);
+    ve_printf("%-*s %-*s %-*s %-*s %s\n", type, "Type", access, "Access", perms, "Perms", flags, "Flags", "Name");
+    for (const row &each : rows) {
+        ve_printf("%-*s %-*s %-*s %-*s ", type, each.type.c_str(), access, each.access.c_str(), perms,
+                  each.perms.c_str(), flags, each.flags.c_str());
+        ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
+        ve_puts(ve_visible(each.name));
+        ve_colors_reset();
+        ve_out_relieve();
+    }
+}
+
+} // namespace
+
+void list_long(const cdpath *place)
+{
+    jump_safe<std::string> path(place->path);
+    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
+    ve_jrpcmsg_cmd_get_parameter_values_add(message.get(), place_with_dot(path.c_str()).c_str());
+    json_object_set_new(ve_jrpcmsg_params(message.get()), "Depth", json_integer(1));
+    msg_exec(message.get(), 1000);
+    jump_safe<std::vector<row>> rows(make_rows(ve_jrpcmsg_parameter_list(message.get()), path));
+    print_rows(rows);
+}

@@ -1,0 +1,88 @@
+#include "commands/password.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "platform/ve_landing.h"
+#include "platform/ve_out.h"
+#include "platform/ve_rl.h"
+#include "platform/ve_wait.h"
+
+namespace
+{
+
+/// Keeps the terminal from echoing.
+class silence
+{
+public:
+    silence() { ve_rl_echo_off(STDIN_FILENO); }
+    ~silence() { ve_rl_echo_on(STDIN_FILENO); }
+    silence(const silence &) = delete;
+    silence &operator=(const silence &) = delete;
+};
+
+/// Reads up to the line feed and not a byte further. False when Ctrl-C ended it.
+bool read_terminal(secret_text *line)
+{
+    for (;;) {
+        pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
+        if (ve_wait_poll(&input, 1, -1) < 0)
+            return false;
+        char byte;
+        const ssize_t count = read(STDIN_FILENO, &byte, 1);
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
+            continue;
+        if (count <= 0 || byte == '\n')
+            return true;
+        line->add(byte);
+    }
+}
+
+/// The next line of an input that is no terminal, which the line editor may have read ahead.
+bool read_plain(secret_text *line)
+{
+    char *text = ve_rl("", -1);
+    if (text == nullptr)
+        return !ve_wait_interrupted();
+    for (const char *at = text; *at != '\0'; ++at)
+        line->add(*at);
+    explicit_bzero(text, strlen(text));
+    free(text);
+    return true;
+}
+
+} // namespace
+
+void secret_text::add(char byte)
+{
+    if (size() == capacity()) {
+        secret_text larger;
+        larger.reserve(2 * size());
+        larger.append(*this);
+        swap(larger);
+    }
+    push_back(byte);
+}
+
+void secret_text::wipe()
+{
+    explicit_bzero(data(), capacity());
+    clear();
+}
+
+bool password_read(const char *user, secret_text *password)
+{
+    ve_printf("[kest] password for %s: ", user);
+    ve_out_flush();
+    bool read;
+    {
+        const jump_safe<silence> silent;
+        read = isatty(STDIN_FILENO) == 1 ? read_terminal(password) : read_plain(password);
+    }
+    ve_puts("");
+    return read;
+}

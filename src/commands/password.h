@@ -1,0 +1,25 @@
+// Asking for a password.
+#pragma once
+
+#include <string>
+
+/// A text that is wiped when it goes.
+class secret_text : public std::string
+{
+public:
+    secret_text() { reserve(first_room); }
+    secret_text(const secret_text &) = delete;
+    secret_text &operator=(const secret_text &) = delete;
+    ~secret_text() { wipe(); }
+
+    /// Appends, leaving no copy behind where the text grows.
+    void add(char byte);
+    void wipe();
+
+private:
+    static constexpr size_t first_room = 512;
+};
+
+/// Asks for `user`'s password: a prompt, then a line without echo. An end of the input is an empty password. False when
+/// Ctrl-C ended it (where that does not jump). A wait point.
+bool password_read(const char *user, secret_text *password);

@@ -1,0 +1,205 @@
+#include "commands/values.h"
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "commands/handler.h"
+#include "commands/place.h"
+#include "event/request.h"
+#include "platform/ve_colors.h"
+#include "platform/ve_json.h"
+#include "platform/ve_landing.h"
+#include "platform/ve_out.h"
+#include "platform/ve_tr.h"
+#include "utils/colorscheme.h"
+#include "utils/json_util.h"
+
+namespace
+{
+
+const char *last_component(const char *path)
+{
+    const char *dot = strrchr(path, '.');
+    return dot != nullptr ? dot + 1 : path;
+}
+
+/// The name that the daemon is asked for: an object with its final dot, what belongs to a table itself without.
+std::string query_name(const cdpath *place)
+{
+    std::string name = place->path;
+    const bool parameter = !cdpath_is_root(place) && ve_tr_dm_node_type_get(place->node) != ve_tr_object;
+    const std::string_view last = last_component(place->path);
+    if (!parameter && !name.ends_with('.') && last != "max_instance" && last != "order")
+        name += '.';
+    return name;
+}
+
+/// The entry's name without the query in front, as far as that is there; null for an entry without a name.
+const char *name_below(const json_t *entry, const std::string &query)
+{
+    const char *name = json_text(entry, "Name");
+    return name != nullptr && strncmp(name, query.c_str(), query.size()) == 0 ? name + query.size() : name;
+}
+
+void print_list(const json_t *list, const std::string &query)
+{
+    size_t width = 0;
+    size_t index;
+    json_t *entry;
+    json_array_foreach(list, index, entry)
+    {
+        if (const char *name = name_below(entry, query); name != nullptr)
+            width = std::max(width, strlen(name));
+    }
+    json_array_foreach(list, index, entry)
+    {
+        const char *name = name_below(entry, query);
+        if (name == nullptr)
+            continue;
+        if (*name == '\0') // a single parameter was asked for
+            name = last_component(query.c_str());
+        ve_printf("%-*s = ", static_cast<int>(width), ve_visible(name));
+        ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
+        ve_puts(ve_visible(json_compact(json_object_get(entry, "Value")).c_str()));
+        ve_colors_reset();
+        ve_out_relieve();
+    }
+}
+
+/// One query. Returns 0 or -1.
+int print_values(const char *name, const char *path_text, bool tree)
+{
+    jump_safe<cdpath_local> place(cwd);
+    if (!place_go(&place, path_text)) {
+        ve_printf("%s: %s: no such node.\n", name, path_text);
+        return -1;
+    }
+    jump_safe<std::string> query;
+    if (place.node != nullptr)
+        query = query_name(&place);
+    else if (path_text != nullptr)
+        query = path_text;
+    if (query.empty()) {
+        ve_printf("%s: no argument.\n", name);
+        return -1;
+    }
+    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_get_parameter_values_new(nullptr));
+    ve_jrpcmsg_cmd_get_parameter_values_add(message.get(), query.c_str());
+    msg_exec(message.get(), -1);
+    if (ve_jrpcmsg_result(message.get()) == nullptr) {
+        print_status(message.get());
+        return -1;
+    }
+    const json_t *list = ve_jrpcmsg_parameter_list(message.get());
+    if (tree)
+        values_tree(list, query.c_str());
+    else
+        print_list(list, query);
+    return 0;
+}
+
+int print_each(const char *name, const json_t *args, bool tree)
+{
+    if (json_array_size(args) == 0)
+        print_values(name, ".", tree);
+    size_t index;
+    json_t *word;
+    json_array_foreach(args, index, word) print_values(name, json_string_value(word), tree);
+    return 0;
+}
+
+/// The value for a typed assignment as the scheme wants it, with the parameter's full name; null with a message when it
+/// cannot be had.
+json_t *typed_value(const char *name, const char *path, const char *text, std::string *parameter)
+{
+    jump_safe<cdpath_local> place(cwd);
+    if (cdpath_parse(&place, path) != 0) {
+        ve_printf("%s: %s: no such node.\n", name, path);
+        return nullptr;
+    }
+    const json_t *standard = ve_tr_dm_node_default_get(place.node);
+    if (ve_tr_dm_node_type_get(place.node) == ve_tr_object || standard == nullptr) {
+        ve_printf("%s: %s: is an object or doesn't have default value.\n", name, path);
+        return nullptr;
+    }
+    json_t *value = json_load_uservalue(text, json_typeof(standard));
+    if (value == nullptr)
+        ve_printf("%s: %s: invalid value %s.\n", name, path, text);
+    *parameter = place.path;
+    return value;
+}
+
+} // namespace
+
+void print_status(const ve_jrpcmsg *message)
+{
+    const int code = ve_jrpcmsg_error_code(message);
+    if (code == 0) {
+        ve_printf("Status: ");
+        ve_colors_set(2);
+        ve_puts("OK");
+        ve_colors_reset();
+        ve_out_flush();
+        return;
+    }
+    ve_colors_set(1);
+    ve_printf("[%d] %s", code, ve_visible(ve_jrpcmsg_error_title(message)));
+    ve_colors_reset();
+    ve_printf(": %s\n", ve_visible(ve_jrpcmsg_error_message(message)));
+    json_t *data = ve_jrpcmsg_error_data(message);
+    const char *key;
+    json_t *value;
+    json_object_foreach(data, key, value)
+    {
+        ve_printf("%s: %s\n", ve_visible(key), ve_visible(json_compact(value).c_str()));
+        ve_out_relieve();
+    }
+}
+
+int process_cat(const char *name, json_t *args)
+{
+    return print_each(name, args, false);
+}
+
+int process_catree(const char *name, json_t *args)
+{
+    return print_each(name, args, true);
+}
+
+int process_set(const char *name, json_t *args)
+{
+    jump_safe<json_ref> list(json_array());
+    size_t index;
+    json_t *word;
+    json_array_foreach(args, index, word)
+    {
+        const char *argument = json_string_value(word);
+        const char *equals = strrchr(argument, '=');
+        if (equals == nullptr) {
+            ve_printf("%s: %s: no value.\n", name, argument);
+            continue;
+        }
+        jump_safe<std::string> path(argument, equals);
+        const char *text = equals + 1;
+        ve_printf("key = %s, value = %s\n", path.c_str(), text);
+        jump_safe<std::string> parameter(path);
+        json_t *value;
+        if (place_scheme_loaded())
+            value = typed_value(name, path.c_str(), text, &parameter);
+        else
+            value = json_loads(text, JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr);
+        if (value != nullptr)
+            json_array_append_new(list.get(), json_pack("{s:s, s:o}", "Name", parameter.c_str(), "Value", value));
+    }
+    if (json_array_size(list.get()) == 0) {
+        ve_printf("%s: no argument.\n", name);
+        return -1;
+    }
+    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_set_parameter_values_new(list.release()));
+    msg_exec(message.get(), -1);
+    print_status(message.get());
+    return 0;
+}
