@@ -1,0 +1,26 @@
+// Conversions of typed texts.
+#include <cstdint>
+#include <string>
+
+#include "platform/ve_fs.h"
+#include "platform/ve_out.h"
+#include "platform/ve_string.h"
+#include "platform/ve_tr.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const std::string text(reinterpret_cast<const char *>(data), size);
+    uint32_t u;
+    int32_t i;
+    double d;
+    ve_string_strtoul(text.c_str(), 10, &u);
+    ve_string_strtol(text.c_str(), 10, &i);
+    ve_string_strtod(text.c_str(), &d);
+    ve_string_is_utf8(text.c_str());
+    ve_visible(text.c_str());
+    ve_url_parse(text.c_str());
+    ve_firmware_version_cmp(text.c_str(), text.c_str() + size / 2);
+    ve_tr_str_is_instance(text.c_str());
+    ve_tr_path_is_full(text.c_str());
+    return 0;
+}
