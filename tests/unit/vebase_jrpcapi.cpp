@@ -1,0 +1,673 @@
+#include "platform/ve_jrpcapi.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csetjmp>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <pthread.h>
+#include <vector>
+
+#include "platform/ve_json.h"
+#include "platform/ve_landing.h"
+#include "platform/ve_wait.h"
+#include "vebase_scripted_peer.h"
+
+namespace
+{
+
+using clock_type = std::chrono::steady_clock;
+
+struct deinit {
+    void operator()(ve_jrpcapi *ctx) const { ve_jrpcapi_deinit(ctx); }
+};
+using context = std::unique_ptr<ve_jrpcapi, deinit>;
+
+context context_for(const char *destination)
+{
+    context ctx(ve_jrpcapi_init());
+    ve_jrpcapi_set_destination(ctx.get(), nullptr, destination, ve_socket_unix);
+    return ctx;
+}
+
+context connected_to(const scripted_peer &peer)
+{
+    context ctx = context_for(peer.destination());
+    EXPECT_EQ(ve_jrpcapi_connect(ctx.get()), 0) << ve_jrpcapi_connect_error(ctx.get());
+    return ctx;
+}
+
+int milliseconds_since(clock_type::time_point start)
+{
+    return static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(clock_type::now() - start).count());
+}
+
+size_t open_descriptors()
+{
+    size_t count = 0;
+    for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/fd"))
+        ++count;
+    return count;
+}
+
+/// Sends a request and returns its code, 0 for a success.
+int ask(const context &ctx, const char *method = "Ask")
+{
+    const msg_ref message(ve_jrpcmsg_create_new(method, nullptr));
+    ve_jrpcapi_exec(ctx.get(), message.get());
+    return ve_jrpcmsg_error_code(message.get());
+}
+
+bool is_connected(const context &ctx)
+{
+    return ve_socket_state(ve_jrpcapi_socket(ctx.get())) == ve_socket_connected;
+}
+
+/// Answers every request.
+void answer_all(peer_link &link)
+{
+    while (const long id = link.request())
+        link.answer(id);
+}
+
+} // namespace
+
+TEST(JrpcApi, StoresTheAnswerThatComesByteByByte)
+{
+    const scripted_peer peer([](peer_link &link) {
+        const long id = link.request();
+        for (const char byte : "\n\r\n" + peer_link::answer_text(id, R"({"ParameterList":["a"]})"))
+            link.send(std::string(1, byte));
+        link.closed();
+    });
+    const context ctx = connected_to(peer);
+    const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+    ASSERT_EQ(ve_jrpcapi_exec(ctx.get(), message.get()), 0);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_none);
+    EXPECT_STREQ(json_string_value(json_array_get(ve_jrpcmsg_parameter_list(message.get()), 0)), "a");
+}
+
+TEST(JrpcApi, SendsNewIdsFromOneUpAndKeepsTheOneThatAUserGave)
+{
+    std::string seen;
+    {
+        const scripted_peer peer([&](peer_link &link) {
+            for (int i = 0; i < 4; ++i) {
+                const std::string line = link.line();
+                seen += line + "\n";
+                const json_ref request(json_loads(line.c_str(), 0, nullptr));
+                const json_ref answer(json_pack("{s:O,s:{}}", "id", json_object_get(request.get(), "id"), "result"));
+                char *text = json_dumps(answer.get(), JSON_COMPACT);
+                link.send(std::string(text) + "\n");
+                free(text);
+            }
+            link.closed();
+        });
+        const context ctx = connected_to(peer);
+        EXPECT_EQ(ask(ctx), 0);
+        const json_ref raw(json_loads(R"({"id":"mine","method":"Raw","extra":1})", 0, nullptr));
+        const msg_ref message(ve_jrpcmsg_parse_json(raw.get()));
+        EXPECT_EQ(ve_jrpcapi_exec(ctx.get(), message.get()), 0);
+        const msg_ref again(ve_jrpcmsg_create_new("Twice", nullptr));
+        EXPECT_EQ(ve_jrpcapi_exec(ctx.get(), again.get()), 0);
+        EXPECT_EQ(ve_jrpcapi_exec(ctx.get(), again.get()), 0);
+    }
+    EXPECT_EQ(seen, "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"Ask\"}\n"
+                    "{\"id\":\"mine\",\"method\":\"Raw\",\"extra\":1}\n"
+                    "{\"jsonrpc\":\"2.0\",\"id\":2,\"method\":\"Twice\"}\n"
+                    "{\"jsonrpc\":\"2.0\",\"id\":3,\"method\":\"Twice\"}\n");
+}
+
+TEST(JrpcApi, DropsEventsAndAnswersThatNobodyAwaits)
+{
+    const scripted_peer peer([](peer_link &link) {
+        while (const long id = link.request())
+            link.send(peer_link::answer_text(id + 100) + R"({"method":"Event","params":{"Id":12}})" + "\n" +
+                      R"({"method":"Other"})" + "\n" + R"({"id":1,"method":"AskBack"})" + "\n{}\n" + R"({"id":")" +
+                      std::to_string(id) + R"(","error":{"code":9001}})" + "\n" + peer_link::answer_text(id) +
+                      peer_link::answer_text(id) + peer_link::answer_text(id - 1));
+    });
+    const context ctx = connected_to(peer);
+    for (int i = 0; i < 100; ++i)
+        ASSERT_EQ(ask(ctx), 0);
+}
+
+TEST(JrpcApi, StaysUsableAfterATimeOutAndDropsTheLateAnswer)
+{
+    const scripted_peer peer([](peer_link &link) {
+        const long late = link.request();
+        const long next = link.request();
+        link.send(peer_link::answer_text(late, R"({"Which":"late"})") +
+                  peer_link::answer_text(next, R"({"Which":"next"})"));
+        link.closed();
+    });
+    const context ctx = connected_to(peer);
+    ve_jrpcapi_set_timeout(ctx.get(), 50);
+    const msg_ref first(ve_jrpcmsg_create_new("Ask", nullptr));
+    EXPECT_LT(ve_jrpcapi_exec(ctx.get(), first.get()), 0);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_timeout);
+    EXPECT_EQ(ve_jrpcmsg_error_code(first.get()), -32001);
+    EXPECT_STREQ(ve_jrpcmsg_error_title(first.get()), "Timed out");
+    EXPECT_STREQ(ve_jrpcmsg_error_message(first.get()), "no answer from the daemon in time");
+    ve_jrpcapi_set_timeout(ctx.get(), -1);
+    const msg_ref second(ve_jrpcmsg_create_new("Ask", nullptr));
+    ASSERT_EQ(ve_jrpcapi_exec(ctx.get(), second.get()), 0);
+    EXPECT_STREQ(json_string_value(json_object_get(ve_jrpcmsg_result(second.get()), "Which")), "next");
+}
+
+TEST(JrpcApi, BoundsTheWholeExchangeAgainstAPeerThatNeverStopsSending)
+{
+    for (const char *drip : {" ", "\n", "{\"method\":\"Event\",\"params\":{\"Id\":5}}\n"}) {
+        const scripted_peer peer([drip](peer_link &link) {
+            const std::string burst = strlen(drip) > 1 ? [drip] {
+                std::string many;
+                for (int i = 0; i < 1000; ++i)
+                    many += drip;
+                return many;
+            }()
+                                                       : drip;
+            while (link.send(burst))
+                if (burst.size() == 1)
+                    usleep(2000);
+        });
+        const context ctx = connected_to(peer);
+        ve_jrpcapi_set_timeout(ctx.get(), 150);
+        const auto start = clock_type::now();
+        EXPECT_EQ(ask(ctx), -32001);
+        EXPECT_GE(milliseconds_since(start), 149);
+        EXPECT_LT(milliseconds_since(start), 3000);
+        EXPECT_TRUE(is_connected(ctx));
+    }
+}
+
+TEST(JrpcApi, EndsALinkThatTalksNonsense)
+{
+    for (const char *line : {"garbage\n", "[]\n", "12\n", "{\"a\":\"\xff\"}\n", "{\"a\":\n"}) {
+        std::atomic<bool> closed{false};
+        {
+            const scripted_peer peer([&](peer_link &link) {
+                link.request();
+                link.send(line);
+                closed = link.closed();
+            });
+            const context ctx = connected_to(peer);
+            ve_jrpcapi_set_timeout(ctx.get(), -1);
+            EXPECT_EQ(ask(ctx), -32002) << line;
+            EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_closed);
+            EXPECT_FALSE(is_connected(ctx));
+        }
+        EXPECT_TRUE(closed) << line;
+    }
+}
+
+TEST(JrpcApi, EndsALinkWhoseLineHasNoEnd)
+{
+    std::atomic<bool> refused{false};
+    {
+        const scripted_peer peer([&](peer_link &link) {
+            link.request();
+            const std::string piece(size_t{1} << 20, 'x');
+            for (int i = 0; i < 80 && !refused; ++i)
+                refused = !link.send(piece);
+        });
+        const context ctx = connected_to(peer);
+        ve_jrpcapi_set_timeout(ctx.get(), -1);
+        EXPECT_EQ(ask(ctx), -32002);
+        EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_closed);
+    }
+    EXPECT_TRUE(refused);
+}
+
+TEST(JrpcApi, ReportsALinkThatEndsInTheMiddleOfAnAnswer)
+{
+    const scripted_peer peer([](peer_link &link) {
+        const long id = link.request();
+        const std::string answer = peer_link::answer_text(id);
+        link.send(answer.substr(0, answer.size() / 2));
+    });
+    const context ctx = connected_to(peer);
+    const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+    EXPECT_LT(ve_jrpcapi_exec(ctx.get(), message.get()), 0);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_closed);
+    EXPECT_EQ(ve_jrpcmsg_error_code(message.get()), -32002);
+    EXPECT_STREQ(ve_jrpcmsg_error_title(message.get()), "Connection lost");
+    EXPECT_STREQ(ve_jrpcmsg_error_message(message.get()), "the daemon closed the link");
+    EXPECT_EQ(ve_jrpcapi_connect(ctx.get()), 0);
+    EXPECT_TRUE(is_connected(ctx));
+}
+
+TEST(JrpcApi, AcceptsAnAnswerRightBeforeTheEnd)
+{
+    const scripted_peer peer([](peer_link &link) { link.answer(link.request()); });
+    const context ctx = connected_to(peer);
+    EXPECT_EQ(ask(ctx), 0);
+    EXPECT_EQ(ask(ctx), -32002);
+}
+
+TEST(JrpcApi, RefusesAtOnceWithoutALink)
+{
+    const context ctx = context_for("/nonexistent/socket");
+    ve_jrpcapi_set_timeout(ctx.get(), -1);
+    EXPECT_EQ(ve_jrpcapi_socket(ctx.get()), nullptr);
+    EXPECT_EQ(ask(ctx), -32002);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_closed);
+    const msg_ref event(ve_jrpcmsg_create_event_new(12, nullptr));
+    EXPECT_LT(ve_jrpcapi_send(ctx.get(), event.get()), 0);
+    EXPECT_EQ(ve_jrpcapi_recv(ctx.get()), nullptr);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_closed);
+    EXPECT_LT(ve_jrpcapi_login(ctx.get(), "admin", nullptr), 0);
+    EXPECT_LT(ve_jrpcapi_logout(ctx.get()), 0);
+}
+
+TEST(JrpcApi, PacesFailedConnectsButNotTheFirstOneAndHoldsNoDescriptor)
+{
+    const context ctx = context_for("/nonexistent/socket");
+    const size_t before = open_descriptors();
+    auto start = clock_type::now();
+    EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
+    EXPECT_LT(milliseconds_since(start), 45);
+    EXPECT_STRNE(ve_jrpcapi_connect_error(ctx.get()), "");
+    EXPECT_FALSE(ve_jrpcapi_connect_error_lasts(ctx.get()));
+    start = clock_type::now();
+    for (int i = 0; i < 4; ++i)
+        EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
+    EXPECT_GE(milliseconds_since(start), 4 * 50 - 50);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(JrpcApi, ClosesItsDescriptorsOnExecAndAtTheEnd)
+{
+    const scripted_peer peer([](peer_link &link) { link.closed(); });
+    const size_t before = open_descriptors();
+    {
+        const context ctx = connected_to(peer);
+        ve_jrpcapi_set_timeout(ctx.get(), 1);
+        EXPECT_EQ(ve_jrpcapi_recv(ctx.get()), nullptr);
+        EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_timeout);
+        sockaddr_storage name;
+        for (int fd = 3; fd < 64; ++fd) {
+            socklen_t size = sizeof name;
+            if (getpeername(fd, reinterpret_cast<sockaddr *>(&name), &size) == 0) {
+                EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
+            }
+        }
+        ASSERT_EQ(ve_jrpcapi_connect(ctx.get()), 0);
+    }
+    // The peer, which lives in this process too, closes its ends a little later.
+    const auto start = clock_type::now();
+    while (open_descriptors() != before && milliseconds_since(start) < 5000)
+        usleep(1000);
+    EXPECT_EQ(open_descriptors(), before);
+}
+
+TEST(JrpcApi, ConnectsOverTcpByAddressAndByName)
+{
+    const scripted_peer four(answer_all, AF_INET);
+    ASSERT_TRUE(four.usable());
+    EXPECT_EQ(ask(connected_to(four)), 0);
+    context named(ve_jrpcapi_init());
+    const std::string name = "tcp://localhost:" + std::to_string(four.port());
+    ve_jrpcapi_set_destination(named.get(), name.c_str(), nullptr, ve_socket_unix);
+    ASSERT_EQ(ve_jrpcapi_connect(named.get()), 0) << ve_jrpcapi_connect_error(named.get());
+    EXPECT_EQ(ve_socket_type(ve_jrpcapi_socket(named.get())), ve_socket_tcp);
+    EXPECT_EQ(ask(named), 0);
+    named.reset();
+    const scripted_peer six(answer_all, AF_INET6);
+    if (six.usable()) {
+        EXPECT_EQ(ask(connected_to(six)), 0);
+    }
+}
+
+TEST(JrpcApi, SaysWhyADestinationMakesNoSense)
+{
+    for (const char *destination :
+         {"tcp://", "tcp://host", "tcp://host:", "tcp://:80", "tcp://host:0", "tcp://host:65536", "tcp://host:8x",
+          "tcp://::1:80", "tcp://[::1]", "tcp://[]:80", "tcp://[::1:80"}) {
+        const context ctx = context_for(destination);
+        EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0) << destination;
+        EXPECT_STREQ(ve_jrpcapi_connect_error(ctx.get()),
+                     (std::string(destination) + ": not of the form tcp://HOST:PORT").c_str());
+        EXPECT_TRUE(ve_jrpcapi_connect_error_lasts(ctx.get()));
+    }
+    const context ctx = context_for(("/" + std::string(200, 'x')).c_str());
+    EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
+    EXPECT_NE(strstr(ve_jrpcapi_connect_error(ctx.get()), "1 to 107 bytes"), nullptr);
+}
+
+TEST(JrpcApi, FinishesAHalfSentRequestBeforeTheNext)
+{
+    std::atomic<bool> go{false};
+    std::string lines[2];
+    {
+        const scripted_peer peer([&](peer_link &link) {
+            while (!go)
+                usleep(1000);
+            link.request() == 1 ? lines[0] = "whole" : lines[0] = "torn";
+            lines[1] = link.line();
+            link.answer(2);
+            link.closed();
+        });
+        const context ctx = connected_to(peer);
+        ve_jrpcapi_set_timeout(ctx.get(), 50);
+        json_t *params = json_pack("{s:s}", "Text", std::string(size_t{4} << 20, 'x').c_str());
+        const msg_ref large(ve_jrpcmsg_create_new("Large", params));
+        EXPECT_LT(ve_jrpcapi_exec(ctx.get(), large.get()), 0);
+        EXPECT_EQ(ve_jrpcmsg_error_code(large.get()), -32001);
+        go = true;
+        ve_jrpcapi_set_timeout(ctx.get(), 20000);
+        EXPECT_EQ(ask(ctx, "Small"), 0);
+    }
+    EXPECT_EQ(lines[0], "whole");
+    EXPECT_EQ(lines[1], R"({"jsonrpc":"2.0","id":2,"method":"Small"})");
+}
+
+TEST(JrpcApi, NeverSendsARequestThatTimedOutBeforeItBeganToGoOut)
+{
+    std::atomic<bool> go{false};
+    std::vector<std::string> lines;
+    {
+        const scripted_peer peer([&](peer_link &link) {
+            while (!go)
+                usleep(1000);
+            while (lines.empty() || lines.back().find("Last") == std::string::npos) {
+                lines.push_back(link.line());
+                if (lines.back().empty())
+                    break;
+            }
+            link.answer(4);
+            link.closed();
+        });
+        const context ctx = connected_to(peer);
+        ve_jrpcapi_set_timeout(ctx.get(), 50);
+        json_t *params = json_pack("{s:s}", "Text", std::string(size_t{4} << 20, 'x').c_str());
+        const msg_ref large(ve_jrpcmsg_create_new("Large", params));
+        EXPECT_LT(ve_jrpcapi_exec(ctx.get(), large.get()), 0);
+        EXPECT_EQ(ask(ctx, "Second"), -32001);
+        const msg_ref third(ve_jrpcmsg_create_new("Third", nullptr));
+        EXPECT_LT(ve_jrpcapi_send(ctx.get(), third.get()), 0);
+        go = true;
+        ve_jrpcapi_set_timeout(ctx.get(), 20000);
+        EXPECT_EQ(ask(ctx, "Last"), 0);
+    }
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_NE(lines[0].find("Large"), std::string::npos);
+    EXPECT_NE(lines[1].find("Last"), std::string::npos);
+}
+
+TEST(JrpcApi, RefusesARequestLongerThanALine)
+{
+    const scripted_peer peer(answer_all);
+    const context ctx = connected_to(peer);
+    json_t *params = json_pack("{s:s}", "Text", std::string(size_t{64} << 20, 'x').c_str());
+    const msg_ref large(ve_jrpcmsg_create_new("Large", params));
+    EXPECT_LT(ve_jrpcapi_exec(ctx.get(), large.get()), 0);
+    EXPECT_EQ(ve_jrpcmsg_error_code(large.get()), 9004);
+    EXPECT_EQ(ask(ctx), 0);
+}
+
+TEST(JrpcApi, SurvivesSignalsDuringAnExchange)
+{
+    const scripted_peer peer([main = pthread_self()](peer_link &link) {
+        const long id = link.request();
+        for (int i = 0; i < 20; ++i) {
+            pthread_kill(main, SIGUSR1);
+            usleep(2000);
+        }
+        link.answer(id);
+        link.closed();
+    });
+    struct sigaction action {
+    };
+    struct sigaction before {
+    };
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, &before);
+    EXPECT_EQ(ask(connected_to(peer)), 0);
+    sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST(JrpcApi, LogsInAndOut)
+{
+    std::string seen;
+    {
+        const scripted_peer peer([&](peer_link &link) {
+            for (int i = 1; i <= 3; ++i) {
+                seen += link.line() + "\n";
+                if (i == 2)
+                    link.send("{\"id\":2,\"error\":{\"code\":9001,\"message\":\"no\"}}\n");
+                else
+                    link.answer(i);
+            }
+            link.closed();
+        });
+        const context ctx = connected_to(peer);
+        EXPECT_EQ(ve_jrpcapi_login(ctx.get(), "admin", ""), 0);
+        EXPECT_LT(ve_jrpcapi_login(ctx.get(), "admin", "secret"), 0);
+        EXPECT_EQ(ve_jrpcapi_logout(ctx.get()), 0);
+    }
+    EXPECT_EQ(
+        seen,
+        "{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"Login\",\"params\":{\"User\":\"admin\"}}\n"
+        "{\"jsonrpc\":\"2.0\",\"id\":2,\"method\":\"Login\",\"params\":{\"User\":\"admin\",\"Password\":\"secret\"}}\n"
+        "{\"jsonrpc\":\"2.0\",\"id\":3,\"method\":\"Logout\"}\n");
+}
+
+TEST(JrpcApi, ReceivesEventsAndAnswersAndPassesOverTheRest)
+{
+    const scripted_peer peer([](peer_link &link) {
+        link.send(R"({"method":"Other"})"
+                  "\n"
+                  R"({"id":4,"method":"AskBack"})"
+                  "\n"
+                  R"({"method":"Event","params":{"Id":0}})"
+                  "\n{}\n"
+                  R"({"method":"Event","params":{"Id":12,"Value":"v"}})"
+                  "\n"
+                  R"({"id":5,"result":{}})"
+                  "\n");
+        usleep(20000);
+    });
+    const context ctx = connected_to(peer);
+    ve_jrpcapi_set_timeout(ctx.get(), 10000);
+    const msg_ref event(ve_jrpcapi_recv(ctx.get()));
+    ASSERT_TRUE(event);
+    EXPECT_EQ(ve_jrpcmsg_event_id(event.get()), 12U);
+    const msg_ref answer(ve_jrpcapi_recv(ctx.get()));
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(ve_jrpcmsg_typeof(answer.get()), ve_jrpcmsg_answer);
+    EXPECT_EQ(ve_jrpcmsg_event_id(answer.get()), 0U);
+    EXPECT_EQ(ve_jrpcapi_recv(ctx.get()), nullptr);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_closed);
+}
+
+TEST(JrpcApi, AWakeUpEndsTheReceiveUnderWayOrTheNextAndNoOther)
+{
+    const scripted_peer peer([](peer_link &link) { link.closed(); });
+    const context ctx = connected_to(peer);
+    ve_jrpcapi_set_timeout(ctx.get(), -1);
+    ve_jrpcapi_wake(ctx.get());
+    EXPECT_EQ(ve_jrpcapi_recv(ctx.get()), nullptr);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_interrupted);
+    ve_jrpcapi_set_timeout(ctx.get(), 20);
+    EXPECT_EQ(ve_jrpcapi_recv(ctx.get()), nullptr);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_timeout);
+    ve_jrpcapi_wake(ctx.get());
+    ve_jrpcapi_wake(ctx.get());
+    EXPECT_EQ(ve_jrpcapi_recv(ctx.get()), nullptr);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_interrupted);
+    EXPECT_EQ(ve_jrpcapi_recv(ctx.get()), nullptr);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_timeout);
+    EXPECT_TRUE(is_connected(ctx));
+}
+
+TEST(JrpcApi, NoWakeUpIsLostHoweverItFalls)
+{
+    const scripted_peer peer([](peer_link &link) { link.closed(); });
+    const context ctx = connected_to(peer);
+    ve_jrpcapi_set_timeout(ctx.get(), -1);
+    for (int i = 0; i < 500; ++i) {
+        std::thread receiver([&] {
+            EXPECT_EQ(ve_jrpcapi_recv(ctx.get()), nullptr);
+            EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_interrupted);
+        });
+        const auto later = clock_type::now() + std::chrono::nanoseconds(i * 200);
+        while (clock_type::now() < later)
+            ;
+        ve_jrpcapi_wake(ctx.get());
+        receiver.join();
+    }
+}
+
+TEST(JrpcApi, SendsWhileAnotherThreadReceives)
+{
+    constexpr int rounds = 300;
+    const scripted_peer peer([](peer_link &link) {
+        while (const long id = link.request())
+            link.send(R"({"method":"Event","params":{"Id":12}})"
+                      "\n" +
+                      peer_link::answer_text(id));
+    });
+    const context ctx = connected_to(peer);
+    ve_jrpcapi_set_flags(ctx.get(), ve_jrpcapi_flag_events);
+    ve_jrpcapi_set_timeout(ctx.get(), 20000);
+    int events = 0;
+    int answers = 0;
+    std::thread receiver([&] {
+        while (events + answers < 2 * rounds) {
+            const msg_ref message(ve_jrpcapi_recv(ctx.get()));
+            if (!message)
+                break;
+            ++(ve_jrpcmsg_event_id(message.get()) == 12 ? events : answers);
+        }
+    });
+    for (int i = 0; i < rounds; ++i) {
+        const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+        EXPECT_EQ(ve_jrpcapi_send(ctx.get(), message.get()), 0);
+        EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_none);
+    }
+    receiver.join();
+    EXPECT_EQ(events, rounds);
+    EXPECT_EQ(answers, rounds);
+}
+
+TEST(JrpcApi, DrawsItsSessionOnce)
+{
+    const std::string session = ve_jrpcapi_session();
+    EXPECT_EQ(session.size(), 32U);
+    EXPECT_EQ(session.find_first_not_of("0123456789abcdef"), std::string::npos);
+    EXPECT_EQ(ve_jrpcapi_session(), session);
+}
+
+namespace
+{
+
+sigjmp_buf landing;
+
+/// Ctrl-C handling as the program has it, for the life of a test.
+class interrupts
+{
+public:
+    explicit interrupts(void (*handler)(int))
+    {
+        ve_wait_init();
+        struct sigaction action {
+        };
+        action.sa_handler = handler;
+        sigaction(SIGINT, &action, &before_);
+    }
+    interrupts(const interrupts &) = delete;
+    interrupts &operator=(const interrupts &) = delete;
+    ~interrupts()
+    {
+        ve_wait_clear_interrupt();
+        ve_wait_discard_sigint();
+        sigaction(SIGINT, &before_, nullptr);
+        sigset_t interrupt;
+        sigemptyset(&interrupt);
+        sigaddset(&interrupt, SIGINT);
+        pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
+    }
+
+private:
+    struct sigaction before_ {
+    };
+};
+
+} // namespace
+
+TEST(JrpcApi, StaysUsableWhenAnExchangeIsInterrupted)
+{
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
+    const scripted_peer peer([main = pthread_self()](peer_link &link) {
+        const long id = link.request();
+        const std::string answer = peer_link::answer_text(id);
+        link.send(answer.substr(0, 10));
+        pthread_kill(main, SIGINT);
+        const long next = link.request();
+        link.send(answer.substr(10));
+        link.answer(next);
+        link.closed();
+    });
+    const context ctx = connected_to(peer);
+    ve_jrpcapi_set_timeout(ctx.get(), -1);
+    EXPECT_EQ(ask(ctx), -32001);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_interrupted);
+    ve_wait_clear_interrupt();
+    EXPECT_EQ(ask(ctx), 0);
+}
+
+TEST(JrpcApi, StaysUsableWhenCtrlCJumpsOutOfAnExchange)
+{
+    constexpr int jumps = 50;
+    const interrupts handling([](int) {
+        ve_landing_release_to_mark();
+        siglongjmp(landing, 1);
+    });
+    std::atomic<int> received{0};
+    {
+        const scripted_peer peer([&, main = pthread_self()](peer_link &link) {
+            for (int i = 0; i < jumps; ++i) {
+                const long id = link.request();
+                ++received;
+                // Cut the answer at another place each time.
+                const std::string answer = peer_link::answer_text(id);
+                const size_t cut = static_cast<size_t>(i) % answer.size();
+                link.send(answer.substr(0, cut));
+                pthread_kill(main, SIGINT);
+                const long next = link.request();
+                if (next != id + 1)
+                    break;
+                link.send(answer.substr(cut) + peer_link::answer_text(next));
+            }
+            link.closed();
+        });
+        const context ctx = connected_to(peer);
+        ve_jrpcapi_set_timeout(ctx.get(), -1);
+        static int i; // not a register's, which the jump would bring back
+        for (i = 0; i < jumps; ++i) {
+            ve_landing_mark();
+            if (sigsetjmp(landing, 1) == 0) {
+                const jump_safe<msg_ref> message(ve_jrpcmsg_create_new("Left", nullptr));
+                ve_jrpcapi_exec(ctx.get(), message.get());
+                ADD_FAILURE() << "the exchange was not left";
+            }
+            ASSERT_EQ(ask(ctx), 0) << "after jump " << i;
+        }
+    }
+    EXPECT_EQ(received, jumps);
+}
+
+TEST(JrpcApi, CanBeLeftWhileItConnects)
+{
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
+    const context ctx = context_for("/nonexistent/socket");
+    EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
+    raise(SIGINT);
+    const auto start = clock_type::now();
+    EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_interrupted);
+    EXPECT_LT(milliseconds_since(start), 45);
+}

@@ -1,0 +1,132 @@
+#include "vebase/wire/framing.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <vector>
+
+#include "platform/ve_json.h"
+
+namespace
+{
+
+using state = ve_wire_reader::state;
+
+void put(ve_wire_reader *reader, std::string_view bytes)
+{
+    while (!bytes.empty()) {
+        size_t room = 0;
+        char *place = reader->prepare(&room);
+        ASSERT_GE(room, 4096U);
+        const size_t count = std::min(room, bytes.size());
+        memcpy(place, bytes.data(), count);
+        reader->commit(count);
+        bytes.remove_prefix(count);
+    }
+}
+
+std::vector<std::string> lines_of(ve_wire_reader *reader)
+{
+    std::vector<std::string> lines;
+    std::string_view line;
+    while (reader->next(&line) == state::line)
+        lines.emplace_back(line);
+    return lines;
+}
+
+} // namespace
+
+TEST(WireReader, CutsTheSameLinesHoweverTheBytesAreChunked)
+{
+    const std::string bytes = "{\"a\":1}\n\r\n\n{\"b\":\"x\\r\"}\r\n" + std::string(10000, 'y') + "\n{}\n";
+    const std::vector<std::string> expected = {"{\"a\":1}", "{\"b\":\"x\\r\"}", std::string(10000, 'y'), "{}"};
+    for (const size_t chunk : {size_t{1}, size_t{2}, size_t{7}, size_t{4096}, bytes.size()}) {
+        ve_wire_reader reader;
+        std::vector<std::string> lines;
+        for (size_t at = 0; at < bytes.size(); at += chunk) {
+            put(&reader, std::string_view(bytes).substr(at, chunk));
+            for (std::string &line : lines_of(&reader))
+                lines.push_back(std::move(line));
+        }
+        EXPECT_EQ(lines, expected) << "chunks of " << chunk;
+        EXPECT_FALSE(reader.pending());
+    }
+}
+
+TEST(WireReader, KeepsAnUnfinishedLineAcrossManyTakenOnes)
+{
+    ve_wire_reader reader;
+    std::string tail;
+    for (int i = 0; i < 20000; ++i) {
+        put(&reader, std::to_string(i) + " one\n" + std::to_string(i) + " half");
+        std::string_view line;
+        ASSERT_EQ(reader.next(&line), state::line);
+        ASSERT_EQ(line, tail + std::to_string(i) + " one");
+        ASSERT_EQ(reader.next(&line), state::more);
+        tail = std::to_string(i) + " half";
+    }
+}
+
+TEST(WireReader, RefusesALineOverTheLimitBeforeItEnds)
+{
+    ve_wire_reader reader;
+    std::string_view line;
+    const std::string piece(size_t{1} << 20, 'z');
+    for (size_t sent = 0; sent < ve_wire_line_max; sent += piece.size()) {
+        put(&reader, piece);
+        ASSERT_EQ(reader.next(&line), state::more);
+    }
+    put(&reader, "zz");
+    EXPECT_EQ(reader.next(&line), state::too_long);
+}
+
+TEST(WireReader, AcceptsALineOfExactlyTheLimit)
+{
+    ve_wire_reader reader;
+    std::string_view line;
+    put(&reader, std::string(ve_wire_line_max, 'z') + "\r\n{}\n");
+    ASSERT_EQ(reader.next(&line), state::line);
+    EXPECT_EQ(line.size(), ve_wire_line_max);
+    ASSERT_EQ(reader.next(&line), state::line);
+    EXPECT_EQ(line, "{}");
+}
+
+TEST(WireDecode, TakesObjectsAlone)
+{
+    EXPECT_EQ(ve_wire_decode("nonsense"), nullptr);
+    EXPECT_EQ(ve_wire_decode("[1,2]"), nullptr);
+    EXPECT_EQ(ve_wire_decode("12"), nullptr);
+    EXPECT_EQ(ve_wire_decode("{\"a\":1} {}"), nullptr);
+    EXPECT_EQ(ve_wire_decode("{\"a\":\"\xff\"}"), nullptr);
+    EXPECT_EQ(ve_wire_decode("{\"a\":9223372036854775808}"), nullptr);
+    const json_ref object(ve_wire_decode("{\"a\":\"x\\u0000y\"}"));
+    ASSERT_TRUE(object);
+    EXPECT_EQ(json_string_length(json_object_get(object.get(), "a")), 3U);
+}
+
+TEST(WireDecode, RefusesWhatNestsTooDeep)
+{
+    const auto nested = [](size_t depth) {
+        return "{\"a\":" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
+    };
+    const json_ref deep(ve_wire_decode(nested(2048)));
+    EXPECT_TRUE(deep);
+    EXPECT_EQ(ve_wire_decode(nested(2049)), nullptr);
+}
+
+TEST(WireEncode, WritesOneCompactLine)
+{
+    const json_ref object(json_pack("{s:s, s:[i,i]}", "text", "a\nb", "list", 1, 2));
+    std::string out = "before";
+    ASSERT_EQ(ve_wire_encode(object.get(), &out), 0);
+    EXPECT_EQ(out, "before{\"text\":\"a\\nb\",\"list\":[1,2]}\n");
+}
+
+TEST(WireEncode, RefusesALineOverTheLimit)
+{
+    const std::string text(ve_wire_line_max, 'x');
+    const json_ref object(json_pack("{s:s}", "text", text.c_str()));
+    std::string out = "before";
+    EXPECT_LT(ve_wire_encode(object.get(), &out), 0);
+    EXPECT_EQ(out, "before");
+}
