@@ -1,4 +1,6 @@
-int main()
+#include "main/start.h"
+
+int main(int argc, char **argv)
 {
-    return 0;
+    return kest_main(argc, argv);
 }

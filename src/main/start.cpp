@@ -12,6 +12,7 @@
 
 #include "cdpath/cdpath.h"
 #include "cline/cline.h"
+#include "commands/file_server.h"
 #include "dispatch/table.h"
 #include "event/listener.h"
 #include "event/request.h"
@@ -176,6 +177,8 @@ int kest_main(int argc, char **argv)
         run_config(options.config);
         result = enter_mode(options);
         ve_out_flush();
+        if (options.mode != mode_interactive)
+            file_server_wait_all();
         stop_event_handler();
     } else {
         result = parsed == 1 ? EXIT_SUCCESS : EXIT_FAILURE;
