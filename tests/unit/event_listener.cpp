@@ -1,0 +1,273 @@
+#include "event/listener.h"
+
+#include <csignal>
+
+#include "event_stage.h"
+#include "platform/ve_json.h"
+#include "platform/ve_wait.h"
+
+namespace
+{
+
+using clock_type = std::chrono::steady_clock;
+
+std::string event_text(long id, const std::string &value)
+{
+    return R"({"jsonrpc":"2.0","method":"Event","params":{"Id":)" + std::to_string(id) +
+           (value.empty() ? "" : ",\"Value\":" + value) + "}}\n";
+}
+
+std::string notice_text(int number)
+{
+    return event_text(4, R"({"Action":"Add","Path":"Device.T.","InstanceNumber":)" + std::to_string(number) +
+                             R"(,"Extra":1})");
+}
+
+/// A peer that says `text` and then stays silent.
+scripted_peer::script saying(const std::string &text)
+{
+    return [text](peer_link &link) {
+        link.send(text);
+        link.closed();
+    };
+}
+
+std::string dumped(const json_t *value)
+{
+    char *text = json_dumps(value, JSON_COMPACT);
+    std::string copy = text;
+    free(text);
+    return copy;
+}
+
+} // namespace
+
+TEST(Listener, PrintsEventsBetweenHidingAndShowingTheLine)
+{
+    captured_output output;
+    const scripted_peer peer(saying(event_text(12, R"({"a":[1,"x"]})") + event_text(4294967295, R"("text")") +
+                                    event_text(13, "") + event_text(14, "null")));
+    const context_ref group = make_context(peer.destination());
+    const running_listener listener(nullptr, group.get());
+    ASSERT_TRUE(output.shows("EVENT 14:\nnull\n<show>"));
+    EXPECT_EQ(output.text(), "<hide>\nEVENT 12:\n{\n    \"a\": [\n        1,\n        \"x\"\n    ]\n}\n<show>"
+                             "<hide>\nEVENT 4294967295:\n\"text\"\n<show>"
+                             "<hide>\nEVENT 13:\n<show>"
+                             "<hide>\nEVENT 14:\nnull\n<show>");
+    EXPECT_TRUE(is_running());
+}
+
+TEST(Listener, PassesTextThroughWhereThereIsNoTerminal)
+{
+    captured_output output;
+    const scripted_peer peer(saying(event_text(12, "\"\x7f\xc2\x9b\"")));
+    const context_ref group = make_context(peer.destination());
+    const running_listener listener(nullptr, group.get());
+    EXPECT_TRUE(output.shows("EVENT 12:\n\"\x7f\xc2\x9b\"\n<show>"));
+}
+
+TEST(Listener, QueuesNoticesOfInstancesWithoutPrintingThem)
+{
+    captured_output output;
+    const scripted_peer peer(saying(notice_text(1) + event_text(4, "") + event_text(4, "5") +
+                                    event_text(4, R"({"Action":"Add"})") +
+                                    event_text(4, R"({"Action":1,"Path":"Device.T.","InstanceNumber":1})") +
+                                    event_text(4, R"({"Action":"Add","Path":"Device.T.","InstanceNumber":"1"})") +
+                                    notice_text(2) + event_text(99, "")));
+    const context_ref group = make_context(peer.destination());
+    const running_listener listener(nullptr, group.get());
+    ASSERT_TRUE(output.shows("EVENT 99:\n<show>"));
+    const json_ref queue(fetch_instance_queue());
+    EXPECT_EQ(dumped(queue.get()), R"([{"Action":"Add","Path":"Device.T.","InstanceNumber":1},)"
+                                   R"({"Action":"Add","Path":"Device.T.","InstanceNumber":2}])");
+    EXPECT_EQ(fetch_instance_queue(), nullptr);
+    EXPECT_EQ(output.text(), "<hide>\nEVENT 99:\n<show>");
+}
+
+TEST(Listener, TakesAHundredThousandNoticesInARow)
+{
+    constexpr int notices = 100000;
+    captured_output output;
+    const scripted_peer peer([](peer_link &link) {
+        std::string text;
+        for (int i = 1; i <= notices; ++i) {
+            text += notice_text(i);
+            if (i % 1000 == 0) {
+                link.send(text);
+                text.clear();
+            }
+        }
+        link.send(event_text(99, ""));
+        link.closed();
+    });
+    const context_ref group = make_context(peer.destination());
+    const running_listener listener(nullptr, group.get());
+    ASSERT_TRUE(output.shows("EVENT 99:"));
+    const json_ref queue(fetch_instance_queue());
+    ASSERT_EQ(json_array_size(queue.get()), static_cast<size_t>(notices));
+    for (const int i : {1, 2, notices / 2, notices}) {
+        const json_t *notice = json_array_get(queue.get(), static_cast<size_t>(i - 1));
+        EXPECT_EQ(json_integer_value(json_object_get(notice, "InstanceNumber")), i);
+    }
+}
+
+TEST(Listener, LosesNoNoticeToAConsumerThatOnlyTries)
+{
+    constexpr int notices = 3000;
+    captured_output output;
+    const scripted_peer peer([](peer_link &link) {
+        for (int i = 1; i <= notices; ++i)
+            link.send(notice_text(i));
+        link.closed();
+    });
+    const context_ref group = make_context(peer.destination());
+    const running_listener listener(nullptr, group.get());
+    int expected = 1;
+    EXPECT_TRUE(becomes([&] {
+        const json_ref queue(fetch_instance_queue());
+        for (size_t i = 0; i < json_array_size(queue.get()); ++i, ++expected) {
+            const json_t *notice = json_array_get(queue.get(), i);
+            EXPECT_EQ(json_integer_value(json_object_get(notice, "InstanceNumber")), expected);
+        }
+        return expected == notices + 1;
+    }));
+}
+
+TEST(Listener, EndsTheRunWhenTheLinkDrops)
+{
+    captured_output output;
+    const scripted_peer peer([](peer_link &link) { link.send(event_text(12, "")); });
+    const context_ref group = make_context(peer.destination());
+    const running_listener listener(nullptr, group.get());
+    EXPECT_TRUE(becomes([] { return !is_running(); }));
+    ASSERT_TRUE(output.shows("<stop>"));
+    EXPECT_EQ(output.text(), "<hide>\nEVENT 12:\n<show><hide>Connection dropped\n<stop>");
+}
+
+TEST(Listener, EndsTheRunAtOnceWhenThereNeverWasALink)
+{
+    captured_output output;
+    const context_ref group = make_context("/nonexistent/socket", false);
+    const running_listener listener(nullptr, group.get());
+    EXPECT_TRUE(output.shows("<hide>Connection dropped\n<stop>"));
+    EXPECT_FALSE(is_running());
+}
+
+TEST(Listener, StopsAtOnceAndWithoutAWordWhenever)
+{
+    captured_output output;
+    const scripted_peer peer([](peer_link &link) { link.closed(); });
+    for (int i = 0; i < 200; ++i) {
+        const context_ref group = make_context(peer.destination());
+        ve_jrpcapi_set_timeout(group.get(), -1);
+        const auto start = clock_type::now();
+        ASSERT_EQ(start_event_handler(nullptr, group.get()), 0);
+        const auto later = clock_type::now() + std::chrono::microseconds(i);
+        while (clock_type::now() < later)
+            ;
+        stop_event_handler();
+        ASSERT_LT(milliseconds_since(start), 900);
+        EXPECT_FALSE(is_running());
+        stop_event_handler();
+    }
+    EXPECT_EQ(output.text(), "");
+}
+
+TEST(Listener, MayBeStoppedByASignalHandlerAtAWaitPoint)
+{
+    captured_output output;
+    const scripted_peer peer([](peer_link &link) { link.closed(); });
+    const context_ref group = make_context(peer.destination());
+    ve_jrpcapi_set_timeout(group.get(), -1);
+    ve_wait_init();
+    struct sigaction action {
+    };
+    struct sigaction before {
+    };
+    action.sa_handler = [](int) { stop_event_handler(); };
+    sigaction(SIGINT, &action, &before);
+    const running_listener listener(nullptr, group.get());
+    raise(SIGINT);
+    EXPECT_TRUE(is_running());
+    while (is_running())
+        ve_wait_sleep_ms(10);
+    stop_event_handler();
+    sigaction(SIGINT, &before, nullptr);
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
+    EXPECT_EQ(output.text(), "");
+}
+
+TEST(GroupExec, TakesTheAnswerThatTheListenerHandsOver)
+{
+    captured_output output;
+    const scripted_peer peer([](peer_link &link) {
+        // An answer that came before anybody asked, one for another request, then the one that is awaited.
+        while (const long id = link.request()) {
+            link.answer(id + 1);
+            link.answer(id, R"({"Own":)" + std::to_string(id) + "}");
+            link.answer(id);
+        }
+    });
+    const context_ref group = make_context(peer.destination());
+    const running_listener listener(nullptr, group.get());
+    for (int i = 1; i <= 20; ++i) {
+        const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+        ASSERT_EQ(group_exec(message.get(), -1), 0);
+        EXPECT_EQ(json_integer_value(json_object_get(ve_jrpcmsg_result(message.get()), "Own")), i);
+    }
+    EXPECT_EQ(output.text(), "");
+}
+
+TEST(GroupExec, ReturnsTheCodeOfAnErrorAnswer)
+{
+    const scripted_peer peer([](peer_link &link) {
+        link.request();
+        link.send(R"({"id":1,"error":{"code":9001,"message":"no","data":{"a":"b"}}})"
+                  "\n");
+        link.closed();
+    });
+    const context_ref group = make_context(peer.destination());
+    const running_listener listener(nullptr, group.get());
+    const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+    EXPECT_EQ(group_exec(message.get(), -1), 9001);
+    EXPECT_STREQ(ve_jrpcmsg_error_message(message.get()), "no");
+    EXPECT_EQ(json_object_size(ve_jrpcmsg_error_data(message.get())), 1U);
+}
+
+TEST(GroupExec, GivesUpAfterItsPolls)
+{
+    std::atomic<int> requests{0};
+    {
+        const scripted_peer peer([&](peer_link &link) {
+            while (const long id = link.request()) {
+                ++requests;
+                if (id == 1)
+                    link.answer(id); // comes too late for somebody who does not look
+            }
+        });
+        const context_ref group = make_context(peer.destination());
+        const running_listener listener(nullptr, group.get());
+        const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+        EXPECT_EQ(group_exec(message.get(), 0), -1);
+        EXPECT_EQ(ve_jrpcmsg_error_code(message.get()), -32001);
+        const msg_ref second(ve_jrpcmsg_create_new("Ask", nullptr));
+        EXPECT_EQ(group_exec(second.get(), 5), -1);
+        EXPECT_EQ(ve_jrpcmsg_error_code(second.get()), -32001);
+        EXPECT_TRUE(becomes([&] { return requests == 2; }));
+    }
+}
+
+TEST(GroupExec, EndsWhenTheLinkDoes)
+{
+    captured_output output;
+    const scripted_peer peer([](peer_link &link) { link.request(); });
+    const context_ref group = make_context(peer.destination());
+    const running_listener listener(nullptr, group.get());
+    const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+    EXPECT_EQ(group_exec(message.get(), -1), -1);
+    EXPECT_EQ(ve_jrpcmsg_error_code(message.get()), -32002);
+    EXPECT_EQ(group_exec(message.get(), -1), -1);
+}

@@ -1,0 +1,370 @@
+#include "event/request.h"
+
+#include <csetjmp>
+#include <csignal>
+#include <cstring>
+#include <optional>
+#include <vector>
+
+#include "event_stage.h"
+#include "platform/ve_json.h"
+#include "platform/ve_landing.h"
+#include "platform/ve_wait.h"
+
+namespace
+{
+
+using clock_type = std::chrono::steady_clock;
+
+/// The request link with nobody listening on the other one; what start-up hooks in is counted.
+class channel
+{
+public:
+    explicit channel(const char *destination, bool connect = true) : request_(make_context(destination, connect))
+    {
+        reloads = prompts = 0;
+        reload_asks = false;
+        request_ctx = request_.get();
+        request_set_hooks({.prompt_update = [] { ++prompts; }, .reload = reload});
+    }
+    channel(const channel &) = delete;
+    channel &operator=(const channel &) = delete;
+    ~channel()
+    {
+        request_ctx = nullptr;
+        request_set_hooks({});
+        free(saved_login);
+        free(saved_pass);
+        saved_login = saved_pass = nullptr;
+    }
+
+    static inline int reloads = 0;
+    static inline int prompts = 0;
+    static inline bool reload_asks = false; ///< the reload sends a request, as the real one does
+    static inline int reload_code = 0;
+
+private:
+    static json_t *reload()
+    {
+        ++reloads;
+        if (reload_asks) {
+            const jump_safe<msg_ref> message(ve_jrpcmsg_create_new("Reload", nullptr));
+            msg_exec(message.get(), -1);
+            reload_code = ve_jrpcmsg_error_code(message.get());
+        }
+        return nullptr;
+    }
+
+    context_ref request_;
+};
+
+/// Sends a request with `timeout_ms` and returns its code, 0 for a success.
+int ask(int timeout_ms = -1)
+{
+    const jump_safe<msg_ref> message(ve_jrpcmsg_create_new("Ask", nullptr));
+    const int result = msg_exec(message.get(), timeout_ms);
+    EXPECT_EQ(result < 0, ve_jrpcmsg_error_code(message.get()) != 0);
+    return ve_jrpcmsg_error_code(message.get());
+}
+
+/// Plays the scripts with one connection after the other, the last one with all that follow.
+scripted_peer::script one_after_the_other(std::vector<scripted_peer::script> scripts)
+{
+    return [scripts = std::move(scripts), next = size_t{0}](peer_link &link) mutable {
+        const size_t index = std::min(next++, scripts.size() - 1);
+        scripts[index](link);
+    };
+}
+
+void hang_up_on_request(peer_link &link)
+{
+    link.request();
+}
+
+void stay_silent(peer_link &link)
+{
+    while (link.request() != 0)
+        ;
+}
+
+sigjmp_buf landing;
+
+class interrupts
+{
+public:
+    explicit interrupts(void (*handler)(int))
+    {
+        ve_wait_init();
+        struct sigaction action {
+        };
+        action.sa_handler = handler;
+        sigaction(SIGINT, &action, &before_);
+    }
+    interrupts(const interrupts &) = delete;
+    interrupts &operator=(const interrupts &) = delete;
+    ~interrupts()
+    {
+        ve_wait_clear_interrupt();
+        ve_wait_discard_sigint();
+        sigaction(SIGINT, &before_, nullptr);
+        sigset_t interrupt;
+        sigemptyset(&interrupt);
+        sigaddset(&interrupt, SIGINT);
+        pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
+    }
+
+private:
+    struct sigaction before_ {
+    };
+};
+
+/// Interrupts this thread again and again until told to stop, but not before `after_ms`.
+class nagging
+{
+public:
+    explicit nagging(int after_ms)
+        : thread_([this, after_ms, target = pthread_self()] {
+              for (int waited = 0; waited < after_ms && !done_; ++waited)
+                  usleep(1000);
+              for (; !done_; usleep(20000))
+                  pthread_kill(target, SIGINT);
+          })
+    {
+    }
+    nagging(const nagging &) = delete;
+    nagging &operator=(const nagging &) = delete;
+    ~nagging()
+    {
+        done_ = true;
+        thread_.join();
+    }
+
+private:
+    std::atomic<bool> done_{false};
+    std::thread thread_;
+};
+
+} // namespace
+
+TEST(MsgExec, AnswersWithoutFussWhileTheLinkHolds)
+{
+    captured_output output;
+    const scripted_peer peer(answer_all);
+    const channel link(peer.destination());
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(ask(), 0);
+    EXPECT_EQ(output.text(), "");
+    EXPECT_EQ(peer.accepted(), 1);
+}
+
+TEST(MsgExec, ReconnectsOnceAndRepeatsTheRequest)
+{
+    captured_output output;
+    const scripted_peer peer(one_after_the_other({hang_up_on_request, answer_all}));
+    const channel link(peer.destination());
+    kest_update_login("admin", "secret");
+    channel::reload_asks = true;
+    EXPECT_STREQ(saved_login, "admin");
+    EXPECT_EQ(ask(), 0);
+    EXPECT_EQ(saved_login, nullptr);
+    EXPECT_EQ(saved_pass, nullptr);
+    EXPECT_EQ(channel::reload_code, 0);
+    const std::string text = output.text();
+    EXPECT_TRUE(text.starts_with("<spin Reconnecting... >")) << text;
+    EXPECT_EQ(text.find('\n'), text.size() - 1) << text;
+}
+
+TEST(MsgExec, ReconnectsToADaemonThatWasRestartedInBetween)
+{
+    captured_output output;
+    const scripted_peer peer(one_after_the_other({[](peer_link &link) { link.answer(link.request()); }, answer_all}));
+    const channel link(peer.destination());
+    EXPECT_EQ(ask(), 0);
+    EXPECT_EQ(ask(), 0);
+    EXPECT_EQ(peer.accepted(), 2);
+    EXPECT_EQ(channel::reloads, 1);
+    EXPECT_EQ(channel::prompts, 1);
+}
+
+TEST(MsgExec, LeavesItAtOneReconnect)
+{
+    captured_output output;
+    const scripted_peer peer(hang_up_on_request);
+    const channel link(peer.destination());
+    EXPECT_EQ(ask(), -32002);
+    EXPECT_EQ(peer.accepted(), 2);
+    EXPECT_EQ(output.text(), "<spin Reconnecting... >\n");
+}
+
+TEST(MsgExec, NeverReconnectsInsideAReconnect)
+{
+    captured_output output;
+    const scripted_peer peer(hang_up_on_request);
+    const channel link(peer.destination());
+    channel::reload_asks = true;
+    EXPECT_EQ(ask(), -32002);
+    EXPECT_EQ(channel::reload_code, -32002);
+    EXPECT_EQ(channel::reloads, 1);
+    EXPECT_EQ(peer.accepted(), 2);
+    EXPECT_EQ(ask(), -32002);
+    EXPECT_EQ(channel::reloads, 2);
+}
+
+TEST(MsgExec, RepeatsWithTheTimeOutThatTheCallerAskedFor)
+{
+    captured_output output;
+    const scripted_peer peer(one_after_the_other({hang_up_on_request, [](peer_link &link) {
+                                                      link.answer(link.request());
+                                                      stay_silent(link);
+                                                  }}));
+    const channel link(peer.destination());
+    channel::reload_asks = true;
+    const auto start = clock_type::now();
+    EXPECT_EQ(ask(100), -32001);
+    EXPECT_LT(milliseconds_since(start), 4000);
+    EXPECT_EQ(channel::reload_code, 0);
+}
+
+TEST(MsgExec, DoesNotReconnectAfterATimeOutOrAnErrorAnswer)
+{
+    captured_output output;
+    const scripted_peer peer([](peer_link &link) {
+        link.request();
+        const long id = link.request();
+        link.send("{\"id\":" + std::to_string(id) + ",\"error\":{\"code\":9001}}\n");
+        link.closed();
+    });
+    const channel link(peer.destination());
+    EXPECT_EQ(ask(30), -32001);
+    const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+    EXPECT_EQ(msg_exec(message.get(), -1), 0);
+    EXPECT_EQ(ve_jrpcmsg_error_code(message.get()), 9001);
+    EXPECT_EQ(output.text(), "");
+    EXPECT_EQ(peer.accepted(), 1);
+}
+
+TEST(MsgExec, CanBeToldNotToReconnect)
+{
+    captured_output output;
+    const scripted_peer peer(hang_up_on_request);
+    const channel link(peer.destination());
+    EXPECT_TRUE(msg_allow_reconnect(false));
+    EXPECT_EQ(ask(), -32002);
+    EXPECT_EQ(ask(), -32002);
+    EXPECT_FALSE(msg_allow_reconnect(true));
+    const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+    EXPECT_LT(msg_exec_once(message.get(), -1), 0);
+    EXPECT_EQ(ve_jrpcmsg_error_code(message.get()), -32002);
+    EXPECT_EQ(output.text(), "");
+    EXPECT_EQ(peer.accepted(), 1);
+}
+
+TEST(MsgExec, WaitsForADaemonThatComesBackLater)
+{
+    captured_output output;
+    char name[] = "/tmp/kest-late-XXXXXX";
+    const std::string directory = mkdtemp(name);
+    const std::string place = directory + "/socket";
+    std::optional<scripted_peer> peer;
+    const channel link(place.c_str(), false);
+    std::thread later([&] {
+        usleep(700000);
+        peer.emplace(answer_all);
+        std::filesystem::create_symlink(peer->destination(), place);
+    });
+    EXPECT_EQ(ask(), 0);
+    later.join();
+    const std::string text = output.text();
+    EXPECT_TRUE(text.starts_with("<spin Reconnecting... ><spin Reconnecting... ><spin Reconnecting... >")) << text;
+    EXPECT_EQ(text.find('\n'), text.size() - 1) << text;
+    usleep(300000);
+    EXPECT_EQ(output.text(), text) << "the spinner was drawn after the line feed that ends it";
+    std::filesystem::remove_all(directory);
+}
+
+TEST(MsgExec, IsLeftByCtrlCWhileItReconnects)
+{
+    const interrupts handling([](int) {
+        server_reconnect_abort();
+        ve_landing_release_to_mark();
+        siglongjmp(landing, 1);
+    });
+    captured_output output;
+    const channel link("/nonexistent/socket", false);
+    static int i; // not a register's, which the jump would bring back
+    for (i = 0; i < 3; ++i) {
+        const auto start = clock_type::now();
+        {
+            std::optional<nagging> ctrl_c;
+            ve_landing_mark();
+            if (sigsetjmp(landing, 1) == 0) {
+                ctrl_c.emplace(i * 120);
+                ask();
+                ADD_FAILURE() << "left without Ctrl-C";
+            }
+            // The one who landed first gets no further jump.
+            signal(SIGINT, SIG_IGN);
+            ctrl_c.reset();
+            EXPECT_LT(milliseconds_since(start), 5000);
+        }
+        ve_wait_discard_sigint();
+        signal(SIGINT, [](int) {
+            server_reconnect_abort();
+            ve_landing_release_to_mark();
+            siglongjmp(landing, 1);
+        });
+    }
+    const std::string text = output.text();
+    EXPECT_EQ(text.find('\n'), std::string::npos);
+    usleep(600000);
+    EXPECT_EQ(output.text(), text) << "a spinner survived its reconnect";
+}
+
+TEST(MsgExec, GivesUpReconnectingWhenCtrlCIsOnlyNoted)
+{
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
+    captured_output output;
+    const channel link("/nonexistent/socket", false);
+    const nagging ctrl_c(80);
+    EXPECT_EQ(ask(), -32002);
+    EXPECT_EQ(channel::reloads, 0);
+}
+
+TEST(MsgExec, SaysOnceWhyReconnectingIsInVain)
+{
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
+    captured_output output;
+    const channel link("tcp://nowhere", false);
+    testing::internal::CaptureStderr();
+    {
+        const nagging ctrl_c(250);
+        EXPECT_EQ(ask(), -32002);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\nkest: tcp://nowhere: not of the form tcp://HOST:PORT\n");
+}
+
+TEST(UpdateLogin, CopiesBeforeItFrees)
+{
+    const scripted_peer peer(answer_all);
+    const channel link(peer.destination());
+    kest_update_login("admin", nullptr);
+    EXPECT_STREQ(saved_login, "admin");
+    EXPECT_EQ(saved_pass, nullptr);
+    kest_update_login("admin", "secret");
+    kest_update_login(saved_login, saved_pass);
+    EXPECT_STREQ(saved_login, "admin");
+    EXPECT_STREQ(saved_pass, "secret");
+    kest_update_login("", "");
+    EXPECT_EQ(saved_login, nullptr);
+    EXPECT_EQ(saved_pass, nullptr);
+    EXPECT_EQ(channel::prompts, 4);
+    EXPECT_EQ(channel::reloads, 4);
+}
+
+TEST(Requests, AreRefusedBeforeThereIsALink)
+{
+    ASSERT_EQ(request_ctx, nullptr);
+    EXPECT_EQ(ask(), -32002);
+    EXPECT_LT(msg_login("admin", nullptr), 0);
+    EXPECT_LT(msg_logout(), 0);
+}
