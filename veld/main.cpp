@@ -3,7 +3,7 @@
 #include "veld/model/document.h"
 #include "veld/options.h"
 #include "veld/rpc/service.h"
-#include "veld/server/listener.h"
+#include "veld/server/doors.h"
 
 #include <cerrno>
 #include <csignal>
@@ -81,17 +81,26 @@ int main(int argc, char **argv)
     const owned_fd signal_fd = signals();
     events.watch(signal_fd.get(), EPOLLIN, [&](uint32_t) { signal_arrived(&events, signal_fd.get()); });
 
-    service served(events, std::move(model));
-    std::vector<std::unique_ptr<listener>> listeners;
-    for (const std::string &address : wanted.sockets) {
-        listeners.push_back(std::make_unique<listener>(events, address, [&served](arrival who) {
-            auto link = std::make_unique<transport>(std::move(who.fd));
-            served.welcome(std::move(who), std::move(link));
-        }));
-        if (!listeners.back()->open(&error))
-            return failed(error);
-        LOG_INFO("listening on %s", listeners.back()->address().c_str());
-    }
+    state_store store;
+    if (!wanted.state.empty() && !store.open(wanted.state, &error))
+        return failed(error);
+    device machine(events, *model, store, wanted.reboot_ms);
+    machine.start();
+    service served(events, *model, machine);
+    doors entrances(events, [&served](arrival who) {
+        auto link = std::make_unique<transport>(std::move(who.fd));
+        served.welcome(std::move(who), std::move(link));
+    });
+    machine.connect({[&](const char *action) { served.announce(action); },
+                     [&] {
+                         entrances.close();
+                         served.part_with_all();
+                     },
+                     [&] { entrances.reopen(); }});
+    for (const std::string &address : wanted.sockets)
+        entrances.add(address);
+    if (!entrances.open(&error))
+        return failed(error);
     events.run();
     LOG_INFO("ends");
     return EXIT_SUCCESS;

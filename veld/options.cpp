@@ -1,6 +1,8 @@
 #include "veld/options.h"
 
+#include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <getopt.h>
 
 namespace veld
@@ -18,21 +20,42 @@ constexpr const char *usage_text =
     "Options:\n"
     "\t    --socket PATH           UNIX socket to serve (default is \"/var/run/veld.sock\").\n"
     "\t    --model FILE            Model document to serve (default is \"gateway\").\n"
+    "\t    --state DIR             Directory of what survives a restart (default is none).\n"
+    "\t    --reboot-time SECONDS   How long a reboot takes (default is 3).\n"
     "\t    --log LEVEL|FILE        Log up to error, warning (default), info or debug on standard error,\n"
     "\t                            or up to info into a file.\n"
     "\t-h, --help                  Print this help message.\n"
     "\t-v, --version               Display veld version.\n";
 
-enum option_value { option_socket = 1, option_model, option_log };
+enum option_value { option_socket = 1, option_model, option_log, option_state, option_reboot_time };
 
 const option long_options[] = {
     {"socket", required_argument, nullptr, option_socket},
     {"model", required_argument, nullptr, option_model},
+    {"state", required_argument, nullptr, option_state},
+    {"reboot-time", required_argument, nullptr, option_reboot_time},
     {"log", required_argument, nullptr, option_log},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'v'},
     {nullptr, 0, nullptr, 0},
 };
+
+// "2" or "0.25"; at most a day.
+bool seconds(const char *text, int64_t *milliseconds)
+{
+    double value = 0;
+    const auto end = std::from_chars(text, text + strlen(text), value, std::chars_format::fixed);
+    if (end.ec != std::errc{} || *end.ptr != '\0' || value < 0 || value > 86400)
+        return false;
+    *milliseconds = static_cast<int64_t>(value * 1000);
+    return true;
+}
+
+options_outcome wrong(const char *option, const char *text, const char *expected)
+{
+    fprintf(stderr, "veld: %s %s: must be %s\n", option, text, expected);
+    return options_outcome::wrong;
+}
 
 } // namespace
 
@@ -46,6 +69,13 @@ options_outcome options_parse(int argc, char **argv, options *out)
             break;
         case option_model:
             out->model = optarg;
+            break;
+        case option_state:
+            out->state = optarg;
+            break;
+        case option_reboot_time:
+            if (!seconds(optarg, &out->reboot_ms))
+                return wrong("--reboot-time", optarg, "a number of seconds");
             break;
         case option_log:
             out->log = optarg;

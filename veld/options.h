@@ -1,6 +1,7 @@
 // The daemon's command line.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,8 @@ struct options {
     std::vector<std::string> sockets; ///< paths, and addresses of the form tcp://HOST:PORT
     std::string model = "gateway";
     std::string log;
+    std::string state; ///< directory of what survives a restart; empty: nothing does
+    int64_t reboot_ms = 3000;
 };
 
 enum class options_outcome { run, done, wrong };

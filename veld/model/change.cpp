@@ -5,7 +5,6 @@
 #include "veld/model/password.h"
 
 #include <limits>
-#include <map>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -182,6 +181,8 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
         pending entry{where.at, {}, {}};
         if (problem.code == 0)
             problem = value_check(*where.what, json_object_get(item, "Value"), &entry.value);
+        if (problem.code == 0 && where.what->handler_set == "password" && !password_possible(entry.value.get()))
+            problem = {code::bad_value, "is not possible as a password"};
         if (problem.code == 0 && !named.insert(where.at).second)
             problem = {code::bad_arguments, "is named more than once"};
         if (problem.code != 0) {
@@ -212,6 +213,8 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
             entry.value = password_hash(entry.value.get());
         in->store(entry.parameter, std::move(entry.value), true);
     }
+    for (const pending &entry : entries)
+        in->reindex(entry.parameter);
     return {};
 }
 

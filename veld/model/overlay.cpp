@@ -21,6 +21,8 @@ public:
     applier(tree *onto, overlay_kind kind, std::string *error) : tree_(onto), kind_(kind), error_(error) {}
 
     bool any(node *of, json_t *overlay);
+    /// Unique values are compared when everything is in its place: they may have changed places.
+    bool unique_values_hold();
 
 private:
     bool object(node *of, json_t *overlay);
@@ -45,7 +47,21 @@ private:
     tree *tree_;
     overlay_kind kind_;
     std::string *error_;
+    std::vector<node *> unique_;
 };
+
+bool applier::unique_values_hold()
+{
+    for (node *one : unique_)
+        tree_->reindex(one);
+    for (node *one : unique_) {
+        const json_ref value = tree_->value(one);
+        if (const uint32_t other = tree_->taken(one, value.get()))
+            if (!outdated(one, "the value is already used by instance " + std::to_string(other)))
+                return false;
+    }
+    return true;
+}
 
 bool applier::parameter(node *of, json_t *value)
 {
@@ -61,11 +77,11 @@ bool applier::parameter(node *of, json_t *value)
         const value_problem problem = value_check(what, value, &kept);
         if (problem.code != 0)
             return outdated(of, problem.text);
-        if (kind_ == overlay_kind::strict && what.runtime)
-            return fail(of, "is not part of the configuration");
+        if (what.runtime || (!what.writable && !of->is_instance()))
+            return outdated(of, "is not part of the configuration");
     }
-    if (const uint32_t other = tree_->taken(of, kept.get()))
-        return outdated(of, "the value is already used by instance " + std::to_string(other));
+    if (what.unique)
+        unique_.push_back(of);
     tree_->store(of, std::move(kept), kind_ != overlay_kind::factory);
     return true;
 }
@@ -251,7 +267,8 @@ json_ref overlay_of_table(tree *from, node *of)
 
 bool overlay_apply(tree *onto, node *of, json_t *overlay, overlay_kind kind, std::string *error)
 {
-    return applier(onto, kind, error).any(of, overlay);
+    applier work(onto, kind, error);
+    return work.any(of, overlay) && work.unique_values_hold();
 }
 
 bool factory_instances(tree *fresh, node *of, std::string *error)

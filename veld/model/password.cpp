@@ -29,6 +29,12 @@ bool same(std::string_view a, std::string_view b)
 
 } // namespace
 
+bool password_possible(const json_t *password)
+{
+    return json_string_length(password) < CRYPT_MAX_PASSPHRASE_SIZE &&
+           json_string_length(password) == strlen(json_string_value(password));
+}
+
 json_ref password_hash(const json_t *password)
 {
     if (json_string_length(password) == 0)

@@ -9,6 +9,9 @@
 namespace veld
 {
 
+/// False for what no hash can be made of: a text with a NUL in it, or one that is far too long.
+bool password_possible(const json_t *password);
+
 /// The hash to keep for a new password; an empty password stays empty, which lets nobody in.
 json_ref password_hash(const json_t *password);
 

@@ -48,6 +48,8 @@ void tree::reset()
     root_ = make_node(*model_, nullptr);
     std::string error;
     factory_check(this, &error);
+    if (on_reset_)
+        on_reset_();
 }
 
 std::unique_ptr<node> tree::make_node(const scheme &what, node *parent)

@@ -79,6 +79,9 @@ public:
     /// Stores a value that has been checked; keeps the indexes of unique values.
     void store(node *parameter, json_ref value, bool changed);
 
+    /// Enters the value of a unique parameter into its index, after several have changed places.
+    void reindex(node *parameter) { index_value(parameter, true); }
+
     /// Makes the next instance of a table, at that place of the order (from 0; beyond the end: last).
     node *add(node *table, size_t at);
     /// As add(), with a given number, which must be higher than every number so far.
@@ -94,8 +97,14 @@ public:
     /// The instances of a table in the order in which answers name them.
     std::vector<node *> listed(node *table);
 
-    /// The whole tree back to the factory state.
+    /// The whole tree back to the factory state; no node from before is valid afterwards.
     void reset();
+    /// All nodes as they are, taken out; reset() or put_back() must follow.
+    using snapshot = std::unique_ptr<node>;
+    snapshot take() { return std::move(root_); }
+    void put_back(snapshot nodes) { root_ = std::move(nodes); }
+    /// Called by reset() when the factory instances have been made: what else belongs to a fresh device.
+    void on_reset(std::function<void()> call) { on_reset_ = std::move(call); }
 
     /// The full name of a place as answers spell it.
     static std::string name(const node *of);
@@ -112,6 +121,7 @@ private:
     std::unique_ptr<scheme> model_;
     std::unique_ptr<node> root_;
     live_source live_;
+    std::function<void()> on_reset_;
     uint64_t epoch_ = 1;
 };
 

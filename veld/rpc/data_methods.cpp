@@ -20,8 +20,7 @@ void service::get_names(client &from, const json_t *params, ticket to)
     const bool next_level = reader.boolean("NextLevel", false);
     if (reader.problem())
         return answer_fault(to, reader.problem());
-    answer_written(to,
-                   [&](answer_text out) { return query_names(tree_.get(), from.who.rights, path, next_level, out); });
+    answer_written(to, [&](answer_text out) { return query_names(&tree_, from.who.rights, path, next_level, out); });
 }
 
 void service::get_values(client &from, const json_t *params, ticket to)
@@ -30,7 +29,7 @@ void service::get_values(client &from, const json_t *params, ticket to)
     const json_t *names = reader.texts("ParameterNames");
     if (reader.problem())
         return answer_fault(to, reader.problem());
-    answer_written(to, [&](answer_text out) { return query_values(tree_.get(), from.who.rights, names, out); });
+    answer_written(to, [&](answer_text out) { return query_values(&tree_, from.who.rights, names, out); });
 }
 
 void service::get_attributes(client &from, const json_t *params, ticket to)
@@ -40,8 +39,7 @@ void service::get_attributes(client &from, const json_t *params, ticket to)
     const int64_t depth = reader.integer("Depth", -1, 0);
     if (reader.problem())
         return answer_fault(to, reader.problem());
-    answer_written(to,
-                   [&](answer_text out) { return query_attributes(tree_.get(), from.who.rights, names, depth, out); });
+    answer_written(to, [&](answer_text out) { return query_attributes(&tree_, from.who.rights, names, depth, out); });
 }
 
 void service::set_values(client &from, const json_t *params, ticket to)
@@ -51,7 +49,7 @@ void service::set_values(client &from, const json_t *params, ticket to)
     if (reader.problem())
         return answer_fault(to, reader.problem());
     std::vector<value_change> changes;
-    if (const fault problem = change_values(tree_.get(), from.who.rights, list, &changes))
+    if (const fault problem = change_values(&tree_, from.who.rights, list, &changes))
         return answer_fault(to, problem);
     const std::string user = from.who.name;
     answer_result(to, status_ok);
@@ -84,7 +82,7 @@ void service::add_object(client &from, const json_t *params, ticket to)
     if (reader.problem())
         return answer_fault(to, reader.problem());
     node *added = nullptr;
-    if (const fault problem = change_add(tree_.get(), from.who.rights, path, static_cast<uint64_t>(order), &added))
+    if (const fault problem = change_add(&tree_, from.who.rights, path, static_cast<uint64_t>(order), &added))
         return answer_fault(to, problem);
     answer_result(to, "{\"InstanceNumber\":" + std::to_string(added->number) + ",\"Status\":0}");
     instance_event("Add", added->parent, added->number);
@@ -98,7 +96,7 @@ void service::delete_object(client &from, const json_t *params, ticket to)
         return answer_fault(to, reader.problem());
     node *table = nullptr;
     uint32_t number = 0;
-    if (const fault problem = change_delete(tree_.get(), from.who.rights, path, &table, &number))
+    if (const fault problem = change_delete(&tree_, from.who.rights, path, &table, &number))
         return answer_fault(to, problem);
     answer_result(to, status_ok);
     instance_event("Delete", table, number);
@@ -113,7 +111,7 @@ void service::change_order_of(client &from, const json_t *params, ticket to)
         return answer_fault(to, {code::bad_params, "\"Order\" must be an integer", ""});
     if (reader.problem())
         return answer_fault(to, reader.problem());
-    if (const fault problem = change_order(tree_.get(), from.who.rights, path, static_cast<uint64_t>(order)))
+    if (const fault problem = change_order(&tree_, from.who.rights, path, static_cast<uint64_t>(order)))
         return answer_fault(to, problem);
     answer_result(to, status_ok);
 }

@@ -15,12 +15,19 @@ const service::method_entry service::methods[] = {
     {"AddObject", &service::add_object},
     {"DeleteObject", &service::delete_object},
     {"ChangeOrder", &service::change_order_of},
+    {"Execute", &service::execute},
+    {"SaveConfig", &service::save_config},
+    {"FactoryReset", &service::factory_reset},
+    {"Reboot", &service::reboot},
     {"Login", &service::log_in},
     {"Logout", &service::log_out},
     {"JoinGroup", &service::join_group},
 };
 
-service::service(loop &events, std::unique_ptr<tree> model) : loop_(events), tree_(std::move(model)) {}
+service::service(loop &events, tree &model, device &machine)
+    : loop_(events), tree_(model), device_(machine), executions_(events)
+{
+}
 
 void service::welcome(arrival who, std::unique_ptr<transport> link)
 {
@@ -35,6 +42,7 @@ void service::connection_over(connection &which)
     const uint64_t id = which.id();
     LOG_DEBUG("client %llu is gone", static_cast<unsigned long long>(id));
     sessions_.leave(id);
+    executions_.end(id);
     // The connection may be in the middle of a call of its own.
     loop_.post([this, id] { clients_.erase(id); });
 }
@@ -93,7 +101,7 @@ void service::request(client &from, json_t *message, std::string_view name, std:
             answer_fault(to, {code::bad_params, "\"params\" must be an object", ""});
             return;
         }
-        tree_->begin_request();
+        tree_.begin_request();
         (this->*known.call)(from, params, std::move(to));
         return;
     }

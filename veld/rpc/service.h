@@ -1,9 +1,11 @@
 // What the daemon does with its clients' messages.
 #pragma once
 
+#include "veld/device/device.h"
 #include "veld/model/fault.h"
 #include "veld/model/query.h"
 #include "veld/model/tree.h"
+#include "veld/rpc/executions.h"
 #include "veld/server/connection.h"
 #include "veld/server/listener.h"
 #include "veld/session/accounts.h"
@@ -31,10 +33,15 @@ struct ticket {
 class service : public connection_owner
 {
 public:
-    service(loop &events, std::unique_ptr<tree> model);
+    service(loop &events, tree &model, device &machine);
 
     /// Takes a client that has connected, with its link.
     void welcome(arrival who, std::unique_ptr<transport> link);
+
+    /// Tells the clients what the device is about to do.
+    void announce(const char *action);
+    /// Ends every link, after what is queued on it has been written.
+    void part_with_all();
 
     void line_received(connection &from, std::string_view line) override;
     void connection_over(connection &which) override;
@@ -77,8 +84,18 @@ private:
     void try_password(const ticket &to, const std::string &user, const std::shared_ptr<std::string> &password);
     void finish_login(const ticket &to, const std::optional<login> &who, const std::string &user);
 
+    // device_methods.cpp
+    bool refused(const client &from, role needed, const ticket &to);
+    void save_config(client &from, const json_t *params, ticket to);
+    void factory_reset(client &from, const json_t *params, ticket to);
+    void reboot(client &from, const json_t *params, ticket to);
+    void execute(client &from, const json_t *params, ticket to);
+    void answer_outcome(const ticket &to, method_outcome &outcome);
+
     loop &loop_;
-    std::unique_ptr<tree> tree_;
+    tree &tree_;
+    device &device_;
+    executions executions_;
     sessions sessions_;
     login_guard guard_;
     uint64_t next_client_ = 1;

@@ -28,7 +28,7 @@ void service::log_in(client &from, const json_t *params, ticket to)
     if (reader.problem())
         return answer_fault(to, reader.problem());
     if (json_object_get(params, "Password") == nullptr) {
-        finish_login(to, login_by_peer(tree_.get(), user, from.link->identity()), user);
+        finish_login(to, login_by_peer(&tree_, user, from.link->identity()), user);
         return;
     }
     from.link->hold();
@@ -47,7 +47,7 @@ void service::try_password(const ticket &to, const std::string &user, const std:
         loop_.after(when - now, [this, to, user, password] { try_password(to, user, password); });
         return;
     }
-    const std::optional<login> who = login_by_password(tree_.get(), user, *password);
+    const std::optional<login> who = login_by_password(&tree_, user, *password);
     if (who) {
         guard_.succeeded(user, peer);
         finish_login(to, who, user);

@@ -115,7 +115,7 @@ void connection::receive()
             break;
     }
     if (ended_ && !resuming_ && !blocked() && !over_)
-        finish(greeting_limit_ms);
+        finish(greeting_limit_ms, true);
     else if (!over_ && !blocked() && link_->holds_input())
         resume_later();
 }
@@ -155,7 +155,7 @@ void connection::resume_later()
         me->take_lines();
         if (!me->resuming_ && !me->over_ && !me->blocked()) {
             if (me->ended_)
-                me->finish(greeting_limit_ms);
+                me->finish(greeting_limit_ms, true);
             else
                 me->receive();
         }
@@ -166,12 +166,14 @@ void connection::resume_later()
 
 void connection::release()
 {
-    if (--holds_ == 0 && !over_)
+    if (holds_ > 0 && --holds_ == 0 && !over_)
         resume_later();
 }
 
 void connection::answer_given()
 {
+    if (expected_ == 0)
+        return;
     if (--expected_ == 0 && finishing_ && output_.empty() && holds_ == 0)
         close();
 }
@@ -258,11 +260,13 @@ void connection::update_watch()
     }
 }
 
-void connection::finish(int64_t within_ms)
+void connection::finish(int64_t within_ms, bool waiting)
 {
     if (over_)
         return;
     finishing_ = true;
+    if (!waiting)
+        expected_ = holds_ = 0;
     if (output_.empty() && holds_ == 0 && expected_ == 0) {
         close();
         return;

@@ -60,8 +60,9 @@ public:
     void expect_answer() { ++expected_; }
     void answer_given();
 
-    /// Ends the link as soon as what is queued is written, or the time is over.
-    void finish(int64_t within_ms);
+    /// Ends the link as soon as what is queued is written, or the time is over. Nothing more is read. `waiting`: not
+    /// before the answers that are still to come.
+    void finish(int64_t within_ms, bool waiting);
     /// Ends the link now.
     void close();
     bool over() const { return over_; }
@@ -75,7 +76,7 @@ private:
     void update_watch();
     void resume_later();
     void greet();
-    bool blocked() const { return holds_ > 0 || queued_ > high_water; }
+    bool blocked() const { return holds_ > 0 || finishing_ || queued_ > high_water; }
 
     static constexpr size_t high_water = size_t{256} << 10;
 

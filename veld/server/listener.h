@@ -34,6 +34,7 @@ public:
     void close();
     /// The address with the port that the system chose, where one was asked for.
     const std::string &address() const { return address_; }
+    bool is_open() const { return static_cast<bool>(fd_); }
     bool is_tcp() const { return address_.starts_with("tcp://"); }
 
 private:

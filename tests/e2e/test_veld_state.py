@@ -1,0 +1,198 @@
+"""What a device keeps: over a reboot, over a restart, over a kill."""
+
+import json
+import time
+from pathlib import Path
+
+import pytest
+
+from lib import settings
+from lib.wire import Closed, Peer, WireError, connect
+
+SMALL = Path(__file__).parent / "models" / "small.json"
+
+
+@pytest.fixture
+def state(tmp_path):
+    return Path(tmp_path) / "state"
+
+
+@pytest.fixture
+def small(veld_start, state):
+    return veld_start("--state", state, "--reboot-time", "0.2", model=SMALL)
+
+
+def root(veld):
+    peer = veld.connect()
+    peer.call("Login", User="root")
+    return peer
+
+
+def values(peer, *names):
+    answer = peer.call("GetParameterValues", ParameterNames=list(names) or ["."])
+    return {entry["Name"]: entry["Value"] for entry in answer["ParameterList"]}
+
+
+def set_values(peer, **members):
+    entries = [{"Name": "Device." + name.replace("__", "."), "Value": value} for name, value in members.items()]
+    peer.call("SetParameterValues", ParameterList=entries)
+
+
+def change_much(peer):
+    set_values(peer, Name="mine", Level=7, Host__1__Alias="uno", Key="k2")
+    peer.call("AddObject", ObjectName="Device.Host.")
+    peer.call("DeleteObject", ObjectName="Device.Host.2.")
+    peer.call("AddObject", ObjectName="Device.Host.3.Address.")
+    peer.call("AddObject", ObjectName="Device.Host.")
+    peer.call("DeleteObject", ObjectName="Device.Host.4.")
+    peer.call("AddObject", ObjectName="Device.Search.", Order=1)
+    set_values(peer, Search__3="first", Host__3__Address__1__IP="10.0.0.1")
+
+
+def wait_gone(peer):
+    with pytest.raises(Closed):
+        while True:
+            peer.receive()
+
+
+def test_what_was_saved_survives_a_restart_and_a_kill(small):
+    peer = root(small)
+    change_much(peer)
+    before = values(peer)
+    assert before["Device.Host.max_instance"] == 4 and before["Device.Search.order"] == "3,2,1"
+    assert peer.call("SaveConfig") == {"Status": 0}
+    small.kill()
+    small.start()
+    assert values(root(small)) == before
+    # A number that was given to an instance since deleted is not given again.
+    assert root(small).call("AddObject", ObjectName="Device.Host.")["InstanceNumber"] == 5
+
+
+def test_what_was_not_saved_is_gone_after_a_reboot(small):
+    peer = root(small)
+    set_values(peer, Name="kept", Volatile=5)
+    peer.call("SaveConfig")
+    change_much(peer)
+    assert peer.call("Reboot", Force=True) == {"Status": 0}
+    wait_gone(peer)
+    small.wait_until_up()
+    after = values(root(small))
+    assert after["Device.Name"] == "kept" and after["Device.Level"] == 5 and after["Device.Volatile"] == 0
+    assert "Device.Host.3.Alias" not in after and after["Device.Host.2.Alias"] == "two"
+
+
+def test_without_a_directory_a_save_lasts_until_the_restart(veld_start):
+    small = veld_start("--reboot-time", "0.1", model=SMALL)
+    peer = root(small)
+    set_values(peer, Name="kept")
+    peer.call("SaveConfig")
+    set_values(peer, Name="lost")
+    peer.call("Reboot", Force=True)
+    wait_gone(peer)
+    small.wait_until_up()
+    assert values(root(small))["Device.Name"] == "kept"
+    small.restart()
+    assert values(root(small))["Device.Name"] == "box"
+
+
+def test_a_factory_reset_forgets_everything(small, state):
+    peer, listener = root(small), small.connect()
+    listener.join(2)
+    fresh = values(peer)
+    change_much(peer)
+    peer.call("SaveConfig")
+    assert peer.call("FactoryReset") == {"Status": 0}
+    assert listener.event() == (2, {"Action": "FactoryReset"})
+    assert values(peer) == fresh
+    small.kill()
+    small.start()
+    assert values(root(small)) == fresh
+
+
+def test_a_reboot_is_announced_and_takes_its_time(small):
+    peer, listener = root(small), small.connect()
+    listener.join(2)
+    assert peer.call("Reboot", Force=False) == {"Status": 0}
+    assert listener.event() == (2, {"Action": "Reboot"})
+    # In the grace everything goes on.
+    assert values(peer, "Device.Name") == {"Device.Name": "box"}
+    wait_gone(listener)
+    wait_gone(peer)
+    with pytest.raises(OSError):
+        connect(small.address)
+    small.wait_until_up()
+    # Nobody is logged in any more.
+    with pytest.raises(WireError):
+        small.connect().call("SaveConfig")
+
+
+def test_a_damaged_state_is_set_aside(small, state):
+    peer = root(small)
+    set_values(peer, Name="mine")
+    peer.call("SaveConfig")
+    saved = state / "config.json"
+    whole = saved.read_bytes()
+    for number, damaged in enumerate(
+        [whole[: len(whole) // 2], b"", b"\xff\xfe", b"[]", b'{"veld-config":1,"config":{"Device":{"Host":{"instances":{"0":{}}}}}}'],
+        start=1,
+    ):
+        small.stop()
+        saved.write_bytes(damaged)
+        small.start()
+        assert values(root(small), "Device.Name") == {"Device.Name": "box"}
+        aside = state / f"config.json.damaged-{number}"
+        assert aside.read_bytes() == damaged and not saved.exists()
+        assert str(aside) in small.log
+
+
+def test_a_state_of_an_older_model_keeps_what_still_fits(small, state):
+    small.stop()
+    document = {"veld-config": 1, "config": {"Device": {"Name": "kept", "Level": 99, "Gone": 1, "Host": {"Old": 1}}}}
+    (state / "config.json").write_text(json.dumps(document))
+    small.start()
+    assert values(root(small), "Device.Name", "Device.Level") == {"Device.Name": "kept", "Device.Level": 5}
+    assert 'Device.: has no "Gone"' in small.log
+
+
+def test_a_save_that_fails_keeps_the_old_state_and_says_so(small, state):
+    peer = root(small)
+    set_values(peer, Name="old")
+    peer.call("SaveConfig")
+    whole = (state / "config.json").read_bytes()
+    (state / "config.json.new").mkdir()
+    set_values(peer, Name="new")
+    with pytest.raises(WireError) as error:
+        peer.call("SaveConfig")
+    assert error.value.code == 9002
+    assert (state / "config.json").read_bytes() == whole
+
+
+def test_killed_while_saving_the_state_is_the_old_or_the_new_one(small, state):
+    peer = root(small)
+    for name in ("aaaa", "bbbb"):
+        set_values(peer, Name=name)
+        peer.call("SaveConfig")
+    for attempt in range(5):
+        peer = root(small)
+        for count in range(40):
+            peer.request("SetParameterValues", {"ParameterList": [{"Name": "Device.Name", "Value": f"{attempt}-{count}"}]})
+            peer.request("SaveConfig")
+        time.sleep(0.003 * attempt)
+        small.kill()
+        small.start()
+        name = values(root(small), "Device.Name")["Device.Name"]
+        assert name in ("bbbb",) or "-" in name
+        assert not list(state.glob("*.damaged-*"))
+
+
+def test_two_daemons_do_not_share_a_state(small, state, tmp_path):
+    import subprocess
+
+    run = subprocess.run(
+        [settings.VELD, "--socket", Path(tmp_path) / "other", "--model", SMALL, "--state", state],
+        capture_output=True,
+        text=True,
+        timeout=settings.DEADLINE,
+    )
+    assert run.returncode == 1
+    assert run.stderr == f"veld: {state}: another daemon keeps its state there\n"

@@ -1,0 +1,136 @@
+#include "veld/base/json_text.h"
+#include "veld/model/secret.h"
+#include "veld/rpc/answer.h"
+#include "veld/rpc/service.h"
+
+namespace veld
+{
+
+namespace
+{
+
+constexpr int64_t event_device = 2;
+constexpr size_t methods_of_one_client = 16;
+constexpr size_t methods_at_once = 128;
+constexpr int64_t parting_ms = 500;
+
+} // namespace
+
+bool service::refused(const client &from, role needed, const ticket &to)
+{
+    if (from.who.rights >= needed)
+        return false;
+    answer_fault(
+        to, {code::denied,
+             needed == role::administrator ? "only an administrator may do that" : "only a logged-in user may do that",
+             ""});
+    return true;
+}
+
+void service::save_config(client &from, const json_t *, ticket to)
+{
+    if (refused(from, role::user, to))
+        return;
+    if (const fault problem = device_.save_configuration())
+        return answer_fault(to, problem);
+    answer_result(to, status_ok);
+}
+
+void service::factory_reset(client &from, const json_t *, ticket to)
+{
+    if (refused(from, role::administrator, to))
+        return;
+    if (const fault problem = device_.factory_reset())
+        return answer_fault(to, problem);
+    answer_result(to, status_ok);
+}
+
+void service::reboot(client &from, const json_t *params, ticket to)
+{
+    param_reader reader(params);
+    const bool force = reader.boolean("Force", false);
+    if (reader.problem())
+        return answer_fault(to, reader.problem());
+    if (refused(from, role::administrator, to))
+        return;
+    answer_result(to, status_ok);
+    device_.reboot("Reboot", force);
+}
+
+void service::announce(const char *action)
+{
+    json_ref value{json_object()};
+    json_object_set_new(value.get(), "Action", json_string(action));
+    deliver(event_device, value.get(), role::anonymous);
+}
+
+void service::part_with_all()
+{
+    executions_.end_all();
+    for (auto &[id, one] : clients_)
+        one.link->finish(parting_ms, false);
+}
+
+void service::execute(client &from, const json_t *params, ticket to)
+{
+    param_reader reader(params);
+    const std::string path = reader.text("Path");
+    const json_t *list = reader.name_values("ParameterList", false);
+    if (reader.problem())
+        return answer_fault(to, reader.problem());
+    const place where = tree_.find(path);
+    if (!where)
+        return answer_fault(to, {code::bad_name, "no such node: " + path, ""});
+    const scheme &what = *where.what;
+    if (what.kind != node_kind::method)
+        return answer_fault(to, {code::bad_name, path + " is not a method", ""});
+    if (from.who.rights < what.read || from.who.rights < what.write)
+        return answer_fault(to, {code::denied, path + " may not be run by this user", ""});
+    json_ref input;
+    if (const fault problem = arguments_check(what, list, &input))
+        return answer_fault(to, problem);
+    if (what.provider.empty() || !method_known(what.provider))
+        return answer_fault(to, {code::not_supported, path + " is not implemented", ""});
+    const uint64_t id = from.link->id();
+    if (executions_.running() >= methods_at_once || executions_.running_for(id) >= methods_of_one_client)
+        return answer_fault(to, {code::resources, "too many methods are running", ""});
+
+    const role rights = from.who.rights;
+    const auto text_of = [this, rights](std::string_view name) {
+        const place found = tree_.find(name);
+        std::string text;
+        if (found && found.at->what == found.what && found.what->kind == node_kind::parameter &&
+            rights >= found.what->read) {
+            const json_ref value = readable_value(&tree_, found.at, rights);
+            if (json_is_string(value.get()))
+                text.assign(json_string_value(value.get()), json_string_length(value.get()));
+        }
+        return text;
+    };
+    method_outcome ended;
+    std::unique_ptr<method_job> job = method_start(what.provider, input.get(), text_of, &ended);
+    if (!job)
+        return answer_outcome(to, ended);
+    from.link->expect_answer();
+    executions_.run(id, std::move(job), [this, to](method_outcome &outcome) {
+        answer_outcome(to, outcome);
+        if (client *waiting = find(to.client))
+            waiting->link->answer_given();
+    });
+}
+
+void service::answer_outcome(const ticket &to, method_outcome &outcome)
+{
+    if (outcome.code != 0) {
+        fault problem{outcome.code, outcome.message, ""};
+        if (outcome.data)
+            json_text_value(&problem.data, outcome.data.get());
+        return answer_fault(to, problem);
+    }
+    json_ref result{json_object()};
+    if (outcome.output)
+        json_object_set(result.get(), "ParameterList", outcome.output.get());
+    answer_object(to, result.get());
+}
+
+} // namespace veld

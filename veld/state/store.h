@@ -1,0 +1,49 @@
+// What survives a restart: a few small files in one directory, each written as a whole or not at all.
+#pragma once
+
+#include "platform/ve_json.h"
+#include "veld/base/owned_fd.h"
+
+#include <map>
+#include <string>
+#include <string_view>
+
+namespace veld
+{
+
+class state_store
+{
+public:
+    /// Without a directory the store lives in memory: what is saved then survives a reboot, not a restart.
+    state_store() = default;
+
+    /// Uses a directory, which is made if it is missing and locked against other daemons. False on failure.
+    bool open(const std::string &directory, std::string *error);
+
+    /// The document saved under a name as a new reference; null when there is none. One that cannot be understood is
+    /// reported and set aside under another name.
+    json_ref load(const std::string &name);
+    /// Replaces the document under a name. Survives a kill at any moment: either the old one is there or the new one.
+    bool save(const std::string &name, const json_t *document, std::string *error);
+    bool remove(const std::string &name, std::string *error);
+    /// Gives a damaged document another name, so that it is not overwritten.
+    void set_aside(const std::string &name, const std::string &why);
+
+    /// The directory, empty when the store lives in memory.
+    const std::string &directory() const { return directory_; }
+
+private:
+    std::string path(const std::string &name) const { return directory_ + "/" + name; }
+
+    std::string directory_;
+    owned_fd lock_; // the directory itself
+    std::map<std::string, json_ref> memory_;
+};
+
+/// Writes a file beside its place and moves it there, on disk before this returns. Mode 0600. False on failure.
+bool write_file_atomically(const std::string &path, std::string_view content, std::string *error);
+
+/// Makes a directory and those above it. False on failure.
+bool make_directories(const std::string &path, std::string *error);
+
+} // namespace veld
