@@ -1,4 +1,5 @@
 #include "veld/base/log.h"
+#include "veld/import/import.h"
 #include "veld/live/live.h"
 #include "veld/model/document.h"
 #include "veld/options.h"
@@ -65,6 +66,8 @@ int main(int argc, char **argv)
     const options_outcome outcome = options_parse(argc, argv, &wanted);
     if (outcome != options_outcome::run)
         return outcome == options_outcome::done ? EXIT_SUCCESS : 2;
+    if (!wanted.import.empty())
+        return import_run(wanted.import.c_str(), wanted.import_output.empty() ? nullptr : wanted.import_output.c_str());
     if (!wanted.log.empty() && !log_open(wanted.log.c_str()))
         return failed(wanted.log + ": " + strerror(errno));
 

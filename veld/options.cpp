@@ -24,6 +24,8 @@ constexpr const char *usage_text =
     "\t    --reboot-time SECONDS   How long a reboot takes (default is 3).\n"
     "\t    --log LEVEL|FILE        Log up to error, warning (default), info or debug on standard error,\n"
     "\t                            or up to info into a file.\n"
+    "\t    --import FILE.xml       Turn a Broadband Forum data model into a model document, and end.\n"
+    "\t    --output FILE           Where --import writes it (default is standard output).\n"
     "\t-h, --help                  Print this help message.\n"
     "\t-v, --version               Display veld version.\n";
 
@@ -35,6 +37,8 @@ const option long_options[] = {
     {"state", required_argument, nullptr, option_state},
     {"reboot-time", required_argument, nullptr, option_reboot_time},
     {"log", required_argument, nullptr, option_log},
+    {"import", required_argument, nullptr, 'I'},
+    {"output", required_argument, nullptr, 'O'},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'v'},
     {nullptr, 0, nullptr, 0},
@@ -79,6 +83,12 @@ options_outcome options_parse(int argc, char **argv, options *out)
             break;
         case option_log:
             out->log = optarg;
+            break;
+        case 'I':
+            out->import = optarg;
+            break;
+        case 'O':
+            out->import_output = optarg;
             break;
         case 'h':
             fputs(usage_text, stdout);

@@ -9,6 +9,8 @@ namespace veld
 {
 
 struct options {
+    std::string import;               ///< a data model to import instead of serving anything; empty: none
+    std::string import_output;        ///< the file that the import goes to; empty: standard output
     std::vector<std::string> sockets; ///< paths, and addresses of the form tcp://HOST:PORT
     std::string model = "gateway";
     std::string log;

@@ -393,7 +393,9 @@ std::unique_ptr<method_job> make_nslookup(const method_call &call)
     job->server = server;
     if (!call.interface(&job->interface))
         return nullptr;
-    job->timeout_ms = call.number("Timeout", 1, 30000);
+    // A model without defaults for them says 0.
+    if (int64_t given = call.number("Timeout", 0, 30000); given > 0)
+        job->timeout_ms = given;
     job->repetitions = call.number("NumberOfRepetitions", 1, 16);
     return job;
 }

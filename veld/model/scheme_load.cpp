@@ -325,8 +325,16 @@ bool loader::children(json_t *members, const surroundings &around, scheme *into)
         below.path += (around.path.empty() || around.path.back() == '.' ? "" : ".") + std::string(key);
         if (!good_name(key, around.argument))
             return fail(below, "not a good name for a node");
-        if (into->find(key) >= 0)
-            return fail(below, "named twice");
+        if (const int at = into->find(key); at >= 0) {
+            // An object of inputs may hold outputs too.
+            scheme *present = into->children[static_cast<size_t>(at)].get();
+            json_t *more = json_object_get(value, "children");
+            if (!around.argument || !present->is_object() || !json_is_object(more))
+                return fail(below, "named twice");
+            if (!children(more, below, present))
+                return false;
+            continue;
+        }
         auto child = std::make_unique<scheme>();
         child->name = key;
         child->parent = into;

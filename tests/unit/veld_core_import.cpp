@@ -1,0 +1,572 @@
+// Data-model XML in, model document out.
+#include "veld/import/import.h"
+
+#include "veld/import/types.h"
+#include "veld/model/scheme.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+using namespace veld;
+
+namespace
+{
+
+// A directory of its own that goes with everything in it.
+class directory
+{
+public:
+    directory()
+    {
+        char name[] = "/tmp/import.XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~directory() { std::filesystem::remove_all(path); }
+    directory(const directory &) = delete;
+    directory &operator=(const directory &) = delete;
+    std::string file(const std::string &name, const std::string &content) const
+    {
+        std::ofstream(path + "/" + name, std::ios::binary) << content;
+        return path + "/" + name;
+    }
+    std::string path;
+};
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+std::string document(const std::string &types, const std::string &objects)
+{
+    return R"(<?xml version="1.0" encoding="UTF-8"?>
+<dm:document xmlns:dm="urn:broadband-forum-org:cwmp:datamodel-1-15" spec="urn:example">
+  <description>Text &amp; more</description>)" +
+           types +
+           R"(<model name="Device:2.19"><object name="Device." access="readOnly" minEntries="1" maxEntries="1"/>)" +
+           objects + "</model></dm:document>\n";
+}
+
+// A model with one object, Device.X., that holds `content`.
+std::string with_object(const std::string &content, const std::string &types = "")
+{
+    return document(types, R"(<object name="Device.X.">)" + content + "</object>");
+}
+
+std::string with_syntax(const std::string &syntax, const std::string &types = "")
+{
+    return with_object(R"(<parameter name="P"><syntax>)" + syntax + "</syntax></parameter>", types);
+}
+
+struct imported {
+    json_ref model;
+    import_counts counts;
+    std::string warnings;
+    std::string error;
+
+    // The text of the node at a path like "Device/X/P": children, templates, inputs and outputs.
+    std::string node(const std::string &path) const
+    {
+        const json_t *at = json_object_get(model.get(), "root");
+        std::stringstream words(path);
+        bool first = true;
+        for (std::string word; std::getline(words, word, '/'); first = false) {
+            if (word == "{i}") {
+                at = json_object_get(at, "template");
+                continue;
+            }
+            if (word == "input" || word == "output") {
+                at = json_object_get(at, word.c_str());
+                first = true;
+                std::getline(words, word, '/');
+            }
+            at = json_object_get(first ? at : json_object_get(at, "children"), word.c_str());
+        }
+        if (at == nullptr)
+            return "(none)";
+        json_ref copy(json_copy(const_cast<json_t *>(at)));
+        json_object_del(copy.get(), "children");
+        json_object_del(copy.get(), "template");
+        char *text = json_dumps(copy.get(), JSON_COMPACT);
+        std::string out = text;
+        free(text);
+        return out;
+    }
+};
+
+imported import_text(const std::string &xml)
+{
+    directory temporary;
+    imported result;
+    result.model = import_model(temporary.file("in.xml", xml).c_str(), &result.counts, &result.warnings, &result.error);
+    return result;
+}
+
+// The parameter Device.X.P as it comes out.
+std::string parameter(const std::string &syntax, const std::string &types = "")
+{
+    imported result = import_text(with_syntax(syntax, types));
+    return result.model ? result.node("Device/X/P") : result.error;
+}
+
+std::string error_of(const std::string &xml)
+{
+    imported result = import_text(xml);
+    EXPECT_FALSE(result.model) << xml;
+    return result.error;
+}
+
+bool contains(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
+
+} // namespace
+
+TEST(Import, ObjectsTablesAndParametersStandWhereTheirPathsSay)
+{
+    imported result = import_text(document("", R"(
+      <object name="Device.Hosts." access="readOnly" minEntries="1" maxEntries="1">
+        <parameter name="HostNumberOfEntries" access="readOnly"><syntax><unsignedInt/></syntax></parameter>
+      </object>
+      <object name="Device.Hosts.Host.{i}." access="readWrite" minEntries="0" maxEntries="unbounded" numEntriesParameter="HostNumberOfEntries">
+        <uniqueKey functional="false"><parameter ref="Alias"/></uniqueKey>
+        <uniqueKey functional="true"><parameter ref="A"/><parameter ref="B"/></uniqueKey>
+        <uniqueKey functional="true"><parameter ref="Number"/></uniqueKey>
+        <parameter name="Alias" access="readWrite"><syntax><string><size maxLength="64"/></string></syntax></parameter>
+        <parameter name="A" access="writeOnceReadOnly"><syntax><string/></syntax></parameter>
+        <parameter name="B"><syntax><boolean/></syntax></parameter>
+        <parameter name="Number"><syntax><unsignedInt/></syntax></parameter>
+      </object>
+      <object name="Device.Hosts.Host.{i}.Stats."/>
+      <object name="Device.Hosts.Host.{i}.Address.{i}." minEntries="2" maxEntries="4"/>)"));
+    ASSERT_TRUE(result.model) << result.error;
+    EXPECT_EQ(result.warnings, "");
+    EXPECT_EQ(result.node("Device/Hosts"), R"({"type":"object"})");
+    EXPECT_EQ(result.node("Device/Hosts/HostNumberOfEntries"),
+              R"({"type":"unsignedInt","default":0,"entries":"Host"})");
+    EXPECT_EQ(result.node("Device/Hosts/Host"), R"({"type":"object","access":"readWrite","multi":true})");
+    EXPECT_EQ(result.node("Device/Hosts/Host/{i}"), R"({"type":"object","access":"readWrite"})");
+    EXPECT_EQ(result.node("Device/Hosts/Host/{i}/Alias"),
+              R"({"type":"string","default":"","maxLength":64,"access":"readWrite","unique":true})");
+    EXPECT_EQ(result.node("Device/Hosts/Host/{i}/A"), R"({"type":"string","default":"","access":"readWrite"})");
+    EXPECT_EQ(result.node("Device/Hosts/Host/{i}/B"), R"({"type":"boolean","default":false})");
+    EXPECT_EQ(result.node("Device/Hosts/Host/{i}/Number"), R"({"type":"unsignedInt","default":0})");
+    EXPECT_EQ(result.node("Device/Hosts/Host/{i}/Stats"), R"({"type":"object"})");
+    EXPECT_EQ(result.node("Device/Hosts/Host/{i}/Address"),
+              R"({"type":"object","multi":true,"minCount":2,"maxCount":4})");
+    EXPECT_EQ(result.node("DataModelVersion"), R"({"type":"string","default":"2.19"})");
+    EXPECT_EQ(result.counts.objects, 5U);
+    EXPECT_EQ(result.counts.tables, 2U);
+    EXPECT_EQ(result.counts.parameters, 5U);
+}
+
+TEST(Import, EveryTypeHasItsName)
+{
+    for (const char *type : {"string", "base64", "hexBinary"})
+        EXPECT_EQ(parameter("<" + std::string(type) + "/>"), R"({"type":")" + std::string(type) + R"(","default":""})");
+    for (const char *type : {"int", "unsignedInt", "long", "unsignedLong"})
+        EXPECT_EQ(parameter("<" + std::string(type) + "/>"), R"({"type":")" + std::string(type) + R"(","default":0})");
+    EXPECT_EQ(parameter("<boolean/>"), R"({"type":"boolean","default":false})");
+    EXPECT_EQ(parameter("<decimal/>"), R"({"type":"decimal","default":0.0})");
+    EXPECT_EQ(parameter("<dateTime/>"), R"({"type":"dateTime","default":"0001-01-01T00:00:00Z"})");
+    EXPECT_EQ(parameter(R"(<string><size maxLength="256"/><pathRef refType="strong" targetParent=".X."/></string>)"),
+              R"({"type":"path","default":"","maxLength":256})");
+}
+
+TEST(Import, WhatTriggersIsASwitchAndWhatIsSecuredIsSecret)
+{
+    imported result = import_text(
+        with_object(R"(<parameter name="P" access="readWrite"><syntax command="true"><boolean/></syntax></parameter>
+        <parameter name="Q" access="readWrite"><syntax secured="true"><string/></syntax></parameter>)"));
+    EXPECT_EQ(result.node("Device/X/P"), R"({"type":"switch","default":false,"access":"readWrite"})");
+    EXPECT_EQ(result.node("Device/X/Q"), R"({"type":"string","default":"","secret":true,"access":"readWrite"})");
+}
+
+TEST(Import, DeclaredDefaultsAreTaken)
+{
+    auto with_default = [](const std::string &type, const std::string &value) {
+        return parameter("<" + type + R"(/><default type="object" value=")" + value + R"("/>)");
+    };
+    EXPECT_EQ(with_default("string", "a &lt;b&gt;"), R"({"type":"string","default":"a <b>"})");
+    EXPECT_EQ(with_default("boolean", "true"), R"({"type":"boolean","default":true})");
+    EXPECT_EQ(with_default("boolean", "1"), R"({"type":"boolean","default":true})");
+    EXPECT_EQ(with_default("boolean", "false"), R"({"type":"boolean","default":false})");
+    EXPECT_EQ(with_default("int", "-7"), R"({"type":"int","default":-7})");
+    EXPECT_EQ(with_default("decimal", "2.5"), R"({"type":"decimal","default":2.5})");
+    EXPECT_EQ(with_default("unsignedLong", "9223372036854775807"),
+              R"({"type":"unsignedLong","default":9223372036854775807})");
+    EXPECT_EQ(parameter(R"(<list/><string/><default type="object" value="[A,B]"/>)"),
+              R"({"type":"string","default":"A,B"})");
+    EXPECT_EQ(parameter(R"(<list/><string/><default type="object" value="[]"/>)"), R"({"type":"string","default":""})");
+}
+
+TEST(Import, ADefaultOfTheWrongTypeIsReplaced)
+{
+    EXPECT_EQ(parameter(R"(<unsignedInt><range minInclusive="5"/></unsignedInt><default type="object" value="-1"/>)"),
+              R"({"type":"unsignedInt","default":5,"minInclusive":5})");
+    EXPECT_EQ(parameter(R"(<int/><default type="object" value="many"/>)"), R"({"type":"int","default":0})");
+    EXPECT_EQ(parameter(R"(<boolean/><default type="object" value="maybe"/>)"),
+              R"({"type":"boolean","default":false})");
+}
+
+TEST(Import, MissingDefaultsAreMadeWithinTheConstraints)
+{
+    EXPECT_EQ(parameter(R"(<string><enumeration value="Up"/><enumeration value="Down"/></string>)"),
+              R"({"type":"string","default":"Up","enum":["Up","Down"]})");
+    EXPECT_EQ(parameter(R"(<int><range minInclusive="-5" maxInclusive="5"/></int>)"),
+              R"({"type":"int","default":0,"minInclusive":-5,"maxInclusive":5})");
+    EXPECT_EQ(parameter(R"(<int><range maxInclusive="-3"/></int>)"),
+              R"({"type":"int","default":-3,"maxInclusive":-3})");
+    EXPECT_EQ(parameter(R"(<string><size minLength="3" maxLength="8"/></string>)"),
+              R"({"type":"string","default":"000","minLength":3,"maxLength":8})");
+    EXPECT_EQ(parameter(R"(<hexBinary><size minLength="3" maxLength="3"/></hexBinary>)"),
+              R"({"type":"hexBinary","default":"000000","minLength":3,"maxLength":3})");
+    EXPECT_EQ(parameter(R"(<base64><size minLength="4"/></base64>)"),
+              R"({"type":"base64","default":"AAAAAA==","minLength":4})");
+    EXPECT_EQ(parameter(R"(<list minItems="2"/><unsignedInt><range minInclusive="7"/></unsignedInt>)"),
+              R"({"type":"string","default":"7,7","minCount":2,"regex":"^[0-9]+(?: *, *[0-9]+)*$"})");
+}
+
+TEST(Import, PatternsMeanOneOfThemAndAreAnchored)
+{
+    EXPECT_EQ(parameter(R"(<string><pattern value="[A-Z]{2}"/></string>)"),
+              R"({"type":"string","default":"","regex":"^[A-Z]{2}$"})");
+    EXPECT_EQ(parameter(R"(<string><pattern value=""/><pattern value="a|b"/></string>)"),
+              R"({"type":"string","default":"","regex":"^(?:|a|b)$"})");
+    EXPECT_EQ(parameter(R"(<string><pattern value="a|b"/></string>)"),
+              R"({"type":"string","default":"","regex":"^(?:a|b)$"})");
+}
+
+TEST(Import, APatternThatCannotBeUnderstoodIsLeftOutAloud)
+{
+    imported result = import_text(with_syntax(R"(<string><pattern value="\i\c*"/></string>)"));
+    EXPECT_EQ(result.node("Device/X/P"), R"({"type":"string","default":""})");
+    EXPECT_EQ(result.warnings, "Device.X.P: the pattern \"\\i\\c*\" cannot be understood and is left out\n");
+}
+
+TEST(Import, RangesWithGapsBecomeTheirValuesOrTheirBounds)
+{
+    EXPECT_EQ(
+        parameter(
+            R"(<int><range minInclusive="4" maxInclusive="4"/><range minInclusive="6" maxInclusive="6"/><range minInclusive="-1" maxInclusive="-1"/></int>)"),
+        R"({"type":"int","default":-1,"enum":[-1,4,6]})");
+    EXPECT_EQ(
+        parameter(
+            R"(<int><range minInclusive="0" maxInclusive="15"/><range minInclusive="16" maxInclusive="31"/></int>)"),
+        R"({"type":"int","default":0,"minInclusive":0,"maxInclusive":31})");
+    EXPECT_EQ(
+        parameter(
+            R"(<unsignedInt><range minInclusive="0" maxInclusive="0"/><range minInclusive="512"/></unsignedInt>)"),
+        R"({"type":"unsignedInt","default":0})");
+    EXPECT_EQ(parameter(R"(<string><size minLength="0" maxLength="0"/><size minLength="5" maxLength="7"/></string>)"),
+              R"({"type":"string","default":"","minLength":0,"maxLength":7,"regex":"^(?:|[\\s\\S]{5,7})$"})");
+}
+
+TEST(Import, ListsAreTextsWhoseItemsAreChecked)
+{
+    EXPECT_EQ(
+        parameter(
+            R"(<list maxItems="4"><size maxLength="99"/></list><string><enumeration value="A+"/><enumeration value="B"/></string>)"),
+        R"({"type":"string","default":"","maxCount":4,"maxLength":99,"regex":"^(?:|(?:A\\+|B)(?: *, *(?:A\\+|B))*)$"})");
+    EXPECT_EQ(parameter(R"(<list/><string><pathRef refType="strong"/></string>)"), R"({"type":"string","default":""})");
+    EXPECT_EQ(
+        parameter(
+            R"(<list nestedBrackets="required" minItems="2"/><dataType ref="Pair"/><default type="object" value="[[1,2],[3,4]]"/>)",
+            R"(<dataType name="Pair"><list minItems="2" maxItems="2"/><unsignedInt/></dataType>)"),
+        R"({"type":"string","default":"[1,2],[3,4]"})");
+}
+
+TEST(Import, DataTypesAreFollowedAndRestricted)
+{
+    const std::string types = R"(
+      <dataType name="Base"><string><size maxLength="45"/><pattern value="[0-9.]*"/></string></dataType>
+      <dataType name="Middle" base="Base"><size maxLength="15"/></dataType>
+      <dataType name="Leaf" base="Middle"><description>Text</description><pattern value=""/><pattern value="1.*"/></dataType>
+      <dataType name="Alias" base="Leaf"/>
+      <dataType name="Count"><unsignedInt><range maxInclusive="100"/></unsignedInt></dataType>)";
+    EXPECT_EQ(parameter(R"(<dataType ref="Middle"/>)", types),
+              R"({"type":"string","default":"","maxLength":15,"regex":"^[0-9.]*$"})");
+    EXPECT_EQ(parameter(R"(<dataType ref="Alias"/>)", types),
+              R"({"type":"string","default":"","maxLength":15,"regex":"^(?=[0-9.]*$)(?:|1.*)$"})");
+    EXPECT_EQ(parameter(R"(<dataType base="Count"><range minInclusive="10" maxInclusive="1000"/></dataType>)", types),
+              R"({"type":"unsignedInt","default":10,"minInclusive":10,"maxInclusive":100})");
+}
+
+TEST(Import, CommandsBecomeMethodsWithTheirArguments)
+{
+    imported result = import_text(document("", R"x(
+      <object name="Device.X.">
+        <command name="Run()" async="true">
+          <input>
+            <parameter name="Host" mandatory="true"><syntax><string><size maxLength="9"/></string></syntax></parameter>
+            <parameter name="Both"><syntax><int/><default type="parameter" value="3"/></syntax></parameter>
+            <object name="Options." minEntries="1" maxEntries="1"><parameter name="Fast"><syntax><boolean/></syntax></parameter></object>
+          </input>
+          <output>
+            <parameter name="Both"><syntax><string/></syntax></parameter>
+            <parameter name="Gone" status="deleted"><syntax><string/></syntax></parameter>
+            <parameter name="Status"><syntax><string><enumeration value="Complete"/></string></syntax></parameter>
+            <object name="Result.{i}." minEntries="0" maxEntries="unbounded"><parameter name="Time"><syntax><unsignedInt/></syntax></parameter></object>
+            <object name="Result.{i}.Hop.{i}." minEntries="0" maxEntries="unbounded"><parameter name="Address"><syntax><string/></syntax></parameter></object>
+            <object name="Options." minEntries="1" maxEntries="1">
+              <parameter name="Fast"><syntax><string/></syntax></parameter><parameter name="Used"><syntax><boolean/></syntax></parameter>
+            </object>
+          </output>
+        </command>
+        <command name="Nothing()"/>
+        <command name="Gone()" status="deleted"/>
+        <event name="Happened!"><parameter name="Why"><syntax><string/></syntax></parameter></event>
+      </object>)x"));
+    ASSERT_TRUE(result.model) << result.error;
+    EXPECT_EQ(result.node("Device/X/Run/input/Host"), R"({"type":"string","default":"","maxLength":9})");
+    EXPECT_EQ(result.node("Device/X/Run/input/Both"), R"({"type":"int","default":3})");
+    EXPECT_EQ(result.node("Device/X/Run/input/Options/Fast"), R"({"type":"boolean","default":false})");
+    EXPECT_EQ(result.node("Device/X/Run/output/Both"), "(none)");
+    EXPECT_EQ(result.node("Device/X/Run/output/Gone"), "(none)");
+    EXPECT_EQ(result.node("Device/X/Run/output/Status"),
+              R"({"type":"string","default":"Complete","enum":["Complete"]})");
+    EXPECT_EQ(result.node("Device/X/Run/output/Result/1/Time"), R"({"type":"unsignedInt","default":0})");
+    EXPECT_EQ(result.node("Device/X/Run/output/Result/1/Hop/1/Address"), R"({"type":"string","default":""})");
+    EXPECT_EQ(result.node("Device/X/Run/output/Options/Fast"), "(none)");
+    EXPECT_EQ(result.node("Device/X/Run/output/Options/Used"), R"({"type":"boolean","default":false})");
+    EXPECT_EQ(result.node("Device/X/Nothing"), R"({"type":"method","input":{},"output":{}})");
+    EXPECT_EQ(result.node("Device/X/Gone"), "(none)");
+    EXPECT_EQ(result.node("Device/X/Happened!"), "(none)");
+    EXPECT_EQ(result.counts.commands, 2U);
+    EXPECT_EQ(result.counts.inputs, 3U);
+    EXPECT_EQ(result.counts.outputs, 6U);
+}
+
+TEST(Import, CommandsThatTheDaemonKnowsAreConnected)
+{
+    imported result = import_text(document("", R"x(<object name="Device.IP."/><object name="Device.IP.Diagnostics.">
+        <command name="IPPing()"/><command name="TraceRoute()"/></object>)x"));
+    EXPECT_EQ(result.node("Device/IP/Diagnostics/IPPing"),
+              R"({"type":"method","input":{},"output":{},"method":"IPPing"})");
+    EXPECT_EQ(result.node("Device/IP/Diagnostics/TraceRoute"), R"({"type":"method","input":{},"output":{}})");
+}
+
+TEST(Import, WhatIsDeletedIsNotThere)
+{
+    imported result = import_text(document("", R"(
+      <object name="Device.X.">
+        <parameter name="Gone" status="deleted"><syntax><string/></syntax></parameter>
+        <parameter name="Old" status="obsoleted"><syntax><string><enumeration value="A" status="deleted"/><enumeration value="B"/></string></syntax></parameter>
+      </object>
+      <object name="Device.Y." status="deleted"><parameter name="P"><syntax><string/></syntax></parameter></object>
+      <object name="Device.Y.Z."><parameter name="P"><syntax><string/></syntax></parameter></object>)"));
+    EXPECT_EQ(result.node("Device/X/Gone"), "(none)");
+    EXPECT_EQ(result.node("Device/X/Old"), R"({"type":"string","default":"B","enum":["B"]})");
+    EXPECT_EQ(result.node("Device/Y"), "(none)");
+    EXPECT_EQ(result.warnings, "Device.Y.Z.: is left out, since there is no Device.Y.\n");
+    EXPECT_EQ(result.counts.parameters, 1U);
+}
+
+// --- what is wrong ---
+
+TEST(Import, WhatIsNoDataModelIsSaidSo)
+{
+    EXPECT_EQ(error_of("<html><body/></html>"), "line 1: not a Broadband Forum data model (its root is \"html\")");
+    EXPECT_EQ(error_of("<document><model/></document>"),
+              "line 1: not a Broadband Forum data model (its root is \"document\")");
+    EXPECT_EQ(error_of("\n{\"format\": 1}"), "line 2: not well-formed (invalid token)");
+    EXPECT_EQ(error_of(""), "line 1: no element found (the file ends too early)");
+    EXPECT_EQ(
+        error_of(
+            R"(<d:document xmlns:d="urn:broadband-forum-org:cwmp:datamodel-1-0"><dataType name="A"><string/></dataType></d:document>)"),
+        "not a Broadband Forum data model (it declares no objects)");
+    EXPECT_EQ(error_of(std::string("\x1f\x8b\x08\0\0\0", 6)), "line 1: not well-formed (invalid token)");
+}
+
+TEST(Import, ATruncatedDocumentIsAnErrorWhereverItEnds)
+{
+    std::string whole = document(
+        R"(<dataType name="A"><string/></dataType>)",
+        R"(<object name="Device.X."><parameter name="P"><syntax><dataType ref="A"/></syntax></parameter></object>)");
+    ASSERT_TRUE(import_text(whole).model);
+    size_t end = whole.rfind('>');
+    for (size_t length = 0; length <= end; length += 13) {
+        std::string error = error_of(whole.substr(0, length));
+        EXPECT_TRUE(error.starts_with("line ")) << error;
+    }
+    EXPECT_EQ(error_of(whole.substr(0, end)), "line 3: unclosed token (the file ends too early)");
+}
+
+TEST(Import, ACycleOfTypesIsNamed)
+{
+    EXPECT_EQ(
+        parameter(
+            R"(<dataType ref="A"/>)",
+            R"(<dataType name="A" base="B"/><dataType name="B"><dataType ref="C"/></dataType><dataType name="C" base="A"/>)"),
+        "line 3: Device.X.P: a data type is based on itself: A -> B -> C -> A");
+    EXPECT_EQ(parameter(R"(<dataType ref="A"/>)", R"(<dataType name="A" base="A"/>)"),
+              "line 3: Device.X.P: a data type is based on itself: A -> A");
+    EXPECT_EQ(parameter(R"(<dataType ref="X"/>)",
+                        R"(<dataType name="X" base="A"/><dataType name="A" base="B"/><dataType name="B" base="A"/>)"),
+              "line 3: Device.X.P: a data type is based on itself: A -> B -> A");
+}
+
+TEST(Import, TypesThatAreNotThereAreNamed)
+{
+    EXPECT_EQ(parameter(R"(<dataType ref="Nobody"/>)"), "line 3: Device.X.P: there is no data type \"Nobody\"");
+    EXPECT_EQ(parameter(R"(<dataType ref="Empty"/>)", R"(<dataType name="Empty"/>)"),
+              "line 3: Device.X.P: the data type \"Empty\" has no type");
+    EXPECT_EQ(parameter("<list/>"), "line 3: Device.X.P: no type");
+    EXPECT_EQ(parameter("<string/><int/>"), "line 3: a second type where one is expected");
+    EXPECT_EQ(parameter(R"(<string><size maxLength="long"/></string>)"), "line 3: maxLength \"long\" is no number");
+}
+
+TEST(Import, NamesThatCannotBeServedAreRefused)
+{
+    for (const char *name : {"", "a.b", "a b", "1a", "\xc3\xa9"}) {
+        std::string error = error_of(
+            with_object(R"(<parameter name=")" + std::string(name) + R"("><syntax><string/></syntax></parameter>)"));
+        EXPECT_NE(error, "") << name;
+    }
+    EXPECT_EQ(error_of(document("", R"(<object name="Device"/>)")), "line 3: \"Device\" is no path of an object");
+    EXPECT_EQ(error_of(document("", R"(<object name="Device.A."/><object name="Device.A."/>)")),
+              "line 3: Device.A. is declared twice");
+    EXPECT_EQ(
+        error_of(with_object(
+            R"(<parameter name="P"><syntax><string/></syntax></parameter><parameter name="P"><syntax><int/></syntax></parameter>)")),
+        "line 3: Device.X.P is declared twice");
+    EXPECT_EQ(error_of(with_object(R"x(<command name="P()"/><command name="P()"/>)x")),
+              "line 3: Device.X.P is declared twice");
+}
+
+TEST(Import, EntitiesThatMultiplyAreStopped)
+{
+    std::string xml = "<!DOCTYPE d [<!ENTITY a \"" + std::string(10000, 'x') + "\">";
+    for (char c = 'b'; c < 'j'; c++) {
+        xml += std::string("<!ENTITY ") + c + " \"";
+        for (int i = 0; i < 10; i++)
+            xml += std::string("&") + char(c - 1) + ";";
+        xml += "\">";
+    }
+    xml += R"(]><d:document xmlns:d="urn:broadband-forum-org:cwmp:datamodel-1-0"><model name="&i;"/></d:document>)";
+    EXPECT_TRUE(contains(error_of(xml), "amplification")) << error_of(xml);
+}
+
+TEST(Import, DeepNestingIsNoProblem)
+{
+    std::string deep;
+    for (int i = 0; i < 100000; i++)
+        deep += "<b>";
+    std::string up;
+    for (int i = 0; i < 100000; i++)
+        up += "</b>";
+    EXPECT_TRUE(import_text(with_object("<description>" + deep + up + "</description>")).model);
+    std::string path = "Device.";
+    std::string objects;
+    for (int i = 0; i < 3000; i++) {
+        path += "A.";
+        objects += "<object name=\"" + path + "\"/>";
+    }
+    EXPECT_TRUE(contains(error_of(document("", objects)), "nested too deep"));
+}
+
+// --- the program's side ---
+
+TEST(Import, AFailureWritesNothing)
+{
+    directory temporary;
+    std::string good = temporary.file("good.xml", with_syntax("<string/>"));
+    std::string bad = temporary.file("bad.xml", with_syntax("<dataType ref=\"Nobody\"/>"));
+    std::string output = temporary.file("out.json", "what was there");
+    testing::internal::CaptureStderr();
+    EXPECT_NE(import_run(bad.c_str(), output.c_str()), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "veld: " + bad + ": line 3: Device.X.P: there is no data type \"Nobody\"\n");
+    EXPECT_EQ(read_file(output), "what was there");
+    testing::internal::CaptureStdout();
+    EXPECT_NE(import_run(bad.c_str(), nullptr), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(import_run(good.c_str(), output.c_str()), 0);
+    EXPECT_EQ(
+        testing::internal::GetCapturedStderr(),
+        "veld: imported 2 objects (0 of them tables), 1 parameters, 0 commands with 0 input and 0 output arguments\n");
+    EXPECT_TRUE(read_file(output).starts_with("{\n \"format\": 1,\n")) << read_file(output);
+    size_t files = 0;
+    for (const auto &entry : std::filesystem::directory_iterator(temporary.path))
+        files += entry.exists() ? 1 : 0;
+    EXPECT_EQ(files, 3U) << "a temporary file is left";
+}
+
+TEST(Import, FilesThatCannotBeReadOrWrittenAreNamed)
+{
+    directory temporary;
+    std::string good = temporary.file("good.xml", with_syntax("<string/>"));
+    auto said = [&](const std::string &from, const std::string &to) {
+        testing::internal::CaptureStderr();
+        EXPECT_NE(import_run(from.c_str(), to.c_str()), 0);
+        return testing::internal::GetCapturedStderr();
+    };
+    EXPECT_EQ(said(temporary.path + "/none.xml", "/dev/null"),
+              "veld: " + temporary.path + "/none.xml: No such file or directory\n");
+    EXPECT_EQ(said(temporary.path, "/dev/null"), "veld: " + temporary.path + ": Is a directory\n");
+    EXPECT_EQ(said(good, temporary.path + "/no/out.json"),
+              "veld: " + temporary.path + "/no/out.json: No such file or directory\n");
+    EXPECT_EQ(said(good, "/dev/full"), "veld: /dev/full: No space left on device\n");
+}
+
+TEST(Import, TheStandardsOwnModelComesOutWhole)
+{
+    const char *given = getenv("TR181_XML");
+    std::string file = given != nullptr ? given : "";
+    for (const char *place : {"/../shared/data", "/../../shared/data"})
+        if (std::string gz = std::string(KEST_SOURCE_DIR) + place + "/tr-181-2-19-1-usp-full.xml.gz";
+            file.empty() && access(gz.c_str(), R_OK) == 0)
+            file = gz;
+    if (file.empty())
+        GTEST_SKIP() << "the data model is not here (set TR181_XML)";
+    directory temporary;
+    if (file.ends_with(".gz")) {
+        std::string plain = temporary.path + "/tr-181.xml";
+        ASSERT_EQ(system(("gzip -dc '" + file + "' > '" + plain + "'").c_str()), 0);
+        file = plain;
+    }
+    imported result;
+    result.model = import_model(file.c_str(), &result.counts, &result.warnings, &result.error);
+    ASSERT_TRUE(result.model) << result.error;
+    EXPECT_EQ(result.warnings, "");
+    EXPECT_EQ(result.counts.objects, 809U);
+    EXPECT_EQ(result.counts.tables, 417U);
+    EXPECT_EQ(result.counts.parameters, 6581U);
+    EXPECT_EQ(result.counts.commands, 178U);
+    EXPECT_EQ(result.counts.inputs, 425U);
+    EXPECT_EQ(result.counts.outputs, 505U);
+    EXPECT_EQ(
+        result.node("Device/IP/Interface/{i}/IPv4Address/{i}/IPAddress"),
+        R"({"type":"string","default":"","maxLength":15,)"
+        R"("regex":"^(?:|((25[0-5]|2[0-4][0-9]|[01]?[0-9]?[0-9])\\.){3}(25[0-5]|2[0-4][0-9]|[01]?[0-9]?[0-9]))$","access":"readWrite"})");
+    EXPECT_EQ(result.node("Device/Firewall/Chain/{i}/Rule/{i}/IPVersion"),
+              R"({"type":"int","default":-1,"enum":[-1,4,6],"access":"readWrite"})");
+}
+
+// --- patterns ---
+
+TEST(ImportPattern, WhatMeansSomethingElseIsTranslated)
+{
+    EXPECT_EQ(translate_pattern("a^b$c"), "a\\^b\\$c");
+    EXPECT_EQ(translate_pattern("[^a$]"), "[^a$]");
+    EXPECT_EQ(translate_pattern("\\d{4}|[\\d.-]+"), "\\d{4}|[\\d.-]+");
+    EXPECT_EQ(translate_pattern("\\p{L}+"), "\\p{L}+");
+    for (const char *unknown :
+         {"\\i", "[\\c]", "\\p{IsBasicLatin}", "[a-z-[aeiou]]", "(?=a)", "(*ACCEPT)", "\\", "\\Qa", "[a"})
+        EXPECT_EQ(translate_pattern(unknown), std::nullopt) << unknown;
+}

@@ -1,0 +1,499 @@
+#include "veld/import/types.h"
+
+#include "veld/model/pattern.h"
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+#include <string_view>
+
+namespace veld
+{
+
+namespace
+{
+
+constexpr size_t longest_chain = 64;
+constexpr int64_t most_enumerated = 64; // values of a range with gaps that are listed one by one
+
+int64_t low_of(const interval &of)
+{
+    return of.low.value_or(std::numeric_limits<int64_t>::min());
+}
+int64_t high_of(const interval &of)
+{
+    return of.high.value_or(std::numeric_limits<int64_t>::max());
+}
+
+// Ascending, with what touches or overlaps made one.
+std::vector<interval> tidy(std::vector<interval> list)
+{
+    list.erase(
+        std::remove_if(list.begin(), list.end(), [](const interval &each) { return low_of(each) > high_of(each); }),
+        list.end());
+    std::sort(list.begin(), list.end(), [](const interval &a, const interval &b) { return low_of(a) < low_of(b); });
+    std::vector<interval> out;
+    for (const interval &each : list) {
+        if (out.empty() ||
+            (high_of(out.back()) != std::numeric_limits<int64_t>::max() && low_of(each) > high_of(out.back()) + 1))
+            out.push_back(each);
+        else if (high_of(each) > high_of(out.back()))
+            out.back().high = each.high;
+    }
+    if (out.size() == 1 && !out[0].low && !out[0].high)
+        out.clear();
+    return out;
+}
+
+// What lies in one of each: the bounds of a type and of the type that it is based on.
+std::vector<interval> intersect(const std::vector<interval> &base, const std::vector<interval> &own)
+{
+    if (base.empty() || own.empty())
+        return base.empty() ? own : base;
+    std::vector<interval> out;
+    for (const interval &a : base)
+        for (const interval &b : own) {
+            interval both = {low_of(a) > low_of(b) ? a.low : b.low, high_of(a) < high_of(b) ? a.high : b.high};
+            if (low_of(both) <= high_of(both))
+                out.push_back(both);
+        }
+    return out.empty() ? own : tidy(out);
+}
+
+void restrict(resolved_type *into, const type_use &own)
+{
+    std::vector<interval> ranges = tidy(own.ranges);
+    std::vector<interval> sizes = tidy(own.sizes);
+    into->ranges = intersect(into->ranges, ranges);
+    if (into->list)
+        into->item_sizes = intersect(into->item_sizes, sizes);
+    else
+        into->sizes = intersect(into->sizes, sizes);
+    if (!own.enumeration.empty())
+        into->enumeration = own.enumeration;
+    if (!own.patterns.empty())
+        into->patterns.push_back(own.patterns);
+    if (own.path && into->name == "string")
+        into->name = "path";
+}
+
+void make_list(resolved_type *into, const syntax &form)
+{
+    if (into->list) { // a list of lists, each of which is written in brackets
+        into->nested = true;
+        into->min_items = into->max_items = std::nullopt;
+        into->item_sizes = std::move(into->sizes);
+        into->sizes.clear();
+    } else {
+        into->item_sizes = std::move(into->sizes);
+        into->sizes.clear();
+        into->list = true;
+    }
+    into->sizes = intersect(into->sizes, tidy(form.list_sizes));
+    if (!into->nested) {
+        into->min_items = form.min_items;
+        into->max_items = form.max_items;
+    }
+}
+
+// --- patterns ---
+
+std::string escaped(std::string_view text)
+{
+    std::string out;
+    for (char c : text) {
+        if (std::string_view("\\^$.|?*+()[]{}").find(c) != std::string_view::npos)
+            out += '\\';
+        out += c;
+    }
+    return out;
+}
+
+std::string alternatives(const std::vector<std::string> &list)
+{
+    if (list.size() == 1 && list[0].find('|') == std::string::npos)
+        return list[0];
+    std::string out = "(?:";
+    for (const std::string &each : list)
+        out += (out.size() > 3 ? "|" : "") + each;
+    if (list.size() > 1 && list[0].empty()) { // the first one is the empty text
+        out = "(?:";
+        for (size_t i = 1; i < list.size(); i++)
+            out += "|" + list[i];
+    }
+    return out + ")";
+}
+
+// All patterns that hold for one value, as one expression without anchors; empty when none does.
+std::string value_expression(const resolved_type &type, const std::string &what, std::string *warnings)
+{
+    std::vector<std::string> parts;
+    for (const std::vector<std::string> &step : type.patterns) {
+        std::vector<std::string> translated;
+        for (const std::string &each : step) {
+            std::optional<std::string> one = translate_pattern(each);
+            std::string why;
+            if (!one || !pattern::compile(*one, &why)) {
+                *warnings += what + ": the pattern \"" + each + "\" cannot be understood and is left out\n";
+                translated.clear();
+                break;
+            }
+            translated.push_back(*one);
+        }
+        if (!translated.empty())
+            parts.push_back(alternatives(translated));
+    }
+    std::string out;
+    for (size_t i = 0; i < parts.size(); i++)
+        out += i + 1 < parts.size() ? "(?=" + parts[i] + (type.list ? " *(?:,|$))" : "$)") : parts[i];
+    return out;
+}
+
+// Sizes with gaps between them, for which two limits say too little.
+std::string size_expression(const resolved_type &type, const std::vector<interval> &sizes)
+{
+    if (sizes.size() < 2 || type.name == "base64")
+        return "";
+    bool hex = type.name == "hexBinary";
+    std::vector<std::string> list;
+    for (const interval &each : sizes) {
+        int64_t low = std::max<int64_t>(low_of(each), 0) * (hex ? 2 : 1);
+        int64_t high = each.high ? *each.high * (hex ? 2 : 1) : 0;
+        if (low > 65535 || high > 65535) // more than an expression can count
+            return "";
+        list.push_back(each.high == 0 ? ""
+                                      : std::string(hex ? "[0-9A-Fa-f]" : "[\\s\\S]") + "{" + std::to_string(low) +
+                                            (!each.high    ? ",}"
+                                             : low == high ? "}"
+                                                           : "," + std::to_string(high) + "}"));
+    }
+    return alternatives(list);
+}
+
+// What one item of a list looks like.
+std::string item_expression(const resolved_type &type, const std::string &what, std::string *warnings)
+{
+    if (!type.enumeration.empty()) {
+        std::vector<std::string> list;
+        for (const std::string &each : type.enumeration)
+            list.push_back(escaped(each));
+        return alternatives(list);
+    }
+    if (std::string out = value_expression(type, what, warnings); !out.empty())
+        return out;
+    if (type.name == "boolean" || type.name == "switch")
+        return "(?:true|false|0|1)";
+    if (type.name == "int" || type.name == "long")
+        return type.ranges.empty() || low_of(type.ranges[0]) < 0 ? "-?[0-9]+" : "[0-9]+";
+    if (type.name == "unsignedInt" || type.name == "unsignedLong")
+        return "[0-9]+";
+    if (type.name == "decimal")
+        return "-?[0-9]+(?:\\.[0-9]+)?";
+    if (type.name == "hexBinary" || type.item_sizes.empty())
+        return type.name == "hexBinary" ? "(?:[0-9A-Fa-f]{2})*" : "";
+    int64_t low = std::max<int64_t>(low_of(type.item_sizes[0]), 0);
+    std::optional<int64_t> high = type.item_sizes.back().high;
+    if (low > 65535 || high > 65535 || (low == 0 && !high))
+        return "";
+    return "[^,]{" + std::to_string(low) + "," + (high ? std::to_string(*high) : "") + "}";
+}
+
+std::string expression_of(const resolved_type &type, const std::string &what, std::string *warnings)
+{
+    if (!type.list) {
+        std::string out = value_expression(type, what, warnings);
+        return out.empty() ? size_expression(type, type.sizes) : out;
+    }
+    std::string item = type.nested ? "" : item_expression(type, what, warnings);
+    if (item.empty())
+        return "";
+    std::string list = item + "(?: *, *" + item + ")*";
+    return type.min_items.value_or(0) > 0 ? list : "(?:|" + list + ")";
+}
+
+bool fits(const std::string &expression, const std::string &text)
+{
+    std::string why;
+    std::unique_ptr<pattern> compiled = expression.empty() ? nullptr : pattern::compile(expression, &why);
+    return !compiled || compiled->matches(text);
+}
+
+// --- defaults ---
+
+bool is_integer(const std::string &type)
+{
+    return type == "int" || type == "unsignedInt" || type == "long" || type == "unsignedLong";
+}
+
+interval span_of(const std::string &type)
+{
+    if (type == "int")
+        return {INT32_MIN, INT32_MAX};
+    if (type == "unsignedInt")
+        return {0, UINT32_MAX};
+    if (type == "unsignedLong")
+        return {0, std::nullopt};
+    return {};
+}
+
+bool within(const std::vector<interval> &list, int64_t number)
+{
+    return list.empty() || std::any_of(list.begin(), list.end(), [&](const interval &each) {
+               return low_of(each) <= number && number <= high_of(each);
+           });
+}
+
+template <class number_type> std::optional<number_type> number_of(std::string_view text)
+{
+    number_type number{};
+    if (text.starts_with('+'))
+        text.remove_prefix(1);
+    auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (problem != std::errc{} || end != text.data() + text.size())
+        return std::nullopt;
+    return number;
+}
+
+// The declared default as a value of the type; null when it is none.
+json_t *declared_default(const std::string &type, const std::string &text)
+{
+    if (type == "boolean" || type == "switch") {
+        bool truth = text == "true" || text == "1";
+        return truth || text == "false" || text == "0" ? json_boolean(truth) : nullptr;
+    }
+    if (is_integer(type)) {
+        std::optional<int64_t> number = number_of<int64_t>(text);
+        return number && within({span_of(type)}, *number) ? json_integer(*number) : nullptr;
+    }
+    if (type == "decimal") {
+        std::optional<double> number = number_of<double>(text);
+        return number ? json_real(*number) : nullptr;
+    }
+    return json_string(text.c_str());
+}
+
+json_t *made_integer(const resolved_type &type)
+{
+    if (!type.enumeration.empty())
+        if (json_t *first = declared_default(type.name, type.enumeration[0]))
+            return first;
+    if (within(type.ranges, 0))
+        return json_integer(0);
+    // The end of a range that is nearest to nothing at all.
+    const interval &first = type.ranges[0];
+    return json_integer(first.low ? *first.low : *first.high);
+}
+
+// A text of one item, or of a value that is no list.
+std::string made_text(const resolved_type &type, const std::vector<interval> &sizes)
+{
+    if (!type.enumeration.empty())
+        return type.enumeration[0];
+    if (type.name == "dateTime")
+        return "0001-01-01T00:00:00Z";
+    int64_t least = sizes.empty() ? 0 : std::clamp<int64_t>(low_of(sizes[0]), 0, 4096);
+    if (type.name == "hexBinary")
+        return std::string(size_t(least) * 2, '0');
+    if (type.name == "base64") {
+        static constexpr std::string_view rest[] = {"", "AA==", "AAA="};
+        return std::string(size_t(least) / 3 * 4, 'A') + std::string(rest[least % 3]);
+    }
+    return type.name == "path" ? "" : std::string(size_t(least), '0');
+}
+
+std::string made_list(const resolved_type &type)
+{
+    std::string item = made_text(type, type.item_sizes);
+    if (is_integer(type.name)) {
+        json_ref number(made_integer(type));
+        item = std::to_string(json_integer_value(number.get()));
+    } else if (type.name == "boolean" || type.name == "switch") {
+        item = "false";
+    } else if (type.name == "decimal") {
+        item = "0";
+    }
+    std::string list;
+    for (int64_t i = 0; i < std::clamp<int64_t>(type.min_items.value_or(0), 0, 4096); i++)
+        list += (i > 0 ? "," : "") + item;
+    return list;
+}
+
+json_t *made_default(const resolved_type &type, const std::string &expression)
+{
+    if (!type.list && (type.name == "boolean" || type.name == "switch"))
+        return json_false();
+    if (!type.list && is_integer(type.name))
+        return made_integer(type);
+    if (!type.list && type.name == "decimal")
+        return json_real(
+            within(type.ranges, 0) ? 0 : double(type.ranges[0].low ? *type.ranges[0].low : *type.ranges[0].high));
+    // No text is made up to fit a pattern.
+    std::string text = type.list ? made_list(type) : made_text(type, type.sizes);
+    return json_string(type.patterns.empty() || fits(expression, text) ? text.c_str() : "");
+}
+
+// Lists are written "[A,B]".
+std::string without_brackets(const std::string &text)
+{
+    return text.size() >= 2 && text.front() == '[' && text.back() == ']' ? text.substr(1, text.size() - 2) : text;
+}
+
+// --- constraints ---
+
+void set_bounds(json_t *node, const char *low_key, const char *high_key, const std::vector<interval> &list)
+{
+    if (list.empty())
+        return;
+    if (list.front().low)
+        json_object_set_new(node, low_key, json_integer(*list.front().low));
+    if (list.back().high)
+        json_object_set_new(node, high_key, json_integer(*list.back().high));
+}
+
+// A range with gaps as its values one by one; null when they are too many.
+json_t *enumerated(const std::vector<interval> &ranges)
+{
+    int64_t count = 0;
+    for (const interval &each : ranges) {
+        if (!each.low || !each.high || *each.high - *each.low >= most_enumerated)
+            return nullptr;
+        count += *each.high - *each.low + 1;
+    }
+    if (count > most_enumerated)
+        return nullptr;
+    json_t *list = json_array();
+    for (const interval &each : ranges)
+        for (int64_t number = *each.low; number <= *each.high; number++)
+            json_array_append_new(list, json_integer(number));
+    return list;
+}
+
+void set_enumeration(json_t *node, const resolved_type &type)
+{
+    json_ref list(json_array());
+    for (const std::string &each : type.enumeration)
+        json_array_append_new(list.get(), declared_default(type.name, each));
+    json_object_set_new(node, "enum", list.release());
+}
+
+} // namespace
+
+std::optional<std::string> translate_pattern(std::string_view from)
+{
+    std::string out;
+    bool in_class = false;
+    for (size_t i = 0; i < from.size(); i++) {
+        char c = from[i];
+        char next = i + 1 < from.size() ? from[i + 1] : '\0';
+        if (c == '\\') {
+            i++;
+            // Names of XML, and blocks of characters, exist there only.
+            if (std::string_view("nrt\\|.?*+(){}-[]^$sSdDwWpP").find(next) == std::string_view::npos || next == '\0' ||
+                ((next == 'p' || next == 'P') && from.substr(i + 1).starts_with("{Is")))
+                return std::nullopt;
+            (out += '\\') += next;
+        } else if (in_class) {
+            if (c == '[') // takes one class away from another
+                return std::nullopt;
+            in_class = c != ']';
+            out += c;
+        } else if (c == '^' || c == '$') { // stand for themselves
+            (out += '\\') += c;
+        } else if (c == '(' && (next == '?' || next == '*')) {
+            return std::nullopt;
+        } else {
+            in_class = c == '[';
+            out += c;
+            if (in_class && next == '^') {
+                out += '^';
+                i++;
+            }
+        }
+    }
+    return in_class ? std::nullopt : std::optional(out);
+}
+
+bool resolve_type(const data_model &model, const syntax &form, resolved_type *into, std::string *error)
+{
+    // From the form down to what everything is based on, then back up, each step restricting what stands below it.
+    std::vector<const syntax *> chain{&form};
+    std::vector<std::string> names;
+    while (true) {
+        const syntax &last = *chain.back();
+        if (!last.type) {
+            *error = names.empty() ? "no type" : "the data type \"" + names.back() + "\" has no type";
+            return false;
+        }
+        if (last.type->name != "dataType")
+            break;
+        const std::string &name = last.type->own_type;
+        bool seen = std::find(names.begin(), names.end(), name) != names.end();
+        names.push_back(name);
+        if (seen || names.size() > longest_chain) {
+            *error = "a data type is based on itself:";
+            for (auto at = std::find(names.begin(), names.end(), name); at != names.end(); ++at)
+                *error += (*error).back() == ':' ? " " + *at : " -> " + *at;
+            return false;
+        }
+        auto found = model.types.find(name);
+        if (found == model.types.end()) {
+            *error = "there is no data type \"" + name + "\"";
+            return false;
+        }
+        chain.push_back(&found->second.body);
+    }
+    *into = {};
+    into->name = chain.back()->type->name;
+    for (auto step = chain.rbegin(); step != chain.rend(); ++step) {
+        restrict(into, *(*step)->type);
+        if ((*step)->list)
+            make_list(into, **step);
+    }
+    // What the type's own width says anyway is no constraint.
+    if (is_integer(into->name) && !into->ranges.empty()) {
+        into->ranges = intersect({span_of(into->name)}, into->ranges);
+        interval &first = into->ranges.front();
+        interval &last = into->ranges.back();
+        if (into->name != "long" && first.low == span_of(into->name).low)
+            first.low = std::nullopt;
+        if (span_of(into->name).high && last.high == span_of(into->name).high)
+            last.high = std::nullopt;
+        into->ranges = tidy(into->ranges);
+    }
+    return true;
+}
+
+void describe_type(json_t *node, const resolved_type &type, const syntax &form, const std::string &what,
+                   std::string *warnings)
+{
+    std::string name = type.list ? "string" : form.triggers && type.name == "boolean" ? "switch" : type.name;
+    std::string expression = expression_of(type, what, warnings);
+    json_object_set_new(node, "type", json_string(name.c_str()));
+
+    json_t *initial = nullptr;
+    if (form.initial)
+        initial =
+            type.list ? json_string(without_brackets(*form.initial).c_str()) : declared_default(name, *form.initial);
+    json_object_set_new(node, "default", initial != nullptr ? initial : made_default(type, expression));
+
+    json_t *values = nullptr;
+    if (type.list) {
+        if (type.min_items)
+            json_object_set_new(node, "minCount", json_integer(*type.min_items));
+        if (type.max_items)
+            json_object_set_new(node, "maxCount", json_integer(*type.max_items));
+    } else if (!type.enumeration.empty()) {
+        set_enumeration(node, type);
+    } else if (type.ranges.size() > 1 && (values = enumerated(type.ranges)) != nullptr) {
+        json_object_set_new(node, "enum", values);
+    } else {
+        set_bounds(node, "minInclusive", "maxInclusive", type.ranges);
+    }
+    set_bounds(node, "minLength", "maxLength", type.sizes);
+    if (!expression.empty())
+        json_object_set_new(node, "regex", json_string(("^" + expression + "$").c_str()));
+    if (form.secured && json_is_string(json_object_get(node, "default")))
+        json_object_set_new(node, "secret", json_true());
+}
+
+} // namespace veld
