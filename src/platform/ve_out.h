@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 /// printf into the buffer.
 void ve_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -24,6 +25,13 @@ void ve_out_reopened();
 
 /// True when the last byte written to the output was not a line feed, so that the cursor stands behind some text.
 bool ve_out_mid_line();
+
+/// The text of the unfinished row: what was written since the last line feed, of which the end is kept. Any thread.
+std::string ve_out_unfinished_row();
+/// For who draws on the terminal himself. ve_out_draw writes like ve_out_direct, but the unfinished row stays what it
+/// was; ve_out_row_ended says that the cursor stands at the beginning of a row. Any thread.
+void ve_out_draw(const char *data, size_t size);
+void ve_out_row_ended();
 
 /// Any thread: writes `data` to descriptor 1 at once and whole, between two flushed pieces of the buffered output.
 void ve_out_direct(const char *data, size_t size);

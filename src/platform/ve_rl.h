@@ -15,8 +15,11 @@ enum ve_rl_control : unsigned {
 };
 
 /// Reads one line without its line feed; the caller frees it. Null at the end of input, after Ctrl-D on an empty line
-/// and after ve_rl_stop. `timeout_ms` -1 waits without limit; otherwise null after that time without a line. What was
-/// printed so far is flushed first. With input that is no terminal: plain lines, no prompt, no echo.
+/// and after ve_rl_stop. `timeout_ms` -1 waits without limit; otherwise null after that time without a line (what was
+/// typed so far begins the next one). What was printed so far is flushed first. With input or output that is no
+/// terminal: plain lines, no prompt, no echo; a NUL in one becomes \xc0\x80, which is not UTF-8.
+/// Ctrl-C at the prompt drops the line and begins it anew; while SIGINT has a handler, the terminal is brought back and
+/// the signal raised. The handler may jump away. A wait point.
 char *ve_rl(const char *prompt, int timeout_ms);
 /// True when the last ve_rl ended by Ctrl-D or the end of input.
 bool ve_rl_ctrld_is_pressed();
@@ -31,6 +34,9 @@ void ve_rl_set_hint_cb(ve_rl_hint_cb callback);
 /// Called inside a completion callback: byte offset in the line of the typed part that a candidate replaces. Without
 /// it, the part begins after the last blank before the cursor.
 void ve_rl_set_completion_start(size_t offset);
+/// Called inside a completion callback: the candidates go into the line as they are. Without it they are quoted and
+/// escaped so that the word splitter reads back each of them as it is.
+void ve_rl_set_completion_verbatim();
 /// The offset set by the completion callback that ran last, for a hint callback that calls it.
 size_t ve_rl_completion_start();
 

@@ -24,8 +24,45 @@ size_t written = 0;                // bytes of the buffer that are out already
 std::atomic<bool> mid_line{false}; // the last byte written was no line feed
 bool gone = false;                 // the reader went away
 int terminal = -1;                 // isatty(1), or -1 when not yet asked
+constexpr size_t unfinished_size = 4096;
+std::string unfinished; // the end of what was written since the last line feed; behind write_lock
 // Keeps a piece of the buffer and a direct text apart. Never held across a wait point.
 std::mutex write_lock;
+
+/// Notes that `data` was written. With write_lock held.
+void note_written(const char *data, size_t size)
+{
+    mid_line = data[size - 1] != '\n';
+    const void *feed = memrchr(data, '\n', size);
+    if (feed != nullptr) {
+        const char *rest = static_cast<const char *>(feed) + 1;
+        unfinished.assign(rest, static_cast<size_t>(data + size - rest));
+    } else {
+        unfinished.append(data, size);
+    }
+    if (unfinished.size() > 2 * unfinished_size)
+        unfinished.erase(0, unfinished.size() - unfinished_size);
+}
+
+/// Writes `data` to the output whole. With write_lock held. False when the output is gone.
+bool write_whole(const char *data, size_t size)
+{
+    while (size > 0) {
+        const ssize_t count = write(STDOUT_FILENO, data, size);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0 && errno == EAGAIN) {
+            pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+            poll(&out, 1, 1000);
+            continue;
+        }
+        if (count < 0)
+            return false;
+        data += count;
+        size -= static_cast<size_t>(count);
+    }
+    return true;
+}
 
 /// One write of a piece that ends with a line where it can, so that another thread's text falls between lines.
 ssize_t write_piece()
@@ -39,7 +76,7 @@ ssize_t write_piece()
     const std::scoped_lock lock(write_lock);
     const ssize_t count = write(STDOUT_FILENO, start, size);
     if (count > 0)
-        mid_line = start[count - 1] != '\n';
+        note_written(start, static_cast<size_t>(count));
     return count;
 }
 
@@ -119,7 +156,9 @@ void ve_out_land()
         // A terminal that was stopped stays stopped: the line is then given up.
         if (feed != std::string::npos && poll(&out, 1, 20) > 0) {
             const std::scoped_lock lock(write_lock);
-            mid_line = write(STDOUT_FILENO, buffer.data() + written, feed + 1 - written) < 0;
+            const ssize_t count = write(STDOUT_FILENO, buffer.data() + written, feed + 1 - written);
+            if (count > 0)
+                note_written(buffer.data() + written, static_cast<size_t>(count));
         }
     }
     drop();
@@ -146,22 +185,27 @@ bool ve_out_mid_line()
 void ve_out_direct(const char *data, size_t size)
 {
     const std::scoped_lock lock(write_lock);
-    while (size > 0) {
-        const ssize_t count = write(STDOUT_FILENO, data, size);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0 && errno == EAGAIN) {
-            pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-            poll(&out, 1, 1000);
-            continue;
-        }
-        if (count < 0)
-            return;
-        if (count > 0)
-            mid_line = data[count - 1] != '\n';
-        data += count;
-        size -= static_cast<size_t>(count);
-    }
+    if (size > 0 && write_whole(data, size))
+        note_written(data, size);
+}
+
+std::string ve_out_unfinished_row()
+{
+    const std::scoped_lock lock(write_lock);
+    return unfinished;
+}
+
+void ve_out_draw(const char *data, size_t size)
+{
+    const std::scoped_lock lock(write_lock);
+    write_whole(data, size);
+}
+
+void ve_out_row_ended()
+{
+    const std::scoped_lock lock(write_lock);
+    mid_line = false;
+    unfinished.clear();
 }
 
 namespace

@@ -134,3 +134,8 @@ void ve_wait_discard_sigint()
     while (sigtimedwait(&only, nullptr, &none) == SIGINT)
         ;
 }
+
+void ve_wait_set_companion(ve_wait_companion *guest)
+{
+    companion = guest;
+}

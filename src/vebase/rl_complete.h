@@ -1,0 +1,27 @@
+// What a completion puts into the line: pure functions of the line and the candidates.
+//
+// A candidate goes into the line so that the word splitter reads back exactly the candidate. Inside quotes that the
+// user opened it stays inside them, and they stay open. Outside, one with blanks is put between double quotes, one
+// without has its quotes, backslashes and "#" escaped. Nothing is added behind it.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// The quote that is open at byte `offset` of `line`, 0 for none.
+char rl_open_quote(std::string_view line, size_t offset);
+
+/// Replaces line[start, cursor).
+struct rl_replacement {
+    bool changes = false;
+    std::string text;
+};
+
+/// How `candidates` change the line: one is inserted, several insert what they have in common when that is more than
+/// what was typed. `verbatim`: without quoting.
+rl_replacement rl_merge(std::string_view line, size_t start, size_t cursor,
+                        const std::vector<std::string_view> &candidates, bool verbatim);
+
+/// The longest beginning that all of them share, in whole characters.
+std::string_view rl_common_beginning(const std::vector<std::string_view> &candidates);

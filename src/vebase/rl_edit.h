@@ -1,0 +1,39 @@
+// The editor on a terminal: one read after the other, each with its keys, its line, its end. Main thread only.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/ve_rl.h"
+
+/// How a read ended.
+enum class rl_outcome {
+    none,
+    line,      ///< Enter
+    end,       ///< Ctrl-D on an empty line, the end of input, a terminal that is gone
+    interrupt, ///< Ctrl-C while SIGINT has a handler, which is to be raised
+    stop,      ///< ve_rl_stop
+    timeout,
+    signal ///< a fatal signal, to be raised
+};
+
+/// What the callers of the editor have set.
+struct rl_settings {
+    ve_rl_autocomplete_cb autocomplete = nullptr;
+    ve_rl_hint_cb hint = nullptr;
+    std::string prompt_color;
+    std::string hint_color;
+    std::string autocomplete_color;
+    size_t completion_start = 0;
+    bool completion_start_set = false;
+    bool completion_verbatim = false;
+};
+extern rl_settings rl_set;
+
+/// True when descriptors 0 and 1 are terminals on which the editor works.
+bool rl_edit_possible();
+
+/// Reads one line into `line`, with the terminal prepared and brought back around it. `deadline` is one of
+/// ve_wait_deadline. `signal` receives the signal of rl_outcome::signal, or one that came at the very end, else 0.
+/// Ctrl-C with the default disposition of SIGINT begins the line anew.
+rl_outcome rl_edit_line(const char *prompt, int64_t deadline, std::string &line, int *signal);
