@@ -2,6 +2,7 @@
 
 import pytest
 
+VALUE = {"ParameterList": [{"Name": "Device.A", "Value": 1}]}
 USAGE = """Veltro Management System client.
 Usage: kest [options]
 
@@ -46,12 +47,26 @@ def test_wrong_options_show_the_usage(kest, words):
     assert run.err.endswith(USAGE)
 
 
+def both(new, old):
+    return f"Cannot execute '{new}' and '{old}' modes simultaneously.\n"
+
+
 @pytest.mark.parametrize("words, message", [
-    (["-l", "-l"], "Cannot execute 'listen' and 'listen' modes simultaneously.\n"),
-    (["-s", "a", "-S", "b"], "Cannot execute 'script' and 'script' modes simultaneously.\n"),
-    (["-S", "a", "-r", "x"], "Cannot execute 'request' and 'script-lua' modes simultaneously.\n"),
-    (["--raw", "{}", "-e", "1"], "Cannot execute 'event' and 'raw' modes simultaneously.\n"),
+    (["-l", "-l"], both("listen", "listen")),
+    (["-r", "a", "-n", "b"], both("notify", "request")),
+    (["-n", "a", "-r", "b"], both("request", "notify")),
+    (["-e", "1", "-l"], both("listen", "event")),
+    (["-l", "-e", "1"], both("event", "listen")),
+    (["--raw", "{}", "-e", "1"], both("event", "raw")),
+    (["--raw", "{}", "-s", "f"], both("script", "raw")),
+    (["-r", "a", "--raw", "{}"], both("raw", "request")),
+    (["-s", "a", "-S", "b"], both("script", "script")),
+    (["-S", "a", "-s", "b"], both("script", "script-lua")),
+    (["-S", "a", "-r", "x"], both("request", "script-lua")),
     (["-g", "1,x"], "Invalid group number: 'x'.\n"),
+    (["-g", "1,2,0x3"], "Invalid group number: '0x3'.\n"),
+    (["-g", "1,,y,z"], "Invalid group number: 'y'.\n"),
+    (["-g", "1 2"], "Invalid group number: '1 2'.\n"),
     (["-g", ",".join(map(str, range(1, 66)))], "Too many groups: at most 64 can be joined.\n"),
     (["-r", "get", b"Device.\xff"], "Argument 5 is not valid UTF-8 text.\n"),
 ])
@@ -73,3 +88,40 @@ def test_standard_output_may_be_closed(kest, sandbox):
 
     run = Program(["sh", "-c", f'"{settings.KEST}" -h >&-; echo "$?" >&2'], sandbox.environment(), sandbox.work).finish()
     assert run.err == "0\n"
+
+
+def test_groups_accumulate_in_their_order(kest, fake):
+    kest("-g", "1,,2", "-n", "x", "-g", "7", to=fake)
+    assert [params["Group"] for params in fake.params("JoinGroup")] == [4, 1, 2, 7]
+
+
+def test_sixty_four_groups_are_joined(kest, fake):
+    groups = list(range(100, 164))
+    assert kest("-n", "x", "-g", ",".join(map(str, groups)), to=fake).status == 0
+    assert [params["Group"] for params in fake.params("JoinGroup")] == [4, *groups]
+
+
+def test_an_event_id_that_is_no_number_is_said_and_the_run_goes_on(kest, fake):
+    run = kest("-e", "abc", to=fake)
+    assert (run.err, run.status) == ("Group id must be an integer.\n", 0)
+    fake.wait_for("Event")
+    assert fake.params("Event") == [{"Id": 0}]
+
+
+def test_a_later_socket_path_replaces_an_earlier_one(kest, fake):
+    fake.on("GetParameterValues", VALUE)
+    run = kest("-u", "/nonexistent/a", "-u", fake.address, "-r", "get", "Device.A")
+    assert (run.out, run.status) == ("A = 1\n", 0)
+
+
+def test_long_options_mean_the_same(kest, fake, tmp_path):
+    script = tmp_path / "script"
+    script.write_text("echo hello\n")
+    run = kest("--unixpath", fake.address, "--config", tmp_path / "none", "--script", script, "--groups", "5")
+    assert run.out == "hello\n"
+    assert [params["Group"] for params in fake.params("JoinGroup")] == [4, 5]
+
+
+def test_options_may_follow_positional_arguments(kest, fake):
+    fake.on("GetParameterValues", VALUE)
+    assert kest("-r", "get", "Device.A", "-u", fake.address, "Device.A").out == "A = 1\nA = 1\n"

@@ -1,0 +1,423 @@
+"""What a client may meet: daemons that are absent, silent or talk nonsense, files that are no scripts, terminals too small,
+words that are no text. Each ends in a clear message and a usable prompt, or in a status that is not 0."""
+
+import itertools
+import os
+import signal
+import subprocess
+
+import pytest
+
+from lib import settings
+from lib.fake import Answer, Close, Error, Raw, Silence
+from lib.terminal import Key
+
+MODEL = {
+    "DataModelVersion": "2",
+    "Device.": {},
+    "Device.A": 1,
+    "Device.Flag": True,
+    "Device.Sub.": {},
+    "Device.Sub.B": "text",
+    "Device.Host.": {"multi": True, "ordered": True, "access": "readWrite"},
+    "Device.Host.{i}.": {"access": "readWrite"},
+    "Device.Host.{i}.Alias": "",
+    "Device.Host.1.": {"access": "readWrite"},
+    "Device.Host.1.Alias": "first",
+    "Device.Host.max_instance": {"type": "unsignedInt", "default": 0, "value": 1},
+    "Device.Ping": {"type": "method"},
+    "Device.Ping.Host": {"type": "string", "default": "", "Direction": "input", "value": ""},
+}
+
+
+@pytest.fixture
+def scheme(fake):
+    return fake.serve(MODEL)
+
+
+@pytest.fixture
+def term(shell, fake, scheme):
+    return shell(to=fake)
+
+
+# No daemon, a silent one
+
+
+@pytest.mark.threads
+def test_without_a_daemon_a_request_waits_until_ctrl_c(kest_start, tmp_path):
+    run = kest_start("-r", "get", "Device.A", "-u", tmp_path / "none")
+    run.wait_for("Reconnecting... ")
+    run.interrupt()
+    assert run.finish().status == -signal.SIGINT
+
+
+@pytest.mark.threads
+def test_without_a_daemon_the_shell_ends_once_ctrl_c_came(terminal, tmp_path):
+    term = terminal(to=tmp_path / "none")
+    term.wait_for("Reconnecting...")
+    term.type(Key.CTRL_C)
+    assert term.wait_exit() != 0
+    assert term.echoes
+
+
+@pytest.mark.parametrize("make", ["file", "directory", "dangling link"])
+def test_a_socket_path_that_is_no_socket(kest_start, tmp_path, make):
+    path = tmp_path / "thing"
+    if make == "file":
+        path.write_text("")
+    elif make == "directory":
+        path.mkdir()
+    else:
+        path.symlink_to("nowhere")
+    run = kest_start("-r", "get", "Device.A", "-u", path)
+    run.wait_for("Reconnecting... ")
+    run.interrupt()
+    assert run.finish().status != 0
+
+
+def test_a_silent_daemon_is_left_by_ctrl_c(term, fake, scheme):
+    fake.on("GetParameterValues", [Silence(), scheme.GetParameterValues])
+    term.type("cat Device.A" + Key.ENTER)
+    fake.wait_for("GetParameterValues")
+    term.type(Key.CTRL_C)
+    term.wait_for(lambda term: term.at_prompt("kest:> "))
+    assert term.run("cat Device.A") == ["A = 1"]
+
+
+def test_a_daemon_silent_from_the_start_holds_up_a_start_only_shortly(kest, fake):
+    fake.on("JoinGroup", Silence())
+    run = kest("-g", "5", "-n", "x", to=fake, timeout=8)
+    assert (run.out, run.status) == ("Unsupported :(\n", 0)
+
+
+# A daemon that goes in the middle, or talks nonsense
+
+
+@pytest.mark.parametrize("cut", [0, 1, 20, 60])
+def test_a_daemon_gone_within_its_answer(term, fake, scheme, cut):
+    whole = b'{"jsonrpc":"2.0","id":4,"result":{"ParameterList":[{"Name":"Device.A","Value":1}]}}'
+    fake.on("GetParameterValues", Close(whole[:cut]))
+    rows = term.run("cat Device.A")
+    assert rows[-1] == "[-32002] Connection lost: the daemon closed the link"
+    fake.on("GetParameterValues", scheme.GetParameterValues)
+    assert term.run("cat Device.A")[-1] == "A = 1"
+
+
+GARBAGE = [b"garbage\n", b"\n\n\0\n", b"\xff\xfe\n", b"[1,2]\n", b"3\n", b"nul\n", b'{"a":\n', b"{}}\n", b'{"id":1}{"id":2}\n',
+           os.urandom(5000).replace(b"\n", b"") + b"\n", b"{" * 5000 + b"\n", b'{"a":' * 3000 + b"1" + b"}" * 3000 + b"\n",
+           b'{"id":1,"result":{"x":1e999}}\n', b'{"id":1,"result":{"x":99999999999999999999}}\n',
+           b'{"id":1,"result":{"a":1,"a"}}\n', b'{"id":1,"result":"\\ud800"}\n']
+
+
+@pytest.mark.parametrize("data", GARBAGE, ids=range(len(GARBAGE)))
+def test_garbage_counts_as_a_lost_link(term, fake, scheme, data):
+    fake.on("GetParameterValues", Raw(data))
+    rows = term.run("cat Device.A")
+    assert rows[-1] == "[-32002] Connection lost: the daemon closed the link"
+    fake.on("GetParameterValues", scheme.GetParameterValues)
+    assert term.run("cat Device.A")[-1] == "A = 1"
+
+
+@pytest.mark.threads
+@pytest.mark.parametrize("data", GARBAGE[:6], ids=range(6))
+def test_garbage_on_the_event_link_ends_the_run(kest_start, fake, data):
+    run = kest_start("-l", "-g", "7", to=fake)
+    fake.wait_for(lambda fake: len(fake.of("JoinGroup")) == 2)
+    fake.receivers()[0].send_raw(data)
+    run.finish()
+    assert (run.out, run.status) == ("Connection dropped\n", 0)
+
+
+@pytest.mark.load
+@pytest.mark.deadline(120)
+def test_64_mib_without_a_line_feed(term, fake, scheme):
+    fake.on("GetParameterValues", Raw(b"[" * ((64 << 20) + 4096)))
+    rows = term.run("cat Device.A", timeout=60)
+    assert rows[-1] == "[-32002] Connection lost: the daemon closed the link"
+    assert term.peak_kib() < 300_000
+    fake.on("GetParameterValues", scheme.GetParameterValues)
+    assert term.run("cat Device.A")[-1] == "A = 1"
+
+
+@pytest.mark.load
+@pytest.mark.deadline(120)
+def test_64_mib_without_a_line_feed_on_the_event_link(kest_start, fake):
+    run = kest_start("-l", to=fake)
+    fake.wait_for(lambda fake: fake.receivers())
+    fake.receivers()[0].send_raw(b"x" * ((64 << 20) + 4096))
+    assert run.finish(60).out == "Connection dropped\n"
+
+
+# Wrong types in every member
+
+VALUES = [None, True, 7, -1, 1.5, "text", "", [], {}, [[]], {"a": {}}, 2**62, [None], ["x"]]
+
+
+def wrong_answers():
+    """Answers to any query with something wrong in every place there is."""
+    yield from ({"jsonrpc": value, "result": {"ParameterList": []}} for value in VALUES)
+    yield from ({"result": value} for value in VALUES)
+    yield from ({"error": value} for value in VALUES)
+    yield from ({"error": {"code": value, "message": "m"}} for value in VALUES)
+    yield from ({"error": {"code": 9001, "message": value}} for value in VALUES)
+    yield from ({"error": {"code": 9001, "message": "m", "data": value}} for value in VALUES)
+    yield from ({"result": {"ParameterList": value}} for value in VALUES)
+    yield from ({"result": {"ParameterList": [value, {"Name": "Device.A", "Value": 1, "Attributes": {}}]}} for value in VALUES)
+    for name in VALUES:
+        yield {"result": {"ParameterList": [{"Name": name, "Value": 1, "Attributes": {"type": "int"}, "Writable": True}]}}
+    for value in VALUES:
+        yield {"result": {"ParameterList": [{"Name": "Device.A", "Value": value, "Attributes": value, "Template": value}]}}
+    for key in ("type", "access", "perms", "default", "enum", "multi", "ordered", "runtime", "minInclusive", "maxLength",
+                "handler_get", "Direction"):
+        for value in VALUES:
+            attributes = {"type": "string", "access": "readWrite", "perms": "rw", "default": "", key: value}
+            yield {"result": {"ParameterList": [{"Name": "Device.Host.", "Attributes": attributes,
+                                                 "Template": [{"Name": "", "Attributes": attributes}]},
+                                                {"Name": "Device.A", "Attributes": attributes, "Value": value}]}}
+    for name in ("", ".", "..", "Device", "Device..", "Device.A.", ".Device.A", "x" * 300, "Device." + "y" * 300 + ".", "#attr",
+                 "Device.#fetched", "Device.Host.0.", "Device.Host.99999999999."):
+        yield {"result": {"ParameterList": [{"Name": name, "Value": 1, "Attributes": {"type": "object", "multi": True}}]}}
+    yield from ({"result": {"Status": value}} for value in VALUES)
+    yield from ({"result": {"Status": 0, "InstanceNumber": value}} for value in VALUES)
+
+
+QUERIES = ["GetParameterNames", "GetParameterAttributes", "GetParameterValues", "SetParameterValues", "AddObject", "DeleteObject",
+           "ChangeOrder", "Execute", "SaveConfig", "FactoryReset", "Login", "Logout", "Download"]
+REQUESTS = [
+    ["ls", "Device."], ["ls", "-l", "Device."], ["cat", "Device."], ["get", "Device.A"], ["set", "Device.A=1"],
+    ["add", "Device.Host."], ["del", "Device.Host.1."], ["order", "Device.Host.1.", "1"], ["attr", "Device.", "Device.A"],
+    ["login", "x", "-p", "y"], ["logout"], ["save"], ["reset"], ["execute", "Device.Ping", "Host=\"x\""],
+    ["download", "config", "file:///nonexistent"],
+]
+
+
+@pytest.mark.deadline(240)
+@pytest.mark.parametrize("words", REQUESTS, ids=lambda words: " ".join(words[:2]))
+def test_wrong_types_in_answers_to_requests(kest, fake, tmp_path, words):
+    answers = list(wrong_answers())
+    for method in QUERIES:
+        fake.on(method, [Answer(answer) for answer in answers])
+    (tmp_path / "one").write_text(" ".join(words).replace('"', "") + "\n")
+    turn = itertools.cycle(answers)
+    for method in QUERIES:
+        fake.on(method, lambda request: Answer(next(turn)))
+    # Each line may fail and so end a script: the shell goes on, fed from a pipe.
+    run = kest(to=fake, stdin=(" ".join(words) + "\n") * len(answers), timeout=100)
+    assert run.status in (0, 255), run.report()
+    for _ in range(10):
+        run = kest("-r", *words, to=fake)
+        assert run.status >= 0, run.report()
+
+
+@pytest.mark.deadline(240)
+def test_wrong_types_under_completion_and_navigation(shell, fake, scheme):
+    answers = itertools.cycle(wrong_answers())
+    term = shell(to=fake)
+    count = sum(1 for _ in wrong_answers())
+    for method in ("GetParameterNames", "GetParameterAttributes"):
+        fake.on(method, lambda request: Answer(next(answers)))
+    for _ in range(count // 4):
+        for command in ("cd Device.Host.1", "cd", "ls Device.Host", "tree Device.Host"):
+            term.type(Key.CTRL_U + command + Key.ENTER)
+            term.wait_for(lambda term: term.at_prompt())
+    assert term.process.poll() is None
+    for method in ("GetParameterNames", "GetParameterAttributes"):
+        fake.on(method, getattr(scheme, method))
+    term.wait_prompt()
+    term.run("pwd")
+
+
+@pytest.mark.threads
+def test_wrong_types_in_events(kest_start, fake):
+    run = kest_start("-l", to=fake)
+    fake.wait_for(lambda fake: fake.receivers())
+    receiver, = fake.receivers()
+    for number in (1, 2, 4, 12):
+        for value in VALUES:
+            receiver.send({"method": "Event", "params": {"Id": number, "Value": value}})
+            receiver.send({"method": "Event", "params": {"Id": number, "Value": {"Action": value, "Path": value,
+                                                                                 "InstanceNumber": value}}})
+    for value in VALUES:
+        receiver.send({"method": "Event", "params": {"Id": value}})
+        receiver.send({"method": "Event", "params": value})
+        receiver.send({"method": value, "params": {"Id": 3}})
+        receiver.send({"id": value, "result": {}})
+        receiver.send({"jsonrpc": value, "method": "Event", "params": {"Id": 12, "Value": "passed"}})
+    fake.event(13, "last")
+    run.wait_for("last")
+    run.interrupt()
+    assert run.finish().status == 0
+
+
+@pytest.mark.threads
+def test_wrong_notices_do_not_harm_completion(shell, fake, scheme):
+    term = shell(to=fake)
+    receiver, = fake.receivers()
+    term.run("ls Device.Host")
+    for value in VALUES:
+        for member in ("Action", "Path", "InstanceNumber"):
+            notice = {"Action": "Add", "Path": "Device.Host.", "InstanceNumber": 5, member: value}
+            receiver.send({"method": "Event", "params": {"Id": 4, "Value": notice}})
+    for path in ("", ".", "Device", "Device.A", "Device.Host.1.", "Device.None.", "x" * 400):
+        for action in ("Add", "Delete"):
+            for number in (0, -1, 1, 2**40):
+                notice = {"Action": action, "Path": path, "InstanceNumber": number}
+                receiver.send({"method": "Event", "params": {"Id": 4, "Value": notice}})
+    fake.event(9, "after")
+    term.wait_for("after")
+    term.type("ls Device.Host." + Key.TAB + Key.TAB)
+    term.quiet(0.3)
+    term.type(Key.CTRL_C)
+    term.wait_for(lambda term: term.at_prompt("kest:> "))
+    assert term.run("cat Device.A") == ["A = 1"]
+
+
+def test_control_characters_from_a_daemon_do_not_reach_a_terminal(term, fake, kest):
+    evil = "\x1b[2J\x07\x9b31m\x7f\r"
+    fake.on("SaveConfig", Error(9001, evil, {evil: evil}))
+    before = len(term.raw)
+    term.run("save")
+    shown = bytes(term.raw[before:])
+    assert b"\x1b[2J" not in shown and b"\x07" not in shown and b"\x7f" not in shown and b"\xc2\x9b" not in shown
+    assert evil.encode() in kest("-r", "save", to=fake).out_bytes
+
+
+# Scripts
+
+
+def test_a_directory_is_no_script(kest, fake, tmp_path):
+    run = kest("-s", tmp_path, to=fake)
+    assert (run.out, run.status) == (f"Cannot open script file {tmp_path}\n", 255)
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs to become somebody else")
+def test_an_unreadable_script(sandbox, tmp_path):
+    script = tmp_path / "script"
+    script.write_text("echo secret\n")
+    script.chmod(0o600)
+    sandbox.root.chmod(0o755)
+    run = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", settings.KEST, "-u", tmp_path / "none", "-s",
+                          script], env=sandbox.environment(), cwd="/", capture_output=True, text=True, timeout=settings.DEADLINE)
+    assert run.stdout.replace("Connection dropped\n", "") == f"Cannot open script file {script}\n"
+    assert run.returncode == 255
+
+
+@pytest.mark.parametrize("data", [b"\x7fELF\x02\x01\x01\0\0\0", b"save \xff\xfe\n", b"\0", b"\xc3\x28 x\n"])
+def test_a_binary_script_is_refused(kest, fake, tmp_path, data):
+    (tmp_path / "script").write_bytes(data)
+    run = kest("-s", "script", to=fake)
+    assert run.status == 255
+    assert "script: line 1 is not text." in run.err
+    assert fake.methods() == ["JoinGroup"]
+
+
+def test_any_program_is_survived_as_a_script(kest, fake):
+    run = kest("-s", "/bin/true", to=fake)
+    assert run.status == 255
+
+
+@pytest.mark.load
+def test_a_script_of_one_line_of_ten_megabytes(kest, fake, tmp_path):
+    (tmp_path / "echo").write_text("echo " + "x" * 10_000_000)
+    assert kest("-s", "echo", to=fake, timeout=30).out == "x" * 10_000_000 + "\n"
+    (tmp_path / "word").write_text("y" * 10_000_000)
+    run = kest("-s", "word", to=fake, timeout=30)
+    assert (run.out, run.status) == ("y" * 10_000_000 + ": unknown method.\n", 255)
+    fake.on("GetParameterValues", Error(9005, "too long"))
+    (tmp_path / "get").write_text("get " + "z" * 10_000_000)
+    run = kest("-s", "get", to=fake, timeout=30)
+    assert run.out == "[9005] Invalid parameter name: too long\n"
+    (tmp_path / "many").write_text("get " + "z " * 100)
+    assert kest("-s", "many", to=fake, timeout=30).out.count("\n") == 100
+
+
+# Terminals
+
+
+@pytest.mark.parametrize("columns, rows", [(10, 24), (5, 3), (1, 1), (2, 2)])
+def test_a_tiny_terminal(terminal, fake, scheme, columns, rows):
+    term = terminal(to=fake, columns=columns, rows=rows)
+    term.quiet(0.3)
+    term.type("cat Device.A")
+    term.quiet()
+    term.type(Key.ENTER)
+    fake.wait_for("GetParameterValues")
+    term.type("ls Device" + Key.TAB + Key.TAB)
+    term.quiet()
+    term.type(Key.CTRL_U + "wörter und 日本語 " * 5 + Key.HOME + Key.END + Key.LEFT * 7 + "x" + Key.CTRL_U)
+    term.quiet()
+    term.type("q" + Key.ENTER)
+    assert term.wait_exit() == 0
+
+
+def test_a_line_wraps_on_ten_columns(terminal, fake, scheme):
+    term = terminal(to=fake, columns=10)
+    term.wait_for(lambda term: term.at_prompt("kest:> "))
+    term.type("catree")
+    term.wait_for(lambda term: term.lines[-2:] == ["kest:> cat", "ree"])
+    term.type(Key.BACKSPACE * 4)
+    term.wait_for(lambda term: term.lines[-1] == "kest:> ca")
+
+
+def test_a_terminal_without_a_size(terminal, fake, scheme):
+    term = terminal(to=fake, columns=80)
+    term.wait_prompt()
+    import fcntl
+    import struct
+    import termios
+
+    fcntl.ioctl(term.master, termios.TIOCSWINSZ, struct.pack("HHHH", 0, 0, 0, 0))
+    term.type("pwd" + Key.ENTER)
+    term.wait_for("\n:\n")
+    term.type("q" + Key.ENTER)
+    assert term.wait_exit() == 0
+
+
+@pytest.mark.parametrize("name", ["dumb", "unknown-kind", ""])
+def test_a_terminal_of_an_unknown_kind(terminal, fake, scheme, name):
+    term = terminal(to=fake, env={"TERM": name})
+    term.wait_prompt()
+    assert term.run("cat Device.A") == ["A = 1"]
+
+
+# Words that are no text
+
+
+@pytest.mark.parametrize("words", [
+    ["-r", "get", b"Device.\xff"],
+    ["-r", b"\xff\xfe"],
+    ["-r", "set", b"Device.A=\xff"],
+    ["--raw", b"{\"id\":1,\"method\":\"\xff\"}"],
+    ["-e", "1", b"\xff"],
+    ["-s", b"script\xff"],
+], ids=range(6))
+def test_arguments_that_are_not_utf8_are_refused(kest, fake, words):
+    run = kest(*words, to=fake)
+    assert run.status != 0
+    assert run.out + run.err != ""
+    assert fake.methods() in ([], ["JoinGroup"])
+
+
+def test_typed_words_that_are_not_utf8_are_refused(kest, fake, scheme):
+    run = kest(to=fake, stdin=b"cat Device.\xff\ncat Device.A\n")
+    assert "A = 1\n" in run.out
+    assert all("\ufffd" not in request.raw.decode() for request in fake.requests)
+    assert len(fake.of("GetParameterValues")) == 1
+
+
+def test_a_line_with_nul_is_no_two_lines(kest, fake, scheme):
+    run = kest(to=fake, stdin=b"cat Device.A\0cat Device.Sub.B\nq\n")
+    assert run.status == 0
+    assert 'B = "text"' not in run.out
+
+
+def test_a_typed_line_of_a_megabyte(kest, fake, scheme):
+    run = kest(to=fake, stdin="cat " + "x" * 1_000_000 + "\ncat Device.A\n", timeout=30)
+    assert "no such node.\n" in run.out
+    assert run.out.endswith("A = 1\n")
+
+
+def test_a_hundred_thousand_words(kest, fake, scheme):
+    run = kest(to=fake, stdin="set" + " x" * 100_000 + "\n", timeout=30)
+    assert run.out.count("set: x: no value.\n") == 100_000
+    assert run.out.endswith("set: no argument.\n")

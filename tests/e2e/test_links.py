@@ -1,0 +1,365 @@
+"""The request link: exchanges that get no answer, links that are lost and found again, Ctrl-C in the middle."""
+
+import json
+import signal
+import time
+
+import pytest
+
+from lib.fake import Chunked, Close, Error, Raw, Reset, Several, Silence, Slow
+from lib.terminal import Key
+
+MODEL = {"Device.": {}, "Device.A": 1, "Device.Sub.": {}, "Device.Sub.B": "text"}
+SPINNER = "Reconnecting... "
+
+
+@pytest.fixture
+def scheme(fake):
+    return fake.serve(MODEL)
+
+
+@pytest.fixture
+def term(shell, fake, scheme):
+    return shell(to=fake)
+
+
+def answer(fake, number, result):
+    return json.dumps({"jsonrpc": "2.0", "id": number, "result": result}).encode() + b"\n"
+
+
+# Answers
+
+
+@pytest.mark.parametrize("size", [1, 2, 3, 7, 1000])
+def test_answers_may_come_in_any_pieces(kest, fake, size):
+    fake.on("GetParameterValues", Chunked({"ParameterList": [{"Name": "Device.A", "Value": "grün " * 20}]}, size, 0.0005))
+    assert kest("-r", "get", "Device.A", to=fake).out == f'A = "{"grün " * 20}"\n'
+
+
+def test_empty_lines_and_carriage_returns_are_passed_over(kest, fake):
+    fake.on("GetParameterValues", lambda request: Raw(
+        b"\n\r\n\n" + answer(fake, request.id, {"ParameterList": [{"Name": "Device.A", "Value": 1}]})[:-1] + b"\r\n"))
+    assert kest("-r", "get", "Device.A", to=fake).out == "A = 1\n"
+
+
+def test_answers_nobody_asked_for_are_dropped(kest, fake):
+    fake.on("GetParameterValues", lambda request: Several([
+        Raw(answer(fake, 4711, {"ParameterList": [{"Name": "Device.A", "Value": "not this"}]})),
+        Raw(answer(fake, str(request.id), {"ParameterList": [{"Name": "Device.A", "Value": "nor this"}]})),
+        Raw(b'{"method":"Event","params":{"Id":7,"Value":"an event here"}}\n{"id":null,"result":{}}\n{"x":1}\n'),
+        {"ParameterList": [{"Name": "Device.A", "Value": "this"}]},
+        Raw(answer(fake, request.id, {"ParameterList": [{"Name": "Device.A", "Value": "too late"}]})),
+    ]))
+    run = kest("-r", "get", "Device.A", "Device.A", to=fake)
+    assert run.out == 'A = "this"\nA = "this"\n'
+
+
+def test_texts_may_hold_nul(kest, fake):
+    fake.on("GetParameterValues", {"ParameterList": [{"Name": "Device.A", "Value": "a\0b"}]})
+    assert kest("-r", "get", "Device.A", to=fake).out == 'A = "a\\u0000b"\n'
+
+
+def test_an_error_answer_is_shown_with_its_title_and_data(kest, fake):
+    fake.on("GetParameterValues", Error(9005, "no such name", {"Device.A": "gone", "Device.B": [1]}))
+    run = kest("-r", "get", "Device.A", to=fake)
+    assert run.out == '[9005] Invalid parameter name: no such name\nDevice.A: "gone"\nDevice.B: [1]\n'
+    assert run.status == 0
+
+
+TITLES = {9000: "Method not supported", 9001: "Request denied", 9002: "Internal error", 9003: "Invalid arguments",
+          9004: "Resources exceeded", 9005: "Invalid parameter name", 9006: "Invalid parameter type",
+          9007: "Invalid parameter value", 9008: "Attempt to set a non-writable parameter", 9010: "File transfer failure",
+          9016: "File transfer server unreachable", 9018: "File corrupted or unusable", -32700: "Parse error",
+          -32600: "Invalid request", -32601: "Method not found", -32602: "Invalid params", -32603: "Internal error",
+          9999: "Error", 1: "Error", -1: "Error"}
+
+
+def test_the_titles_of_the_codes(kest, fake, tmp_path):
+    fake.on("SaveConfig", [Error(code, "why") for code in TITLES])
+    (tmp_path / "script").write_text("save\n" * len(TITLES))
+    run = kest("-s", "script", to=fake)
+    assert run.out == "".join(f"[{code}] {title}: why\n" for code, title in TITLES.items())
+
+
+# Answers that do not come
+
+
+@pytest.mark.deadline(30)
+def test_a_raw_request_waits_five_seconds(kest, fake):
+    fake.on("Ping", Silence())
+    began = time.monotonic()
+    run = kest("--raw", '{"id":5,"method":"Ping"}', to=fake)
+    assert 4.5 < time.monotonic() - began < 8
+    assert json.loads(run.out[3:])["error"] == {"code": -32001, "message": "no answer from the daemon in time"}
+    assert run.status == -32001 & 0xFF
+    assert fake.methods() == ["JoinGroup", "Ping"]
+
+
+@pytest.mark.deadline(30)
+def test_a_trickle_does_not_stretch_the_limit(kest, fake):
+    fake.on("Ping", Chunked({"x": "y" * 400}, 1, 0.05))
+    began = time.monotonic()
+    kest("--raw", '{"id":5,"method":"Ping"}', to=fake)
+    assert time.monotonic() - began < 8
+
+
+def test_a_late_answer_is_dropped_and_the_link_stays(term, fake, scheme):
+    # the long listing waits a second
+    fake.on("GetParameterAttributes", lambda request: Slow(1.3, scheme.GetParameterAttributes(request)))
+    assert term.run("ls -l")[0].split() == ["Type", "Access", "Perms", "Flags", "Name"]
+    assert len(fake.connections) == 2
+    fake.on("GetParameterValues", lambda request: Slow(0.6, scheme.GetParameterValues(request)))
+    fake.on("GetParameterAttributes", scheme.GetParameterAttributes)
+    assert term.run("cat Device.A") == ["A = 1"]
+    assert len(fake.connections) == 2
+
+
+@pytest.mark.parametrize("spoil", [
+    Close(), Close(b'{"jsonrpc":"2.0","id":3,"resu'), Reset(), Raw(b"garbage\n"), Raw(b'"a text"\n'), Raw(b"[]\n"),
+    Raw(b'{"id":1,"result":"\xff"}\n'), Raw(b"[" * 3000 + b"]" * 3000 + b"\n"), Raw(b"\0\n"),
+], ids=["closed", "closed within", "reset", "garbage", "text", "array", "not UTF-8", "deep", "NUL"])
+def test_a_link_that_breaks_is_opened_again_once_and_the_request_repeated(kest, fake, spoil):
+    fake.on("GetParameterValues", [spoil, {"ParameterList": [{"Name": "Device.A", "Value": 1}]}])
+    run = kest("-r", "get", "Device.A", to=fake)
+    assert run.out.endswith("A = 1\n")
+    assert SPINNER in run.out
+    assert run.status == 0
+    # one more link for requests; the scheme is fetched afresh for nobody before the repeat
+    assert len(fake.connections) == 3
+    methods = [(request.connection.number, request.method) for request in fake.requests]
+    assert methods[0] == (1, "JoinGroup")
+    assert methods[1] == (0, "GetParameterValues")
+    assert methods[-1] == (2, "GetParameterValues")
+    assert set(methods[2:-1]) == {(2, "GetParameterAttributes")}
+
+
+def test_a_second_loss_is_an_error(kest, fake):
+    fake.on("GetParameterValues", Close())
+    run = kest("-r", "get", "Device.A", to=fake)
+    assert run.out.splitlines()[-1] == "[-32002] Connection lost: the daemon closed the link"
+    assert len(fake.of("GetParameterValues")) == 2
+    assert run.status == 0
+
+
+def test_a_loss_within_a_reconnect_does_not_reconnect_again(kest, fake):
+    fake.on("GetParameterValues", Close()).on("GetParameterAttributes", Close())
+    run = kest("-r", "get", "Device.A", to=fake)
+    assert run.out.splitlines()[-1] == "[-32002] Connection lost: the daemon closed the link"
+    assert len(fake.of("GetParameterAttributes")) == 1
+    assert run.out.count("\n") == 2
+
+
+@pytest.mark.deadline(120)
+@pytest.mark.load
+def test_a_line_without_end_is_given_up_at_64_mib(kest, fake):
+    fake.on("GetParameterValues", [Raw(b"x" * (65 << 20)), {"ParameterList": [{"Name": "Device.A", "Value": 1}]}])
+    run = kest("-r", "get", "Device.A", to=fake, timeout=60)
+    assert run.out.endswith("A = 1\n")
+    assert len(fake.connections) == 3
+
+
+@pytest.mark.deadline(120)
+@pytest.mark.load
+def test_a_line_just_below_the_limit_is_taken(kest, fake):
+    text = "x" * ((64 << 20) - 200)
+    fake.on("GetParameterValues", {"ParameterList": [{"Name": "Device.A", "Value": text}]})
+    run = kest("-r", "get", "Device.A", to=fake, timeout=60)
+    assert len(run.out_bytes) == len(text) + len('A = ""\n')
+    assert len(fake.connections) == 2
+
+
+# The daemon restarts
+
+
+def drop_requests(fake):
+    """Closes the request link only, as a daemon that restarts between two commands would, without ending the shell."""
+    requests = [connection for connection in fake.open_connections if not connection.receiver]
+    for connection in requests:
+        connection.close()
+
+
+def test_the_next_command_after_a_loss_reconnects_and_runs_once(term, fake):
+    fake.requests.clear()
+    drop_requests(fake)
+    rows = term.run("cat Device.A")
+    assert rows[-1] == "A = 1"
+    assert SPINNER.strip() in "\n".join(rows)
+    assert len(fake.of("GetParameterValues")) == 1
+
+
+def test_after_a_reconnect_nobody_is_logged_in(term, fake):
+    term.run("login admin -p secret")
+    assert term.wait_prompt("admin@kest:> ")
+    term.run("cd Device.Sub")
+    drop_requests(fake)
+    term.run("cat :Device.A", prompt="kest:> ")
+    assert fake.of("Logout") == []  # there was no link to say it on
+
+
+@pytest.mark.threads
+def test_waiting_for_a_daemon_costs_next_to_nothing(kest_start, fake, tmp_path):
+    run = kest_start("-r", "get", "Device.A", "-u", tmp_path / "later")
+    run.wait_for(SPINNER)
+
+    def spent():
+        with open(f"/proc/{run.pid}/stat") as stat:
+            fields = stat.read().rsplit(")", 1)[1].split()
+        return int(fields[11]) + int(fields[12])
+
+    before = spent()
+    began = time.monotonic()
+    run.wait_for(lambda run: time.monotonic() - began > 1.0 or None, timeout=3)
+    assert spent() - before <= 10  # hundredths of a second of CPU
+    run.interrupt()
+    assert run.finish().status == -signal.SIGINT
+
+
+@pytest.mark.threads
+def test_a_daemon_that_comes_late_is_found(kest_start, fake_start, sandbox):
+    fake = fake_start()
+    fake.go_down()
+    fake.on("GetParameterValues", {"ParameterList": [{"Name": "Device.A", "Value": 1}]})
+    run = kest_start("-r", "get", "Device.A", to=fake)
+    run.wait_for(SPINNER)
+    fake.come_back()
+    run.finish()
+    assert run.out.endswith("\nA = 1\n")
+    assert run.status == 0
+
+
+@pytest.mark.threads
+def test_the_spinner_turns_and_never_after_its_line(terminal, fake):
+    fake.go_down()
+    fake.on("GetParameterValues", {"ParameterList": [{"Name": "Device.A", "Value": 1}]})
+    term = terminal("-r", "get", "Device.A", to=fake)
+    term.wait_for(lambda term: bytes(term.raw).count(SPINNER.encode().strip()) >= 3)
+    fake.come_back()
+    assert term.wait_exit() == 0
+    after = bytes(term.raw).rsplit(SPINNER.encode().strip(), 1)[1]
+    assert after.endswith(b"A = 1\r\n") or b"A = " in after
+
+
+# Ctrl-C
+
+
+@pytest.mark.threads
+def test_ctrl_c_leaves_an_exchange_and_the_link_stays_usable(term, fake, scheme):
+    fake.on("GetParameterValues", [lambda request: Slow(0.5, {"ParameterList": [{"Name": "Device.A", "Value": "late"}]}),
+                                   scheme.GetParameterValues])
+    term.type("cat Device.A" + Key.ENTER)
+    fake.wait_for("GetParameterValues")
+    began = time.monotonic()
+    term.type(Key.CTRL_C)
+    term.wait_for(lambda term: term.at_prompt() and term.cursor[0] > 6)
+    assert time.monotonic() - began < 0.4
+    assert term.run("cat Device.Sub.B") == ['B = "text"']
+    term.quiet(0.6)
+    assert term.run("cat Device.A") == ["A = 1"]
+    assert len(fake.connections) == 2
+
+
+@pytest.mark.threads
+def test_ctrl_c_leaves_a_reconnect(term, fake):
+    drop_requests(fake)
+    receivers = fake.receivers()
+    fake._run(fake._close_listener)
+    term.type("cat Device.A" + Key.ENTER)
+    term.wait_for(SPINNER.strip())
+    before = len(term.raw)
+    term.type(Key.CTRL_C)
+    term.wait_for(lambda term: term.at_prompt("kest:> ") and len(term.raw) > before)
+    size = len(term.raw)
+    term.quiet(0.6)
+    assert SPINNER.encode().strip() not in bytes(term.raw[size:])
+    fake.come_back()
+    assert receivers == fake.receivers()
+    assert term.run("cat Device.A")[-1] == "A = 1"
+
+
+@pytest.mark.threads
+def test_a_storm_of_ctrl_c_never_ends_the_shell(term, fake, scheme):
+    fake.on("GetParameterValues", lambda request: Slow(0.01, scheme.GetParameterValues(request)))
+    for _ in range(30):
+        term.type("cat Device." + Key.ENTER)
+        term.type(Key.CTRL_C)
+    term.type(Key.CTRL_C)
+    term.quiet(0.3)
+    fake.on("GetParameterValues", scheme.GetParameterValues)
+    term.type(Key.CTRL_C)
+    term.wait_prompt()
+    assert term.run("cat Device.A") == ["A = 1"]
+
+
+@pytest.mark.threads
+def test_a_long_output_can_be_stopped(term, fake):
+    many = [{"Name": f"Device.Sub.P{number}", "Value": number} for number in range(200_000)]
+    fake.on("GetParameterValues", {"ParameterList": many})
+    term.type("cat Device.Sub." + Key.ENTER)
+    term.wait_for(lambda term: "P9" in term.text)
+    term.signal(signal.SIGINT)
+    term.wait_prompt(timeout=20)
+    assert len(term.all_lines) < 150_000
+
+
+def test_ctrl_c_at_the_prompt_drops_the_line(term):
+    term.type("half a line")
+    term.wait_for("half a line")
+    term.type(Key.CTRL_C)
+    term.wait_for(lambda term: term.at_prompt("kest:> "))
+    assert term.run("pwd") == [":"]
+
+
+def test_ctrl_c_ends_a_one_shot_that_waits(kest_start, fake):
+    fake.on("GetParameterValues", Silence())
+    run = kest_start("-r", "get", "Device.A", to=fake)
+    fake.wait_for("GetParameterValues")
+    run.interrupt()
+    assert run.finish().status == -signal.SIGINT
+
+
+# Other kinds of links
+
+
+@pytest.mark.parametrize("address", ["tcp://127.0.0.1:0", "tcp://[::1]:0", "tcp://localhost:0"])
+def test_tcp_works_wherever_a_path_does(kest, fake_start, address):
+    bound = fake_start(address.replace("localhost", "127.0.0.1"))
+    bound.on("GetParameterValues", {"ParameterList": [{"Name": "Device.A", "Value": 1}]})
+    wanted = bound.address.replace("127.0.0.1", "localhost") if "localhost" in address else bound.address
+    assert kest("-u", wanted, "-r", "get", "Device.A").out == "A = 1\n"
+
+
+@pytest.mark.parametrize("address", ["tcp://", "tcp://host", "tcp://:1", "tcp://127.0.0.1:x", "tcp://127.0.0.1:99999"])
+def test_a_wrong_address_is_named(kest_start, address):
+    run = kest_start("-u", address, "-r", "get", "Device.A")
+    run.wait_for(address, stream="err")
+    run.interrupt()
+    run.finish()
+    assert run.status != 0
+
+
+def test_a_path_too_long_for_a_socket_is_named(kest_start):
+    path = "/tmp/" + "x" * 200
+    run = kest_start("-u", path, "-r", "get", "Device.A")
+    run.wait_for("x" * 200, stream="err")
+    run.interrupt()
+    run.finish()
+
+
+def test_descriptors_are_not_handed_to_children(term):
+    rows = term.run("sh ls /proc/self/fd")
+    assert sorted("\n".join(rows).split()) == ["0", "1", "2", "3"]
+
+
+# A client that sends much
+
+
+@pytest.mark.threads
+def test_a_daemon_that_does_not_read_can_be_left(term, fake, scheme):
+    for connection in fake.open_connections:
+        if not connection.receiver:
+            connection.stop_reading()
+    term.type(" set Device.Sub.B=" + "x" * 3000 + Key.ENTER)
+    term.wait_for("x" * 40)
+    term.quiet(0.2)
+    term.type(Key.CTRL_C)
+    term.wait_prompt("kest:> ")

@@ -1,0 +1,59 @@
+"""What goes over the two links of a run, and where its configuration is looked for."""
+
+import pytest
+
+VALUE = {"ParameterList": [{"Name": "Device.A", "Value": 1}]}
+
+
+def test_every_run_has_a_session_of_its_own(kest, fake):
+    kest("-n", "x", to=fake)
+    kest("-n", "x", to=fake)
+    one, two = fake.params("JoinGroup")
+    assert one["Session"] != two["Session"]
+
+
+def test_requests_are_compact_lines_with_ids_from_one(kest, fake):
+    fake.on("GetParameterValues", VALUE)
+    kest("-r", "get", "Device.A", "Device.B", to=fake)
+    first, second = fake.of("GetParameterValues")
+    assert first.raw == (b'{"jsonrpc":"2.0","id":1,"method":"GetParameterValues",'
+                         b'"params":{"ParameterNames":["Device.A"]}}')
+    assert second.id == 2
+
+
+SHELL_ONLY = ["cd", "catree", "clear", "color", "help", "luarecord", "opt", "pwd", "record", "take", "tree", "up", "?"]
+
+
+@pytest.mark.parametrize("name", SHELL_ONLY)
+def test_what_only_the_shell_can_is_unknown_to_requests(kest, fake, name):
+    run = kest("-r", name, to=fake)
+    assert (run.out, run.status) == (f"{name}: unknown method.\n", 255)
+    assert fake.methods() == ["JoinGroup"]
+
+
+@pytest.mark.parametrize("name", ["get", "cat", "GetParameterValues"])
+def test_requests_go_by_command_and_by_method_name(kest, fake, name):
+    fake.on("GetParameterValues", VALUE)
+    assert kest("-r", name, "Device.A", to=fake).out == "A = 1\n"
+
+
+def test_an_event_carries_its_first_word_only(kest, fake):
+    kest("-e", "12", '{"a": [1, null]}', "2", to=fake)
+    fake.wait_for("Event")
+    assert fake.params("Event") == [{"Id": 12, "Value": {"a": [1, None]}}]
+    assert "id" not in fake.of("Event")[0].message
+
+
+@pytest.mark.parametrize("home", ["", "/" + "h" * 250, "/" + "h" * 5000, None])
+def test_a_home_of_any_length_is_survived(kest, fake, home):
+    run = kest("-n", "x", to=fake, env={"HOME": home})
+    assert (run.out, run.err, run.status) == ("Unsupported :(\n", "", 0)
+
+
+def test_a_login_in_the_configuration_lasts(shell, fake, home):
+    fake.serve({"Device.": {}, "Device.A": 1})
+    config = home / ".local" / "kest" / "config"
+    config.parent.mkdir(parents=True)
+    config.write_text("login admin -p secret\n")
+    shell(to=fake)
+    assert fake.params("Login")[:2] == [{"User": "admin", "Password": "secret"}] * 2
