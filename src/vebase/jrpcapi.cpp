@@ -205,6 +205,8 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
         // An answer counts even when the link went right behind it.
         const taken found = take_answer(ctx, message);
         if (found == taken::answer) {
+            if (flushed < 0)
+                ve_link_lose(ctx);
             ve_jrpcapi_note(ctx, ve_socket_err_none);
             return 0;
         }

@@ -165,6 +165,8 @@ outcome move_records(ve_jrpcapi *ctx, int64_t deadline)
         const ssize_t count = send(fd, ctx->tls_out.data(), ctx->tls_out.size(), MSG_NOSIGNAL);
         if (count >= 0)
             ctx->tls_out.erase(0, static_cast<size_t>(count));
+        else if (errno == EPIPE || errno == ECONNRESET)
+            break; // what the peer said before it left is still to be read
         else if (errno != EINTR && errno != EAGAIN)
             return failed_errno(ctx, errno);
         else if (const outcome waited = wait_for(ctx, POLLOUT, deadline); waited != outcome::done)
@@ -191,8 +193,8 @@ outcome shake_hands(ve_jrpcapi *ctx, int64_t deadline)
             return waited;
         char records[4096];
         const ssize_t count = recv(ctx->socket.fd, records, sizeof records, 0);
-        if (count == 0)
-            return failed(ctx, "TLS: the peer closed the link during the handshake", false);
+        if (count == 0 || (count < 0 && errno == ECONNRESET))
+            return failed(ctx, "TLS: the peer closed the link during the handshake", true);
         if (count > 0)
             ctx->tls->feed(records, static_cast<size_t>(count));
         else if (errno != EINTR && errno != EAGAIN)
@@ -263,6 +265,12 @@ int ve_jrpcapi_connect(ve_jrpcapi *ctx)
 void ve_jrpcapi_disconnect(ve_jrpcapi *ctx)
 {
     const std::scoped_lock lock(ctx->lock);
+    if (ctx->tls && ctx->socket.state == ve_socket_connected && ctx->tls_out.empty()) {
+        ctx->tls->finish();
+        ctx->tls->take_output(&ctx->tls_out);
+        [[maybe_unused]] const ssize_t ignored =
+            send(ctx->socket.fd, ctx->tls_out.data(), ctx->tls_out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
     ve_socket_close(&ctx->socket);
     ctx->resolving.reset();
     ctx->tls.reset();

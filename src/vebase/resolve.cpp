@@ -96,7 +96,8 @@ int ve_resolve::wait(int64_t deadline)
     if (job_->done)
         return 1;
     pollfd fd{.fd = job_->done_fd, .events = POLLIN, .revents = 0};
-    return ve_wait_poll(&fd, 1, deadline);
+    const int ready = ve_wait_poll(&fd, 1, deadline);
+    return ready > 0 && !job_->done ? 0 : ready;
 }
 
 const addrinfo *ve_resolve::addresses() const

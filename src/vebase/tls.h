@@ -27,6 +27,8 @@ public:
     virtual ssize_t read(char *data, size_t room) = 0;
     /// Encrypts `data`: how many bytes were taken, 0 when none can be now, -1 when the session is broken.
     virtual ssize_t write(const char *data, size_t size) = 0;
+    /// Says good-bye to the peer.
+    virtual void finish() = 0;
     /// Appends to `*out` what is to be sent to the peer.
     virtual void take_output(std::string *out) = 0;
 };
