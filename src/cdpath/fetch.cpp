@@ -36,14 +36,17 @@ json_t *names_of(const ve_jrpcmsg *message)
     return names;
 }
 
-/// Asks for the instances of a multi-instance object and what stands directly below them; a new tree of them.
+/// Asks for the instances of a multi-instance object and what stands directly below them; a new tree of them, or null
+/// when no answer came.
 json_t *fetch_instances(const char *base)
 {
     jump_safe<msg_ref> names(ve_jrpcmsg_cmd_get_parameter_names(base, 1));
-    msg_exec(names.get(), -1);
+    if (msg_exec(names.get(), -1) < 0)
+        return nullptr;
     // Without a "Depth": an instance comes with its direct children.
     jump_safe<msg_ref> attributes(ve_jrpcmsg_cmd_get_parameter_attributes_new(names_of(names.get())));
-    msg_exec(attributes.get(), -1);
+    if (msg_exec(attributes.get(), -1) < 0)
+        return nullptr;
     return ve_tr_names_to_config(ve_jrpcmsg_parameter_list(attributes.get()), base);
 }
 
@@ -102,13 +105,17 @@ int cdpath_fetch(cdpath *record)
     jump_safe<msg_ref> attributes(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
     ve_jrpcmsg_cmd_get_parameter_attributes_add(attributes.get(), base.c_str());
     json_object_set_new(ve_jrpcmsg_params(attributes.get()), "Depth", json_integer(1));
-    msg_exec(attributes.get(), -1);
+    if (msg_exec(attributes.get(), -1) < 0)
+        return 0;
 
     jump_safe<json_ref> instances;
-    if (multi)
+    if (multi) {
         instances.reset(fetch_instances(base.c_str()));
+        if (!instances)
+            return 0;
+    }
 
-    // Nothing of the cache was touched so far: what Ctrl-C abandons leaves no trace.
+    // Nothing of the cache was touched so far: what is abandoned or lost leaves no trace.
     if (base != object_path(record))
         return 0; // the reconnect that reloads the cache moved the shell's own place
     if (dm != cache.get())
