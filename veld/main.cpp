@@ -2,9 +2,11 @@
 #include "veld/import/import.h"
 #include "veld/live/live.h"
 #include "veld/model/document.h"
+#include "veld/model/populate.h"
 #include "veld/options.h"
 #include "veld/rpc/service.h"
 #include "veld/server/doors.h"
+#include "veld/server/tls.h"
 
 #include <cerrno>
 #include <csignal>
@@ -87,12 +89,23 @@ int main(int argc, char **argv)
     state_store store;
     if (!wanted.state.empty() && !store.open(wanted.state, &error))
         return failed(error);
+    std::unique_ptr<tls_identity> identity;
+    if (!wanted.tls_certificate.empty()) {
+        identity = tls_identity::load(wanted.tls_certificate, wanted.tls_key, &error);
+        if (!identity)
+            return failed(error);
+    }
+    if (wanted.populate > 0) {
+        tree *fresh = model.get();
+        fresh->on_reset([fresh, &wanted] { populate(fresh, wanted.populate, wanted.populate_nested); });
+    }
     device machine(events, *model, store, wanted.reboot_ms);
     machine.start();
     service served(events, *model, machine);
-    doors entrances(events, [&served](arrival who) {
-        auto link = std::make_unique<transport>(std::move(who.fd));
-        served.welcome(std::move(who), std::move(link));
+    doors entrances(events, [&](arrival who) {
+        auto link = identity ? identity->accept(std::move(who.fd)) : std::make_unique<transport>(std::move(who.fd));
+        if (link)
+            served.welcome(std::move(who), std::move(link));
     });
     machine.connect({[&](const char *action) { served.announce(action); },
                      [&] {
@@ -102,8 +115,16 @@ int main(int argc, char **argv)
                      [&] { entrances.reopen(); }});
     for (const std::string &address : wanted.sockets)
         entrances.add(address);
+    for (const std::string &address : wanted.listen)
+        entrances.add(address);
     if (!entrances.open(&error))
         return failed(error);
+    // Whoever asked for port 0 reads here which one it is.
+    for (const auto &one : entrances.listeners()) {
+        if (one->is_tcp())
+            printf("listening on %s\n", one->address().c_str());
+    }
+    fflush(stdout);
     events.run();
     LOG_INFO("ends");
     return EXIT_SUCCESS;

@@ -19,9 +19,13 @@ constexpr const char *usage_text =
     "\n"
     "Options:\n"
     "\t    --socket PATH           UNIX socket to serve (default is \"/var/run/veld.sock\").\n"
+    "\t    --listen tcp://HOST:PORT  TCP address to serve, may be repeated; port 0 lets the system choose.\n"
+    "\t    --tls-cert FILE         Certificate chain (PEM): all sockets speak TLS.\n"
+    "\t    --tls-key FILE          Private key (PEM) of the certificate.\n"
     "\t    --model FILE            Model document to serve (default is \"gateway\").\n"
     "\t    --state DIR             Directory of what survives a restart (default is none).\n"
     "\t    --reboot-time SECONDS   How long a reboot takes (default is 3).\n"
+    "\t    --populate N[,M]        Give every table N instances, tables within tables M (default is 1).\n"
     "\t    --log LEVEL|FILE        Log up to error, warning (default), info or debug on standard error,\n"
     "\t                            or up to info into a file.\n"
     "\t    --import FILE.xml       Turn a Broadband Forum data model into a model document, and end.\n"
@@ -29,16 +33,32 @@ constexpr const char *usage_text =
     "\t-h, --help                  Print this help message.\n"
     "\t-v, --version               Display veld version.\n";
 
-enum option_value { option_socket = 1, option_model, option_log, option_state, option_reboot_time };
+enum option_value {
+    option_socket = 1,
+    option_model,
+    option_log,
+    option_state,
+    option_reboot_time,
+    option_listen,
+    option_tls_cert,
+    option_tls_key,
+    option_populate,
+    option_import,
+    option_output
+};
 
 const option long_options[] = {
     {"socket", required_argument, nullptr, option_socket},
     {"model", required_argument, nullptr, option_model},
     {"state", required_argument, nullptr, option_state},
     {"reboot-time", required_argument, nullptr, option_reboot_time},
+    {"listen", required_argument, nullptr, option_listen},
+    {"tls-cert", required_argument, nullptr, option_tls_cert},
+    {"tls-key", required_argument, nullptr, option_tls_key},
+    {"populate", required_argument, nullptr, option_populate},
+    {"import", required_argument, nullptr, option_import},
     {"log", required_argument, nullptr, option_log},
-    {"import", required_argument, nullptr, 'I'},
-    {"output", required_argument, nullptr, 'O'},
+    {"output", required_argument, nullptr, option_output},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'v'},
     {nullptr, 0, nullptr, 0},
@@ -53,6 +73,22 @@ bool seconds(const char *text, int64_t *milliseconds)
         return false;
     *milliseconds = static_cast<int64_t>(value * 1000);
     return true;
+}
+
+bool count(const char **text, uint32_t *out)
+{
+    const auto end = std::from_chars(*text, *text + strlen(*text), *out);
+    *text = end.ptr;
+    return end.ec == std::errc{};
+}
+
+bool two_counts(const char *text, uint32_t *first, uint32_t *second)
+{
+    if (!count(&text, first))
+        return false;
+    if (*text == ',' && !count(&++text, second))
+        return false;
+    return *text == '\0';
 }
 
 options_outcome wrong(const char *option, const char *text, const char *expected)
@@ -81,13 +117,28 @@ options_outcome options_parse(int argc, char **argv, options *out)
             if (!seconds(optarg, &out->reboot_ms))
                 return wrong("--reboot-time", optarg, "a number of seconds");
             break;
+        case option_listen:
+            if (strncmp(optarg, "tcp://", strlen("tcp://")) != 0)
+                return wrong("--listen", optarg, "of the form tcp://HOST:PORT");
+            out->listen.emplace_back(optarg);
+            break;
+        case option_tls_cert:
+            out->tls_certificate = optarg;
+            break;
+        case option_tls_key:
+            out->tls_key = optarg;
+            break;
+        case option_populate:
+            if (!two_counts(optarg, &out->populate, &out->populate_nested))
+                return wrong("--populate", optarg, "one or two numbers of instances, like 10,2");
+            break;
+        case option_import:
+            out->import = optarg;
+            break;
         case option_log:
             out->log = optarg;
             break;
-        case 'I':
-            out->import = optarg;
-            break;
-        case 'O':
+        case option_output:
             out->import_output = optarg;
             break;
         case 'h':
@@ -105,7 +156,11 @@ options_outcome options_parse(int argc, char **argv, options *out)
         fprintf(stderr, "veld: what is \"%s\"?\n%s", argv[optind], usage_text);
         return options_outcome::wrong;
     }
-    if (out->sockets.empty())
+    if (out->tls_certificate.empty() != out->tls_key.empty()) {
+        fputs("veld: --tls-cert and --tls-key belong together\n", stderr);
+        return options_outcome::wrong;
+    }
+    if (out->sockets.empty() && out->listen.empty())
         out->sockets.emplace_back(default_socket);
     return options_outcome::run;
 }

@@ -9,9 +9,12 @@ namespace veld
 {
 
 struct options {
-    std::string import;               ///< a data model to import instead of serving anything; empty: none
-    std::string import_output;        ///< the file that the import goes to; empty: standard output
-    std::vector<std::string> sockets; ///< paths, and addresses of the form tcp://HOST:PORT
+    std::vector<std::string> sockets;     ///< paths
+    std::vector<std::string> listen;      ///< addresses of the form tcp://HOST:PORT
+    std::string tls_certificate, tls_key; ///< set together: every socket then speaks TLS
+    std::string import;                   ///< a data model to import instead of serving anything; empty: none
+    std::string import_output;            ///< the file that the import goes to; empty: standard output
+    uint32_t populate = 0, populate_nested = 1;
     std::string model = "gateway";
     std::string log;
     std::string state; ///< directory of what survives a restart; empty: nothing does

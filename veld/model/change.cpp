@@ -144,12 +144,13 @@ fault find_instance(tree *in, role who, std::string_view path, node **found)
     return {};
 }
 
-// A unique number that is taken already gets the next free value, so that a new instance never collides.
-void free_unique_numbers(tree *in, node *of)
+} // namespace
+
+void settle_instance(tree *in, node *of, bool changed)
 {
     if (of->what->kind == node_kind::object) {
         for (const auto &child : of->children)
-            free_unique_numbers(in, child.get());
+            settle_instance(in, child.get(), changed);
         return;
     }
     if (of->what->kind != node_kind::parameter || !of->what->unique || !json_is_integer(of->what->initial.get()))
@@ -160,10 +161,8 @@ void free_unique_numbers(tree *in, node *of)
     while (in->taken(of, value.get()) != 0 && value_check(*of->what, value.get(), &kept).code == 0)
         value.reset(json_integer(++number));
     if (number != json_integer_value(of->what->initial.get()) && value_check(*of->what, value.get(), &kept).code == 0)
-        in->store(of, std::move(value), true);
+        in->store(of, std::move(value), changed);
 }
-
-} // namespace
 
 fault change_values(tree *in, role who, const json_t *list, std::vector<value_change> *changes)
 {
@@ -241,7 +240,7 @@ fault change_add(tree *in, role who, std::string_view path, uint64_t order, node
     if (table->table->highest == std::numeric_limits<uint32_t>::max())
         return {code::resources, std::string(path) + " has no instance numbers left", ""};
     *added = in->add(table, order == 0 ? std::numeric_limits<size_t>::max() : static_cast<size_t>(order - 1));
-    free_unique_numbers(in, *added);
+    settle_instance(in, *added, true);
     table->changed = true;
     return {};
 }

@@ -21,6 +21,9 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
 /// Adds an instance to the table at `path`; `order` counts from 1, 0 is last. `*added` receives the instance.
 fault change_add(tree *in, role who, std::string_view path, uint64_t order, node **added);
 
+/// Gives the unique numbers of a new instance values that no other instance has. `changed`: they are to be saved.
+void settle_instance(tree *in, node *instance, bool changed);
+
 /// Deletes an instance; `*table` and `*number` say afterwards which it was.
 fault change_delete(tree *in, role who, std::string_view path, node **table, uint32_t *number);
 

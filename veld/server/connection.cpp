@@ -15,6 +15,7 @@ constexpr size_t events_limit = size_t{4} << 20;
 // What one client may take of a round before the others have theirs.
 constexpr int lines_at_once = 64;
 constexpr int reads_at_once = 16;
+constexpr size_t written_at_once = size_t{4} << 20;
 constexpr int64_t greeting_limit_ms = 10000;
 constexpr size_t joined_message = 16384;
 
@@ -215,7 +216,8 @@ void connection::flush()
 {
     const bool was_blocked = blocked();
     write_wants_read_ = false;
-    while (greeted_ && !output_.empty()) {
+    size_t budget = written_at_once;
+    while (greeted_ && !output_.empty() && budget > 0) {
         std::string &first = output_.front();
         const io_result put = link_->write(first.data() + written_, first.size() - written_);
         if (put.state == io_state::want_write)
@@ -228,6 +230,7 @@ void connection::flush()
             close();
             return;
         }
+        budget -= std::min(budget, put.bytes);
         written_ += put.bytes;
         queued_ -= put.bytes;
         if (written_ == first.size()) {

@@ -1,0 +1,187 @@
+"""The daemon's doors: TCP beside UNIX, TLS on both."""
+
+import re
+import socket
+import ssl
+import subprocess
+import time
+from pathlib import Path
+
+import pytest
+
+from lib import settings
+from lib.wire import Closed, Peer, WireError
+
+SMALL = Path(__file__).parent / "models" / "small.json"
+
+
+@pytest.fixture(scope="module")
+def certificate(tmp_path_factory):
+    """A certificate for localhost and its key, signed by themselves."""
+    folder = tmp_path_factory.mktemp("tls")
+    subprocess.run(
+        [
+            "openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=localhost",
+            "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1",
+            "-keyout", folder / "key.pem", "-out", folder / "cert.pem",
+        ],
+        check=True,
+        capture_output=True,
+    )  # fmt: skip
+    return folder / "cert.pem", folder / "key.pem"
+
+
+def tcp_address(veld):
+    """The address that the daemon says it listens on."""
+    moment = settings.deadline()
+    while settings.remaining(moment):
+        found = re.search(r"^listening on (tcp://\S+)$", veld.log, re.M)
+        if found:
+            return found[1]
+        time.sleep(0.005)
+    raise AssertionError(veld.report())
+
+
+def secure(address, certificate, **options):
+    context = ssl.create_default_context(cafile=certificate[0])
+    for name, value in options.items():
+        setattr(context, name, value)
+    if address.startswith("tcp://"):
+        host, _, port = address[6:].rpartition(":")
+        link = socket.create_connection((host, int(port)), settings.DEADLINE)
+    else:
+        link = socket.socket(socket.AF_UNIX)
+        link.settimeout(settings.DEADLINE)
+        link.connect(address)
+    return Peer(address, context.wrap_socket(link, server_hostname="localhost"))
+
+
+def ask(peer):
+    answer = peer.call("GetParameterValues", ParameterNames=["Device.Serial"])
+    assert answer["ParameterList"] == [{"Name": "Device.Serial", "Value": "S1"}]
+
+
+def test_tcp_beside_unix_and_the_chosen_port_is_told(veld_start):
+    veld = veld_start("--listen", "tcp://127.0.0.1:0", model=SMALL)
+    address = tcp_address(veld)
+    assert not address.endswith(":0")
+    ask(Peer(address))
+    ask(veld.connect())
+
+
+def test_ipv6_and_names(veld_start):
+    veld = veld_start("--listen", "tcp://[::1]:0", "--listen", "tcp://localhost:0", model=SMALL)
+    tcp_address(veld)
+    moment = settings.deadline()
+    while len(re.findall("^listening on", veld.log, re.M)) < 2 and settings.remaining(moment):
+        time.sleep(0.005)
+    addresses = re.findall(r"^listening on (tcp://\S+)$", veld.log, re.M)
+    assert addresses[0].startswith("tcp://[::1]:") and addresses[1].startswith("tcp://localhost:")
+    for address in addresses:
+        ask(Peer(address))
+
+
+def test_over_tcp_nobody_logs_in_without_a_password(veld_start):
+    veld = veld_start("--listen", "tcp://127.0.0.1:0", model=SMALL)
+    peer = Peer(tcp_address(veld))
+    with pytest.raises(WireError) as error:
+        peer.call("Login", User="root")
+    assert error.value.code == 9001
+    assert peer.call("Login", User="admin", Password="admin") == {}
+
+
+def test_a_reboot_closes_tcp_too_and_opens_the_same_port(veld_start):
+    veld = veld_start("--listen", "tcp://127.0.0.1:0", "--reboot-time", "0.2", model=SMALL)
+    address = tcp_address(veld)
+    peer = Peer(address)
+    peer.call("Login", User="admin", Password="admin")
+    peer.call("Reboot", Force=True)
+    with pytest.raises(Closed):
+        peer.receive()
+    with pytest.raises(OSError):
+        Peer(address)
+    veld.wait_until_up()
+    ask(Peer(address))
+
+
+@pytest.mark.parametrize("kind", ["unix", "tcp"])
+def test_tls(veld_start, certificate, kind):
+    veld = veld_start(
+        "--listen", "tcp://127.0.0.1:0", "--tls-cert", certificate[0], "--tls-key", certificate[1], model=SMALL
+    )
+    address = tcp_address(veld) if kind == "tcp" else veld.address
+    peer = secure(address, certificate)
+    assert peer.link.version() in ("TLSv1.2", "TLSv1.3")
+    ask(peer)
+    peer.send_raw(b'{"id":1,"method":"Logout"}\n' * 2000)
+    assert [peer.receive()["id"] for _ in range(2000)] == [1] * 2000
+    older = secure(address, certificate, maximum_version=ssl.TLSVersion.TLSv1_2)
+    ask(older)
+    if kind == "unix":
+        assert peer.call("Login", User="root") == {}
+
+
+def test_tls_large_messages_both_ways(veld_start, certificate):
+    veld = veld_start("--tls-cert", certificate[0], "--tls-key", certificate[1], model=SMALL)
+    peer = secure(veld.address, certificate)
+    names = ["Device."] * 3000
+    answer = peer.call("GetParameterValues", ParameterNames=names, timeout=30)
+    assert len(answer["ParameterList"]) % 3000 == 0
+    big = "x" * (8 << 20)
+    peer.join(30)
+    peer.send_event(30, big)
+    assert peer.event() == (30, big)
+
+
+def test_a_plain_client_at_a_tls_door_is_turned_away(veld_start, certificate):
+    veld = veld_start("--tls-cert", certificate[0], "--tls-key", certificate[1], model=SMALL)
+    plain = veld.connect()
+    plain.send_raw(b'{"id":1,"method":"Logout"}\n')
+    try:
+        assert plain.closed()
+    except ValueError:
+        pass  # the alert, which is no message
+    ask(secure(veld.address, certificate))
+
+
+def test_a_client_that_never_finishes_its_handshake_holds_nobody_up(veld_start, certificate):
+    veld = veld_start("--tls-cert", certificate[0], "--tls-key", certificate[1], model=SMALL)
+    silent = [veld.connect() for _ in range(20)]
+    silent[0].send_raw(b"\x16\x03\x01\x02")
+    ask(secure(veld.address, certificate))
+
+
+def started(*options):
+    run = subprocess.run([settings.VELD, *options], capture_output=True, text=True, timeout=settings.DEADLINE)
+    return run.returncode, run.stdout, run.stderr
+
+
+def test_what_cannot_be_listened_on_is_said(certificate, tmp_path):
+    common = ("--model", SMALL)
+    assert started(*common, "--listen", "127.0.0.1:1")[0] == 2
+    for address in ("tcp://127.0.0.1", "tcp://127.0.0.1:", "tcp://:1", "tcp://127.0.0.1:x"):
+        status, out, said = started(*common, "--listen", address)
+        assert (status, out, said) == (1, "", f"veld: {address}: an address has the form tcp://HOST:PORT\n")
+    with socket.socket() as taken:
+        taken.bind(("127.0.0.1", 0))
+        taken.listen()
+        address = f"tcp://127.0.0.1:{taken.getsockname()[1]}"
+        assert started(*common, "--listen", address) == (1, "", f"veld: {address}: Address already in use\n")
+    assert started(*common, "--tls-cert", certificate[0])[0] == 2
+    status, _, said = started(*common, "--tls-cert", tmp_path / "none", "--tls-key", certificate[1])
+    assert status == 1 and said.startswith(f"veld: {tmp_path / 'none'}: ")
+    status, _, said = started(*common, "--tls-cert", certificate[0], "--tls-key", certificate[0])
+    assert status == 1 and said.startswith(f"veld: {certificate[0]}: ")
+
+
+def test_populate(veld_start):
+    veld = veld_start("--populate", "3,2", model=SMALL)
+    peer = veld.connect()
+    answer = peer.call("GetParameterValues", ParameterNames=["Device.Host.", "Device.Search.order"])
+    names = [entry["Name"] for entry in answer["ParameterList"]]
+    assert "Device.Host.3.Address.2.IP" in names and "Device.Host.4.Alias" not in names
+    assert answer["ParameterList"][-1]["Value"] == "2,1,3"
+    # No more than the table takes.
+    crowded = veld_start("--populate", "9", model=SMALL).connect()
+    answer = crowded.call("GetParameterValues", ParameterNames=["Device.HostNumberOfEntries"])
+    assert answer["ParameterList"][0]["Value"] == 4
