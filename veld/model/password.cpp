@@ -47,7 +47,7 @@ json_ref password_hash(const json_t *password)
     for (const unsigned char byte : random)
         setting += letters[byte & 63];
     const auto work = std::make_unique<scratch>();
-    const char *hash = crypt_r(json_string_value(password), setting.c_str(), &work->data);
+    const char *hash = crypt_rn(json_string_value(password), setting.c_str(), &work->data, sizeof work->data);
     return json_ref{json_string(hash != nullptr && hash[0] == '$' ? hash : "*")};
 }
 
@@ -57,7 +57,7 @@ bool password_matches(const std::string &password, const std::string &hash)
     static const std::string nobody = "$6$000000000000$";
     const bool usable = hash.size() > 3 && hash[0] == '$' && password.find('\0') == std::string::npos;
     const auto work = std::make_unique<scratch>();
-    const char *made = crypt_r(password.c_str(), (usable ? hash : nobody).c_str(), &work->data);
+    const char *made = crypt_rn(password.c_str(), (usable ? hash : nobody).c_str(), &work->data, sizeof work->data);
     return usable && made != nullptr && made[0] == '$' && same(made, hash);
 }
 
