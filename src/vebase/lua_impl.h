@@ -1,0 +1,49 @@
+// What the pieces of the Lua contexts share.
+#pragma once
+
+#include <lua.hpp>
+
+#include <csignal>
+#include <cstdio>
+
+#include "platform/ve_lua.h"
+
+/// The context as its own library sees it. No code here keeps an owner (a std::string, a message) in a local across a
+/// call that can raise: Lua leaves by longjmp.
+struct ve_lua_state : ve_lua_context {
+    bool collecting = false;          ///< prints go to `output`
+    FILE *standard[3] = {};           ///< the streams behind io.stdin, io.stdout and io.stderr; owned
+    const void *null_value = nullptr; ///< identity of dm.null
+};
+
+/// The context of a state or of any of its coroutines.
+ve_lua_state *ve_lua_of(lua_State *L);
+
+/// SIGINT blocked for a scope, so that a wait cannot miss it.
+class ve_lua_sigint_blocked
+{
+public:
+    ve_lua_sigint_blocked();
+    ve_lua_sigint_blocked(const ve_lua_sigint_blocked &) = delete;
+    ve_lua_sigint_blocked &operator=(const ve_lua_sigint_blocked &) = delete;
+    ~ve_lua_sigint_blocked();
+
+private:
+    sigset_t before_;
+};
+
+const ve_lua_hooks &ve_lua_installed_hooks();
+
+/// `timeout_ms` (-1 none), shortened to the time that code may still run.
+int ve_lua_time_left(int timeout_ms);
+
+/// Set-up of a state, in a protected call: may raise.
+void ve_lua_open_interrupts(lua_State *L);
+void ve_lua_open_io(lua_State *L);
+void ve_lua_open_dm(lua_State *L);
+
+/// Opens the context's streams. False when there is no memory for them.
+bool ve_lua_open_streams(ve_lua_state *context);
+/// Writes out what user code left in the streams' own buffers.
+void ve_lua_flush_streams(ve_lua_state *context);
+void ve_lua_close_streams(ve_lua_state *context);
