@@ -1,18 +1,13 @@
-// Plain stand-ins until the line editor, the history and the Lua console are linked; weak, so that the real ones win.
+// Plain stand-ins until the line editor and the history are linked; weak, so that the real ones win.
 #include <cstdio>
 #include <cstdlib>
 
-#include "lua/lua_mode.h"
 #include "platform/ve_history.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
 
 #define PENDING __attribute__((weak))
 static bool ended;
-PENDING int run_lua_script(const char *, json_t *)
-{
-    return -1;
-}
 PENDING void ve_history_add(const char *) {}
 PENDING void ve_history_clear() {}
 PENDING int ve_history_dump(const char *, int)

@@ -10,6 +10,7 @@ constexpr char history_file[] = "/tmp/.kest.hist";
 
 ve_rl_autocomplete_cb autocomplete_callback = nullptr;
 ve_rl_hint_cb hint_callback = nullptr;
+bool prepared = false; // between kest_readline_prepare and kest_readline_cleanup: the history was loaded
 
 } // namespace
 
@@ -35,11 +36,15 @@ void kest_readline_prepare()
     kest_set_autocomplete(1);
     kest_set_hint(1);
     ve_history_load(history_file);
+    prepared = true;
 }
 
 void kest_readline_cleanup()
 {
     kest_set_autocomplete(0);
     kest_set_hint(0);
-    ve_history_dump(history_file, -1);
+    // Lua mode is entered without a shell too; a history that was never loaded must not replace the user's.
+    if (prepared)
+        ve_history_dump(history_file, -1);
+    prepared = false;
 }

@@ -1,0 +1,24 @@
+#include "lua/client.h"
+
+#include "event/listener.h"
+#include "event/request.h"
+#include "platform/ve_out.h"
+
+namespace
+{
+
+void change_login(const char *user, const char *password)
+{
+    kest_update_login(user, password);
+}
+
+} // namespace
+
+lua_client::lua_client() : context_(ve_lua_init(0))
+{
+    ve_lua_set_hooks({msg_exec, msg_send, change_login, stop_event_handler});
+    if (context_ == nullptr)
+        ve_puts("LUA ERROR: not enough memory");
+    else
+        context_->request_ctx = request_ctx;
+}

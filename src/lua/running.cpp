@@ -1,0 +1,70 @@
+#include "lua/running.h"
+
+#include <csignal>
+#include <pthread.h>
+
+#include "platform/ve_wait.h"
+#include "state/interrupt.h"
+
+namespace
+{
+
+struct sigaction action_before;
+sigset_t mask_before;
+
+/// Where no loop waits for Ctrl-C: the second one ends the program at once, should the code not stop.
+void note_or_end(int)
+{
+    if (ve_wait_interrupted()) {
+        signal(SIGINT, SIG_DFL);
+        raise(SIGINT); // delivered when this handler returns
+    }
+    ve_wait_note_interrupt();
+}
+
+sigset_t only_sigint()
+{
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    return set;
+}
+
+} // namespace
+
+void lua_run_begin()
+{
+    ve_wait_clear_interrupt();
+    sigaction(SIGINT, nullptr, &action_before);
+    struct sigaction action = action_before;
+    action.sa_flags &= ~SA_RESTART; // a read of the code's own ends too
+    if (sigint_buf_setted != 0)
+        interrupt_set_soft(ve_wait_note_interrupt);
+    else if (action_before.sa_handler == SIG_DFL)
+        action.sa_handler = note_or_end;
+    sigaction(SIGINT, &action, nullptr);
+    const sigset_t sigint = only_sigint();
+    pthread_sigmask(SIG_UNBLOCK, &sigint, &mask_before);
+}
+
+bool lua_run_end()
+{
+    const sigset_t sigint = only_sigint();
+    pthread_sigmask(SIG_BLOCK, &sigint, nullptr);
+    sigaction(SIGINT, &action_before, nullptr);
+    interrupt_set_soft(nullptr);
+    const bool interrupted = ve_wait_interrupted();
+    ve_wait_clear_interrupt();
+    pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
+    return interrupted;
+}
+
+void lua_run_deliver()
+{
+    if (sigint_buf_setted != 0) {
+        sigint_handler(SIGINT);
+        return;
+    }
+    raise(SIGINT);
+    ve_wait_checkpoint();
+}

@@ -1,0 +1,92 @@
+// Running a Lua file.
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "event/request.h"
+#include "lua/client.h"
+#include "lua/lua_mode.h"
+#include "lua/running.h"
+#include "platform/ve_json.h"
+#include "platform/ve_landing.h"
+#include "platform/ve_out.h"
+
+namespace
+{
+
+constexpr char byte_order_mark[] = "\xef\xbb\xbf";
+
+struct file_closer {
+    void operator()(FILE *file) const { fclose(file); }
+};
+using file_ref = std::unique_ptr<FILE, file_closer>;
+
+struct free_deleter {
+    void operator()(char *text) const { free(text); }
+};
+
+/// The whole file into `*text`. False when it cannot be read, as a directory cannot.
+bool read_script(const char *path, std::string *text)
+{
+    const file_ref file(path != nullptr ? fopen(path, "re") : nullptr);
+    struct stat info;
+    if (!file || fstat(fileno(file.get()), &info) != 0 || S_ISDIR(info.st_mode))
+        return false;
+    if (S_ISREG(info.st_mode) && info.st_size > 0)
+        text->reserve(static_cast<size_t>(info.st_size) + 1);
+    char *line = nullptr;
+    size_t size = 0;
+    for (ssize_t count; (count = getline(&line, &size, file.get())) >= 0;)
+        text->append(line, static_cast<size_t>(count));
+    free(line);
+    return ferror(file.get()) == 0;
+}
+
+/// Takes the interpreter's line away, but for its line feed, so that the lines keep their numbers.
+void strip_interpreter(std::string *text)
+{
+    if (text->starts_with(byte_order_mark))
+        text->erase(0, sizeof byte_order_mark - 1);
+    if (!text->starts_with("#!"))
+        return;
+    const size_t end = text->find('\n');
+    if (end != std::string::npos)
+        text->erase(0, end);
+}
+
+} // namespace
+
+int run_lua_script(const char *path, json_t *params)
+{
+    jump_safe<json_ref> first_word;
+    if (path == nullptr) {
+        first_word = json_ref::share(json_array_get(params, 0));
+        json_array_remove(params, 0);
+        path = json_string_value(first_word.get());
+    }
+    jump_safe<std::string> text;
+    if (!read_script(path, &text)) {
+        ve_printf("Cannot open script file %s\n", path != nullptr ? path : "(null)");
+        return -1;
+    }
+    strip_interpreter(&text);
+    const jump_safe<lua_client> client;
+    if (!client)
+        return 0;
+    lua_run_begin();
+    const int status = ve_lua_exec(client.get(), text.data(), text.size(), path, params);
+    if (lua_run_end()) {
+        ve_out_write(client.get()->output.data(), client.get()->output.size());
+        ve_out_flush();
+        lua_run_deliver();
+        return 0;
+    }
+    const std::string &result = status != 0 ? client.get()->error : client.get()->output;
+    ve_out_write(result.data(), result.size());
+    if (status != 0)
+        ve_out_write("\n", 1);
+    return 0;
+}

@@ -1,0 +1,186 @@
+#include "lua/session.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include <lua.hpp>
+
+#include "lua/complete.h"
+#include "lua/printer.h"
+#include "lua/traceback.h"
+#include "platform/ve_lua.h"
+#include "platform/ve_out.h"
+#include "platform/ve_rl.h"
+#include "platform/ve_wait.h"
+
+namespace
+{
+
+constexpr char chunk_name[] = "stdin";
+constexpr char results_name[] = "_";
+constexpr char unfinished_end[] = "<eof>";
+constexpr char error_color[] = "\033[0;31m";
+constexpr char label_color[] = "\033[1;32m";
+constexpr char value_color[] = "\033[0;32m";
+constexpr char reset_color[] = "\033[0m";
+
+int results_reference = -1;
+unsigned results_count = 0;
+bool owns_underscore = false;
+
+/// Writes the error message on top and takes it off. Nothing after Ctrl-C: its error was made to stop the code.
+void report_error(lua_State *L)
+{
+    size_t size = 0;
+    const char *message = lua_tolstring(L, -1, &size);
+    if (!ve_wait_interrupted()) {
+        const bool colours = luap_error_colours();
+        if (colours)
+            ve_lua_write_error(error_color, strlen(error_color));
+        if (message != nullptr)
+            ve_lua_write_error(message, size);
+        ve_lua_write_error(reset_color, colours ? strlen(reset_color) : 0);
+        ve_lua_write_error("\n", 1);
+    }
+    lua_pop(L, 1);
+}
+
+/// Calls the function below `nargs` arguments with the message handler; an error is reported.
+int call_protected(lua_State *L, int nargs, int nresults)
+{
+    const int base = lua_gettop(L) - nargs;
+    lua_pushcclosure(L, luap_traceback, 0);
+    lua_insert(L, base);
+    const int status = lua_pcallk(L, nargs, nresults, base, 0, nullptr);
+    if (status != LUA_OK)
+        report_error(L);
+    lua_remove(L, base);
+    return status;
+}
+
+int prepare(lua_State *L)
+{
+    if (results_reference == -1) {
+        lua_newtable(L);
+        results_reference = luaL_ref(L, LUA_REGISTRYINDEX);
+    }
+    if (lua_getglobal(L, results_name) == LUA_TNIL) {
+        lua_rawgeti(L, LUA_REGISTRYINDEX, results_reference);
+        lua_setglobal(L, results_name);
+        owns_underscore = true;
+    }
+    return 0;
+}
+
+int cleanup(lua_State *L)
+{
+    lua_pushnil(L);
+    lua_setglobal(L, results_name);
+    return 0;
+}
+
+/// Lua function of the results table and a value: shows the value and stores it.
+int show_result(lua_State *L)
+{
+    const char *description = luap_describe(L, 2);
+    const size_t size = luap_description_length();
+    lua_pushvalue(L, 2);
+    lua_rawseti(L, 1, static_cast<lua_Integer>(results_count) + 1);
+    ++results_count;
+
+    const bool colours = luap_colours && ve_out_is_terminal();
+    char label[64];
+    const int label_size = snprintf(label, sizeof label, "%s%s[%u]%s = ", colours ? label_color : "", results_name,
+                                    results_count, colours ? value_color : "");
+    ve_lua_write(label, static_cast<size_t>(label_size));
+    ve_lua_write(description, size);
+    ve_lua_write(reset_color, colours ? strlen(reset_color) : 0);
+    ve_lua_write("\n", 1);
+    return 0;
+}
+
+bool ends_unfinished(const char *message, size_t size)
+{
+    const size_t end = strlen(unfinished_end);
+    return size > end && memcmp(message + size - end, unfinished_end, end) == 0;
+}
+
+} // namespace
+
+void kest_lua_init(lua_State *L)
+{
+    lua_complete_set_state(L);
+    ve_rl_set_autocomplete_cb(lua_autocomplete);
+    results_reference = -1;
+    results_count = 0;
+    owns_underscore = false;
+}
+
+void kest_lua_prepare(lua_State *L)
+{
+    lua_pushcfunction(L, prepare);
+    call_protected(L, 0, 0);
+}
+
+void kest_lua_cleanup(lua_State *L)
+{
+    if (!owns_underscore)
+        return;
+    lua_pushcfunction(L, cleanup);
+    call_protected(L, 0, 0);
+}
+
+int luap_call(lua_State *L, int nargs)
+{
+    return call_protected(L, nargs, LUA_MULTRET);
+}
+
+void kest_lua_run_chunk(lua_State *L)
+{
+    const int chunk = lua_gettop(L);
+    if (luap_call(L, 0) == LUA_OK) {
+        const int last = lua_gettop(L);
+        // A description that fails is reported in its place; the others follow.
+        for (int i = chunk; i <= last && !ve_wait_interrupted(); ++i) {
+            if (lua_checkstack(L, LUA_MINSTACK) == 0) {
+                lua_settop(L, chunk);
+                lua_pushliteral(L, "too many results to show");
+                report_error(L);
+                break;
+            }
+            const bool colours = luap_colours;
+            lua_pushcfunction(L, show_result);
+            lua_rawgeti(L, LUA_REGISTRYINDEX, results_reference);
+            lua_pushvalue(L, i);
+            call_protected(L, 2, 0);
+            luap_colours = colours;
+        }
+    }
+    lua_settop(L, chunk - 1);
+}
+
+int kest_lua_execute(lua_State *L, const char *text, size_t length)
+{
+    static std::string expression;
+    expression.assign("return ").append(text, length);
+    int status = luaL_loadbufferx(L, expression.data(), expression.size(), chunk_name, nullptr);
+    if (status != LUA_OK) {
+        lua_pop(L, 1);
+        status = luaL_loadbufferx(L, text, length, chunk_name, nullptr);
+    }
+    if (status == LUA_ERRSYNTAX) {
+        size_t size = 0;
+        const char *message = lua_tolstring(L, -1, &size);
+        if (ends_unfinished(message, size)) {
+            lua_pop(L, 1);
+            return 1;
+        }
+    }
+    if (status == LUA_ERRSYNTAX || status == LUA_ERRMEM) {
+        report_error(L);
+        return -1;
+    }
+    kest_lua_run_chunk(L);
+    return 0;
+}
