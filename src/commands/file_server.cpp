@@ -140,6 +140,7 @@ bool file_transfer::accept_daemon()
             listener_.reset();
             return true;
         }
+        peer_.reset();
     }
     return false;
 }
