@@ -66,7 +66,7 @@ TEST(CommandTable, RequestsAreTheCommandsWithARequestHandler)
          {"cd", "catree", "clear", "color", "help", "?", "luarecord", "opt", "pwd", "record", "take", "tree", "up"})
         EXPECT_EQ(parse_request(word), nullptr) << word;
     for (const char *word :
-         {"add", "AddObject", "attr", "cat", "get", "ls", "Reboot", "sh", "upgrade", "execute", "Download"})
+         {"add", "AddObject", "attr", "cat", "get", "ls", "Reboot", "lua", "sh", "upgrade", "execute", "Download"})
         EXPECT_NE(parse_request(word), nullptr) << word;
     EXPECT_EQ(parse_request(nullptr), nullptr);
 }
