@@ -197,7 +197,7 @@ def test_q_ends_a_recording_before_the_shell(lines, tmp_path):
 
 def test_a_recording_left_by_the_end_of_input_is_not_written(lines, tmp_path):
     lines("record file", "pwd", end="")
-    assert not (tmp_path / "file").exists()
+    assert (tmp_path / "file").read_text() == ""
 
 
 def test_a_recording_is_a_configuration(kest, fake, lines, tmp_path):
@@ -304,8 +304,8 @@ def test_ctrl_c_stops_a_long_output(shell, fake):
     fake.on("GetParameterValues", {"ParameterList": [
         {"Name": f"Device.P{n}", "Value": "x" * 60} for n in range(100_000)]})
     term.type("cat Device.\r")
-    term.wait_for("Device.P")
+    term.wait_for("P1")
     term.type("\x03")
     term.wait_prompt(timeout=3)
-    assert "P99999 " not in "\n".join(term.all_lines)
+    assert "P99999" not in "\n".join(term.all_lines)
     assert term.run("pwd") == [":"]
