@@ -79,22 +79,20 @@ bool is_over(int64_t deadline)
     return deadline >= 0 && ve_wait_deadline(0) >= deadline;
 }
 
-/// The descriptor through which a receive is woken, or -1.
-int wake_descriptor(ve_jrpcapi *ctx)
-{
-    int fd = ctx->wake_fd.load();
-    if (fd < 0) {
-        fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-        ctx->wake_fd.store(fd);
-    }
-    return fd;
-}
-
 void drain_wake(const ve_jrpcapi *ctx)
 {
     uint64_t count = 0;
     if (const int fd = ctx->wake_fd.load(); fd >= 0) [[maybe_unused]]
         const ssize_t ignored = read(fd, &count, sizeof count);
+}
+
+/// Whether a wake-up came since the last one was taken; takes it.
+bool take_wake(ve_jrpcapi *ctx)
+{
+    if (!ctx->woken.exchange(false))
+        return false;
+    drain_wake(ctx);
+    return true;
 }
 
 /// The next message that a receive hands out, or null; `*broken` says that the peer talks nonsense.
@@ -265,12 +263,8 @@ ve_jrpcmsg *ve_jrpcapi_recv(ve_jrpcapi *ctx)
     ctx->receiver = pthread_self();
     const int64_t deadline = ve_wait_deadline(ctx->timeout_ms);
     for (bool first = true;; first = false) {
-        // The descriptor is there before the flag is looked at, so that a wake-up cannot fall between the two.
-        const int wake_fd = wake_descriptor(ctx);
-        if (ctx->woken.exchange(false)) {
-            drain_wake(ctx);
+        if (take_wake(ctx))
             return nothing_received(ctx, ve_socket_err_interrupted);
-        }
         bool broken = false;
         if (ve_jrpcmsg *message = take_message(ctx, &broken)) {
             ve_jrpcapi_note(ctx, ve_socket_err_none);
@@ -282,6 +276,14 @@ ve_jrpcmsg *ve_jrpcapi_recv(ve_jrpcapi *ctx)
             if (is_over(deadline))
                 return nothing_received(ctx, ve_socket_err_timeout);
             ve_wait_checkpoint();
+        }
+        int wake_fd = ctx->wake_fd.load();
+        if (wake_fd < 0) {
+            wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+            ctx->wake_fd.store(wake_fd);
+            // A wake-up that found no descriptor has set the flag before; one that comes now finds it.
+            if (take_wake(ctx))
+                return nothing_received(ctx, ve_socket_err_interrupted);
         }
         pollfd fds[] = {{.fd = ctx->socket.fd, .events = POLLIN, .revents = 0},
                         {.fd = wake_fd, .events = POLLIN, .revents = 0}};
