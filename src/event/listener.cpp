@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "event/reconnect.h"
 #include "event/replies.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
@@ -91,13 +92,15 @@ void queue_instance(const json_t *value)
 
 void link_dropped()
 {
-    static constexpr char text[] = "Connection dropped\n";
+    // On a terminal a spinner leaves the cursor behind its picture.
+    const bool amid_row = reconnect_spins() && isatty(STDOUT_FILENO) != 0;
+    const std::string_view text = amid_row ? "\nConnection dropped\n" : "Connection dropped\n";
     if (running.exchange(0) == 0) {
-        ve_out_direct(text, sizeof text - 1);
+        ve_out_direct(text.data(), text.size());
         return;
     }
     ve_rl_write_control_char(pipe_fds[1], ve_rl_hide);
-    ve_out_direct(text, sizeof text - 1);
+    ve_out_direct(text.data(), text.size());
     ve_rl_write_control_char(pipe_fds[1], ve_rl_stop);
 }
 

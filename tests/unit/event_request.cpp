@@ -343,6 +343,20 @@ TEST(MsgExec, SaysOnceWhyReconnectingIsInVain)
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "\nkest: tcp://nowhere: not of the form tcp://HOST:PORT\n");
 }
 
+TEST(MsgExec, SaysFirstWhyTheConnectAtStartUpFailed)
+{
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
+    captured_output output;
+    const channel link("tcp://nowhere", false);
+    EXPECT_LT(ve_jrpcapi_connect(request_ctx), 0);
+    testing::internal::CaptureStderr();
+    {
+        const nagging ctrl_c(250);
+        EXPECT_EQ(ask(), -32002);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "kest: tcp://nowhere: not of the form tcp://HOST:PORT\n");
+}
+
 TEST(UpdateLogin, CopiesBeforeItFrees)
 {
     const scripted_peer peer(answer_all);
