@@ -4,7 +4,7 @@
 count=20000
 pin=(taskset -c 0)
 serve "$run/s" "${pin[@]}" "$tools/answers" "$run/s"
-yes "get Device.DeviceInfo.Uptime" | head -n $count >"$run/script"
+awk -v n=$count 'BEGIN { while (n-- > 0) print "get Device.DeviceInfo.Uptime" }' >"$run/script"
 "${pin[@]}" "$tools/compare" 7 pingpong "$tools/pingpong" "$run/s" $count Device.DeviceInfo.Uptime \
     -- kest "$kest" -u "$run/s" -s "$run/script" >"$run/rates"
 rate() { awk -v n=$count -v ms="$(field "$run/rates" "$1" 2)" 'BEGIN { printf "%d/s", n / ms * 1000 }'; }
