@@ -1,4 +1,5 @@
 #include "veld/base/log.h"
+#include "veld/firmware/downloads.h"
 #include "veld/import/import.h"
 #include "veld/live/live.h"
 #include "veld/model/document.h"
@@ -7,6 +8,7 @@
 #include "veld/rpc/service.h"
 #include "veld/server/doors.h"
 #include "veld/server/tls.h"
+#include "veld/state/workspace.h"
 
 #include <cerrno>
 #include <csignal>
@@ -69,7 +71,9 @@ int main(int argc, char **argv)
     if (outcome != options_outcome::run)
         return outcome == options_outcome::done ? EXIT_SUCCESS : 2;
     if (!wanted.import.empty())
-        return import_run(wanted.import.c_str(), wanted.import_output.empty() ? nullptr : wanted.import_output.c_str());
+        return import_run(wanted.import.c_str(), wanted.output.empty() ? nullptr : wanted.output.c_str());
+    if (!wanted.image_version.empty())
+        return image_make(wanted.image_version, wanted.image_payload, wanted.output);
     if (!wanted.log.empty() && !log_open(wanted.log.c_str()))
         return failed(wanted.log + ": " + strerror(errno));
 
@@ -95,13 +99,20 @@ int main(int argc, char **argv)
         if (!identity)
             return failed(error);
     }
-    if (wanted.populate > 0) {
-        tree *fresh = model.get();
-        fresh->on_reset([fresh, &wanted] { populate(fresh, wanted.populate, wanted.populate_nested); });
-    }
+    workspace folders;
+    if (!folders.open(store.directory(), wanted.files, &error))
+        return failed(error);
     device machine(events, *model, store, wanted.reboot_ms);
+    flasher flash(events, *model, machine, store, wanted.flash_ms);
+    model->on_reset([&] {
+        if (wanted.populate > 0)
+            populate(model.get(), wanted.populate, wanted.populate_nested);
+        flash.restore_version();
+    });
     machine.start();
-    service served(events, *model, machine);
+    downloads fetching(events, machine, flash,
+                       {folders.spool(), folders.files(), wanted.download_limit, wanted.download_stall_ms});
+    service served(events, *model, machine, fetching);
     doors entrances(events, [&](arrival who) {
         auto link = identity ? identity->accept(std::move(who.fd)) : std::make_unique<transport>(std::move(who.fd));
         if (link)

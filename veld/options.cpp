@@ -25,11 +25,17 @@ constexpr const char *usage_text =
     "\t    --model FILE            Model document to serve (default is \"gateway\").\n"
     "\t    --state DIR             Directory of what survives a restart (default is none).\n"
     "\t    --reboot-time SECONDS   How long a reboot takes (default is 3).\n"
+    "\t    --flash-time SECONDS    How long flashing a firmware takes (default is 5).\n"
+    "\t    --files DIR             Directory of downloaded files (default is below that of the state).\n"
+    "\t    --download-limit BYTES  The largest download (default is 4294967296).\n"
+    "\t    --download-timeout SECONDS  How long a download may stand still (default is 10).\n"
     "\t    --populate N[,M]        Give every table N instances, tables within tables M (default is 1).\n"
     "\t    --log LEVEL|FILE        Log up to error, warning (default), info or debug on standard error,\n"
     "\t                            or up to info into a file.\n"
     "\t    --import FILE.xml       Turn a Broadband Forum data model into a model document, and end.\n"
-    "\t    --output FILE           Where --import writes it (default is standard output).\n"
+    "\t    --make-image VERSION    Make a firmware image of that version, like PRODUCT-1.3.0, and end.\n"
+    "\t    --payload FILE          What follows the header of the image (default is nothing).\n"
+    "\t    --output FILE           Where --import and --make-image write (default is standard output).\n"
     "\t-h, --help                  Print this help message.\n"
     "\t-v, --version               Display veld version.\n";
 
@@ -44,7 +50,13 @@ enum option_value {
     option_tls_key,
     option_populate,
     option_import,
-    option_output
+    option_output,
+    option_flash_time,
+    option_files,
+    option_download_limit,
+    option_download_timeout,
+    option_make_image,
+    option_payload
 };
 
 const option long_options[] = {
@@ -58,6 +70,12 @@ const option long_options[] = {
     {"populate", required_argument, nullptr, option_populate},
     {"import", required_argument, nullptr, option_import},
     {"log", required_argument, nullptr, option_log},
+    {"flash-time", required_argument, nullptr, option_flash_time},
+    {"files", required_argument, nullptr, option_files},
+    {"download-limit", required_argument, nullptr, option_download_limit},
+    {"download-timeout", required_argument, nullptr, option_download_timeout},
+    {"make-image", required_argument, nullptr, option_make_image},
+    {"payload", required_argument, nullptr, option_payload},
     {"output", required_argument, nullptr, option_output},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'v'},
@@ -73,6 +91,12 @@ bool seconds(const char *text, int64_t *milliseconds)
         return false;
     *milliseconds = static_cast<int64_t>(value * 1000);
     return true;
+}
+
+bool bytes(const char *text, uint64_t *out)
+{
+    const auto end = std::from_chars(text, text + strlen(text), *out);
+    return end.ec == std::errc{} && *end.ptr == '\0';
 }
 
 bool count(const char **text, uint32_t *out)
@@ -117,6 +141,27 @@ options_outcome options_parse(int argc, char **argv, options *out)
             if (!seconds(optarg, &out->reboot_ms))
                 return wrong("--reboot-time", optarg, "a number of seconds");
             break;
+        case option_flash_time:
+            if (!seconds(optarg, &out->flash_ms))
+                return wrong("--flash-time", optarg, "a number of seconds");
+            break;
+        case option_files:
+            out->files = optarg;
+            break;
+        case option_download_limit:
+            if (!bytes(optarg, &out->download_limit))
+                return wrong("--download-limit", optarg, "a number of bytes");
+            break;
+        case option_download_timeout:
+            if (!seconds(optarg, &out->download_stall_ms))
+                return wrong("--download-timeout", optarg, "a number of seconds");
+            break;
+        case option_make_image:
+            out->image_version = optarg;
+            break;
+        case option_payload:
+            out->image_payload = optarg;
+            break;
         case option_listen:
             if (strncmp(optarg, "tcp://", strlen("tcp://")) != 0)
                 return wrong("--listen", optarg, "of the form tcp://HOST:PORT");
@@ -139,7 +184,7 @@ options_outcome options_parse(int argc, char **argv, options *out)
             out->log = optarg;
             break;
         case option_output:
-            out->import_output = optarg;
+            out->output = optarg;
             break;
         case 'h':
             fputs(usage_text, stdout);

@@ -13,11 +13,16 @@ struct options {
     std::vector<std::string> listen;      ///< addresses of the form tcp://HOST:PORT
     std::string tls_certificate, tls_key; ///< set together: every socket then speaks TLS
     std::string import;                   ///< a data model to import instead of serving anything; empty: none
-    std::string import_output;            ///< the file that the import goes to; empty: standard output
+    std::string output;                   ///< the file that an import or an image goes to; empty: standard output
     uint32_t populate = 0, populate_nested = 1;
     std::string model = "gateway";
     std::string log;
     std::string state; ///< directory of what survives a restart; empty: nothing does
+    std::string files; ///< directory of downloaded files; empty: below the state's
+    uint64_t download_limit = uint64_t{4} << 30;
+    int64_t download_stall_ms = 10000;
+    int64_t flash_ms = 5000;
+    std::string image_version, image_payload; ///< a firmware image to make instead of serving anything
     int64_t reboot_ms = 3000;
 };
 

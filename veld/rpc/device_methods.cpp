@@ -67,8 +67,33 @@ void service::announce(const char *action)
 void service::part_with_all()
 {
     executions_.end_all();
+    downloads_.end_all();
     for (auto &[id, one] : clients_)
         one.link->finish(parting_ms, false);
+}
+
+void service::download(client &from, const json_t *params, ticket to)
+{
+    param_reader reader(params);
+    download_request wanted;
+    wanted.type = reader.text("FileType");
+    wanted.url = reader.text("URL", false);
+    wanted.md5 = reader.text("MD5", false);
+    wanted.target = reader.text("TargetFileName", false);
+    wanted.transaction = reader.text("TransactionID", false);
+    if (reader.problem())
+        return answer_fault(to, reader.problem());
+    if (refused(from, role::administrator, to))
+        return;
+    from.link->expect_answer();
+    downloads_.request(from.link->id(), wanted, [this, to](const fault &problem, const std::string &result) {
+        if (problem)
+            answer_fault(to, problem);
+        else
+            answer_result(to, result);
+        if (client *waiting = find(to.client))
+            waiting->link->answer_given();
+    });
 }
 
 void service::execute(client &from, const json_t *params, ticket to)

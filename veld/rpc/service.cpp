@@ -19,13 +19,14 @@ const service::method_entry service::methods[] = {
     {"SaveConfig", &service::save_config},
     {"FactoryReset", &service::factory_reset},
     {"Reboot", &service::reboot},
+    {"Download", &service::download},
     {"Login", &service::log_in},
     {"Logout", &service::log_out},
     {"JoinGroup", &service::join_group},
 };
 
-service::service(loop &events, tree &model, device &machine)
-    : loop_(events), tree_(model), device_(machine), executions_(events)
+service::service(loop &events, tree &model, device &machine, downloads &fetching)
+    : loop_(events), tree_(model), device_(machine), downloads_(fetching), executions_(events)
 {
 }
 
@@ -43,6 +44,7 @@ void service::connection_over(connection &which)
     LOG_DEBUG("client %llu is gone", static_cast<unsigned long long>(id));
     sessions_.leave(id);
     executions_.end(id);
+    downloads_.end(id);
     // The connection may be in the middle of a call of its own.
     loop_.post([this, id] { clients_.erase(id); });
 }

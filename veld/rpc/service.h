@@ -2,6 +2,7 @@
 #pragma once
 
 #include "veld/device/device.h"
+#include "veld/firmware/downloads.h"
 #include "veld/model/fault.h"
 #include "veld/model/query.h"
 #include "veld/model/tree.h"
@@ -33,7 +34,7 @@ struct ticket {
 class service : public connection_owner
 {
 public:
-    service(loop &events, tree &model, device &machine);
+    service(loop &events, tree &model, device &machine, downloads &fetching);
 
     /// Takes a client that has connected, with its link.
     void welcome(arrival who, std::unique_ptr<transport> link);
@@ -89,12 +90,14 @@ private:
     void save_config(client &from, const json_t *params, ticket to);
     void factory_reset(client &from, const json_t *params, ticket to);
     void reboot(client &from, const json_t *params, ticket to);
+    void download(client &from, const json_t *params, ticket to);
     void execute(client &from, const json_t *params, ticket to);
     void answer_outcome(const ticket &to, method_outcome &outcome);
 
     loop &loop_;
     tree &tree_;
     device &device_;
+    downloads &downloads_;
     executions executions_;
     sessions sessions_;
     login_guard guard_;

@@ -1,0 +1,78 @@
+// Firmware, configurations and files that clients have the device fetch.
+#pragma once
+
+#include "veld/device/device.h"
+#include "veld/firmware/fetch.h"
+#include "veld/firmware/flash.h"
+#include "veld/model/fault.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+namespace veld
+{
+
+struct download_settings {
+    std::string spool; ///< where images wait for their confirmation
+    std::string files; ///< where files are stored
+    uint64_t limit;    ///< bytes of one transfer
+    int64_t stall_ms;  ///< how long a transfer may stand still
+};
+
+/// A Download request; texts that were not given are empty.
+struct download_request {
+    std::string type, url, md5, target, transaction;
+};
+
+class downloads
+{
+public:
+    /// The fault, or the result as JSON text.
+    using done_handler = std::function<void(const fault &, const std::string &result)>;
+
+    downloads(loop &events, device &machine, flasher &flash, download_settings settings);
+    downloads(const downloads &) = delete;
+    downloads &operator=(const downloads &) = delete;
+    ~downloads();
+
+    /// Takes a request of a client; `done` is called once, perhaps much later, or never when the client goes first.
+    void request(uint64_t client, const download_request &wanted, done_handler done);
+    /// Ends what is under way for a client that is gone.
+    void end(uint64_t client);
+    /// The device goes down.
+    void end_all();
+
+private:
+    struct transfer {
+        uint64_t client;
+        download_request wanted;
+        std::unique_ptr<spool> file;
+        std::unique_ptr<fetch> source;
+        done_handler done;
+    };
+    struct waiting_image {
+        image_header header;
+        std::string path;
+        std::string transaction;
+    };
+
+    fault decide(const download_request &wanted);
+    fault check(const download_request &wanted, source_url *url, std::string *name) const;
+    void arrived(uint64_t id, const fault &problem, const std::string &name);
+    fault finish(transfer &what, const std::string &name, std::string *result);
+    fault finish_firmware(transfer &what, std::string *result);
+    void drop_image();
+    void begin_flash();
+
+    loop &loop_;
+    device &device_;
+    flasher &flash_;
+    download_settings settings_;
+    uint64_t next_ = 1;
+    std::unordered_map<uint64_t, transfer> transfers_;
+    waiting_image image_; // of no path: none waits
+};
+
+} // namespace veld

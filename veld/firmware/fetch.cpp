@@ -1,0 +1,356 @@
+#include "veld/firmware/fetch.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+namespace veld
+{
+
+namespace
+{
+
+constexpr size_t block = size_t{256} << 10;
+constexpr int blocks_at_once = 4;
+constexpr size_t header_limit = size_t{64} << 10;
+
+// One for all fetches: each uses it within one call only.
+char *buffer()
+{
+    static char bytes[block];
+    return bytes;
+}
+
+void set_port(host_address *address, uint16_t port)
+{
+    if (address->bytes.ss_family == AF_INET6)
+        reinterpret_cast<sockaddr_in6 &>(address->bytes).sin6_port = htons(port);
+    else
+        reinterpret_cast<sockaddr_in &>(address->bytes).sin_port = htons(port);
+}
+
+} // namespace
+
+fetch::fetch(loop &events, source_url url, spool &into, int64_t stall_ms, done_handler done)
+    : loop_(events), url_(std::move(url)), into_(into), stall_ms_(stall_ms), done_(std::move(done))
+{
+}
+
+fetch::~fetch()
+{
+    *alive_ = false;
+    forget();
+    if (timer_ != 0)
+        loop_.cancel(timer_);
+}
+
+void fetch::start()
+{
+    // Posted, so that the result never comes before the caller is ready for it.
+    loop_.post([this, alive = alive_] {
+        if (!*alive)
+            return;
+        if (url_.scheme == source_scheme::file)
+            open_file();
+        else
+            look_up();
+    });
+}
+
+void fetch::watch(uint32_t bits)
+{
+    forget();
+    watched_ = fd_.get();
+    loop_.watch(watched_, bits, [this](uint32_t) { ready(); });
+}
+
+void fetch::forget()
+{
+    if (watched_ >= 0)
+        loop_.forget(watched_);
+    watched_ = -1;
+}
+
+void fetch::progress()
+{
+    if (timer_ != 0)
+        loop_.cancel(timer_);
+    timer_ = loop_.after(stall_ms_, [this] {
+        timer_ = 0;
+        stalled();
+    });
+}
+
+void fetch::stalled()
+{
+    if (stage_ == stage::looking_up)
+        fail(code::unreachable, url_.host + ": the name is not resolved in time");
+    else if (stage_ == stage::connecting)
+        connect_next();
+    else
+        fail(code::transfer_failed, "nothing arrived for too long");
+}
+
+void fetch::end(fault result)
+{
+    forget();
+    if (timer_ != 0)
+        loop_.cancel(timer_);
+    timer_ = 0;
+    fd_.reset();
+    // The handler may destroy this object, and the function with it.
+    const done_handler done = std::move(done_);
+    done(result);
+}
+
+// --- files ---
+
+void fetch::open_file()
+{
+    fd_.reset(open(url_.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat found {
+    };
+    if (!fd_ || fstat(fd_.get(), &found) != 0)
+        return fail(code::transfer_failed, url_.path + ": " + strerror(errno));
+    if (!S_ISREG(found.st_mode))
+        return fail(code::transfer_failed, url_.path + ": not a regular file");
+    read_file();
+}
+
+void fetch::read_file()
+{
+    for (int i = 0; i < blocks_at_once; ++i) {
+        const ssize_t count = read(fd_.get(), buffer(), block);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return fail(code::transfer_failed, url_.path + ": " + strerror(errno));
+        if (count == 0)
+            return end({});
+        if (!into_.append({buffer(), static_cast<size_t>(count)}))
+            return fail(code::transfer_failed, into_.error());
+    }
+    loop_.post([this, alive = alive_] {
+        if (*alive)
+            read_file();
+    });
+}
+
+// --- the network ---
+
+void fetch::look_up()
+{
+    progress();
+    host_address address;
+    if (parse_address(url_.host, AF_UNSPEC, &address)) {
+        addresses_.push_back(address);
+        connect_next();
+        return;
+    }
+    lookup_ = name_lookup::start(url_.host, AF_UNSPEC);
+    if (!lookup_)
+        return fail(code::resources, "too many names are being resolved");
+    watched_ = lookup_->fd();
+    loop_.watch(watched_, EPOLLIN, [this](uint32_t) { ready(); });
+}
+
+void fetch::looked_up()
+{
+    if (!lookup_->ended())
+        return;
+    addresses_ = lookup_->found();
+    forget();
+    lookup_.reset();
+    if (addresses_.empty())
+        return fail(code::unreachable, url_.host + ": no such host");
+    connect_next();
+}
+
+void fetch::connect_next()
+{
+    stage_ = stage::connecting;
+    int problem = ETIMEDOUT;
+    while (next_address_ < addresses_.size()) {
+        host_address &address = addresses_[next_address_++];
+        set_port(&address, url_.port);
+        forget();
+        fd_.reset(socket(address.bytes.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (fd_ && (connect(fd_.get(), reinterpret_cast<sockaddr *>(&address.bytes), address.length) == 0 ||
+                    errno == EINPROGRESS)) {
+            progress();
+            watch(EPOLLOUT);
+            return;
+        }
+        problem = errno;
+    }
+    fail(code::unreachable, url_.host + ": " + strerror(problem));
+}
+
+void fetch::connected()
+{
+    int problem = 0;
+    socklen_t size = sizeof problem;
+    getsockopt(fd_.get(), SOL_SOCKET, SO_ERROR, &problem, &size);
+    if (problem != 0) {
+        if (next_address_ < addresses_.size())
+            connect_next();
+        else
+            fail(code::unreachable, url_.host + ": " + strerror(problem));
+        return;
+    }
+    progress();
+    if (url_.scheme == source_scheme::netcat) {
+        stage_ = stage::body;
+        watch(EPOLLIN);
+        return;
+    }
+    const bool bracketed = url_.host.find(':') != std::string::npos;
+    request_ = "GET " + url_.path + " HTTP/1.0\r\nHost: " + (bracketed ? "[" + url_.host + "]" : url_.host) +
+               (url_.port == 80 ? "" : ":" + std::to_string(url_.port)) +
+               "\r\nUser-Agent: veld\r\nAccept: */*\r\nConnection: close\r\n\r\n";
+    stage_ = stage::asking;
+    send_request();
+}
+
+void fetch::send_request()
+{
+    while (!request_.empty()) {
+        const ssize_t count = send(fd_.get(), request_.data(), request_.size(), MSG_NOSIGNAL);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+            return;
+        if (count < 0)
+            return fail(code::transfer_failed, url_.host + ": " + strerror(errno));
+        request_.erase(0, static_cast<size_t>(count));
+    }
+    stage_ = stage::header;
+    watch(EPOLLIN);
+}
+
+void fetch::ready()
+{
+    switch (stage_) {
+    case stage::looking_up:
+        looked_up();
+        break;
+    case stage::connecting:
+        connected();
+        break;
+    case stage::asking:
+        send_request();
+        break;
+    default:
+        for (int i = 0; i < blocks_at_once && receive(); ++i)
+            continue;
+    }
+}
+
+// Returns false when nothing more is there, or everything is over (the object may then be gone).
+bool fetch::receive()
+{
+    const ssize_t count = recv(fd_.get(), buffer(), block, 0);
+    if (count < 0 && errno == EINTR)
+        return true;
+    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+        return false;
+    if (count < 0) {
+        fail(code::transfer_failed, url_.host + ": " + strerror(errno));
+        return false;
+    }
+    if (count == 0) {
+        received_all();
+        return false;
+    }
+    progress();
+    std::string_view bytes{buffer(), static_cast<size_t>(count)};
+    std::string rest;
+    if (stage_ == stage::header) {
+        header_ += bytes;
+        if (!take_header())
+            return false;
+        if (stage_ == stage::header)
+            return true;
+        rest.swap(header_);
+        bytes = rest;
+    }
+    if (remaining_ >= 0)
+        bytes = bytes.substr(0, static_cast<size_t>(std::min<int64_t>(remaining_, static_cast<int64_t>(bytes.size()))));
+    if (!into_.append(bytes)) {
+        fail(code::transfer_failed, into_.error());
+        return false;
+    }
+    if (remaining_ >= 0) {
+        remaining_ -= static_cast<int64_t>(bytes.size());
+        if (remaining_ == 0) {
+            received_all();
+            return false;
+        }
+    }
+    return true;
+}
+
+// False when the answer is refused. Otherwise, once the header is whole, what follows it stays in `header_` and the
+// stage is the body's.
+bool fetch::take_header()
+{
+    size_t end_of_header = header_.find("\r\n\r\n");
+    size_t gap = 4;
+    if (end_of_header == std::string::npos) {
+        end_of_header = header_.find("\n\n");
+        gap = 2;
+    }
+    if (end_of_header == std::string::npos) {
+        if (header_.size() <= header_limit)
+            return true;
+        fail(code::transfer_failed, url_.host + ": the header of the answer is too long");
+        return false;
+    }
+    std::string_view lines = std::string_view(header_).substr(0, end_of_header);
+    const std::string_view status = lines.substr(0, lines.find_first_of("\r\n"));
+    if (!status.starts_with("HTTP/1.") || status.size() < 12 || status.substr(8, 4) != " 200") {
+        fail(code::transfer_failed, url_.host + ": the server answered \"" + std::string(status.substr(0, 100)) + "\"");
+        return false;
+    }
+    for (size_t at = 0; at < lines.size();) {
+        const size_t feed = std::min(lines.find('\n', at), lines.size());
+        std::string line(lines.substr(at, feed - at));
+        std::transform(line.begin(), line.end(), line.begin(), [](unsigned char c) { return tolower(c); });
+        at = feed + 1;
+        static constexpr std::string_view length = "content-length:";
+        if (line.starts_with(length)) {
+            const size_t digits = line.find_first_not_of(" \t", length.size());
+            std::from_chars(line.data() + std::min(digits, line.size()), line.data() + line.size(), remaining_);
+            remaining_ = std::max<int64_t>(remaining_, -1);
+        } else if (line.starts_with("transfer-encoding:")) {
+            fail(code::transfer_failed, url_.host + ": the server encodes what it was asked to send as it is");
+            return false;
+        }
+    }
+    header_.erase(0, end_of_header + gap);
+    stage_ = stage::body;
+    if (remaining_ == 0) {
+        received_all();
+        return false;
+    }
+    return true;
+}
+
+void fetch::received_all()
+{
+    if (stage_ == stage::header)
+        fail(code::transfer_failed, url_.host + ": the server sent no answer");
+    else if (remaining_ > 0)
+        fail(code::transfer_failed, url_.host + ": the transfer broke off");
+    else
+        end({});
+}
+
+} // namespace veld

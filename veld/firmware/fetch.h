@@ -1,0 +1,70 @@
+// Fetching a file without blocking anybody: from the file system, from a bare TCP connection, over HTTP.
+#pragma once
+
+#include "veld/firmware/source_url.h"
+#include "veld/firmware/spool.h"
+#include "veld/methods/name_lookup.h"
+#include "veld/model/fault.h"
+#include "veld/server/loop.h"
+
+#include <functional>
+#include <memory>
+
+namespace veld
+{
+
+class fetch
+{
+public:
+    using done_handler = std::function<void(const fault &)>;
+
+    /// Starts to fetch `url` into `into`, which must outlive the fetch. `done` is called once, never before start()
+    /// returns, and may destroy the fetch. `stall_ms` bounds the connect, and every wait for more.
+    fetch(loop &events, source_url url, spool &into, int64_t stall_ms, done_handler done);
+    fetch(const fetch &) = delete;
+    fetch &operator=(const fetch &) = delete;
+    /// Gives up what is under way.
+    ~fetch();
+
+    void start();
+
+private:
+    enum class stage { looking_up, connecting, asking, header, body };
+
+    void open_file();
+    void read_file();
+    void look_up();
+    void looked_up();
+    void connect_next();
+    void connected();
+    void ready();
+    void send_request();
+    bool receive();
+    bool take_header();
+    void received_all();
+    void progress();
+    void stalled();
+    void watch(uint32_t bits);
+    void forget();
+    void end(fault result);
+    void fail(int code, const std::string &what) { end({code, what, ""}); }
+
+    loop &loop_;
+    source_url url_;
+    spool &into_;
+    int64_t stall_ms_;
+    done_handler done_;
+    stage stage_ = stage::looking_up;
+    std::unique_ptr<name_lookup> lookup_;
+    std::vector<host_address> addresses_;
+    size_t next_address_ = 0;
+    owned_fd fd_;
+    int watched_ = -1;
+    loop::timer_id timer_ = 0;
+    std::string request_;    // what is still to be sent
+    std::string header_;     // an HTTP header under way
+    int64_t remaining_ = -1; // bytes that the server announced; -1: up to the end
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+} // namespace veld

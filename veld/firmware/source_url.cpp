@@ -1,0 +1,112 @@
+#include "veld/firmware/source_url.h"
+
+#include <arpa/inet.h>
+#include <charconv>
+#include <string_view>
+
+namespace veld
+{
+
+namespace
+{
+
+constexpr uint16_t http_port = 80;
+
+// What could end a line or a word of an HTTP request, or a C text.
+bool clean(std::string_view text)
+{
+    for (const char c : text) {
+        if (static_cast<unsigned char>(c) <= ' ' || c == '\x7f')
+            return false;
+    }
+    return true;
+}
+
+bool take_port(std::string_view text, uint16_t *port)
+{
+    const auto end = std::from_chars(text.data(), text.data() + text.size(), *port);
+    return !text.empty() && end.ec == std::errc{} && end.ptr == text.data() + text.size() && *port != 0;
+}
+
+bool parse_file(std::string_view rest, source_url *into, std::string *error)
+{
+    if (rest.empty() || rest[0] != '/' || rest.find('\0') != std::string_view::npos) {
+        *error = "a file URL needs an absolute path";
+        return false;
+    }
+    into->path = rest;
+    return true;
+}
+
+bool parse_netcat(std::string_view rest, source_url *into, std::string *error)
+{
+    const size_t colon = rest.rfind(':');
+    in_addr address{};
+    into->host = rest.substr(0, colon);
+    if (colon == std::string_view::npos || !take_port(rest.substr(colon + 1), &into->port) ||
+        inet_pton(AF_INET, into->host.c_str(), &address) != 1) {
+        *error = "a netcat URL has the form netcat://IPv4:PORT";
+        return false;
+    }
+    return true;
+}
+
+bool parse_http(std::string_view rest, source_url *into, std::string *error)
+{
+    const size_t slash = rest.find_first_of("/?#");
+    std::string_view authority = rest.substr(0, slash);
+    into->path = slash == std::string_view::npos ? "/" : std::string(rest.substr(slash, rest.find('#') - slash));
+    if (into->path.empty() || into->path[0] != '/')
+        into->path.insert(0, 1, '/');
+    into->port = http_port;
+    bool good = clean(rest) && authority.find('@') == std::string_view::npos;
+    const size_t bracket = authority.find(']');
+    const size_t colon = authority.rfind(':');
+    if (colon != std::string_view::npos && (bracket == std::string_view::npos || colon > bracket)) {
+        good = good && take_port(authority.substr(colon + 1), &into->port);
+        authority = authority.substr(0, colon);
+    }
+    if (authority.size() > 2 && authority.front() == '[' && authority.back() == ']')
+        authority = authority.substr(1, authority.size() - 2);
+    into->host = authority;
+    if (!good || into->host.empty()) {
+        *error = "not a good http URL";
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+bool source_url_parse(const std::string &text, source_url *into, std::string *error)
+{
+    const std::string_view whole = text;
+    const size_t mark = whole.find("://");
+    const std::string_view scheme = whole.substr(0, mark);
+    const std::string_view rest = mark == std::string_view::npos ? "" : whole.substr(mark + 3);
+    if (scheme == "file") {
+        into->scheme = source_scheme::file;
+        return parse_file(rest, into, error);
+    }
+    if (scheme == "netcat") {
+        into->scheme = source_scheme::netcat;
+        return parse_netcat(rest, into, error);
+    }
+    if (scheme == "http") {
+        into->scheme = source_scheme::http;
+        return parse_http(rest, into, error);
+    }
+    *error = text.empty() ? "a URL is needed" : "only file, netcat and http URLs can be fetched";
+    return false;
+}
+
+std::string source_url_file(const source_url &url)
+{
+    if (url.scheme == source_scheme::netcat)
+        return {};
+    const std::string_view path = std::string_view(url.path).substr(0, url.path.find('?'));
+    const size_t slash = path.rfind('/');
+    return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
+} // namespace veld

@@ -1,0 +1,128 @@
+#include "veld/firmware/spool.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+
+namespace veld
+{
+
+namespace
+{
+
+std::string hex(const unsigned char *bytes, size_t count)
+{
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string out;
+    for (size_t i = 0; i < count; ++i) {
+        out += digits[bytes[i] >> 4];
+        out += digits[bytes[i] & 15];
+    }
+    return out;
+}
+
+} // namespace
+
+std::string random_hex(size_t bytes)
+{
+    unsigned char random[64];
+    if (bytes > sizeof random || getrandom(random, bytes, 0) != static_cast<ssize_t>(bytes))
+        return {};
+    return hex(random, bytes);
+}
+
+bool spool::fail(const std::string &what)
+{
+    error_ = what + ": " + strerror(errno);
+    return false;
+}
+
+bool spool::create(const std::string &directory, uint64_t limit)
+{
+    directory_ = directory;
+    limit_ = limit;
+    path_ = directory + "/.download-" + random_hex(16);
+    fd_.reset(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd_)
+        return fail(directory);
+    digest_ = EVP_MD_CTX_new();
+    if (digest_ == nullptr || EVP_DigestInit_ex(digest_, EVP_md5(), nullptr) != 1) {
+        error_ = "no MD5 here";
+        return false;
+    }
+    return true;
+}
+
+spool::~spool()
+{
+    EVP_MD_CTX_free(digest_);
+    if (fd_ && !path_.empty())
+        unlink(path_.c_str());
+}
+
+bool spool::append(std::string_view bytes)
+{
+    if (bytes.size() > limit_ - size_) {
+        error_ = "larger than " + std::to_string(limit_) + " bytes";
+        return false;
+    }
+    EVP_DigestUpdate(digest_, bytes.data(), bytes.size());
+    while (!bytes.empty()) {
+        const ssize_t count = write(fd_.get(), bytes.data(), bytes.size());
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count < 0)
+            return fail("the file cannot be stored");
+        bytes.remove_prefix(static_cast<size_t>(count));
+        size_ += static_cast<uint64_t>(count);
+    }
+    return true;
+}
+
+std::string spool::md5()
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int size = 0;
+    if (EVP_DigestFinal_ex(digest_, digest, &size) != 1)
+        return {};
+    return hex(digest, size);
+}
+
+std::string spool::first_line(size_t most) const
+{
+    std::string line(most, '\0');
+    const ssize_t count = pread(fd_.get(), line.data(), most, 0);
+    line.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    const size_t feed = line.find('\n');
+    return feed == std::string::npos ? std::string{} : line.substr(0, feed);
+}
+
+std::string spool::content() const
+{
+    std::string text(size_, '\0');
+    size_t have = 0;
+    while (have < text.size()) {
+        const ssize_t count = pread(fd_.get(), text.data() + have, text.size() - have, static_cast<off_t>(have));
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            break;
+        have += static_cast<size_t>(count);
+    }
+    text.resize(have);
+    return text;
+}
+
+bool spool::keep_as(const std::string &name)
+{
+    const std::string target = directory_ + "/" + name;
+    if (rename(path_.c_str(), target.c_str()) != 0)
+        return fail(target);
+    path_.clear();
+    return true;
+}
+
+} // namespace veld

@@ -1,0 +1,56 @@
+// A file that is being received: bytes in, a checksum and a file out.
+#pragma once
+
+#include "veld/base/owned_fd.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+struct evp_md_ctx_st;
+
+namespace veld
+{
+
+class spool
+{
+public:
+    /// Creates a file with an unguessable name in a directory, mode 0600. False on failure, see error().
+    bool create(const std::string &directory, uint64_t limit);
+    spool() = default;
+    spool(const spool &) = delete;
+    spool &operator=(const spool &) = delete;
+    /// Removes the file unless it was kept.
+    ~spool();
+
+    /// Appends. False when the limit is passed or the disk is full, see error().
+    bool append(std::string_view bytes);
+    /// The MD5 of everything appended, 32 lower-case hex digits; call it once, at the end.
+    std::string md5();
+    /// The first line, without its line feed; at most that many bytes of it.
+    std::string first_line(size_t most) const;
+    std::string content() const;
+
+    /// Moves the file to another name in the same directory, replacing what is there. False on failure.
+    bool keep_as(const std::string &name);
+
+    const std::string &path() const { return path_; }
+    uint64_t size() const { return size_; }
+    const std::string &error() const { return error_; }
+
+private:
+    bool fail(const std::string &what);
+
+    owned_fd fd_;
+    std::string directory_;
+    std::string path_;
+    std::string error_;
+    uint64_t limit_ = 0;
+    uint64_t size_ = 0;
+    evp_md_ctx_st *digest_ = nullptr;
+};
+
+/// `bytes` random bytes as hex digits; empty when the system has no randomness to give.
+std::string random_hex(size_t bytes);
+
+} // namespace veld
