@@ -156,7 +156,7 @@ public:
     name_server(const name_server &) = delete;
     name_server &operator=(const name_server &) = delete;
 
-    std::string address() const { return "127.0.0.1#" + std::to_string(port_); }
+    std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
     std::function<std::string(const std::string &)> over_tcp;
     int asked = 0;
 
@@ -505,6 +505,17 @@ TEST(NSLookup, AServerThatIsNotThereIsSaidSo)
     EXPECT_EQ(output(outcome, "Result.1.Status"), nullptr);
 }
 
+TEST(NSLookup, ServersAreNamedWithAndWithoutTheirPort)
+{
+    for (const char *server : {"::1", "[::1]", "[::1]:1", "127.0.0.1:1"}) {
+        json_ref input = parse(lookup_defaults);
+        json_object_set_new(input.get(), "DNSServer", json_string(server));
+        json_object_set_new(input.get(), "Timeout", json_integer(200));
+        method_outcome outcome = run("NSLookup", input);
+        EXPECT_EQ(text(outcome, "Result.1.DNSServerIP"), server[0] == '1' ? "127.0.0.1" : "::1") << server;
+    }
+}
+
 TEST(NSLookup, WhatIsNoHostNameIsRefused)
 {
     std::string long_label(64, 'a');
@@ -517,9 +528,12 @@ TEST(NSLookup, WhatIsNoHostNameIsRefused)
         json_object_set_new(input.get(), "HostName", json_string(name.c_str()));
         EXPECT_EQ(run("NSLookup", input).code, 9003) << name;
     }
-    json_ref input = parse(lookup_defaults);
-    json_object_set_new(input.get(), "DNSServer", json_string("127.0.0.1#70000"));
-    EXPECT_EQ(run("NSLookup", input).code, 9003);
+    for (const char *server : {"127.0.0.1:70000", "127.0.0.1:0", "127.0.0.1:x", "127.0.0.1:", ":53", "[::1", "[::1]53",
+                               "[::1]:", "[]:53", "[]"}) {
+        json_ref input = parse(lookup_defaults);
+        json_object_set_new(input.get(), "DNSServer", json_string(server));
+        EXPECT_EQ(run("NSLookup", input).code, 9003) << server;
+    }
 }
 
 // --- messages ---

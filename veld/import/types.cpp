@@ -134,7 +134,10 @@ std::string value_expression(const resolved_type &type, const std::string &what,
             std::optional<std::string> one = translate_pattern(each);
             std::string why;
             if (!one || !pattern::compile(*one, &why)) {
-                *warnings += what + ": the pattern \"" + each + "\" cannot be understood and is left out\n";
+                warnings->append(what)
+                    .append(": the pattern \"")
+                    .append(each)
+                    .append("\" cannot be understood and is left out\n");
                 translated.clear();
                 break;
             }

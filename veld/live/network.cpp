@@ -389,7 +389,8 @@ json_t *rows_of_route(std::string_view text)
         std::string mask = hex_ipv4(next_word(&line));
         if (!up || destination.empty() || mask.empty())
             continue;
-        live_row(destination + "/" + mask + " " + gateway + "%" + std::string(device) + " " + std::string(metric))
+        std::string key = destination + "/" + mask + " " + gateway + "%";
+        live_row(key.append(device).append(" ").append(metric))
             .set("destination", destination)
             .set("mask", mask)
             .set("gateway", gateway)

@@ -357,6 +357,32 @@ std::vector<host_address> own_servers()
     return servers;
 }
 
+// "SERVER:PORT" and "[ADDRESS]:PORT" ask a server that does not listen where name servers do; an IPv6 address may stand
+// alone.
+bool split_port(std::string *server, uint16_t *port)
+{
+    std::string_view rest;
+    if (server->starts_with('[')) {
+        size_t end = server->find(']');
+        if (end == std::string::npos || end == 1)
+            return false;
+        rest = std::string_view(*server).substr(end + 1);
+    } else if (size_t colon = server->find(':');
+               colon != std::string::npos && server->find(':', colon + 1) == std::string::npos) {
+        rest = std::string_view(*server).substr(colon);
+    }
+    if (!rest.empty()) {
+        std::optional<int64_t> number = rest[0] == ':' ? to_number(rest.substr(1)) : std::nullopt;
+        if (!number || *number < 1 || *number > 65535 || rest.size() == server->size())
+            return false;
+        *port = uint16_t(*number);
+    }
+    server->resize(server->size() - rest.size());
+    if (server->starts_with('['))
+        *server = server->substr(1, server->size() - 2);
+    return true;
+}
+
 } // namespace
 
 std::unique_ptr<method_job> make_nslookup(const method_call &call)
@@ -374,15 +400,9 @@ std::unique_ptr<method_job> make_nslookup(const method_call &call)
     if (job->name.find('\0') != std::string::npos || dns_query(0, job->asked_name, job->asked_types[0]).empty())
         return call.refuse("HostName", "not a host name");
 
-    // "SERVER#PORT" asks a server that does not listen where name servers do.
     std::string server = call.text("DNSServer");
-    if (size_t hash = server.find('#'); hash != std::string::npos) {
-        std::optional<int64_t> number = to_number(std::string_view(server).substr(hash + 1));
-        if (!number || *number < 1 || *number > 65535 || hash == 0)
-            return call.refuse("DNSServer", "not a server, or SERVER#PORT");
-        job->port = uint16_t(*number);
-        server.resize(hash);
-    }
+    if (!split_port(&server, &job->port))
+        return call.refuse("DNSServer", "not a server, SERVER:PORT or [ADDRESS]:PORT");
     host_address address;
     if (server.find('\0') != std::string::npos)
         return call.refuse("DNSServer", "not the name or address of a server");
