@@ -130,6 +130,9 @@ void ve_printf(const char *format, ...)
 int ve_out_flush()
 {
     while (written < buffer.size()) {
+        // A reader that keeps up never lets the wait below begin, which is where Ctrl-C is delivered.
+        if (written > 0)
+            ve_wait_checkpoint();
         pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
         if (ve_wait_poll(&out, 1, -1) < 0) {
             ve_out_land();

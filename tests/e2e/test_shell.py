@@ -215,7 +215,8 @@ def test_a_recording_holds_the_expanded_line(lines, tmp_path):
 # Lua
 
 def test_what_follows_lua_is_one_word(lines):
-    assert lines("lua print(1,  2)", "lua print(\"a # b\")") == "1\t2\na # b\n"
+    assert lines("lua print(1,  2)", "lua print(\"a # b\")") == (
+        "print(1,  2) \n1\t2\nprint(\"a # b\") \na # b\n")
 
 
 # The daemon's side
