@@ -127,6 +127,11 @@ def line(shell, fake):
 
 # Commands and keywords
 
+def test_several_candidates_insert_what_they_share(line):
+    line.tab("opt hint ", "opt hint o")
+    line.tab("lo", "log")
+
+
 def test_command_words(line):
     line.tab("pw", "pwd")
     line.tab("  pw", "  pwd")
@@ -145,7 +150,6 @@ def test_an_empty_line_offers_all_commands(line):
     ("download ", ["config", "file", "firmware"]),
     ("download fi", ["file", "firmware"]),
     ("opt ", ["autocomplete", "hint"]),
-    ("opt hint ", ["off", "on"]),
     ("opt hint o", ["off", "on"]),
 ])
 def test_keywords(line, typed, offered):
@@ -287,13 +291,14 @@ def test_keyword_and_files_are_sorted_together(files, line):
 
 
 @pytest.fixture
-def path_line(files, fake, shell):
+def path_line(files, fake, terminal):
     """A shell whose PATH has directories of the test's own."""
     fake.serve(MODEL)
     fake.on("Login", Error(9001, "Request denied"))
 
     def start(path):
-        return Line(shell(to=fake, env={"PATH": path}), fake)
+        words = (f"PATH={path}", str(settings.KEST), "-u", fake.address)
+        return Line(terminal(*words, program="/usr/bin/env").wait_prompt(), fake)
 
     for name in ("bin/tool-one", "bin/tool-two", "more/tool-two", "more/other"):
         (files / name).parent.mkdir(exist_ok=True)
@@ -370,7 +375,8 @@ def test_an_added_instance_is_fetched_when_walked_into(line):
 def test_a_table_nobody_looked_at_stays_unfetched(line):
     line.fake.event(4, notice("Add", 5))
     line.tab("cat Dev", "cat Device.")
-    assert line.asked() == 0
+    line.fake.wait_for("GetParameterAttributes")
+    assert line.fake.params("GetParameterAttributes") == [{"ParameterNames": ["Device."], "Depth": 1}]
     assert line.candidates("cat Device.Hosts.Host.") == ["1.", "2.", "max_instance"]
 
 
@@ -415,7 +421,8 @@ def test_hints(files, line, typed, hint):
 def test_a_hint_is_not_part_of_the_line(line):
     line.term.type("pw")
     line.hint("d")
-    assert line.term.run("") == ["pw: command not found."]
+    assert line.term.enter() == ["pw: command not found."]
+    assert "pwd" not in line.term.text
 
 
 @pytest.mark.parametrize("key", [Key.RIGHT, Key.END, Key.CTRL_F, Key.CTRL_E, Key.TAB])
