@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <mutex>
 #include <string>
 #include <unistd.h>
@@ -16,7 +17,7 @@ namespace
 {
 
 constexpr size_t flush_size = size_t{64} << 10;
-// A pipe that polls writable takes this much without blocking; so does a terminal, or it takes a part of it.
+// A pipe that polls writable takes this much without blocking.
 constexpr size_t piece_size = 4096;
 
 std::string buffer;                // not yet written
@@ -28,6 +29,21 @@ constexpr size_t unfinished_size = 4096;
 std::string unfinished; // the end of what was written since the last line feed; behind write_lock
 // Keeps a piece of the buffer and a direct text apart. Never held across a wait point.
 std::mutex write_lock;
+bool own_tried = false; // behind write_lock
+int own_fd = -1;        // behind write_lock: the terminal, opened once more
+
+/// The descriptor to write to. With write_lock held. A terminal that polls writable still blocks a write until it has
+/// taken all of it. Only a descriptor of our own can be made non-blocking: the flag of the inherited one is
+/// everybody's.
+int output_fd()
+{
+    if (!own_tried) {
+        own_tried = true;
+        if (isatty(STDOUT_FILENO) != 0)
+            own_fd = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    }
+    return own_fd >= 0 ? own_fd : STDOUT_FILENO;
+}
 
 /// Notes that `data` was written. With write_lock held.
 void note_written(const char *data, size_t size)
@@ -48,7 +64,7 @@ void note_written(const char *data, size_t size)
 bool write_whole(const char *data, size_t size)
 {
     while (size > 0) {
-        const ssize_t count = write(STDOUT_FILENO, data, size);
+        const ssize_t count = write(output_fd(), data, size);
         if (count < 0 && errno == EINTR)
             continue;
         if (count < 0 && errno == EAGAIN) {
@@ -74,7 +90,7 @@ ssize_t write_piece()
         size = feed != nullptr ? static_cast<size_t>(static_cast<const char *>(feed) - start) + 1 : piece_size;
     }
     const std::scoped_lock lock(write_lock);
-    const ssize_t count = write(STDOUT_FILENO, start, size);
+    const ssize_t count = write(output_fd(), start, size);
     if (count > 0)
         note_written(start, static_cast<size_t>(count));
     return count;
@@ -159,7 +175,7 @@ void ve_out_land()
         // A terminal that was stopped stays stopped: the line is then given up.
         if (feed != std::string::npos && poll(&out, 1, 20) > 0) {
             const std::scoped_lock lock(write_lock);
-            const ssize_t count = write(STDOUT_FILENO, buffer.data() + written, feed + 1 - written);
+            const ssize_t count = write(output_fd(), buffer.data() + written, feed + 1 - written);
             if (count > 0)
                 note_written(buffer.data() + written, static_cast<size_t>(count));
         }
@@ -176,6 +192,11 @@ bool ve_out_is_terminal()
 
 void ve_out_reopened()
 {
+    const std::scoped_lock lock(write_lock);
+    if (own_fd >= 0)
+        close(own_fd);
+    own_fd = -1;
+    own_tried = false;
     terminal = -1;
     gone = false;
 }

@@ -35,6 +35,12 @@ def scheme(fake):
     return fake.serve(MODEL)
 
 
+@pytest.fixture(autouse=True)
+def nobody(fake):
+    """The fake knows no user, so that prompts show no name."""
+    fake.on("Login", Error(9001, "who is that"))
+
+
 @pytest.fixture
 def term(shell, fake, scheme):
     return shell(to=fake)
@@ -344,7 +350,7 @@ def test_a_tiny_terminal(terminal, fake, scheme, columns, rows):
     fake.wait_for("GetParameterValues")
     term.type("ls Device" + Key.TAB + Key.TAB)
     term.quiet()
-    term.type(Key.CTRL_U + "wörter und 日本語 " * 5 + Key.HOME + Key.END + Key.LEFT * 7 + "x" + Key.CTRL_U)
+    term.type(Key.CTRL_U + "wörter und 日本語 " * 5 + Key.HOME + Key.END + Key.LEFT * 7 + "x" + Key.CTRL_C)
     term.quiet()
     term.type("q" + Key.ENTER)
     assert term.wait_exit() == 0

@@ -16,14 +16,16 @@ from . import settings
 
 BASE = Path("/var/tmp")  # not below /tmp, which the programs see replaced
 HISTORIES = (".kest.hist", ".kest.lua.hist")
+MOUNT = "/usr/bin/mount"
 LOCK = Path("/tmp/.kest-e2e.lock")
 
 
 def _namespace_command():
     flags = ["--mount"] if os.geteuid() == 0 else ["--map-current-user", "--keep-caps", "--mount"]
-    command = ["unshare", *flags, "--propagation", "private"]
+    # Whole paths: a test may run its program with another PATH.
+    command = ["/usr/bin/unshare", *flags, "--propagation", "private"]
     try:
-        probe = subprocess.run([*command, "mount", "--bind", BASE, "/tmp"], capture_output=True, timeout=10)
+        probe = subprocess.run([*command, MOUNT, "--bind", BASE, "/tmp"], capture_output=True, timeout=10)
     except (OSError, subprocess.TimeoutExpired):
         return None
     return command if probe.returncode == 0 else None
@@ -103,8 +105,8 @@ class Sandbox:
             if directory.parts[:2] == ("/", "tmp"):
                 place = self.tmp.joinpath(*directory.parts[2:])
                 place.mkdir(parents=True, exist_ok=True)
-                script += f"mount --rbind '{directory}' '{place}' && "
-        script += f"mount --rbind '{self.tmp}' /tmp && exec \"$@\""
+                script += f"{MOUNT} --rbind '{directory}' '{place}' && "
+        script += f"{MOUNT} --rbind '{self.tmp}' /tmp && exec \"$@\""
         return [*self.namespace, "/bin/sh", "-c", script, "sh", *argv]
 
     def sanitizer_reports(self):

@@ -27,9 +27,9 @@ def connect(address, timeout=None):
         host, _, port = address[len("tcp://") :].rpartition(":")
         return socket.create_connection((host.strip("[]"), int(port)), settings.DEADLINE)
     link = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    link.settimeout(settings.DEADLINE if timeout is None else timeout)
     try:
-        link.connect(address)
+        link.connect(address)  # blocking: a full backlog is waited for, which a time-out would make an error
+        link.settimeout(settings.DEADLINE if timeout is None else timeout)
     except OSError:
         link.close()
         raise
