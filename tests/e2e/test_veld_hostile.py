@@ -206,7 +206,7 @@ def test_wrong_types_in_every_member(small, members):
     peer = small.connect()
     for method in (
         "GetParameterNames", "GetParameterValues", "GetParameterAttributes", "SetParameterValues",
-        "AddObject", "DeleteObject", "ChangeOrder", "Execute", "Login", "JoinGroup", "Download", "Download",
+        "AddObject", "DeleteObject", "ChangeOrder", "Execute", "Login", "JoinGroup", "Download",
     ):  # fmt: skip
         peer.send({"id": 1, "method": method, "params": members})
         assert peer.receive()["error"]["code"] in (-32602, 9001), method

@@ -21,7 +21,7 @@ namespace veld
 namespace
 {
 
-constexpr int backlog = 128;
+constexpr int backlog = 4096; // the system cuts it to what it allows
 constexpr int accepts_at_once = 32;
 constexpr mode_t socket_mode = 0666;
 
