@@ -21,6 +21,11 @@ def small(veld_start):
     return veld_start(model=SMALL)
 
 
+def holds_at_most(veld, mib):
+    """Whether the daemon never held more; sanitizers keep what is freed, so that nothing can be said under them."""
+    return settings.PATIENCE > 1 or veld.peak_kib() < mib << 10
+
+
 def ask(peer):
     assert peer.call("GetParameterValues", ParameterNames=["Device.Serial"])["ParameterList"][0]["Value"] == "S1"
 
@@ -114,7 +119,7 @@ def test_a_client_that_never_reads_is_read_no_further(small):
     sent = flood(bad, line, 64 << 20)
     assert sent < 8 << 20
     ask(good)
-    assert small.peak_kib() < 40 << 10
+    assert holds_at_most(small, 40)
     # Once it reads, it gets every answer.
     bad.link.settimeout(settings.DEADLINE)
     for _ in range(sent // len(line)):
@@ -130,7 +135,7 @@ def test_a_listener_that_never_reads_loses_its_link_and_no_others(small):
         sender.send_event(20, [number, value])
         assert good.event()[1][0] == number
     ask(sender)
-    assert small.peak_kib() < 60 << 10
+    assert holds_at_most(small, 60)
     assert bad.closed()
     assert "does not read its events" in small.log
 

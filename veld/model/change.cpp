@@ -14,6 +14,7 @@ namespace veld
 namespace
 {
 
+constexpr int tries_for_a_free_number = 10000;
 constexpr std::string_view refused_role = "may not be written by this user";
 
 struct pending {
@@ -155,13 +156,25 @@ void settle_instance(tree *in, node *of, bool changed)
     }
     if (of->what->kind != node_kind::parameter || !of->what->unique || !json_is_integer(of->what->initial.get()))
         return;
+    if (in->taken(of, of->what->initial.get()) == 0)
+        return;
+    const node *instance = of;
+    while (!instance->is_instance())
+        instance = instance->parent;
+    // Instance numbers never come back, so that the value which belongs to this one is free as a rule.
     json_int_t number = json_integer_value(of->what->initial.get());
-    json_ref value{json_integer(number)};
+    if (number < INT64_MAX - UINT32_MAX)
+        number += instance->number - 1;
     json_ref kept;
-    while (in->taken(of, value.get()) != 0 && value_check(*of->what, value.get(), &kept).code == 0)
-        value.reset(json_integer(++number));
-    if (number != json_integer_value(of->what->initial.get()) && value_check(*of->what, value.get(), &kept).code == 0)
-        in->store(of, std::move(value), changed);
+    for (int tries = 0; tries < tries_for_a_free_number; ++tries, ++number) {
+        json_ref value{json_integer(number)};
+        if (value_check(*of->what, value.get(), &kept).code != 0)
+            return;
+        if (in->taken(of, value.get()) == 0) {
+            in->store(of, std::move(value), changed);
+            return;
+        }
+    }
 }
 
 fault change_values(tree *in, role who, const json_t *list, std::vector<value_change> *changes)

@@ -1,0 +1,160 @@
+#include "veld_core_small_model.h"
+
+#include "veld/model/change.h"
+#include "veld/model/query.h"
+#include "veld/rpc/executions.h"
+
+using namespace veld;
+using namespace veld_test;
+
+namespace
+{
+
+constexpr size_t plenty = size_t{1} << 20;
+
+std::vector<std::string> names_in(const std::string &result)
+{
+    std::vector<std::string> out;
+    const json_ref parsed = json(result.c_str());
+    size_t i = 0;
+    json_t *entry = nullptr;
+    json_array_foreach(json_object_get(parsed.get(), "ParameterList"), i, entry)
+        out.emplace_back(json_string_value(json_object_get(entry, "Name")));
+    return out;
+}
+
+std::vector<std::string> list_names(tree *model, role who, const char *path, bool next_level)
+{
+    std::string text;
+    const fault problem = query_names(model, who, path, next_level, {&text, plenty});
+    return problem ? std::vector<std::string>{std::to_string(problem.code)} : names_in(text);
+}
+
+std::string values(tree *model, role who, const char *names)
+{
+    std::string text;
+    const fault problem = query_values(model, who, json(names).get(), {&text, plenty});
+    return problem ? std::to_string(problem.code) : text;
+}
+
+std::vector<std::string> attribute_names(tree *model, const char *name, int64_t depth)
+{
+    std::string text;
+    const fault problem = query_attributes(
+        model, role::administrator, json((std::string("[\"") + name + "\"]").c_str()).get(), depth, {&text, plenty});
+    return problem ? std::vector<std::string>{std::to_string(problem.code)} : names_in(text);
+}
+
+using list = std::vector<std::string>;
+
+TEST(VeldQuery, NextLevelListsInstancesThenTheTablesOwnParameters)
+{
+    const auto model = make_tree();
+    EXPECT_EQ(list_names(model.get(), role::user, "Device.Search", true),
+              (list{"Device.Search.2", "Device.Search.3", "Device.Search.1", "Device.Search.max_instance",
+                    "Device.Search.order"}));
+    EXPECT_EQ(list_names(model.get(), role::user, "Device.Host.1.", true),
+              (list{"Device.Host.1.Alias", "Device.Host.1.Id", "Device.Host.1.Stats.", "Device.Host.1.Address."}));
+    EXPECT_EQ(list_names(model.get(), role::user, "Device.Name", true), list{});
+    EXPECT_EQ(list_names(model.get(), role::user, "Device.Ping", true),
+              (list{"Device.Ping.Host", "Device.Ping.Options.", "Device.Ping.Result."}));
+}
+
+TEST(VeldQuery, WhatMayNotBeReadIsListedButNotEntered)
+{
+    const auto model = make_tree();
+    EXPECT_EQ(list_names(model.get(), role::user, "Device.Admin.", false),
+              (list{"Device.Admin.", "Device.Admin.Hidden", "Device.Admin.Shown"}));
+    EXPECT_EQ(values(model.get(), role::user, R"(["Device.Admin."])"),
+              R"({"ParameterList":[{"Name":"Device.Admin.Shown","Value":0}]})");
+    EXPECT_EQ(values(model.get(), role::user, R"(["Device.Admin.Hidden"])"), "9001");
+    EXPECT_EQ(values(model.get(), role::user, R"(["Device.Admin.Hidden","Device.Level"])"),
+              R"({"ParameterList":[{"Name":"Device.Level","Value":5}]})");
+    std::string text;
+    scheme_attributes(&text, *model->find("Device.Admin.Hidden").what, role::user);
+    EXPECT_EQ(text, R"({"type":"int","access":"readWrite","perms":"","default":0})");
+}
+
+TEST(VeldQuery, SecretsAreForAdministrators)
+{
+    const auto model = make_tree();
+    EXPECT_EQ(values(model.get(), role::user, R"(["Device.Key"])"),
+              R"({"ParameterList":[{"Name":"Device.Key","Value":""}]})");
+    EXPECT_EQ(values(model.get(), role::administrator, R"(["Device.Key"])"),
+              R"({"ParameterList":[{"Name":"Device.Key","Value":"k"}]})");
+}
+
+TEST(VeldQuery, DepthCountsLevelsBelowTheNode)
+{
+    const auto model = make_tree();
+    EXPECT_EQ(attribute_names(model.get(), "Device.Host.1.", 0), list{"Device.Host.1."});
+    EXPECT_EQ(attribute_names(model.get(), "Device.Host.1.", 1),
+              (list{"Device.Host.1.", "Device.Host.1.Alias", "Device.Host.1.Id", "Device.Host.1.Stats.",
+                    "Device.Host.1.Address."}));
+    EXPECT_EQ(attribute_names(model.get(), "Device.Host.1.", 1), attribute_names(model.get(), "Device.Host.1.", -1));
+    EXPECT_EQ(attribute_names(model.get(), "Device.Host.1.", 2).size(), 7U);
+    EXPECT_EQ(attribute_names(model.get(), "Device.Ping", -1),
+              (list{"Device.Ping", "Device.Ping.Host", "Device.Ping.Options.", "Device.Ping.Options.Count",
+                    "Device.Ping.Result.", "Device.Ping.Result.Time"}));
+    EXPECT_EQ(attribute_names(model.get(), "Device.Ping.Options", 1),
+              (list{"Device.Ping.Options.", "Device.Ping.Options.Count"}));
+    EXPECT_EQ(attribute_names(model.get(), ".", 1), list{"Device."});
+}
+
+TEST(VeldQuery, AnAnswerOverTheLimitIsRefusedEarly)
+{
+    const auto model = make_tree();
+    std::string text;
+    EXPECT_EQ(query_values(model.get(), role::administrator, json(R"(["."])").get(), {&text, 100}).code, 9004);
+    EXPECT_LT(text.size(), 300U);
+    text.clear();
+    EXPECT_EQ(query_names(model.get(), role::administrator, ".", false, {&text, 100}).code, 9004);
+    text.clear();
+    EXPECT_EQ(query_attributes(model.get(), role::administrator, json(R"(["."])").get(), 9, {&text, 100}).code, 9004);
+}
+
+TEST(VeldQuery, ArgumentsAreCompletedWithTheirDefaults)
+{
+    const auto model = make_tree();
+    const scheme &method = *model->find("Device.Ping").what;
+    json_ref input;
+    EXPECT_FALSE(arguments_check(method, nullptr, &input));
+    EXPECT_EQ(text_of(std::move(input)), R"({"Host":"localhost","Options":{"Count":4}})");
+    EXPECT_FALSE(arguments_check(method, json(R"([{"Name":"Options.Count","Value":9}])").get(), &input));
+    EXPECT_EQ(text_of(std::move(input)), R"({"Host":"localhost","Options":{"Count":9}})");
+    const fault problem = arguments_check(
+        method,
+        json(
+            R"([{"Name":"Options.Count","Value":0},{"Name":"Host","Value":"a"},{"Name":"Host","Value":"b"},{"Name":"Options","Value":1}])")
+            .get(),
+        &input);
+    EXPECT_EQ(problem.code, 9003);
+    EXPECT_EQ(
+        problem.data,
+        R"({"Options.Count":"must be at least 1","Host":"is given more than once","Options":"is not an input argument"})");
+}
+
+TEST(VeldQuery, ChangesNeedTheRightRole)
+{
+    const auto model = make_tree();
+    std::vector<value_change> changes;
+    EXPECT_EQ(
+        change_values(model.get(), role::anonymous, json(R"([{"Name":"Device.Name","Value":"x"}])").get(), &changes)
+            .code,
+        9001);
+    EXPECT_EQ(
+        change_values(model.get(), role::user, json(R"([{"Name":"Device.Admin.Hidden","Value":1}])").get(), &changes)
+            .code,
+        9001);
+    EXPECT_EQ(
+        change_values(model.get(), role::user, json(R"([{"Name":"Device.Ping.Host","Value":"x"}])").get(), &changes)
+            .code,
+        9005);
+    node *added = nullptr;
+    EXPECT_EQ(change_add(model.get(), role::anonymous, "Device.Host.", 0, &added).code, 9001);
+    EXPECT_EQ(change_add(model.get(), role::user, "Device.Link.", 0, &added).code, 9001);
+    EXPECT_EQ(change_order(model.get(), role::anonymous, "Device.Search.1", 1).code, 9001);
+    EXPECT_TRUE(changes.empty());
+}
+
+} // namespace

@@ -1,0 +1,109 @@
+#include "veld/session/login_guard.h"
+#include "veld/session/sessions.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+using namespace veld;
+
+namespace
+{
+
+std::vector<uint64_t> hearing(const sessions &of, int64_t group)
+{
+    std::vector<uint64_t> out;
+    of.each_in_group(group, [&out](uint64_t hears, const std::vector<uint64_t> &) { out.push_back(hears); });
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+using ids = std::vector<uint64_t>;
+
+TEST(VeldSessions, AGroupJoinedOnOneLinkIsHeardOnTheReceiver)
+{
+    sessions of;
+    of.join(1, 7, "s", false);
+    EXPECT_EQ(hearing(of, 7), ids{1});
+    of.join(2, 4, "s", true);
+    EXPECT_EQ(hearing(of, 7), ids{2});
+    EXPECT_EQ(hearing(of, 4), ids{2});
+    EXPECT_EQ(hearing(of, 5), ids{});
+}
+
+TEST(VeldSessions, ASessionHearsOnceHoweverOftenItJoined)
+{
+    sessions of;
+    of.join(1, 7, "s", false);
+    of.join(1, 7, "s", false);
+    of.join(2, 7, "s", true);
+    of.join(3, 7, "other", false);
+    of.join(4, 7, "", false);
+    EXPECT_EQ(hearing(of, 7), (ids{2, 3, 4}));
+}
+
+TEST(VeldSessions, MembershipsEndWithTheLinkThatJoined)
+{
+    sessions of;
+    of.join(1, 7, "s", false);
+    of.join(2, 8, "s", true);
+    of.leave(1);
+    EXPECT_EQ(hearing(of, 7), ids{});
+    EXPECT_EQ(hearing(of, 8), ids{2});
+    of.join(1, 8, "s", false);
+    of.leave(2);
+    EXPECT_EQ(hearing(of, 8), ids{1});
+    of.leave(1);
+    of.leave(1);
+    EXPECT_EQ(hearing(of, 8), ids{});
+}
+
+TEST(VeldSessions, NoTextMeetsALinksOwnSession)
+{
+    sessions of;
+    of.join(1, 7, "", false);
+    of.join(2, 7, " 1", true);
+    of.join(3, 7, "1", true);
+    EXPECT_EQ(hearing(of, 7), (ids{1, 2, 3}));
+}
+
+TEST(VeldSessions, CountsTheGroupsOfALink)
+{
+    sessions of;
+    for (int64_t group = 1; group <= 5; ++group)
+        of.join(1, group, group % 2 != 0 ? "a" : "b", false);
+    of.join(2, 1, "a", false);
+    EXPECT_EQ(of.joined(1), 5U);
+    EXPECT_EQ(of.joined(2), 1U);
+    EXPECT_EQ(of.joined(3), 0U);
+}
+
+TEST(VeldLoginGuard, EachFailureMakesTheNextWaitLonger)
+{
+    login_guard guard;
+    int64_t now = 1000;
+    EXPECT_EQ(guard.earliest("eve", "uid 5", now), now);
+    int64_t last = 0;
+    for (int i = 0; i < 5; ++i) {
+        const int64_t delay = guard.failed("eve", "uid 5", now);
+        EXPECT_GT(delay, last);
+        EXPECT_EQ(guard.earliest("eve", "uid 5", now), now + delay);
+        now += delay;
+        last = delay;
+    }
+    EXPECT_EQ(guard.failed("eve", "uid 5", now), last);
+    // Trying another name does not help, being somebody else does.
+    EXPECT_GT(guard.earliest("adam", "uid 5", now), now);
+    EXPECT_EQ(guard.earliest("eve", "uid 6", now), now);
+    guard.succeeded("eve", "uid 5");
+    EXPECT_EQ(guard.earliest("eve", "uid 5", now), now);
+}
+
+TEST(VeldLoginGuard, FailuresAreForgottenInTime)
+{
+    login_guard guard;
+    const int64_t first = guard.failed("eve", "uid 5", 1000);
+    guard.failed("eve", "uid 5", 2000);
+    EXPECT_EQ(guard.failed("eve", "uid 5", 1000000), first);
+}
+
+} // namespace
