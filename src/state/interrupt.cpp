@@ -41,4 +41,6 @@ void interrupt_land(ve_landing_node *mark)
     ve_landing_release(mark);
     ve_out_land();
     ve_colors_reset();
+    if (ve_out_is_terminal() && ve_out_mid_line())
+        ve_puts(""); // what stands there, a spinner perhaps, is not the next prompt's
 }

@@ -15,7 +15,7 @@ void sigint_handler(int signal);
 /// While set, sigint_handler calls `note` (async-signal-safe) instead of jumping. Null: jump again.
 void interrupt_set_soft(void (*note)());
 
-/// What the landing of a jump does before anything else: brings output and terminal back. `mark` is the
-/// ve_landing_mark() taken right before the jump was armed.
+/// What the landing of a jump does before anything else: brings output and terminal back, on a row of its own. `mark`
+/// is the ve_landing_mark() taken right before the jump was armed.
 class ve_landing_node;
 void interrupt_land(ve_landing_node *mark);
