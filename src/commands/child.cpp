@@ -51,6 +51,8 @@ void child_run_shell(const char *name, const char *command)
     char shell[] = "sh";
     char option[] = "-c";
     char *const words[] = {shell, option, const_cast<char *>(command), nullptr};
+    // A Ctrl-C that came before is for the command itself.
+    ve_wait_checkpoint();
     // The terminal's Ctrl-C and Ctrl-\ are for the child, as system(3) has it; SIGINT is blocked here anyway.
     struct sigaction ignore = {};
     struct sigaction before;

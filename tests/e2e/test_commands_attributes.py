@@ -3,7 +3,7 @@
 import pytest
 
 from lib.commands import MODEL, asked, attributes, refuse_logins, typed
-from lib.fake import Close, Error, Silence
+from lib.fake import Error, Silence
 
 FULL = {
     "regex": "^[a-z\"]+$", "offValue": {"a": [1]}, "maxCount": 6, "minCount": 5, "maxInclusive": 4294967297,

@@ -2,8 +2,8 @@
 
 import pytest
 
-from lib.commands import MODEL, asked, refuse_logins, typed
-from lib.fake import Close, Error
+from lib.commands import MODEL, refuse_logins, typed
+from lib.fake import Error
 
 
 @pytest.fixture

@@ -3,7 +3,7 @@
 import pytest
 
 from lib.commands import MODEL, asked, attributes, next_level, refuse_logins, typed
-from lib.fake import Close, Error, Silence
+from lib.fake import Error, Silence
 
 
 @pytest.fixture

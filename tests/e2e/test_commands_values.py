@@ -2,7 +2,7 @@
 
 import pytest
 
-from lib.commands import MODEL, asked, attributes, refuse_logins, typed, values
+from lib.commands import MODEL, asked, refuse_logins, typed, values
 from lib.fake import Answer, Close, Error, Silence
 
 TIME = "Enable = true\nZone   = \"UTC\"\nOffset = 60\nDrift  = 1.5\n"
