@@ -241,16 +241,19 @@ void rl_signals::drain()
 
 bool rl_signals::take(int signal)
 {
-    const bool was = arrived[signal] != 0;
+    // Cleared only when it is set: what arrives meanwhile is not lost.
+    if (arrived[signal] == 0)
+        return false;
     arrived[signal] = 0;
-    return was;
+    return true;
 }
 
 bool rl_signals::take_typed_interrupt()
 {
-    const bool was = typed_interrupt != 0;
+    if (typed_interrupt == 0)
+        return false;
     typed_interrupt = 0;
-    return was;
+    return true;
 }
 
 void rl_raise(int signal)

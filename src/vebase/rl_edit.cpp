@@ -20,6 +20,8 @@ namespace
 
 // The library lets a search pattern of this size grow behind the line without looking at the line's room.
 constexpr size_t search_room = 1024 + 64;
+// Of a line that it leaves for the history the library remembers so many characters.
+constexpr size_t remembered_max = 1024;
 
 /// The list of typed lines as the library walks it: its first is the newest.
 int walk_history(void *, HistEventW *event, int operation, ...)
@@ -52,6 +54,7 @@ int walk_history(void *, HistEventW *event, int operation, ...)
         return -1;
     }
     at = next;
+    rl_editor.note_walk(at);
     entry = rl_widen(history_entry(at));
     // The library takes one line feed and one blank off an entry's end.
     if (entry.ends_with(L'\n') || entry.ends_with(L' '))
@@ -87,6 +90,9 @@ void add_commands(EditLine *el)
     add(L"kest-end", L"Accept the hint or go to the end", command<&rl_session::end_of_line>);
     add(L"kest-clear", L"Clear the screen", command<&rl_session::clear_screen>);
     add(L"kest-quote", L"Insert the next character", command<&rl_session::quoted_insert>);
+    add(L"kest-delete", L"Delete the next character", command<&rl_session::delete_next>);
+    add(L"kest-older", L"Go to the next older line", command<&rl_session::older>);
+    add(L"kest-newer", L"Go to the next newer line", command<&rl_session::newer>);
     add(L"kest-yank", L"Insert what was cut", command<&rl_session::yank>);
 }
 
@@ -100,6 +106,8 @@ void bind_keys(EditLine *el)
     bind(L"^F", L"kest-forward");
     bind(L"^E", L"kest-end");
     bind(L"^L", L"kest-clear");
+    bind(L"^P", L"kest-older");
+    bind(L"^N", L"kest-newer");
     bind(L"^R", L"em-inc-search-prev");
     bind(L"^S", L"em-inc-search-next");
     bind(L"^U", L"vi-kill-line-prev");
@@ -118,6 +126,9 @@ void bind_keys(EditLine *el)
     bind(L"\\033\\036f", L"ed-next-char");
     bind(L"\\033\\036e", L"ed-move-to-end");
     bind(L"\\033\\036y", L"em-yank");
+    bind(L"\\033\\036n", L"ed-next-history");
+    bind(L"\\033\\036p", L"ed-prev-history");
+    bind(L"\\033\\036d", L"em-delete-or-list");
 }
 
 } // namespace
@@ -191,20 +202,48 @@ bool rl_session::searching() const
     return (word == L"bck" || word == L"fwd") && (all[feed + 4] == L':' || all[feed + 4] == L'?');
 }
 
-/// Makes room before it is needed: some of the library's commands do not make it, or keep pointers into what they had.
-void rl_session::ensure_capacity()
+/// Puts `text` into the library's place of the line. Never empty; what was cut before stays to be inserted.
+void rl_session::replace_line(const std::wstring &text, size_t cursor)
 {
-    const size_t length = text().size();
+    if (el_wreplacestr(el_, text.c_str()) == 0)
+        el_cursor(el_, static_cast<int>(cursor) - el_cursor(el_, 0));
+}
+
+/// Finds out whether the line stands at an entry of the history, which the library does not say, and puts right what
+/// the library forgets of a long line that it comes back to.
+void rl_session::follow_history()
+{
+    if (walked_)
+        in_history_ = text() == rl_widen(history_entry(walked_to_));
+    else if (went_newer_)
+        in_history_ = false;
+    if ((walked_ || went_newer_) && !in_history_ && !long_line_.empty() && text() != long_line_)
+        replace_line(long_line_, long_line_.size());
+    walked_ = false;
+    went_newer_ = false;
+    if (!in_history_ && text().size() >= remembered_max)
+        long_line_ = text();
+    else if (!in_history_)
+        long_line_.clear();
+}
+
+/// Makes room before it is needed: some of the library's commands do not make it, or keep pointers into what they had.
+/// `starting`: between two reads, when the line is nobody's.
+void rl_session::ensure_capacity(bool starting)
+{
+    const size_t length = starting ? 0 : text().size();
     // An entry of the history may take the line's place; what was cut is at most as long as the room was.
     const size_t needed = std::max({2 * length, length + search_room, history_longest() + search_room});
-    if (needed <= capacity_)
+    if (needed <= capacity_ || (length == 0 && !starting))
         return;
-    const size_t more = std::max(needed, size_t{4096}) * 2 - length;
-    const std::wstring filler(more, L'x');
-    if (el_winsertstr(el_, filler.c_str()) < 0)
+    const size_t room = std::max(needed, size_t{4096}) * 2;
+    const std::wstring now{starting ? std::wstring_view{} : text()};
+    const size_t place = cursor();
+    if (el_wreplacestr(el_, std::wstring(room, L'x').c_str()) < 0)
         return;
-    el_deletestr(el_, static_cast<int>(more));
-    capacity_ = length + more;
+    capacity_ = room;
+    if (!starting)
+        replace_line(now, place);
 }
 
 void rl_session::draw(std::wstring_view message)
@@ -271,6 +310,10 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
         hint_text_.clear();
         hint_known_ = false;
         tab_served_ = 0;
+        walked_ = false;
+        in_history_ = false;
+        long_line_.clear();
+        ensure_capacity(true);
         screen_.begin(prompt != nullptr ? prompt : "", rl_set.prompt_color, rl_set.hint_color);
         int count = 0;
         const wchar_t *typed = el_wgets(el_, &count);
@@ -340,7 +383,42 @@ unsigned char rl_session::quoted_insert()
 
 unsigned char rl_session::yank()
 {
-    ensure_capacity();
+    ensure_capacity(false);
     el_wpush(el_, L"\033\036y");
+    return CC_ARGHACK;
+}
+
+/// Above the oldest entry the library would take back what was changed in it.
+unsigned char rl_session::older()
+{
+    if (ve_history_size() == 0 || (in_history_ && walked_to_ == 0)) {
+        bell();
+        return CC_NORM;
+    }
+    el_wpush(el_, L"\033\036p");
+    return CC_ARGHACK;
+}
+
+/// The library's own command for that key cuts the character, in the place of what was cut before.
+unsigned char rl_session::delete_next()
+{
+    if (cursor() == text().size()) {
+        bell();
+        return CC_NORM;
+    }
+    el_wpush(el_, L"\033\036d");
+    return CC_ARGHACK;
+}
+
+/// Below the newest entry the library would take the line for what it was before the history was looked at.
+unsigned char rl_session::newer()
+{
+    if (!in_history_) {
+        bell();
+        return CC_NORM;
+    }
+    walked_ = false;
+    went_newer_ = true;
+    el_wpush(el_, L"\033\036n");
     return CC_ARGHACK;
 }

@@ -102,25 +102,21 @@ bool rl_session::take_byte()
 
 void rl_session::handle_byte(unsigned char byte)
 {
-    if (!literal_) {
-        if (is_control_key(byte, original_, VINTR)) {
-            keys_.reset();
-            outcome_ = rl_outcome::interrupt;
+    if (literal_) {
+        keys_.feed_text(byte);
+    } else if (is_control_key(byte, original_, VINTR)) {
+        keys_.reset();
+        outcome_ = rl_outcome::interrupt;
+    } else if (is_control_key(byte, original_, VQUIT)) {
+        if (!signals_.is_default(SIGQUIT))
             return;
-        }
-        if (is_control_key(byte, original_, VQUIT)) {
-            if (signals_.is_default(SIGQUIT)) {
-                signal_ = SIGQUIT;
-                outcome_ = rl_outcome::signal;
-            }
-            return;
-        }
-        if (is_control_key(byte, original_, VSUSP)) {
-            suspend();
-            return;
-        }
+        signal_ = SIGQUIT;
+        outcome_ = rl_outcome::signal;
+    } else if (is_control_key(byte, original_, VSUSP)) {
+        suspend();
+    } else {
+        keys_.feed(byte, searching());
     }
-    keys_.feed(byte, searching());
 }
 
 /// Waits for a key, until `until` at most, and notes what came.
@@ -170,8 +166,10 @@ bool rl_session::next_character(wchar_t *c)
             el_winsertstr(el_, carry_.c_str());
         carry_.clear();
     }
-    if (!searching())
-        ensure_capacity();
+    if (!searching()) {
+        follow_history();
+        ensure_capacity(false);
+    }
     refresh_hint();
     while (outcome_ == rl_outcome::none) {
         serve_outside();

@@ -18,6 +18,8 @@ class rl_key_decoder
 public:
     /// Takes a byte. `searching`: a key sequence first has to end a search, which an ESC does.
     void feed(unsigned char byte, bool searching);
+    /// Takes a byte that is text, whatever it is.
+    void feed_text(unsigned char byte) { ground(byte); }
     /// Takes the next character, if there is one.
     bool take(wchar_t *c);
     /// An ESC alone has come, which may be a key or begin a sequence.

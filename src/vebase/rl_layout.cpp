@@ -21,9 +21,11 @@ public:
         color_ = color;
     }
 
-    void put(wchar_t c)
+    /// `marked`: zero-width characters follow.
+    void put(wchar_t c, bool marked)
     {
         if (c == L'\n') {
+            settle_cursor();
             new_row(true);
         } else if (c == L'\t') {
             // A tab never crosses the end of a row.
@@ -36,7 +38,9 @@ public:
                 for (int i = 0; i < shown.length; ++i)
                     put_cell({shown.bytes + i, 1}, 1);
             } else {
-                put_cell({shown.bytes, static_cast<size_t>(shown.length)}, shown.width);
+                // In the last column some terminals take the mark for the next row's.
+                const int room = marked && shown.width > 0 ? 1 : 0;
+                put_cell({shown.bytes, static_cast<size_t>(shown.length)}, shown.width, room);
             }
         }
     }
@@ -49,7 +53,7 @@ public:
         end_color();
         if (row().width == width_)
             new_row(true);
-        settle_cursor();
+        settle_cursor(); // on the new row
         return std::move(layout_);
     }
 
@@ -65,9 +69,10 @@ private:
         layout_.cursor_column = std::min(row().width, width_ - 1);
     }
 
-    void put_cell(std::string_view bytes, int width)
+    /// `room`: cells that must stay free behind it.
+    void put_cell(std::string_view bytes, int width, int room = 0)
     {
-        if (width > 0 && row().width + width > width_) {
+        if (width > 0 && row().width > 0 && row().width + width + room > width_) {
             if (row().width < width_) {
                 row().bytes.append(static_cast<size_t>(width_ - row().width), ' ');
                 row().width = width_;
@@ -85,8 +90,6 @@ private:
 
     void new_row(bool hard)
     {
-        if (hard)
-            settle_cursor();
         if (coloured_)
             row().bytes.append(reset_color);
         coloured_ = false;
@@ -110,6 +113,11 @@ private:
     bool cursor_waits_ = false;
 };
 
+bool is_mark(wchar_t c)
+{
+    return c >= 0x300 && rl_show_character(c).width == 0;
+}
+
 void append_move(std::string &out, size_t count, char direction)
 {
     if (count == 0)
@@ -130,7 +138,7 @@ rl_layout rl_lay_out(const std::vector<rl_piece> &pieces, size_t cursor_piece, s
         for (size_t at = 0; at < text.size(); ++at) {
             if (i == cursor_piece && at == cursor)
                 build.place_cursor();
-            build.put(text[at]);
+            build.put(text[at], at + 1 < text.size() && is_mark(text[at + 1]));
         }
         if (i == cursor_piece && cursor >= text.size())
             build.place_cursor();

@@ -27,7 +27,8 @@ struct rl_layout {
 
 /// Lays the pieces out on rows of `width` cells (2 or more). The cursor stands before character `cursor` of piece
 /// `cursor_piece`, or at its end. Line feeds begin a new row, tabs go to the next eighth column, a wide character that
-/// does not fit leaves a blank. A last row that is full is followed by an empty one, where the terminal's cursor is.
+/// does not fit leaves a blank, and so does one with combining marks in the last column. A last row that is full is
+/// followed by an empty one, where the terminal's cursor is.
 rl_layout rl_lay_out(const std::vector<rl_piece> &pieces, size_t cursor_piece, size_t cursor, int width);
 
 /// What is on the screen after painting.

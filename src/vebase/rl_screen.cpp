@@ -53,6 +53,12 @@ rl_size rl_terminal_size()
     return {size.ws_col > 0 ? size.ws_col : 80, size.ws_row > 0 ? size_t{size.ws_row} : 24};
 }
 
+void rl_screen::resized()
+{
+    size_ = rl_terminal_size();
+    last_.clear(); // the same bytes may mean another picture
+}
+
 void rl_screen::begin(std::string_view prompt, const std::string &prompt_color, const std::string &hint_color)
 {
     resized();

@@ -36,7 +36,8 @@ public:
     void finish(std::wstring_view text, std::wstring_view suffix, bool new_row);
     /// The screen has changed under us and the cursor is at the beginning of a free row.
     void forget();
-    void resized() { size_ = rl_terminal_size(); }
+    /// The terminal may have another size.
+    void resized();
     const rl_size &size() const { return size_; }
     bool shown() const { return shown_; }
 

@@ -29,6 +29,16 @@ public:
     unsigned char clear_screen();
     unsigned char quoted_insert();
     unsigned char yank();
+    unsigned char older();
+    unsigned char newer();
+    unsigned char delete_next();
+
+    /// The library looked at entry `index` of the history.
+    void note_walk(size_t index)
+    {
+        walked_ = true;
+        walked_to_ = index;
+    }
 
 private:
     enum class callback { none, complete, hint };
@@ -40,7 +50,9 @@ private:
     std::wstring_view text() const;
     size_t cursor() const;
     bool searching() const;
-    void ensure_capacity();
+    void follow_history();
+    void ensure_capacity(bool starting);
+    void replace_line(const std::wstring &text, size_t cursor);
     void draw(std::wstring_view message = {});
     void bell() const;
 
@@ -85,6 +97,11 @@ private:
     unsigned long served_ = 0; // characters handed to the library
     std::wstring carry_;       // text of a read that timed out
     size_t capacity_ = 0;      // characters that the library's line has room for
+    bool walked_ = false;      // the library looked at the history since the last character
+    size_t walked_to_ = 0;     // the last entry that it looked at
+    bool in_history_ = false;  // the line stands at an entry of the history
+    std::wstring long_line_;   // the line outside the history, when it is long
+    bool went_newer_ = false;  // the last command may have left the history
 
     callback running_ = callback::none;
     bool abandoned_ = false;       // the callback that runs was abandoned

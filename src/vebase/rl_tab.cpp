@@ -77,12 +77,8 @@ bool rl_session::insert_candidate(const json_t *found, const std::string &line, 
     const rl_replacement merged = rl_merge(line, start, cursor_byte, texts_of(found), rl_set.completion_verbatim);
     if (!merged.changes)
         return false;
-    const std::string_view typed{line.data() + start, cursor_byte - start};
-    // What is there already stays, so that the cursor's place in the kill buffer's eyes does too.
-    const int replaced = static_cast<int>(rl_widen(typed).size());
-    if (replaced > 0)
-        el_deletestr(el_, replaced);
-    el_winsertstr(el_, rl_widen(merged.text).c_str());
+    const std::wstring before = rl_widen(line.substr(0, start) + merged.text);
+    replace_line(before + rl_widen(line.substr(cursor_byte)), before.size());
     return true;
 }
 
@@ -98,10 +94,8 @@ unsigned char rl_session::complete()
         return CC_REFRESH;
     tab_served_ = served_;
     const size_t count = json_array_size(found.get());
-    if (insert_candidate(found.get(), line, cursor_byte)) {
-        ensure_capacity();
+    if (insert_candidate(found.get(), line, cursor_byte))
         return CC_REFRESH;
-    }
     if (count > 1 && again)
         list(found.get());
     else if (count != 1)

@@ -144,7 +144,7 @@ void run(const char *line)
         signal(SIGINT, SIG_DFL);
     }
     json_t *text = json_string(line);
-    char *shown = text != nullptr ? json_dumps(text, JSON_ENCODE_ANY) : strdup("not UTF-8");
+    char *shown = text != nullptr ? json_dumps(text, JSON_ENCODE_ANY | JSON_ENSURE_ASCII) : strdup("not UTF-8");
     if (strlen(shown) > 2000)
         ve_printf("got %zu bytes\n", strlen(line));
     else
