@@ -194,6 +194,8 @@ size_t rl_session::cursor() const
 /// While the library searches, it keeps what it asks behind the line.
 bool rl_session::searching() const
 {
+    if (!asked_to_search_)
+        return false;
     const std::wstring_view all = text();
     const size_t feed = all.rfind(L'\n');
     if (feed == std::wstring_view::npos || all.size() < feed + 5)
@@ -221,9 +223,16 @@ void rl_session::follow_history()
         replace_line(long_line_, long_line_.size());
     walked_ = false;
     went_newer_ = false;
-    if (!in_history_ && text().size() >= remembered_max)
+}
+
+/// Before a key that may leave the line for the history.
+void rl_session::remember_line()
+{
+    if (in_history_ || searching())
+        return;
+    if (text().size() >= remembered_max)
         long_line_ = text();
-    else if (!in_history_)
+    else
         long_line_.clear();
 }
 
@@ -313,6 +322,7 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
         walked_ = false;
         in_history_ = false;
         long_line_.clear();
+        asked_to_search_ = false;
         ensure_capacity(true);
         screen_.begin(prompt != nullptr ? prompt : "", rl_set.prompt_color, rl_set.hint_color);
         int count = 0;

@@ -154,6 +154,11 @@ bool rl_session::deliver(wchar_t *c)
         bell();
         return deliver(c);
     }
+    // Ctrl-P, Ctrl-R, Ctrl-S and what begins with ESC may leave the line for the history.
+    if (!literal_ && (*c == 0x10 || *c == 0x12 || *c == 0x13 || *c == 0x1b)) {
+        remember_line();
+        asked_to_search_ = asked_to_search_ || *c == 0x12 || *c == 0x13;
+    }
     ++served_;
     return true;
 }
@@ -167,10 +172,10 @@ bool rl_session::next_character(wchar_t *c)
         carry_.clear();
     }
     if (!searching()) {
+        asked_to_search_ = false;
         follow_history();
         ensure_capacity(false);
     }
-    refresh_hint();
     while (outcome_ == rl_outcome::none) {
         serve_outside();
         if (outcome_ != rl_outcome::none)
@@ -183,6 +188,7 @@ bool rl_session::next_character(wchar_t *c)
             return true;
         if (take_byte())
             continue;
+        refresh_hint();
         draw();
         int64_t until = -1;
         const bool wants_hint = !hint_known_ && rl_set.hint != nullptr && !literal_ && !searching() &&

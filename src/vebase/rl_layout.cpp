@@ -19,11 +19,14 @@ public:
     {
         end_color();
         color_ = color;
+        takes_marks_ = false; // pieces do not join
     }
 
     /// `marked`: zero-width characters follow.
     void put(wchar_t c, bool marked)
     {
+        if (c == L'\n' || c == L'\t')
+            takes_marks_ = false;
         if (c == L'\n') {
             settle_cursor();
             new_row(true);
@@ -33,7 +36,10 @@ public:
                 put_cell(" ", 1);
             while (row().width % tab_width != 0 && row().width < width_);
         } else {
-            const rl_shown shown = rl_show_character(c);
+            rl_shown shown = rl_show_character(c);
+            if (shown.width == 0 && !takes_marks_)
+                shown = rl_spell_character(c);
+            takes_marks_ = !shown.spelled;
             if (shown.spelled) {
                 for (int i = 0; i < shown.length; ++i)
                     put_cell({shown.bytes + i, 1}, 1);
@@ -110,6 +116,7 @@ private:
     rl_layout layout_;
     std::string_view color_;
     bool coloured_ = false;
+    bool takes_marks_ = false; // the last character is one that a combining mark can join
     bool cursor_waits_ = false;
 };
 

@@ -51,6 +51,7 @@ private:
     size_t cursor() const;
     bool searching() const;
     void follow_history();
+    void remember_line();
     void ensure_capacity(bool starting);
     void replace_line(const std::wstring &text, size_t cursor);
     void draw(std::wstring_view message = {});
@@ -90,18 +91,19 @@ private:
 
     std::string typed_; // bytes that were read while a callback ran
     size_t typed_used_ = 0;
-    int pending_ = 0;          // bytes that the terminal is known to hold
-    bool readable_ = false;    // the terminal is known to be readable
-    bool literal_ = false;     // the next character is text, whatever it is
-    bool first_ = false;       // nothing was handed to the library in this read
-    unsigned long served_ = 0; // characters handed to the library
-    std::wstring carry_;       // text of a read that timed out
-    size_t capacity_ = 0;      // characters that the library's line has room for
-    bool walked_ = false;      // the library looked at the history since the last character
-    size_t walked_to_ = 0;     // the last entry that it looked at
-    bool in_history_ = false;  // the line stands at an entry of the history
-    std::wstring long_line_;   // the line outside the history, when it is long
-    bool went_newer_ = false;  // the last command may have left the history
+    int pending_ = 0;              // bytes that the terminal is known to hold
+    bool readable_ = false;        // the terminal is known to be readable
+    bool literal_ = false;         // the next character is text, whatever it is
+    bool first_ = false;           // nothing was handed to the library in this read
+    unsigned long served_ = 0;     // characters handed to the library
+    std::wstring carry_;           // text of a read that timed out
+    size_t capacity_ = 0;          // characters that the library's line has room for
+    bool walked_ = false;          // the library looked at the history since the last character
+    size_t walked_to_ = 0;         // the last entry that it looked at
+    bool in_history_ = false;      // the line stands at an entry of the history
+    std::wstring long_line_;       // the line outside the history, when it is long
+    bool asked_to_search_ = false; // a search may be under way
+    bool went_newer_ = false;      // the last command may have left the history
 
     callback running_ = callback::none;
     bool abandoned_ = false;       // the callback that runs was abandoned

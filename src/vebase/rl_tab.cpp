@@ -117,7 +117,7 @@ bool rl_session::confirm(const std::string &question)
         }
         wchar_t c = 0;
         if (keys_.take(&c)) {
-            if (c == L'y' || c == L'Y' || c == L' ' || c == L'\t')
+            if (c == L'y' || c == L'Y' || c == L' ')
                 return true;
             if (c == L'n' || c == L'N' || c == L'q' || c == L'\033' || c == 0x7f || c == 7)
                 return false;

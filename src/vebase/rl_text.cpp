@@ -16,6 +16,16 @@ bool is_bad_byte(wchar_t c)
     return c >= bad_byte_base + 0x80 && c <= bad_byte_base + 0xff;
 }
 
+/// Characters that show nothing of themselves: joiners, directions, variation selectors. Terminals disagree about their
+/// width, and a line must not hide them.
+bool is_invisible(wchar_t c)
+{
+    return c == 0xad || (c >= 0x600 && c <= 0x605) || c == 0x61c || c == 0x6dd || c == 0x70f || c == 0x180e ||
+           (c >= 0x200b && c <= 0x200f) || (c >= 0x2028 && c <= 0x202e) || (c >= 0x2060 && c <= 0x206f) ||
+           (c >= 0xfe00 && c <= 0xfe0f) || c == 0xfeff || (c >= 0xfff9 && c <= 0xfffb) ||
+           (c >= 0x1bca0 && c <= 0x1bca3) || (c >= 0x1d173 && c <= 0x1d17a) || (c >= 0xe0000 && c <= 0xe0fff);
+}
+
 unsigned sequence_length(unsigned char lead)
 {
     if (lead < 0x80)
@@ -124,6 +134,16 @@ size_t rl_narrow_size(std::wstring_view text)
     return size;
 }
 
+rl_shown rl_spell_character(wchar_t c)
+{
+    rl_shown shown{};
+    shown.spelled = true;
+    shown.length =
+        snprintf(shown.bytes, sizeof shown.bytes, c < 0x10000 ? "\\u%04x" : "\\U%08x", static_cast<unsigned>(c));
+    shown.width = shown.length;
+    return shown;
+}
+
 rl_shown rl_show_character(wchar_t c)
 {
     rl_shown shown{};
@@ -133,7 +153,7 @@ rl_shown rl_show_character(wchar_t c)
     } else if (is_bad_byte(c)) {
         shown.length = snprintf(shown.bytes, sizeof shown.bytes, "\\x%02x", static_cast<unsigned>(c & 0xff));
     } else {
-        const int width = c < 0x7f ? 1 : wcwidth(c);
+        const int width = c < 0x7f ? 1 : is_invisible(c) ? -1 : wcwidth(c);
         if (width >= 0) {
             std::string bytes;
             rl_append_narrow(bytes, c);

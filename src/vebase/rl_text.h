@@ -24,6 +24,8 @@ struct rl_shown {
 };
 /// Tabs and line feeds are the caller's.
 rl_shown rl_show_character(wchar_t c);
+/// Its code point as an escape.
+rl_shown rl_spell_character(wchar_t c);
 
 /// `text` with everything that is no plain character in its shown form, line feeds and tabs too.
 std::string rl_visible(std::string_view text);

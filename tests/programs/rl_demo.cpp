@@ -3,10 +3,12 @@
 //   part TEXT        prints TEXT without a line end        sleep MS     waits
 //   list N           shows N names in columns              bar N LABEL  draws the progress bar
 //   handler jump|return|none   SIGINT's disposition while reading
-//   child COMMAND    runs it                               quit         ends
+//   child COMMAND    runs it                               secret       reads a line without echo
+//   quit             ends
 // Descriptor 3, when it is open, takes orders for a second thread: "event TEXT", "hide", "show", "stop", "drop".
 // Environment: DEMO_PROMPT, DEMO_HISTORY (a file), DEMO_WORDS (a JSON array of candidates), DEMO_SLOW (milliseconds
-// that a callback waits), DEMO_TIMEOUT, DEMO_HINTS, DEMO_COLORS.
+// that a callback waits), DEMO_TIMEOUT, DEMO_HINTS, DEMO_COLORS,
+// DEMO_MANY (so many candidates more), DEMO_UNBUFFERED.
 #include <csetjmp>
 #include <csignal>
 #include <cstdio>
@@ -116,6 +118,19 @@ void show_list(int count)
     json_decref(names);
 }
 
+void read_secret()
+{
+    char secret[100] = "";
+    ve_printf("secret: ");
+    ve_out_flush();
+    ve_rl_echo_off(STDIN_FILENO);
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    ve_wait_poll(&input, 1, -1);
+    const ssize_t count = read(STDIN_FILENO, secret, sizeof secret - 1);
+    ve_rl_echo_on(STDIN_FILENO);
+    ve_printf("\nread %zd bytes\n", count);
+}
+
 void run(const char *line)
 {
     int number = 0;
@@ -136,6 +151,9 @@ void run(const char *line)
         ve_out_flush();
         if (system(line + 6) != 0)
             ve_puts("failed");
+    } else if (strcmp(line, "secret") == 0) {
+        read_secret();
+        return;
     } else if (strcmp(line, "handler jump") == 0) {
         signal(SIGINT, jump);
     } else if (strcmp(line, "handler return") == 0) {
@@ -151,6 +169,8 @@ void run(const char *line)
         ve_printf("got %s\n", shown);
     free(shown);
     json_decref(text);
+    if (getenv("DEMO_UNBUFFERED") != nullptr)
+        ve_out_flush();
 }
 
 const char *setting(const char *name, const char *otherwise)
@@ -199,6 +219,11 @@ int main()
     if (history[0] != '\0')
         ve_history_load(history);
     words = json_loads(setting("DEMO_WORDS", "[]"), 0, nullptr);
+    for (int i = 0; i < atoi(setting("DEMO_MANY", "0")); ++i) {
+        char name[32];
+        snprintf(name, sizeof name, "w%07d", i);
+        json_array_append_new(words, json_string(name));
+    }
     slow_ms = atoi(setting("DEMO_SLOW", "0"));
     if (json_array_size(words) > 0)
         ve_rl_set_autocomplete_cb(autocomplete);

@@ -5,9 +5,13 @@ import unicodedata
 from wcwidth import wcwidth
 
 
-def cells(text, column, width):
+def cells(text, column, width, joins=True):
     """The cells that one text takes when it begins at `column`: (characters, cells) pieces; "\n" as it is."""
     for char in text:
+        if wcwidth(char) == 0 and not joins:
+            for letter in f"\\u{ord(char):04x}":
+                yield letter, 1
+            return
         if char == "\n":
             yield "\n", 0
         elif char == "\t":
@@ -29,8 +33,11 @@ class Layout:
         self.rows = [""]
         self.column = 0
         self.place = None
+        self.joins = False
         whole = before + text + after
         for index, char in enumerate(whole):
+            if index == len(before):
+                self.joins = False
             if index == len(before) + cursor:
                 self.place = "next"
             self.put(char, wcwidth(whole[index + 1 : index + 2] or "x") == 0)
@@ -50,7 +57,8 @@ class Layout:
         self.column = 0
 
     def put(self, char, marked):
-        for piece, size in cells(char, self.column % self.width, self.width):
+        joins, self.joins = self.joins, ord(char) >= 32 and ord(char) != 127 and (self.joins or wcwidth(char) > 0)
+        for piece, size in cells(char, self.column % self.width, self.width, joins):
             if piece == "\n":
                 self.settle()
                 self.feed()
