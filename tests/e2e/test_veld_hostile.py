@@ -82,6 +82,41 @@ def test_a_line_at_the_limit_is_taken(small):
     assert peer.receive()["result"] == {}
 
 
+@pytest.mark.load
+def test_unfinished_lines_of_many_clients_do_not_fill_the_memory(small):
+    bad = [small.connect() for _ in range(12)]
+    chunk = b"x" * (1 << 20)
+    closed = 0
+    for peer in bad:
+        try:
+            for _ in range(40):
+                peer.link.sendall(chunk)
+        except OSError:
+            closed += 1
+        ask(small.connect())
+    assert 4 <= closed < 12
+    assert holds_at_most(small, 512)
+    for peer in bad:
+        peer.close()
+    # The memory is there again for others.
+    peer = small.connect()
+    peer.send_raw(b'{"id":1,"method":"Logout","x":"' + b"x" * (60 << 20) + b'"}\n')
+    assert peer.receive()["result"] == {}
+
+
+@pytest.mark.load
+@pytest.mark.parametrize("piece, closed", [(b"0,", True), (b"[],", True), (b'{"a":1},', True), (b'",,,,,,,,,,,,,,,,,,",', False)])
+def test_a_message_of_millions_of_values(small, piece, closed):
+    peer = small.connect()
+    peer.send_raw(b'{"id":1,"method":"Logout","params":[' + piece * ((60 << 20) // len(piece)) + b"0]}\n")
+    if closed:
+        assert peer.closed()
+    else:
+        assert peer.receive()["error"]["code"] == -32602
+    ask(small.connect())
+    assert holds_at_most(small, 512)
+
+
 def test_any_chunking_is_understood(small):
     peer = small.connect()
     for byte in b'{"id":1,"method":"Logout"}\n\r\n{"id":2,"method":"Logout"}\r\n':

@@ -7,6 +7,32 @@
 namespace veld
 {
 
+namespace
+{
+
+constexpr size_t most_values = size_t{4} << 20;
+
+// A message that is all brackets and commas would take fifty times its length as values.
+bool too_many_values(std::string_view line)
+{
+    if (line.size() < most_values)
+        return false;
+    size_t values = 0;
+    bool in_text = false;
+    for (size_t i = 0; i < line.size(); ++i) {
+        const char c = line[i];
+        if (in_text && c == '\\')
+            ++i;
+        else if (c == '"')
+            in_text = !in_text;
+        else if (!in_text && (c == ',' || c == ':' || c == '[' || c == '{'))
+            ++values;
+    }
+    return values > most_values;
+}
+
+} // namespace
+
 const service::method_entry service::methods[] = {
     {"GetParameterNames", &service::get_names},
     {"GetParameterValues", &service::get_values},
@@ -35,7 +61,8 @@ void service::welcome(arrival who, std::unique_ptr<transport> link)
     const uint64_t id = next_client_++;
     LOG_DEBUG("client %llu from %s", static_cast<unsigned long long>(id), who.peer.c_str());
     client &fresh = clients_[id];
-    fresh.link = std::make_unique<connection>(loop_, id, std::move(link), std::move(who.peer), who.identity, *this);
+    fresh.link =
+        std::make_unique<connection>(loop_, id, std::move(link), std::move(who.peer), who.identity, *this, memory_);
 }
 
 void service::connection_over(connection &which)
@@ -58,6 +85,11 @@ client *service::find(uint64_t id)
 
 void service::line_received(connection &from, std::string_view line)
 {
+    if (too_many_values(line)) {
+        LOG_WARNING("%s: a message of too many values", from.peer().c_str());
+        from.close();
+        return;
+    }
     json_ref message{ve_wire_decode(line)};
     if (!message) {
         LOG_WARNING("%s: sends what is no message", from.peer().c_str());

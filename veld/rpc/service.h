@@ -101,6 +101,7 @@ private:
     executions executions_;
     sessions sessions_;
     login_guard guard_;
+    held_memory memory_;
     uint64_t next_client_ = 1;
     std::unordered_map<uint64_t, client> clients_;
 };

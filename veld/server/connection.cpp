@@ -13,7 +13,10 @@ namespace
 
 constexpr size_t events_limit = size_t{4} << 20;
 // What one client may take of a round before the others have theirs.
+constexpr int64_t time_at_once_ms = 5;
 constexpr int lines_at_once = 64;
+// What a client may always send, however much the others hold.
+constexpr size_t input_of_everybody = size_t{1} << 20;
 constexpr int reads_at_once = 16;
 constexpr size_t written_at_once = size_t{4} << 20;
 constexpr int64_t greeting_limit_ms = 10000;
@@ -22,9 +25,9 @@ constexpr size_t joined_message = 16384;
 } // namespace
 
 connection::connection(loop &events, uint64_t id, std::unique_ptr<transport> link, std::string peer,
-                       std::optional<peer_identity> identity, connection_owner &owner)
+                       std::optional<peer_identity> identity, connection_owner &owner, held_memory &memory)
     : loop_(events), id_(id), link_(std::move(link)), peer_(std::move(peer)), identity_(identity), owner_(owner),
-      self_(std::make_shared<connection *>(this))
+      memory_(memory), self_(std::make_shared<connection *>(this))
 {
     watching_ = EPOLLIN;
     loop_.watch(link_->fd(), watching_, [this](uint32_t bits) { ready(bits); });
@@ -111,6 +114,8 @@ void connection::receive()
             break;
         }
         reader_.commit(got.bytes);
+        if (!take_input(got.bytes))
+            return;
         take_lines();
         if (resuming_)
             break;
@@ -121,15 +126,35 @@ void connection::receive()
         resume_later();
 }
 
+void connection::account_input(size_t bytes)
+{
+    memory_.input += bytes - unfinished_;
+    unfinished_ = bytes;
+}
+
+// Accounts for more input. False when everybody together holds too much, and this link is over.
+bool connection::take_input(size_t bytes)
+{
+    account_input(unfinished_ + bytes);
+    if (memory_.input <= held_memory::input_limit || unfinished_ <= input_of_everybody)
+        return true;
+    LOG_WARNING("%s: too much input is held for all clients together", peer_.c_str());
+    close();
+    return false;
+}
+
 void connection::take_lines()
 {
+    const int64_t started = loop::now();
     for (int i = 0; !blocked() && !over_; ++i) {
-        if (i == lines_at_once) {
+        if (i == lines_at_once || (i > 0 && loop::now() - started >= time_at_once_ms)) {
             resume_later();
             return;
         }
         std::string_view line;
         const ve_wire_reader::state state = reader_.next(&line);
+        if (!reader_.pending())
+            account_input(0);
         if (state == ve_wire_reader::state::more)
             return;
         if (state == ve_wire_reader::state::too_long) {
@@ -137,6 +162,7 @@ void connection::take_lines()
             close();
             return;
         }
+        account_input(unfinished_ - std::min(unfinished_, line.size() + 1));
         owner_.line_received(*this, line);
     }
 }
@@ -190,6 +216,7 @@ void connection::send(std::string message)
 void connection::enqueue(std::string message)
 {
     queued_ += message.size();
+    memory_.output += message.size();
     if (!output_.empty() && output_.back().size() + message.size() < joined_message)
         output_.back() += message;
     else
@@ -233,6 +260,7 @@ void connection::flush()
         budget -= std::min(budget, put.bytes);
         written_ += put.bytes;
         queued_ -= put.bytes;
+        memory_.output -= put.bytes;
         if (written_ == first.size()) {
             output_.pop_front();
             written_ = 0;
@@ -291,6 +319,9 @@ void connection::close()
         link_.reset();
     }
     output_.clear();
+    memory_.output -= queued_;
+    queued_ = 0;
+    account_input(0);
     owner_.connection_over(*this);
 }
 

@@ -22,6 +22,17 @@ struct peer_identity {
 
 class connection;
 
+/// What all connections hold together, so that many clients cannot fill the memory where one could not.
+struct held_memory {
+    size_t input = 0;  ///< bytes of lines that have not arrived whole
+    size_t output = 0; ///< bytes that are not yet written
+
+    bool output_full() const { return output > output_limit; }
+
+    static constexpr size_t input_limit = size_t{256} << 20;
+    static constexpr size_t output_limit = size_t{512} << 20;
+};
+
 /// What the connection's owner does with what happens on it.
 class connection_owner
 {
@@ -37,7 +48,7 @@ class connection
 {
 public:
     connection(loop &events, uint64_t id, std::unique_ptr<transport> link, std::string peer,
-               std::optional<peer_identity> identity, connection_owner &owner);
+               std::optional<peer_identity> identity, connection_owner &owner, held_memory &memory);
     connection(const connection &) = delete;
     connection &operator=(const connection &) = delete;
     ~connection();
@@ -70,6 +81,8 @@ public:
 private:
     void ready(uint32_t events);
     void receive();
+    void account_input(size_t bytes);
+    bool take_input(size_t bytes);
     void take_lines();
     void flush();
     void enqueue(std::string message);
@@ -86,8 +99,10 @@ private:
     std::string peer_;
     std::optional<peer_identity> identity_;
     connection_owner &owner_;
+    held_memory &memory_;
     ve_wire_reader reader_;
     std::deque<std::string> output_;
+    size_t unfinished_ = 0;     // bytes of input that no line has been taken from yet
     size_t written_ = 0;        // of the first queued message
     size_t queued_ = 0;         // bytes not yet written
     size_t queued_answers_ = 0; // bytes of answers queued since the queue was last empty
