@@ -530,6 +530,7 @@ int dm_event(lua_State *L)
 {
     const lua_Integer id = luaL_checkinteger(L, 1);
     luaL_argcheck(L, id >= 0 && id <= UINT32_MAX, 1, "out of range");
+    lua_settop(L, 2);
     message_box *box = push_box(L);
     json_t *value = lua_isnoneornil(L, 2) ? nullptr : check_json(L, 2);
     box->message = ve_jrpcmsg_create_event_new(static_cast<uint32_t>(id), value);

@@ -1,0 +1,414 @@
+#include "platform/ve_lua.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <lua.hpp>
+#include <string>
+#include <sys/time.h>
+
+#include "platform/ve_jrpcmsg.h"
+#include "platform/ve_json.h"
+#include "platform/ve_lua_frames.h"
+#include "platform/ve_wait.h"
+
+namespace
+{
+
+// The daemon of these tests: it keeps what it was asked and answers what it was told, or the request's own parameters.
+json_ref asked;
+json_ref answer;
+int answer_code = 0;
+json_ref answer_data;
+std::string logins;
+
+int answer_request(ve_jrpcmsg *message, int)
+{
+    const json_ref request(ve_jrpcmsg_json(message));
+    asked = json_ref(json_deep_copy(request.get()));
+    if (answer_code != 0) {
+        ve_jrpcmsg_set_error(message, answer_code, "what is wrong", json_incref(answer_data.get()));
+        return 0;
+    }
+    json_t *result = answer ? json_incref(answer.get()) : json_incref(json_object_get(request.get(), "params"));
+    ve_jrpcmsg_set_result_new(message, result != nullptr ? result : json_object());
+    return 0;
+}
+
+int take_event(ve_jrpcmsg *message)
+{
+    asked = json_ref(ve_jrpcmsg_json(message));
+    return answer_code;
+}
+
+void note_login(const char *user, const char *password)
+{
+    logins += std::string("(") + (user != nullptr ? user : "-") + "," + (password != nullptr ? password : "-") + ")";
+}
+
+class VeLua : public testing::Test
+{
+protected:
+    VeLua() : context(ve_lua_init(0))
+    {
+        ve_lua_set_hooks({answer_request, take_event, note_login, nullptr});
+        asked.reset();
+        answer.reset();
+        answer_code = 0;
+        answer_data.reset();
+        logins.clear();
+    }
+    ~VeLua() override
+    {
+        ve_lua_free(context);
+        ve_lua_set_hooks({});
+        ve_wait_clear_interrupt();
+        asked.reset();
+        answer.reset();
+        answer_data.reset();
+    }
+
+    /// What the code prints, or "ERROR " and its error text.
+    std::string run(const std::string &code, const char *name = nullptr, const json_t *arguments = nullptr)
+    {
+        return ve_lua_exec(context, code.data(), code.size(), name, arguments) == 0 ? context->output
+                                                                                    : "ERROR " + context->error;
+    }
+
+    /// The daemon's next answers.
+    static void reply(const char *json) { answer = json_ref(json_loads(json, 0, nullptr)); }
+
+    /// The last request, or one member of it.
+    static std::string request(const char *member = nullptr)
+    {
+        json_object_del(asked.get(), "id");
+        json_object_del(asked.get(), "jsonrpc");
+        const json_t *part = member != nullptr ? json_object_get(asked.get(), member) : asked.get();
+        char *text = json_dumps(part, JSON_COMPACT | JSON_ENCODE_ANY | JSON_SORT_KEYS);
+        std::string result = text != nullptr ? text : "";
+        free(text);
+        return result;
+    }
+
+    /// Runs code that never ends, with Ctrl-C noted a moment later and the flag left set.
+    std::string run_interrupted(const std::string &code)
+    {
+        signal(SIGALRM, [](int) { ve_wait_note_interrupt(); });
+        const itimerval timer = {.it_interval = {}, .it_value = {.tv_sec = 0, .tv_usec = 20000}};
+        setitimer(ITIMER_REAL, &timer, nullptr);
+        const std::string result = run(code);
+        signal(SIGALRM, SIG_DFL);
+        return result;
+    }
+
+    ve_lua_context *context;
+};
+
+} // namespace
+
+TEST_F(VeLua, CollectsWhatCodePrints)
+{
+    EXPECT_EQ(run("print(1, 'a', nil) print()"), "1\ta\tnil\n\n");
+    EXPECT_EQ(run("io.write('a', 1, 2.5) io.stdout:write('b') io.output():write('c')"), "a12.5bc");
+    EXPECT_EQ(run("io.stdout:setvbuf('full', 100) io.write('kept')"), "kept");
+    EXPECT_EQ(run("print(setmetatable({}, {__tostring = function() return 'me' end}))"), "me\n");
+    EXPECT_EQ(run("print('a\\0b')"), std::string("a\0b\n", 4));
+    EXPECT_EQ(run(""), "");
+}
+
+TEST_F(VeLua, GivesErrorsAsTheirTextAlone)
+{
+    EXPECT_EQ(run("error('x')"), "ERROR [string \"stdin\"]:1: x");
+    EXPECT_EQ(run("\n\nerror('x')", "/a/b.lua"), "ERROR /a/b.lua:3: x");
+    EXPECT_EQ(run("x = = 1"), "ERROR [string \"stdin\"]:1: unexpected symbol near '='");
+    EXPECT_EQ(run("error()"), "ERROR (error object is a nil value)");
+    EXPECT_EQ(run("error({})"), "ERROR (error object is a table value)");
+    EXPECT_EQ(run("error(setmetatable({}, {__tostring = function() return 'me' end}))"), "ERROR me");
+    EXPECT_EQ(run("error(setmetatable({}, {__tostring = function() error('deep', 0) end}))"), "ERROR deep");
+    EXPECT_EQ(run("\x1bLua"), "ERROR attempt to load a binary chunk (mode is 't')");
+}
+
+TEST_F(VeLua, PassesArguments)
+{
+    const json_ref words(json_pack("[s, s]", "one", "two"));
+    EXPECT_EQ(run("print(..., arg[0], arg[1], arg[2], #arg)", "/s.lua", words.get()), "one\t/s.lua\tone\ttwo\t2\n");
+    EXPECT_EQ(run("print(select('#', ...), select(2, ...))", "/s.lua", words.get()), "2\ttwo\n");
+    EXPECT_EQ(run("print(select('#', ...))"), "0\n");
+}
+
+TEST_F(VeLua, TurnsJsonIntoValuesAndBackWithoutLoss)
+{
+    // The daemon sends back what it was asked; every value must come back equal.
+    const char *same =
+        "local function same(a, b) if type(a) ~= 'table' then return a == b and math.type(a) == math.type(b) "
+        "end for k, v in pairs(a) do if not same(v, b[k]) then return false end end "
+        "for k in pairs(b) do if a[k] == nil then return false end end return true end "
+        "local function echo(v) return dm.request('Echo', {v = v}).v end ";
+    for (const char *value : {"1",
+                              "-1",
+                              "0",
+                              "math.maxinteger",
+                              "math.mininteger",
+                              "1.0",
+                              "0.1",
+                              "-0.0",
+                              "1e300",
+                              "5e-324",
+                              "true",
+                              "false",
+                              "''",
+                              "'a\\0b'",
+                              "'\xc3\xa9'",
+                              "{1, 2, 3}",
+                              "{a = 1, b = {c = {}}}",
+                              "{{}, {1}, {a = {}}}",
+                              "{1.0, 2, 'x', false}",
+                              "dm.null",
+                              "{dm.null, {dm.null}}",
+                              "dm.array()",
+                              "{a = dm.array{}}",
+                              "9007199254740993",
+                              "{['1'] = 'a', ['2'] = 'b'}",
+                              "{[''] = 1}"})
+        EXPECT_EQ(run(std::string(same) + "print(same(" + value + ", echo(" + value + ")))"), "true\n") << value;
+
+    EXPECT_EQ(run("dm.request('X', {a = {}, b = dm.array(), c = {1}, d = 1.0, e = 1, f = dm.null})"), "");
+    EXPECT_EQ(request("params"), R"({"a":{},"b":[],"c":[1],"d":1.0,"e":1,"f":null})");
+    // What was an array stays one.
+    EXPECT_EQ(run("local r = dm.request('X', {a = {1}}) table.remove(r.a) dm.request('Y', r)"), "");
+    EXPECT_EQ(request("params"), R"({"a":[]})");
+}
+
+TEST_F(VeLua, CarriesTwoThousandLevels)
+{
+    EXPECT_EQ(run("local v = 'x' for i = 1, 2000 do v = {v} end local r = dm.request('X', {v = v}).v "
+                  "local n = 0 while type(r) == 'table' do r = r[1] n = n + 1 end print(n, r)"),
+              "2000\tx\n");
+    EXPECT_NE(run("local v = 'x' for i = 1, 3000 do v = {v} end dm.request('X', {v = v})").find("nested too deep"),
+              std::string::npos);
+}
+
+TEST_F(VeLua, RefusesWhatHasNoJsonForm)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"{v = print}", "a function has no JSON form"},
+        {"{v = coroutine.create(print)}", "a coroutine has no JSON form"},
+        {"{v = io.stdout}", "a userdata has no JSON form"},
+        {"{v = 0/0}", "a number that is not finite has no JSON form"},
+        {"{v = '\\200'}", "a text that is not UTF-8 has no JSON form"},
+        {"{['\\200'] = 1}", "a key that is not UTF-8 has no JSON form"},
+        {"{['a\\0'] = 1}", "a key that holds a NUL has no JSON form"},
+        {"{v = {1, a = 2}}", "a table whose keys are neither all texts nor 1 to n has no JSON form"},
+        {"{v = {1, nil, 3}}", "a table whose keys are neither all texts nor 1 to n has no JSON form"},
+        {"{v = {[1.5] = 1}}", "a table whose keys are neither all texts nor 1 to n has no JSON form"},
+        {"(function() local t = {} t.t = t return t end)()", "a table that contains itself has no JSON form"},
+        {"(function() local t = {} t.t = {t} return t end)()", "a table that contains itself has no JSON form"},
+        {"{1, 2}", "parameters have names"},
+        {"5", "table expected, got number"},
+    };
+    for (const auto &[value, problem] : cases) {
+        asked.reset();
+        EXPECT_EQ(run(std::string("dm.request('X', ") + value + ")"),
+                  std::string("ERROR [string \"stdin\"]:1: bad argument #2 to 'request' (") + problem + ")")
+            << value;
+        EXPECT_FALSE(asked) << "nothing is sent";
+    }
+    // The same table twice is no cycle.
+    EXPECT_EQ(run("local t = {1} dm.request('X', {a = t, b = t})"), "");
+    EXPECT_EQ(request("params"), R"({"a":[1],"b":[1]})");
+}
+
+TEST_F(VeLua, GetsValuesAndTables)
+{
+    reply(R"({"ParameterList":[{"Name":"Device.Time.Enable","Value":true}]})");
+    EXPECT_EQ(run("print(dm.get('Device.Time.Enable'))"), "true\n");
+    EXPECT_EQ(request(), R"({"method":"GetParameterValues","params":{"ParameterNames":["Device.Time.Enable"]}})");
+    EXPECT_EQ(run("print(dm.get(':Device.Time.Enable'), dm.get('Device.Time.Enable.'))"), "true\ttrue\n");
+    EXPECT_EQ(run("print(dm.get('Device.Time.').Enable, dm.get('Device.Time').Enable, dm.get(':').Enable)"),
+              "true\ttrue\tnil\n");
+    EXPECT_EQ(request("params"), R"({"ParameterNames":["."]})");
+    EXPECT_EQ(run("print(dm.get('.')['Device.Time.Enable'])"), "true\n");
+    reply(R"({"ParameterList":[]})");
+    EXPECT_EQ(run("print(next(dm.get('Device.Empty.')))"), "nil\n");
+    reply(R"({"ParameterList":[{"Name":"Device.X","Value":null}, {"Value":1}, {"Name":7}]})");
+    EXPECT_EQ(run("print(dm.get('Device.').X == dm.null)"), "true\n");
+    reply("{}");
+    EXPECT_EQ(run("print(next(dm.get('Device.')))"), "nil\n");
+}
+
+TEST_F(VeLua, SetsTypedValuesAllAtOnce)
+{
+    EXPECT_EQ(run("print(dm.set('Device.A', 1))"), "true\n");
+    EXPECT_EQ(request(),
+              R"({"method":"SetParameterValues","params":{"ParameterList":[{"Name":"Device.A","Value":1}]}})");
+    EXPECT_EQ(run("dm.set(':Device.A', 1.0)"), "");
+    EXPECT_EQ(request("params"), R"({"ParameterList":[{"Name":"Device.A","Value":1.0}]})");
+    EXPECT_EQ(run("print(dm.set{['Device.A'] = 'x'})"), "true\n");
+    EXPECT_EQ(request("params"), R"({"ParameterList":[{"Name":"Device.A","Value":"x"}]})");
+    EXPECT_EQ(run("dm.set{['Device.A'] = true, ['Device.B'] = 2}"), "");
+    EXPECT_NE(request("params").find(R"({"Name":"Device.A","Value":true})"), std::string::npos);
+    EXPECT_NE(request("params").find(R"({"Name":"Device.B","Value":2})"), std::string::npos);
+    asked.reset();
+    EXPECT_EQ(run("dm.set('Device.A')"), "ERROR [string \"stdin\"]:1: bad argument #2 to 'set' (value expected)");
+    EXPECT_EQ(run("dm.set('Device.A', nil)"),
+              "ERROR [string \"stdin\"]:1: bad argument #2 to 'set' (nil has no JSON form (use dm.null))");
+    EXPECT_EQ(run("dm.set{1}"), "ERROR [string \"stdin\"]:1: bad argument #1 to 'set' (a path is expected)");
+    EXPECT_EQ(run("dm.set{a = print}"),
+              "ERROR [string \"stdin\"]:1: bad argument #1 to 'set' (a function has no JSON form)");
+    EXPECT_EQ(run("dm.set('', 1)"), "ERROR [string \"stdin\"]:1: bad argument #1 to 'set' (an empty path)");
+    EXPECT_FALSE(asked);
+}
+
+TEST_F(VeLua, NamesChildrenAndAttributes)
+{
+    reply(R"({"ParameterList":[{"Name":"Device.Time.Enable","Writable":true},{"Name":"Device.Time.Sub."}]})");
+    EXPECT_EQ(run("print(table.unpack(dm.names('Device.Time.')))"), "Enable\tSub.\n");
+    EXPECT_EQ(request(),
+              R"({"method":"GetParameterNames","params":{"NextLevel":true,"ParameterPath":"Device.Time."}})");
+    EXPECT_EQ(run("print(table.unpack(dm.names('Device.Time')))"), "Enable\tSub.\n");
+    reply(R"({"ParameterList":[{"Name":"Device.A","Attributes":{"type":"int","perms":"rw"}}]})");
+    EXPECT_EQ(run("local a = dm.attrs('Device.A') print(a.type, a.perms)"), "int\trw\n");
+    EXPECT_EQ(request(), R"({"method":"GetParameterAttributes","params":{"Depth":0,"ParameterNames":["Device.A"]}})");
+}
+
+TEST_F(VeLua, AddsDeletesAndOrdersInstances)
+{
+    reply(R"({"InstanceNumber":5,"Status":0})");
+    EXPECT_EQ(run("print(dm.add('Device.Hosts.Host'))"), "5\n");
+    EXPECT_EQ(request(), R"({"method":"AddObject","params":{"ObjectName":"Device.Hosts.Host."}})");
+    EXPECT_EQ(run("print(dm.add(':Device.Hosts.Host.', 2))"), "5\n");
+    EXPECT_EQ(request("params"), R"({"ObjectName":"Device.Hosts.Host.","Order":2})");
+    EXPECT_EQ(run("print(dm.del('Device.Hosts.Host.5.'))"), "true\n");
+    EXPECT_EQ(request(), R"({"method":"DeleteObject","params":{"ObjectName":"Device.Hosts.Host.5."}})");
+    EXPECT_EQ(run("print(dm.order('Device.Hosts.Host.5.', 1))"), "true\n");
+    EXPECT_EQ(request(), R"({"method":"ChangeOrder","params":{"ObjectName":"Device.Hosts.Host.5.","Order":1}})");
+    EXPECT_EQ(run("dm.order('Device.A.', 0)"), "ERROR [string \"stdin\"]:1: bad argument #2 to 'order' (out of range)");
+    EXPECT_EQ(run("dm.add('Device.A.', 4294967295)"),
+              "ERROR [string \"stdin\"]:1: bad argument #2 to 'add' (out of range)");
+}
+
+TEST_F(VeLua, CallsMethodsWithNestedArgumentsAndOutputs)
+{
+    reply(R"({"ParameterList":[{"Name":"Status","Value":"OK"},{"Name":"Hops.1.Host","Value":"a"},
+             {"Name":"Hops.2.Host","Value":"b"},{"Name":"Status.Deep","Value":1}]})");
+    EXPECT_EQ(run("local r = dm.call(':Device.M', {Host = 'x', Opt = {Size = 3, Deep = {On = true}}}) "
+                  "print(r.Status, #r.Hops, r.Hops[1].Host, r.Hops[2].Host, r['Status.Deep'] or r.Deep)"),
+              "OK\t2\ta\tb\t1\n");
+    EXPECT_EQ(request("method"), "\"Execute\"");
+    EXPECT_NE(request("params").find(R"({"Name":"Opt.Size","Value":3})"), std::string::npos);
+    EXPECT_NE(request("params").find(R"({"Name":"Opt.Deep.On","Value":true})"), std::string::npos);
+    EXPECT_NE(request("params").find(R"("Path":"Device.M")"), std::string::npos);
+    reply("{}");
+    EXPECT_EQ(run("print(next(dm.call('Device.M')))"), "nil\n");
+    EXPECT_EQ(request("params"), R"({"ParameterList":[],"Path":"Device.M"})");
+}
+
+TEST_F(VeLua, RaisesRefusalsAsValues)
+{
+    answer_code = 9005;
+    EXPECT_EQ(
+        run("local ok, e = pcall(dm.get, 'Device.X') print(ok, e.code, e.title, e.message, e.data, e)"),
+        "false\t9005\tInvalid parameter name\twhat is wrong\tnil\t[9005] Invalid parameter name: what is wrong\n");
+    EXPECT_EQ(run("dm.get('Device.X')"), "ERROR [9005] Invalid parameter name: what is wrong");
+    answer_data = json_ref(json_pack("{s:s, s:i}", "Device.A", "bad", "Device.B", 1));
+    EXPECT_EQ(run("local ok, e = pcall(dm.set, 'Device.A', 1) print(e.data['Device.A'], e.data['Device.B'])"),
+              "bad\t1\n");
+    const std::string text = run("dm.set('Device.A', 1)");
+    EXPECT_NE(text.find("\nDevice.A: \"bad\""), std::string::npos) << text;
+    EXPECT_NE(text.find("\nDevice.B: 1"), std::string::npos) << text;
+}
+
+TEST_F(VeLua, SendsEvents)
+{
+    EXPECT_EQ(run("print(dm.event(100, {a = 1}))"), "true\n");
+    EXPECT_EQ(request(), R"({"method":"Event","params":{"Id":100,"Value":{"a":1}}})");
+    EXPECT_EQ(run("print(dm.event(101))"), "true\n");
+    EXPECT_EQ(request("params"), R"({"Id":101})");
+    EXPECT_EQ(run("dm.event(102, dm.null)"), "");
+    EXPECT_EQ(request("params"), R"({"Id":102,"Value":null})");
+    EXPECT_EQ(run("dm.event(-1)"), "ERROR [string \"stdin\"]:1: bad argument #1 to 'event' (out of range)");
+    answer_code = -1;
+    EXPECT_EQ(run("dm.event(1)"), "ERROR [-32002] Connection lost: the daemon closed the link");
+}
+
+TEST_F(VeLua, TellsTheClientOfLogins)
+{
+    EXPECT_EQ(run("print(dm.login('admin', 'secret'))"), "true\n");
+    EXPECT_EQ(request(), R"({"method":"Login","params":{"Password":"secret","User":"admin"}})");
+    EXPECT_EQ(run("dm.login('root')"), "");
+    EXPECT_EQ(request("params"), R"({"User":"root"})");
+    EXPECT_EQ(run("print(dm.logout())"), "true\n");
+    EXPECT_EQ(request("method"), "\"Logout\"");
+    EXPECT_EQ(logins, "(admin,secret)(root,-)(-,-)");
+    logins.clear();
+    answer_code = 9001;
+    EXPECT_EQ(run("dm.login('admin', 'wrong')"), "ERROR [9001] Request denied: what is wrong");
+    EXPECT_EQ(logins, "(-,-)") << "a refused login leaves nobody logged in";
+    EXPECT_EQ(run("print(pcall(dm.save))"), "false\t[9001] Request denied: what is wrong\n");
+}
+
+TEST_F(VeLua, HasANullThatEqualsItself)
+{
+    EXPECT_EQ(run("print(dm.null, dm.null == dm.null, type(dm.null), dm.null == nil)"),
+              "null\ttrue\tuserdata\tfalse\n");
+}
+
+TEST_F(VeLua, StopsCodeThatRunsOnWhenCtrlCIsNoted)
+{
+    for (const char *code : {
+             "while true do end",
+             "while true do pcall(function() while true do end end) end",
+             "pcall(pcall, function() while true do end end) while true do end",
+             "local c = coroutine.create(function() while true do end end) while true do coroutine.resume(c) end",
+             "coroutine.wrap(function() while true do pcall(function() while true do end end) end end)()",
+             "while true do coroutine.resume(coroutine.create(function() while true do end end)) end",
+             "xpcall(function() while true do end end, function() while true do end end) while true do end",
+             "xpcall(error, function() while true do end end)",
+             "local function f() return f() end f()",
+             "local function f() f() end while true do pcall(f) end",
+             "setmetatable({}, {__index = function(t, k) return t[k] end})[1] = 1 while true do end",
+             "local t = setmetatable({}, {__lt = function() while true do end end}) print(t < t)",
+             "string.gsub(('x'):rep(100), '.', function() while true do end end)",
+             "table.sort({3, 2, 1}, function() while true do end end)",
+             "while true do local s = ('x'):rep(1000000) end",
+             "load('while true do end')()",
+             "while true do dm.get('Device.X') end",
+         }) {
+        ve_wait_clear_interrupt();
+        const std::string result = run_interrupted(code);
+        EXPECT_TRUE(result.starts_with("ERROR ")) << code << " -> " << result;
+        EXPECT_TRUE(ve_wait_interrupted());
+    }
+    ve_wait_clear_interrupt();
+    EXPECT_EQ(run("print(1 + 1)"), "2\n") << "the state is sound";
+}
+
+TEST_F(VeLua, WalksDeepStacksFrameByFrame)
+{
+    // From within a deep recursion: the frames are those that lua_getstack finds, the innermost first.
+    lua_State *L = context->state;
+    lua_pushcfunction(L, [](lua_State *S) {
+        ve_lua_frames frames(S);
+        lua_Debug frame;
+        lua_Debug expected;
+        int level = 0;
+        int functions = 0;
+        for (; frames.next(&frame); ++level) {
+            if (level < 50) {
+                EXPECT_EQ(lua_getstack(S, level, &expected), 1);
+                lua_getinfo(S, "f", &expected);
+                lua_getinfo(S, "f", &frame);
+                functions += lua_rawequal(S, -1, -2);
+                lua_pop(S, 2);
+            }
+        }
+        EXPECT_EQ(functions, 50);
+        EXPECT_EQ(lua_getstack(S, level - 1, &expected), 1);
+        EXPECT_EQ(lua_getstack(S, level, &expected), 0);
+        lua_pushinteger(S, level);
+        return 1;
+    });
+    lua_setglobal(L, "count");
+    EXPECT_EQ(run("local function f(n) if n == 0 then return count() end return (f(n - 1)) end print(f(150000))"),
+              "150004\n");
+}
