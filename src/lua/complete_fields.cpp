@@ -66,10 +66,8 @@ bool begin_run(lua_State *L, const char *text, lua_field_source source)
     stack_top = lua_gettop(L);
     if (!push_object(L, text) || !begin_iteration(L, source))
         return false;
-    // Exactly three values are kept above the remembered top.
-    for (int i = 3; i >= 1; --i)
-        lua_replace(L, stack_top + i);
-    lua_settop(L, stack_top + 3);
+    while (lua_gettop(L) > stack_top + 3) // only the three are kept
+        lua_remove(L, stack_top + 1);
     return true;
 }
 
