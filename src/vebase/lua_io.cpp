@@ -218,12 +218,18 @@ void ve_lua_write(const char *data, size_t size)
 
 void ve_lua_write_error(const char *data, size_t size)
 {
-    const ve_lua_sigint_blocked blocked;
-    ve_out_flush();
-    while (size > 0) {
-        pollfd out{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
-        if (ve_wait_poll(&out, 1, -1) < 0)
-            return;
+    {
+        const ve_lua_sigint_blocked blocked;
+        ve_out_flush();
+    }
+    while (size > 0 && !ve_wait_interrupted()) {
+        {
+            const ve_lua_sigint_blocked blocked;
+            pollfd err{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+            if (ve_wait_poll(&err, 1, -1) < 0)
+                return;
+        }
+        // Where Lua code runs, Ctrl-C also ends a write that the terminal holds up.
         const ssize_t count = write(STDERR_FILENO, data, size < piece_size ? size : piece_size);
         if (count < 0 && errno != EINTR && errno != EAGAIN)
             return;

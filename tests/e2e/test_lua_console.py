@@ -1,0 +1,372 @@
+"""The Lua console: statements, Lua mode on pipes and on a terminal."""
+
+import re
+import subprocess
+
+import pytest
+
+from lib import settings
+from lib.terminal import Key
+
+BANNER_END = "Enter 'help' or '?' for help, 'q' for exit.\n"
+
+
+def lua_mode(kest, to, text, **options):
+    """What Lua mode prints for the lines of `text`, entered from a shell on pipes."""
+    run = kest(to=to, stdin=f"lua\n{text}\nq\nq\n", **options)
+    assert run.status == 0
+    run.shown = run.out.split(BANNER_END, 1)[1]
+    return run
+
+
+# --- lua <statement> ---
+
+
+def test_a_statement_is_echoed_and_its_output_printed(veld, kest):
+    run = kest("-r", "lua", "print(1)", to=veld)
+    assert run.out == "print(1) \n1\n"
+    assert run.status == 0
+
+
+def test_the_words_of_a_statement_are_joined(veld, kest):
+    run = kest("-r", "lua", "io.write(", "1,", "2", ")", to=veld)
+    assert run.out == "io.write( 1, 2 ) \n12"
+
+
+def test_an_error_of_a_statement_is_its_text_alone(veld, kest):
+    run = kest("-r", "lua", "print(1) error('x')", to=veld)
+    assert run.out == "print(1) error('x') \nLUA ERROR: [string \"stdin\"]:1: x\n"
+    assert run.err == ""
+    assert run.status == 0
+
+
+def test_the_shell_passes_the_rest_of_the_line_unsplit(veld, kest):
+    run = kest(to=veld, stdin="lua print('a  b', \"c\", #'#')\nq\n")
+    assert run.out.split(BANNER_END)[1] == "print('a  b', \"c\", #'#') \na  b\tc\t1\n"
+
+
+def test_os_exit_shows_first_what_was_printed(veld, kest):
+    run = kest("-r", "lua", "print(1) io.write(2) os.exit(3)", to=veld)
+    assert run.out == "print(1) io.write(2) os.exit(3) \n1\n2"
+    assert run.status == 3
+
+
+@pytest.mark.skipif(b"__asan_init" in settings.KEST.read_bytes(), reason="the sanitizer ends the program first")
+def test_a_lack_of_memory_is_an_error_of_the_code(veld):
+    code = "local t = {} for i = 1, 1e9 do t[i] = ('x'):rep(1e7) .. i end"
+    limited = ["sh", "-c", 'ulimit -v 400000; exec "$@"', "sh", settings.KEST, "-u", veld.address, "-r", "lua", code]
+    run = subprocess.run(limited, capture_output=True, text=True, timeout=60)
+    assert run.stdout.endswith("LUA ERROR: not enough memory\n")
+    assert run.returncode == 0
+
+
+# --- Lua mode ---
+
+
+def test_results_are_numbered_across_statements(veld, kest):
+    run = lua_mode(kest, veld, "1+1\nx = 1\nx\n1, 'a'\n_[1] + _[3]\nprint(_ ~= nil)\nnil")
+    assert run.shown == '_[1] = 2\n_[2] = 1\n_[3] = 1\n_[4] = "a"\n_[5] = 3\ntrue\n_[6] = nil\n'
+
+
+def test_the_results_table_is_visible_only_to_statements(veld, kest):
+    run = lua_mode(kest, veld, "1\nf = function() return _ end\nco = coroutine.wrap(f)\n_ = 5\n_ == nil, type(_)")
+    # What was assigned to "_" is gone with the statement that did it; the next one sees the results again.
+    assert run.shown == '_[1] = 1\n_[2] = false\n_[3] = "table"\n'
+
+
+def test_an_unfinished_statement_takes_more_lines(veld, kest):
+    run = lua_mode(kest, veld, "for i = 1, 2 do\nprint(i)\nend\nx = [[a\nquit\nb]]\nx")
+    assert run.shown == "1\n2\n_[1] = [[\na\nquit\nb]]\n"
+
+
+def test_errors_go_to_standard_error_with_their_trace(veld, kest):
+    run = lua_mode(
+        kest,
+        veld,
+        "function f() error('x') end\nf()\nx = = 1\nerror({})\nreturn f()\n"
+        "error(setmetatable({}, {__tostring = function() return 'me' end}))",
+    )
+    assert run.shown == ""
+    raised = "\n\nStack trace:\n\t#0 [C]: in function ?\n\t#1 [C]: in function 'error'\n"
+    main = '[string "stdin"]:1: in the main chunk\n\n'
+    # An expression is compiled behind "return", which makes a call a tail call: its caller is gone.
+    tail = "\t... tail calls\n\t#2 [string \"stdin\"]:1: in function ?\n\n"
+    assert run.err == (
+        f'[string "stdin"]:1: x{raised}{tail}'
+        "[string \"stdin\"]:1: unexpected symbol near '='\n"
+        f"(no error message){raised}\t#2 {main}"
+        f'[string "stdin"]:1: x{raised}{tail}'
+        f"me{raised}\t#2 {main}"
+    )
+    run = lua_mode(kest, veld, "function f() error('x') end\nlocal a = f()")
+    assert run.err == (
+        f'[string "stdin"]:1: x{raised}'
+        f"""\t#2 [string "stdin"]:1: in function 'f'\n\t#3 {main}"""
+    )
+
+
+def test_a_refused_request_reads_like_the_shells_line(veld, kest):
+    run = lua_mode(kest, veld, "dm.get('Device.Nope')")
+    assert re.match(r"\[9005\] Invalid parameter name: .*Device\.Nope.*\n\nStack trace:\n", run.err)
+
+
+def test_metamethods_that_raise_end_neither_statement_nor_program(veld, kest):
+    run = lua_mode(
+        kest,
+        veld,
+        "g = setmetatable(_G, {__index = function(_, k) error('no global ' .. k, 0) end})\n1 + 1\n"
+        "g = setmetatable(_G, nil)\n"
+        "setmetatable({{}}, {__eq = function() error('no eq', 0) end})\n"
+        "1, setmetatable({1, nil, 3}, {__index = function() error('no index', 0) end}), 2\n"
+        "do setmetatable({}, {__gc = function() error('no gc', 0) end}) end collectgarbage()\n"
+        "setmetatable({}, {__gc = function() error('at the end') end}) and 7",
+    )
+    assert "no global _\n" in run.err and "no eq\n" in run.err and "no index\n" in run.err and "no gc" in run.err
+    assert run.shown == "_[1] = 2\n_[2] = 1\n_[3] = 2\n_[4] = 7\n"
+
+
+def test_the_trace_of_an_endless_recursion_is_whole(veld, kest):
+    run = lua_mode(kest, veld, "local function f() f() end f()\n1")
+    frames = run.err.count("\t#")
+    assert frames > 100000
+    assert f"\t#{frames - 1} [string \"stdin\"]:1: in the main chunk\n" in run.err
+    assert run.shown == "_[1] = 1\n"
+
+
+def test_a_leading_blank_keeps_a_line_out_of_the_history_and_echoes_it(veld, kest, private_tmp):
+    run = lua_mode(kest, veld, " x = 1\ny = 2")
+    assert run.shown == " x = 1\n"
+    assert (private_tmp / ".kest.lua.hist").read_text() == "y = 2\n"
+
+
+def test_statements_of_many_lines_survive_in_the_history_as_one(veld, terminal, kest, private_tmp):
+    lua_mode(kest, veld, "for i = 1, 2 do\nprint(i)\nend\nx = = 1")
+    assert (private_tmp / ".kest.lua.hist").read_text().count("\n") == 2
+    term = terminal(to=veld).wait_prompt()
+    term.run("lua")
+    term.type(Key.UP + Key.UP)
+    term.wait_for("for i = 1, 2 do")
+    assert term.enter() [-2:] == ["1", "2"]
+
+
+def test_luarecord_writes_a_script_that_runs(veld, kest, tmp_path):
+    path = tmp_path / "session.lua"
+    statements = "x = 1\nfor i = 1, 2 do\nx = x + i\nend\nprint(x, dm.get('Device.Time.Enable') ~= nil)"
+    run = kest(to=veld, stdin=f"lua\nold = 1\nq\nluarecord {path}\n{statements}\nq\nq\n")
+    assert run.out.split(BANNER_END)[1] == "4\ttrue\n"
+    assert path.read_text() == statements + "\n"
+    assert kest("-S", path, to=veld).out == "4\ttrue\n"
+
+
+def test_luarecord_refuses_what_record_refuses(veld, kest, tmp_path):
+    run = kest(to=veld, stdin=f"luarecord\nluarecord /nonexistent/x\nluarecord abort\nrecord {tmp_path}/r\nluarecord {tmp_path}/s\nq\nq\n")
+    assert run.out.split(BANNER_END)[1] == (
+        "syntax: luarecord <filename>|abort\n"
+        "luarecord: can't create record file /nonexistent/x.\n"
+        "luarecord: no record found.\n"
+        "luarecord: already recording.\n"
+    )
+
+
+def test_each_lua_mode_begins_anew(veld, kest):
+    run = kest(to=veld, stdin="lua\nx = 1\n1\nquit\nlua\nx\nq\nq\n")
+    assert run.out.split(BANNER_END)[1] == "_[1] = 1\n_[1] = nil\n"
+
+
+def test_lua_mode_without_a_terminal_ends_with_its_lines(veld, kest, private_tmp, tmp_path):
+    (private_tmp / ".kest.hist").write_text("precious\n")
+    (private_tmp / ".kest.lua.hist").write_text("old()\n")
+    script = tmp_path / "s.kest"
+    script.write_text("lua\nget Device.Time.Enable\n")
+    for words in (("-r", "lua"), ("-s", script)):
+        run = kest(*words, to=veld, stdin="print(1 + 1)\n")
+        assert run.out.startswith("2\n")
+        assert (private_tmp / ".kest.hist").read_text() == "precious\n"
+    assert (private_tmp / ".kest.lua.hist").read_text() == "old()\nprint(1 + 1)\nprint(1 + 1)\n"
+    assert kest("-r", "lua", to=veld).status == 0
+
+
+def test_output_and_errors_keep_their_order(veld, kest, tmp_path):
+    both = tmp_path / "both"
+    with open(both, "w") as out:
+        run = kest(to=veld, stdin="lua\nprint(1)\nerror('x', 0)\nprint(2) io.stderr:write('e\\n') io.write('3\\n')\nq\nq\n", stdout=out)
+    assert both.read_text().split(BANNER_END)[1] == "1\n2\n3\n"
+    assert run.err.startswith("x\n\nStack trace:") and run.err.endswith("e\n")
+
+
+def test_results_are_coloured_on_a_terminal_only(veld, shell):
+    term = shell(to=veld)
+    term.run("lua")
+    term.run("1")
+    row = next(row for row in range(24) if term.line(row).startswith("_[1]"))
+    assert term.colours(row) == [("_[1] = 1", "green")]
+    assert term.cell(row, 0).bold and not term.cell(row, 6).bold
+    term.run("error('x')")
+    row = next(row for row in range(24) if "]:1: x" in term.line(row))
+    assert term.colours(row)[0][1] == "red"
+
+
+def test_the_prompt_tells_the_state(veld, shell):
+    term = shell(to=veld)
+    term.prompt = re.compile(r"kest(-lua|-lua\(fail\))?:> ?$")
+    term.run("lua")
+    assert term.line(term.cursor[0]).endswith("kest-lua:>")
+    term.run("x = = 1")
+    assert term.line(term.cursor[0]).endswith("kest-lua(fail):>")
+    term.run("error('x')")
+    assert term.line(term.cursor[0]).endswith("kest-lua:>")
+    term.type("do\r")
+    term.wait_prompt("> ")
+    term.type("end\r")
+    term.wait_prompt()
+    assert term.line(term.cursor[0]).endswith("kest-lua:>")
+    term.run("q")
+    assert term.line(term.cursor[0]).endswith("kest:>")
+
+
+def test_output_is_shown_as_it_comes(veld, shell):
+    term = shell(to=veld)
+    term.run("lua")
+    term.type("print('first') io.write('asked? ') print('got ' .. io.read())\r")
+    term.wait_for("asked?")
+    assert term.find("first")
+    term.type("this\r")
+    term.wait_for("got this")
+    term.wait_prompt()
+
+
+def test_os_execute_shares_the_terminal(veld, shell):
+    term = shell(to=veld)
+    term.run("lua")
+    assert term.run("print('a') os.execute('echo b') print('c')") == ["a", "b", "c"]
+
+
+def test_there_are_no_hints_in_lua_mode(veld, shell):
+    term = shell(to=veld)
+    term.run("lua")
+    term.run("touched = 0 t = setmetatable({}, {__index = function() touched = touched + 1 end})")
+    term.type("t.x.y")
+    term.quiet()
+    assert term.line(term.cursor[0]).endswith("t.x.y")
+    term.type(Key.CTRL_U)
+    assert term.run("touched") == ["_[1] = 0"]
+
+
+def test_tab_completes_and_loads_modules_once(veld, shell, tmp_path):
+    (tmp_path / "mymod.lua").write_text("return {field = 1, other = function() end}")
+    term = shell(to=veld)
+    term.run("lua")
+    term.type("mymo\t")
+    term.wait_for("mymod")
+    term.type("\t")
+    term.wait_for("Loaded module 'mymod'.")
+    term.wait_for(lambda t: t.line(t.cursor[0]).endswith("> mymod."))
+    term.type("oth\t")
+    term.wait_for(lambda t: t.line(t.cursor[0]).endswith("> mymod.other"))
+    assert "\n".join(term.all_lines).count("Loaded module") == 1
+
+
+# --- Ctrl-C ---
+
+ENDLESS = [
+    "while true do end",
+    "while true do pcall(function() while true do end end) end",
+    "coroutine.wrap(function() while true do end end)()",
+    "xpcall(function() while true do end end, function() while true do end end)",
+    "while true do dm.get('Device.DeviceInfo.Manufacturer') end",
+    "local function f() f() end while true do pcall(f) end",
+    "io.read()",
+    "os.execute('sleep 100') while true do end",
+    "io.popen('sleep 100'):read('a') while true do end",
+]
+
+
+@pytest.mark.parametrize("code", ENDLESS)
+def test_ctrl_c_stops_a_statement(veld, shell, code):
+    term = shell(to=veld)
+    term.run("lua")
+    term.type(code + "\r")
+    term.quiet(0.3)
+    term.type(Key.CTRL_C)
+    term.wait_prompt(timeout=2)
+    # Lines are dropped until Lua mode is entered again.
+    term.run("print('dropped' .. 1)")
+    assert not term.find("dropped1")
+    term.run("q")
+    term.run("lua")
+    assert term.run("1 + 1") == ["_[1] = 2"]
+
+
+def test_ctrl_c_stops_a_statement_of_the_shell(veld, shell):
+    term = shell(to=veld)
+    for code in ENDLESS[:5]:
+        term.type(f"lua {code}\r")
+        term.quiet(0.2)
+        term.type(Key.CTRL_C)
+        term.wait_prompt(timeout=2)
+    assert term.run("lua print(1 + 1)") == ["print(1 + 1)", "2"]
+
+
+def test_ctrl_c_stops_the_printing_of_a_huge_value(veld, shell):
+    term = shell(to=veld)
+    term.run("lua")
+    term.run("t = {} for i = 1, 3000000 do t[i] = i end", timeout=20)
+    term.type("t\r")
+    term.wait_for(lambda t: b"1, 2, 3, " in t.raw)
+    term.type(Key.CTRL_C)
+    term.wait_prompt(timeout=5)
+    term.run("q")
+    assert term.run("pwd")[-1] == ":"
+
+
+def test_ctrl_c_stops_the_trace_of_an_endless_recursion(veld, shell):
+    term = shell(to=veld)
+    term.run("lua")
+    term.type("local function f() f() end f()\r")
+    term.wait_for(lambda t: b"\t#9 " in t.raw)
+    term.type(Key.CTRL_C)
+    term.wait_prompt(timeout=5)
+
+
+def test_ctrl_c_drops_an_unfinished_statement(veld, shell):
+    term = shell(to=veld)
+    term.run("lua")
+    term.type("do\r")
+    term.wait_prompt("> ")
+    term.type("print('half'" + Key.CTRL_C)
+    term.wait_prompt()
+    term.run("q")
+    assert term.run("pwd")[-1] == ":"
+
+
+def test_ctrl_c_ends_a_wait_for_a_silent_daemon(fake, kest_start):
+    program = kest_start("-r", "lua", "dm.get('Device.X')", to=fake)
+    program.wait_for("dm.get")
+    program.interrupt()
+    program.finish(5)
+    assert program.status == -2
+
+
+def test_a_binding_reconnects(veld, kest_start, tmp_path):
+    flag = tmp_path / "restarted"
+    code = f"io.stderr:write(dm.get('Device.Time.Enable') and 'up') while not io.open('{flag}') do end print(dm.get('Device.Time.Enable'))"
+    program = kest_start("-r", "lua", code, to=veld)
+    program.wait_for("up", stream="err")
+    veld.restart()
+    flag.touch()
+    program.finish()
+    assert program.out.endswith("true\n")
+
+
+# --- login ---
+
+
+def test_login_and_logout_keep_the_prompt_true(veld, shell):
+    term = shell(to=veld)
+    term.run("lua")
+    term.run("dm.logout()")
+    assert term.line(term.cursor[0]).startswith("kest-lua:>")
+    term.run("dm.login('root')")
+    assert term.line(term.cursor[0]).startswith("root@kest-lua:>")
+    term.run("pcall(dm.login, 'root', 'wrong')")
+    assert term.line(term.cursor[0]).startswith("kest-lua:>")
