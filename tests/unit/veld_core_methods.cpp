@@ -342,6 +342,26 @@ TEST(IPPing, AHostThatCannotBeResolvedIsSaidSo)
     EXPECT_EQ(number(outcome, "SuccessCount"), 0);
 }
 
+TEST(IPPing, ALookUpThatIsNotWaitedForHurtsNobody)
+{
+    json_ref input = parse(ping_defaults);
+    json_object_set_new(input.get(), "Host", json_string("nobody.invalid"));
+    for (int i = 0; i < 40; i++) {
+        method_outcome outcome;
+        if (!method_start("IPPing", input.get(), no_text, &outcome)) {
+            EXPECT_EQ(outcome.code, 9004) << outcome.message; // all of them still under way
+        }
+    }
+    // When they are done there is room again.
+    for (int i = 0; i < 1500; i++) {
+        method_outcome outcome;
+        if (method_start("IPPing", input.get(), no_text, &outcome) || outcome.code != 9004)
+            return;
+        usleep(20000);
+    }
+    ADD_FAILURE() << "the look-ups never end";
+}
+
 TEST(IPPing, NoHostAndAnUnknownInterfaceAreRefused)
 {
     json_ref input = parse(ping_defaults);

@@ -268,6 +268,12 @@ static const char *process_state(std::string_view letter)
     }
 }
 
+// A number of pages or clock ticks, small enough to be reckoned with.
+static int64_t amount(std::string_view word)
+{
+    return std::clamp<int64_t>(number_or_zero(word), 0, INT64_MAX >> 12);
+}
+
 void row_of_process(std::string_view text, json_t *rows)
 {
     // The name stands in parentheses and may hold anything, parentheses too; the numbers follow the last one.
@@ -293,10 +299,9 @@ void row_of_process(std::string_view text, json_t *rows)
     live_row(std::to_string(*pid) + ":" + std::string(fields[19]))
         .set("pid", *pid)
         .set("command", name)
-        .set("size", std::min<int64_t>(number_or_zero(fields[21]) * page_kib, UINT32_MAX))
+        .set("size", std::min<int64_t>(amount(fields[21]) * page_kib, UINT32_MAX))
         .set("priority", priority)
-        .set("cpu_time",
-             std::min<int64_t>((number_or_zero(fields[11]) + number_or_zero(fields[12])) * 1000 / ticks, UINT32_MAX))
+        .set("cpu_time", std::min<int64_t>((amount(fields[11]) + amount(fields[12])) * 1000 / ticks, UINT32_MAX))
         .set("state", process_state(fields[0]))
         .add_to(rows);
 }
