@@ -74,6 +74,56 @@ void enter_new_cache(cdpath *record)
     json_decref(std::exchange(record->parents, parents.release()));
 }
 
+/// Whether both hold the same, members in the same order: what one daemon says of two instances.
+bool is_alike(json_t *one, json_t *other)
+{
+    if (one == other)
+        return true;
+    if (one == nullptr || other == nullptr || json_typeof(one) != json_typeof(other))
+        return false;
+    switch (json_typeof(one)) {
+    case JSON_OBJECT: {
+        void *a = json_object_iter(one);
+        void *b = json_object_iter(other);
+        for (; a != nullptr && b != nullptr; a = json_object_iter_next(one, a), b = json_object_iter_next(other, b)) {
+            if (strcmp(json_object_iter_key(a), json_object_iter_key(b)) != 0 ||
+                !is_alike(json_object_iter_value(a), json_object_iter_value(b)))
+                return false;
+        }
+        return a == b;
+    }
+    case JSON_STRING:
+        return json_string_length(one) == json_string_length(other) &&
+               memcmp(json_string_value(one), json_string_value(other), json_string_length(one)) == 0;
+    case JSON_INTEGER:
+        return json_integer_value(one) == json_integer_value(other);
+    default:
+        return json_equal(one, other) != 0;
+    }
+}
+
+/// Lets an instance share with `model`, which stands for every instance, what both hold alike: the attributes, and
+/// whole children that are no objects. A table of thousands of rows costs a fraction of the memory so.
+void share_alike(json_t *instance, json_t *model)
+{
+    const char *key;
+    json_t *child;
+    json_object_foreach(instance, key, child)
+    {
+        json_t *other = json_object_get(model, key);
+        if (other == nullptr || other == child)
+            continue;
+        const bool attributes = strcmp(key, "#attr") == 0;
+        if (!attributes && ve_tr_dm_node_type_get(child) == ve_tr_object) {
+            json_t *attr = json_object_get(other, "#attr");
+            if (attr != nullptr && is_alike(json_object_get(child, "#attr"), attr))
+                json_object_set(child, "#attr", attr);
+        } else if ((attributes || *key != '#') && is_alike(child, other)) {
+            json_object_set(instance, key, other);
+        }
+    }
+}
+
 /// Puts what was fetched into the node, which keeps its identity.
 void install(json_t *node, json_t *content, json_t *instances)
 {
@@ -81,6 +131,7 @@ void install(json_t *node, json_t *content, json_t *instances)
     json_object_clear(node);
     json_object_update(node, content);
     json_object_set_new(node, "#fetched", json_true());
+    json_t *model = json_object_get(node, "#template");
     const char *key;
     json_t *instance;
     json_object_foreach(instances, key, instance)
@@ -88,6 +139,7 @@ void install(json_t *node, json_t *content, json_t *instances)
         if (*key == '#')
             continue;
         cdpath_info_to_attr(instance);
+        share_alike(instance, model);
         json_object_set_new(instance, "#fetched", json_true());
         json_object_set(node, key, instance);
     }
