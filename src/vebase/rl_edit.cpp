@@ -310,6 +310,9 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
 {
     *signal = 0;
     deadline_ = deadline;
+    // What the last read knew of is gone when Ctrl-C emptied the terminal's input meanwhile.
+    pending_ = 0;
+    readable_ = false;
     begin_terminal();
     for (;;) {
         outcome_ = rl_outcome::none;

@@ -278,7 +278,8 @@ def test_ctrl_c_leaves_a_reconnect(shell, fake):
     assert term.run("pwd") == [":"]
 
 
-def test_a_ctrl_c_storm_hurts_nothing(shell, fake):
+@pytest.mark.parametrize("again", range(5))
+def test_a_ctrl_c_storm_hurts_nothing(shell, fake, again):
     fake.serve(MODEL)
     term = shell(to=fake)
     for _ in range(30):
