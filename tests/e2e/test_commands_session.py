@@ -291,3 +291,28 @@ def test_recording_shows_in_the_prompt(shell, model):
     term = shell(to=model)
     term.run("record script", prompt="kest-record:> ")
     term.run("record abort", prompt="kest:> ")
+
+
+# Against the real daemon
+
+def test_a_reboot_ends_the_shell_and_loses_what_was_not_saved(veld_start, shell, kest, tmp_path):
+    veld = veld_start("--reboot-time", "1", "--state", tmp_path / "state")
+    assert typed(kest, veld, "set Device.Time.NTPServer1=kept", "save", "set Device.Time.NTPServer1=lost") == (
+        "key = Device.Time.NTPServer1, value = kept\nStatus: OK\nStatus: OK\n"
+        "key = Device.Time.NTPServer1, value = lost\nStatus: OK\n")
+    term = shell(to=veld)
+    term.type("reboot -f\r")
+    term.wait_for("Rebooting...")
+    assert term.wait_exit() == 0
+    assert veld.value("Device.Time.NTPServer1") == "kept"
+
+
+def test_a_reset_goes_back_to_the_factory_state(veld_start, kest, tmp_path):
+    veld = veld_start("--reboot-time", "0", "--state", tmp_path / "state")
+    factory = veld.value("Device.Time.NTPServer1")
+    typed(kest, veld, "set Device.Time.NTPServer1=mine", "save")
+    assert kest("-r", "reset", to=veld).out.startswith("[9001] Request denied: ")
+    run = kest(to=veld, stdin="reset\n")
+    assert "Status: OK\n" in run.out
+    veld.wait_until_up()
+    assert veld.value("Device.Time.NTPServer1") == factory

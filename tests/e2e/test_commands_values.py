@@ -247,6 +247,23 @@ def test_a_value_is_set_and_read_on_the_real_daemon(kest, veld):
     assert veld.value("Device.Time.NTPServer1") == "ntp.example"
 
 
+def test_requests_know_the_scheme_once_the_configuration_logged_in(kest, fake, home):
+    (home / ".local/kest").mkdir(parents=True)
+    (home / ".local/kest/config").write_text("login anna -p x\ncd Device.Time\n")
+    fake.serve(MODEL)
+    assert kest("-r", "get", "Offset", to=fake).out == "Offset = 60\n"
+    assert kest("-r", "set", "Enable=FALSE", "Zone=z", "Offset=x", to=fake).out == (
+        "key = Enable, value = FALSE\nkey = Zone, value = z\nkey = Offset, value = x\n"
+        "set: Offset: invalid value x.\nStatus: OK\n")
+    assert fake.params("SetParameterValues") == [{"ParameterList": [
+        {"Name": "Device.Time.Enable", "Value": False}, {"Name": "Device.Time.Zone", "Value": "z"}]}]
+    fake.on("AddObject", {"InstanceNumber": 11, "Status": 0}).on("DeleteObject", {"Status": 0})
+    kest("-r", "add", ":Device.Host", to=fake)
+    kest("-r", "del", "<.Host.2", to=fake)
+    assert fake.params("AddObject") == [{"ObjectName": "Device.Host."}]
+    assert fake.params("DeleteObject") == [{"ObjectName": "Device.Host.2."}]
+
+
 # On a terminal
 
 def test_what_the_daemon_sends_is_shown_safely_on_a_terminal(shell, fake):
