@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "platform/ve_json.h"
 #include "platform/ve_landing.h"
@@ -17,6 +18,12 @@ cdpath old_cwd;
 namespace
 {
 
+void let_go(cdpath *record)
+{
+    json_decref(std::exchange(record->node, nullptr));
+    json_decref(std::exchange(record->parents, nullptr));
+}
+
 /// A zeroed record: the storage, or one on the heap. What the shell's own places held is given back first; other
 /// storage holds nothing yet.
 cdpath *blank(cdpath *storage, const char *function, int line)
@@ -27,7 +34,7 @@ cdpath *blank(cdpath *storage, const char *function, int line)
         return record;
     }
     if (storage == &cwd || storage == &old_cwd)
-        cdpath_free(storage);
+        let_go(storage);
     *storage = cdpath{};
     return storage;
 }
@@ -108,10 +115,7 @@ void cdpath_free(cdpath *record)
 {
     if (record == nullptr)
         return;
-    json_decref(record->node);
-    json_decref(record->parents);
-    record->node = nullptr;
-    record->parents = nullptr;
+    let_go(record);
     if (record->allocated != 0)
         free(record);
 }
