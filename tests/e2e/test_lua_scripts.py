@@ -1,0 +1,214 @@
+"""Lua scripts and the bindings, against the real daemon."""
+
+import json
+import os
+import re
+import signal
+
+import pytest
+
+from lib import settings
+
+PAGE = settings.SOURCE / "docs" / "lua.md"
+
+
+def examples():
+    """The page's examples: the heading above, the code, what it prints."""
+    heading = None
+    for part in re.split(r"^(### .*|```lua\n(?:.*\n)*?```)$", PAGE.read_text(), flags=re.MULTILINE):
+        if part.startswith("### "):
+            heading = part[4:]
+        elif part.startswith("```lua"):
+            lines = part.splitlines()[1:-1]
+            code = [line for line in lines if not line.startswith("--> ")]
+            printed = [line[4:] for line in lines if line.startswith("--> ")]
+            yield pytest.param("\n".join(code), "".join(line + "\n" for line in printed), id=heading.split("(")[0])
+
+
+@pytest.fixture
+def script(kest, tmp_path, veld):
+    def run(code, *words, login=False, name="script.lua"):
+        path = tmp_path / name
+        data = code if isinstance(code, bytes) else code.encode()
+        path.write_bytes((b'dm.login("root") ' if login else b"") + data)
+        ended = kest("-S", path, *words, to=veld)
+        ended.path = path
+        return ended
+
+    return run
+
+
+@pytest.mark.parametrize("code, printed", examples())
+def test_the_examples_of_the_page_print_what_it_says(script, code, printed):
+    run = script(code, login=True)
+    if "does not let this daemon send ICMP" in run.out:
+        pytest.skip("this kernel lets nobody ping")
+    assert run.out == printed
+    assert run.status == 0
+
+
+def test_every_binding_has_an_example(kest, veld):
+    names = kest("-r", "lua", "for name in pairs(dm) do print(name) end", to=veld).out.splitlines()[1:]
+    text = PAGE.read_text()
+    assert len(names) == 15
+    assert [name for name in names if f"dm.{name}" not in text] == []
+
+
+# --- scripts ---
+
+
+def test_a_script_gets_its_words(script):
+    run = script("print(select('#', ...)) print(...) print(arg[0], arg[1], arg[2], arg[3])", "one", "two")
+    assert run.out == f"2\none\ttwo\n{run.path}\tone\ttwo\tnil\n"
+
+
+def test_the_program_named_kest_lua_takes_its_script_from_the_first_word(kest, veld, tmp_path):
+    path = tmp_path / "s.lua"
+    path.write_text("print(arg[0], ...)")
+    run = kest(path, "a", "b", to=veld, name="kest_lua")
+    assert run.out == f"{path}\ta\tb\n"
+    assert run.status == 0
+
+
+def test_an_interpreter_line_keeps_the_numbers_of_the_lines(script):
+    run = script("#!/usr/bin/kest_lua\nprint('never shown')\nerror('x')\n")
+    assert run.out == f"{run.path}:3: x\n"
+    assert run.err == ""
+    assert run.status == 0
+
+
+def test_a_syntax_error_is_its_text_alone(script):
+    run = script("print(1)\nx = = 1\n")
+    assert run.out == f"{run.path}:2: unexpected symbol near '='\n"
+
+
+@pytest.mark.parametrize(
+    "text, printed",
+    [
+        ("", ""),
+        ("print(1)", "1\n"),
+        ("#!/bin/x", None),
+        ("#!/bin/x\n", ""),
+        ("\ufeffprint(1)\n", "1\n"),
+        ("io.write('no line end')", "no line end"),
+        ("print('a\\0b')", "a\0b\n"),
+    ],
+)
+def test_odd_files_run(script, text, printed):
+    run = script(text)
+    if printed is None:
+        assert f"{run.path}:1:" in run.out
+    else:
+        assert run.out == printed
+    assert run.status == 0
+
+
+def test_a_binary_is_refused_with_a_message(script):
+    assert script(b"\x1bLuaS\0\x19\x93\r\n\x1a\n" + bytes(100)).out == "attempt to load a binary chunk (mode is 't')\n"
+    run = script(os.urandom(5000).replace(b"\x1b", b"\0").replace(b"#!", b"\0\0"))
+    assert f"{run.path}:" in run.out
+    assert run.status == 0
+
+
+def test_what_cannot_be_opened_is_said(kest, veld, tmp_path):
+    for path in (tmp_path / "missing.lua", tmp_path):
+        run = kest("-S", path, to=veld)
+        assert run.out == f"Cannot open script file {path}\n"
+        assert run.status == 255
+    run = kest(to=veld, name="kest_lua")
+    assert run.out == "Cannot open script file (null)\n"
+    assert run.status == 255
+
+
+@pytest.mark.deadline(120)
+def test_a_script_of_a_hundred_megabytes_runs(script):
+    comment = "--" + "x" * 1021 + "\n"
+    run = script(comment * 100_000 + "print(debug.getinfo(1, 'l').currentline)\n")
+    assert run.out == "100001\n"
+
+
+def test_output_comes_when_the_script_has_ended_but_before_os_exit_ends_it(script):
+    run = script("print(1) os.exit(7)")
+    assert (run.out, run.status) == ("1\n", 7)
+    run = script("print(1) os.exit(true, true)")
+    assert (run.out, run.status) == ("1\n", 0)
+    run = script("print(1) os.exit(false)")
+    assert (run.out, run.status) == ("1\n", 1)
+    run = script("print(1) error('x', 0)")
+    assert (run.out, run.status) == ("x\n", 0)
+
+
+def test_modules_written_in_c_load(script):
+    run = script(
+        "local lpeg, cjson = require 'lpeg', require 'cjson'\n"
+        "print(lpeg.match(lpeg.R'09'^1, '123x'), cjson.encode{1, {a = 'b'}})"
+    )
+    assert run.out == '4\t[1,{"a":"b"}]\n'
+
+
+def test_ctrl_c_ends_a_script_as_it_ends_any_program(kest_start, veld, tmp_path):
+    path = tmp_path / "s.lua"
+    path.write_text("print('so far') io.stderr:write('up') while true do pcall(function() while true do end end) end")
+    program = kest_start("-S", path, to=veld)
+    program.wait_for("up", stream="err")
+    program.interrupt()
+    program.finish(2)
+    assert program.status == -signal.SIGINT
+    assert program.out == "so far\n"
+
+
+# --- bindings ---
+
+
+def test_values_keep_their_types_on_the_wire(fake, kest, tmp_path):
+    fake.on("SetParameterValues", {"Status": 0})
+    path = tmp_path / "s.lua"
+    path.write_text(
+        "dm.set{['Device.I'] = 1, ['Device.F'] = 1.0, ['Device.S'] = '1', ['Device.B'] = true, ['Device.N'] = dm.null,"
+        "['Device.A'] = dm.array(), ['Device.O'] = {}, ['Device.M'] = math.mininteger} print('set')"
+    )
+    run = kest("-S", path, to=fake)
+    assert run.out == "set\n"
+    sent = {entry["Name"]: entry["Value"] for entry in fake.params("SetParameterValues")[0]["ParameterList"]}
+    assert json.dumps(sent, sort_keys=True) == json.dumps(
+        {
+            "Device.A": [],
+            "Device.B": True,
+            "Device.F": 1.0,
+            "Device.I": 1,
+            "Device.M": -(2**63),
+            "Device.N": None,
+            "Device.O": {},
+            "Device.S": "1",
+        }
+    )
+
+
+def test_a_table_is_set_as_a_whole_or_not_at_all(script):
+    run = script(
+        "local ok, err = pcall(dm.set, {['Device.Time.NTPServer2'] = 'kept out', ['Device.Time.Enable'] = 'no boolean'})\n"
+        "print(ok, err.code, next(err.data), dm.get('Device.Time.NTPServer2') == '')",
+        login=True,
+    )
+    assert re.match(r"false\t\d+\tDevice\.Time\.Enable\t", run.out)
+    assert run.out.endswith("\ttrue\n")
+
+
+def test_refusals_read_like_the_shells_line(script, kest, veld):
+    said = kest("-r", "get", "Device.Nope", to=veld).out.splitlines()[0]
+    assert script("print(pcall(dm.get, 'Device.Nope'))").out == f"false\t{said}\n"
+    assert script("dm.get('Device.Nope')").out == f"{said}\n"
+
+
+def test_instances_come_and_go(script):
+    run = script(
+        "local n = dm.add('Device.Hosts.Host') local path = ('Device.Hosts.Host.%d'):format(n)\n"
+        "print(math.type(n), type(dm.get(path)), dm.del(path), (pcall(dm.get, path)))",
+        login=True,
+    )
+    assert run.out == "integer\ttable\ttrue\tfalse\n"
+
+
+def test_a_whole_model_is_got_at_once(script):
+    run = script("local all = dm.get(':') print(all['Device.Time.Enable'], all['Device.DNS.SearchDomain.1'])")
+    assert run.out == "true\tlan\n"
