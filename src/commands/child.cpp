@@ -63,6 +63,7 @@ void child_run_shell(const char *name, const char *command)
     if (error == 0) {
         while (waitpid(child, nullptr, 0) < 0 && errno == EINTR)
             ;
+        ve_out_row_unknown();
     } else {
         ve_printf("%s: cannot start the shell: %s.\n", name, strerror(error));
     }

@@ -100,6 +100,7 @@ void lua_autocomplete(const char *line, size_t cursor, json_t *candidates)
     size_t start = 0;
     const std::string word = word_at(text, cursor < text.size() ? cursor : text.size(), &start);
     ve_rl_set_completion_start(start);
+    ve_rl_set_completion_verbatim();
     add_reserved_words(word.c_str(), candidates);
 
     const bool reconnecting = msg_allow_reconnect(false);

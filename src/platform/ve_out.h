@@ -32,6 +32,10 @@ std::string ve_out_unfinished_row();
 /// was; ve_out_row_ended says that the cursor stands at the beginning of a row. Any thread.
 void ve_out_draw(const char *data, size_t size);
 void ve_out_row_ended();
+/// Another program wrote to the terminal: nobody knows whether the cursor stands at the beginning of a row. The next
+/// prompt makes sure that it does. ve_out_take_row_unknown is true once after it. Main thread only.
+void ve_out_row_unknown();
+bool ve_out_take_row_unknown();
 
 /// Any thread: writes `data` to descriptor 1 at once and whole, between two flushed pieces of the buffered output.
 void ve_out_direct(const char *data, size_t size);

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 #include "platform/ve_wait.h"
 
@@ -25,6 +26,7 @@ size_t written = 0;                // bytes of the buffer that are out already
 std::atomic<bool> mid_line{false}; // the last byte written was no line feed
 bool gone = false;                 // the reader went away
 int terminal = -1;                 // isatty(1), or -1 when not yet asked
+bool row_unknown = false;          // another program wrote to the terminal
 constexpr size_t unfinished_size = 4096;
 std::string unfinished; // the end of what was written since the last line feed; behind write_lock
 // Keeps a piece of the buffer and a direct text apart. Never held across a wait point.
@@ -223,6 +225,17 @@ void ve_out_draw(const char *data, size_t size)
 {
     const std::scoped_lock lock(write_lock);
     write_whole(data, size);
+}
+
+void ve_out_row_unknown()
+{
+    row_unknown = true;
+    ve_out_row_ended();
+}
+
+bool ve_out_take_row_unknown()
+{
+    return std::exchange(row_unknown, false);
 }
 
 void ve_out_row_ended()

@@ -26,11 +26,11 @@ std::wstring plain_row(std::string_view text)
             if (!row.empty())
                 row.pop_back();
         } else if (all[i] == L'\033') {
-            if (i + 1 < all.size() && all[i + 1] == L'[')
-                for (i += 2; i < all.size() && (all[i] < 0x40 || all[i] > 0x7e); ++i)
-                    ;
-            else
-                ++i;
+            const bool sequence = i + 1 < all.size() && all[i + 1] == L'[';
+            for (i += sequence ? 2 : 1; sequence && i < all.size() && (all[i] < 0x40 || all[i] > 0x7e); ++i)
+                ;
+            if (sequence && i < all.size() && (all[i] == L'H' || all[i] == L'J'))
+                row.clear();
         } else if (all[i] >= 0x20 || all[i] == L'\t') {
             row.push_back(all[i]);
         }
@@ -67,6 +67,9 @@ void rl_screen::begin(std::string_view prompt, const std::string &prompt_color, 
     prompt_color_ = prompt_color;
     hint_color_ = hint_color;
     forget();
+    // As many blanks as the row is wide end on the next row unless they began at the beginning of one.
+    if (ve_out_take_row_unknown())
+        write_screen(std::string(static_cast<size_t>(size_.columns), ' ') + "\r\033[K");
     if (!before_.empty()) {
         // The cursor stands behind that row, on its last cell when it fills the screen's width.
         const rl_layout there = rl_lay_out({{before_, {}}}, 0, before_.size(), size_.columns);

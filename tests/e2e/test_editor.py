@@ -403,7 +403,25 @@ def test_a_long_paste_is_taken(editor):
     term.wait_for("got 200000 bytes")
 
 
+def test_a_ctrl_c_just_before_the_prompt_is_a_key(editor):
+    term = editor()
+    term.type("busy 500" + Key.ENTER)
+    term.wait_for(lambda term: term.echoes)
+    term.type(Key.CTRL_C)
+    term.wait_for('got "busy 500"')
+    term.type("alive" + Key.ENTER)
+    term.wait_for('got "alive"')
+
+
 # What others print
+
+
+@pytest.mark.parametrize("size", [0, 1, 2, 5, 39, 40, 41, 80])
+def test_what_a_child_left_without_line_end_is_not_wiped(editor, size):
+    term = editor(columns=40)
+    term.type(f"quiet printf %{size}s | tr ' ' y" + Key.ENTER)
+    rows = ["y" * 40] * (size // 40) + (["y" * (size % 40)] if size % 40 else [])
+    term.wait_for(lambda term: term.lines[1:] == [*rows, ">"] and term.at_prompt())
 
 
 def test_a_message_without_line_end_stays_before_the_prompt(editor):

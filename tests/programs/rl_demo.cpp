@@ -1,10 +1,11 @@
 // A shell that only edits lines: what the editor's tests drive. Every line read is answered with "got <line>", the line
 // in JSON. Lines with a meaning of their own:
 //   part TEXT        prints TEXT without a line end        sleep MS     waits
+//   busy MS          computes, with no wait point
 //   list N           shows N names in columns              bar N LABEL  draws the progress bar
 //   handler jump|return|none   SIGINT's disposition while reading
 //   child COMMAND    runs it                               secret       reads a line without echo
-//   quit             ends
+//   quiet COMMAND    the same without an answer            quit         ends
 // Descriptor 3, when it is open, takes orders for a second thread: "event TEXT", "hide", "show", "stop", "drop".
 // Environment: DEMO_PROMPT, DEMO_HISTORY (a file), DEMO_WORDS (a JSON array of candidates), DEMO_SLOW (milliseconds
 // that a callback waits), DEMO_TIMEOUT, DEMO_HINTS, DEMO_COLORS,
@@ -139,7 +140,10 @@ void run(const char *line)
         ve_printf("%s", line + 5);
         return;
     }
-    if (sscanf(line, "sleep %d", &number) == 1) {
+    if (sscanf(line, "busy %d", &number) == 1) {
+        for (const int64_t end = ve_wait_deadline(number); ve_wait_deadline(0) < end;)
+            ;
+    } else if (sscanf(line, "sleep %d", &number) == 1) {
         ve_wait_sleep_ms(number);
     } else if (sscanf(line, "list %d", &number) == 1) {
         show_list(number);
@@ -151,6 +155,11 @@ void run(const char *line)
         ve_out_flush();
         if (system(line + 6) != 0)
             ve_puts("failed");
+        ve_out_row_unknown();
+    } else if (strncmp(line, "quiet ", 6) == 0) {
+        if (system(line + 6) == 0)
+            ve_out_row_unknown();
+        return;
     } else if (strcmp(line, "secret") == 0) {
         read_secret();
         return;
