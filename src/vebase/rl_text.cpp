@@ -96,7 +96,7 @@ std::wstring rl_widen(std::string_view text)
 
 void rl_append_narrow(std::string &out, wchar_t c)
 {
-    const auto code = static_cast<unsigned>(c);
+    const auto code = static_cast<char32_t>(c);
     const auto put = [&](unsigned byte) { out.push_back(static_cast<char>(byte)); };
     if (code < 0x80) {
         put(code);
