@@ -98,7 +98,7 @@ void fetch::stalled()
         fail(code::transfer_failed, "nothing arrived for too long");
 }
 
-void fetch::end(fault result)
+void fetch::end(const fault &result)
 {
     forget();
     if (timer_ != 0)

@@ -46,7 +46,7 @@ private:
     void stalled();
     void watch(uint32_t bits);
     void forget();
-    void end(fault result);
+    void end(const fault &result);
     void fail(int code, const std::string &what) { end({code, what, ""}); }
 
     loop &loop_;

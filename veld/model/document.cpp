@@ -25,6 +25,17 @@ json_ref read_file(const std::string &path, bool *there, std::string *error)
     return document;
 }
 
+// Models are installed beside the program: PREFIX/sbin/veld, PREFIX/share/kest/models.
+std::string installed_models()
+{
+    char program[4096];
+    const ssize_t length = readlink("/proc/self/exe", program, sizeof program);
+    std::string folder(program, length > 0 ? static_cast<size_t>(length) : 0);
+    for (int up = 0; up < 2 && !folder.empty(); ++up)
+        folder.erase(folder.find_last_of('/'));
+    return folder + "/share/kest/models/";
+}
+
 bool is_file(const std::string &path)
 {
     return path.ends_with(".json");
@@ -41,7 +52,7 @@ json_ref document_read(const std::string &name, std::string *error)
     else
         paths = {file, name};
     if (name.find('/') == std::string::npos)
-        paths.push_back(std::string(VELD_MODEL_DIR) + "/" + file);
+        paths.push_back(installed_models() + file);
     std::string first;
     for (const std::string &path : paths) {
         bool there = false;

@@ -107,10 +107,13 @@ bool walk(tree *over, role who, const place &start, const std::string &name, int
     return walker<Visit>(over, who, visit).place_and_below(start, name, depth, self);
 }
 
+// The name of an argument relative to its method.
 std::string argument_name(const scheme *what)
 {
-    return what->kind == node_kind::method ? ""
-                                           : argument_name(what->parent) + what->name + (what->is_object() ? "." : "");
+    std::string name;
+    for (; what != nullptr && what->kind != node_kind::method; what = what->parent)
+        name.insert(0, what->name + (what->is_object() ? "." : ""));
+    return name;
 }
 
 std::string place_name(const place &where)
