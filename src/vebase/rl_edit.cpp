@@ -298,7 +298,8 @@ void rl_session::suspend()
     tcsetattr(STDIN_FILENO, TCSANOW, &original_);
     signals_.restore();
     rl_raise(SIGTSTP);
-    // Here the program runs again.
+    // Here the program runs again. Others may have read the terminal meanwhile.
+    forget_input();
     tcgetattr(STDIN_FILENO, &original_);
     signals_.install();
     el_wset(el_, EL_PREP_TERM, 1);
@@ -310,9 +311,8 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
 {
     *signal = 0;
     deadline_ = deadline;
-    // What the last read knew of is gone when Ctrl-C emptied the terminal's input meanwhile.
-    pending_ = 0;
-    readable_ = false;
+    // Ctrl-C may have emptied the terminal's input since the last read.
+    forget_input();
     begin_terminal();
     for (;;) {
         outcome_ = rl_outcome::none;

@@ -45,7 +45,8 @@ void rl_session::serve_outside()
     if (rl_signals::take(SIGTSTP)) {
         suspend();
     } else if (rl_signals::take(SIGCONT)) {
-        // Whoever stopped us may have set the terminal up for himself.
+        // Whoever stopped us may have set the terminal up for himself, and read from it.
+        forget_input();
         el_wset(el_, EL_PREP_TERM, 0);
         el_wset(el_, EL_PREP_TERM, 1);
         screen_.resized();
@@ -67,6 +68,13 @@ void rl_session::wait_hidden()
         rl_signals::drain();
         serve_outside();
     }
+}
+
+/// What the terminal was known to hold may be gone: it is asked again before the next byte is read.
+void rl_session::forget_input()
+{
+    pending_ = 0;
+    readable_ = false;
 }
 
 /// Reads one byte if there is one without waiting. More are left to whoever reads the terminal next: a child process

@@ -60,6 +60,7 @@ private:
     // rl_input.cpp
     void serve_outside();
     void wait_hidden();
+    void forget_input();
     bool take_byte();
     void handle_byte(unsigned char byte);
     void wait_for_input(int64_t until);

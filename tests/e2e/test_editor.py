@@ -321,6 +321,15 @@ def test_ctrl_z_stops_and_comes_back_to_the_line(editor, tmp_path):
     modes_kept(term, tmp_path)
 
 
+def test_keys_that_another_program_took_while_it_was_stopped_are_not_waited_for(editor):
+    term = editor(before="set -m", after="timeout 1 cat -v; echo taken; fg >/dev/null")
+    term.type("half typed" + Key.CTRL_Z + "meanwhile")
+    term.wait_for("taken")
+    term.wait_for(lambda term: cursor_line(term) == "> half typed" and "taken" in term.text)
+    term.type(" done" + Key.ENTER)
+    term.wait_for('got "half typed done"')
+
+
 def test_a_stop_from_outside_brings_the_editor_back(editor):
     term = editor()
     term.type("half")
