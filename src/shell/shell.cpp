@@ -85,6 +85,7 @@ void run_command(const char *name, json_t *words)
         ve_landing_node *const mark = ve_landing_mark();
         if (sigsetjmp(sigint_buf, 1) == 0) {
             sigint_buf_setted = 1;
+            ve_out_flush(); // every wait, this one too, stands under the jump
             exec_cmd(name, words);
             ve_out_flush();
         } else {
@@ -120,7 +121,6 @@ void run_line(std::string &line, json_t *words)
         ve_history_add(line.c_str());
     const json_ref command = json_ref::share(json_array_get(words, 0));
     json_array_remove(words, 0);
-    ve_out_flush();
     if (record_check() != 0)
         record_increment();
     run_command(json_string_value(command.get()), words);

@@ -1,5 +1,6 @@
 #include "platform/ve_rl.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
@@ -16,11 +17,27 @@ namespace
 
 bool ended = false; // the last read ended with the input
 
+/// Writes out what was printed so far. A Ctrl-C that comes meanwhile was meant for what printed it, and must not end a
+/// program that is about to read it as a key.
+void flush_printed()
+{
+    struct sigaction before = {};
+    sigaction(SIGINT, nullptr, &before);
+    const bool shield = (before.sa_flags & SA_SIGINFO) == 0 && before.sa_handler == SIG_DFL && rl_edit_possible();
+    if (shield)
+        signal(SIGINT, [](int) {});
+    ve_out_flush();
+    if (shield) {
+        ve_wait_discard_sigint();
+        sigaction(SIGINT, &before, nullptr);
+    }
+}
+
 } // namespace
 
 char *ve_rl(const char *prompt, int timeout_ms)
 {
-    ve_out_flush();
+    flush_printed();
     ended = false;
     const int64_t deadline = ve_wait_deadline(timeout_ms);
     // Nothing here needs to be released: a signal's handler may jump away.
