@@ -74,6 +74,12 @@ template <unsigned char (rl_session::*Command)()> unsigned char command(EditLine
     return (rl_editor.*Command)();
 }
 
+/// A failed assertion in a callback: what it says is to be read on a terminal that works.
+void restore_terminal(int)
+{
+    rl_editor.restore_modes();
+}
+
 wchar_t *no_prompt(EditLine *)
 {
     static wchar_t nothing[] = L"";
@@ -96,25 +102,59 @@ void add_commands(EditLine *el)
     add(L"kest-yank", L"Insert what was cut", command<&rl_session::yank>);
 }
 
+// What the control characters do; null for the one that begins sequences.
+constexpr const wchar_t *control_commands[0x20] = {
+    L"em-set-mark",         // ^@
+    L"ed-move-to-beg",      // ^A
+    L"ed-prev-char",        // ^B
+    L"ed-unassigned",       // ^C never comes here
+    L"em-delete-or-list",   // ^D
+    L"kest-end",            // ^E
+    L"kest-forward",        // ^F
+    L"ed-unassigned",       // ^G
+    L"em-delete-prev-char", // ^H
+    L"kest-complete",       // ^I
+    L"ed-newline",          // ^J
+    L"ed-kill-line",        // ^K
+    L"kest-clear",          // ^L
+    L"ed-newline",          // ^M
+    L"kest-newer",          // ^N
+    L"ed-ignore",           // ^O
+    L"kest-older",          // ^P
+    L"kest-quote",          // ^Q
+    L"em-inc-search-prev",  // ^R
+    L"em-inc-search-next",  // ^S
+    L"ed-transpose-chars",  // ^T
+    L"vi-kill-line-prev",   // ^U
+    L"kest-quote",          // ^V
+    L"ed-delete-prev-word", // ^W
+    L"ed-unassigned",       // ^X
+    L"kest-yank",           // ^Y
+    L"ed-ignore",           // ^Z never comes here
+    nullptr,                // ^[
+    L"ed-ignore",           // ^\\ never comes here
+    L"ed-ignore",           // ^]
+    L"ed-unassigned",       // ^^
+    L"ed-unassigned",       // ^_
+};
+
+void bind_character(EditLine *el, wchar_t c, const wchar_t *name)
+{
+    const wchar_t itself[] = {c, 0};
+    el_wset(el, EL_BIND, c == 0 ? L"^@" : itself, name, static_cast<const wchar_t *>(nullptr));
+}
+
 void bind_keys(EditLine *el)
 {
     const auto bind = [el](const wchar_t *key, const wchar_t *name) {
         el_wset(el, EL_BIND, key, name, static_cast<const wchar_t *>(nullptr));
     };
-    bind(L"^I", L"kest-complete");
-    bind(L"^D", L"em-delete-or-list");
-    bind(L"^F", L"kest-forward");
-    bind(L"^E", L"kest-end");
-    bind(L"^L", L"kest-clear");
-    bind(L"^P", L"kest-older");
-    bind(L"^N", L"kest-newer");
-    bind(L"^R", L"em-inc-search-prev");
-    bind(L"^S", L"em-inc-search-next");
-    bind(L"^U", L"vi-kill-line-prev");
-    bind(L"^V", L"kest-quote");
-    bind(L"^Q", L"kest-quote");
-    bind(L"^Y", L"kest-yank");
-    bind(L"^C", L"ed-unassigned");
+    for (wchar_t c = 0; c < 0x20; ++c)
+        if (control_commands[c] != nullptr)
+            bind_character(el, c, control_commands[c]);
+    // No key sends these: they are the lower bytes of characters in a search.
+    for (wchar_t c = 0x80; c < 0xa0; ++c)
+        bind_character(el, c, L"ed-insert");
     // The library's own command line would show its prompt on its own screen.
     bind(L"\\033x", L"ed-unassigned");
     bind(L"\\033X", L"ed-unassigned");
@@ -266,6 +306,28 @@ void rl_session::draw(std::wstring_view message)
          .message = message});
 }
 
+/// While it searches, the library looks only at a character's lower byte to tell text from keys. False when it cannot
+/// be made to take `c` for text.
+bool rl_session::pass_searched(wchar_t c)
+{
+    const wchar_t low = c & 0xff;
+    if (c < 0x100 || (low >= 0x20 && low != 0x7f))
+        return true;
+    if (low != 0x7f && control_commands[low] == nullptr)
+        return false;
+    bind_character(el_, low, L"ed-insert");
+    rebound_ = low;
+    return true;
+}
+
+/// Gives the key that pass_searched took back its meaning.
+void rl_session::rebind_key()
+{
+    if (rebound_ >= 0)
+        bind_character(el_, rebound_, rebound_ == 0x7f ? L"em-delete-prev-char" : control_commands[rebound_]);
+    rebound_ = -1;
+}
+
 void rl_session::bell() const
 {
     ve_out_draw("\a", 1);
@@ -274,6 +336,10 @@ void rl_session::bell() const
 void rl_session::begin_terminal()
 {
     tcgetattr(STDIN_FILENO, &original_);
+    struct sigaction abandon = {};
+    abandon.sa_handler = restore_terminal;
+    abandon.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGABRT, &abandon, &before_abort_);
     signals_.install();
     rl_control_begin();
     prepared_ = true;
@@ -286,6 +352,7 @@ int rl_session::end_terminal()
     el_wset(el_, EL_PREP_TERM, 0);
     tcsetattr(STDIN_FILENO, TCSANOW, &original_);
     const int late = signals_.restore();
+    sigaction(SIGABRT, &before_abort_, nullptr);
     rl_control_end();
     prepared_ = false;
     return late;

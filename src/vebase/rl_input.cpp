@@ -157,8 +157,7 @@ bool rl_session::deliver(wchar_t *c)
 {
     if (!keys_.take(c))
         return false;
-    // While it searches, the library looks only at the lower byte to tell text from keys.
-    if (*c >= 0x100 && (*c & 0xff) < 0x20 && searching()) {
+    if (searching() && !pass_searched(*c)) {
         bell();
         return deliver(c);
     }
@@ -173,6 +172,7 @@ bool rl_session::deliver(wchar_t *c)
 
 bool rl_session::next_character(wchar_t *c)
 {
+    rebind_key();
     if (first_) {
         first_ = false;
         if (!carry_.empty())

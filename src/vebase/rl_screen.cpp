@@ -12,6 +12,7 @@
 namespace
 {
 
+constexpr size_t before_max = 4096; // bytes of an unfinished row that a prompt follows
 constexpr int patience_ms = 1000; // how long another thread may keep the screen
 
 /// The characters of an output row as they stand on the screen: no escape sequences, nothing before a CR.
@@ -62,7 +63,12 @@ void rl_screen::resized()
 void rl_screen::begin(std::string_view prompt, const std::string &prompt_color, const std::string &hint_color)
 {
     resized();
-    before_ = ve_out_mid_line() ? plain_row(ve_out_unfinished_row()) : std::wstring{};
+    const std::string unfinished = ve_out_mid_line() ? ve_out_unfinished_row() : std::string{};
+    if (unfinished.size() >= before_max) {
+        write_screen("\r\n");
+        ve_out_row_ended();
+    }
+    before_ = unfinished.size() < before_max ? plain_row(unfinished) : std::wstring{};
     prompt_ = rl_widen(rl_visible(prompt));
     prompt_color_ = prompt_color;
     hint_color_ = hint_color;

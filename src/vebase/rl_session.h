@@ -5,6 +5,7 @@
 #include <histedit.h>
 #include <string>
 #include <termios.h>
+#include <unistd.h>
 
 #include "platform/ve_wait.h"
 #include "vebase/rl_control.h"
@@ -33,6 +34,8 @@ public:
     unsigned char newer();
     unsigned char delete_next();
 
+    /// Async-signal-safe.
+    void restore_modes() const { tcsetattr(STDIN_FILENO, TCSANOW, &original_); }
     /// The library looked at entry `index` of the history.
     void note_walk(size_t index)
     {
@@ -52,6 +55,8 @@ private:
     bool searching() const;
     void follow_history();
     void remember_line();
+    bool pass_searched(wchar_t c);
+    void rebind_key();
     void ensure_capacity(bool starting);
     void replace_line(const std::wstring &text, size_t cursor);
     void draw(std::wstring_view message = {});
@@ -82,6 +87,8 @@ private:
 
     EditLine *el_ = nullptr;
     termios original_{};
+    struct sigaction before_abort_ {
+    };
     bool prepared_ = false;
     rl_screen screen_;
     rl_signals signals_;
@@ -103,6 +110,7 @@ private:
     size_t walked_to_ = 0;         // the last entry that it looked at
     bool in_history_ = false;      // the line stands at an entry of the history
     std::wstring long_line_;       // the line outside the history, when it is long
+    wchar_t rebound_ = -1;         // the key that is text for one character of a search
     bool asked_to_search_ = false; // a search may be under way
     bool went_newer_ = false;      // the last command may have left the history
 

@@ -226,6 +226,25 @@ def test_a_search_is_ended_by_escape_and_by_arrows(editor):
     term.wait_for(lambda term: cursor_line(term) == "> Xalpha")
 
 
+def test_a_search_takes_characters_of_any_script(editor):
+    term = editor()
+    for line in ("Привет Москва", "一上本語字", "other"):
+        term.run(line)
+    for part, wanted in (("ПРИ", None), ("Моск", "> Привет Москва"), ("上本語", "> 一上本語字"), ("一", "> 一上本語字")):
+        term.type(Key.CTRL_R + part)
+        if wanted:
+            term.wait_for(lambda term: wanted + "\nbck:" + part in term.text)
+        else:
+            term.wait_for("bck?" + part)  # letters are not folded
+        term.type(Key.CTRL_C)
+        term.wait_prompt()
+        # The keys whose codes the characters hold work as ever.
+        term.type("ab" + Key.BACKSPACE + Key.UP + Key.UP + Key.CTRL_A + "x")
+        term.wait_for(lambda term: cursor_line(term) == "> x一上本語字")
+        term.type(Key.CTRL_C)
+        term.wait_prompt()
+
+
 def test_a_search_reaches_long_entries(editor):
     term = editor(rows=40)
     term.type("needle" + "z" * 9000 + Key.ENTER)
