@@ -166,7 +166,7 @@ void push_array(lua_State *L, const json_t *array)
     lua_createtable(L, static_cast<int>(count), 0);
     for (size_t i = 0; i < count; ++i) {
         ve_lua_push_json(L, json_array_get(array, i));
-        lua_rawseti(L, -2, static_cast<lua_Integer>(i + 1));
+        lua_rawseti(L, -2, static_cast<lua_Integer>(i) + 1);
     }
     ve_lua_mark_array(L);
 }
