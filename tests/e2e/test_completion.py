@@ -224,6 +224,22 @@ def test_a_level_is_asked_for_once(line):
     assert line.asked() == 0
 
 
+@pytest.mark.parametrize("columns", [40, 100])
+def test_lists_and_hints_on_other_widths(shell, fake, columns):
+    fake.serve(MODEL)
+    fake.on("Login", Error(9001, "Request denied"))
+    line = Line(shell(to=fake, columns=columns), fake)
+    assert line.candidates("cat Device.") == ["DNS.", "DeviceInfo.", "Hosts.", "Ping", "Time."]
+    assert len(line.candidates("")) == 33
+    wrapped = "cat " + "Device.Hosts. " * 8 + "Device.DeviceIn"
+    line.term.type(Key.CTRL_U + wrapped)
+    text = PROMPT + wrapped + "fo."
+    rows = [text[at:at + columns].rstrip() for at in range(0, len(text), columns)]
+    line.term.wait_for(lambda term: term.lines[-len(rows):] == rows)
+    line.term.type(Key.TAB + "U")
+    line.term.wait_for(lambda term: "".join(row.ljust(columns) for row in term.lines[-len(rows):]).rstrip() == text + "U")
+
+
 # Values
 
 @pytest.mark.parametrize("typed, expected", [
