@@ -78,12 +78,13 @@ int main(int argc, char **argv)
         return failed(wanted.log + ": " + strerror(errno));
 
     std::string error;
-    const json_ref document = document_read(wanted.model, &error);
+    json_ref document = document_read(wanted.model, &error);
     if (!document)
         return failed(error);
     std::unique_ptr<tree> model = document_tree(document.get(), {live_value, live_rows}, &error);
     if (!model)
         return failed(wanted.model + ": " + error);
+    document.reset(); // what the model needs of it, it shares
 
     raise_descriptor_limit();
     loop events;

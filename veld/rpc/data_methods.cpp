@@ -13,7 +13,7 @@ constexpr int64_t event_instances = 4;
 
 } // namespace
 
-void service::get_names(client &from, const json_t *params, ticket to)
+void service::get_names(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     const std::string path = reader.text("ParameterPath");
@@ -23,7 +23,7 @@ void service::get_names(client &from, const json_t *params, ticket to)
     answer_written(to, [&](answer_text out) { return query_names(&tree_, from.who.rights, path, next_level, out); });
 }
 
-void service::get_values(client &from, const json_t *params, ticket to)
+void service::get_values(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     const json_t *names = reader.texts("ParameterNames");
@@ -32,7 +32,7 @@ void service::get_values(client &from, const json_t *params, ticket to)
     answer_written(to, [&](answer_text out) { return query_values(&tree_, from.who.rights, names, out); });
 }
 
-void service::get_attributes(client &from, const json_t *params, ticket to)
+void service::get_attributes(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     const json_t *names = reader.texts("ParameterNames");
@@ -42,7 +42,7 @@ void service::get_attributes(client &from, const json_t *params, ticket to)
     answer_written(to, [&](answer_text out) { return query_attributes(&tree_, from.who.rights, names, depth, out); });
 }
 
-void service::set_values(client &from, const json_t *params, ticket to)
+void service::set_values(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     const json_t *list = reader.name_values("ParameterList");
@@ -74,7 +74,7 @@ void service::instance_event(const char *action, const node *table, uint32_t num
     deliver(event_instances, value.get(), table->what->reach);
 }
 
-void service::add_object(client &from, const json_t *params, ticket to)
+void service::add_object(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     const std::string path = reader.text("ObjectName");
@@ -88,7 +88,7 @@ void service::add_object(client &from, const json_t *params, ticket to)
     instance_event("Add", added->parent, added->number);
 }
 
-void service::delete_object(client &from, const json_t *params, ticket to)
+void service::delete_object(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     const std::string path = reader.text("ObjectName");
@@ -102,7 +102,7 @@ void service::delete_object(client &from, const json_t *params, ticket to)
     instance_event("Delete", table, number);
 }
 
-void service::change_order_of(client &from, const json_t *params, ticket to)
+void service::change_order_of(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     const std::string path = reader.text("ObjectName");

@@ -27,7 +27,7 @@ bool service::refused(const client &from, role needed, const ticket &to)
     return true;
 }
 
-void service::save_config(client &from, const json_t *, ticket to)
+void service::save_config(client &from, const json_t *, const ticket &to)
 {
     if (refused(from, role::user, to))
         return;
@@ -36,7 +36,7 @@ void service::save_config(client &from, const json_t *, ticket to)
     answer_result(to, status_ok);
 }
 
-void service::factory_reset(client &from, const json_t *, ticket to)
+void service::factory_reset(client &from, const json_t *, const ticket &to)
 {
     if (refused(from, role::administrator, to))
         return;
@@ -45,7 +45,7 @@ void service::factory_reset(client &from, const json_t *, ticket to)
     answer_result(to, status_ok);
 }
 
-void service::reboot(client &from, const json_t *params, ticket to)
+void service::reboot(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     const bool force = reader.boolean("Force", false);
@@ -72,7 +72,7 @@ void service::part_with_all()
         one.link->finish(parting_ms, false);
 }
 
-void service::download(client &from, const json_t *params, ticket to)
+void service::download(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     download_request wanted;
@@ -96,7 +96,7 @@ void service::download(client &from, const json_t *params, ticket to)
     });
 }
 
-void service::execute(client &from, const json_t *params, ticket to)
+void service::execute(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     const std::string path = reader.text("Path");

@@ -126,7 +126,7 @@ void service::line_received(connection &from, std::string_view line)
 
 void service::request(client &from, json_t *message, std::string_view name, std::string id)
 {
-    ticket to{from.link->id(), std::move(id)};
+    const ticket to{from.link->id(), std::move(id)};
     const json_t *params = json_object_get(message, "params");
     for (const method_entry &known : methods) {
         if (known.name != name)
@@ -136,7 +136,7 @@ void service::request(client &from, json_t *message, std::string_view name, std:
             return;
         }
         tree_.begin_request();
-        (this->*known.call)(from, params, std::move(to));
+        (this->*known.call)(from, params, to);
         return;
     }
     answer_fault(to, {code::no_method, "unknown method: " + std::string(name.substr(0, 256)), ""});

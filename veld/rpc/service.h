@@ -48,7 +48,7 @@ public:
     void connection_over(connection &which) override;
 
 private:
-    using method = void (service::*)(client &from, const json_t *params, ticket to);
+    using method = void (service::*)(client &from, const json_t *params, const ticket &to);
     struct method_entry {
         std::string_view name;
         method call;
@@ -68,30 +68,30 @@ private:
     void deliver(int64_t group, json_t *value, role least);
 
     // data_methods.cpp
-    void get_names(client &from, const json_t *params, ticket to);
-    void get_values(client &from, const json_t *params, ticket to);
-    void get_attributes(client &from, const json_t *params, ticket to);
-    void set_values(client &from, const json_t *params, ticket to);
-    void add_object(client &from, const json_t *params, ticket to);
-    void delete_object(client &from, const json_t *params, ticket to);
-    void change_order_of(client &from, const json_t *params, ticket to);
+    void get_names(client &from, const json_t *params, const ticket &to);
+    void get_values(client &from, const json_t *params, const ticket &to);
+    void get_attributes(client &from, const json_t *params, const ticket &to);
+    void set_values(client &from, const json_t *params, const ticket &to);
+    void add_object(client &from, const json_t *params, const ticket &to);
+    void delete_object(client &from, const json_t *params, const ticket &to);
+    void change_order_of(client &from, const json_t *params, const ticket &to);
     void instance_event(const char *action, const node *table, uint32_t number);
 
     // session_methods.cpp
-    void log_in(client &from, const json_t *params, ticket to);
-    void log_out(client &from, const json_t *params, ticket to);
-    void join_group(client &from, const json_t *params, ticket to);
+    void log_in(client &from, const json_t *params, const ticket &to);
+    void log_out(client &from, const json_t *params, const ticket &to);
+    void join_group(client &from, const json_t *params, const ticket &to);
     void event_received(client &from, const json_t *params);
     void try_password(const ticket &to, const std::string &user, const std::shared_ptr<std::string> &password);
     void finish_login(const ticket &to, const std::optional<login> &who, const std::string &user);
 
     // device_methods.cpp
     bool refused(const client &from, role needed, const ticket &to);
-    void save_config(client &from, const json_t *params, ticket to);
-    void factory_reset(client &from, const json_t *params, ticket to);
-    void reboot(client &from, const json_t *params, ticket to);
-    void download(client &from, const json_t *params, ticket to);
-    void execute(client &from, const json_t *params, ticket to);
+    void save_config(client &from, const json_t *params, const ticket &to);
+    void factory_reset(client &from, const json_t *params, const ticket &to);
+    void reboot(client &from, const json_t *params, const ticket &to);
+    void download(client &from, const json_t *params, const ticket &to);
+    void execute(client &from, const json_t *params, const ticket &to);
     void answer_outcome(const ticket &to, method_outcome &outcome);
 
     loop &loop_;

@@ -16,7 +16,7 @@ constexpr int64_t first_free_event = 10;
 
 } // namespace
 
-void service::log_in(client &from, const json_t *params, ticket to)
+void service::log_in(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     const std::string user = reader.text("User");
@@ -76,13 +76,13 @@ void service::finish_login(const ticket &to, const std::optional<login> &who, co
     answer_result(to, "{}");
 }
 
-void service::log_out(client &from, const json_t *, ticket to)
+void service::log_out(client &from, const json_t *, const ticket &to)
 {
     from.who = {};
     answer_result(to, "{}");
 }
 
-void service::join_group(client &from, const json_t *params, ticket to)
+void service::join_group(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);
     const int64_t group = reader.integer("Group", 0, INT64_MIN);
