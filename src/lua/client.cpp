@@ -1,6 +1,5 @@
 #include "lua/client.h"
 
-#include "event/listener.h"
 #include "event/request.h"
 #include "platform/ve_out.h"
 
@@ -14,9 +13,9 @@ void change_login(const char *user, const char *password)
 
 } // namespace
 
-lua_client::lua_client() : context_(ve_lua_init(0))
+lua_client::lua_client(void (*leaving)()) : context_(ve_lua_init(0))
 {
-    ve_lua_set_hooks({msg_exec, msg_send, change_login, stop_event_handler});
+    ve_lua_set_hooks({msg_exec, msg_send, change_login, leaving});
     if (context_ == nullptr)
         ve_puts("LUA ERROR: not enough memory");
     else

@@ -7,7 +7,8 @@
 class lua_client
 {
 public:
-    lua_client();
+    /// `leaving` is called when code ends the program with os.exit; it stops the listener too.
+    explicit lua_client(void (*leaving)());
     lua_client(const lua_client &) = delete;
     lua_client &operator=(const lua_client &) = delete;
     ~lua_client() { ve_lua_free(context_); }

@@ -139,6 +139,21 @@ void run_lines(lua_State *L)
     is_pending = false;
 }
 
+/// What the session leaves behind: its recording and its history.
+void save_session()
+{
+    if (record_check() != 0)
+        record_commit();
+    ve_history_dump(history_file, -1);
+}
+
+/// os.exit in Lua mode ends the program, but not without that.
+void leave_program()
+{
+    save_session();
+    stop_event_handler();
+}
+
 int lua_mode_run()
 {
     sigint_buf_setted = 0;
@@ -148,7 +163,7 @@ int lua_mode_run()
     ve_history_clear();
     ve_history_load(history_file);
     {
-        const lua_client client;
+        const lua_client client(leave_program);
         if (client) {
             kest_lua_init(client.get()->state);
             run_lines(client.get()->state);
@@ -157,9 +172,7 @@ int lua_mode_run()
         ve_rl_set_autocomplete_cb(nullptr);
         lua_complete_set_state(nullptr);
     }
-    if (record_check() != 0)
-        record_commit();
-    ve_history_dump(history_file, -1);
+    save_session();
     ve_history_clear();
     prompt_update_postfix(nullptr);
     kest_readline_prepare();
@@ -179,7 +192,7 @@ int process_lua(const char *, json_t *args)
         text.append(arg_text(args, i)).append(" ");
     ve_puts(text.c_str());
     ve_out_flush();
-    const jump_safe<lua_client> client;
+    const jump_safe<lua_client> client(stop_event_handler);
     if (!client)
         return 0;
     lua_run_begin();

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "event/request.h"
+#include "event/listener.h"
 #include "lua/client.h"
 #include "lua/lua_mode.h"
 #include "lua/running.h"
@@ -73,7 +73,7 @@ int run_lua_script(const char *path, json_t *params)
         return -1;
     }
     strip_interpreter(&text);
-    const jump_safe<lua_client> client;
+    const jump_safe<lua_client> client(stop_event_handler);
     if (!client)
         return 0;
     lua_run_begin();

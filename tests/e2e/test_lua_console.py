@@ -158,6 +158,15 @@ def test_luarecord_writes_a_script_that_runs(veld, kest, tmp_path):
     assert kest("-S", path, to=veld).out == "4\ttrue\n"
 
 
+def test_os_exit_in_lua_mode_keeps_recording_and_history(veld, kest, tmp_path, private_tmp):
+    path = tmp_path / "session.lua"
+    run = kest(to=veld, stdin=f"luarecord {path}\nx = 1\nprint(x)\nos.exit(5)\n")
+    assert run.out.endswith("\n1\n")
+    assert run.status == 5
+    assert path.read_text() == "x = 1\nprint(x)\n"
+    assert (private_tmp / ".kest.lua.hist").read_text() == "x = 1\nprint(x)\n"
+
+
 def test_luarecord_refuses_what_record_refuses(veld, kest, tmp_path):
     run = kest(to=veld, stdin=f"luarecord\nluarecord /nonexistent/x\nluarecord abort\nrecord {tmp_path}/r\nluarecord {tmp_path}/s\nq\nq\n")
     assert run.out.split(BANNER_END)[1] == (
