@@ -73,18 +73,23 @@ int ls_repack_list(const char *name, const char *path_text, unsigned options)
 unsigned take_options(json_t *args)
 {
     unsigned options = 0;
-    for (size_t index = 0; index < json_array_size(args);) {
-        const char *word = arg_text(args, index);
+    const json_ref paths(json_array());
+    size_t index;
+    json_t *argument;
+    json_array_foreach(args, index, argument)
+    {
+        const char *word = json_string_value(argument);
         if (*word != '-') {
-            ++index;
+            json_array_append(paths.get(), argument);
             continue;
         }
         if (strchr(word, 'l') != nullptr)
             options |= ls_long;
         if (strchr(word, 'a') != nullptr)
             options |= ls_all;
-        json_array_remove(args, index);
     }
+    json_array_clear(args);
+    json_array_extend(args, paths.get());
     return options;
 }
 

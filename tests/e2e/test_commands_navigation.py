@@ -138,6 +138,12 @@ def test_options_stand_anywhere_and_others_are_ignored(kest, fake):
     assert typed(kest, fake, "ls : -xl", "ls -la", "ls -x -- -l :") == 3 * (header + row)
 
 
+@pytest.mark.deadline(20)
+def test_a_line_of_a_million_options(kest, model, tmp_path):
+    (tmp_path / "script").write_text("ls" + " -x" * 1_000_000 + "\n")
+    assert kest("-s", "script", to=model).out == "DataModelVersion\nDevice.\n"
+
+
 def test_the_long_listing_of_a_parameter_is_its_own_row(kest, fake):
     fake.serve(LONG)
     refuse_logins(fake)
