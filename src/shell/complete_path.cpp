@@ -1,3 +1,4 @@
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -39,6 +40,8 @@ void apply_instance_notices()
         const char *path;
         json_int_t instance;
         if (json_unpack(notice, "{s:s,s:s,s:I}", "Action", &action, "Path", &path, "InstanceNumber", &instance) != 0)
+            continue;
+        if (instance < 1 || instance > UINT32_MAX) // no instance has such a number
             continue;
         // Notices come in runs for one table.
         if (branch_path == nullptr || strcmp(branch_path, path) != 0) {

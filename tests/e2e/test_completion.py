@@ -371,6 +371,8 @@ def test_added_and_deleted_instances_are_known_without_asking(line):
     line.fake.event(4, notice("Add", 7, "Device.DNS.SearchDomain."))
     line.fake.event(4, notice("Add", 7, "Device.Nowhere."))
     line.fake.event(4, {"Action": "Add"})
+    for number in (-1, 0, 2**32, 2**62):
+        line.fake.event(4, notice("Add", number))
     line.term.quiet(0.1)
     line.asked()
     assert line.candidates("cat Device.Hosts.Host.") == ["1.", "10.", "5.", "max_instance"]
