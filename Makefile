@@ -28,4 +28,4 @@ format:
 	@scripts/format
 
 clean:
-	rm -rf build build-asan build-tsan build-bench
+	rm -rf build build-asan build-tsan build-tidy build-bench

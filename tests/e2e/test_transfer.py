@@ -10,6 +10,8 @@ import pytest
 
 from lib.fake import Close, Error, Slow
 
+pytestmark = pytest.mark.threads
+
 PROGRESS = ["Device.DeviceInfo.UpgradeProgress", "Device.DeviceInfo.UpgradeStatus"]
 SYNTAX = "syntax: {} <firmware|config|file> <path_to_file> [<target_file_name>]\n"
 

@@ -1,6 +1,7 @@
 """Where the programs are, and how long a test may wait. The environment overrides each value.
 
 KEST_BUILD      build directory whose bin/ holds the programs `kest` and `veld` (default: build/ of the source tree)
+KEST_VELD       the daemon, when it is not the one in there
 KEST_PATIENCE   factor on every deadline; sanitizer builds are several times slower
 """
 
@@ -11,7 +12,7 @@ from pathlib import Path
 SOURCE = Path(__file__).resolve().parents[3]
 BUILD = Path(os.environ.get("KEST_BUILD", SOURCE / "build")).resolve()
 KEST = BUILD / "bin" / "kest"
-VELD = BUILD / "bin" / "veld"
+VELD = Path(os.environ.get("KEST_VELD", BUILD / "bin" / "veld")).resolve()
 MODELS = SOURCE / "models"
 
 PATIENCE = float(os.environ.get("KEST_PATIENCE", "1"))
