@@ -111,8 +111,7 @@ int main(int argc, char **argv)
         flash.restore_version();
     });
     machine.start();
-    downloads fetching(events, machine, flash,
-                       {folders.spool(), folders.files(), wanted.download_limit, wanted.download_stall_ms});
+    downloads fetching(events, machine, flash, folders, {wanted.download_limit, wanted.download_stall_ms});
     service served(events, *model, machine, fetching);
     doors entrances(events, [&](arrival who) {
         auto link = identity ? identity->accept(std::move(who.fd)) : std::make_unique<transport>(std::move(who.fd));

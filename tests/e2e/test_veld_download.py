@@ -89,12 +89,12 @@ class Server:
         self.thread.start()
 
     def _run(self, serve):
-        link, _ = self.socket.accept()
-        with link:
-            try:
+        try:
+            link, _ = self.socket.accept()
+            with link:
                 serve(link)
-            except OSError:
-                pass
+        except OSError:
+            pass
 
     def close(self):
         self.socket.close()
@@ -515,6 +515,6 @@ def test_a_directory_made_for_one_run_goes_with_it(veld_start, model, tmp_path):
     veld = veld_start(model=model)
     result = root(veld).call("Download", FileType="Firmware", URL=image(tmp_path)[1])
     saved = Path(result["SavedFirmware"])
-    assert saved.exists()
+    assert saved.exists() and saved.parent.parent.name.startswith("veld-")
     veld.stop()
     assert not saved.parent.parent.exists()

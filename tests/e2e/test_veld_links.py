@@ -174,6 +174,22 @@ def test_what_cannot_be_listened_on_is_said(certificate, tmp_path):
     assert status == 1 and said.startswith(f"veld: {certificate[0]}: ")
 
 
+def test_a_path_as_long_as_a_socket_may_have(tmp_path):
+    for length, fits in ((107, True), (108, False)):
+        path = Path(tmp_path) / ("s" * (length - len(str(tmp_path)) - 1))
+        with subprocess.Popen(
+            [settings.VELD, "--model", SMALL, "--socket", path], stderr=subprocess.PIPE, text=True
+        ) as veld:
+            if fits:
+                moment = settings.deadline()
+                while not path.exists() and settings.remaining(moment):
+                    time.sleep(0.005)
+                ask(Peer(str(path)))
+                veld.terminate()
+            assert veld.wait(settings.DEADLINE) == (0 if fits else 1)
+            assert veld.stderr.read() == ("" if fits else f"veld: {path}: the path is too long for a socket\n")
+
+
 def test_populate(veld_start):
     veld = veld_start("--populate", "3,2", model=SMALL)
     peer = veld.connect()

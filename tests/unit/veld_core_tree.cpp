@@ -116,6 +116,18 @@ TEST(VeldTree, TenThousandInstancesAreNoQuadraticWork)
     EXPECT_EQ(value_at(model.get(), "Device.Host.10000.Address.max_instance"), "1");
 }
 
+TEST(VeldTree, NewInstancesComeWithTheInstancesOfTheirTemplate)
+{
+    const auto model = make_tree({}, R"json({"format":1,"root":{
+        "T":{"multi":true,"access":"readWrite","instances":{"1":{}},"template":{"children":{
+            "Queue":{"multi":true,"instances":{"1":"first","2":"second"},
+                     "template":{"type":"string","default":"","access":"readWrite"}}}}}}})json");
+    EXPECT_EQ(value_at(model.get(), "T.1.Queue.2"), "\"second\"");
+    model->add(model->find("T").at, 9);
+    EXPECT_EQ(value_at(model.get(), "T.2.Queue.1"), "\"first\"");
+    EXPECT_EQ(text_of(configuration_of(model.get())), R"({"veld-config":1,"config":{}})");
+}
+
 TEST(VeldTree, LiveValuesFallBackToTheDefault)
 {
     int asked = 0;

@@ -44,11 +44,12 @@ bool good_file_name(const std::string &name)
 
 } // namespace
 
-downloads::downloads(loop &events, device &machine, flasher &flash, download_settings settings)
-    : loop_(events), device_(machine), flash_(flash), settings_(std::move(settings))
+downloads::downloads(loop &events, device &machine, flasher &flash, workspace &folders, download_settings settings)
+    : loop_(events), device_(machine), flash_(flash), folders_(folders), settings_(settings)
 {
     // An image from before a restart waits for nobody any more.
-    unlink((settings_.spool + "/" + image_name).c_str());
+    if (!folders_.spool().empty())
+        unlink((folders_.spool() + "/" + image_name).c_str());
 }
 
 downloads::~downloads()
@@ -123,7 +124,10 @@ void downloads::request(uint64_t client, const download_request &wanted, done_ha
     transfer fresh{client, wanted, std::make_unique<spool>(), nullptr, std::move(done)};
     const bool is_file = wanted.type == "File";
     const uint64_t limit = wanted.type == "Config" ? std::min(configuration_limit, settings_.limit) : settings_.limit;
-    if (!fresh.file->create(is_file ? settings_.files : settings_.spool, limit))
+    std::string error;
+    if (!folders_.prepare(&error))
+        return fresh.done({code::internal, error, ""}, "");
+    if (!fresh.file->create(is_file ? folders_.files() : folders_.spool(), limit))
         return fresh.done({code::internal, fresh.file->error(), ""}, "");
     const uint64_t id = next_++;
     fresh.source = std::make_unique<fetch>(loop_, std::move(url), *fresh.file, settings_.stall_ms,
@@ -186,7 +190,7 @@ fault downloads::finish_firmware(transfer &what, std::string *result)
     drop_image();
     if (!what.file->keep_as(image_name))
         return {code::internal, what.file->error(), ""};
-    image_ = {header, settings_.spool + "/" + image_name, transaction};
+    image_ = {header, folders_.spool() + "/" + image_name, transaction};
     const bool same = header.version == current;
     *result = same ? "{\"Status\":0,\"CurrentVersion\":" : "{\"Status\":1,\"CurrentVersion\":";
     json_text_string(result, current);

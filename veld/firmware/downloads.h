@@ -5,6 +5,7 @@
 #include "veld/firmware/fetch.h"
 #include "veld/firmware/flash.h"
 #include "veld/model/fault.h"
+#include "veld/state/workspace.h"
 
 #include <functional>
 #include <memory>
@@ -15,10 +16,8 @@ namespace veld
 {
 
 struct download_settings {
-    std::string spool; ///< where images wait for their confirmation
-    std::string files; ///< where files are stored
-    uint64_t limit;    ///< bytes of one transfer
-    int64_t stall_ms;  ///< how long a transfer may stand still
+    uint64_t limit;   ///< bytes of one transfer
+    int64_t stall_ms; ///< how long a transfer may stand still
 };
 
 /// A Download request; texts that were not given are empty.
@@ -32,7 +31,8 @@ public:
     /// The fault, or the result as JSON text.
     using done_handler = std::function<void(const fault &, const std::string &result)>;
 
-    downloads(loop &events, device &machine, flasher &flash, download_settings settings);
+    /// Images wait for their confirmation in the spool of `folders`, files are stored in its directory of files.
+    downloads(loop &events, device &machine, flasher &flash, workspace &folders, download_settings settings);
     downloads(const downloads &) = delete;
     downloads &operator=(const downloads &) = delete;
     ~downloads();
@@ -69,6 +69,7 @@ private:
     loop &loop_;
     device &device_;
     flasher &flash_;
+    workspace &folders_;
     download_settings settings_;
     uint64_t next_ = 1;
     std::unordered_map<uint64_t, transfer> transfers_;

@@ -64,6 +64,7 @@ struct scheme {
     bool secret = false;    ///< reads as an empty text for everybody but administrators
     bool argument = false;  ///< belongs to a method's arguments
     bool output = false;    ///< an argument that the method gives back
+    bool furnished = false; ///< a new node of it comes with instances: tables below it have factory ones
     bool deletable = false; ///< on a table: its instances may be deleted
     std::string provider;   ///< of live values; of a method: what implements it
     size_t counted = 0;     ///< source::count: the index of the sibling table

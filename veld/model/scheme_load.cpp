@@ -371,7 +371,9 @@ bool finish(scheme *what, std::string *error)
         if (!finish(child.get(), error))
             return false;
         what->reach = std::min(what->reach, child->reach);
+        what->furnished = what->furnished || child->furnished;
     }
+    what->furnished = what->furnished || what->instances;
     if (what->element) {
         if (!finish(what->element.get(), error))
             return false;

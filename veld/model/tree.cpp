@@ -1,6 +1,7 @@
 #include "veld/model/tree.h"
 
 #include "veld/base/json_text.h"
+#include "veld/base/log.h"
 #include "veld/model/check.h"
 #include "veld/model/overlay.h"
 
@@ -145,6 +146,7 @@ json_ref tree::value(node *parameter)
         return json_ref{json_integer(static_cast<json_int_t>(table->table->instances.size()))};
     }
     case source::order: {
+        refresh(parameter->parent);
         std::string text;
         for (const uint32_t number : parameter->parent->table->order) {
             if (!text.empty())
@@ -246,6 +248,9 @@ node *tree::add_numbered(node *table, uint32_t number, size_t at)
     if (table->what->ordered)
         state.order.insert(state.order.begin() + static_cast<ptrdiff_t>(std::min(at, state.order.size())), number);
     index_subtree(borrowed, true);
+    std::string error;
+    if (borrowed->what->furnished && !factory_instances(this, borrowed, &error))
+        LOG_ERROR("model: %s", error.c_str());
     return borrowed;
 }
 

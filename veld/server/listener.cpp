@@ -40,6 +40,14 @@ bool is_stale(const sockaddr_un &address)
            errno == ECONNREFUSED;
 }
 
+// A name beside the socket's own; one that is shorter than its own when room is scarce.
+std::string private_name(const std::string &path, size_t room)
+{
+    const std::string number = std::to_string(getpid());
+    const std::string usual = path + "." + number;
+    return usual.size() < room ? usual : path.substr(0, path.find_last_of('/') + 1) + ".v" + number;
+}
+
 std::string peer_name(const sockaddr_storage &address)
 {
     char text[INET6_ADDRSTRLEN] = "";
@@ -93,8 +101,8 @@ bool listener::open_unix(std::string *error)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     // Bound under a private name first: the path itself never leads to a socket with other rights than it is to have.
-    const std::string fresh = address_ + "." + std::to_string(getpid());
-    if (fresh.size() >= sizeof address.sun_path) {
+    const std::string fresh = private_name(address_, sizeof address.sun_path);
+    if (fresh.size() >= sizeof address.sun_path || address_.size() >= sizeof address.sun_path) {
         *error = address_ + ": the path is too long for a socket";
         return false;
     }

@@ -46,17 +46,25 @@ workspace::~workspace()
 
 bool workspace::open(const std::string &state, const std::string &files, std::string *error)
 {
-    std::string base = state;
-    if (base.empty()) {
+    base_ = state;
+    chosen_files_ = files;
+    if (!files.empty() && !make_absolute(&chosen_files_, error))
+        return false;
+    return state.empty() || prepare(error);
+}
+
+bool workspace::prepare(std::string *error)
+{
+    if (base_.empty()) {
         char name[] = "/var/tmp/veld-XXXXXX";
         if (mkdtemp(name) == nullptr) {
             *error = std::string(name) + ": " + strerror(errno);
             return false;
         }
-        base = temporary_ = name;
+        base_ = temporary_ = name;
     }
-    spool_ = base + "/spool";
-    files_ = files.empty() ? base + "/files" : files;
+    spool_ = base_ + "/spool";
+    files_ = chosen_files_.empty() ? base_ + "/files" : chosen_files_;
     return make_absolute(&spool_, error) && make_absolute(&files_, error);
 }
 
