@@ -158,6 +158,9 @@ void bind_keys(EditLine *el)
     // The library's own command line would show its prompt on its own screen.
     bind(L"\\033x", L"ed-unassigned");
     bind(L"\\033X", L"ed-unassigned");
+    // Text is inserted without the library, which could not repeat it.
+    for (wchar_t digit = L'0'; digit <= L'9'; ++digit)
+        bind((std::wstring{L"\\033"} + digit).c_str(), L"ed-unassigned");
     for (size_t i = 0; i < rl_key_binding_count; ++i) {
         const std::wstring key = std::wstring{L"\\033"} + rl_key_bindings[i].sequence;
         bind(key.c_str(), rl_key_bindings[i].command);
@@ -393,6 +396,8 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
         in_history_ = false;
         long_line_.clear();
         asked_to_search_ = false;
+        inserted_ = false;
+        held_ = 0;
         ensure_capacity(true);
         screen_.begin(prompt != nullptr ? prompt : "", rl_set.prompt_color, rl_set.hint_color);
         int count = 0;

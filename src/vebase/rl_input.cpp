@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utility>
 
 #include "platform/ve_out.h"
 #include "vebase/rl_session.h"
@@ -11,9 +12,10 @@
 namespace
 {
 
-constexpr int hint_pause_ms = 40;    // without a key for so long, a hint is looked for
-constexpr int escape_pause_ms = 100; // an ESC alone that ends a search
-constexpr int patience_ms = 1000;    // how long another thread may keep the screen
+constexpr int hint_pause_ms = 40;     // without a key for so long, a hint is looked for
+constexpr int escape_pause_ms = 100;  // an ESC alone that ends a search
+constexpr wchar_t nothing_key = 0x0f; // bound to no effect
+constexpr int patience_ms = 1000;     // how long another thread may keep the screen
 
 /// The byte that stands for a terminal's control character, or `usual` when the terminal has none.
 bool is_control_key(unsigned char byte, const termios &terminal, unsigned index)
@@ -152,22 +154,46 @@ void rl_session::wait_for_input(int64_t until)
         rl_signals::drain();
 }
 
-/// Hands a decoded character out. False when there is none.
+/// Hands a decoded key out, or a character of text that the library waits for. Other text goes into the line right
+/// here: the library's own insertion would draw it. False when nothing is there.
 bool rl_session::deliver(wchar_t *c)
 {
-    if (!keys_.take(c))
-        return false;
-    if (searching() && !pass_searched(*c)) {
-        bell();
-        return deliver(c);
+    if (held_ != 0) {
+        *c = std::exchange(held_, 0);
+        return true;
     }
+    bool is_text = false;
+    while (keys_.take(c, &is_text)) {
+        ++served_;
+        if (literal_ || (searching() && pass_searched(*c)))
+            return true;
+        if (searching()) {
+            bell();
+        } else if (is_text) {
+            const wchar_t inserted[] = {*c, 0};
+            el_winsertstr(el_, inserted);
+            inserted_ = true;
+        } else {
+            prepare_key(c);
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Before a key is handed out.
+void rl_session::prepare_key(wchar_t *c)
+{
     // Ctrl-P, Ctrl-R, Ctrl-S and what begins with ESC may leave the line for the history.
-    if (!literal_ && (*c == 0x10 || *c == 0x12 || *c == 0x13 || *c == 0x1b)) {
+    if (*c == 0x10 || *c == 0x12 || *c == 0x13 || *c == 0x1b) {
         remember_line();
         asked_to_search_ = asked_to_search_ || *c == 0x12 || *c == 0x13;
     }
-    ++served_;
-    return true;
+    ensure_capacity(false);
+    // A command that does nothing tells the library that its last command is not the last thing that happened.
+    if (inserted_ && *c == 0x1b)
+        held_ = std::exchange(*c, nothing_key);
+    inserted_ = false;
 }
 
 bool rl_session::next_character(wchar_t *c)
@@ -175,6 +201,9 @@ bool rl_session::next_character(wchar_t *c)
     rebind_key();
     if (first_) {
         first_ = false;
+        // On a small screen the library's display, which nobody sees, writes beyond its end.
+        el_wset(el_, EL_SETTC, L"li", L"16", static_cast<const wchar_t *>(nullptr));
+        el_wset(el_, EL_SETTC, L"co", L"4000", static_cast<const wchar_t *>(nullptr));
         if (!carry_.empty())
             el_winsertstr(el_, carry_.c_str());
         carry_.clear();

@@ -42,9 +42,10 @@ void rl_key_decoder::sequence_ends(bool searching)
         if (sequence_ != rl_key_bindings[i].sequence)
             continue;
         if (searching)
-            put(L'\033');
-        put(L'\033');
-        ready_ += sequence_;
+            put_key(L'\033');
+        put_key(L'\033');
+        for (const wchar_t c : sequence_)
+            put_key(c);
         return;
     }
 }
@@ -67,11 +68,15 @@ void rl_key_decoder::feed(unsigned char byte, bool searching)
         } else if (byte == 'O') {
             state_ = state::ss3;
         } else {
-            put(L'\033');
+            if (byte < 0x80 || searching)
+                put_key(L'\033');
             if (byte == 0x1b)
                 break;
             state_ = state::ground;
-            ground(byte);
+            if (byte < 0x80 && !searching)
+                put_key(byte);
+            else
+                ground(byte);
         }
         break;
     case state::csi:
@@ -95,21 +100,23 @@ void rl_key_decoder::feed(unsigned char byte, bool searching)
     }
 }
 
-bool rl_key_decoder::take(wchar_t *c)
+bool rl_key_decoder::take(wchar_t *c, bool *is_text)
 {
     if (taken_ == ready_.size()) {
         ready_.clear();
         taken_ = 0;
         return false;
     }
-    *c = ready_[taken_++];
+    const wchar_t next = ready_[taken_++];
+    *c = next & ~key_mark;
+    *is_text = *c == next && *c >= 0x20 && *c != 0x7f;
     return true;
 }
 
 void rl_key_decoder::release_escape()
 {
     state_ = state::ground;
-    put(L'\033');
+    put_key(L'\033');
 }
 
 void rl_key_decoder::reset()

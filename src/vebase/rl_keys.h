@@ -20,8 +20,9 @@ public:
     void feed(unsigned char byte, bool searching);
     /// Takes a byte that is text, whatever it is.
     void feed_text(unsigned char byte) { ground(byte); }
-    /// Takes the next character, if there is one.
-    bool take(wchar_t *c);
+    /// Takes the next character, if there is one. `is_text` says whether it is to be inserted rather than a key or a
+    /// part of one.
+    bool take(wchar_t *c, bool *is_text);
     /// An ESC alone has come, which may be a key or begin a sequence.
     bool holds_escape() const { return state_ == state::escape; }
     /// It was the key.
@@ -31,7 +32,10 @@ public:
 
 private:
     enum class state { ground, escape, csi, csi_bracket, ss3 };
+    static constexpr wchar_t key_mark = 0x40000000; // on the characters of key sequences
+
     void put(wchar_t c) { ready_.push_back(c); }
+    void put_key(wchar_t c) { ready_.push_back(c | key_mark); }
     void ground(unsigned char byte);
     void sequence_ends(bool searching);
 

@@ -13,7 +13,7 @@ namespace
 {
 
 constexpr size_t before_max = 4096; // bytes of an unfinished row that a prompt follows
-constexpr int patience_ms = 1000; // how long another thread may keep the screen
+constexpr int patience_ms = 1000;   // how long another thread may keep the screen
 
 /// The characters of an output row as they stand on the screen: no escape sequences, nothing before a CR.
 std::wstring plain_row(std::string_view text)

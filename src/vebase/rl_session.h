@@ -70,6 +70,7 @@ private:
     void handle_byte(unsigned char byte);
     void wait_for_input(int64_t until);
     bool deliver(wchar_t *c);
+    void prepare_key(wchar_t *c);
     unsigned watch(pollfd *fds) override;
     bool serve(const pollfd *fds, unsigned count) override;
     void collect_typed();
@@ -110,6 +111,8 @@ private:
     size_t walked_to_ = 0;         // the last entry that it looked at
     bool in_history_ = false;      // the line stands at an entry of the history
     std::wstring long_line_;       // the line outside the history, when it is long
+    bool inserted_ = false;        // text went into the line since the last key
+    wchar_t held_ = 0;             // a key to be handed out next
     wchar_t rebound_ = -1;         // the key that is text for one character of a search
     bool asked_to_search_ = false; // a search may be under way
     bool went_newer_ = false;      // the last command may have left the history

@@ -116,7 +116,8 @@ bool rl_session::confirm(const std::string &question)
             continue;
         }
         wchar_t c = 0;
-        if (keys_.take(&c)) {
+        bool is_text = false;
+        if (keys_.take(&c, &is_text)) {
             if (c == L'y' || c == L'Y' || c == L' ')
                 return true;
             if (c == L'n' || c == L'N' || c == L'q' || c == L'\033' || c == 0x7f || c == 7)

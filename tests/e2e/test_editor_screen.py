@@ -22,19 +22,20 @@ OTHER = "éüßñ" + "e\u0301" + "о" + "\u00a0€"
 class Editing:
     """The demo program on a terminal beside the model of its screen."""
 
-    def __init__(self, terminal, tmp_path, width, height, random_source):
+    def __init__(self, terminal, tmp_path, width, height, random_source, words=()):
         self.random = random_source
         self.fifo = tmp_path / "orders"
         os.mkfifo(self.fifo)
         self.prompt = random_source.choice(["> ", "kest:Device.> ", "漢> "])
-        self.model = Model(self.prompt, width, height)
+        self.model = Model(self.prompt, width, height, words)
+        hints = {"DEMO_WORDS": json.dumps(words), "DEMO_HINTS": "1", "DEMO_COLORS": "1"} if words else {}
         self.terminal = terminal(
             "-c",
             f'exec "{DEMO}" 3<>"{self.fifo}"',
             program="/bin/sh",
             columns=width,
             rows=height,
-            env={"DEMO_PROMPT": self.prompt, "TERM": "xterm-256color", "LC_ALL": "C.UTF-8"},
+            env={"DEMO_PROMPT": self.prompt, "TERM": "xterm-256color", "LC_ALL": "C.UTF-8", **hints},
         )
         self.orders = os.open(self.fifo, os.O_RDWR)
         self.events = 0
@@ -68,6 +69,7 @@ class Editing:
             + ["wide", "other", "left", "left", "right", "home", "end", "backspace", "delete"]
             + ["kill", "rub", "yank", "up", "up", "down", "event", "resize", "enter", "enter", "ctrl_c"]
             + ["control", "long", "paste", "redraw"]
+            + ["word"] * 4
         )
         self.trace.append(name)
         getattr(self, name)()
@@ -104,7 +106,19 @@ class Editing:
 
     def right(self):
         self.type(Key.RIGHT)
+        if self.accept():
+            return
         self.model.cursor = min(len(self.model.text), self.model.cursor + 1)
+
+    def accept(self):
+        hint = self.model.hint()
+        self.model.insert(hint)
+        return hint != ""
+
+    def word(self):
+        """The beginning of a word that has a hint."""
+        if self.model.words:
+            self.put(" " + self.random.choice(self.model.words)[: self.random.randint(1, 4)])
 
     def home(self):
         self.type(self.random.choice([Key.HOME, Key.CTRL_A, "\x1bOH", "\x1b[1~"]))
@@ -112,6 +126,8 @@ class Editing:
 
     def end(self):
         self.type(self.random.choice([Key.END, Key.CTRL_E, "\x1bOF", "\x1b[4~"]))
+        if self.accept():
+            return
         self.model.cursor = len(self.model.text)
 
     def backspace(self):
@@ -207,17 +223,32 @@ class Editing:
         self.model.insert(lines[-1])
 
 
-@pytest.mark.parametrize("width,height", [(80, 24), (40, 24), (10, 24), (40, 6), (10, 5)])
-@pytest.mark.deadline(900)
-def test_the_screen_is_right_after_every_step(terminal, tmp_path, width, height):
+def play(terminal, tmp_path, width, height, words=()):
     seed = int(os.environ.get("KEST_EDITOR_SEED", "1"))
-    for number in range(ROUNDS // 5):
+    for number in range(ROUNDS // 10):
         place = tmp_path / f"round-{number}"
         place.mkdir()
-        editing = Editing(terminal, place, width, height, random.Random(f"{seed} {width} {height} {number}"))
+        source = random.Random(f"{seed} {width} {height} {number}")
+        editing = Editing(terminal, place, width, height, source, words)
         try:
             for _ in range(STEPS * 5):
                 editing.step()
         finally:
             editing.close()
             editing.terminal.close()
+
+
+SIZES = pytest.mark.parametrize("width,height", [(80, 24), (40, 24), (10, 24), (40, 6), (10, 5)])
+
+
+@SIZES
+@pytest.mark.deadline(900)
+def test_the_screen_is_right_after_every_step(terminal, tmp_path, width, height):
+    play(terminal, tmp_path, width, height)
+
+
+# Only where all of it fits: which rows of a taller line are seen depends on when the hint came.
+@pytest.mark.parametrize("width,height", [(80, 24), (40, 24), (100, 30)])
+@pytest.mark.deadline(900)
+def test_the_screen_is_right_after_every_step_with_hints(terminal, tmp_path, width, height):
+    play(terminal, tmp_path, width, height, ["hijacked", "漢字かな混じり文", "zebra" * 8, "élan"])

@@ -10,9 +10,10 @@ std::wstring decoded(std::string_view bytes, bool searching = false)
     rl_key_decoder decoder;
     std::wstring all;
     wchar_t c = 0;
+    bool is_text = false;
     for (const char byte : bytes) {
         decoder.feed(static_cast<unsigned char>(byte), searching);
-        while (decoder.take(&c))
+        while (decoder.take(&c, &is_text))
             all.push_back(c);
     }
     return all;
@@ -29,6 +30,19 @@ TEST(rl_keys, sequences_that_are_bound_pass_whole)
 {
     EXPECT_EQ(decoded("\033[A\033OA\033[3~\033[1;5C"), L"\033[A\033OA\033[3~\033[1;5C");
     EXPECT_EQ(decoded("\033b"), L"\033b");
+}
+
+TEST(rl_keys, text_is_told_from_keys)
+{
+    rl_key_decoder decoder;
+    std::string kinds;
+    wchar_t c = 0;
+    bool is_text = false;
+    for (const char byte : std::string_view{"a漢\tb\033bc\033[Cd\x7f"})
+        decoder.feed(static_cast<unsigned char>(byte), false);
+    while (decoder.take(&c, &is_text))
+        kinds += is_text ? 't' : 'k';
+    EXPECT_EQ(kinds, "ttktkktkkktk");
 }
 
 TEST(rl_keys, others_leave_nothing)
@@ -52,11 +66,13 @@ TEST(rl_keys, an_escape_alone_waits_until_it_is_released)
 {
     rl_key_decoder decoder;
     wchar_t c = 0;
+    bool is_text = true;
     decoder.feed(0x1b, false);
     EXPECT_TRUE(decoder.holds_escape());
-    EXPECT_FALSE(decoder.take(&c));
+    EXPECT_FALSE(decoder.take(&c, &is_text));
     decoder.release_escape();
-    EXPECT_TRUE(decoder.take(&c));
+    EXPECT_TRUE(decoder.take(&c, &is_text));
+    EXPECT_FALSE(is_text);
     EXPECT_EQ(c, L'\033');
 }
 

@@ -1,5 +1,6 @@
 """What a screen must show while a line is edited: a second, independent account of the editor's drawing."""
 
+import re
 import unicodedata
 
 from wcwidth import wcwidth
@@ -36,7 +37,7 @@ class Layout:
         self.joins = False
         whole = before + text + after
         for index, char in enumerate(whole):
-            if index == len(before):
+            if index in (len(before), len(before) + len(text)):
                 self.joins = False
             if index == len(before) + cursor:
                 self.place = "next"
@@ -74,8 +75,8 @@ class Layout:
 class Model:
     """A screen of `height` rows: what stands above the line, the line, the cursor."""
 
-    def __init__(self, prompt, width, height):
-        self.prompt, self.width, self.height = prompt, width, height
+    def __init__(self, prompt, width, height, words=()):
+        self.prompt, self.width, self.height, self.words = prompt, width, height, words
         self.above = []
         self.history = []
         self.cut = ""
@@ -88,7 +89,15 @@ class Model:
         self.kept = ""
 
     def layout(self):
-        return Layout(self.prompt, self.text, self.cursor, self.width)
+        return Layout(self.prompt, self.text, self.cursor, self.width, self.hint())
+
+    def hint(self):
+        """The rest of the only word that begins like the one at the end of the line."""
+        if not self.text or self.cursor < len(self.text):
+            return ""
+        typed = re.split("[ .=/\"']", self.text)[-1]
+        found = [word for word in self.words if word.startswith(typed)]
+        return found[0][len(typed) :] if len(found) == 1 else ""
 
     def window(self, layout):
         shown = min(len(layout.rows), self.height)
