@@ -112,6 +112,22 @@ int add_groups(cline_options *options, const char *list)
     return 0;
 }
 
+/// The text with everything but printable ASCII as escapes.
+std::string escaped(const char *text)
+{
+    std::string shown;
+    for (; *text != '\0'; text++) {
+        const auto byte = static_cast<unsigned char>(*text);
+        char escape[8];
+        snprintf(escape, sizeof escape, "\\x%02x", byte);
+        if (byte >= ' ' && byte < 0x7f)
+            shown += *text;
+        else
+            shown += escape;
+    }
+    return shown;
+}
+
 void print_version()
 {
     printf("Veltro Management System client.\n");
@@ -193,7 +209,7 @@ int cline_parse(int argc, char **argv, cline_options *options)
         return 0;
     for (int i = optind; i < argc; i++) {
         if (json_array_append_new(options->params, json_string(argv[i])) != 0) {
-            fprintf(stderr, "Argument %d is not valid UTF-8 text.\n", i);
+            fprintf(stderr, "Argument '%s' is not valid UTF-8 text.\n", escaped(argv[i]).c_str());
             return -1;
         }
     }

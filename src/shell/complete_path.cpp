@@ -58,6 +58,20 @@ void apply_instance_notices()
     }
 }
 
+/// The children of the place; asks the daemon for a level that nobody has looked at. An instance that is known by its
+/// table's template alone is listed from that: it may not exist, and a refusal would wipe the template out.
+json_t *list_children(cdpath *here, const char *text, unsigned flags)
+{
+    const json_t *table = json_array_get(here->parents, 0);
+    if (here->node != nullptr && here->node == json_object_get(table, "#template")) {
+        json_t *names = cdpath_content(here, text, flags);
+        if (json_array_size(names) > 0 || ve_tr_dm_node_type_get(here->node) != ve_tr_object)
+            return names;
+        json_decref(names);
+    }
+    return cdpath_content_fast(here, text, flags);
+}
+
 /// Appends the nodes that the last component of `text` may become, from `here` on. Returns where that component begins.
 size_t complete_node(cdpath *here, const std::string &text, json_t *candidates, bool objects_only)
 {
@@ -75,7 +89,7 @@ size_t complete_node(cdpath *here, const std::string &text, json_t *candidates, 
         flags |= CDPATH_ABSOLUTE;
         filter = 1;
     }
-    const jump_safe<json_ref> names(cdpath_content_fast(here, text.c_str() + filter, flags));
+    const jump_safe<json_ref> names(list_children(here, text.c_str() + filter, flags));
     json_array_extend(candidates, names.get());
     return begin;
 }

@@ -390,6 +390,18 @@ def test_an_added_instance_is_fetched_when_walked_into(line):
     line.tab("cat Device.Hosts.Host.5.A", "cat Device.Hosts.Host.5.Alias")
 
 
+def test_an_instance_that_does_not_exist_hurts_nothing(line):
+    line.candidates("cat Device.Hosts.Host.")
+    line.asked()
+    line.tab("cat Device.Hosts.Host.9.", "cat Device.Hosts.Host.9.Alias")
+    assert line.asked() == 0
+    line.tab("cat Device.Hosts.Host.8.A", "cat Device.Hosts.Host.8.Alias")
+    line.candidates("cat Device.DNS.SearchDomain.")
+    line.asked()
+    line.tab("cat Device.DNS.SearchDomain.9.", "cat Device.DNS.SearchDomain.9.")
+    assert line.asked() == 0
+
+
 def test_a_table_nobody_looked_at_stays_unfetched(line):
     line.fake.event(4, notice("Add", 5))
     line.tab("cat Dev", "cat Device.")

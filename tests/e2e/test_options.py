@@ -68,7 +68,7 @@ def both(new, old):
     (["-g", "1,,y,z"], "Invalid group number: 'y'.\n"),
     (["-g", "1 2"], "Invalid group number: '1 2'.\n"),
     (["-g", ",".join(map(str, range(1, 66)))], "Too many groups: at most 64 can be joined.\n"),
-    (["-r", "get", b"Device.\xff"], "Argument 5 is not valid UTF-8 text.\n"),
+    (["-r", "get", b"Device.\xff"], "Argument 'Device.\\xff' is not valid UTF-8 text.\n"),
 ])
 def test_usage_errors_end_before_any_connection(kest, fake, words, message):
     run = kest(*words, to=fake)

@@ -241,7 +241,7 @@ TEST(ClineParse, WordsThatAreNoTextAreRefused)
 {
     const parsed run({"-r", "get", "Device.\xff"});
     EXPECT_EQ(run.result, -1);
-    EXPECT_EQ(run.err, "Argument 3 is not valid UTF-8 text.\n");
+    EXPECT_EQ(run.err, "Argument 'Device.\\xff' is not valid UTF-8 text.\n");
     EXPECT_EQ(parsed({"--raw", "\"\xff\""}).param_list(), "[]");
 }
 
