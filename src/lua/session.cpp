@@ -119,6 +119,7 @@ void kest_lua_init(lua_State *L)
 
 void kest_lua_prepare(lua_State *L)
 {
+    ve_lua_limit_time(L, -1);
     lua_pushcfunction(L, prepare);
     call_protected(L, 0, 0);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <new>
 #include <pthread.h>
 
@@ -13,12 +14,18 @@
 namespace
 {
 
-/// Instructions between two looks at the interrupt flag.
+/// Instructions between two looks at the interrupt flag: usually, and among calls that take long.
 constexpr int hook_interval = 100;
+constexpr int slow_hook_interval = 1;
+/// Time between two looks from which on calls take long, and the looks without any after which they do not any more.
+constexpr int64_t slow_ns = 2000000;
+constexpr int quick_looks = 1000;
 
 ve_lua_hooks hooks;
 int64_t time_limit = -1; // a point in time, as ve_wait_deadline gives it
 lua_CFunction xpcall_function = nullptr;
+int64_t last_look = 0; // ns
+int quick = 0;         // looks since calls took long
 
 bool stop_is_due()
 {
@@ -51,10 +58,25 @@ void drop_message_handlers(lua_State *L)
     }
 }
 
+int64_t now_ns()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
+}
+
+/// A hundred instructions are nothing, unless each calls something that takes long.
 void hook(lua_State *L, lua_Debug *)
 {
     if (stop_is_due())
         ve_lua_check_interrupt(L);
+    const int64_t now = now_ns();
+    const bool slow = now - last_look > slow_ns;
+    last_look = now;
+    quick = slow ? 0 : std::min(quick + 1, quick_looks);
+    const int interval = quick >= quick_looks ? hook_interval : slow_hook_interval;
+    if (lua_gethookcount(L) != interval)
+        lua_sethook(L, hook, LUA_MASKCOUNT, interval);
 }
 
 int panic(lua_State *L)
@@ -122,8 +144,9 @@ int error_text(lua_State *L)
 
 void restart_hook(lua_State *L)
 {
+    quick = 0;
     if (lua_gethook(L) == hook)
-        lua_sethook(L, hook, LUA_MASKCOUNT, hook_interval);
+        lua_sethook(L, hook, LUA_MASKCOUNT, slow_hook_interval);
 }
 
 } // namespace
@@ -188,7 +211,7 @@ void ve_lua_open_interrupts(lua_State *L)
     lua_getglobal(L, "xpcall");
     xpcall_function = lua_tocfunction(L, -1);
     lua_pop(L, 1);
-    lua_sethook(L, hook, LUA_MASKCOUNT, hook_interval);
+    lua_sethook(L, hook, LUA_MASKCOUNT, slow_hook_interval);
 }
 
 ve_lua_context *ve_lua_init(int)
