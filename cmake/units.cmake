@@ -1,8 +1,12 @@
-# kest_unit(name DEPENDS ...): every .cpp of the current folder as the static library `name`.
+# kest_unit(name [FOLDERS ...] DEPENDS ...): every .cpp of the current folder, and of its FOLDERS, as the static library `name`.
 # A folder is a unit; DEPENDS names the units it may include from, all of them on lower floors.
 function(kest_unit name)
-  cmake_parse_arguments(ARG "" "" "DEPENDS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "FOLDERS;DEPENDS" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  foreach(folder IN LISTS ARG_FOLDERS)
+    file(GLOB more CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${folder}/*.cpp)
+    list(APPEND sources ${more})
+  endforeach()
   list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
   if(sources)
     add_library(${name} STATIC ${sources})

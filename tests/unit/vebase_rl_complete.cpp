@@ -1,4 +1,4 @@
-#include "vebase/rl_complete.h"
+#include "vebase/editor/rl_complete.h"
 
 #include <gtest/gtest.h>
 

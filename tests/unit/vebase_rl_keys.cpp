@@ -1,4 +1,4 @@
-#include "vebase/rl_keys.h"
+#include "vebase/editor/rl_keys.h"
 
 #include <gtest/gtest.h>
 

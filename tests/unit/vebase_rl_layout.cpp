@@ -1,9 +1,9 @@
-#include "vebase/rl_layout.h"
+#include "vebase/editor/rl_layout.h"
 
 #include <gtest/gtest.h>
 
-#include "vebase/rl_columns.h"
-#include "vebase/rl_text.h"
+#include "vebase/editor/rl_columns.h"
+#include "vebase/editor/rl_text.h"
 
 namespace
 {

@@ -1,0 +1,179 @@
+// The small displays: lists, the progress bar, the spinner, the terminal's echo.
+#include "platform/ve_rl.h"
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <termios.h>
+#include <unistd.h>
+#include <vector>
+
+#include "platform/ve_out.h"
+#include "vebase/editor/rl_columns.h"
+#include "vebase/editor/rl_screen.h"
+#include "vebase/editor/rl_text.h"
+
+void ve_rl_show_list(const json_t *names)
+{
+    const size_t count = json_array_size(names);
+    if (!ve_out_is_terminal()) {
+        for (size_t i = 0; i < count; ++i) {
+            const json_t *name = json_array_get(names, i);
+            ve_out_write(json_string_value(name), json_string_length(name));
+            ve_out_write("\n", 1);
+            ve_out_relieve();
+        }
+        return;
+    }
+    rl_set_locale();
+    std::vector<std::string> shown;
+    shown.reserve(count);
+    for (size_t i = 0; i < count; ++i)
+        if (const char *name = json_string_value(json_array_get(names, i)))
+            shown.push_back(rl_visible(ve_visible(name)));
+    const rl_columns columns{std::move(shown), rl_terminal_size().columns};
+    std::string out;
+    for (size_t row = 0; row < columns.rows(); ++row) {
+        columns.append_row(row, out);
+        out += '\n';
+    }
+    ve_out_write(out.data(), out.size());
+}
+
+namespace
+{
+
+constexpr int bar_min = 5; // cells of the bar itself; without room for them there is none
+
+std::string bar_text(int percent, const std::string &label, int width)
+{
+    char number[16];
+    snprintf(number, sizeof number, " %3d%%", percent);
+    std::string text = rl_visible(label) + number;
+    const int room = width - 1 - static_cast<int>(rl_width(text)) - 3;
+    if (room >= bar_min) {
+        const int done = room * percent / 100;
+        text += " [" + std::string(static_cast<size_t>(done), '#') +
+                std::string(static_cast<size_t>(room - done), ' ') + "]";
+    } else if (room < -3) {
+        // The percentage is what matters.
+        text = std::string{number}.substr(1);
+    }
+    return text;
+}
+
+} // namespace
+
+void ve_rl_draw_progressbar(int percent, const char *label)
+{
+    static int shown_tenth = -1;
+    static std::string shown_label;
+    percent = std::clamp(percent, 0, 100);
+    if (label == nullptr)
+        label = "";
+    if (ve_out_is_terminal()) {
+        rl_set_locale();
+        ve_printf("\r%s\033[K", bar_text(percent, label, rl_terminal_size().columns).c_str());
+        ve_out_flush();
+        return;
+    }
+    const int tenth = percent / 10;
+    if (tenth < shown_tenth || shown_label != label)
+        shown_tenth = -1;
+    if (tenth == shown_tenth)
+        return;
+    shown_tenth = tenth;
+    shown_label = label;
+    ve_printf("%s %d%%\n", label, tenth * 10);
+    ve_out_flush();
+}
+
+void ve_rl_draw_circle_progress(const char *text)
+{
+    static std::atomic<unsigned> turn{0};
+    const bool begun = ve_out_unfinished_row().find(text) != std::string::npos;
+    if (!ve_out_is_terminal()) {
+        if (!begun)
+            ve_out_direct(text, std::char_traits<char>::length(text));
+        return;
+    }
+    const char picture = "|/-\\"[turn++ % 4];
+    if (begun) {
+        const char again[] = {'\b', picture};
+        ve_out_draw(again, sizeof again);
+    } else {
+        const std::string first = std::string{text} + picture;
+        ve_out_direct(first.data(), first.size());
+    }
+}
+
+namespace
+{
+
+// A terminal whose echo is off, for the signal handlers that bring it back.
+volatile sig_atomic_t silent_fd = -1;
+termios loud;
+constexpr int ending_signals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP};
+struct sigaction before_silence[std::size(ending_signals)];
+
+void set_silent(int fd)
+{
+    termios silent = loud;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    tcsetattr(fd, TCSADRAIN, &silent);
+}
+
+void restore_and_raise(int signal)
+{
+    struct sigaction standard = {};
+    standard.sa_handler = SIG_DFL;
+    tcsetattr(silent_fd, TCSANOW, &loud);
+    struct sigaction own;
+    sigaction(signal, &standard, &own);
+    sigset_t only;
+    sigset_t mask;
+    sigemptyset(&only);
+    sigaddset(&only, signal);
+    pthread_sigmask(SIG_UNBLOCK, &only, &mask);
+    raise(signal);
+    // Only a stopped program comes back.
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    sigaction(signal, &own, nullptr);
+    set_silent(silent_fd);
+}
+
+} // namespace
+
+int ve_rl_echo_off(int fd)
+{
+    if (silent_fd >= 0)
+        ve_rl_echo_on(silent_fd);
+    if (tcgetattr(fd, &loud) < 0)
+        return -1;
+    silent_fd = fd;
+    struct sigaction action = {};
+    action.sa_handler = restore_and_raise;
+    action.sa_flags = SA_RESTART;
+    for (size_t i = 0; i < std::size(ending_signals); ++i) {
+        sigaction(ending_signals[i], nullptr, &before_silence[i]);
+        // A handler that somebody set brings the echo back through its landing.
+        if (before_silence[i].sa_handler == SIG_DFL)
+            sigaction(ending_signals[i], &action, nullptr);
+    }
+    set_silent(fd);
+    return 0;
+}
+
+int ve_rl_echo_on(int fd)
+{
+    if (silent_fd != fd)
+        return isatty(fd) != 0 ? 0 : -1;
+    const int result = tcsetattr(fd, TCSADRAIN, &loud);
+    for (size_t i = 0; i < std::size(ending_signals); ++i)
+        if (before_silence[i].sa_handler == SIG_DFL)
+            sigaction(ending_signals[i], &before_silence[i], nullptr);
+    silent_fd = -1;
+    return result;
+}

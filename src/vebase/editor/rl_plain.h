@@ -1,0 +1,10 @@
+// Reading lines where there is no terminal. Main thread only.
+#pragma once
+
+#include "vebase/editor/rl_edit.h"
+
+/// Reads one line of descriptor 0 into `line` and, where that can be done, not a byte beyond it, so that a child
+/// process finds the next line: exact for files, pipes, sockets and terminals, and byte by byte for anything else.
+/// What has no line feed at the end of the input is a line too. A NUL becomes \xc0\x80, which is no UTF-8 and so is
+/// refused by whoever takes the line for words, where a NUL would cut it short.
+rl_outcome rl_plain_line(int64_t deadline, std::string &line);

@@ -1,0 +1,172 @@
+#include "vebase/editor/rl_screen.h"
+
+#include <algorithm>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include "platform/ve_out.h"
+#include "platform/ve_wait.h"
+#include "vebase/editor/rl_control.h"
+#include "vebase/editor/rl_text.h"
+
+namespace
+{
+
+constexpr size_t before_max = 4096; // bytes of an unfinished row that a prompt follows
+constexpr int patience_ms = 1000;   // how long another thread may keep the screen
+
+/// The characters of an output row as they stand on the screen: no escape sequences, nothing before a CR.
+std::wstring plain_row(std::string_view text)
+{
+    std::wstring row;
+    const std::wstring all = rl_widen(text);
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (all[i] == L'\r') {
+            row.clear();
+        } else if (all[i] == L'\b') {
+            if (!row.empty())
+                row.pop_back();
+        } else if (all[i] == L'\033') {
+            const bool sequence = i + 1 < all.size() && all[i + 1] == L'[';
+            for (i += sequence ? 2 : 1; sequence && i < all.size() && (all[i] < 0x40 || all[i] > 0x7e); ++i)
+                ;
+            if (sequence && i < all.size() && (all[i] == L'H' || all[i] == L'J'))
+                row.clear();
+        } else if (all[i] >= 0x20 || all[i] == L'\t') {
+            row.push_back(all[i]);
+        }
+    }
+    return row;
+}
+
+void write_screen(const std::string &bytes)
+{
+    ve_out_draw(bytes.data(), bytes.size());
+}
+
+} // namespace
+
+rl_size rl_terminal_size()
+{
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) < 0)
+        size = {};
+    return {size.ws_col > 0 ? size.ws_col : 80, size.ws_row > 0 ? size_t{size.ws_row} : 24};
+}
+
+void rl_screen::resized()
+{
+    size_ = rl_terminal_size();
+    last_.clear(); // the same bytes may mean another picture
+}
+
+void rl_screen::begin(std::string_view prompt, const std::string &prompt_color, const std::string &hint_color)
+{
+    resized();
+    const std::string unfinished = ve_out_mid_line() ? ve_out_unfinished_row() : std::string{};
+    if (unfinished.size() >= before_max) {
+        write_screen("\r\n");
+        ve_out_row_ended();
+    }
+    before_ = unfinished.size() < before_max ? plain_row(unfinished) : std::wstring{};
+    prompt_ = rl_widen(rl_visible(prompt));
+    prompt_color_ = prompt_color;
+    hint_color_ = hint_color;
+    forget();
+    // As many blanks as the row is wide end on the next row unless they began at the beginning of one.
+    if (ve_out_take_row_unknown())
+        write_screen(std::string(static_cast<size_t>(size_.columns), ' ') + "\r\033[K");
+    if (!before_.empty()) {
+        // The cursor stands behind that row, on its last cell when it fills the screen's width.
+        const rl_layout there = rl_lay_out({{before_, {}}}, 0, before_.size(), size_.columns);
+        const size_t rows = there.rows.size();
+        painted_.cursor = rows > 1 && there.rows.back().width == 0 ? rows - 2 : rows - 1;
+        painted_.cursor = std::min(painted_.cursor, size_.rows - 1);
+    }
+}
+
+rl_layout rl_screen::lay_out(const content &what, std::wstring_view suffix) const
+{
+    const bool asks = !what.message.empty();
+    const std::wstring_view feed = asks ? L"\n" : L"";
+    return rl_lay_out({{before_, {}},
+                       {prompt_, prompt_color_},
+                       {what.text, {}},
+                       {suffix, {}},
+                       {what.hint, hint_color_},
+                       {feed, {}},
+                       {what.message, {}}},
+                      asks             ? 6
+                      : suffix.empty() ? 2
+                                       : 3,
+                      asks             ? what.message.size()
+                      : suffix.empty() ? what.cursor
+                                       : suffix.size(),
+                      size_.columns);
+}
+
+bool rl_screen::draw(const content &what)
+{
+    if (!rl_control_claim_screen())
+        return false;
+    const rl_layout layout = lay_out(what, {});
+    rl_painted again = painted_;
+    std::string repeated = rl_paint(layout, size_.rows, again);
+    // What stands there already is not written again.
+    if (shown_ && repeated == last_)
+        return true;
+    write_screen(repeated);
+    painted_ = again;
+    last_ = rl_paint(layout, size_.rows, again);
+    shown_ = true;
+    return true;
+}
+
+void rl_screen::erase()
+{
+    if (shown_)
+        write_screen(rl_erase(painted_));
+    else
+        before_.clear(); // the other thread's text ends that row
+    forget();
+    rl_control_release_screen();
+}
+
+void rl_screen::leave()
+{
+    erase();
+    if (!before_.empty() && !rl_control_hidden())
+        write_screen(rl_narrow(before_));
+}
+
+void rl_screen::finish(std::wstring_view text, std::wstring_view suffix, bool new_row)
+{
+    if (!rl_control_claim_screen()) {
+        erase();
+        const int64_t deadline = ve_wait_deadline(patience_ms);
+        pollfd wake{.fd = rl_control_fd(), .events = POLLIN, .revents = 0};
+        while (!rl_control_claim_screen()) {
+            if (ve_wait_poll(&wake, 1, deadline) <= 0)
+                rl_control_unhide();
+            rl_control_drain();
+        }
+    }
+    const rl_layout layout = lay_out({.text = text, .cursor = text.size()}, suffix);
+    std::string bytes = rl_paint(layout, size_.rows, painted_);
+    const size_t count = layout.rows.size();
+    const bool fresh = count > 1 && layout.rows.back().width == 0 && layout.rows[count - 2].full;
+    if (new_row && !fresh)
+        bytes += "\r\n";
+    write_screen(bytes);
+    if (new_row)
+        ve_out_row_ended();
+    forget();
+    rl_control_release_screen();
+}
+
+void rl_screen::forget()
+{
+    painted_ = {};
+    last_.clear();
+    shown_ = false;
+}

@@ -1,0 +1,55 @@
+// The line on the screen: drawn, taken off for somebody else's text, drawn again. Main thread only.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "vebase/editor/rl_layout.h"
+
+/// Size of the terminal on descriptor 1 (80 by 24 when it does not say).
+struct rl_size {
+    int columns;
+    size_t rows;
+};
+rl_size rl_terminal_size();
+
+class rl_screen
+{
+public:
+    /// What a drawing shows behind the prompt.
+    struct content {
+        std::wstring_view text;
+        size_t cursor = 0;
+        std::wstring_view hint = {};    ///< shown behind the text, in its colour
+        std::wstring_view message = {}; ///< shown below, with the cursor behind it
+    };
+
+    /// Begins a read: the prompt goes behind what the output's last row already holds.
+    void begin(std::string_view prompt, const std::string &prompt_color, const std::string &hint_color);
+    /// Shows `what`. False, and nothing is drawn, while another thread wants the screen.
+    bool draw(const content &what);
+    /// Takes the line off the screen, if it is there.
+    void erase();
+    /// Takes the line off the screen for good; the row it began on is as it was found.
+    void leave();
+    /// Shows `text` and `suffix` a last time and goes to a new row if `new_row`; waits for the screen when it must.
+    void finish(std::wstring_view text, std::wstring_view suffix, bool new_row);
+    /// The screen has changed under us and the cursor is at the beginning of a free row.
+    void forget();
+    /// The terminal may have another size.
+    void resized();
+    const rl_size &size() const { return size_; }
+    bool shown() const { return shown_; }
+
+private:
+    rl_layout lay_out(const content &what, std::wstring_view suffix) const;
+
+    rl_size size_{80, 24};
+    std::wstring before_; // the unfinished row that the prompt follows
+    std::wstring prompt_;
+    std::string prompt_color_;
+    std::string hint_color_;
+    rl_painted painted_;
+    std::string last_; // what the last drawing wrote, when it still stands
+    bool shown_ = false;
+};

@@ -1,0 +1,254 @@
+// Completion and hints on the screen: when the callbacks run, what is done with what they say.
+#include <memory>
+#include <vector>
+
+#include "platform/ve_out.h"
+#include "vebase/editor/rl_columns.h"
+#include "vebase/editor/rl_complete.h"
+#include "vebase/editor/rl_session.h"
+#include "vebase/editor/rl_text.h"
+
+namespace
+{
+
+constexpr size_t listing_piece = 4096; // bytes of a listing between two looks at the keyboard
+
+struct json_release {
+    void operator()(json_t *value) const { json_decref(value); }
+};
+using json_owner = std::unique_ptr<json_t, json_release>;
+
+std::vector<std::string_view> texts_of(const json_t *found)
+{
+    std::vector<std::string_view> texts;
+    texts.reserve(json_array_size(found));
+    for (size_t i = 0; i < json_array_size(found); ++i) {
+        const json_t *value = json_array_get(found, i);
+        if (!json_is_string(value))
+            continue;
+        const std::string_view text{json_string_value(value), json_string_length(value)};
+        // A line cannot hold a NUL.
+        if (!text.empty() && text.find('\0') == std::string_view::npos)
+            texts.push_back(text);
+    }
+    return texts;
+}
+
+size_t default_start(const std::string &line, size_t cursor)
+{
+    while (cursor > 0 && line[cursor - 1] != ' ' && line[cursor - 1] != '\t')
+        --cursor;
+    return cursor;
+}
+
+} // namespace
+
+/// Runs a callback, serving keyboard and control codes whenever it waits. False when it was abandoned.
+template <class Call> bool rl_session::run_callback(callback kind, const Call &call)
+{
+    running_ = kind;
+    abandoned_ = false;
+    rl_set.completion_start_set = false;
+    rl_set.completion_verbatim = false;
+    ve_wait_set_companion(this);
+    call();
+    ve_wait_set_companion(nullptr);
+    running_ = callback::none;
+    if (abandoned_)
+        ve_wait_clear_interrupt();
+    return !abandoned_;
+}
+
+/// Candidates for the cursor as a new array, null when the user did not wait for them.
+json_t *rl_session::candidates(const std::string &line, size_t cursor_byte)
+{
+    json_owner found{json_array()};
+    const bool complete =
+        run_callback(callback::complete, [&] { rl_set.autocomplete(line.c_str(), cursor_byte, found.get()); });
+    if (!rl_set.completion_start_set || rl_set.completion_start > cursor_byte)
+        rl_set.completion_start = default_start(line, cursor_byte);
+    return complete ? found.release() : nullptr;
+}
+
+/// Puts what the candidates say into the line. True when that changed it.
+bool rl_session::insert_candidate(const json_t *found, const std::string &line, size_t cursor_byte)
+{
+    const size_t start = rl_set.completion_start;
+    const rl_replacement merged = rl_merge(line, start, cursor_byte, texts_of(found), rl_set.completion_verbatim);
+    if (!merged.changes)
+        return false;
+    const std::wstring before = rl_widen(line.substr(0, start) + merged.text);
+    replace_line(before + rl_widen(line.substr(cursor_byte)), before.size());
+    return true;
+}
+
+unsigned char rl_session::complete()
+{
+    if (rl_set.autocomplete == nullptr)
+        return CC_ERROR;
+    const bool again = tab_served_ != 0 && served_ == tab_served_ + 1;
+    const std::string line = rl_narrow(text());
+    const size_t cursor_byte = rl_narrow_size(text().substr(0, cursor()));
+    const json_owner found{candidates(line, cursor_byte)};
+    if (found == nullptr)
+        return CC_REFRESH;
+    tab_served_ = served_;
+    const size_t count = json_array_size(found.get());
+    if (insert_candidate(found.get(), line, cursor_byte))
+        return CC_REFRESH;
+    if (count > 1 && again)
+        list(found.get());
+    else if (count != 1)
+        bell();
+    return CC_REFRESH;
+}
+
+/// Asks below the line. Keys other than an answer are refused.
+bool rl_session::confirm(const std::string &question)
+{
+    const std::wstring message = rl_widen(question);
+    for (;;) {
+        serve_outside();
+        if (outcome_ != rl_outcome::none)
+            return false;
+        if (rl_control_hidden()) {
+            wait_hidden();
+            continue;
+        }
+        wchar_t c = 0;
+        bool is_text = false;
+        if (keys_.take(&c, &is_text)) {
+            if (c == L'y' || c == L'Y' || c == L' ')
+                return true;
+            if (c == L'n' || c == L'N' || c == L'q' || c == L'\033' || c == 0x7f || c == 7)
+                return false;
+            bell();
+            continue;
+        }
+        if (take_byte()) {
+            if (outcome_ == rl_outcome::interrupt) {
+                outcome_ = rl_outcome::none;
+                return false;
+            }
+            continue;
+        }
+        draw(message);
+        wait_for_input(-1);
+    }
+}
+
+/// Between two pieces of a listing: lets events through. True when the user has seen enough.
+bool rl_session::pause_listing()
+{
+    pollfd fds[4];
+    const unsigned count = watch(fds);
+    if (poll(fds, count, 0) <= 0 && !rl_control_hidden())
+        return false;
+    abandoned_ = false;
+    running_ = callback::complete;
+    const bool enough = serve(fds, count);
+    running_ = callback::none;
+    ve_wait_clear_interrupt();
+    wait_hidden();
+    return enough;
+}
+
+void rl_session::list(const json_t *found)
+{
+    std::vector<std::string> names;
+    for (const std::string_view text : texts_of(found))
+        names.push_back(rl_visible(text));
+    const size_t count = names.size();
+    const rl_columns columns{std::move(names), screen_.size().columns};
+    if (columns.screen_rows() >= screen_.size().rows) {
+        const std::string question = "Display all " + std::to_string(count) + " possibilities? (y or n)";
+        const bool yes = confirm(question);
+        if (outcome_ != rl_outcome::none)
+            return;
+        screen_.finish(text(), rl_widen("\n" + question), true);
+        if (!yes)
+            return;
+    } else {
+        screen_.finish(text(), {}, true);
+    }
+    std::string out;
+    for (size_t row = 0; row < columns.rows(); ++row) {
+        out += rl_set.autocomplete_color;
+        columns.append_row(row, out);
+        if (!rl_set.autocomplete_color.empty())
+            out += "\033[0m";
+        out += "\r\n";
+        if (out.size() < listing_piece && row + 1 < columns.rows())
+            continue;
+        ve_out_draw(out.data(), out.size());
+        out.clear();
+        if (pause_listing())
+            break;
+    }
+}
+
+/// After a key: what of the hint still holds.
+void rl_session::refresh_hint()
+{
+    const std::wstring_view now = text();
+    if (now == hint_text_)
+        return;
+    // A key that the hint foretold leaves the rest of it standing until the next pause.
+    if (now.size() > hint_text_.size() && now.starts_with(hint_text_) &&
+        hint_.starts_with(now.substr(hint_text_.size())))
+        hint_.erase(0, now.size() - hint_text_.size());
+    else
+        hint_.clear();
+    hint_text_ = now;
+    hint_known_ = false;
+}
+
+/// Asks for the hint of the line as it is now.
+void rl_session::find_hint()
+{
+    const std::string line = rl_narrow(text());
+    char *hint = nullptr;
+    const bool complete = run_callback(callback::hint, [&] { hint = rl_set.hint(line.c_str()); });
+    const std::unique_ptr<char, decltype(&free)> owner{hint, &free};
+    hint_text_ = text();
+    hint_.clear();
+    if (complete && hint != nullptr)
+        hint_ = rl_widen(rl_visible(hint));
+    // After Ctrl-C the same line is not asked about again.
+    hint_known_ = true;
+}
+
+/// Puts into the line what Tab would, when a hint is on the screen. False when none is.
+bool rl_session::accept_hint()
+{
+    const std::wstring_view now = text();
+    if (hint_.empty() || hint_text_ != now || cursor() != now.size())
+        return false;
+    const std::string line = rl_narrow(now);
+    const std::wstring shown = hint_;
+    if (rl_set.autocomplete != nullptr) {
+        const json_owner found{candidates(line, line.size())};
+        if (found == nullptr)
+            return true;
+        if (json_array_size(found.get()) == 1 && insert_candidate(found.get(), line, line.size()))
+            return true;
+    }
+    el_winsertstr(el_, shown.c_str());
+    return true;
+}
+
+unsigned char rl_session::forward()
+{
+    if (accept_hint())
+        return CC_REFRESH;
+    el_wpush(el_, L"\033\036f");
+    return CC_ARGHACK;
+}
+
+unsigned char rl_session::end_of_line()
+{
+    if (accept_hint())
+        return CC_REFRESH;
+    el_wpush(el_, L"\033\036e");
+    return CC_ARGHACK;
+}

@@ -1,0 +1,349 @@
+#include "platform/ve_jrpcapi.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <iterator>
+#include <sys/eventfd.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include "platform/ve_landing.h"
+#include "platform/ve_wait.h"
+#include "vebase/link/jrpcapi_impl.h"
+#include "vebase/link/jrpcmsg_impl.h"
+
+namespace
+{
+
+// How long a receive waits at a time when no wake-up descriptor could be had.
+constexpr int blind_wait_ms = 100;
+constexpr int code_too_large = 9004;
+
+ve_jrpcapi *confapi_ctx = nullptr;
+
+/// Ends an exchange without an answer. Always returns -1.
+int fail(ve_jrpcapi *ctx, ve_jrpcmsg *message, int error)
+{
+    if (error == ve_socket_err_closed) {
+        ve_link_lose(ctx);
+        ve_jrpcmsg_set_error(message, ve_jrpc_err_lost, "the daemon closed the link", nullptr);
+    } else {
+        const std::scoped_lock lock(ctx->lock);
+        ctx->queue.withdraw_newest();
+        ve_jrpcmsg_set_error(message, ve_jrpc_err_timeout, "no answer from the daemon in time", nullptr);
+    }
+    ve_jrpcapi_note(ctx, error);
+    return -1;
+}
+
+/// Queues `message` behind what is still on its way. Returns 0, or -1 when it is too large.
+int enqueue(ve_jrpcapi *ctx, ve_jrpcmsg *message)
+{
+    ve_jrpcapi_prepare(ctx, message);
+    message->id_ready = false;
+    const std::scoped_lock lock(ctx->lock);
+    // An exchange that Ctrl-C left before its request began to go out never asked anything.
+    ctx->queue.withdraw_newest();
+    ctx->queue.begin_message();
+    if (ve_jrpcmsg_encode(message, &ctx->queue.bytes) == 0)
+        return 0;
+    ve_jrpcmsg_set_error(message, code_too_large, "the request is longer than a message may be", nullptr);
+    ve_jrpcapi_note(ctx, ve_socket_err_none);
+    return -1;
+}
+
+enum class taken { answer, nothing, garbage };
+
+/// Looks for the answer to `message` among the lines received; what is nobody's is dropped.
+taken take_answer(ve_jrpcapi *ctx, ve_jrpcmsg *message)
+{
+    for (;;) {
+        std::string_view line;
+        const auto state = ctx->reader.next(&line);
+        if (state == ve_wire_reader::state::more)
+            return taken::nothing;
+        const json_ref json(state == ve_wire_reader::state::line ? ve_wire_decode(line) : nullptr);
+        if (!json)
+            return taken::garbage;
+        if (message != nullptr && json_object_get(json.get(), "method") == nullptr &&
+            ve_jrpcmsg_is_answered_by(message, json.get())) {
+            ve_jrpcmsg_take_answer(message, json.get());
+            return taken::answer;
+        }
+    }
+}
+
+bool is_over(int64_t deadline)
+{
+    return deadline >= 0 && ve_wait_deadline(0) >= deadline;
+}
+
+void drain_wake(const ve_jrpcapi *ctx)
+{
+    uint64_t count = 0;
+    if (const int fd = ctx->wake_fd.load(); fd >= 0) [[maybe_unused]]
+        const ssize_t ignored = read(fd, &count, sizeof count);
+}
+
+/// Whether a wake-up came since the last one was taken; takes it.
+bool take_wake(ve_jrpcapi *ctx)
+{
+    if (!ctx->woken.exchange(false))
+        return false;
+    drain_wake(ctx);
+    return true;
+}
+
+/// The next message that a receive hands out, or null; `*broken` says that the peer talks nonsense.
+ve_jrpcmsg *take_message(ve_jrpcapi *ctx, bool *broken)
+{
+    std::string_view line;
+    for (;;) {
+        const auto state = ctx->reader.next(&line);
+        if (state == ve_wire_reader::state::more)
+            return nullptr;
+        const json_ref json(state == ve_wire_reader::state::line ? ve_wire_decode(line) : nullptr);
+        if (!json) {
+            *broken = true;
+            return nullptr;
+        }
+        ve_jrpcmsg *message = ve_jrpcmsg_parse_json(json.get());
+        if (message != nullptr &&
+            (message->kind == ve_jrpcmsg_answer || (message->kind == ve_jrpcmsg_event && message->event_id != 0)))
+            return message;
+        ve_jrpcmsg_free(message);
+    }
+}
+
+ve_jrpcmsg *nothing_received(ve_jrpcapi *ctx, int error)
+{
+    if (error == ve_socket_err_closed)
+        ve_link_lose(ctx);
+    ve_jrpcapi_note(ctx, error);
+    return nullptr;
+}
+
+} // namespace
+
+ve_jrpcapi *ve_jrpcapi_init()
+{
+    return new ve_jrpcapi;
+}
+
+void ve_jrpcapi_deinit(ve_jrpcapi *ctx)
+{
+    if (ctx == nullptr)
+        return;
+    ve_jrpcapi_disconnect(ctx);
+    if (const int fd = ctx->wake_fd.load(); fd >= 0)
+        close(fd);
+    if (confapi_ctx == ctx)
+        confapi_ctx = nullptr;
+    delete ctx;
+}
+
+uint32_t ve_jrpcapi_get_flags(const ve_jrpcapi *ctx)
+{
+    return ctx->flags;
+}
+
+void ve_jrpcapi_set_flags(ve_jrpcapi *ctx, uint32_t flags)
+{
+    ctx->flags = flags;
+}
+
+void ve_jrpcapi_set_timeout(ve_jrpcapi *ctx, int timeout_ms)
+{
+    ctx->timeout_ms = timeout_ms;
+}
+
+void ve_jrpcapi_note(ve_jrpcapi *ctx, int error)
+{
+    (ctx->receiver == pthread_self() ? ctx->receive_error : ctx->send_error) = error;
+}
+
+int ve_jrpcapi_get_socket_err(const ve_jrpcapi *ctx)
+{
+    return ctx->receiver == pthread_self() ? ctx->receive_error : ctx->send_error;
+}
+
+ve_socket *ve_jrpcapi_socket(const ve_jrpcapi *ctx)
+{
+    return ctx->socket.fd < 0 ? nullptr : const_cast<ve_socket *>(&ctx->socket);
+}
+
+void ve_jrpcapi_prepare(ve_jrpcapi *ctx, ve_jrpcmsg *message)
+{
+    if (message->kind != ve_jrpcmsg_request || message->id_ready)
+        return;
+    if (message->keeps_id) {
+        // Our own ids go on behind one that the user chose, so that no answer can be taken for another.
+        const json_int_t chosen = json_integer_value(message->id.get());
+        if (chosen >= ctx->next_id && chosen < INT64_MAX)
+            ctx->next_id = chosen + 1;
+        return;
+    }
+    if (ctx->next_id == INT64_MAX)
+        ctx->next_id = 1;
+    message->id.reset(json_integer(ctx->next_id++));
+    message->id_ready = true;
+}
+
+int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
+{
+    ve_jrpcmsg_set_result_new(message, nullptr);
+    const int64_t deadline = ve_wait_deadline(ctx->timeout_ms);
+    if (ctx->socket.state != ve_socket_connected)
+        return fail(ctx, message, ve_socket_err_closed);
+    if (enqueue(ctx, message) < 0)
+        return -1;
+    int flushed = ve_link_flush(ctx);
+    for (bool first = true;; first = false) {
+        // An answer counts even when the link went right behind it.
+        const taken found = take_answer(ctx, message);
+        if (found == taken::answer) {
+            if (flushed < 0)
+                ve_link_lose(ctx);
+            ve_jrpcapi_note(ctx, ve_socket_err_none);
+            return 0;
+        }
+        if (found == taken::garbage || flushed < 0)
+            return fail(ctx, message, ve_socket_err_closed);
+        if (!first) {
+            // A peer that keeps sending never lets the wait below end otherwise.
+            if (is_over(deadline))
+                return fail(ctx, message, ve_socket_err_timeout);
+            ve_wait_checkpoint();
+        }
+        pollfd fd{
+            .fd = ctx->socket.fd, .events = static_cast<short>(flushed == 0 ? POLLIN | POLLOUT : POLLIN), .revents = 0};
+        const int ready = ve_wait_poll(&fd, 1, deadline);
+        if (ready <= 0)
+            return fail(ctx, message, ready == 0 ? ve_socket_err_timeout : ve_socket_err_interrupted);
+        if ((fd.revents & ~POLLOUT) != 0 && ve_link_fill(ctx) < 0)
+            flushed = -1;
+        else if ((fd.revents & POLLOUT) != 0)
+            flushed = ve_link_flush(ctx);
+    }
+}
+
+int ve_jrpcapi_send(ve_jrpcapi *ctx, ve_jrpcmsg *message)
+{
+    const int64_t deadline = ve_wait_deadline(ctx->timeout_ms);
+    if (ctx->socket.state != ve_socket_connected)
+        return fail(ctx, message, ve_socket_err_closed);
+    if (enqueue(ctx, message) < 0)
+        return -1;
+    // On a link whose events a thread reads, that thread takes what comes in.
+    const bool reads = (ctx->flags & ve_jrpcapi_flag_events) == 0;
+    for (int flushed = ve_link_flush(ctx);;) {
+        if (flushed < 0)
+            return fail(ctx, message, ve_socket_err_closed);
+        if (flushed > 0)
+            break;
+        if (is_over(deadline))
+            return fail(ctx, message, ve_socket_err_timeout);
+        pollfd fd{.fd = ctx->socket.fd, .events = static_cast<short>(reads ? POLLIN | POLLOUT : POLLOUT), .revents = 0};
+        const int ready = ve_wait_poll(&fd, 1, deadline);
+        if (ready <= 0)
+            return fail(ctx, message, ready == 0 ? ve_socket_err_timeout : ve_socket_err_interrupted);
+        if (reads && (fd.revents & POLLIN) != 0 &&
+            (ve_link_fill(ctx) < 0 || take_answer(ctx, nullptr) == taken::garbage))
+            flushed = -1;
+        else
+            flushed = ve_link_flush(ctx);
+    }
+    ve_jrpcapi_note(ctx, ve_socket_err_none);
+    return 0;
+}
+
+ve_jrpcmsg *ve_jrpcapi_recv(ve_jrpcapi *ctx)
+{
+    ctx->receiver = pthread_self();
+    const int64_t deadline = ve_wait_deadline(ctx->timeout_ms);
+    for (bool first = true;; first = false) {
+        if (take_wake(ctx))
+            return nothing_received(ctx, ve_socket_err_interrupted);
+        bool broken = false;
+        if (ve_jrpcmsg *message = take_message(ctx, &broken)) {
+            ve_jrpcapi_note(ctx, ve_socket_err_none);
+            return message;
+        }
+        if (broken || ctx->socket.state != ve_socket_connected)
+            return nothing_received(ctx, ve_socket_err_closed);
+        if (!first) {
+            if (is_over(deadline))
+                return nothing_received(ctx, ve_socket_err_timeout);
+            ve_wait_checkpoint();
+        }
+        int wake_fd = ctx->wake_fd.load();
+        if (wake_fd < 0) {
+            wake_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+            ctx->wake_fd.store(wake_fd);
+            // A wake-up that found no descriptor has set the flag before; one that comes now finds it.
+            if (take_wake(ctx))
+                return nothing_received(ctx, ve_socket_err_interrupted);
+        }
+        pollfd fds[] = {{.fd = ctx->socket.fd, .events = POLLIN, .revents = 0},
+                        {.fd = wake_fd, .events = POLLIN, .revents = 0}};
+        int64_t until = deadline;
+        if (wake_fd < 0) {
+            const int64_t soon = ve_wait_deadline(blind_wait_ms);
+            until = deadline < 0 ? soon : std::min(deadline, soon);
+        }
+        if (ve_wait_poll(fds, std::size(fds), until) < 0)
+            return nothing_received(ctx, ve_socket_err_interrupted);
+        if (fds[1].revents != 0 && !ctx->woken)
+            drain_wake(ctx);
+        if (fds[0].revents != 0 && ve_link_fill(ctx) < 0)
+            ve_link_lose(ctx);
+    }
+}
+
+void ve_jrpcapi_wake(ve_jrpcapi *ctx)
+{
+    ctx->woken = true;
+    const uint64_t one = 1;
+    if (const int fd = ctx->wake_fd.load(); fd >= 0) [[maybe_unused]]
+        const ssize_t ignored = write(fd, &one, sizeof one);
+}
+
+int ve_jrpcapi_login(ve_jrpcapi *ctx, const char *user, const char *password)
+{
+    json_t *params = json_object();
+    json_object_set_new(params, "User", json_string(user));
+    if (password != nullptr && password[0] != '\0')
+        json_object_set_new(params, "Password", json_string(password));
+    const jump_safe<msg_ref> message(ve_jrpcmsg_create_new("Login", params));
+    return ve_jrpcapi_exec(ctx, message.get()) == 0 && ve_jrpcmsg_error_code(message.get()) == 0 ? 0 : -1;
+}
+
+int ve_jrpcapi_logout(ve_jrpcapi *ctx)
+{
+    const jump_safe<msg_ref> message(ve_jrpcmsg_create_new("Logout", nullptr));
+    return ve_jrpcapi_exec(ctx, message.get()) == 0 && ve_jrpcmsg_error_code(message.get()) == 0 ? 0 : -1;
+}
+
+const char *ve_jrpcapi_session()
+{
+    static char digits[33];
+    if (digits[0] == '\0') {
+        unsigned char bytes[16];
+        if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes))
+            abort();
+        for (size_t i = 0; i < sizeof bytes; ++i)
+            snprintf(digits + 2 * i, 3, "%02x", bytes[i]);
+    }
+    return digits;
+}
+
+void ve_confapi_set_ctx(ve_jrpcapi *ctx)
+{
+    confapi_ctx = ctx;
+}
+
+ve_jrpcapi *ve_confapi_ctx()
+{
+    return confapi_ctx;
+}

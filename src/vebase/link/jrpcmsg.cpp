@@ -1,0 +1,322 @@
+#include "platform/ve_jrpcmsg.h"
+
+#include <charconv>
+#include <climits>
+#include <cstring>
+
+#include "vebase/link/jrpcmsg_impl.h"
+#include "vebase/wire/framing.h"
+
+namespace
+{
+
+struct code_title {
+    int code;
+    const char *title;
+};
+
+constexpr code_title code_titles[] = {
+    {9000, "Method not supported"},
+    {9001, "Request denied"},
+    {9002, "Internal error"},
+    {9003, "Invalid arguments"},
+    {9004, "Resources exceeded"},
+    {9005, "Invalid parameter name"},
+    {9006, "Invalid parameter type"},
+    {9007, "Invalid parameter value"},
+    {9008, "Attempt to set a non-writable parameter"},
+    {9010, "File transfer failure"},
+    {9016, "File transfer server unreachable"},
+    {9018, "File corrupted or unusable"},
+    {-32700, "Parse error"},
+    {-32600, "Invalid request"},
+    {-32601, "Method not found"},
+    {-32602, "Invalid params"},
+    {-32603, "Internal error"},
+    {ve_jrpc_err_timeout, "Timed out"},
+    {ve_jrpc_err_lost, "Connection lost"},
+};
+
+constexpr int code_malformed = -32603;
+
+int append_chunk(const char *data, size_t size, void *out)
+{
+    static_cast<std::string *>(out)->append(data, size);
+    return 0;
+}
+
+int append_json(const json_t *value, std::string *out)
+{
+    return json_dump_callback(value, append_chunk, out, JSON_COMPACT | JSON_ENCODE_ANY);
+}
+
+bool is_id(const json_t *value)
+{
+    return json_is_number(value) || json_is_string(value);
+}
+
+/// Result and error of an answer object. Whatever is not shaped like an answer reads as an error, never as a success.
+void read_answer(ve_jrpcmsg *message, json_t *answer)
+{
+    json_t *result = json_object_get(answer, "result");
+    const json_t *error = json_object_get(answer, "error");
+    message->completed = true;
+    message->answer = json_ref::share(answer);
+    message->result.reset();
+    message->data.reset();
+    message->text.clear();
+    message->code = 0;
+    if (error == nullptr || json_is_null(error)) {
+        if (json_is_object(result)) {
+            message->result = json_ref::share(result);
+            return;
+        }
+        message->code = code_malformed;
+        message->text = "the daemon's answer has no result";
+        return;
+    }
+    const json_t *code = json_object_get(error, "code");
+    const json_int_t number = json_integer_value(code);
+    message->code = number == 0 || number < INT_MIN || number > INT_MAX ? code_malformed : static_cast<int>(number);
+    const json_t *text = json_object_get(error, "message");
+    if (json_is_string(text))
+        message->text.assign(json_string_value(text), json_string_length(text));
+    json_t *data = json_object_get(error, "data");
+    if (json_is_object(data))
+        message->data = json_ref::share(data);
+}
+
+void read_event(ve_jrpcmsg *message, const json_t *json)
+{
+    const json_t *params = json_object_get(json, "params");
+    const json_int_t id = json_integer_value(json_object_get(params, "Id"));
+    message->event_id = id > 0 && id <= UINT32_MAX ? static_cast<size_t>(id) : 0;
+    message->value = json_ref::share(json_object_get(params, "Value"));
+}
+
+void set_own(json_t *object, const char *key, json_t *value)
+{
+    json_object_set_new(object, key, value);
+}
+
+/// The error answer that stands for an answer that never came, or that somebody else completed the message with.
+json_t *made_answer(const ve_jrpcmsg *message)
+{
+    json_t *answer = json_object();
+    set_own(answer, "jsonrpc", json_string("2.0"));
+    if (message->id)
+        json_object_set(answer, "id", message->id.get());
+    if (message->code == 0) {
+        json_object_set(answer, "result", message->result.get());
+        return answer;
+    }
+    json_t *error = json_object();
+    set_own(error, "code", json_integer(message->code));
+    set_own(error, "message", json_stringn(message->text.data(), message->text.size()));
+    if (message->data)
+        json_object_set(error, "data", message->data.get());
+    set_own(answer, "error", error);
+    return answer;
+}
+
+json_t *event_params(const ve_jrpcmsg *message)
+{
+    json_t *params = json_object();
+    set_own(params, "Id", json_integer(static_cast<json_int_t>(message->event_id)));
+    if (message->value)
+        json_object_set(params, "Value", message->value.get());
+    return params;
+}
+
+} // namespace
+
+ve_jrpcmsg *ve_jrpcmsg_parse_json(json_t *json)
+{
+    const json_t *method = json_object_get(json, "method");
+    json_t *id = json_object_get(json, "id");
+    if (!json_is_object(json) || (method == nullptr && id == nullptr) ||
+        (method != nullptr && !json_is_string(method)) || (id != nullptr && !is_id(id)))
+        return nullptr;
+    auto *message = new ve_jrpcmsg;
+    message->raw = json_ref::share(json);
+    message->id = json_ref::share(id);
+    message->keeps_id = true;
+    if (method == nullptr) {
+        message->kind = ve_jrpcmsg_answer;
+        read_answer(message, json);
+        return message;
+    }
+    message->method = json_string_value(method);
+    message->params = json_ref::share(json_object_get(json, "params"));
+    if (id != nullptr) {
+        message->kind = ve_jrpcmsg_request;
+    } else if (message->method == "Event") {
+        message->kind = ve_jrpcmsg_event;
+        read_event(message, json);
+    } else {
+        message->kind = ve_jrpcmsg_notification;
+    }
+    return message;
+}
+
+void ve_jrpcmsg_free(ve_jrpcmsg *message)
+{
+    delete message;
+}
+
+int ve_jrpcmsg_encode(const ve_jrpcmsg *message, std::string *out)
+{
+    if (message->raw)
+        return ve_wire_encode(message->raw.get(), out);
+    const size_t before = out->size();
+    *out += "{\"jsonrpc\":\"2.0\"";
+    if (message->id) {
+        char digits[24];
+        const auto end = std::to_chars(digits, digits + sizeof digits, json_integer_value(message->id.get()));
+        *out += ",\"id\":";
+        out->append(digits, static_cast<size_t>(end.ptr - digits));
+    }
+    *out += ",\"method\":";
+    int failed;
+    const json_ref method(json_stringn(message->method.data(), message->method.size()));
+    failed = append_json(method.get(), out);
+    const json_ref params =
+        message->kind == ve_jrpcmsg_event ? json_ref(event_params(message)) : json_ref::share(message->params.get());
+    if (params) {
+        *out += ",\"params\":";
+        failed |= append_json(params.get(), out);
+    }
+    *out += "}";
+    if (failed != 0 || out->size() - before > ve_wire_line_max) {
+        out->resize(before);
+        return -1;
+    }
+    *out += '\n';
+    return 0;
+}
+
+int ve_jrpcmsg_typeof(const ve_jrpcmsg *message)
+{
+    return message->kind;
+}
+
+json_t *ve_jrpcmsg_json(const ve_jrpcmsg *message)
+{
+    if (message->completed)
+        return message->answer ? json_incref(message->answer.get()) : made_answer(message);
+    if (message->raw)
+        return json_incref(message->raw.get());
+    json_t *json = json_object();
+    set_own(json, "jsonrpc", json_string("2.0"));
+    if (message->id)
+        json_object_set(json, "id", message->id.get());
+    set_own(json, "method", json_stringn(message->method.data(), message->method.size()));
+    if (message->kind == ve_jrpcmsg_event)
+        set_own(json, "params", event_params(message));
+    else if (message->params)
+        json_object_set(json, "params", message->params.get());
+    return json;
+}
+
+const json_t *ve_jrpcmsg_id(const ve_jrpcmsg *message)
+{
+    return message->id.get();
+}
+
+json_t *ve_jrpcmsg_params(ve_jrpcmsg *message)
+{
+    if (!message->params) {
+        message->params.reset(json_object());
+        if (message->raw)
+            json_object_set(message->raw.get(), "params", message->params.get());
+    }
+    return message->params.get();
+}
+
+json_t *ve_jrpcmsg_result(const ve_jrpcmsg *message)
+{
+    return message->result.get();
+}
+
+json_t *ve_jrpcmsg_parameter_list(const ve_jrpcmsg *message)
+{
+    json_t *list = json_object_get(message->result.get(), "ParameterList");
+    return json_is_array(list) ? list : nullptr;
+}
+
+int ve_jrpcmsg_error_code(const ve_jrpcmsg *message)
+{
+    return message->code;
+}
+
+const char *ve_jrpcmsg_error_title(const ve_jrpcmsg *message)
+{
+    return message->code == 0 ? "" : ve_jrpc_error_title(message->code);
+}
+
+const char *ve_jrpcmsg_error_message(const ve_jrpcmsg *message)
+{
+    return message->text.c_str();
+}
+
+json_t *ve_jrpcmsg_error_data(const ve_jrpcmsg *message)
+{
+    return message->data.get();
+}
+
+size_t ve_jrpcmsg_event_id(const ve_jrpcmsg *message)
+{
+    return message->event_id;
+}
+
+json_t *ve_jrpcmsg_event_value(const ve_jrpcmsg *message)
+{
+    return message->value.get();
+}
+
+void ve_jrpcmsg_set_result_new(ve_jrpcmsg *message, json_t *result)
+{
+    message->answer.reset();
+    message->result.reset(result);
+    message->data.reset();
+    message->text.clear();
+    message->code = 0;
+    message->completed = result != nullptr;
+}
+
+void ve_jrpcmsg_set_error(ve_jrpcmsg *message, int code, const char *text, json_t *data)
+{
+    ve_jrpcmsg_set_result_new(message, nullptr);
+    message->code = code;
+    message->text = text;
+    message->data.reset(data);
+    message->completed = true;
+}
+
+void ve_jrpcmsg_take_answer(ve_jrpcmsg *request, json_t *answer)
+{
+    read_answer(request, answer);
+}
+
+void ve_jrpcmsg_complete(ve_jrpcmsg *request, const ve_jrpcmsg *answer)
+{
+    request->answer = json_ref::share(answer->answer.get());
+    request->result = json_ref::share(answer->result.get());
+    request->code = answer->code;
+    request->text = answer->text;
+    request->data = json_ref::share(answer->data.get());
+    request->completed = true;
+}
+
+bool ve_jrpcmsg_is_answered_by(const ve_jrpcmsg *request, const json_t *answer)
+{
+    return request->id && json_equal(request->id.get(), json_object_get(answer, "id")) != 0;
+}
+
+const char *ve_jrpc_error_title(int code)
+{
+    for (const code_title &entry : code_titles)
+        if (entry.code == code)
+            return entry.title;
+    return "Error";
+}

@@ -1,0 +1,247 @@
+#include "vebase/link/tls.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <climits>
+#include <dlfcn.h>
+#include <netinet/in.h>
+#include <string_view>
+#include <utility>
+
+// Types and constants alone: every function is looked up in the library that is loaded at run time.
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+
+namespace
+{
+
+constexpr char library_name[] = "libssl.so.3";
+
+/// The functions of the loaded library, and the one context that all sessions of the process share.
+struct openssl {
+    decltype(&::TLS_client_method) client_method;
+    decltype(&::SSL_CTX_new) ctx_new;
+    decltype(&::SSL_CTX_ctrl) ctx_ctrl;
+    decltype(&::SSL_CTX_set_options) ctx_set_options;
+    decltype(&::SSL_CTX_set_verify) ctx_set_verify;
+    decltype(&::SSL_CTX_set_default_verify_paths) ctx_set_default_verify_paths;
+    decltype(&::SSL_new) ssl_new;
+    decltype(&::SSL_free) ssl_free;
+    decltype(&::SSL_ctrl) ssl_ctrl;
+    decltype(&::SSL_get0_param) get0_param;
+    decltype(&::SSL_set_bio) set_bio;
+    decltype(&::SSL_set_connect_state) set_connect_state;
+    decltype(&::SSL_do_handshake) do_handshake;
+    decltype(&::SSL_read) read;
+    decltype(&::SSL_write) write;
+    decltype(&::SSL_shutdown) shutdown;
+    decltype(&::SSL_get_error) get_error;
+    decltype(&::SSL_get_verify_result) get_verify_result;
+    decltype(&::X509_VERIFY_PARAM_set1_host) param_set1_host;
+    decltype(&::X509_VERIFY_PARAM_set1_ip_asc) param_set1_ip;
+    decltype(&::X509_VERIFY_PARAM_set_hostflags) param_set_hostflags;
+    decltype(&::X509_verify_cert_error_string) verify_error_string;
+    decltype(&::BIO_new) bio_new;
+    decltype(&::BIO_s_mem) bio_s_mem;
+    decltype(&::BIO_read) bio_read;
+    decltype(&::BIO_write) bio_write;
+    decltype(&::BIO_ctrl_pending) bio_pending;
+    decltype(&::ERR_clear_error) clear_error;
+    decltype(&::ERR_get_error) get_queued_error;
+    decltype(&::ERR_reason_error_string) reason_string;
+
+    SSL_CTX *context = nullptr;
+    std::string failure; // why there is no context
+};
+
+template <class Function> bool look_up(void *library, const char *name, Function *function)
+{
+    *function = reinterpret_cast<Function>(dlsym(library, name));
+    return *function != nullptr;
+}
+
+bool look_all_up(void *library, openssl *ssl)
+{
+    return look_up(library, "TLS_client_method", &ssl->client_method) &&
+           look_up(library, "SSL_CTX_new", &ssl->ctx_new) && look_up(library, "SSL_CTX_ctrl", &ssl->ctx_ctrl) &&
+           look_up(library, "SSL_CTX_set_options", &ssl->ctx_set_options) &&
+           look_up(library, "SSL_CTX_set_verify", &ssl->ctx_set_verify) &&
+           look_up(library, "SSL_CTX_set_default_verify_paths", &ssl->ctx_set_default_verify_paths) &&
+           look_up(library, "SSL_new", &ssl->ssl_new) && look_up(library, "SSL_free", &ssl->ssl_free) &&
+           look_up(library, "SSL_ctrl", &ssl->ssl_ctrl) && look_up(library, "SSL_get0_param", &ssl->get0_param) &&
+           look_up(library, "SSL_set_bio", &ssl->set_bio) &&
+           look_up(library, "SSL_set_connect_state", &ssl->set_connect_state) &&
+           look_up(library, "SSL_do_handshake", &ssl->do_handshake) && look_up(library, "SSL_read", &ssl->read) &&
+           look_up(library, "SSL_write", &ssl->write) && look_up(library, "SSL_shutdown", &ssl->shutdown) &&
+           look_up(library, "SSL_get_error", &ssl->get_error) &&
+           look_up(library, "SSL_get_verify_result", &ssl->get_verify_result) &&
+           look_up(library, "X509_VERIFY_PARAM_set1_host", &ssl->param_set1_host) &&
+           look_up(library, "X509_VERIFY_PARAM_set1_ip_asc", &ssl->param_set1_ip) &&
+           look_up(library, "X509_VERIFY_PARAM_set_hostflags", &ssl->param_set_hostflags) &&
+           look_up(library, "X509_verify_cert_error_string", &ssl->verify_error_string) &&
+           look_up(library, "BIO_new", &ssl->bio_new) && look_up(library, "BIO_s_mem", &ssl->bio_s_mem) &&
+           look_up(library, "BIO_read", &ssl->bio_read) && look_up(library, "BIO_write", &ssl->bio_write) &&
+           look_up(library, "BIO_ctrl_pending", &ssl->bio_pending) &&
+           look_up(library, "ERR_clear_error", &ssl->clear_error) &&
+           look_up(library, "ERR_get_error", &ssl->get_queued_error) &&
+           look_up(library, "ERR_reason_error_string", &ssl->reason_string);
+}
+
+openssl load()
+{
+    openssl ssl{};
+    void *const library = dlopen(library_name, RTLD_NOW | RTLD_LOCAL);
+    if (library == nullptr) {
+        const char *const reason = dlerror();
+        ssl.failure = reason != nullptr ? reason : library_name;
+        return ssl;
+    }
+    if (!look_all_up(library, &ssl)) {
+        ssl.failure = std::string(library_name) + ": not the expected library";
+        return ssl;
+    }
+    SSL_CTX *const context = ssl.ctx_new(ssl.client_method());
+    if (context == nullptr || ssl.ctx_ctrl(context, SSL_CTRL_SET_MIN_PROTO_VERSION, TLS1_2_VERSION, nullptr) != 1 ||
+        ssl.ctx_set_default_verify_paths(context) != 1) {
+        ssl.failure = "the library cannot be initialised";
+        return ssl;
+    }
+    // Without renegotiation a write never has to wait for something to read.
+    ssl.ctx_set_options(context, SSL_OP_NO_RENEGOTIATION);
+    ssl.ctx_ctrl(context, SSL_CTRL_MODE, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER, nullptr);
+    ssl.ctx_set_verify(context, SSL_VERIFY_PEER, nullptr);
+    ssl.context = context;
+    return ssl;
+}
+
+const openssl &library()
+{
+    static const openssl loaded = load();
+    return loaded;
+}
+
+/// True when `name` is an IPv4 or IPv6 address.
+bool is_address(const std::string &name)
+{
+    in6_addr place;
+    return inet_pton(AF_INET, name.c_str(), &place) == 1 || inet_pton(AF_INET6, name.c_str(), &place) == 1;
+}
+
+class session final : public ve_tls
+{
+public:
+    session(const openssl &functions, std::string peer) : ssl_(functions), peer_(std::move(peer)) {}
+    session(const session &) = delete;
+    session &operator=(const session &) = delete;
+    ~session() override { ssl_.ssl_free(link_); }
+
+    bool begin()
+    {
+        link_ = ssl_.ssl_new(ssl_.context);
+        if (link_ == nullptr)
+            return false;
+        // The session owns both from here on.
+        in_ = ssl_.bio_new(ssl_.bio_s_mem());
+        out_ = ssl_.bio_new(ssl_.bio_s_mem());
+        ssl_.set_bio(link_, in_, out_);
+        // The scope of a link-local address is nobody's name.
+        const std::string name = peer_.substr(0, peer_.find('%'));
+        X509_VERIFY_PARAM *const param = ssl_.get0_param(link_);
+        int named;
+        if (is_address(name)) {
+            named = ssl_.param_set1_ip(param, name.c_str());
+        } else {
+            ssl_.param_set_hostflags(param, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+            named = ssl_.param_set1_host(param, peer_.c_str(), 0);
+            ssl_.ssl_ctrl(link_, SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name, peer_.data());
+        }
+        ssl_.set_connect_state(link_);
+        return in_ != nullptr && out_ != nullptr && named == 1;
+    }
+
+    step handshake(std::string *error) override
+    {
+        ssl_.clear_error();
+        const int result = ssl_.do_handshake(link_);
+        if (result == 1)
+            return step::done;
+        if (ssl_.get_error(link_, result) == SSL_ERROR_WANT_READ)
+            return step::more;
+        if (const long verified = ssl_.get_verify_result(link_); verified != X509_V_OK) {
+            *error = "the peer does not prove to be " + peer_ + ": " + ssl_.verify_error_string(verified);
+        } else {
+            const char *const reason = ssl_.reason_string(ssl_.get_queued_error());
+            *error = std::string("the handshake failed: ") + (reason != nullptr ? reason : "no reason given");
+        }
+        return step::failed;
+    }
+
+    void feed(const char *data, size_t size) override
+    {
+        // A memory buffer takes everything; without memory the process ends elsewhere.
+        ssl_.bio_write(in_, data, static_cast<int>(size));
+    }
+
+    ssize_t read(char *data, size_t room) override
+    {
+        ssl_.clear_error();
+        const int count = ssl_.read(link_, data, static_cast<int>(std::min<size_t>(room, INT_MAX)));
+        return outcome(count);
+    }
+
+    ssize_t write(const char *data, size_t size) override
+    {
+        ssl_.clear_error();
+        const int count = ssl_.write(link_, data, static_cast<int>(std::min<size_t>(size, INT_MAX)));
+        return outcome(count);
+    }
+
+    void finish() override
+    {
+        ssl_.clear_error();
+        ssl_.shutdown(link_);
+    }
+
+    void take_output(std::string *out) override
+    {
+        const size_t pending = ssl_.bio_pending(out_);
+        if (pending == 0)
+            return;
+        const size_t before = out->size();
+        out->resize(before + pending);
+        const int count = ssl_.bio_read(out_, out->data() + before, static_cast<int>(pending));
+        out->resize(before + static_cast<size_t>(std::max(count, 0)));
+    }
+
+private:
+    ssize_t outcome(int count)
+    {
+        if (count > 0)
+            return count;
+        return ssl_.get_error(link_, count) == SSL_ERROR_WANT_READ ? 0 : -1;
+    }
+
+    const openssl &ssl_;
+    std::string peer_;
+    SSL *link_ = nullptr;
+    BIO *in_ = nullptr;  // what the peer sent
+    BIO *out_ = nullptr; // what the peer is to be sent
+};
+
+} // namespace
+
+std::unique_ptr<ve_tls> ve_tls::make(const std::string &name, std::string *error)
+{
+    const openssl &ssl = library();
+    if (ssl.context == nullptr) {
+        *error = ssl.failure;
+        return nullptr;
+    }
+    auto made = std::make_unique<session>(ssl, name);
+    if (!made->begin()) {
+        *error = "no session can be made for " + name;
+        return nullptr;
+    }
+    return made;
+}
