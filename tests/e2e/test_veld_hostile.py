@@ -332,3 +332,43 @@ def test_help_version_and_wrong_options():
     assert refused_start("word")[0] == 2
     assert refused_start("--reboot-time", "soon") == (2, "veld: --reboot-time soon: must be a number of seconds\n")
     assert refused_start("--model", "/nowhere/at-all") == (1, "veld: /nowhere/at-all.json: No such file or directory\n")
+
+
+def test_what_takes_long_is_answered_after_the_end_of_the_stream_too(veld_start):
+    veld = veld_start()
+    peer = veld.connect()
+    peer.request("Login", {"User": "admin", "Password": "wrong"})
+    peer.request("Logout")
+    peer.link.shutdown(socket.SHUT_WR)
+    assert peer.receive()["error"]["code"] == 9001
+    assert peer.receive()["result"] == {}
+    assert peer.closed()
+    peer = veld.connect()
+    peer.call("Login", User="root")
+    lookup = {"Path": "Device.DNS.Diagnostics.NSLookup", "ParameterList": [{"Name": "HostName", "Value": "localhost"}]}
+    number = peer.request("Execute", lookup)
+    peer.link.shutdown(socket.SHUT_WR)
+    assert peer.answer(number)["result"]["ParameterList"]
+    assert peer.closed()
+
+
+def test_a_slow_method_delays_nobody(veld_start):
+    veld = veld_start()
+    slow, other = veld.connect(), veld.connect()
+    slow.call("Login", User="root")
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
+        try:
+            silent.bind(("127.0.0.53", 53))
+        except OSError as error:
+            pytest.skip(f"no silent name server can be had here: {error}")
+        arguments = {"HostName": "host.example", "DNSServer": "127.0.0.53", "Timeout": 2000}
+        values = [{"Name": name, "Value": value} for name, value in arguments.items()]
+        number = slow.request("Execute", {"Path": "Device.DNS.Diagnostics.NSLookup", "ParameterList": values})
+        started = time.monotonic()
+        for _ in range(20):
+            other.call("GetParameterValues", ParameterNames=["Device.Time.Enable"])
+        # Its own link goes on, too: answers come as they are ready.
+        later = slow.request("GetParameterValues", {"ParameterNames": ["Device.Time.Enable"]})
+        assert slow.receive()["id"] == later
+        assert slow.answer(number)["result"]["ParameterList"]
+        assert time.monotonic() - started >= 1.9
