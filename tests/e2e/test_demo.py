@@ -2,6 +2,7 @@
 
 import os
 import signal
+import time
 
 import pytest
 
@@ -31,6 +32,13 @@ def daemons(sandbox):
     return found
 
 
+def until_ended(sandbox):
+    moment = settings.deadline()
+    while daemons(sandbox):
+        assert settings.remaining(moment) > 0, "the daemon is still there"
+        time.sleep(0.005)
+
+
 def test_without_a_terminal_it_is_a_tour(sandbox, build):
     run = Program([DEMO, build], sandbox.environment({"TMPDIR": str(sandbox.root)}), sandbox.work).finish(60)
     assert (run.status, run.err) == (0, "")
@@ -46,7 +54,7 @@ def demo(terminal, sandbox, build):
     term.wait_prompt(timeout=30)
     assert len(daemons(sandbox)) == 1
     yield term
-    term.wait_for(lambda term: not daemons(sandbox))
+    until_ended(sandbox)
 
 
 def test_leaving_the_shell_ends_the_daemon(demo, sandbox):
@@ -74,4 +82,4 @@ def test_ctrl_c_leaves_a_command_and_not_the_demo(demo):
 def test_the_daemon_ends_with_the_demo(demo, sandbox, number):
     demo.process.send_signal(number)
     demo.process.wait(settings.DEADLINE)
-    demo.wait_for(lambda demo: not daemons(sandbox))
+    until_ended(sandbox)
