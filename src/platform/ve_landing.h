@@ -1,7 +1,7 @@
 // What Ctrl-C jumps over. SIGINT is delivered only at wait points (ve_wait.h), where its handler may leave with
 // siglongjmp; the destructors of the frames in between do not run. A local that owns something and lives across a wait
-// point is therefore wrapped into jump_safe, which the handler releases before it jumps: after the jump the landing's own
-// calls would overwrite the frames that hold those locals. Main thread only.
+// point is therefore wrapped into jump_safe, which the handler releases before it jumps: after the jump the landing's
+// own calls would overwrite the frames that hold those locals. Main thread only.
 #pragma once
 
 #include <utility>

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-
 TEST(SecretText, GrowsAndKeepsWhatWasAdded)
 {
     secret_text text;
