@@ -35,6 +35,7 @@ public:
         struct stat info;
         if (fd_ >= 0 && (fstat(fd_, &info) != 0 || S_ISDIR(info.st_mode)))
             close(std::exchange(fd_, -1));
+        await_writer_ = fd_ >= 0 && S_ISFIFO(info.st_mode);
     }
     ~line_reader()
     {
@@ -70,10 +71,12 @@ private:
     {
         buffer_.resize(block_size);
         position_ = 0;
+        // A FIFO that nobody has opened for writing yet would read as ended.
+        if (std::exchange(await_writer_, false))
+            wait();
         ssize_t count;
         while ((count = read(fd_, buffer_.data(), block_size)) < 0 && (errno == EAGAIN || errno == EINTR)) {
-            pollfd wait = {fd_, POLLIN, 0};
-            if (ve_wait_poll(&wait, 1, -1) < 0)
+            if (!wait())
                 break;
         }
         if (count < 0)
@@ -82,8 +85,15 @@ private:
         return count > 0;
     }
 
+    bool wait() const
+    {
+        pollfd input = {fd_, POLLIN, 0};
+        return ve_wait_poll(&input, 1, -1) >= 0;
+    }
+
     int fd_;
     int error_ = 0;
+    bool await_writer_ = false;
     std::string buffer_;
     size_t position_ = 0;
 };
