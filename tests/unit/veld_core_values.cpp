@@ -59,7 +59,8 @@ TEST(VeldJsonText, WritesWhatTheLibraryWrites)
     EXPECT_EQ(written(json_null()), "null");
     EXPECT_EQ(written(json_pack("{s:[i,s]}", "a", 1, "b\"")), R"({"a":[1,"b\""]})");
     const char odd[] = "q\"b\\s/\b\f\n\r\t\x01\x1f\x7f\xc3\xa4";
-    char *expected = json_dumps(json_string(odd), JSON_ENCODE_ANY);
+    const json_ref odd_text{json_string(odd)};
+    char *expected = json_dumps(odd_text.get(), JSON_ENCODE_ANY);
     EXPECT_EQ(written(json_string(odd)), expected);
     free(expected);
     EXPECT_EQ(written(json_stringn("a\0b", 3)), R"("a\u0000b")");
