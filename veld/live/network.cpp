@@ -389,8 +389,9 @@ json_t *rows_of_route(std::string_view text)
         std::string mask = hex_ipv4(next_word(&line));
         if (!up || destination.empty() || mask.empty())
             continue;
-        std::string key = destination + "/" + mask + " " + gateway + "%";
-        live_row(key.append(device).append(" ").append(metric))
+        std::string key = destination;
+        key.append("/").append(mask).append(" ").append(gateway).append("%").append(device).append(" ").append(metric);
+        live_row(key)
             .set("destination", destination)
             .set("mask", mask)
             .set("gateway", gateway)
