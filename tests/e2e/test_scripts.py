@@ -2,6 +2,7 @@
 
 import os
 import signal
+import time
 
 import pytest
 
