@@ -19,11 +19,12 @@ def nobody(fake):
 
 @pytest.fixture
 def listener(kest_start, fake):
-    """A client in listen mode that has joined group 12."""
+    """A client in listen mode that has joined group 12 and whose Ctrl-C is the one of that mode."""
 
     def start():
         run = kest_start("-l", "-g", "12", to=fake)
         fake.wait_for(lambda fake: len(fake.of("JoinGroup")) == 2)
+        run.wait_for(lambda run: run.catches(signal.SIGINT))
         return run
 
     return start

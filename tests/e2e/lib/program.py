@@ -98,7 +98,8 @@ class Program:
             held = what(self) if callable(what) else what in getattr(self, stream)
             if held:
                 return held
-            if not self._pump(min(0.5, settings.remaining(moment))) or settings.remaining(moment) == 0:
+            pause = 0.02 if callable(what) else 0.5
+            if not self._pump(min(pause, settings.remaining(moment))) or settings.remaining(moment) == 0:
                 held = what(self) if callable(what) else what in getattr(self, stream)
                 if held:
                     return held
@@ -130,6 +131,10 @@ class Program:
     def ended(self):
         return self.process.poll() is not None
 
+    def catches(self, number):
+        """Whether it has installed a handler of its own for signal `number`; only while it runs."""
+        return bool(int(proc_status(self.pid)["SigCgt"], 16) >> (number - 1) & 1)
+
     def peak_kib(self):
         """Peak resident memory so far, in KiB; only while it runs."""
         return peak_kib(self.pid)
@@ -157,9 +162,11 @@ class Program:
         return self.report()
 
 
-def peak_kib(pid):
+def proc_status(pid):
+    """The fields of /proc/PID/status as texts."""
     with open(f"/proc/{pid}/status") as status:
-        for line in status:
-            if line.startswith("VmHWM:"):
-                return int(line.split()[1])
-    return 0
+        return dict(line.rstrip("\n").split(":\t", 1) for line in status)
+
+
+def peak_kib(pid):
+    return int(proc_status(pid).get("VmHWM", "0").split()[0])
