@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "event_stage.h"
+#include "interrupts.h"
 #include "platform/ve_json.h"
 #include "platform/ve_landing.h"
 #include "platform/ve_wait.h"
@@ -88,35 +89,6 @@ void stay_silent(peer_link &link)
 }
 
 sigjmp_buf landing;
-
-class interrupts
-{
-public:
-    explicit interrupts(void (*handler)(int))
-    {
-        ve_wait_init();
-        struct sigaction action {
-        };
-        action.sa_handler = handler;
-        sigaction(SIGINT, &action, &before_);
-    }
-    interrupts(const interrupts &) = delete;
-    interrupts &operator=(const interrupts &) = delete;
-    ~interrupts()
-    {
-        ve_wait_clear_interrupt();
-        ve_wait_discard_sigint();
-        sigaction(SIGINT, &before_, nullptr);
-        sigset_t interrupt;
-        sigemptyset(&interrupt);
-        sigaddset(&interrupt, SIGINT);
-        pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
-    }
-
-private:
-    struct sigaction before_ {
-    };
-};
 
 /// Interrupts this thread again and again until told to stop, but not before `after_ms`.
 class nagging

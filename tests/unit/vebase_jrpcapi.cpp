@@ -11,6 +11,7 @@
 #include <pthread.h>
 #include <vector>
 
+#include "interrupts.h"
 #include "platform/ve_json.h"
 #include "platform/ve_landing.h"
 #include "platform/ve_wait.h"
@@ -565,36 +566,6 @@ namespace
 {
 
 sigjmp_buf landing;
-
-/// Ctrl-C handling as the program has it, for the life of a test.
-class interrupts
-{
-public:
-    explicit interrupts(void (*handler)(int))
-    {
-        ve_wait_init();
-        struct sigaction action {
-        };
-        action.sa_handler = handler;
-        sigaction(SIGINT, &action, &before_);
-    }
-    interrupts(const interrupts &) = delete;
-    interrupts &operator=(const interrupts &) = delete;
-    ~interrupts()
-    {
-        ve_wait_clear_interrupt();
-        ve_wait_discard_sigint();
-        sigaction(SIGINT, &before_, nullptr);
-        sigset_t interrupt;
-        sigemptyset(&interrupt);
-        sigaddset(&interrupt, SIGINT);
-        pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
-    }
-
-private:
-    struct sigaction before_ {
-    };
-};
 
 } // namespace
 
