@@ -413,11 +413,17 @@ def test_an_upgrade_from_the_first_request_to_the_new_version(peer, veld, state,
         veld.start()
 
 
-def test_an_equal_version_is_flashed_at_once(peer, veld, tmp_path):
-    _, url, _ = image(tmp_path, "1.2.3")
+@pytest.mark.parametrize("version", ["1.2.3", "1.02.3", "1.2.3.0"])
+def test_an_equal_version_is_flashed_at_once(peer, veld, tmp_path, version):
+    _, url, _ = image(tmp_path, version)
     result = peer.call("Download", FileType="Firmware", URL=url)
-    assert (result["Status"], result["CurrentVersion"], result["NewVersion"]) == (0, "1.2.3", "1.2.3")
+    assert (result["Status"], result["CurrentVersion"], result["NewVersion"]) == (0, "1.2.3", version)
     assert flash_to_the_end(peer)[-1] == (100, 1)
+
+
+@pytest.mark.parametrize("version", ["1.2.30", "1.2.3.1", "11.2.3", "X-1.2.3"])
+def test_another_version_waits(peer, tmp_path, version):
+    assert peer.call("Download", FileType="Firmware", URL=image(tmp_path, version)[1])["Status"] == 1
 
 
 def test_a_cancelled_image_is_dropped(peer, tmp_path):

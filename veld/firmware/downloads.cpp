@@ -191,7 +191,7 @@ fault downloads::finish_firmware(transfer &what, std::string *result)
     if (!what.file->keep_as(image_name))
         return {code::internal, what.file->error(), ""};
     image_ = {header, folders_.spool() + "/" + image_name, transaction};
-    const bool same = header.version == current;
+    const bool same = same_version(header.version, current);
     *result = same ? "{\"Status\":0,\"CurrentVersion\":" : "{\"Status\":1,\"CurrentVersion\":";
     json_text_string(result, current);
     *result += ",\"NewVersion\":";

@@ -1,5 +1,6 @@
 #include "veld/firmware/image.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
@@ -7,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string_view>
 
 namespace veld
 {
@@ -52,6 +52,16 @@ bool good_version(std::string_view version)
             return parts >= 3;
         version.remove_prefix(dot + 1);
     }
+}
+
+// Takes the next number of "1.2.3", without leading zeros; empty for 0 and when there is none.
+std::string_view take_number(std::string_view *numbers)
+{
+    const size_t dot = numbers->find('.');
+    std::string_view part = numbers->substr(0, dot);
+    part.remove_prefix(std::min(part.find_first_not_of('0'), part.size()));
+    *numbers = dot == std::string_view::npos ? std::string_view{} : numbers->substr(dot + 1);
+    return part;
 }
 
 bool take_flag(std::string_view flag, image_header *into)
@@ -102,6 +112,24 @@ bool image_header_parse(const std::string &line, image_header *into, std::string
             *error = "the firmware image has the unknown flag \"" + std::string(flag) + "\"";
             return false;
         }
+    }
+    return true;
+}
+
+bool same_version(std::string_view a, std::string_view b)
+{
+    // The product is what stands before the last dash; without one there is none.
+    const size_t dash_a = a.rfind('-') + 1;
+    const size_t dash_b = b.rfind('-') + 1;
+    if (a.substr(0, dash_a) != b.substr(0, dash_b))
+        return false;
+    a.remove_prefix(dash_a);
+    b.remove_prefix(dash_b);
+    if (a.empty() != b.empty())
+        return false;
+    while (!a.empty() || !b.empty()) {
+        if (take_number(&a) != take_number(&b))
+            return false;
     }
     return true;
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace veld
 {
@@ -18,6 +19,9 @@ inline constexpr size_t image_header_max = 256;
 
 /// Reads the first line of an image. False when it is no header, `*error` then says why.
 bool image_header_parse(const std::string &line, image_header *into, std::string *error);
+
+/// Whether two versions are the same one: the numbers count, not how they are written (1.2.3, 1.02.3, 1.2.3.0).
+bool same_version(std::string_view a, std::string_view b);
 
 /// `veld --make-image VERSION`: writes an image to the file `output`, or to standard output when that is empty.
 /// `payload`: the file whose content follows the header; empty for none. Returns the exit status.
