@@ -367,6 +367,15 @@ def test_a_configuration_that_does_not_fit_changes_nothing(peer, tmp_path, conte
     assert peer.call("GetParameterValues", ParameterNames=["."]) == before
 
 
+def test_a_configuration_that_cannot_be_saved_changes_nothing(peer, state, tmp_path):
+    peer.call("SetParameterValues", ParameterList=[{"Name": "Device.Name", "Value": "before"}])
+    _, url, _ = write(tmp_path, "c.json", b'{"veld-config":1,"config":{"Device":{"Name":"after"}}}')
+    (state / "config.json.new").mkdir()  # in the way of what is written
+    error = refused(peer, FileType="Config", URL=url)
+    assert error.code == 9002 and error.message.startswith("the configuration cannot be saved: ")
+    assert value(peer, "Device.Name") == "before"
+
+
 # --- firmware ---
 
 

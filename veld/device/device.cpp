@@ -47,9 +47,14 @@ fault device::factory_reset()
 fault device::replace_configuration(const json_t *document)
 {
     std::string error;
-    if (!configuration_replace(&tree_, document, &error))
-        return {code::bad_file, "the configuration " + error, ""};
-    return save_configuration();
+    fault unsaved;
+    const auto save = [&] {
+        unsaved = save_configuration();
+        return !unsaved;
+    };
+    if (configuration_replace(&tree_, document, &error, save))
+        return {};
+    return unsaved ? unsaved : fault{code::bad_file, "the configuration " + error, ""};
 }
 
 void device::reboot(const char *action, bool force)

@@ -54,14 +54,15 @@ bool configuration_restore(tree *into, const json_t *document, std::string *erro
     return false;
 }
 
-bool configuration_replace(tree *in, const json_t *document, std::string *error)
+bool configuration_replace(tree *in, const json_t *document, std::string *error, const std::function<bool()> &keep)
 {
     if (!configuration_readable(document, error))
         return false;
     // Tried on a fresh set of nodes, with the old ones at hand for the way back.
     tree::snapshot before = in->take();
     in->reset();
-    if (overlay_apply(in, in->root(), json_object_get(document, "config"), overlay_kind::strict, error))
+    if (overlay_apply(in, in->root(), json_object_get(document, "config"), overlay_kind::strict, error) &&
+        (!keep || keep()))
         return true;
     in->put_back(std::move(before));
     return false;

@@ -3,6 +3,8 @@
 
 #include "veld/model/tree.h"
 
+#include <functional>
+
 namespace veld
 {
 
@@ -17,7 +19,9 @@ bool configuration_readable(const json_t *document, std::string *error);
 bool configuration_restore(tree *into, const json_t *document, std::string *error);
 
 /// Replaces the tree's configuration by a document from outside, which must fit the model to its last value. False
-/// when it does not: the tree is then as it was.
-bool configuration_replace(tree *in, const json_t *document, std::string *error);
+/// when it does not, or when `keep`, called with the new configuration in place, does not want it: the tree is then as
+/// it was.
+bool configuration_replace(tree *in, const json_t *document, std::string *error,
+                           const std::function<bool()> &keep = nullptr);
 
 } // namespace veld
