@@ -289,6 +289,28 @@ def test_a_client_that_leaves_ends_its_transfer(veld, serve, state):
     assert list((state / "files").iterdir()) == []
 
 
+def test_a_killed_daemon_leaves_nothing_unfinished(veld, serve, state):
+    release = threading.Event()
+
+    def stops(link):
+        link.sendall(b"a bit")
+        release.wait(settings.DEADLINE)
+
+    peer = root(veld)
+    for kind in ("File", "Firmware"):
+        peer.request("Download", {"FileType": kind, "URL": f"netcat://127.0.0.1:{serve(stops)}"})
+    moment = settings.deadline()
+    while not (list((state / "files").iterdir()) and list((state / "spool").iterdir())):
+        assert settings.remaining(moment)
+        time.sleep(0.005)
+    (state / "files" / "stored").write_bytes(b"x")
+    veld.kill()
+    veld.start()
+    release.set()
+    assert [entry.name for entry in (state / "files").iterdir()] == ["stored"]
+    assert list((state / "spool").iterdir()) == []
+
+
 def test_more_than_the_limit_is_refused(veld_start, model, tmp_path):
     peer = root(veld_start("--download-limit", "1000", model=model))
     _, url, _ = write(tmp_path, "f", b"x" * 1001)

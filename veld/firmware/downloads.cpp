@@ -50,6 +50,8 @@ downloads::downloads(loop &events, device &machine, flasher &flash, workspace &f
     // An image from before a restart waits for nobody any more.
     if (!folders_.spool().empty())
         unlink((folders_.spool() + "/" + image_name).c_str());
+    spool::sweep(folders_.spool());
+    spool::sweep(folders_.files());
 }
 
 downloads::~downloads()

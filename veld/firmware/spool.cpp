@@ -2,8 +2,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <openssl/evp.h>
+#include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 
@@ -34,6 +36,29 @@ std::string random_hex(size_t bytes)
     return hex(random, bytes);
 }
 
+namespace
+{
+
+constexpr const char *unfinished = ".download-";
+
+} // namespace
+
+void spool::sweep(const std::string &directory)
+{
+    DIR *const entries = opendir(directory.c_str());
+    if (entries == nullptr)
+        return;
+    while (const dirent *entry = readdir(entries)) {
+        if (!std::string_view(entry->d_name).starts_with(unfinished))
+            continue;
+        // One that is locked is on its way to another daemon that stores into the same directory.
+        const owned_fd fd(openat(dirfd(entries), entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        if (fd && flock(fd.get(), LOCK_EX | LOCK_NB) == 0)
+            unlinkat(dirfd(entries), entry->d_name, 0);
+    }
+    closedir(entries);
+}
+
 bool spool::fail(const std::string &what)
 {
     error_ = what + ": " + strerror(errno);
@@ -44,10 +69,11 @@ bool spool::create(const std::string &directory, uint64_t limit)
 {
     directory_ = directory;
     limit_ = limit;
-    path_ = directory + "/.download-" + random_hex(16);
+    path_ = directory + "/" + unfinished + random_hex(16);
     fd_.reset(open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (!fd_)
         return fail(directory);
+    flock(fd_.get(), LOCK_EX | LOCK_NB);
     digest_ = EVP_MD_CTX_new();
     if (digest_ == nullptr || EVP_DigestInit_ex(digest_, EVP_md5(), nullptr) != 1) {
         error_ = "no MD5 here";

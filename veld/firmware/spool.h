@@ -38,6 +38,9 @@ public:
     uint64_t size() const { return size_; }
     const std::string &error() const { return error_; }
 
+    /// Removes what a daemon that was killed left unfinished in a directory.
+    static void sweep(const std::string &directory);
+
 private:
     bool fail(const std::string &what);
 
