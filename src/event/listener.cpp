@@ -12,7 +12,6 @@
 #include <unistd.h>
 #include <utility>
 
-#include "event/reconnect.h"
 #include "event/replies.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
@@ -28,6 +27,7 @@ std::atomic<int> running{1};
 std::atomic<bool> started{false}; // the thread is there to be joined
 pthread_t thread_id;
 int pipe_fds[2] = {-1, -1};
+std::mutex aside_lock; // one text at a time between the editor's stepping aside and its return
 
 std::mutex add_del_queue_lock;
 json_t *add_del_queue = nullptr; // guarded by add_del_queue_lock
@@ -71,6 +71,7 @@ void print_event(const ve_jrpcmsg *event)
     }
     if (isatty(STDOUT_FILENO) != 0)
         text = escape_controls(text);
+    const std::scoped_lock lock(aside_lock);
     ve_rl_write_control_char(pipe_fds[1], ve_rl_hide);
     ve_out_direct(text.data(), text.size());
     ve_rl_write_control_char(pipe_fds[1], ve_rl_show);
@@ -92,15 +93,15 @@ void queue_instance(const json_t *value)
 
 void link_dropped()
 {
-    // On a terminal a spinner leaves the cursor behind its picture.
-    const bool amid_row = reconnect_spins() && isatty(STDOUT_FILENO) != 0;
-    const std::string_view text = amid_row ? "\nConnection dropped\n" : "Connection dropped\n";
+    constexpr std::string_view text = "Connection dropped\n";
+    const std::scoped_lock lock(aside_lock);
     if (running.exchange(0) == 0) {
-        ve_out_direct(text.data(), text.size());
+        ve_out_direct_rows(text.data(), text.size());
         return;
     }
     ve_rl_write_control_char(pipe_fds[1], ve_rl_hide);
-    ve_out_direct(text.data(), text.size());
+    // A spinner or a progress bar leaves the cursor behind its picture.
+    ve_out_direct_rows(text.data(), text.size());
     ve_rl_write_control_char(pipe_fds[1], ve_rl_stop);
 }
 
@@ -131,6 +132,10 @@ void *event_thread(void *)
 
 void close_pipe()
 {
+    // Whoever still writes, to a terminal that takes nothing perhaps, keeps it to the end of the program.
+    const std::unique_lock lock(aside_lock, std::try_to_lock);
+    if (!lock.owns_lock())
+        return;
     for (int &fd : pipe_fds) {
         if (fd >= 0)
             close(fd);
@@ -189,6 +194,14 @@ void stop_event_handler()
 bool is_running()
 {
     return running != 0;
+}
+
+void print_aside(const char *text, size_t size)
+{
+    const std::scoped_lock lock(aside_lock);
+    ve_rl_write_control_char(pipe_fds[1], ve_rl_hide);
+    ve_out_direct_rows(text, size);
+    ve_rl_write_control_char(pipe_fds[1], ve_rl_show);
 }
 
 json_t *fetch_instance_queue()

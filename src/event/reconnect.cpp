@@ -107,11 +107,6 @@ bool reconnect_under_way()
     return under_way;
 }
 
-bool reconnect_spins()
-{
-    return active_spinner != 0;
-}
-
 json_t *server_reconnect(const char *text)
 {
     const jump_safe<reconnect_scope> scope;

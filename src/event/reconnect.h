@@ -4,5 +4,3 @@
 /// True from the beginning of server_reconnect to its end, so that the requests it makes itself start no other one.
 /// Main thread only.
 bool reconnect_under_way();
-/// True while a spinner stands on the screen. Any thread.
-bool reconnect_spins();

@@ -39,6 +39,9 @@ bool ve_out_take_row_unknown();
 
 /// Any thread: writes `data` to descriptor 1 at once and whole, between two flushed pieces of the buffered output.
 void ve_out_direct(const char *data, size_t size);
+/// The same for whole lines: on a terminal they begin a row of their own, whatever stands unfinished on the current
+/// one.
+void ve_out_direct_rows(const char *data, size_t size);
 
 /// `text` in the form that is safe to show: on a terminal, control characters (C0, DEL, C1) and bytes that are not
 /// UTF-8 appear as visible escapes (\x1b, \u009b); elsewhere it is `text` itself. The result is valid until the eighth

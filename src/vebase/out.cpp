@@ -1,5 +1,6 @@
 #include "platform/ve_out.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -9,6 +10,7 @@
 #include <fcntl.h>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 
@@ -60,6 +62,19 @@ void note_written(const char *data, size_t size)
     }
     if (unfinished.size() > 2 * unfinished_size)
         unfinished.erase(0, unfinished.size() - unfinished_size);
+}
+
+/// Whether a row holds more than escape sequences and control characters.
+bool shows_something(std::string_view row)
+{
+    for (size_t i = 0; i < row.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(row[i]);
+        if (byte == '\033' && i + 1 < row.size() && row[i + 1] == '[')
+            i = std::min(row.find_first_not_of("0123456789;?", i + 2), row.size());
+        else if (byte > 0x20 && byte != 0x7f)
+            return true;
+    }
+    return false;
 }
 
 /// Writes `data` to the output whole. With write_lock held. False when the output is gone.
@@ -211,6 +226,16 @@ bool ve_out_mid_line()
 void ve_out_direct(const char *data, size_t size)
 {
     const std::scoped_lock lock(write_lock);
+    if (size > 0 && write_whole(data, size))
+        note_written(data, size);
+}
+
+void ve_out_direct_rows(const char *data, size_t size)
+{
+    const bool on_terminal = isatty(STDOUT_FILENO) != 0;
+    const std::scoped_lock lock(write_lock);
+    if (on_terminal && shows_something(unfinished) && write_whole("\n", 1))
+        note_written("\n", 1);
     if (size > 0 && write_whole(data, size))
         note_written(data, size);
 }

@@ -45,19 +45,21 @@ void ve_rl_show_list(const json_t *names)
 namespace
 {
 
-constexpr int bar_min = 5; // cells of the bar itself; without room for them there is none
+constexpr int bar_min = 5;         // cells of the bar itself; without room for them there is none
+constexpr int interrupt_width = 2; // the terminal shows a Ctrl-C as "^C" behind the bar
 
 std::string bar_text(int percent, const std::string &label, int width)
 {
     char number[16];
     snprintf(number, sizeof number, " %3d%%", percent);
     std::string text = rl_visible(label) + number;
-    const int room = width - 1 - static_cast<int>(rl_width(text)) - 3;
+    const int left = width - 1 - static_cast<int>(rl_width(text));
+    const int room = left - 3 - interrupt_width;
     if (room >= bar_min) {
         const int done = room * percent / 100;
         text += " [" + std::string(static_cast<size_t>(done), '#') +
                 std::string(static_cast<size_t>(room - done), ' ') + "]";
-    } else if (room < -3) {
+    } else if (left < 0) {
         // The percentage is what matters.
         text = std::string{number}.substr(1);
     }
