@@ -5,9 +5,11 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <mutex>
 #include <netinet/in.h>
 #include <pthread.h>
 
+#include "event/listener.h"
 #include "platform/ve_fs.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
@@ -34,7 +36,7 @@ void say(const char *format, ...)
     const int size = vsnprintf(line, sizeof line, format, args);
     va_end(args);
     if (size > 0)
-        ve_out_direct(line, static_cast<size_t>(size) < sizeof line ? static_cast<size_t>(size) : sizeof line - 1);
+        print_aside(line, static_cast<size_t>(size) < sizeof line ? static_cast<size_t>(size) : sizeof line - 1);
 }
 
 /// The IPv4 address of a socket's end, or false.
@@ -65,17 +67,19 @@ public:
 
     bool open(const char *path, const ve_socket *link, std::string *url);
     void serve();
-    void cancel() { cancelled_ = true; }
+    void cancel();
     size_t size() const { return size_; }
 
 private:
     bool accept_daemon();
+    bool take_peer(socket_owner peer);
 
     void *data_ = nullptr;
     size_t size_ = 0;
     socket_owner listener_;
-    socket_owner peer_;
-    in_addr daemon_{}; // the only address that is served
+    socket_owner peer_;    // changed with peer_lock_ held
+    std::mutex peer_lock_; // the command may shut the connection down while the thread sends
+    in_addr daemon_{};     // the only address that is served
     std::atomic<bool> cancelled_{false};
 };
 
@@ -117,6 +121,22 @@ bool file_transfer::open(const char *path, const ve_socket *link, std::string *u
     return true;
 }
 
+void file_transfer::cancel()
+{
+    const std::scoped_lock lock(peer_lock_);
+    cancelled_ = true;
+    if (peer_)
+        ve_socket_shutdown(peer_.get());
+}
+
+/// False when the transfer was cancelled meanwhile.
+bool file_transfer::take_peer(socket_owner peer)
+{
+    const std::scoped_lock lock(peer_lock_);
+    peer_ = std::move(peer);
+    return !cancelled_;
+}
+
 /// Waits for the daemon's connection; strangers are turned away and take nothing of its time.
 bool file_transfer::accept_daemon()
 {
@@ -130,17 +150,16 @@ bool file_transfer::accept_daemon()
         const int ready = ve_socket_wait(listener_.get(), 1, left < slice_ms ? static_cast<int>(left) : slice_ms);
         if (ready == 0)
             continue;
-        peer_.reset(ready > 0 ? ve_socket_accept(listener_.get()) : nullptr);
-        if (!peer_) {
+        socket_owner peer(ready > 0 ? ve_socket_accept(listener_.get()) : nullptr);
+        if (!peer) {
             say("accept() failed, abort.\n");
             return false;
         }
         sockaddr_in from{};
-        if (ipv4(ve_socket_get_peer, peer_.get(), &from) && from.sin_addr.s_addr == daemon_.s_addr) {
+        if (ipv4(ve_socket_get_peer, peer.get(), &from) && from.sin_addr.s_addr == daemon_.s_addr) {
             listener_.reset();
-            return true;
+            return take_peer(std::move(peer));
         }
-        peer_.reset();
     }
     return false;
 }
@@ -153,7 +172,7 @@ void file_transfer::serve()
             say("send() failed (expected %zu bytes, transferred %zi bytes), abort.\n", size_, sent);
     }
     listener_.reset();
-    peer_.reset();
+    take_peer(nullptr);
 }
 
 namespace

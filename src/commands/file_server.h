@@ -13,7 +13,7 @@ class file_transfer;
 /// up (the reason is printed). `*url` receives "netcat://ADDRESS:PORT" as soon as the port is known.
 std::shared_ptr<file_transfer> file_server_start(const char *path, const ve_socket *link, std::string *url);
 
-/// Ends a transfer that is still waiting for its connection, without a message. Null is allowed.
+/// Ends a transfer: one that still waits for its connection without a message. Null is allowed.
 void file_server_cancel(const std::shared_ptr<file_transfer> &transfer);
 
 /// Waits until no transfer is under way. A wait point.

@@ -25,6 +25,8 @@ int ve_socket_state(const ve_socket *socket);
 ve_socket *ve_socket_new(int kind);
 /// Closes and frees; null is allowed.
 void ve_socket_free(ve_socket *socket);
+/// Ends both directions of the connection; who waits for it, in another thread perhaps, is woken.
+void ve_socket_shutdown(ve_socket *socket);
 /// The socket's own address; returns 0, or negative when it has none. `*size` receives the address's length.
 int ve_socket_get_addr(const ve_socket *socket, sockaddr_storage *address, socklen_t *size);
 /// The peer's address, likewise.

@@ -2,13 +2,16 @@
 
 import hashlib
 import os
+import re
 import socket
+import subprocess
 import threading
 import time
 
 import pytest
 
-from lib.fake import Close, Error, Slow
+from lib import settings
+from lib.fake import Close, Error, Silence, Slow
 
 pytestmark = pytest.mark.threads
 
@@ -121,15 +124,19 @@ def test_a_refusal_is_shown(fake, kest, image):
 # The one-shot server
 
 
-def fetch(url, pieces=None):
+def connect(url):
     host, port = url.removeprefix("netcat://").split(":")
-    with socket.create_connection((host, int(port)), 10) as link:
-        data = b""
+    return socket.create_connection((host, int(port)), settings.DEADLINE)
+
+
+def fetch(url, pieces=None):
+    with connect(url) as link:
+        data = bytearray()
         while piece := link.recv(65536):
             data += piece
             if pieces is not None and len(data) >= pieces:
                 break
-        return data
+        return bytes(data)
 
 
 @pytest.fixture
@@ -177,6 +184,64 @@ def test_a_file_that_cannot_be_mapped_still_sends_the_request(remote, kest, tmp_
     assert remote.params("Download") == [{"FileType": "Config", "URL": ""}]
 
 
+@pytest.mark.parametrize("make", [lambda path: path.mkdir(), lambda path: os.mkfifo(path)], ids=["directory", "fifo"])
+def test_what_is_no_plain_file_is_not_served(remote, kest, tmp_path, make):
+    remote.on("Download", Error(9003, "a URL is needed"))
+    make(tmp_path / "odd")
+    run = kest("-r", "download", "file", "odd", to=remote)
+    assert (run.out, run.status) == ("Cannot open file (odd), aborting.\n[9003] Invalid arguments: a URL is needed\n", 255)
+    assert remote.params("Download") == [{"FileType": "File", "URL": ""}]
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs a privilege to give up")
+@pytest.mark.parametrize("link", ["unix", "tcp"])
+def test_an_unreadable_file(fake_start, sandbox, tmp_path, link):
+    daemon = fake_start("tcp://127.0.0.1:0" if link == "tcp" else None)
+    daemon.on("Download", Error(9010, "no"))
+    (tmp_path / "secret").write_bytes(b"x")
+    (tmp_path / "secret").chmod(0)
+    powers = "-dac_override,-dac_read_search"
+    run = subprocess.run(
+        ["setpriv", f"--bounding-set={powers}", f"--inh-caps={powers}", settings.KEST, "-u", daemon.address,
+         "-r", "download", "file", "secret"],
+        env=sandbox.environment(), cwd=tmp_path, capture_output=True, text=True, timeout=settings.DEADLINE)
+    first = "" if link == "unix" else "Cannot open file (secret), aborting.\n"
+    assert (run.stdout, run.returncode) == (first + "[9010] File transfer failure: no\n", 255)
+    url = f"file://{tmp_path}/secret" if link == "unix" else ""
+    assert daemon.params("Download") == [{"FileType": "File", "URL": url}]
+
+
+def test_a_file_that_shrinks_while_it_is_served_is_an_error(remote, kest, tmp_path):
+    (tmp_path / "f.bin").write_bytes(os.urandom(3_000_000))
+    got = []
+
+    def download(request):
+        os.truncate(tmp_path / "f.bin", 100_000)
+        got.append(fetch(request.params["URL"]))
+        return Error(9018, "half of it")
+
+    remote.on("Download", download)
+    run = kest("-r", "download", "file", "f.bin", to=remote)
+    assert len(got[0]) < 3_000_000
+    assert run.status == 255
+    assert re.search(r"^send\(\) failed \(expected 3000000 bytes, transferred \d+ bytes\), abort\.$", run.out, re.M)
+    assert "[9018] File corrupted or unusable: half of it" in run.lines
+
+
+def test_a_file_that_vanishes_while_it_is_served_arrives_all_the_same(remote, kest, tmp_path):
+    (tmp_path / "f.bin").write_bytes(b"still there")
+    got = []
+
+    def download(request):
+        (tmp_path / "f.bin").unlink()
+        got.append(fetch(request.params["URL"]))
+        return {"Status": 0}
+
+    remote.on("Download", download)
+    assert kest("-r", "download", "file", "f.bin", to=remote).status == 0
+    assert got == [b"still there"]
+
+
 def test_an_ipv6_link_has_no_local_address(fake_start, kest, image):
     try:
         daemon = fake_start("tcp://[::1]:0")
@@ -199,13 +264,124 @@ def test_an_error_answer_ends_the_server(remote, kest, image):
         fetch(url)
 
 
-@pytest.mark.deadline(40)
-def test_a_daemon_that_never_connects_is_waited_for_ten_seconds(remote, kest, image):
-    remote.on("Download", {"Status": 0})
+@pytest.fixture
+def idle():
+    """Connects to a URL and takes nothing: idle(url) → socket."""
+    links = []
+
+    def start(url):
+        links.append(connect(url))
+        return links[-1]
+
+    yield start
+    for link in links:
+        link.close()
+
+
+def test_an_error_answer_ends_a_transfer_that_stands_still(remote, kest, tmp_path, idle):
+    with open(tmp_path / "f.bin", "wb") as file:
+        file.truncate(50_000_000)
+
+    answered = []
+
+    def download(request):
+        idle(request.params["URL"])
+        answered.append(time.monotonic())
+        return Error(9010, "too large")
+
+    remote.on("Download", download)
+    run = kest("-r", "download", "file", "f.bin", to=remote)
+    assert time.monotonic() - answered[0] < 9, "nobody waits ten seconds for a daemon that said no"
+    assert "[9010] File transfer failure: too large" in run.lines
+    assert run.status == 255
+
+
+@pytest.mark.deadline(60)
+@pytest.mark.load
+def test_nobody_is_waited_for_longer_than_ten_seconds(fake_start, kest_start, tmp_path, idle):
+    """A daemon that never connects, one that takes a bit and stops, one that takes a byte a second; all at once."""
+    with open(tmp_path / "f.bin", "wb") as file:
+        file.truncate(50_000_000)
+    ended = threading.Event()
+
+    def trickle(link):
+        while not ended.wait(1):
+            link.recv(1)
+
+    def never(request):
+        return {"Status": 0}
+
+    def stops(request):
+        idle(request.params["URL"]).recv(1000)
+        return {"Status": 0}
+
+    def crawls(request):
+        threading.Thread(target=trickle, args=(idle(request.params["URL"]),), daemon=True).start()
+        return {"Status": 0}
+
     begin = time.monotonic()
-    run = kest("-r", "download", "file", image.name, to=remote, timeout=30)
-    assert run.out.endswith("...\nWaiting timeout, abort.\n")
+    runs = []
+    for download in (never, stops, crawls):
+        daemon = fake_start("tcp://127.0.0.1:0").on("Download", download)
+        runs.append(kest_start("-r", "download", "file", "f.bin", to=daemon))
+    last = [run.finish(40).lines[-1] for run in runs]
+    ended.set()
     assert 9 < time.monotonic() - begin
+    assert last[0] == "Waiting timeout, abort."
+    for line in last[1:]:
+        assert re.fullmatch(r"send\(\) failed \(expected 50000000 bytes, transferred \d+ bytes\), abort\.", line)
+    assert [run.status for run in runs] == [0, 0, 0]
+
+
+def test_what_the_server_says_leaves_the_prompt_alone(remote, shell, tmp_path, idle):
+    with open(tmp_path / "f.bin", "wb") as file:
+        file.truncate(50_000_000)
+    remote.on("GetParameterAttributes", {"ParameterList": []})
+    links = []
+
+    def download(request):
+        links.append(idle(request.params["URL"]))
+        return {"Status": 0}
+
+    remote.on("Download", download)
+    term = shell(to=remote)
+    term.type("download file f.bin\r")
+    remote.wait_for("Download")
+    term.wait_prompt()
+    term.type("help m")
+    term.wait_for("> help m")
+    links[0].close()
+    term.wait_for("abort.")
+    term.wait_for(lambda t: t.line(t.cursor[0]).endswith("> help m"))
+    said = [line for line in term.all_lines if line.startswith("send() failed (")]
+    assert len(said) == 1, "on a row of its own"
+    assert sum(line.endswith("> help m") for line in term.lines) == 1
+
+
+def test_a_device_that_goes_down_while_it_fetches_is_asked_again(remote, kest_start, tmp_path):
+    with open(tmp_path / "f.bin", "wb") as file:
+        file.truncate(50_000_000)
+    remote.on("GetParameterAttributes", {"ParameterList": []})
+    down = threading.Event()
+
+    def download(request):
+        with connect(request.params["URL"]) as link:
+            link.recv(1000)
+        remote.on("Download", Error(9016, "nobody serves it any more"))
+        remote.go_down()
+        down.set()
+        return Silence()
+
+    remote.on("Download", download)
+    run = kest_start("-r", "download", "file", "f.bin", to=remote)
+    run.wait_for(lambda run: down.is_set() and "Reconnecting... " in run.out and "abort.\n" in run.out)
+    remote.come_back()
+    run.finish(30)
+    assert re.search(r"send\(\) failed \(expected 50000000 bytes, transferred \d+ bytes\), abort\.\n", run.out)
+    assert run.lines[-1] == "[9016] File transfer server unreachable: nobody serves it any more"
+    assert run.status == 255
+    first, second = remote.params("Download")
+    assert first == second
 
 
 def test_a_daemon_that_stops_in_the_middle_is_told(remote, kest, tmp_path):
@@ -380,6 +556,54 @@ def test_ctrl_c_leaves_the_polling(fake, shell, image):
     term.type(f"upgrade {image.name}\r")
     fake.wait_for(lambda f: len(f.of("Download")) == 2)
     term.wait_prompt()
+
+
+def test_ctrl_c_leaves_the_wait_for_the_device_and_the_next_upgrade_works(flashing, shell, image):
+    flashing.on("Download", {"Status": 0})
+
+    def goes_away(request):
+        flashing.refuse()
+        return Close()
+
+    flashing.on("GetParameterValues", progress(40), goes_away)
+    term = shell(to=flashing)
+    term.type(f"upgrade {image.name}\r")
+    term.wait_for("Rebooting...")
+    term.type("\x03")
+    term.wait_prompt()
+    flashing.come_back()
+    flashing.on("GetParameterValues", progress(40), Close())
+    term.type(f"upgrade {image.name}\r")
+    term.wait_for(lambda t: any(line.startswith("Reconnecting...") for line in t.lines))
+    flashing.wait_for(lambda f: len(f.of("Download")) == 2)
+    term.wait_prompt()
+    assert sum(line.startswith("Flashing: 100% [") for line in term.all_lines) == 2
+
+
+def test_a_link_lost_at_the_confirmation_is_found_again(flashing, kest, image):
+    flashing.on("Download", offer("1.2.3", "1.3.0"), Close(), {"Status": 0})
+    run = kest("-r", "upgrade", image.name, to=flashing)
+    assert run.lines[:2] == ["Minor upgrade...", "Reconnecting... "]
+    assert run.status == 0
+    confirm = flashing.params("Download")[1:]
+    assert len(confirm) == 2 and confirm[0] == confirm[1]
+    assert confirm[0]["TransactionID"] == "t-1"
+
+
+def test_the_dropped_event_link_is_told_below_the_bar(fake, terminal, image):
+    fake.on("GetParameterAttributes", {"ParameterList": []})
+    fake.on("Download", {"Status": 0}).on("GetParameterValues", progress(40))
+    term = terminal("-r", "upgrade", image.name, to=fake, columns=50)
+    term.wait_for("Flashing:  40% [")
+    for connection in fake.receivers():
+        connection.close()
+    term.wait_for("Connection dropped")
+    fake.on("GetParameterValues", Close())
+    term.wait_exit()
+    rows = [line for line in term.all_lines if "Flashing" in line or "Connection" in line]
+    assert re.fullmatch(r"Flashing:  40% \[#+ +\]", rows[0])
+    assert rows[1] == "Connection dropped"
+    assert re.fullmatch(r"Flashing: 100% \[#+\]", rows[2])
 
 
 def test_a_dropped_event_link_at_the_question_abandons_the_upgrade(flashing, shell, image):

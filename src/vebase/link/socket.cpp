@@ -70,6 +70,12 @@ void ve_socket_free(ve_socket *socket)
     delete socket;
 }
 
+void ve_socket_shutdown(ve_socket *socket)
+{
+    if (socket != nullptr && socket->fd >= 0)
+        shutdown(socket->fd, SHUT_RDWR);
+}
+
 int ve_socket_get_addr(const ve_socket *socket, sockaddr_storage *address, socklen_t *size)
 {
     return address_of(socket, getsockname, address, size);

@@ -262,6 +262,10 @@ class Fake:
 
         self._run(down)
 
+    def refuse(self):
+        """Stops listening, until `come_back`; what is connected stays."""
+        self._run(self._close_listener)
+
     def come_back(self):
         self._run(self._listen)
 
