@@ -17,6 +17,7 @@ shell       a terminal that stands at the shell's first prompt  shell(*words, to
 veld        a running daemon with the gateway model
 veld_start  starts further daemons                              veld_start(*options, model=) → Veld
 fake        a daemon that follows a script (lib/fake.py)
+certificate (certificate, key): files of a daemon that speaks TLS as localhost
 fake_start  further ones                                        fake_start("tcp://127.0.0.1:0") → Fake
 private_tmp the directory that the programs of this test see as /tmp (histories)
 home        their home directory       tmp_path  their working directory
@@ -24,14 +25,17 @@ home        their home directory       tmp_path  their working directory
 
 import os
 import signal
+import subprocess
+import tempfile
 import threading
+from pathlib import Path
 
 import pytest
 
 from lib import settings
 from lib.fake import Fake
 from lib.program import Program
-from lib.sandbox import Sandbox
+from lib.sandbox import BASE, Sandbox
 from lib.terminal import Terminal
 from lib.veld import Veld
 
@@ -147,6 +151,26 @@ def client_words(words, to, name, sandbox):
     if to is not None:
         words = ("-u", getattr(to, "address", to), *words)
     return [program, *words]
+
+
+@pytest.fixture(scope="session")
+def certificate():
+    """A certificate for localhost and its key, signed by themselves."""
+    with tempfile.TemporaryDirectory(prefix="kest-e2e-tls-", dir=BASE) as name:
+        yield make_certificate(Path(name))
+
+
+def make_certificate(folder):
+    subprocess.run(
+        [
+            "openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2",
+            "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1",
+            "-keyout", folder / "key.pem", "-out", folder / "cert.pem",
+        ],
+        check=True,
+        capture_output=True,
+    )  # fmt: skip
+    return folder / "cert.pem", folder / "key.pem"
 
 
 @pytest.fixture

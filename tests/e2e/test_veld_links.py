@@ -15,33 +15,6 @@ from lib.wire import Closed, Peer, WireError
 SMALL = Path(__file__).parent / "models" / "small.json"
 
 
-@pytest.fixture(scope="module")
-def certificate(tmp_path_factory):
-    """A certificate for localhost and its key, signed by themselves."""
-    folder = tmp_path_factory.mktemp("tls")
-    subprocess.run(
-        [
-            "openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=localhost",
-            "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1",
-            "-keyout", folder / "key.pem", "-out", folder / "cert.pem",
-        ],
-        check=True,
-        capture_output=True,
-    )  # fmt: skip
-    return folder / "cert.pem", folder / "key.pem"
-
-
-def tcp_address(veld):
-    """The address that the daemon says it listens on."""
-    moment = settings.deadline()
-    while settings.remaining(moment):
-        found = re.search(r"^listening on (tcp://\S+)$", veld.log, re.M)
-        if found:
-            return found[1]
-        time.sleep(0.005)
-    raise AssertionError(veld.report())
-
-
 def secure(address, certificate, **options):
     context = ssl.create_default_context(cafile=certificate[0])
     for name, value in options.items():
@@ -63,7 +36,7 @@ def ask(peer):
 
 def test_tcp_beside_unix_and_the_chosen_port_is_told(veld_start):
     veld = veld_start("--listen", "tcp://127.0.0.1:0", model=SMALL)
-    address = tcp_address(veld)
+    address = veld.tcp_address()
     assert not address.endswith(":0")
     ask(Peer(address))
     ask(veld.connect())
@@ -71,7 +44,7 @@ def test_tcp_beside_unix_and_the_chosen_port_is_told(veld_start):
 
 def test_ipv6_and_names(veld_start):
     veld = veld_start("--listen", "tcp://[::1]:0", "--listen", "tcp://localhost:0", model=SMALL)
-    tcp_address(veld)
+    veld.tcp_address()
     moment = settings.deadline()
     while len(re.findall("^listening on", veld.log, re.M)) < 2 and settings.remaining(moment):
         time.sleep(0.005)
@@ -83,7 +56,7 @@ def test_ipv6_and_names(veld_start):
 
 def test_over_tcp_nobody_logs_in_without_a_password(veld_start):
     veld = veld_start("--listen", "tcp://127.0.0.1:0", model=SMALL)
-    peer = Peer(tcp_address(veld))
+    peer = Peer(veld.tcp_address())
     with pytest.raises(WireError) as error:
         peer.call("Login", User="root")
     assert error.value.code == 9001
@@ -92,7 +65,7 @@ def test_over_tcp_nobody_logs_in_without_a_password(veld_start):
 
 def test_a_reboot_closes_tcp_too_and_opens_the_same_port(veld_start):
     veld = veld_start("--listen", "tcp://127.0.0.1:0", "--reboot-time", "0.2", model=SMALL)
-    address = tcp_address(veld)
+    address = veld.tcp_address()
     peer = Peer(address)
     peer.call("Login", User="admin", Password="admin")
     peer.call("Reboot", Force=True)
@@ -109,7 +82,7 @@ def test_tls(veld_start, certificate, kind):
     veld = veld_start(
         "--listen", "tcp://127.0.0.1:0", "--tls-cert", certificate[0], "--tls-key", certificate[1], model=SMALL
     )
-    address = tcp_address(veld) if kind == "tcp" else veld.address
+    address = veld.tcp_address() if kind == "tcp" else veld.address
     peer = secure(address, certificate)
     assert peer.link.version() in ("TLSv1.2", "TLSv1.3")
     ask(peer)

@@ -26,12 +26,15 @@ class Program:
         self.status = None
         if isinstance(stdin, str):
             stdin = stdin.encode()
+        given = stdin if isinstance(stdin, int) else None  # a descriptor: nothing is fed
+        if given is not None:
+            stdin = None
         self._input = memoryview(stdin) if stdin else None
         self.process = subprocess.Popen(
             wrap([os.fspath(word) for word in argv]),
             env=env,
             cwd=cwd,
-            stdin=subprocess.PIPE if stdin is not None else subprocess.DEVNULL,
+            stdin=given if given is not None else subprocess.PIPE if stdin is not None else subprocess.DEVNULL,
             stdout=subprocess.PIPE if stdout is None else stdout,
             stderr=subprocess.PIPE,
         )

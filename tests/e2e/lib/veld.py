@@ -1,6 +1,7 @@
 """The real daemon, private to one test."""
 
 import os
+import re
 import signal
 import subprocess
 import time
@@ -67,6 +68,16 @@ class Veld:
             if settings.remaining(moment) == 0:
                 raise AssertionError(f"veld does not accept\n{self.report()}")
             time.sleep(0.002)
+
+    def tcp_address(self):
+        """The TCP address that the daemon says it listens on."""
+        moment = settings.deadline()
+        while settings.remaining(moment):
+            found = re.search(r"^listening on (tcp://\S+)$", self.log, re.M)
+            if found:
+                return found[1]
+            time.sleep(0.005)
+        raise AssertionError(self.report())
 
     def connect(self):
         """A raw connection of a client."""
