@@ -81,11 +81,23 @@ bool climb(cdpath *record, const char *component)
     return true;
 }
 
+/// The record's child `name`, or null. A child that the instances of a table have in common becomes the instance's own
+/// first: who stands on a node may fill it.
+json_t *own_child(const cdpath *record, const char *name)
+{
+    json_t *child = json_object_get(record->node, name);
+    const json_t *shared = json_object_get(json_array_get(record->parents, 0), "#shared");
+    if (child == nullptr || json_object_get(shared, name) != child)
+        return child;
+    json_object_set_new(record->node, name, json_copy(child));
+    return json_object_get(record->node, name);
+}
+
 bool descend(cdpath *record, const char *name)
 {
     if (is_bare(record->node))
         cdpath_fetch(record);
-    json_t *child = json_object_get(record->node, name);
+    json_t *child = own_child(record, name);
     if (child == nullptr && ve_tr_str_is_instance(name))
         child = json_object_get(record->node, "#template");
     return child != nullptr &&

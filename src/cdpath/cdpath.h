@@ -17,7 +17,8 @@ struct cdpath {
     char path[cdpath_text_max + 1];
 };
 
-/// The scheme cache: owned here, replaced by reload_dm. Keys "#attr", "#fetched" and "#template" are the client's own.
+/// The scheme cache: owned here, replaced by reload_dm. Keys "#attr", "#fetched", "#template" and "#shared" (nodes that
+/// instances of a table have in common) are the client's own.
 extern json_t *dm;
 /// The shell's place and the one before it. Usable before their first cdpath_new (a zeroed record is an unloaded root).
 extern cdpath cwd;

@@ -102,25 +102,48 @@ bool is_alike(json_t *one, json_t *other)
     }
 }
 
-/// Lets an instance share with `model`, which stands for every instance, what both hold alike: the attributes, and
-/// whole children that are no objects. A table of thousands of rows costs a fraction of the memory so.
-void share_alike(json_t *instance, json_t *model)
+/// A node that holds its attributes alone.
+bool is_plain(const json_t *node)
 {
+    return json_object_size(node) == 1 && ve_tr_dm_node_attr_get(node) != nullptr;
+}
+
+/// What the instances of a table may refer to in common: the plain children of `model`, which stands for every
+/// instance, that are no objects. A new object.
+json_t *shared_children(json_t *model)
+{
+    json_t *shared = json_object();
+    const char *key;
+    json_t *child;
+    json_object_foreach(model, key, child)
+    {
+        if (*key != '#' && is_plain(child) && ve_tr_dm_node_type_get(child) != ve_tr_object)
+            json_object_set_new(shared, key, json_copy(child));
+    }
+    return shared;
+}
+
+void share_attributes(json_t *node, const json_t *model)
+{
+    json_t *attr = json_object_get(model, "#attr");
+    if (attr != nullptr && is_alike(json_object_get(node, "#attr"), attr))
+        json_object_set(node, "#attr", attr);
+}
+
+/// Lets an instance refer to what it holds like `model`: the attributes, and whole children out of `shared`. A table
+/// of thousands of rows costs a fraction of the memory so.
+void share_alike(json_t *instance, json_t *model, json_t *shared)
+{
+    share_attributes(instance, model);
     const char *key;
     json_t *child;
     json_object_foreach(instance, key, child)
     {
-        json_t *other = json_object_get(model, key);
-        if (other == nullptr || other == child)
-            continue;
-        const bool attributes = strcmp(key, "#attr") == 0;
-        if (!attributes && ve_tr_dm_node_type_get(child) == ve_tr_object) {
-            json_t *attr = json_object_get(other, "#attr");
-            if (attr != nullptr && is_alike(json_object_get(child, "#attr"), attr))
-                json_object_set(child, "#attr", attr);
-        } else if ((attributes || *key != '#') && is_alike(child, other)) {
-            json_object_set(instance, key, other);
-        }
+        json_t *common = json_object_get(shared, key);
+        if (common != nullptr && is_alike(child, common))
+            json_object_set(instance, key, common);
+        else if (*key != '#')
+            share_attributes(child, json_object_get(model, key));
     }
 }
 
@@ -132,6 +155,11 @@ void install(json_t *node, json_t *content, json_t *instances)
     json_object_update(node, content);
     json_object_set_new(node, "#fetched", json_true());
     json_t *model = json_object_get(node, "#template");
+    json_t *shared = nullptr;
+    if (json_object_size(instances) > 0 && model != nullptr) {
+        shared = shared_children(model);
+        json_object_set_new(node, "#shared", shared);
+    }
     const char *key;
     json_t *instance;
     json_object_foreach(instances, key, instance)
@@ -139,7 +167,7 @@ void install(json_t *node, json_t *content, json_t *instances)
         if (*key == '#')
             continue;
         cdpath_info_to_attr(instance);
-        share_alike(instance, model);
+        share_alike(instance, model, shared);
         json_object_set_new(instance, "#fetched", json_true());
         json_object_set(node, key, instance);
     }

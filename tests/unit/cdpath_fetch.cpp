@@ -107,6 +107,37 @@ TEST_F(Fetch, ATableTakesThreeRequests)
     EXPECT_EQ(json_object_get(place.node, "#info"), nullptr);
 }
 
+TEST_F(Fetch, WhatInstancesHoldAlikeIsFilledForEachOfThemAlone)
+{
+    daemon.on("GetParameterAttributes", "Device.Host.", R"({"ParameterList": [
+        {"Name": "Device.Host.", "Attributes": {"type": "object", "multi": true},
+         "Template": [{"Name": "", "Attributes": {"type": "object"}},
+                      {"Name": "Send", "Attributes": {"type": "method"}}]}]})");
+    daemon.on("GetParameterAttributes", "Device.Host.2.", R"({"ParameterList": [
+        {"Name": "Device.Host.2.", "Attributes": {"type": "object"}},
+        {"Name": "Device.Host.2.Send", "Attributes": {"type": "method"}},
+        {"Name": "Device.Host.1.", "Attributes": {"type": "object"}},
+        {"Name": "Device.Host.1.Send", "Attributes": {"type": "method"}}]})");
+    daemon.on("GetParameterAttributes", "Device.Host.1.Send.", R"({"ParameterList": [
+        {"Name": "Device.Host.1.Send", "Attributes": {"type": "method"}},
+        {"Name": "Device.Host.1.Send.To", "Attributes": {"type": "string", "Direction": "input"}}]})");
+    daemon.on("GetParameterAttributes", "Device.Host.2.Send.", R"({"code": 9001, "message": "not on this one"})");
+    {
+        cdpath_local place(cwd);
+        EXPECT_EQ(cdpath_parse(&place, "Device.Host.1.Send.To"), 0);
+    }
+    daemon.asked();
+    {
+        cdpath_local place(cwd);
+        EXPECT_EQ(cdpath_parse(&place, "Device.Host.2.Send.To"), -1);
+        EXPECT_EQ(cdpath_parse(&place, ":Device.Host.1.Send.To"), 0);
+    }
+    EXPECT_EQ(daemon.asked(), lines{R"(GetParameterAttributes {"ParameterNames":["Device.Host.2.Send."],"Depth":1})"});
+    cdpath_local place(cwd);
+    ASSERT_EQ(cdpath_parse(&place, "Device.Host.7.Send"), 0);
+    EXPECT_EQ(joined(json_incref(place.node)), R"({"#attr":{"type":"method"}})");
+}
+
 TEST_F(Fetch, ANodeKeepsItsIdentity)
 {
     cdpath_local place(cwd);
