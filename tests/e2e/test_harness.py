@@ -32,7 +32,7 @@ def test_a_program_can_be_watched_while_it_runs(sandbox):
 
 
 def test_programs_see_a_tmp_of_their_own(terminal, private_tmp):
-    term = terminal("-c", "echo kept > /tmp/.kest.hist; ls -A /tmp | grep kest; exit 7", program="/bin/sh")
+    term = terminal("-c", "echo kept > /tmp/.kest.hist; ls -A /tmp | grep '[.]hist$'; exit 7", program="/bin/sh")
     assert term.wait_exit() == 7
     assert (private_tmp / ".kest.hist").read_text() == "kept\n"
     assert term.lines == [".kest.hist"]
