@@ -151,6 +151,15 @@ def test_without_a_target_the_url_names_the_file(peer, state, tmp_path, serve):
     assert sorted(entry.name for entry in (state / "files").iterdir()) == ["download", "named.cfg"]
 
 
+@pytest.mark.parametrize("name", ["what?.txt", "a?b=c&d", "50%25", "#1", "ein Blatt.txt", "grün"])
+def test_the_name_of_a_local_file_is_taken_as_it_is(peer, state, tmp_path, name):
+    folder = tmp_path / "is it?"
+    folder.mkdir()
+    _, url, _ = write(folder, name, b"x")
+    peer.call("Download", FileType="File", URL=url)
+    assert [entry.name for entry in (state / "files").iterdir()] == [name]
+
+
 @pytest.mark.parametrize("name", ["../x", "/etc/x", "a/b", "..", ".", ".hidden", "a\nb", "a\0b", "x" * 300])
 def test_no_target_leaves_the_directory(peer, state, tmp_path, name):
     _, url, _ = write(tmp_path, "f", b"x")

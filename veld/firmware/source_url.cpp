@@ -104,7 +104,9 @@ std::string source_url_file(const source_url &url)
 {
     if (url.scheme == source_scheme::netcat)
         return {};
-    const std::string_view path = std::string_view(url.path).substr(0, url.path.find('?'));
+    std::string_view path = url.path;
+    if (url.scheme == source_scheme::http) // a file's name may hold a question mark
+        path = path.substr(0, path.find('?'));
     const size_t slash = path.rfind('/');
     return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
 }
