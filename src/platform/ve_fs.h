@@ -12,7 +12,8 @@ int ve_fs_touch(const char *path);
 int ve_fs_mmap_file(const char *path, void **data, size_t *size);
 void ve_fs_munmap_file(void *data, size_t size);
 
-/// MD5 of a regular file, read in blocks, into 16 bytes. Returns 0 or negative.
+/// MD5 of a regular file, read in blocks, into 16 bytes. Returns 0 or negative. A wait point: a large file takes long.
+/// Main thread only.
 int ve_md5_calculate_from_file(const char *path, unsigned char digest[16]);
 /// 32 hex digits, lower case.
 std::string ve_md5_to_str(const unsigned char digest[16]);

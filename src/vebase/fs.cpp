@@ -9,6 +9,8 @@
 
 #include <md5.h>
 
+#include "platform/ve_landing.h"
+#include "platform/ve_wait.h"
 #include "vebase/fd.h"
 
 namespace
@@ -24,6 +26,23 @@ fd_owner open_regular(const char *path, struct stat *status)
 }
 
 char empty_mapping; // stands for the mapping of an empty file
+
+/// False when the file cannot be read to its end.
+bool md5_of(int fd, unsigned char digest[16])
+{
+    constexpr unsigned blocks_between_checkpoints = 16;
+    MD5_CTX context;
+    MD5Init(&context);
+    unsigned char block[size_t{64} << 10];
+    ssize_t count;
+    for (unsigned blocks = 1; (count = read(fd, block, sizeof block)) > 0; ++blocks) {
+        MD5Update(&context, block, static_cast<size_t>(count));
+        if (blocks % blocks_between_checkpoints == 0)
+            ve_wait_checkpoint();
+    }
+    MD5Final(digest, &context);
+    return count == 0;
+}
 
 } // namespace
 
@@ -62,19 +81,9 @@ void ve_fs_munmap_file(void *data, size_t size)
 int ve_md5_calculate_from_file(const char *path, unsigned char digest[16])
 {
     struct stat status;
-    const fd_owner fd = open_regular(path, &status);
-    if (fd.get() < 0)
-        return -1;
-    MD5_CTX context;
-    MD5Init(&context);
-    unsigned char block[size_t{64} << 10];
-    ssize_t count;
-    while ((count = read(fd.get(), block, sizeof block)) > 0)
-        MD5Update(&context, block, static_cast<size_t>(count));
-    if (count < 0)
-        return -1;
-    MD5Final(digest, &context);
-    return 0;
+    jump_safe<fd_owner> fd;
+    fd = open_regular(path, &status);
+    return fd.get() >= 0 && md5_of(fd.get(), digest) ? 0 : -1;
 }
 
 std::string ve_md5_to_str(const unsigned char digest[16])

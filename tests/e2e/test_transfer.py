@@ -3,6 +3,7 @@
 import hashlib
 import os
 import re
+import signal
 import socket
 import subprocess
 import threading
@@ -541,6 +542,39 @@ def test_ctrl_c_in_the_shell_abandons_the_question(flashing, shell, image):
     term.wait_prompt()
     assert len(flashing.of("Download")) == 1
     assert term.run("pwd") == [":"]
+
+
+def test_ctrl_c_leaves_the_digest_of_a_large_file(fake, shell, tmp_path):
+    fake.on("GetParameterAttributes", {"ParameterList": []})
+    with open(tmp_path / "large", "wb") as file:
+        file.truncate(1 << 40)
+    term = shell(to=fake)
+    row = term.cursor[0]
+    term.type("download file large\r")
+    term.wait_for(lambda t: t.cursor[0] > row)
+    term.type("\x03")
+    term.wait_prompt()
+    assert fake.of("Download") == []
+    assert term.run("pwd")[-1] == ":"
+
+
+def test_ctrl_c_at_the_question_on_a_pipe_ends_the_program(flashing, kest_start, image):
+    flashing.on("Download", offer("1.2.3", "2.0.0"), {"Status": 0})
+    read_end, write_end = os.pipe()
+    run = kest_start("-r", "upgrade", image.name, to=flashing, stdin=read_end)
+    run.wait_for("Major upgrade...\n")
+    run.interrupt()
+    assert run.finish().status == -signal.SIGINT
+    os.close(read_end)
+    os.close(write_end)
+    assert len(flashing.of("Download")) == 1
+
+
+def test_a_shell_on_a_pipe_takes_the_answer_from_its_next_line(flashing, kest, image):
+    flashing.on("Download", offer("1.2.3", "2.0.0"), {"Status": 0})
+    run = kest(to=flashing, stdin=f"upgrade {image.name}\nc\npwd\n")
+    assert run.lines[-2:] == ["Major upgrade...", ":"]
+    assert flashing.params("Download")[1:] == [{"FileType": "Firmware", "TransactionID": "t-1"}]
 
 
 def test_ctrl_c_leaves_the_polling(fake, shell, image):
