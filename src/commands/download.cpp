@@ -65,6 +65,24 @@ using typed_line = std::unique_ptr<char, free_deleter>;
 
 enum class answer { no, yes, cancel, abandon };
 
+/// What the shell offers for its commands is no answer to a question.
+class without_completion
+{
+public:
+    without_completion() = default;
+    without_completion(const without_completion &) = delete;
+    without_completion &operator=(const without_completion &) = delete;
+    ~without_completion()
+    {
+        ve_rl_set_autocomplete_cb(autocomplete_);
+        ve_rl_set_hint_cb(hint_);
+    }
+
+private:
+    ve_rl_autocomplete_cb autocomplete_ = ve_rl_set_autocomplete_cb(nullptr);
+    ve_rl_hint_cb hint_ = ve_rl_set_hint_cb(nullptr);
+};
+
 extern "C" void end_program(int signal)
 {
     std::signal(signal, SIG_DFL);
@@ -85,6 +103,7 @@ answer ask_reset()
         ending.sa_handler = end_program;
         sigaction(SIGINT, &ending, nullptr);
     }
+    const jump_safe<without_completion> plain;
     const jump_safe<typed_line> line{ve_rl("Reset config[(N)o/(y)es/(c)ancel] ", -1)};
     const bool end_of_input = ve_rl_ctrld_is_pressed();
     if (before.sa_handler == SIG_DFL)

@@ -28,9 +28,9 @@ bool ve_rl_ctrld_is_pressed();
 using ve_rl_autocomplete_cb = void (*)(const char *line, size_t cursor, json_t *candidates);
 /// A newly allocated text to show behind the cursor, or null.
 using ve_rl_hint_cb = char *(*)(const char *line);
-/// Install the callbacks; null removes them.
-void ve_rl_set_autocomplete_cb(ve_rl_autocomplete_cb callback);
-void ve_rl_set_hint_cb(ve_rl_hint_cb callback);
+/// Install the callbacks; null removes them. They return what was installed before.
+ve_rl_autocomplete_cb ve_rl_set_autocomplete_cb(ve_rl_autocomplete_cb callback);
+ve_rl_hint_cb ve_rl_set_hint_cb(ve_rl_hint_cb callback);
 /// Called inside a completion callback: byte offset in the line of the typed part that a candidate replaces. Without
 /// it, the part begins after the last blank before the cursor.
 void ve_rl_set_completion_start(size_t offset);

@@ -640,6 +640,23 @@ def test_the_dropped_event_link_is_told_below_the_bar(fake, terminal, image):
     assert re.fullmatch(r"Flashing: 100% \[#+\]", rows[2])
 
 
+def test_the_question_offers_no_commands(flashing, shell, image):
+    question = "Reset config[(N)o/(y)es/(c)ancel]"
+    flashing.serve({"Device.": {}, "Device.Sub.": {}})
+    flashing.on("Download", offer("1.2.3", "2.0.0"), {"Status": 0})
+    term = shell(to=flashing)
+    term.type("cd ")
+    term.wait_for("> cd Device.")
+    term.type("\x15" + f"upgrade {image.name}\r")
+    term.wait_for(question)
+    term.type("cd \tx")
+    term.wait_for(re.compile(re.escape(question) + " cd +x$"))
+    term.type("\x03")
+    term.wait_prompt()
+    term.type("cd ")
+    term.wait_for("> cd Device.")
+
+
 def test_a_dropped_event_link_at_the_question_abandons_the_upgrade(flashing, shell, image):
     flashing.on("Download", offer("1.2.3", "2.0.0"), {"Status": 0})
     term = shell(to=flashing)

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
@@ -76,14 +77,14 @@ bool ve_rl_ctrld_is_pressed()
     return ended;
 }
 
-void ve_rl_set_autocomplete_cb(ve_rl_autocomplete_cb callback)
+ve_rl_autocomplete_cb ve_rl_set_autocomplete_cb(ve_rl_autocomplete_cb callback)
 {
-    rl_set.autocomplete = callback;
+    return std::exchange(rl_set.autocomplete, callback);
 }
 
-void ve_rl_set_hint_cb(ve_rl_hint_cb callback)
+ve_rl_hint_cb ve_rl_set_hint_cb(ve_rl_hint_cb callback)
 {
-    rl_set.hint = callback;
+    return std::exchange(rl_set.hint, callback);
 }
 
 void ve_rl_set_completion_start(size_t offset)
