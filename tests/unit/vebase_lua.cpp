@@ -5,12 +5,16 @@
 #include <csignal>
 #include <lua.hpp>
 #include <string>
+#include <string_view>
 #include <sys/time.h>
 
 #include "platform/ve_jrpcmsg.h"
 #include "platform/ve_json.h"
 #include "platform/ve_lua_frames.h"
 #include "platform/ve_wait.h"
+#include "vebase/lua/lua_json.h"
+
+using namespace std::string_view_literals;
 
 namespace
 {
@@ -218,6 +222,47 @@ TEST_F(VeLua, RefusesWhatHasNoJsonForm)
     EXPECT_EQ(request("params"), R"({"a":[1],"b":[1]})");
 }
 
+TEST_F(VeLua, ConvertsATableThatStandsInManyPlacesOnce)
+{
+    // Every level doubles the value: twenty hold a million leaves, forty would fill any memory.
+    EXPECT_EQ(run("local t = {} for i = 1, 15 do t = {t, t} end dm.request('X', {v = t})"), "");
+    EXPECT_EQ(request("params").size(), R"({"v":})"sv.size() + (1 << 15) * 5 - 3);
+    asked.reset();
+    const std::string too_long = "(longer than a message may be)";
+    EXPECT_TRUE(run("local t = {} for i = 1, 2000 do t = {t, t} end dm.request('X', {v = t})").ends_with(too_long));
+    EXPECT_TRUE(run("local t = {} for i = 1, 40 do t = {a = t, b = t} end dm.call('M', {v = t})").ends_with(too_long));
+    EXPECT_TRUE(run("local t = {c = 1} for i = 1, 20 do t = {[('a'):rep(20)] = t, b = t} end dm.call('M', t)")
+                    .ends_with(too_long));
+    EXPECT_TRUE(run("dm.event(100, ('x'):rep(64 << 20 | 1))").ends_with(too_long));
+    // The second place of the inner table is deeper than a message may be, the first is not.
+    EXPECT_TRUE(run("local t = {} for i = 1, 2030 do t = {t} end local u = {t} for i = 1, 20 do u = {u} end "
+                    "dm.request('X', {v = {t, u}})")
+                    .ends_with("(tables are nested too deep (more than 2040 levels))"));
+    EXPECT_FALSE(asked) << "nothing is sent";
+}
+
+TEST_F(VeLua, StopsConversionsWhenCtrlCIsNoted)
+{
+    lua_State *L = context->state;
+    const char *problem = nullptr;
+    const json_ref rows(json_pack("[i, [i], {s:i}]", 1, 2, "a", 3));
+    ve_lua_push_json(L, rows.get());
+    ve_wait_note_interrupt();
+    EXPECT_FALSE(json_ref(ve_lua_to_json(L, -1, &problem)));
+    EXPECT_STREQ(problem, "interrupted");
+    lua_pushcfunction(L, [](lua_State *S) {
+        ve_lua_push_json(S, static_cast<const json_t *>(lua_touserdata(S, 1)));
+        return 1;
+    });
+    lua_pushlightuserdata(L, rows.get());
+    EXPECT_EQ(lua_pcall(L, 1, 1, 0), LUA_ERRRUN);
+    EXPECT_STREQ(lua_tostring(L, -1), "interrupted");
+    ve_wait_clear_interrupt();
+    const json_ref back(ve_lua_to_json(L, -2, &problem));
+    EXPECT_TRUE(json_equal(back.get(), rows.get()));
+    lua_settop(L, 0);
+}
+
 TEST_F(VeLua, GetsValuesAndTables)
 {
     reply(R"({"ParameterList":[{"Name":"Device.Time.Enable","Value":true}]})");
@@ -310,12 +355,18 @@ TEST_F(VeLua, RaisesRefusalsAsValues)
         run("local ok, e = pcall(dm.get, 'Device.X') print(ok, e.code, e.title, e.message, e.data, e)"),
         "false\t9005\tInvalid parameter name\twhat is wrong\tnil\t[9005] Invalid parameter name: what is wrong\n");
     EXPECT_EQ(run("dm.get('Device.X')"), "ERROR [9005] Invalid parameter name: what is wrong");
-    answer_data = json_ref(json_pack("{s:s, s:i}", "Device.A", "bad", "Device.B", 1));
-    EXPECT_EQ(run("local ok, e = pcall(dm.set, 'Device.A', 1) print(e.data['Device.A'], e.data['Device.B'])"),
+    // The entries in the daemon's order, as the shell shows them.
+    answer_data = json_ref(
+        json_pack("{s:s, s:i, s:[n], s:s}", "Device.D", "bad", "Device.B", 1, "Device.C", "Device.A", "\xc3\xa9\n"));
+    EXPECT_EQ(run("local ok, e = pcall(dm.set, 'Device.A', 1) print(e.data['Device.D'], e.data['Device.B'])"),
               "bad\t1\n");
-    const std::string text = run("dm.set('Device.A', 1)");
-    EXPECT_NE(text.find("\nDevice.A: \"bad\""), std::string::npos) << text;
-    EXPECT_NE(text.find("\nDevice.B: 1"), std::string::npos) << text;
+    const std::string lines = "\nDevice.D: \"bad\"\nDevice.B: 1\nDevice.C: [null]\nDevice.A: \"\xc3\xa9\\n\"";
+    EXPECT_EQ(run("dm.set('Device.A', 1)"), "ERROR [9005] Invalid parameter name: what is wrong" + lines);
+    EXPECT_EQ(
+        run("local ok, e = pcall(dm.set, 'Device.A', 1) e.message = 'mine' collectgarbage() io.write(tostring(e))"),
+        "[9005] Invalid parameter name: mine" + lines);
+    EXPECT_EQ(run("local ok, e = pcall(dm.set, 'Device.A', 1) e.data = {} e.title = nil io.write(tostring(e))"),
+              "[9005] ?: what is wrong");
 }
 
 TEST_F(VeLua, SendsEvents)
@@ -329,6 +380,13 @@ TEST_F(VeLua, SendsEvents)
     EXPECT_EQ(run("dm.event(-1)"), "ERROR [string \"stdin\"]:1: bad argument #1 to 'event' (out of range)");
     answer_code = -1;
     EXPECT_EQ(run("dm.event(1)"), "ERROR [-32002] Connection lost: the daemon closed the link");
+    ve_lua_set_hooks({nullptr,
+                      [](ve_jrpcmsg *message) {
+                          ve_jrpcmsg_set_error(message, 9004, "too long", nullptr);
+                          return -1;
+                      },
+                      nullptr, nullptr});
+    EXPECT_EQ(run("dm.event(1)"), "ERROR [9004] Resources exceeded: too long");
 }
 
 TEST_F(VeLua, TellsTheClientOfLogins)

@@ -27,11 +27,6 @@ lua_CFunction xpcall_function = nullptr;
 int64_t last_look = 0; // ns
 int quick = 0;         // looks since calls took long
 
-bool stop_is_due()
-{
-    return ve_wait_interrupted() || (time_limit >= 0 && ve_wait_deadline(0) >= time_limit);
-}
-
 int return_argument(lua_State *)
 {
     return 1;
@@ -68,7 +63,7 @@ int64_t now_ns()
 /// A hundred instructions are nothing, unless each calls something that takes long.
 void hook(lua_State *L, lua_Debug *)
 {
-    if (stop_is_due())
+    if (ve_lua_stop_is_due())
         ve_lua_check_interrupt(L);
     const int64_t now = now_ns();
     const bool slow = now - last_look > slow_ns;
@@ -179,9 +174,14 @@ const ve_lua_hooks &ve_lua_installed_hooks()
     return hooks;
 }
 
+bool ve_lua_stop_is_due()
+{
+    return ve_wait_interrupted() || (time_limit >= 0 && ve_wait_deadline(0) >= time_limit);
+}
+
 void ve_lua_check_interrupt(lua_State *L)
 {
-    if (!stop_is_due())
+    if (!ve_lua_stop_is_due())
         return;
     // At every instruction from here on, so that code which catches the error does not get far. A coroutine inherits
     // the hook of the thread that creates it.

@@ -1,168 +1,23 @@
 // The bindings to the device: the global table "dm".
 //
-// Every function first checks its arguments, then makes a message that a Lua userdata owns, so that an error raised at
-// any later point leaves nothing behind. No local of a binding has a destructor.
+// Every function first checks its arguments, then makes a message that a Lua userdata owns (lua_exchange.h). No local
+// of a binding has a destructor.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "platform/ve_jrpcapi.h"
 #include "platform/ve_json.h"
-#include "platform/ve_out.h"
 #include "platform/ve_string.h"
+#include "vebase/lua/lua_exchange.h"
 #include "vebase/lua/lua_impl.h"
 #include "vebase/lua/lua_json.h"
+#include "vebase/wire/framing.h"
 
 namespace
 {
 
-constexpr char box_type[] = "dm.message";
-constexpr char error_type[] = "dm.error";
 constexpr int login_timeout_ms = 5000;
-
-/// Owns a message on behalf of Lua.
-struct message_box {
-    ve_jrpcmsg *message;
-};
-
-int box_release(lua_State *L)
-{
-    auto *box = static_cast<message_box *>(lua_touserdata(L, 1));
-    ve_jrpcmsg_free(box->message);
-    box->message = nullptr;
-    return 0;
-}
-
-/// Pushes an empty box.
-message_box *push_box(lua_State *L)
-{
-    auto *box = static_cast<message_box *>(lua_newuserdata(L, sizeof(message_box)));
-    box->message = nullptr;
-    luaL_setmetatable(L, box_type);
-    return box;
-}
-
-/// A request of `method`; takes over `params`.
-message_box *push_request(lua_State *L, const char *method, json_t *(*make_params)(lua_State *))
-{
-    message_box *box = push_box(L);
-    box->message = ve_jrpcmsg_create_new(method, make_params != nullptr ? make_params(L) : nullptr);
-    return box;
-}
-
-// --- errors ---
-
-void set_field(lua_State *L, const char *name, const char *text)
-{
-    lua_pushstring(L, text);
-    lua_setfield(L, -2, name);
-}
-
-/// Raises the message's error; frees the message.
-int raise_answer(lua_State *L, message_box *box)
-{
-    lua_createtable(L, 0, 4);
-    lua_pushinteger(L, ve_jrpcmsg_error_code(box->message));
-    lua_setfield(L, -2, "code");
-    set_field(L, "title", ve_jrpcmsg_error_title(box->message));
-    set_field(L, "message", ve_jrpcmsg_error_message(box->message));
-    if (const json_t *data = ve_jrpcmsg_error_data(box->message)) {
-        ve_lua_push_json(L, data);
-        lua_setfield(L, -2, "data");
-    }
-    luaL_setmetatable(L, error_type);
-    ve_jrpcmsg_free(box->message);
-    box->message = nullptr;
-    return lua_error(L);
-}
-
-/// "\nkey: value" of an entry of an error's data; the key stands right below `value`. Valid until the next call.
-const char *data_line(lua_State *L, int value)
-{
-    static std::string line; // not a local: what is done with the text may raise
-    const char *problem = nullptr;
-    const json_ref json(ve_lua_to_json(L, value, &problem));
-    char *compact = json ? json_dumps(json.get(), JSON_ENCODE_ANY) : nullptr;
-    line.assign(1, '\n');
-    line += ve_visible(lua_tostring(L, value - 1));
-    line += ": ";
-    line += ve_visible(compact != nullptr ? compact : "?");
-    free(compact);
-    return line.c_str();
-}
-
-const char *shown_field(lua_State *L, int index)
-{
-    const char *text = lua_tostring(L, index);
-    return text != nullptr ? ve_visible(text) : "?";
-}
-
-/// "[code] title: message" and a line for every entry of the data, as the shell shows a refusal.
-int error_tostring(lua_State *L)
-{
-    luaL_checktype(L, 1, LUA_TTABLE);
-    lua_settop(L, 1);
-    lua_getfield(L, 1, "code");
-    lua_getfield(L, 1, "title");
-    lua_getfield(L, 1, "message");
-    lua_getfield(L, 1, "data");
-    lua_pushfstring(L, "[%s] %s: %s", shown_field(L, 2), shown_field(L, 3), shown_field(L, 4));
-    if (!lua_istable(L, 5))
-        return 1;
-    luaL_checkstack(L, LUA_MINSTACK, nullptr);
-    lua_pushnil(L);
-    while (lua_next(L, 5) != 0) {
-        if (lua_type(L, 7) == LUA_TSTRING) {
-            lua_pushvalue(L, 6);
-            lua_pushstring(L, data_line(L, 8));
-            lua_concat(L, 2);
-            lua_replace(L, 6);
-        }
-        lua_pop(L, 1);
-    }
-    return 1;
-}
-
-// --- exchanges ---
-
-int transmit(ve_lua_state *context, ve_jrpcmsg *message, int timeout_ms)
-{
-    const ve_lua_sigint_blocked blocked;
-    const ve_lua_hooks &hooks = ve_lua_installed_hooks();
-    timeout_ms = ve_lua_time_left(timeout_ms);
-    if (hooks.exec != nullptr)
-        return hooks.exec(message, timeout_ms);
-    if (context->request_ctx == nullptr) {
-        ve_jrpcmsg_set_error(message, ve_jrpc_err_lost, "no link to the daemon", nullptr);
-        return -1;
-    }
-    ve_jrpcapi_set_timeout(context->request_ctx, timeout_ms);
-    return ve_jrpcapi_exec(context->request_ctx, message);
-}
-
-/// Sends the request and waits for its answer. Raises a refusal.
-void exchange(lua_State *L, message_box *box, int timeout_ms = -1)
-{
-    const int result = transmit(ve_lua_of(L), box->message, timeout_ms);
-    ve_lua_check_interrupt(L);
-    if (result < 0 || ve_jrpcmsg_error_code(box->message) != 0)
-        raise_answer(L, box);
-}
-
-/// Ends a binding whose message is done with: frees it and returns `results` values from the top.
-int finish(message_box *box, int results)
-{
-    ve_jrpcmsg_free(box->message);
-    box->message = nullptr;
-    return results;
-}
-
-int finish_true(lua_State *L, message_box *box)
-{
-    lua_pushboolean(L, 1);
-    return finish(box, 1);
-}
 
 // --- arguments ---
 
@@ -183,11 +38,20 @@ const char *plain_path(const char *path)
     return *path != '\0' ? path : ".";
 }
 
+/// The text at `index` as a path; what is wrong with it is said of the binding's argument `argument`.
+const char *path_at(lua_State *L, int index, int argument)
+{
+    size_t size = 0;
+    const char *path = lua_tolstring(L, index, &size);
+    luaL_argcheck(L, size > 0, argument, "an empty path");
+    luaL_argcheck(L, memchr(path, 0, size) == nullptr && ve_string_is_utf8(path), argument, "not a UTF-8 text");
+    return plain_path(path);
+}
+
 const char *check_path(lua_State *L, int index)
 {
-    const char *path = check_text(L, index);
-    luaL_argcheck(L, *path != '\0', index, "an empty path");
-    return plain_path(path);
+    luaL_checkstring(L, index);
+    return path_at(L, index, index);
 }
 
 /// The same with a final "."; pushes it.
@@ -198,14 +62,31 @@ const char *push_partial_path(lua_State *L, int index)
     return lua_pushfstring(L, path[size - 1] == '.' ? "%s" : "%s.", path);
 }
 
-/// The value at `index` as JSON (a new reference); raises when it has none.
-json_t *check_json(lua_State *L, int index)
+/// The value at `index` as JSON (a new reference); raises when it has none, as an error of argument `argument`.
+json_t *json_at(lua_State *L, int index, int argument)
 {
     const char *problem = nullptr;
     json_t *value = ve_lua_to_json(L, index, &problem);
-    if (value == nullptr)
-        luaL_argerror(L, index, problem);
+    if (value == nullptr) {
+        ve_lua_check_interrupt(L);
+        luaL_argerror(L, argument, problem);
+    }
     return value;
+}
+
+/// The table of named values that argument 2 may be, as a JSON object (a new reference); null when there is none.
+/// `problem` is raised of an array.
+json_t *check_named_values(lua_State *L, const char *problem)
+{
+    if (lua_isnil(L, 2))
+        return nullptr;
+    luaL_checktype(L, 2, LUA_TTABLE);
+    json_t *values = json_at(L, 2, 2);
+    if (!json_is_object(values)) {
+        json_decref(values);
+        luaL_argerror(L, 2, problem);
+    }
+    return values;
 }
 
 uint32_t check_number(lua_State *L, int index, lua_Integer least)
@@ -265,16 +146,16 @@ const char *entry_name(const json_t *entry)
 int dm_get(lua_State *L)
 {
     const char *path = check_path(L, 1);
-    message_box *box = push_box(L);
+    ve_lua_box *box = ve_lua_push_box(L);
     box->message = ve_jrpcmsg_cmd_get_parameter_values_new(one_name(path));
-    exchange(L, box);
+    ve_lua_exchange(L, box);
     const json_t *list = ve_jrpcmsg_parameter_list(box->message);
     const size_t count = json_array_size(list);
     if (count == 1) {
         const json_t *entry = json_array_get(list, 0);
         if (entry_name(entry) != nullptr && same_node(entry_name(entry), path)) {
             ve_lua_push_json(L, json_object_get(entry, "Value"));
-            return finish(box, 1);
+            return ve_lua_finish(box, 1);
         }
     }
     lua_createtable(L, 0, static_cast<int>(count));
@@ -287,15 +168,15 @@ int dm_get(lua_State *L)
         ve_lua_push_json(L, json_object_get(entry, "Value"));
         lua_rawset(L, -3);
     }
-    return finish(box, 1);
+    return ve_lua_finish(box, 1);
 }
 
 int dm_names(lua_State *L)
 {
     const char *path = check_path(L, 1);
-    message_box *box = push_box(L);
+    ve_lua_box *box = ve_lua_push_box(L);
     box->message = ve_jrpcmsg_cmd_get_parameter_names(path, 1);
-    exchange(L, box);
+    ve_lua_exchange(L, box);
     const json_t *list = ve_jrpcmsg_parameter_list(box->message);
     const size_t count = json_array_size(list);
     lua_createtable(L, static_cast<int>(count), 0);
@@ -308,23 +189,23 @@ int dm_names(lua_State *L)
         lua_rawseti(L, -2, ++position);
     }
     ve_lua_mark_array(L);
-    return finish(box, 1);
+    return ve_lua_finish(box, 1);
 }
 
 int dm_attrs(lua_State *L)
 {
     const char *path = check_path(L, 1);
-    message_box *box = push_box(L);
+    ve_lua_box *box = ve_lua_push_box(L);
     box->message = ve_jrpcmsg_cmd_get_parameter_attributes_new(one_name(path));
     json_object_set_new(ve_jrpcmsg_params(box->message), "Depth", json_integer(0));
-    exchange(L, box);
+    ve_lua_exchange(L, box);
     const json_t *entry = json_array_get(ve_jrpcmsg_parameter_list(box->message), 0);
     const json_t *attributes = json_object_get(entry, "Attributes");
-    if (attributes != nullptr)
+    if (json_is_object(attributes))
         ve_lua_push_json(L, attributes);
     else
         lua_newtable(L); // the root
-    return finish(box, 1);
+    return ve_lua_finish(box, 1);
 }
 
 // --- writing ---
@@ -334,15 +215,8 @@ int dm_attrs(lua_State *L)
 void add_setting(lua_State *L, json_t *list, int index, int argument)
 {
     luaL_argcheck(L, lua_type(L, index) == LUA_TSTRING, 1, "a path is expected");
-    size_t size = 0;
-    const char *path = lua_tolstring(L, index, &size);
-    luaL_argcheck(L, size > 0 && memchr(path, 0, size) == nullptr && ve_string_is_utf8(path), 1,
-                  "a path is a UTF-8 text");
-    const char *problem = nullptr;
-    json_t *value = ve_lua_to_json(L, index + 1, &problem);
-    if (value == nullptr)
-        luaL_argerror(L, argument, problem);
-    json_array_append_new(list, name_value(plain_path(path), value));
+    const char *path = path_at(L, index, 1);
+    json_array_append_new(list, name_value(path, json_at(L, index + 1, argument)));
 }
 
 int dm_set(lua_State *L)
@@ -352,7 +226,7 @@ int dm_set(lua_State *L)
         luaL_checkany(L, 2);
     }
     lua_settop(L, 2);
-    message_box *box = push_box(L);
+    ve_lua_box *box = ve_lua_push_box(L);
     json_t *list = json_array();
     box->message = ve_jrpcmsg_cmd_set_parameter_values_new(list);
     if (lua_istable(L, 1)) {
@@ -364,70 +238,78 @@ int dm_set(lua_State *L)
     } else {
         add_setting(L, list, 1, 2);
     }
-    exchange(L, box);
-    return finish_true(L, box);
+    ve_lua_exchange(L, box);
+    return ve_lua_finish_true(L, box);
 }
 
 int dm_add(lua_State *L)
 {
     const uint32_t order = lua_isnoneornil(L, 2) ? UINT32_MAX : check_number(L, 2, 1);
     const char *path = push_partial_path(L, 1);
-    message_box *box = push_box(L);
+    ve_lua_box *box = ve_lua_push_box(L);
     box->message = ve_jrpcmsg_cmd_add_object(path, order);
-    exchange(L, box);
+    ve_lua_exchange(L, box);
     lua_pushinteger(L, json_integer_value(json_object_get(ve_jrpcmsg_result(box->message), "InstanceNumber")));
-    return finish(box, 1);
+    return ve_lua_finish(box, 1);
 }
 
 int dm_del(lua_State *L)
 {
     const char *path = check_path(L, 1);
-    message_box *box = push_box(L);
+    ve_lua_box *box = ve_lua_push_box(L);
     box->message = ve_jrpcmsg_cmd_delete_object(path);
-    exchange(L, box);
-    return finish_true(L, box);
+    ve_lua_exchange(L, box);
+    return ve_lua_finish_true(L, box);
 }
 
 int dm_order(lua_State *L)
 {
     const uint32_t order = check_number(L, 2, 1);
     const char *path = check_path(L, 1);
-    message_box *box = push_box(L);
+    ve_lua_box *box = ve_lua_push_box(L);
     box->message = ve_jrpcmsg_cmd_change_order(path, order);
-    exchange(L, box);
-    return finish_true(L, box);
+    ve_lua_exchange(L, box);
+    return ve_lua_finish_true(L, box);
 }
 
 int dm_save(lua_State *L)
 {
-    message_box *box = push_request(L, "SaveConfig", nullptr);
-    exchange(L, box);
-    return finish_true(L, box);
+    ve_lua_box *box = ve_lua_push_request(L, "SaveConfig");
+    ve_lua_exchange(L, box);
+    return ve_lua_finish_true(L, box);
 }
 
 // --- methods ---
 
-/// Appends the values below `group` to `list`, their names joined by dots. Never raises.
-void flatten(json_t *list, const json_t *group, const std::string &prefix)
+/// Appends the values below `group` to `list`, their names joined by dots. Never raises. False when the names take more
+/// than the `*room` bytes that a message has for them.
+bool flatten(json_t *list, const json_t *group, const std::string &prefix, size_t *room)
 {
     const char *key;
     json_t *value;
     json_object_foreach(const_cast<json_t *>(group), key, value)
     {
         const std::string name = prefix.empty() ? key : prefix + "." + key;
-        if (json_is_object(value))
-            flatten(list, value, name);
-        else
-            json_array_append_new(list, name_value(name.c_str(), json_incref(value)));
+        if (name.size() > *room || ve_lua_stop_is_due())
+            return false;
+        if (json_is_object(value)) {
+            if (!flatten(list, value, name, room))
+                return false;
+            continue;
+        }
+        *room -= name.size();
+        json_array_append_new(list, name_value(name.c_str(), json_incref(value)));
     }
+    return true;
 }
 
+/// The list of a method's arguments (a new reference); null when it is too long for a message. Takes over `arguments`.
 json_t *flattened(json_t *arguments)
 {
     const json_ref owned(arguments);
-    json_t *list = json_array();
-    flatten(list, owned.get(), "");
-    return list;
+    json_ref list(json_array());
+    size_t room = ve_wire_line_max;
+    return flatten(list.get(), owned.get(), "", &room) ? list.release() : nullptr;
 }
 
 /// Pushes a component of a name: an instance number as an integer.
@@ -475,18 +357,14 @@ int dm_call(lua_State *L)
 {
     const char *path = check_path(L, 1);
     lua_settop(L, 2);
-    message_box *box = push_box(L);
-    json_t *arguments = nullptr;
-    if (!lua_isnil(L, 2)) {
-        luaL_checktype(L, 2, LUA_TTABLE);
-        arguments = check_json(L, 2);
-        if (!json_is_object(arguments)) {
-            json_decref(arguments);
-            return luaL_argerror(L, 2, "arguments have names");
-        }
+    ve_lua_box *box = ve_lua_push_box(L);
+    json_t *arguments = flattened(check_named_values(L, "arguments have names"));
+    if (arguments == nullptr) {
+        ve_lua_check_interrupt(L);
+        return luaL_argerror(L, 2, "longer than a message may be");
     }
-    box->message = ve_jrpcmsg_cmd_execute(path, flattened(arguments));
-    exchange(L, box);
+    box->message = ve_jrpcmsg_cmd_execute(path, arguments);
+    ve_lua_exchange(L, box);
     const json_t *list = ve_jrpcmsg_parameter_list(box->message);
     lua_newtable(L);
     for (size_t i = 0; i < json_array_size(list); ++i) {
@@ -494,36 +372,18 @@ int dm_call(lua_State *L)
         if (entry_name(entry) != nullptr)
             store_output(L, entry_name(entry), json_object_get(entry, "Value"));
     }
-    return finish(box, 1);
+    return ve_lua_finish(box, 1);
 }
 
 int dm_request(lua_State *L)
 {
     const char *method = check_text(L, 1);
     lua_settop(L, 2);
-    message_box *box = push_box(L);
-    json_t *params = nullptr;
-    if (!lua_isnil(L, 2)) {
-        luaL_checktype(L, 2, LUA_TTABLE);
-        params = check_json(L, 2);
-        if (!json_is_object(params)) {
-            json_decref(params);
-            return luaL_argerror(L, 2, "parameters have names");
-        }
-    }
-    box->message = ve_jrpcmsg_create_new(method, params);
-    exchange(L, box);
+    ve_lua_box *box = ve_lua_push_box(L);
+    box->message = ve_jrpcmsg_create_new(method, check_named_values(L, "parameters have names"));
+    ve_lua_exchange(L, box);
     ve_lua_push_json(L, ve_jrpcmsg_result(box->message));
-    return finish(box, 1);
-}
-
-int send_event(ve_lua_state *context, ve_jrpcmsg *message)
-{
-    const ve_lua_sigint_blocked blocked;
-    const ve_lua_hooks &hooks = ve_lua_installed_hooks();
-    if (hooks.send != nullptr)
-        return hooks.send(message);
-    return context->request_ctx != nullptr ? ve_jrpcapi_send(context->request_ctx, message) : -1;
+    return ve_lua_finish(box, 1);
 }
 
 int dm_event(lua_State *L)
@@ -531,16 +391,11 @@ int dm_event(lua_State *L)
     const lua_Integer id = luaL_checkinteger(L, 1);
     luaL_argcheck(L, id >= 0 && id <= UINT32_MAX, 1, "out of range");
     lua_settop(L, 2);
-    message_box *box = push_box(L);
-    json_t *value = lua_isnoneornil(L, 2) ? nullptr : check_json(L, 2);
+    ve_lua_box *box = ve_lua_push_box(L);
+    json_t *value = lua_isnil(L, 2) ? nullptr : json_at(L, 2, 2);
     box->message = ve_jrpcmsg_create_event_new(static_cast<uint32_t>(id), value);
-    const int result = send_event(ve_lua_of(L), box->message);
-    ve_lua_check_interrupt(L);
-    if (result < 0) {
-        ve_jrpcmsg_set_error(box->message, ve_jrpc_err_lost, "the daemon closed the link", nullptr);
-        return raise_answer(L, box);
-    }
-    return finish_true(L, box);
+    ve_lua_send(L, box);
+    return ve_lua_finish_true(L, box);
 }
 
 // --- login ---
@@ -552,12 +407,12 @@ void change_login(const char *user, const char *password)
         ve_lua_installed_hooks().login_changed(user, password);
 }
 
-json_t *login_params(lua_State *L)
+json_t *login_params(const char *user, const char *password)
 {
     json_t *params = json_object();
-    json_object_set_new(params, "User", json_string(lua_tostring(L, 1)));
-    if (lua_isstring(L, 2) && *lua_tostring(L, 2) != '\0')
-        json_object_set_new(params, "Password", json_string(lua_tostring(L, 2)));
+    json_object_set_new(params, "User", json_string(user));
+    if (password != nullptr && *password != '\0')
+        json_object_set_new(params, "Password", json_string(password));
     return params;
 }
 
@@ -567,27 +422,25 @@ int dm_login(lua_State *L)
     const char *user = check_text(L, 1);
     const char *password = lua_isnoneornil(L, 2) ? nullptr : check_text(L, 2);
     lua_settop(L, 2);
-    message_box *box = push_request(L, "Login", login_params);
-    const int result = transmit(ve_lua_of(L), box->message, login_timeout_ms);
-    ve_lua_check_interrupt(L);
-    if (result < 0 || ve_jrpcmsg_error_code(box->message) != 0) {
-        const message_box *logout = push_request(L, "Logout", nullptr);
-        transmit(ve_lua_of(L), logout->message, login_timeout_ms);
+    ve_lua_box *box = ve_lua_push_box(L);
+    box->message = ve_jrpcmsg_create_new("Login", login_params(user, password));
+    if (ve_lua_transmit(L, box, login_timeout_ms) < 0) {
+        ve_lua_transmit(L, ve_lua_push_request(L, "Logout"), login_timeout_ms);
         change_login(nullptr, nullptr);
-        return raise_answer(L, box);
+        return ve_lua_raise(L, box);
     }
     change_login(user, password);
     ve_lua_check_interrupt(L);
-    return finish_true(L, box);
+    return ve_lua_finish_true(L, box);
 }
 
 int dm_logout(lua_State *L)
 {
-    message_box *box = push_request(L, "Logout", nullptr);
-    exchange(L, box, login_timeout_ms);
+    ve_lua_box *box = ve_lua_push_request(L, "Logout");
+    ve_lua_exchange(L, box, login_timeout_ms);
     change_login(nullptr, nullptr);
     ve_lua_check_interrupt(L);
-    return finish_true(L, box);
+    return ve_lua_finish_true(L, box);
 }
 
 // --- the table ---
@@ -617,7 +470,8 @@ void push_null(lua_State *L)
     lua_createtable(L, 0, 2);
     lua_pushcfunction(L, null_tostring);
     lua_setfield(L, -2, "__tostring");
-    set_field(L, "__name", "null");
+    lua_pushliteral(L, "null");
+    lua_setfield(L, -2, "__name");
     lua_setmetatable(L, -2);
     lua_pushvalue(L, -1);
     lua_rawsetp(L, LUA_REGISTRYINDEX, null);
@@ -635,13 +489,7 @@ const luaL_Reg functions[] = {
 void ve_lua_open_dm(lua_State *L)
 {
     ve_lua_open_json(L);
-    luaL_newmetatable(L, box_type);
-    lua_pushcfunction(L, box_release);
-    lua_setfield(L, -2, "__gc");
-    luaL_newmetatable(L, error_type);
-    lua_pushcfunction(L, error_tostring);
-    lua_setfield(L, -2, "__tostring");
-    lua_pop(L, 2);
+    ve_lua_open_exchange(L);
     luaL_newlib(L, functions);
     push_null(L);
     lua_setfield(L, -2, "null");

@@ -34,6 +34,9 @@ private:
 
 const ve_lua_hooks &ve_lua_installed_hooks();
 
+/// Whether ve_lua_check_interrupt would raise; for C code that holds owners. It ends early then, and its caller lets
+/// the error come.
+bool ve_lua_stop_is_due();
 /// `timeout_ms` (-1 none), shortened to the time that code may still run.
 int ve_lua_time_left(int timeout_ms);
 

@@ -3,28 +3,50 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <vector>
+#include <unordered_map>
+#include <utility>
 
 #include "platform/ve_json.h"
 #include "vebase/lua/lua_impl.h"
+#include "vebase/wire/framing.h"
 
 namespace
 {
 
 const char array_mark = 0; // its address is the registry key of the arrays' metatable
 
+/// A value as JSON; without `json` when it has no such form.
+struct piece {
+    json_ref json;
+    size_t size = 0;     ///< bytes that it takes in a message, at the least
+    unsigned height = 0; ///< levels of tables
+};
+
 struct conversion {
     lua_State *state;
     const char *problem = nullptr;
-    std::vector<const void *> enclosing; ///< the tables being converted
+    unsigned depth = 0; ///< tables that enclose the one being converted
+    /// The tables that were met, one without JSON while it is being converted. One that stands in many places is
+    /// converted once, so that a small number of tables does not become a huge number of values.
+    std::unordered_map<const void *, piece> tables;
 };
 
-json_t *convert(conversion *run, int index);
+piece convert(conversion *run, int index);
 
-json_t *refuse(conversion *run, const char *problem)
+piece refuse(conversion *run, const char *problem)
 {
     run->problem = problem;
-    return nullptr;
+    return {};
+}
+
+piece refuse_depth(conversion *run)
+{
+    return refuse(run, "tables are nested too deep (more than 2040 levels)");
+}
+
+piece refuse_size(conversion *run)
+{
+    return refuse(run, "longer than a message may be");
 }
 
 bool is_marked(lua_State *L, int index)
@@ -63,83 +85,120 @@ shape shape_of(lua_State *L, int table, lua_Integer *count)
     return integers == *count && largest == *count ? shape::array : shape::mixed;
 }
 
-json_t *convert_array(conversion *run, int table, lua_Integer count)
+/// Counts a member, which takes `extra` bytes besides its value, into its table. False when that grows too long.
+bool count_member(piece *table, const piece &member, size_t extra)
 {
-    json_ref array(json_array());
+    table->size += member.size + extra;
+    table->height = std::max(table->height, member.height + 1);
+    return table->size <= ve_wire_line_max;
+}
+
+piece convert_array(conversion *run, int table, lua_Integer count)
+{
+    piece array = {.json = json_ref(json_array()), .size = 2, .height = 1};
     for (lua_Integer i = 1; i <= count; ++i) {
         lua_rawgeti(run->state, table, i);
-        json_t *element = convert(run, lua_gettop(run->state));
+        piece element = convert(run, lua_gettop(run->state));
         lua_pop(run->state, 1);
-        if (element == nullptr)
-            return nullptr;
-        json_array_append_new(array.get(), element);
+        if (!element.json)
+            return element;
+        if (!count_member(&array, element, i > 1 ? 1 : 0))
+            return refuse_size(run);
+        json_array_append_new(array.json.get(), element.json.release());
     }
-    return array.release();
+    return array;
 }
 
-json_t *convert_object(conversion *run, int table)
+/// The entry whose key is at `key`, its value above it.
+piece convert_member(conversion *run, int key, piece *object)
+{
+    size_t size = 0;
+    const char *name = lua_tolstring(run->state, key, &size);
+    if (memchr(name, 0, size) != nullptr)
+        return refuse(run, "a key that holds a NUL has no JSON form");
+    piece value = convert(run, key + 1);
+    if (!value.json)
+        return value;
+    if (!count_member(object, value, size + (object->size > 2 ? 4 : 3)))
+        return refuse_size(run);
+    if (json_object_set(object->json.get(), name, value.json.get()) != 0)
+        return refuse(run, "a key that is not UTF-8 has no JSON form");
+    return value;
+}
+
+piece convert_object(conversion *run, int table)
 {
     lua_State *L = run->state;
-    json_ref object(json_object());
+    piece object = {.json = json_ref(json_object()), .size = 2, .height = 1};
     lua_pushnil(L);
     while (lua_next(L, table) != 0) {
-        size_t size = 0;
-        const char *key = lua_tolstring(L, -2, &size);
-        if (memchr(key, 0, size) != nullptr) {
-            lua_pop(L, 2);
-            return refuse(run, "a key that holds a NUL has no JSON form");
-        }
-        json_t *value = convert(run, lua_gettop(L));
+        const piece member = convert_member(run, lua_absindex(L, -2), &object);
         lua_pop(L, 1);
-        if (value == nullptr || json_object_set_new(object.get(), key, value) != 0) {
+        if (!member.json) {
             lua_pop(L, 1);
-            return value == nullptr ? nullptr : refuse(run, "a key that is not UTF-8 has no JSON form");
+            return {};
         }
     }
-    return object.release();
+    return object;
 }
 
-json_t *convert_table(conversion *run, int table)
+piece convert_new_table(conversion *run, int table)
 {
-    const void *identity = lua_topointer(run->state, table);
-    if (std::find(run->enclosing.begin(), run->enclosing.end(), identity) != run->enclosing.end())
-        return refuse(run, "a table that contains itself has no JSON form");
-    if (run->enclosing.size() >= ve_lua_json_depth_max)
-        return refuse(run, "tables are nested too deep (more than 2040 levels)");
+    if (run->depth >= ve_lua_json_depth_max)
+        return refuse_depth(run);
     if (lua_checkstack(run->state, 6) == 0)
         return refuse(run, "not enough memory");
     lua_Integer count = 0;
     const shape kind = shape_of(run->state, table, &count);
     if (kind == shape::mixed)
         return refuse(run, "a table whose keys are neither all texts nor 1 to n has no JSON form");
-    run->enclosing.push_back(identity);
-    json_t *value = kind == shape::array ? convert_array(run, table, count) : convert_object(run, table);
-    run->enclosing.pop_back();
+    ++run->depth;
+    piece value = kind == shape::array ? convert_array(run, table, count) : convert_object(run, table);
+    --run->depth;
     return value;
 }
 
-json_t *convert_number(conversion *run, int index)
+piece convert_table(conversion *run, int table)
 {
-    if (lua_isinteger(run->state, index))
-        return json_integer(lua_tointeger(run->state, index));
-    const lua_Number number = lua_tonumber(run->state, index);
-    return std::isfinite(number) ? json_real(number) : refuse(run, "a number that is not finite has no JSON form");
+    const auto [place, is_new] = run->tables.try_emplace(lua_topointer(run->state, table));
+    piece &known = place->second; // stays where it is while others come
+    if (is_new)
+        known = convert_new_table(run, table);
+    else if (!known.json)
+        return refuse(run, "a table that contains itself has no JSON form");
+    else if (run->depth + known.height > ve_lua_json_depth_max)
+        return refuse_depth(run);
+    return {.json = json_ref::share(known.json.get()), .size = known.size, .height = known.height};
 }
 
-json_t *convert_text(conversion *run, int index)
+piece convert_number(conversion *run, int index)
+{
+    if (lua_isinteger(run->state, index))
+        return {.json = json_ref(json_integer(lua_tointeger(run->state, index))), .size = 1};
+    const lua_Number number = lua_tonumber(run->state, index);
+    if (!std::isfinite(number))
+        return refuse(run, "a number that is not finite has no JSON form");
+    return {.json = json_ref(json_real(number)), .size = 3};
+}
+
+piece convert_text(conversion *run, int index)
 {
     size_t size = 0;
     const char *bytes = lua_tolstring(run->state, index, &size);
-    json_t *value = json_stringn(bytes, size);
-    return value != nullptr ? value : refuse(run, "a text that is not UTF-8 has no JSON form");
+    if (size > ve_wire_line_max)
+        return refuse_size(run);
+    piece text = {.json = json_ref(json_stringn(bytes, size)), .size = size + 2};
+    return text.json ? std::move(text) : refuse(run, "a text that is not UTF-8 has no JSON form");
 }
 
-json_t *convert(conversion *run, int index)
+piece convert(conversion *run, int index)
 {
     lua_State *L = run->state;
+    if (ve_lua_stop_is_due())
+        return refuse(run, "interrupted");
     switch (lua_type(L, index)) {
     case LUA_TBOOLEAN:
-        return json_boolean(lua_toboolean(L, index));
+        return {.json = json_ref(json_boolean(lua_toboolean(L, index))), .size = 4};
     case LUA_TNUMBER:
         return convert_number(run, index);
     case LUA_TSTRING:
@@ -155,7 +214,7 @@ json_t *convert(conversion *run, int index)
         return refuse(run, "a coroutine has no JSON form");
     default:
         if (lua_touserdata(L, index) == ve_lua_of(L)->null_value)
-            return json_null();
+            return {.json = json_ref(json_null()), .size = 4};
         return refuse(run, "a userdata has no JSON form");
     }
 }
@@ -189,6 +248,7 @@ void push_object(lua_State *L, const json_t *object)
 void ve_lua_push_json(lua_State *L, const json_t *value)
 {
     luaL_checkstack(L, 6, "the answer is nested too deep");
+    ve_lua_check_interrupt(L);
     switch (value != nullptr ? json_typeof(value) : JSON_NULL) {
     case JSON_OBJECT:
         push_object(L, value);
@@ -217,10 +277,10 @@ void ve_lua_push_json(lua_State *L, const json_t *value)
 
 json_t *ve_lua_to_json(lua_State *L, int index, const char **problem)
 {
-    conversion run{.state = L, .problem = nullptr, .enclosing = {}};
-    json_t *value = convert(&run, lua_absindex(L, index));
+    conversion run{.state = L, .problem = nullptr, .depth = 0, .tables = {}};
+    piece value = convert(&run, lua_absindex(L, index));
     *problem = run.problem;
-    return value;
+    return value.json.release();
 }
 
 void ve_lua_mark_array(lua_State *L)

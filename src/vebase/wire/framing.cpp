@@ -10,10 +10,18 @@ namespace
 constexpr size_t read_room = 4096;
 constexpr size_t kept_capacity = size_t{256} << 10;
 
-int append_chunk(const char *data, size_t size, void *out)
+struct line_writer {
+    std::string *out;
+    size_t end_max; ///< where the line ends at the latest
+};
+
+/// Refuses what no longer fits, so that a value which is too long is not written out first.
+int append_chunk(const char *data, size_t size, void *writer)
 {
-    auto *text = static_cast<std::string *>(out);
-    text->append(data, size);
+    const auto *line = static_cast<line_writer *>(writer);
+    if (size > line->end_max - line->out->size())
+        return -1;
+    line->out->append(data, size);
     return 0;
 }
 
@@ -98,7 +106,8 @@ json_t *ve_wire_decode(std::string_view line)
 int ve_wire_encode(const json_t *message, std::string *out)
 {
     const size_t before = out->size();
-    if (json_dump_callback(message, append_chunk, out, JSON_COMPACT) != 0 || out->size() - before > ve_wire_line_max) {
+    line_writer line = {.out = out, .end_max = before + ve_wire_line_max};
+    if (json_dump_callback(message, append_chunk, &line, JSON_COMPACT) != 0) {
         out->resize(before);
         return -1;
     }

@@ -1,0 +1,195 @@
+#include "vebase/lua/lua_exchange.h"
+
+#include <cstdlib>
+#include <string>
+
+#include "platform/ve_jrpcapi.h"
+#include "platform/ve_out.h"
+#include "vebase/lua/lua_impl.h"
+#include "vebase/lua/lua_json.h"
+
+namespace
+{
+
+constexpr char box_type[] = "dm.message";
+constexpr char error_type[] = "dm.error";
+constexpr char lines_name[] = "dm.error.lines"; // registry: the data of an error → its lines in the error's text
+
+void release(ve_lua_box *box)
+{
+    ve_jrpcmsg_free(box->message);
+    box->message = nullptr;
+}
+
+int box_release(lua_State *L)
+{
+    release(static_cast<ve_lua_box *>(lua_touserdata(L, 1)));
+    return 0;
+}
+
+void set_field(lua_State *L, const char *name, const char *text)
+{
+    lua_pushstring(L, text);
+    lua_setfield(L, -2, name);
+}
+
+/// Pushes "\nkey: value" of every entry, in the daemon's order, which a Lua table does not keep.
+void push_lines(lua_State *L, json_t *data)
+{
+    static std::string lines; // not a local: the push may raise
+    const char *key;
+    json_t *value;
+    lines.clear();
+    json_object_foreach(data, key, value)
+    {
+        char *text = json_dumps(value, JSON_ENCODE_ANY);
+        lines.append("\n").append(ve_visible(key)).append(": ").append(ve_visible(text != nullptr ? text : "?"));
+        free(text);
+    }
+    lua_pushlstring(L, lines.data(), lines.size());
+}
+
+const char *shown_field(lua_State *L, int index)
+{
+    const char *text = lua_tostring(L, index);
+    return text != nullptr ? ve_visible(text) : "?";
+}
+
+/// "[code] title: message" and a line for every entry of the data, as the shell shows a refusal.
+int error_tostring(lua_State *L)
+{
+    luaL_checktype(L, 1, LUA_TTABLE);
+    lua_settop(L, 1);
+    lua_getfield(L, 1, "code");
+    lua_getfield(L, 1, "title");
+    lua_getfield(L, 1, "message");
+    lua_pushfstring(L, "[%s] %s: %s", shown_field(L, 2), shown_field(L, 3), shown_field(L, 4));
+    lua_getfield(L, LUA_REGISTRYINDEX, lines_name);
+    lua_getfield(L, 1, "data");
+    if (lua_istable(L, 6) && lua_istable(L, 7) && lua_rawget(L, 6) == LUA_TSTRING) {
+        lua_remove(L, 6);
+        lua_concat(L, 2);
+    } else {
+        lua_settop(L, 5);
+    }
+    return 1;
+}
+
+/// Sets the error's field "data" and remembers how it reads.
+void set_data(lua_State *L, json_t *data)
+{
+    ve_lua_push_json(L, data);
+    lua_getfield(L, LUA_REGISTRYINDEX, lines_name);
+    lua_pushvalue(L, -2);
+    push_lines(L, data);
+    lua_rawset(L, -3);
+    lua_pop(L, 1);
+    lua_setfield(L, -2, "data");
+}
+
+int exchange(const ve_lua_state *context, ve_jrpcmsg *message, int timeout_ms)
+{
+    const ve_lua_sigint_blocked blocked;
+    const ve_lua_hooks &hooks = ve_lua_installed_hooks();
+    timeout_ms = ve_lua_time_left(timeout_ms);
+    if (hooks.exec != nullptr)
+        return hooks.exec(message, timeout_ms);
+    if (context->request_ctx == nullptr) {
+        ve_jrpcmsg_set_error(message, ve_jrpc_err_lost, "no link to the daemon", nullptr);
+        return -1;
+    }
+    ve_jrpcapi_set_timeout(context->request_ctx, timeout_ms);
+    return ve_jrpcapi_exec(context->request_ctx, message);
+}
+
+int send(const ve_lua_state *context, ve_jrpcmsg *message)
+{
+    const ve_lua_sigint_blocked blocked;
+    const ve_lua_hooks &hooks = ve_lua_installed_hooks();
+    if (hooks.send != nullptr)
+        return hooks.send(message);
+    return context->request_ctx != nullptr ? ve_jrpcapi_send(context->request_ctx, message) : -1;
+}
+
+} // namespace
+
+ve_lua_box *ve_lua_push_box(lua_State *L)
+{
+    auto *box = static_cast<ve_lua_box *>(lua_newuserdata(L, sizeof(ve_lua_box)));
+    box->message = nullptr;
+    luaL_setmetatable(L, box_type);
+    return box;
+}
+
+ve_lua_box *ve_lua_push_request(lua_State *L, const char *method)
+{
+    ve_lua_box *box = ve_lua_push_box(L);
+    box->message = ve_jrpcmsg_create_new(method, nullptr);
+    return box;
+}
+
+int ve_lua_raise(lua_State *L, ve_lua_box *box)
+{
+    lua_createtable(L, 0, 4);
+    lua_pushinteger(L, ve_jrpcmsg_error_code(box->message));
+    lua_setfield(L, -2, "code");
+    set_field(L, "title", ve_jrpcmsg_error_title(box->message));
+    set_field(L, "message", ve_jrpcmsg_error_message(box->message));
+    if (json_t *data = ve_jrpcmsg_error_data(box->message))
+        set_data(L, data);
+    luaL_setmetatable(L, error_type);
+    release(box);
+    return lua_error(L);
+}
+
+int ve_lua_transmit(lua_State *L, const ve_lua_box *box, int timeout_ms)
+{
+    const int result = exchange(ve_lua_of(L), box->message, timeout_ms);
+    ve_lua_check_interrupt(L);
+    return result < 0 || ve_jrpcmsg_error_code(box->message) != 0 ? -1 : 0;
+}
+
+void ve_lua_exchange(lua_State *L, ve_lua_box *box, int timeout_ms)
+{
+    if (ve_lua_transmit(L, box, timeout_ms) < 0)
+        ve_lua_raise(L, box);
+}
+
+void ve_lua_send(lua_State *L, ve_lua_box *box)
+{
+    const int result = send(ve_lua_of(L), box->message);
+    ve_lua_check_interrupt(L);
+    if (result >= 0)
+        return;
+    if (ve_jrpcmsg_error_code(box->message) == 0)
+        ve_jrpcmsg_set_error(box->message, ve_jrpc_err_lost, "the daemon closed the link", nullptr);
+    ve_lua_raise(L, box);
+}
+
+int ve_lua_finish(ve_lua_box *box, int results)
+{
+    release(box);
+    return results;
+}
+
+int ve_lua_finish_true(lua_State *L, ve_lua_box *box)
+{
+    lua_pushboolean(L, 1);
+    return ve_lua_finish(box, 1);
+}
+
+void ve_lua_open_exchange(lua_State *L)
+{
+    luaL_newmetatable(L, box_type);
+    lua_pushcfunction(L, box_release);
+    lua_setfield(L, -2, "__gc");
+    luaL_newmetatable(L, error_type);
+    lua_pushcfunction(L, error_tostring);
+    lua_setfield(L, -2, "__tostring");
+    lua_newtable(L); // forgets the data that nobody holds any more
+    lua_createtable(L, 0, 1);
+    set_field(L, "__mode", "k");
+    lua_setmetatable(L, -2);
+    lua_setfield(L, LUA_REGISTRYINDEX, lines_name);
+    lua_pop(L, 2);
+}
