@@ -47,6 +47,16 @@ int exchange(ve_jrpcmsg *msg, int timeout_ms)
     return ve_jrpcapi_exec(request_ctx, msg);
 }
 
+/// Whether what ended with `result` met a lost link that is there again now, so that it is worth another try.
+bool link_came_back(int result)
+{
+    if (result >= 0 || ve_jrpcapi_get_socket_err(request_ctx) != ve_socket_err_closed || !reconnect_allowed ||
+        reconnect_under_way())
+        return false;
+    server_reconnect("Reconnecting... ");
+    return !ve_wait_interrupted();
+}
+
 } // namespace
 
 void request_set_hooks(const request_hooks &filled)
@@ -59,12 +69,8 @@ int msg_exec(ve_jrpcmsg *msg, int timeout_ms)
     if (request_ctx == nullptr)
         return refuse(msg);
     int result = exchange(msg, timeout_ms);
-    if (result < 0 && ve_jrpcapi_get_socket_err(request_ctx) == ve_socket_err_closed && reconnect_allowed &&
-        !reconnect_under_way()) {
-        server_reconnect("Reconnecting... ");
-        if (!ve_wait_interrupted())
-            result = exchange(msg, timeout_ms);
-    }
+    if (link_came_back(result))
+        result = exchange(msg, timeout_ms);
     ve_jrpcapi_set_timeout(request_ctx, usual_timeout_ms);
     return result;
 }
@@ -81,6 +87,12 @@ int msg_exec_once(ve_jrpcmsg *msg, int timeout_ms)
 int msg_send(ve_jrpcmsg *msg)
 {
     return request_ctx == nullptr ? refuse(msg) : ve_jrpcapi_send(request_ctx, msg);
+}
+
+int msg_post(ve_jrpcmsg *msg)
+{
+    const int result = msg_send(msg);
+    return request_ctx != nullptr && link_came_back(result) ? msg_send(msg) : result;
 }
 
 int msg_login(const char *user, const char *password)

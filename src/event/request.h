@@ -26,12 +26,14 @@ int msg_exec(ve_jrpcmsg *msg, int timeout_ms);
 int msg_exec_once(ve_jrpcmsg *msg, int timeout_ms);
 /// Sends without waiting for an answer. Returns 0 or negative.
 int msg_send(ve_jrpcmsg *msg);
+/// The same, but a lost link is re-established once, as msg_exec does, and the message sent on the new one.
+int msg_post(ve_jrpcmsg *msg);
 /// 0 = accepted.
 int msg_login(const char *user, const char *password);
 int msg_logout();
 
-/// Whether msg_exec may reconnect (it may at first). Switched off around the line editor's callbacks. Returns what
-/// held.
+/// Whether msg_exec and msg_post may reconnect (they may at first). Switched off around the line editor's callbacks.
+/// Returns what held.
 bool msg_allow_reconnect(bool allowed);
 
 /// Re-establishes the request link, showing `text` and a spinner until the daemon accepts; the client is anonymous then

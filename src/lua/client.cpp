@@ -15,7 +15,7 @@ void change_login(const char *user, const char *password)
 
 lua_client::lua_client(void (*leaving)()) : context_(ve_lua_init(0))
 {
-    ve_lua_set_hooks({msg_exec, msg_send, change_login, leaving});
+    ve_lua_set_hooks({msg_exec, msg_post, change_login, leaving});
     if (context_ == nullptr)
         ve_puts("LUA ERROR: not enough memory");
     else

@@ -32,8 +32,8 @@ void ve_lua_free(ve_lua_context *context);
 /// What the bindings do through the client above the link. Members may be null: then the context's link is used as it
 /// is.
 struct ve_lua_hooks {
-    int (*exec)(ve_jrpcmsg *message, int timeout_ms); ///< as ve_jrpcapi_exec, reconnecting
-    int (*send)(ve_jrpcmsg *message);
+    int (*exec)(ve_jrpcmsg *message, int timeout_ms);              ///< as ve_jrpcapi_exec, reconnecting
+    int (*send)(ve_jrpcmsg *message);                              ///< as ve_jrpcapi_send, reconnecting
     void (*login_changed)(const char *user, const char *password); ///< both null after a logout
     void (*leaving)();                                             ///< os.exit is about to end the program
 };

@@ -74,6 +74,12 @@ taken take_answer(ve_jrpcapi *ctx, ve_jrpcmsg *message)
     }
 }
 
+/// Takes in what there is, which nobody waits for. False when the peer is gone or talks nonsense.
+bool drop_input(ve_jrpcapi *ctx)
+{
+    return ve_link_fill(ctx) >= 0 && take_answer(ctx, nullptr) != taken::garbage;
+}
+
 bool is_over(int64_t deadline)
 {
     return deadline >= 0 && ve_wait_deadline(0) >= deadline;
@@ -231,12 +237,13 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
 int ve_jrpcapi_send(ve_jrpcapi *ctx, ve_jrpcmsg *message)
 {
     const int64_t deadline = ve_wait_deadline(ctx->timeout_ms);
-    if (ctx->socket.state != ve_socket_connected)
+    // On a link whose events a thread reads, that thread takes what comes in.
+    const bool reads = (ctx->flags & ve_jrpcapi_flag_events) == 0;
+    // TCP takes a message for a peer that has hung up; only reading tells.
+    if (ctx->socket.state != ve_socket_connected || (reads && !drop_input(ctx)))
         return fail(ctx, message, ve_socket_err_closed);
     if (enqueue(ctx, message) < 0)
         return -1;
-    // On a link whose events a thread reads, that thread takes what comes in.
-    const bool reads = (ctx->flags & ve_jrpcapi_flag_events) == 0;
     for (int flushed = ve_link_flush(ctx);;) {
         if (flushed < 0)
             return fail(ctx, message, ve_socket_err_closed);
@@ -248,8 +255,7 @@ int ve_jrpcapi_send(ve_jrpcapi *ctx, ve_jrpcmsg *message)
         const int ready = ve_wait_poll(&fd, 1, deadline);
         if (ready <= 0)
             return fail(ctx, message, ready == 0 ? ve_socket_err_timeout : ve_socket_err_interrupted);
-        if (reads && (fd.revents & POLLIN) != 0 &&
-            (ve_link_fill(ctx) < 0 || take_answer(ctx, nullptr) == taken::garbage))
+        if (reads && (fd.revents & POLLIN) != 0 && !drop_input(ctx))
             flushed = -1;
         else
             flushed = ve_link_flush(ctx);
