@@ -92,8 +92,10 @@ bool push_candidate(lua_State *L, int key, const char *part)
             lua_pushvalue(L, key);
         return is_text;
     }
-    if (lua_isinteger(L, key)) {
-        lua_pushfstring(L, "%I]", static_cast<LUAI_UACINT>(lua_tointeger(L, key)));
+    int is_integer = 0; // of value: a __pairs may hand out floats
+    const lua_Integer number = lua_type(L, key) == LUA_TNUMBER ? lua_tointegerx(L, key, &is_integer) : 0;
+    if (is_integer != 0) {
+        lua_pushfstring(L, "%I]", static_cast<LUAI_UACINT>(number));
         return true;
     }
     const char quote = *part == '\'' ? '\'' : '"';

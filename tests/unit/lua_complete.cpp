@@ -127,6 +127,13 @@ TEST_F(Completion, FollowsMetatables)
     EXPECT_EQ(at("io.stdout:wr"), "io.stdout:write");
 }
 
+TEST_F(Completion, OffersFloatKeysOfWholeValueAsIntegers)
+{
+    run("p = setmetatable({}, {__pairs = function() local keys = {1.0, 2.5, 3, '4'} "
+        "return function(_, k) k = table.remove(keys, 1) return k, k end end})");
+    EXPECT_EQ(at("p["), "p[1] p[3] p[\"4\"]");
+}
+
 TEST_F(Completion, StaysSilentWhenWhatItEvaluatesFails)
 {
     run("bad = setmetatable({}, {__pairs = function() error('no') end, __index = function() error('no') end})");
