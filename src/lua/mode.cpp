@@ -154,6 +154,13 @@ void leave_program()
     stop_event_handler();
 }
 
+/// The same of a statement of the shell, whose history it is then.
+void leave_shell()
+{
+    kest_readline_cleanup();
+    stop_event_handler();
+}
+
 int lua_mode_run()
 {
     sigint_buf_setted = 0;
@@ -192,7 +199,7 @@ int process_lua(const char *, json_t *args)
         text.append(arg_text(args, i)).append(" ");
     ve_puts(text.c_str());
     ve_out_flush();
-    const jump_safe<lua_client> client(stop_event_handler);
+    const jump_safe<lua_client> client(leave_shell);
     if (!client)
         return 0;
     lua_run_begin();
@@ -201,10 +208,13 @@ int process_lua(const char *, json_t *args)
         lua_run_deliver();
         return 0;
     }
-    if (status != 0)
-        ve_printf("LUA ERROR: %s\n", client.get()->error.c_str());
-    else
+    if (status != 0) {
+        ve_printf("LUA ERROR: ");
+        ve_out_write(client.get()->error.data(), client.get()->error.size());
+        ve_puts("");
+    } else {
         ve_out_write(client.get()->output.data(), client.get()->output.size());
+    }
     ve_out_flush();
     return 0;
 }

@@ -83,6 +83,7 @@ int cleanup(lua_State *L)
 /// Lua function of the results table and a value: shows the value and stores it.
 int show_result(lua_State *L)
 {
+    luaL_checktype(L, 1, LUA_TTABLE); // code that knows the registry can take it away
     const char *description = luap_describe(L, 2);
     const size_t size = luap_description_length();
     lua_pushvalue(L, 2);

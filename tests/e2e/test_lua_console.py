@@ -51,6 +51,20 @@ def test_os_exit_shows_first_what_was_printed(veld, kest):
     assert run.status == 3
 
 
+def test_os_exit_in_a_statement_keeps_the_shells_history(veld, kest, private_tmp):
+    (private_tmp / ".kest.hist").write_text("old\n")
+    run = kest(to=veld, stdin="pwd\nlua os.exit(4)\npwd\n")
+    assert run.status == 4
+    assert (private_tmp / ".kest.hist").read_text() == "old\npwd\nlua os.exit(4)\n"
+    kest("-r", "lua", "os.exit(4)", to=veld)
+    assert (private_tmp / ".kest.hist").read_text() == "old\npwd\nlua os.exit(4)\n"
+
+
+def test_a_nul_does_not_cut_an_error(veld, kest):
+    run = kest("-r", "lua", "error('a\\0b', 0)", to=veld)
+    assert run.out == "error('a\\0b', 0) \nLUA ERROR: a\0b\n"
+
+
 @pytest.mark.skipif(b"__asan_init" in settings.KEST.read_bytes(), reason="the sanitizer ends the program first")
 def test_a_lack_of_memory_is_an_error_of_the_code(veld):
     code = "local t = {} for i = 1, 1e9 do t[i] = ('x'):rep(1e7) .. i end"
@@ -123,6 +137,12 @@ def test_metamethods_that_raise_end_neither_statement_nor_program(veld, kest):
     )
     assert "no global _\n" in run.err and "no eq\n" in run.err and "no index\n" in run.err and "no gc" in run.err
     assert run.shown == "_[1] = 2\n_[2] = 1\n_[3] = 2\n_[4] = 7\n"
+
+
+def test_results_without_their_table_are_an_error(veld, kest):
+    run = lua_mode(kest, veld, "for i = 3, 100 do debug.getregistry()[i] = nil end\n1\nprint(2)")
+    assert "table expected, got nil" in run.err
+    assert run.shown == "2\n"
 
 
 def test_the_trace_of_an_endless_recursion_is_whole(veld, kest):
@@ -365,6 +385,21 @@ def test_a_binding_reconnects(veld, kest_start, tmp_path):
     flag.touch()
     program.finish()
     assert program.out.endswith("true\n")
+
+
+@pytest.mark.parametrize("address", [None, "tcp://127.0.0.1:0"])
+def test_an_event_reconnects_too(fake_start, kest_start, tmp_path, address):
+    fake = fake_start(address)
+    flag = tmp_path / "restarted"
+    code = f"io.stderr:write('up') while not io.open('{flag}') do end print(dm.event(100, 'x'))"
+    program = kest_start("-r", "lua", code, to=fake)
+    program.wait_for("up", stream="err")
+    fake.go_down()
+    fake.come_back()
+    flag.touch()
+    program.finish()
+    assert "\nReconnecting... \n" in program.out and program.out.endswith("true\n")
+    fake.wait_for(lambda fake: fake.params("Event") == [{"Id": 100, "Value": "x"}])
 
 
 # --- login ---
