@@ -9,6 +9,7 @@
 #include "platform/ve_json.h"
 #include "platform/ve_landing.h"
 #include "platform/ve_log.h"
+#include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 
 char *saved_login = nullptr;
@@ -43,6 +44,9 @@ int refuse(ve_jrpcmsg *msg)
 
 int exchange(ve_jrpcmsg *msg, int timeout_ms)
 {
+    // Nobody at a terminal waits without seeing what was said before.
+    if (ve_out_is_terminal())
+        ve_out_flush();
     ve_jrpcapi_set_timeout(request_ctx, timeout_ms);
     return ve_jrpcapi_exec(request_ctx, msg);
 }

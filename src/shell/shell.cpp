@@ -48,6 +48,7 @@ void print_banner()
     ve_puts("***\nWARNING - for experts only!\n"
             "This tool is not intended to use by users 'cause it can cause harm to the device!\n***");
     ve_puts("Interactive mode. \nEnter 'help' or '?' for help, 'q' for exit.");
+    ve_out_flush(); // a daemon may take its time with what comes next
 }
 
 /// Logs the user of this process in, whom the daemon knows by the socket's credentials.

@@ -329,6 +329,15 @@ def test_ctrl_c_ends_a_one_shot_that_waits(kest_start, fake):
     assert run.finish().status == -signal.SIGINT
 
 
+def test_what_a_command_has_said_is_on_the_screen_while_it_waits(term, fake, scheme):
+    fake.on("GetParameterValues", [scheme.GetParameterValues, Silence()])
+    term.type("cat Device.A Device.Sub.B" + Key.ENTER)
+    term.wait_for(lambda term: "A = 1" in term.lines)
+    term.type(Key.CTRL_C)
+    term.wait_prompt("kest:> ")
+    assert "A = 1" in term.lines
+
+
 # Other kinds of links
 
 

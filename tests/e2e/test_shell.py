@@ -55,6 +55,12 @@ def test_the_shell_greets_logs_in_and_loads_the_scheme(kest, fake):
     ]
 
 
+def test_the_greeting_does_not_wait_for_the_daemon(kest_start, fake):
+    fake.on("Login", Silence()).otherwise(Silence())
+    run = kest_start(to=fake)
+    run.wait_for(BANNER)
+
+
 def test_a_refused_login_leaves_the_user_anonymous(kest, fake):
     fake.serve(MODEL)
     fake.on("Login", Error(9001, "Request denied"))
