@@ -484,6 +484,34 @@ TEST(JrpcApi, ReceivesEventsAndAnswersAndPassesOverTheRest)
     EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_closed);
 }
 
+TEST(JrpcApi, KeepsTheEventsThatComeBeforeAnAnswerOnALinkThatReadsThem)
+{
+    const scripted_peer peer([](peer_link &link) {
+        while (const long id = link.request())
+            link.send(R"({"method":"Event","params":{"Id":12,"Value":1}})"
+                      "\n"
+                      R"({"method":"Other"})"
+                      "\n" +
+                      peer_link::answer_text(id + 100) + R"({"method":"Event","params":{"Id":13}})" + "\n" +
+                      peer_link::answer_text(id) + R"({"method":"Event","params":{"Id":14}})" + "\n");
+    });
+    const context ctx = connected_to(peer);
+    ve_jrpcapi_set_flags(ctx.get(), ve_jrpcapi_flag_events);
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(ask(ctx), 0);
+        for (const size_t id : {12U, 13U, 14U}) {
+            const msg_ref event(ve_jrpcapi_recv(ctx.get()));
+            ASSERT_TRUE(event);
+            EXPECT_EQ(ve_jrpcmsg_event_id(event.get()), id);
+        }
+    }
+    // A lost link takes along what was kept.
+    ASSERT_EQ(ask(ctx), 0);
+    ve_jrpcapi_disconnect(ctx.get());
+    EXPECT_EQ(ve_jrpcapi_recv(ctx.get()), nullptr);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_closed);
+}
+
 TEST(JrpcApi, AWakeUpEndsTheReceiveUnderWayOrTheNextAndNoOther)
 {
     const scripted_peer peer([](peer_link &link) { link.closed(); });

@@ -53,23 +53,33 @@ int enqueue(ve_jrpcapi *ctx, ve_jrpcmsg *message)
     return -1;
 }
 
-enum class taken { answer, nothing, garbage };
+enum class taken { found, nothing, garbage };
 
-/// Looks for the answer to `message` among the lines received; what is nobody's is dropped.
+/// The next object that came in.
+taken take_object(ve_jrpcapi *ctx, json_ref *object)
+{
+    std::string_view line;
+    const auto state = ctx->reader.next(&line);
+    if (state == ve_wire_reader::state::more)
+        return taken::nothing;
+    object->reset(state == ve_wire_reader::state::line ? ve_wire_decode(line) : nullptr);
+    return *object ? taken::found : taken::garbage;
+}
+
+/// Looks for the answer to `message` among what came in. Events are kept for the receives on a link that reads them;
+/// what is nobody's is dropped.
 taken take_answer(ve_jrpcapi *ctx, ve_jrpcmsg *message)
 {
     for (;;) {
-        std::string_view line;
-        const auto state = ctx->reader.next(&line);
-        if (state == ve_wire_reader::state::more)
-            return taken::nothing;
-        const json_ref json(state == ve_wire_reader::state::line ? ve_wire_decode(line) : nullptr);
-        if (!json)
-            return taken::garbage;
-        if (message != nullptr && json_object_get(json.get(), "method") == nullptr &&
-            ve_jrpcmsg_is_answered_by(message, json.get())) {
-            ve_jrpcmsg_take_answer(message, json.get());
-            return taken::answer;
+        json_ref object;
+        if (const taken got = take_object(ctx, &object); got != taken::found)
+            return got;
+        if (json_object_get(object.get(), "method") != nullptr) {
+            if ((ctx->flags & ve_jrpcapi_flag_events) != 0)
+                ctx->early.push_back(std::move(object));
+        } else if (message != nullptr && ve_jrpcmsg_is_answered_by(message, object.get())) {
+            ve_jrpcmsg_take_answer(message, object.get());
+            return taken::found;
         }
     }
 }
@@ -104,17 +114,16 @@ bool take_wake(ve_jrpcapi *ctx)
 /// The next message that a receive hands out, or null; `*broken` says that the peer talks nonsense.
 ve_jrpcmsg *take_message(ve_jrpcapi *ctx, bool *broken)
 {
-    std::string_view line;
     for (;;) {
-        const auto state = ctx->reader.next(&line);
-        if (state == ve_wire_reader::state::more)
-            return nullptr;
-        const json_ref json(state == ve_wire_reader::state::line ? ve_wire_decode(line) : nullptr);
-        if (!json) {
-            *broken = true;
+        json_ref object;
+        if (!ctx->early.empty()) {
+            object = std::move(ctx->early.front());
+            ctx->early.pop_front();
+        } else if (const taken got = take_object(ctx, &object); got != taken::found) {
+            *broken = got == taken::garbage;
             return nullptr;
         }
-        ve_jrpcmsg *message = ve_jrpcmsg_parse_json(json.get());
+        ve_jrpcmsg *message = ve_jrpcmsg_parse_json(object.get());
         if (message != nullptr &&
             (message->kind == ve_jrpcmsg_answer || (message->kind == ve_jrpcmsg_event && message->event_id != 0)))
             return message;
@@ -208,7 +217,7 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
     for (bool first = true;; first = false) {
         // An answer counts even when the link went right behind it.
         const taken found = take_answer(ctx, message);
-        if (found == taken::answer) {
+        if (found == taken::found) {
             if (flushed < 0)
                 ve_link_lose(ctx);
             ve_jrpcapi_note(ctx, ve_socket_err_none);

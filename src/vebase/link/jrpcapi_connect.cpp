@@ -277,6 +277,7 @@ void ve_jrpcapi_disconnect(ve_jrpcapi *ctx)
     ctx->tls_out.clear();
     ctx->queue = {};
     ctx->reader.clear();
+    ctx->early.clear();
 }
 
 const char *ve_jrpcapi_connect_error(const ve_jrpcapi *ctx)

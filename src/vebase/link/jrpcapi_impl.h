@@ -4,12 +4,14 @@
 // here is consistent, so that Ctrl-C may jump out of it.
 #pragma once
 
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <pthread.h>
 #include <string>
 
 #include "platform/ve_jrpcapi.h"
+#include "platform/ve_json.h"
 #include "vebase/link/resolve.h"
 #include "vebase/link/socket_impl.h"
 #include "vebase/link/tls.h"
@@ -40,6 +42,7 @@ struct ve_jrpcapi {
     std::string tls_out;         // records not yet sent, under `lock`
     ve_jrpcapi_queue queue;      // under `lock`
     ve_wire_reader reader;       // the receiving thread's
+    std::deque<json_ref> early;  // the receiving thread's: events that came before the answer to an exchange
 
     // A connect under way.
     std::string host; // the peer's name; "localhost" for a UNIX socket
