@@ -173,6 +173,7 @@ int start_event_handler(ve_jrpcapi *request, ve_jrpcapi *group)
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
+    sigdelset(&all, SIGPIPE); // who prints for nobody ends
     pthread_sigmask(SIG_BLOCK, &all, &before);
     const int result = pthread_create(&thread_id, nullptr, event_thread, nullptr);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);

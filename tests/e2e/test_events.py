@@ -1,11 +1,12 @@
 """Events: printed by the listener, above what is being typed; notices of instances kept silently; the end of the link."""
 
+import os
 import signal
 import time
 
 import pytest
 
-from lib.fake import Error, Slow
+from lib.fake import Error, Raw, Several, Slow
 from lib.terminal import Key
 
 MODEL = {"Device.": {}, "Device.A": 1, "Device.B": "text"}
@@ -81,6 +82,29 @@ def test_notifications_and_strangers_are_passed_over(listener, fake):
     run.wait_for("last")
     run.interrupt()
     assert run.finish().out == '\nEVENT 12:\n"last"\n'
+
+
+@pytest.mark.threads
+def test_events_that_come_before_the_group_is_joined_are_shown(kest_start, fake):
+    event = b'{"jsonrpc":"2.0","method":"Event","params":{"Id":5,"Value":"early"}}\n'
+    fake.on("JoinGroup", lambda request: Several([Raw(event), {}]))
+    run = kest_start("-l", to=fake)
+    fake.wait_for("JoinGroup")
+    fake.event(5, "later")
+    run.wait_for("later")
+    assert run.out == '\nEVENT 5:\n"early"\n\nEVENT 5:\n"later"\n'
+
+
+@pytest.mark.threads
+def test_listening_ends_when_nobody_reads_what_it_prints(kest_start, fake):
+    reader, writer = os.pipe()
+    run = kest_start("-l", to=fake, stdout=writer)
+    os.close(writer)
+    fake.event(12)
+    assert os.read(reader, 100) == b"\nEVENT 12:\n"
+    os.close(reader)
+    fake.event(12)
+    assert run.finish().status == -signal.SIGPIPE
 
 
 @pytest.mark.threads
