@@ -1,4 +1,5 @@
 // Lines cut from any bytes in any chunks are the lines of the whole.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

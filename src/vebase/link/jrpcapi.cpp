@@ -19,6 +19,8 @@ namespace
 // How long a receive waits at a time when no wake-up descriptor could be had.
 constexpr int blind_wait_ms = 100;
 constexpr int code_too_large = 9004;
+// Events kept while an exchange waits; a flood of them must not fill the memory.
+constexpr size_t early_max = 1024;
 
 ve_jrpcapi *confapi_ctx = nullptr;
 
@@ -75,7 +77,7 @@ taken take_answer(ve_jrpcapi *ctx, ve_jrpcmsg *message)
         if (const taken got = take_object(ctx, &object); got != taken::found)
             return got;
         if (json_object_get(object.get(), "method") != nullptr) {
-            if ((ctx->flags & ve_jrpcapi_flag_events) != 0)
+            if ((ctx->flags & ve_jrpcapi_flag_events) != 0 && ctx->early.size() < early_max)
                 ctx->early.push_back(std::move(object));
         } else if (message != nullptr && ve_jrpcmsg_is_answered_by(message, object.get())) {
             ve_jrpcmsg_take_answer(message, object.get());
