@@ -36,7 +36,7 @@ constexpr int request_timeout_ms = 5000;
 constexpr int group_timeout_ms = 100;
 constexpr int join_timeout_ms = 1000;
 /// The daemon's notices of added and deleted instances.
-constexpr int32_t instance_group = 4;
+constexpr uint32_t instance_group = 4;
 constexpr size_t config_path_size = 256;
 
 /// A descriptor that was closed by whoever started the program must not become a link to the daemon.
@@ -51,7 +51,7 @@ void fill_standard_descriptors()
 }
 
 /// Leaves the context at the time-out of the join.
-int join_group(ve_jrpcapi *ctx, int32_t group)
+int join_group(ve_jrpcapi *ctx, uint32_t group)
 {
     const msg_ref message(ve_jrpcmsg_cmd_join_group(group, ve_jrpcapi_session(),
                                                     (ve_jrpcapi_get_flags(ctx) & ve_jrpcapi_flag_events) != 0));
@@ -79,7 +79,7 @@ void open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *g
     ve_jrpcapi_set_flags(group, ve_jrpcapi_get_flags(request) | ve_jrpcapi_flag_events);
     join_group(group, instance_group);
     for (uint32_t i = 0; i < options.groups_count; i++)
-        join_group(request, options.groups[i]);
+        join_group(request, static_cast<uint32_t>(options.groups[i]));
     if (start_event_handler(request, group) != 0)
         fprintf(stderr, "Cannot start the event listener.\n");
 }

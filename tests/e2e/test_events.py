@@ -51,9 +51,10 @@ def test_an_event_is_printed_with_its_value(listener, fake, value, shown):
 
 
 @pytest.mark.threads
-def test_a_large_group_number(listener, fake):
-    run = listener()
-    fake.event(2**32 - 1, 1)
+def test_the_largest_group_is_joined_and_heard(kest, kest_start, veld):
+    run = kest_start("-l", "-g", str(2**32 - 1), to=veld)
+    run.wait_for(lambda run: run.catches(signal.SIGINT))
+    kest("-e", str(2**32 - 1), "1", to=veld)
     run.wait_for(f"\nEVENT {2**32 - 1}:\n1\n")
     run.interrupt()
     assert run.finish().status == 0

@@ -38,8 +38,8 @@ TEST(JrpcMsg, BuildsTheRequestsOfTheProtocol)
     EXPECT_EQ(built(ve_jrpcmsg_create_new("Logout", nullptr)), R"({"jsonrpc":"2.0","method":"Logout"})");
     EXPECT_EQ(built(ve_jrpcmsg_cmd_join_group(4, "00ff", true)),
               R"({"jsonrpc":"2.0","method":"JoinGroup","params":{"Group":4,"Session":"00ff","Receiver":true}})");
-    EXPECT_EQ(built(ve_jrpcmsg_cmd_join_group(-2, "00ff", false)),
-              R"({"jsonrpc":"2.0","method":"JoinGroup","params":{"Group":-2,"Session":"00ff"}})");
+    EXPECT_EQ(built(ve_jrpcmsg_cmd_join_group(UINT32_MAX, "00ff", false)),
+              R"({"jsonrpc":"2.0","method":"JoinGroup","params":{"Group":4294967295,"Session":"00ff"}})");
     EXPECT_EQ(
         built(ve_jrpcmsg_cmd_get_parameter_names("Device.", 1)),
         R"({"jsonrpc":"2.0","method":"GetParameterNames","params":{"ParameterPath":"Device.","NextLevel":true}})");
