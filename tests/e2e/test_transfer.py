@@ -168,13 +168,16 @@ def test_over_tcp_the_client_serves_the_file(remote, kest, tmp_path, size):
 def test_a_one_shot_ends_only_after_its_transfer(remote, kest, tmp_path):
     (tmp_path / "f.bin").write_bytes(b"late")
     got = []
+    later = []
 
     def download(request):
-        threading.Timer(0.5, lambda: got.append(fetch(request.params["URL"]))).start()
+        later.append(threading.Timer(0.5, lambda: got.append(fetch(request.params["URL"]))))
+        later[0].start()
         return {"Status": 0}
 
     remote.on("Download", download)
     assert kest("-r", "download", "file", "f.bin", to=remote).status == 0
+    later[0].join(settings.DEADLINE)
     assert got == [b"late"]
 
 
