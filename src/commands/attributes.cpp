@@ -83,7 +83,7 @@ void print_default(const json_t *value)
     if (value == nullptr)
         return;
     char *text = json_dumps(value, JSON_ENCODE_ANY | JSON_INDENT(4));
-    print_text("Default:", text);
+    ve_printf("%-20s%s\n", "Default:", ve_visible_lines(text));
     free(text);
 }
 

@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
 #include "event/listener.h"
@@ -27,16 +26,12 @@ json_t *decode_argument(const json_t *params)
     return json_loadb(json_string_value(text), json_string_length(text), JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr);
 }
 
-/// "<< " and the value over several lines, each of them safe to show on a terminal.
+/// "<< " and the value over several lines.
 void print_answer(const json_t *answer)
 {
     const std::unique_ptr<char, decltype(&free)> text(json_dumps(answer, JSON_INDENT(4) | JSON_ENCODE_ANY), &free);
     ve_out_write("<< ", 3);
-    char *rest = text.get();
-    while (rest != nullptr) {
-        const char *line = strsep(&rest, "\n");
-        ve_puts(ve_visible(line));
-    }
+    ve_puts(ve_visible_lines(text.get()));
 }
 
 void act_stop(int)

@@ -47,3 +47,5 @@ void ve_out_direct_rows(const char *data, size_t size);
 /// UTF-8 appear as visible escapes (\x1b, \u009b); elsewhere it is `text` itself. The result is valid until the eighth
 /// call from now. Null stays null.
 const char *ve_visible(const char *text);
+/// The same for a text of several lines: its line feeds and tabs stay.
+const char *ve_visible_lines(const char *text);

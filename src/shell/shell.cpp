@@ -113,7 +113,7 @@ void run_line(std::string &line, json_t *words)
 {
     json_array_clear(words);
     if (history_expand(line) > 0)
-        ve_puts(ve_visible(line.c_str()));
+        ve_puts(ve_visible_lines(line.c_str()));
     if (!split_line(line, words)) {
         ve_puts("The line is not valid UTF-8 text.");
         return;

@@ -298,19 +298,18 @@ unsigned decode(const unsigned char *at, uint32_t *code)
 
 bool is_control(uint32_t code)
 {
-    return (code < 0x20 && code != '\t' && code != '\n') || (code >= 0x7f && code < 0xa0);
+    return code < 0x20 || (code >= 0x7f && code < 0xa0);
 }
 
-} // namespace
-
-const char *ve_visible(const char *text)
+/// `text` with visible escapes on a terminal, but for the control characters in `kept`.
+const char *make_visible(const char *text, const char *kept)
 {
     if (text == nullptr || !ve_out_is_terminal())
         return text;
     const auto *at = reinterpret_cast<const unsigned char *>(text);
     bool plain = true;
     for (const auto *byte = at; *byte != 0 && plain; ++byte)
-        plain = (*byte >= 0x20 || *byte == '\t' || *byte == '\n') && *byte < 0x7f;
+        plain = (*byte >= 0x20 && *byte < 0x7f) || strchr(kept, *byte) != nullptr;
     if (plain)
         return text;
     static std::string results[8];
@@ -321,18 +320,26 @@ const char *ve_visible(const char *text)
     while (*at != 0) {
         uint32_t code = 0;
         const unsigned length = decode(at, &code);
-        if (length == 0 || (is_control(code) && code < 0x80)) {
-            snprintf(escape, sizeof escape, "\\x%02x", *at);
-            result += escape;
-            ++at;
-        } else if (is_control(code)) {
-            snprintf(escape, sizeof escape, "\\u%04x", code);
-            result += escape;
-            at += length;
-        } else {
+        const bool shown = length > 0 && (!is_control(code) || (length == 1 && strchr(kept, *at) != nullptr));
+        if (shown) {
             result.append(reinterpret_cast<const char *>(at), length);
-            at += length;
+        } else {
+            snprintf(escape, sizeof escape, length > 1 ? "\\u%04x" : "\\x%02x", length > 1 ? code : *at);
+            result += escape;
         }
+        at += length > 0 ? length : 1;
     }
     return result.c_str();
+}
+
+} // namespace
+
+const char *ve_visible(const char *text)
+{
+    return make_visible(text, "");
+}
+
+const char *ve_visible_lines(const char *text)
+{
+    return make_visible(text, "\t\n");
 }

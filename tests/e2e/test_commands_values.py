@@ -275,6 +275,26 @@ def test_what_the_daemon_sends_is_shown_safely_on_a_terminal(shell, fake):
     assert term.run("cat Device") == [r"[9001] Request denied: \x1b]0;x\x07", r'\x1bk: "\u009b"']
 
 
+def test_no_name_or_message_looks_like_a_line_of_its_own_on_a_terminal(shell, fake):
+    fake.serve({"Device.": {}, "Device.a\n[0] b\tc": {"type": "string", "default": ["x"], "value": "d\ne"}})
+    refuse_logins(fake)
+    term = shell(to=fake)
+    assert term.run("cat Device") == [r'a\x0a[0] b\x09c = "d\ne"']
+    assert term.run("catree Device") == ["Device.", r'└── a\x0a[0] b\x09c = "d\ne"']
+    assert term.run("ls -l Device")[1:] == [r"string  RO      r      -      a\x0a[0] b\x09c"]
+    fake.on("GetParameterValues", Error(9001, "no\nStatus: OK"))
+    assert term.run("cat Device") == [r"[9001] Request denied: no\x0aStatus: OK"]
+
+
+def test_lines_stay_lines_on_a_terminal(shell, terminal, fake):
+    fake.serve({"Device.": {}, "Device.a": {"type": "string", "default": ["x\x7f"], "value": ""}})
+    refuse_logins(fake)
+    assert shell(to=fake).run("attr Device.a")[3:] == ["Default:            [", r'    "x\x7f"', "]"]
+    term = terminal("--raw", '{"id":1,"method":"GetParameterNames","params":{"ParameterPath":"."}}', to=fake)
+    assert term.wait_exit() == 0
+    assert term.lines[0] == "<< {" and len(term.lines) > 3
+
+
 def test_values_and_verdicts_are_coloured_on_a_terminal(shell, model):
     term = shell(to=model)
     term.run("set Device.Time.Offset=5")
