@@ -30,7 +30,9 @@ bool gone = false;                 // the reader went away
 int terminal = -1;                 // isatty(1), or -1 when not yet asked
 bool row_unknown = false;          // another program wrote to the terminal
 constexpr size_t unfinished_size = 4096;
-std::string unfinished; // the end of what was written since the last line feed; behind write_lock
+// The end of what was written since the last line feed; behind write_lock. Never destroyed: a thread may still write
+// while the program exits.
+std::string &unfinished = *new std::string;
 // Keeps a piece of the buffer and a direct text apart. Never held across a wait point.
 std::mutex write_lock;
 bool own_tried = false; // behind write_lock
