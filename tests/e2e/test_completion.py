@@ -2,7 +2,6 @@
 
 import os
 import re
-import time
 
 import pytest
 
@@ -349,11 +348,11 @@ def test_a_directory_of_many_files(files, line):
     directory.mkdir()
     for n in range(50_000):
         os.close(os.open(directory / f"file-{n:05}", os.O_CREAT | os.O_WRONLY))
-    start = time.monotonic()
+    before = line.term.cpu_seconds()
     line.tab("upgrade many/file-4999", "upgrade many/file-4999")
     line.tab("upgrade many/file-49998", "upgrade many/file-49998")
     line.tab("upgrade many/f", "upgrade many/file-")
-    assert time.monotonic() - start < 5 * settings.PATIENCE
+    assert line.term.cpu_seconds() - before < 5 * settings.PATIENCE
 
 
 # Notices of instances
@@ -419,9 +418,9 @@ def test_many_notices_cost_little(line):
             b'"InstanceNumber":%d}}}\n' % (action, n) for n in range(100, 50_100) for action in (b"Add", b"Delete")))
     line.fake.event(12)
     line.term.wait_for("EVENT 12:", timeout=60)
-    start = time.monotonic()
+    before = line.term.cpu_seconds()
     assert line.candidates("cat Device.Hosts.Host.") == ["1.", "2.", "max_instance"]
-    assert time.monotonic() - start < 2 * settings.PATIENCE
+    assert line.term.cpu_seconds() - before < 2 * settings.PATIENCE
 
 
 # Hints

@@ -263,12 +263,12 @@ def test_a_history_of_100000_entries_is_searched_at_once(editor, tmp_path):
     history.write_text("the oldest entry\n" + "".join(f"set Device.A.{n}=value\n" for n in range(100000)))
     history.chmod(0o600)
     term = editor(DEMO_HISTORY=str(history))
-    start = time.monotonic()
+    before = term.cpu_seconds()
     term.type(Key.UP * 50)
     term.wait_for(lambda term: cursor_line(term) == "> set Device.A.99950=value")
     term.type(Key.CTRL_U + Key.CTRL_R + "oldest")
     term.wait_for(re.compile("> the oldest entry\nbck:oldest$"), timeout=60)
-    print("searched in", time.monotonic() - start)
+    assert term.cpu_seconds() - before < 2 * settings.PATIENCE
 
 
 # Ctrl-C, signals, the terminal's modes
@@ -622,10 +622,10 @@ def test_100000_candidates_are_listed_and_left_with_ctrl_c(editor):
     term = editor(words=["w"], DEMO_MANY="99999", rows=10)
     term.type("w\t")
     term.quiet(0.1)
-    start = time.monotonic()
+    before = term.cpu_seconds()
     term.type("\t")
     term.wait_for("Display all 100000 possibilities?")
-    assert time.monotonic() - start < 2 * settings.PATIENCE
+    assert term.cpu_seconds() - before < 2 * settings.PATIENCE
     term.type("y")
     term.wait_for(re.compile(r"w00\d+"))
     term.type(Key.CTRL_C)

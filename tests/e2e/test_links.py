@@ -91,7 +91,7 @@ def test_a_raw_request_waits_five_seconds(kest, fake):
     fake.on("Ping", Silence())
     began = time.monotonic()
     run = kest("--raw", '{"id":5,"method":"Ping"}', to=fake)
-    assert 4.5 < time.monotonic() - began < 8
+    assert 4.5 < time.monotonic() - began < 15
     assert json.loads(run.out[3:])["error"] == {"code": -32001, "message": "no answer from the daemon in time"}
     assert run.status == -32001 & 0xFF
     assert fake.methods() == ["JoinGroup", "Ping"]
@@ -102,7 +102,7 @@ def test_a_trickle_does_not_stretch_the_limit(kest, fake):
     fake.on("Ping", Chunked({"x": "y" * 400}, 1, 0.05))
     began = time.monotonic()
     kest("--raw", '{"id":5,"method":"Ping"}', to=fake)
-    assert time.monotonic() - began < 8
+    assert time.monotonic() - began < 15  # the whole answer would take 20
 
 
 def test_a_late_answer_is_dropped_and_the_link_stays(term, fake, scheme):
@@ -204,15 +204,10 @@ def test_waiting_for_a_daemon_costs_next_to_nothing(kest_start, fake, tmp_path):
     run = kest_start("-r", "get", "Device.A", "-u", tmp_path / "later")
     run.wait_for(SPINNER)
 
-    def spent():
-        with open(f"/proc/{run.pid}/stat") as stat:
-            fields = stat.read().rsplit(")", 1)[1].split()
-        return int(fields[11]) + int(fields[12])
-
-    before = spent()
+    before = run.cpu_seconds()
     began = time.monotonic()
-    run.wait_for(lambda run: time.monotonic() - began > 1.0 or None, timeout=3)
-    assert spent() - before <= 10  # hundredths of a second of CPU
+    run.wait_for(lambda run: time.monotonic() - began > 1.0 or None)
+    assert run.cpu_seconds() - before <= 0.1
     run.interrupt()
     assert run.finish().status == -signal.SIGINT
 
@@ -255,16 +250,16 @@ def test_the_spinner_turns_and_never_after_its_line(terminal, fake):
 
 @pytest.mark.threads
 def test_ctrl_c_leaves_an_exchange_and_the_link_stays_usable(term, fake, scheme):
-    fake.on("GetParameterValues", [lambda request: Slow(0.5, {"ParameterList": [{"Name": "Device.A", "Value": "late"}]}),
+    fake.on("GetParameterValues", [lambda request: Slow(3, {"ParameterList": [{"Name": "Device.A", "Value": "late"}]}),
                                    scheme.GetParameterValues])
     term.type("cat Device.A" + Key.ENTER)
     fake.wait_for("GetParameterValues")
     began = time.monotonic()
     term.type(Key.CTRL_C)
     term.wait_for(lambda term: term.at_prompt() and term.cursor[0] > 6)
-    assert time.monotonic() - began < 0.4
+    assert time.monotonic() - began < 2.5
     assert term.run("cat Device.Sub.B") == ['B = "text"']
-    term.quiet(0.6)
+    term.quiet(3)
     assert term.run("cat Device.A") == ["A = 1"]
     assert len(fake.connections) == 2
 

@@ -14,7 +14,7 @@ import time
 import pyte
 
 from . import settings
-from .program import peak_kib
+from .program import cpu_seconds, peak_kib
 
 
 class Key:
@@ -259,6 +259,10 @@ class Terminal:
     def peak_kib(self):
         """Peak resident memory so far, in KiB; only while it runs."""
         return peak_kib(self.pid)
+
+    def cpu_seconds(self):
+        """Processor time used so far, in seconds; only while it runs."""
+        return cpu_seconds(self.pid)
 
     def kill(self):
         if self.process.poll() is None:
