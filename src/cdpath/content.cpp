@@ -14,16 +14,41 @@ namespace
 /// Appends ":" (absolute), the prefix and "." (when there is one), the name, and "." (dot).
 void cdpath_list_add(json_t *list, std::string_view name, const char *prefix, bool absolute, bool dot)
 {
+    dot = dot && !name.ends_with('.');
+    if (!absolute && prefix == nullptr && !dot) {
+        json_array_append_new(list, json_stringn(name.data(), name.size()));
+        return;
+    }
     std::string item;
+    item.reserve(name.size() + 2 + (prefix != nullptr ? strlen(prefix) + 1 : 0));
     if (absolute)
         item += ':';
     if (prefix != nullptr)
         item.append(prefix).append(1, '.');
     item += name;
-    if (dot && !name.ends_with('.'))
+    if (dot)
         item += '.';
     json_array_append_new(list, json_stringn(item.data(), item.size()));
 }
+
+/// Whether nodes have a type, asked for one node after another: neighbours mostly share their attributes.
+class typed_reader
+{
+public:
+    bool operator()(const json_t *node)
+    {
+        const json_t *attributes = ve_tr_dm_node_attr_get(node);
+        if (attributes == nullptr || attributes != last_) {
+            last_ = attributes;
+            typed_ = ve_tr_dm_node_type_get(node) != ve_tr_object;
+        }
+        return typed_;
+    }
+
+private:
+    const json_t *last_ = nullptr;
+    bool typed_ = false;
+};
 
 /// The children as the cache holds them.
 json_t *list_cached(const cdpath *record, const char *text, unsigned flags)
@@ -31,15 +56,16 @@ json_t *list_cached(const cdpath *record, const char *text, unsigned flags)
     const bool filtering = (flags & CDPATH_FILTER_PREFIX) != 0 && text != nullptr;
     const char *prefix = (flags & CDPATH_FILTER_PREFIX) != 0 ? nullptr : text;
     const size_t filter_size = filtering ? strlen(text) : 0;
+    typed_reader is_typed;
     json_t *list = json_array();
     const char *key;
     json_t *child;
     json_object_foreach(record->node, key, child)
     {
-        if (*key == '#')
+        if (*key == '#' || (filtering && strncmp(key, text, filter_size) != 0))
             continue;
-        const bool typed = ve_tr_dm_node_type_get(child) != ve_tr_object;
-        if ((typed && (flags & CDPATH_OBJECTS_ONLY) != 0) || (filtering && strncmp(key, text, filter_size) != 0))
+        const bool typed = is_typed(child);
+        if (typed && (flags & CDPATH_OBJECTS_ONLY) != 0)
             continue;
         cdpath_list_add(list, key, prefix, (flags & CDPATH_ABSOLUTE) != 0, !typed && (flags & CDPATH_OBJECT_DOT) != 0);
     }

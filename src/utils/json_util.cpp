@@ -2,27 +2,75 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string_view>
 #include <vector>
 
 #include "platform/ve_string.h"
 
+namespace
+{
+
+/// A text to be sorted: its bytes up to `rest` are those of its neighbours, `key` stands for the next ones.
+struct sorted_item {
+    uint64_t key;
+    const char *rest;
+    json_t *value;
+};
+
+constexpr size_t key_bytes = sizeof(uint64_t);
+constexpr ptrdiff_t few_items = 16;
+
+/// The next bytes as a number that compares like them, zeros behind the text's end.
+uint64_t next_key(const char *rest)
+{
+    uint64_t key = 0;
+    size_t taken = 0;
+    while (taken < key_bytes && rest[taken] != '\0')
+        key = key << 8 | static_cast<unsigned char>(rest[taken++]);
+    return taken == 0 ? 0 : key << 8 * (key_bytes - taken);
+}
+
+/// Sorts by numbers that stand in the items themselves: the texts, which lie all over the memory, are hardly touched.
+void sort_items(sorted_item *begin, sorted_item *end)
+{
+    while (end - begin > few_items) {
+        for (sorted_item *each = begin; each != end; ++each)
+            each->key = next_key(each->rest);
+        std::stable_sort(begin, end, [](const sorted_item &a, const sorted_item &b) { return a.key < b.key; });
+        // Runs of one key are sorted by what follows; if everything is one run, without going deeper.
+        sorted_item *run = begin;
+        while (run != end) {
+            sorted_item *run_end = std::find_if(run, end, [run](const sorted_item &a) { return a.key != run->key; });
+            const bool goes_on = (run->key & 0xff) != 0;
+            for (sorted_item *each = run; goes_on && each != run_end; ++each)
+                each->rest += key_bytes;
+            if (run == begin && run_end == end && goes_on)
+                break;
+            if (goes_on && run_end - run > 1)
+                sort_items(run, run_end);
+            run = run_end;
+        }
+        if (run == end)
+            return;
+    }
+    std::stable_sort(begin, end, [](const sorted_item &a, const sorted_item &b) { return strcmp(a.rest, b.rest) < 0; });
+}
+
+} // namespace
+
 void json_array_sort(json_t *array)
 {
-    struct item {
-        const char *text;
-        json_t *value;
-    };
-    std::vector<item> items;
+    std::vector<sorted_item> items;
     items.reserve(json_array_size(array));
     size_t index;
     json_t *value;
-    json_array_foreach(array, index, value) items.push_back({json_string_value(value), json_incref(value)});
-    std::stable_sort(items.begin(), items.end(),
-                     [](const item &a, const item &b) { return strcmp(a.text, b.text) < 0; });
+    json_array_foreach(array, index, value) items.push_back({0, json_string_value(value), json_incref(value)});
+    sort_items(items.data(), items.data() + items.size());
     json_array_clear(array);
-    for (const item &each : items)
+    for (const sorted_item &each : items)
         json_array_append_new(array, each.value);
 }
 

@@ -2,6 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <random>
+#include <string>
+#include <vector>
+
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "utils/tree_print.h"
@@ -37,6 +44,44 @@ TEST(JsonArraySort, IsByteOrderAndStable)
     const json_ref array = parse(R"(["b", "10", "a", "2", "B", "a", ""])");
     json_array_sort(array.get());
     EXPECT_EQ(json_compact(array.get()), R"(["", "10", "2", "B", "a", "a", "b"])");
+}
+
+TEST(JsonArraySort, AgreesWithAPlainSortWhateverTheTextsShare)
+{
+    const std::string beginnings[] = {"", "a", "Interface", "InterfaceInterface", std::string(100, 'z')};
+    const std::string letters[] = {"a", "b", "A", ".", "1", "\u00e9", "\U0001F600", "\x01"};
+    std::mt19937 chance(1);
+    for (const size_t count : {0U, 1U, 2U, 16U, 17U, 100U, 3000U}) {
+        const json_ref array{json_array()};
+        for (size_t i = 0; i < count; ++i) {
+            std::string text = beginnings[chance() % std::size(beginnings)];
+            for (size_t more = chance() % 12; more > 0; --more)
+                text += letters[chance() % (i % 2 == 0 ? 2 : std::size(letters))];
+            json_array_append_new(array.get(), json_string(text.c_str()));
+        }
+        std::vector<json_t *> expected;
+        for (size_t i = 0; i < count; ++i)
+            expected.push_back(json_array_get(array.get(), i));
+        std::stable_sort(expected.begin(), expected.end(), [](const json_t *a, const json_t *b) {
+            return strcmp(json_string_value(a), json_string_value(b)) < 0;
+        });
+        json_array_sort(array.get());
+        ASSERT_EQ(json_array_size(array.get()), count);
+        for (size_t i = 0; i < count; ++i)
+            ASSERT_EQ(json_array_get(array.get(), i), expected[i]) << i << " of " << count;
+    }
+}
+
+TEST(JsonArraySort, TakesLongTextsThatAreTheSame)
+{
+    const json_ref array{json_array()};
+    for (int i = 40; i > 0; --i)
+        json_array_append_new(array.get(),
+                              json_string((std::string(100000, 'x') + std::to_string(i % 20 + 10)).c_str()));
+    json_array_sort(array.get());
+    for (size_t i = 1; i < 40; ++i)
+        EXPECT_LE(std::string_view(json_string_value(json_array_get(array.get(), i - 1))),
+                  std::string_view(json_string_value(json_array_get(array.get(), i))));
 }
 
 TEST(JsonArraySort, IsNotQuadratic)
