@@ -147,10 +147,34 @@ void share_alike(json_t *instance, json_t *model, json_t *shared)
     }
 }
 
+/// Lets children share what they hold alike with one of the last kinds of attributes met before: of thousands of
+/// names most are of a few kinds.
+void share_among(json_t *content)
+{
+    constexpr size_t kinds_max = 8;
+    json_t *kinds[kinds_max] = {};
+    size_t next = 0;
+    const char *key;
+    json_t *child;
+    json_object_foreach(content, key, child)
+    {
+        json_t *attributes = *key != '#' ? json_object_get(child, "#attr") : nullptr;
+        if (attributes == nullptr)
+            continue;
+        json_t **alike =
+            std::find_if(kinds, kinds + kinds_max, [&](json_t *kind) { return is_alike(attributes, kind); });
+        if (alike != kinds + kinds_max)
+            json_object_set(child, "#attr", *alike);
+        else
+            kinds[next++ % kinds_max] = attributes;
+    }
+}
+
 /// Puts what was fetched into the node, which keeps its identity.
 void install(json_t *node, json_t *content, json_t *instances)
 {
     cdpath_info_to_attr(content);
+    share_among(content);
     json_object_clear(node);
     json_object_update(node, content);
     json_object_set_new(node, "#fetched", json_true());

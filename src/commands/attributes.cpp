@@ -84,7 +84,7 @@ void print_default(const json_t *value)
         return;
     char *text = json_dumps(value, JSON_ENCODE_ANY | JSON_INDENT(4));
     ve_printf("%-20s%s\n", "Default:", ve_visible_lines(text));
-    free(text);
+    ve_json_free(text);
 }
 
 void print_enumeration(const json_t *values)

@@ -29,7 +29,8 @@ json_t *decode_argument(const json_t *params)
 /// "<< " and the value over several lines.
 void print_answer(const json_t *answer)
 {
-    const std::unique_ptr<char, decltype(&free)> text(json_dumps(answer, JSON_INDENT(4) | JSON_ENCODE_ANY), &free);
+    const std::unique_ptr<char, decltype(&ve_json_free)> text(json_dumps(answer, JSON_INDENT(4) | JSON_ENCODE_ANY),
+                                                              &ve_json_free);
     ve_out_write("<< ", 3);
     ve_puts(ve_visible_lines(text.get()));
 }

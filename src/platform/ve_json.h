@@ -34,3 +34,9 @@ public:
 private:
     json_t *value_ = nullptr;
 };
+
+/// Gives Jansson this program's allocator: what runs out of memory is fatal, and the calling thread, whose many small
+/// blocks are cheap from here on, must be the only one yet. Before any value is made.
+void ve_json_own_memory();
+/// Frees a text that Jansson made (json_dumps); null is nothing.
+void ve_json_free(void *pointer);

@@ -1,7 +1,5 @@
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 
@@ -11,6 +9,7 @@
 #include "platform/ve_landing.h"
 #include "platform/ve_tr.h"
 #include "shell/completers.h"
+#include "utils/json_util.h"
 
 namespace
 {
@@ -110,8 +109,7 @@ void complete_enum(const json_t *node, const std::string &typed, json_t *candida
         if (json_is_string(entry)) {
             append_if_prefix(typed, json_string_value(entry), candidates);
         } else {
-            const std::unique_ptr<char, decltype(&free)> text(json_dumps(entry, JSON_ENCODE_ANY), &free);
-            append_if_prefix(typed, text.get(), candidates);
+            append_if_prefix(typed, json_compact(entry).c_str(), candidates);
         }
     }
 }

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <new>
 
-#include <jansson.h>
+#include "platform/ve_json.h"
 
 void __ve_log_assert_fmt(const char *expression, const char *unit, int line, const char *function, const char *format,
                          ...)
@@ -44,11 +44,6 @@ void *ve_xcalloc(size_t count, size_t size, const char *function, int line, cons
 namespace
 {
 
-void *allocate_for_json(size_t size)
-{
-    return ve_xmalloc(size, "json", __LINE__, "json");
-}
-
 void out_of_memory()
 {
     __ve_log_assert_fmt("pointer != NULL", "new", __LINE__, "operator new", "xmalloc failed at func %s:%zu (%s)",
@@ -60,5 +55,5 @@ void out_of_memory()
 void ve_log_allocations_are_fatal()
 {
     std::set_new_handler(out_of_memory);
-    json_set_alloc_funcs(allocate_for_json, free);
+    ve_json_own_memory();
 }

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "platform/ve_jrpcapi.h"
+#include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "vebase/lua/lua_impl.h"
 #include "vebase/lua/lua_json.h"
@@ -44,7 +45,7 @@ void push_lines(lua_State *L, json_t *data)
     {
         char *text = json_dumps(value, JSON_ENCODE_ANY);
         lines.append("\n").append(ve_visible(key)).append(": ").append(ve_visible(text != nullptr ? text : "?"));
-        free(text);
+        ve_json_free(text);
     }
     lua_pushlstring(L, lines.data(), lines.size());
 }
