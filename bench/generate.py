@@ -3,10 +3,12 @@
 values      result of GetParameterValues of "Device.Bulk.": 10,000 instances of 10 parameters
 answer      the same as a whole answer
 attributes-root, attributes-device, attributes-bulk     the levels above
+attributes-words        the level "Device.Words." of 100,000 parameters
 rows-N      the three answers behind a listing of "Device.Rows.", a table of N instances: self, names, attributes
 """
 
 import json
+import random
 import sys
 from pathlib import Path
 
@@ -39,9 +41,14 @@ values = {"ParameterList": [{"Name": f"Device.Bulk.Row.{row}.{field}", "Value": 
 write("values", values)
 write("answer", {"jsonrpc": "2.0", "id": 1, "result": values})
 write("attributes-root", attributes(("Device.", OBJECT)))
-write("attributes-device", attributes(("Device.", OBJECT), ("Device.Bulk.", OBJECT), ("Device.Rows.", TABLE)))
+write("attributes-device", attributes(("Device.", OBJECT), ("Device.Bulk.", OBJECT), ("Device.Rows.", TABLE), ("Device.Words.", OBJECT)))
 write("attributes-bulk", attributes(("Device.Bulk.", OBJECT), ("Device.Bulk.Row.", TABLE)))
-for count in (1000, 10000):
+chance = random.Random(7)
+words = [f"{chance.choice(['Interface', 'Host', 'Port', 'Stats', 'Max'])}{chance.randrange(100000)}_{number}"
+         for number in range(100000)]
+write("attributes-words", attributes(("Device.Words.", OBJECT),
+                                     *((f"Device.Words.{word}", chance.choice([NUMBER, TEXT])) for word in words)))
+for count in (1000, 10000, 100000):
     names = [f"Device.Rows.{row}." for row in range(1, count + 1)]
     entries = [(name, OBJECT) for name in names] + [("Device.Rows.max_instance", NUMBER)]
     level = attributes(("Device.Rows.", TABLE), *entries)

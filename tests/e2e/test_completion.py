@@ -223,6 +223,33 @@ def test_a_level_is_asked_for_once(line):
     assert line.asked() == 0
 
 
+def test_tabs_and_hints_at_known_levels_ask_nothing(line):
+    lists = {
+        "cat ": ["Device.", "Services."],
+        "cat Device.": ["DNS.", "DeviceInfo.", "Hosts.", "Ping", "Time."],
+        "cd :": [":Device.", ":Services."],
+        "cat Device.Time.": ["Enable", "Source", "Sync", "Zone"],
+        "cat Device.DeviceInfo.": ["Name", "UpgradeStatus", "Uptime"],
+        "cat Device.Hosts.Host.": ["1.", "2.", "max_instance"],
+        "cat Device.DNS.SearchDomain.": ["1", "max_instance"],
+    }
+    for typed, names in lists.items():
+        assert line.candidates(typed) == names
+    line.tab("cat Device.Hosts.Host.1.", "cat Device.Hosts.Host.1.Alias")
+    assert line.asked() > 0
+    for _ in range(3):
+        for typed, names in lists.items():
+            assert line.candidates(typed) == names
+        line.tab("cat Device.Hosts.Host.1.Al", "cat Device.Hosts.Host.1.Alias")
+        line.tab("cd Device.Ho", "cd Device.Hosts.")
+        for typed, hint in [("cd Device.Ti", "me."), ("cat Device.Hosts.Host.1.A", "lias"), ("cd Device.Hosts.Host.2", "."),
+                            ("set Device.Time.Enable=f", "alse"), ("cd :S", "ervices.")]:
+            line.term.type(Key.CTRL_U + typed)
+            line.wait(typed)
+            line.hint(hint)
+    assert line.asked() == 0
+
+
 @pytest.mark.parametrize("columns", [40, 100])
 def test_lists_and_hints_on_other_widths(shell, fake, columns):
     fake.serve(MODEL)
