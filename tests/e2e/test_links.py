@@ -324,6 +324,20 @@ def test_ctrl_c_ends_a_one_shot_that_waits(kest_start, fake):
     assert run.finish().status == -signal.SIGINT
 
 
+def test_ctrl_c_in_a_reload_leaves_the_shell_and_its_prompt_at_the_root(term, fake, scheme):
+    term.run("cd Device.Sub", prompt="kest:Device.Sub> ")
+    fake.on("GetParameterAttributes", Silence())
+    drop_requests(fake)
+    asked = len(fake.of("GetParameterAttributes"))
+    term.type("cat B" + Key.ENTER)
+    fake.wait_for(lambda fake: len(fake.of("GetParameterAttributes")) > asked)
+    term.type(Key.CTRL_C)
+    term.wait_prompt("kest:> ")
+    fake.on("GetParameterAttributes", scheme.GetParameterAttributes)
+    assert term.run("pwd", prompt="kest:> ") == [":"]
+    assert term.run("cat Device.A", prompt="kest:> ") == ["A = 1"]
+
+
 def test_what_a_command_has_said_is_on_the_screen_while_it_waits(term, fake, scheme):
     fake.on("GetParameterValues", [scheme.GetParameterValues, Silence()])
     term.type("cat Device.A Device.Sub.B" + Key.ENTER)
