@@ -264,6 +264,18 @@ def test_output_is_shown_as_it_comes(veld, shell):
     term.wait_prompt()
 
 
+@pytest.mark.parametrize("source", ["pipe", "file"])
+def test_io_read_takes_one_line_of_the_input_that_the_console_reads(veld, kest_start, tmp_path, source):
+    text = "lua\nx = io.read()\nhello\nx\nprint(io.read('n', 'l'))\n42 rest\nq\nlua print(io.read())\nlast\npwd\nq\n"
+    if source == "pipe":
+        program = kest_start(to=veld, stdin=text)
+    else:
+        (tmp_path / "input").write_text(text)
+        program = kest_start("-r", "sh", f"exec {settings.KEST} -u {veld.address} < input", to=veld)
+    program.finish()
+    assert program.out.split(BANNER_END, 1)[1] == '_[1] = "hello"\n42\t rest\nprint(io.read()) \nlast\n:\n'
+
+
 def test_os_execute_shares_the_terminal(veld, shell):
     term = shell(to=veld)
     term.run("lua")

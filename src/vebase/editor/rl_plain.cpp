@@ -1,5 +1,6 @@
 #include "vebase/editor/rl_plain.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -19,6 +20,7 @@ constexpr size_t peek_size = 4096;
 // Static, because Ctrl-C may jump out of the wait.
 std::string partial;  // the line so far
 bool waiting = false; // a read was left by a jump
+bool shares = false;  // lines were read: whoever reads besides must leave the following ones
 int peek_pipe[2] = {-1, -1};
 
 enum class source { file, pipe, socket, terminal, other };
@@ -44,12 +46,12 @@ size_t line_part(const char *data, size_t size)
     return feed != nullptr ? static_cast<size_t>(static_cast<const char *>(feed) - data) + 1 : size;
 }
 
-/// How many of the next bytes of a pipe belong to the line; -1 with errno, 0 at the end.
-ssize_t peek_at_pipe(char *data)
+/// How many of the next bytes of a pipe, `size` at most, belong to the line; -1 with errno, 0 at the end.
+ssize_t peek_at_pipe(char *data, size_t size)
 {
     if (peek_pipe[0] < 0 && pipe2(peek_pipe, O_CLOEXEC | O_NONBLOCK) < 0)
         return 1;
-    const ssize_t count = tee(STDIN_FILENO, peek_pipe[1], peek_size, SPLICE_F_NONBLOCK);
+    const ssize_t count = tee(STDIN_FILENO, peek_pipe[1], std::min(size, peek_size), SPLICE_F_NONBLOCK);
     if (count <= 0)
         return count;
     ssize_t copied = 0;
@@ -62,12 +64,12 @@ ssize_t peek_at_pipe(char *data)
     return static_cast<ssize_t>(line_part(data, static_cast<size_t>(count)));
 }
 
-/// Reads what is there of the line, at most up to its end. As read() returns.
-ssize_t read_part(char *data)
+/// Reads what is there of the line, at most up to its end and `size` bytes. As read() returns.
+ssize_t read_part(char *data, size_t size)
 {
     switch (source_of(STDIN_FILENO)) {
     case source::file: {
-        const ssize_t count = read(STDIN_FILENO, data, block_size);
+        const ssize_t count = read(STDIN_FILENO, data, size);
         if (count <= 0)
             return count;
         const size_t part = line_part(data, static_cast<size_t>(count));
@@ -76,17 +78,17 @@ ssize_t read_part(char *data)
         return static_cast<ssize_t>(part);
     }
     case source::pipe: {
-        const ssize_t part = peek_at_pipe(data);
+        const ssize_t part = peek_at_pipe(data, size);
         // A pipe that cannot be looked into is read byte by byte.
         return part == 0 ? 0 : read(STDIN_FILENO, data, part < 0 ? 1 : static_cast<size_t>(part));
     }
     case source::socket: {
-        const ssize_t count = recv(STDIN_FILENO, data, peek_size, MSG_PEEK);
+        const ssize_t count = recv(STDIN_FILENO, data, std::min(size, peek_size), MSG_PEEK);
         return count <= 0 ? count : read(STDIN_FILENO, data, line_part(data, static_cast<size_t>(count)));
     }
     case source::terminal:
         // A terminal gives one line at a time.
-        return read(STDIN_FILENO, data, block_size);
+        return read(STDIN_FILENO, data, size);
     case source::other:
         break;
     }
@@ -120,6 +122,7 @@ bool take_line(std::string &line, size_t searched)
 
 rl_outcome rl_plain_line(int64_t deadline, std::string &line)
 {
+    shares = true;
     if (waiting)
         partial.clear();
     if (take_line(line, 0))
@@ -142,7 +145,7 @@ rl_outcome rl_plain_line(int64_t deadline, std::string &line)
             rl_control_drain();
         if (fds[0].revents == 0)
             continue;
-        const ssize_t count = read_part(data);
+        const ssize_t count = read_part(data, block_size);
         if (count < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (count <= 0) {
@@ -157,4 +160,9 @@ rl_outcome rl_plain_line(int64_t deadline, std::string &line)
         if (take_line(line, searched))
             return rl_outcome::line;
     }
+}
+
+ssize_t rl_plain_read(char *data, size_t size)
+{
+    return shares ? read_part(data, size) : read(STDIN_FILENO, data, size);
 }

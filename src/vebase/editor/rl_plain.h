@@ -1,6 +1,8 @@
 // Reading lines where there is no terminal. Main thread only.
 #pragma once
 
+#include <sys/types.h>
+
 #include "vebase/editor/rl_edit.h"
 
 /// Reads one line of descriptor 0 into `line` and, where that can be done, not a byte beyond it, so that a child
@@ -8,3 +10,7 @@
 /// What has no line feed at the end of the input is a line too. A NUL becomes \xc0\x80, which is no UTF-8 and so is
 /// refused by whoever takes the line for words, where a NUL would cut it short.
 rl_outcome rl_plain_line(int64_t deadline, std::string &line);
+
+/// Reads descriptor 0 for somebody else than the editor; as read() returns. Once lines were read from it, not a byte
+/// beyond the line under way.
+ssize_t rl_plain_read(char *data, size_t size);

@@ -6,6 +6,7 @@
 
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
+#include "vebase/editor/rl_plain.h"
 #include "vebase/lua/lua_impl.h"
 
 namespace
@@ -50,12 +51,17 @@ ssize_t stream_read(void *cookie, char *data, size_t size)
 {
     show_output(static_cast<ve_lua_state *>(cookie));
     const ve_lua_sigint_blocked blocked;
-    pollfd in{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
-    if (ve_wait_poll(&in, 1, -1) < 0) {
-        errno = EINTR;
-        return -1;
+    for (;;) {
+        pollfd in{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
+        if (ve_wait_poll(&in, 1, -1) < 0) {
+            errno = EINTR;
+            return -1;
+        }
+        // The lines that follow are the console's.
+        const ssize_t count = rl_plain_read(data, size);
+        if (count >= 0 || errno != EAGAIN)
+            return count;
     }
-    return read(STDIN_FILENO, data, size);
 }
 
 /// Only where descriptor 0 is a file.
