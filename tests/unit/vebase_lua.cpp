@@ -327,6 +327,8 @@ TEST_F(VeLua, AddsDeletesAndOrdersInstances)
     EXPECT_EQ(request(), R"({"method":"DeleteObject","params":{"ObjectName":"Device.Hosts.Host.5."}})");
     EXPECT_EQ(run("print(dm.order('Device.Hosts.Host.5.', 1))"), "true\n");
     EXPECT_EQ(request(), R"({"method":"ChangeOrder","params":{"ObjectName":"Device.Hosts.Host.5.","Order":1}})");
+    EXPECT_EQ(run("print(dm.order(':Device.DNS.SearchDomain.2', 3))"), "true\n");
+    EXPECT_EQ(request("params"), R"({"ObjectName":"Device.DNS.SearchDomain.2.","Order":3})");
     EXPECT_EQ(run("dm.order('Device.A.', 0)"), "ERROR [string \"stdin\"]:1: bad argument #2 to 'order' (out of range)");
     EXPECT_EQ(run("dm.add('Device.A.', 4294967295)"),
               "ERROR [string \"stdin\"]:1: bad argument #2 to 'add' (out of range)");

@@ -265,7 +265,7 @@ int dm_del(lua_State *L)
 int dm_order(lua_State *L)
 {
     const uint32_t order = check_number(L, 2, 1);
-    const char *path = check_path(L, 1);
+    const char *path = push_partial_path(L, 1);
     ve_lua_box *box = ve_lua_push_box(L);
     box->message = ve_jrpcmsg_cmd_change_order(path, order);
     ve_lua_exchange(L, box);
