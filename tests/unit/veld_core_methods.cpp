@@ -128,23 +128,26 @@ void in_own_network(bool allow_icmp, const std::function<void()> &body)
     EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
+sockaddr_in loopback(uint16_t port)
+{
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
+}
+
 // A name server on the loopback that answers each question with what `reply` makes of it; nothing when that is empty.
 class name_server
 {
 public:
     explicit name_server(std::function<std::string(const std::string &)> reply) : reply_(std::move(reply))
     {
-        udp_ = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
-        sockaddr_in here = {};
-        here.sin_family = AF_INET;
-        here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof here;
-        EXPECT_EQ(bind(udp_, reinterpret_cast<sockaddr *>(&here), length), 0);
-        EXPECT_EQ(getsockname(udp_, reinterpret_cast<sockaddr *>(&here), &length), 0);
-        port_ = ntohs(here.sin_port);
-        tcp_ = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-        EXPECT_EQ(bind(tcp_, reinterpret_cast<sockaddr *>(&here), length), 0);
-        EXPECT_EQ(listen(tcp_, 4), 0);
+        // A port that is free for datagrams may be taken for streams.
+        for (int tries = 0; tries < 1000 && !listen_on_one_port(); tries++) {
+            close(udp_);
+            close(tcp_);
+        }
     }
     ~name_server()
     {
@@ -186,6 +189,18 @@ public:
     }
 
 private:
+    bool listen_on_one_port()
+    {
+        udp_ = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+        tcp_ = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        sockaddr_in here = loopback(0);
+        socklen_t length = sizeof here;
+        EXPECT_EQ(bind(udp_, reinterpret_cast<sockaddr *>(&here), length), 0);
+        EXPECT_EQ(getsockname(udp_, reinterpret_cast<sockaddr *>(&here), &length), 0);
+        port_ = ntohs(here.sin_port);
+        return bind(tcp_, reinterpret_cast<sockaddr *>(&here), length) == 0 && listen(tcp_, 4) == 0;
+    }
+
     std::function<std::string(const std::string &)> reply_;
     int udp_ = -1;
     int tcp_ = -1;
@@ -509,11 +524,15 @@ TEST(NSLookup, WhatIsCutOffIsFetchedOverTcp)
 
 TEST(NSLookup, AServerThatIsNotThereIsSaidSo)
 {
-    std::string nobody;
-    {
-        name_server gone([](const std::string &) { return ""; });
-        nobody = gone.address();
-    }
+    // A socket that hears one peer alone keeps its port from others and refuses everybody else.
+    const int keeper = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in here = loopback(0);
+    socklen_t length = sizeof here;
+    const sockaddr_in peer = loopback(9);
+    ASSERT_EQ(bind(keeper, reinterpret_cast<sockaddr *>(&here), length), 0);
+    ASSERT_EQ(getsockname(keeper, reinterpret_cast<sockaddr *>(&here), &length), 0);
+    ASSERT_EQ(connect(keeper, reinterpret_cast<const sockaddr *>(&peer), sizeof peer), 0);
+    const std::string nobody = "127.0.0.1:" + std::to_string(ntohs(here.sin_port));
     json_ref input = parse(lookup_defaults);
     json_object_set_new(input.get(), "DNSServer", json_string(nobody.c_str()));
     method_outcome outcome = run("NSLookup", input);
@@ -523,6 +542,7 @@ TEST(NSLookup, AServerThatIsNotThereIsSaidSo)
     outcome = run("NSLookup", input);
     EXPECT_EQ(text(outcome, "Status"), "Error_DNSServerNotResolved");
     EXPECT_EQ(output(outcome, "Result.1.Status"), nullptr);
+    close(keeper);
 }
 
 TEST(NSLookup, ServersAreNamedWithAndWithoutTheirPort)
