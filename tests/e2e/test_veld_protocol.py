@@ -85,6 +85,14 @@ def test_names_of_everything_begin_with_the_object_itself(root):
     ]
 
 
+def test_names_and_attributes_agree_on_what_is_writable(root):
+    listed = root.call("GetParameterNames", ParameterPath="Device.", NextLevel=False)["ParameterList"]
+    described = root.call("GetParameterAttributes", ParameterNames=[entry["Name"] for entry in listed], Depth=0)
+    assert {entry["Name"]: entry["Writable"] for entry in listed} == {
+        entry["Name"]: entry["Attributes"]["access"] == "readWrite" for entry in described["ParameterList"]
+    }
+
+
 def test_values_come_in_the_models_order(root):
     assert ask(root, "GetParameterValues", ParameterNames=["Device.Host."]) == (
         '{"ParameterList":[{"Name":"Device.Host.1.Alias","Value":"one"},{"Name":"Device.Host.1.Port","Value":80},'

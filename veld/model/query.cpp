@@ -200,8 +200,7 @@ fault query_names(tree *from, role who, std::string_view path, bool next_level, 
     const bool is_root = start.what->parent == nullptr;
     walk(from, who, start, place_name(start), next_level ? 1 : endless, !next_level && !is_root,
          [&list](node *, const scheme &what, const std::string &name, int64_t) {
-             const bool writable = what.argument && what.kind == node_kind::parameter ? !what.output : what.writable;
-             list.entry(name)->append(writable ? "\"Writable\":true" : "\"Writable\":false");
+             list.entry(name)->append(what.writable ? "\"Writable\":true" : "\"Writable\":false");
              return list.close_entry();
          });
     return list.finish();
