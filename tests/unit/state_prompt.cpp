@@ -72,6 +72,23 @@ TEST_F(Prompt, ALongLoginIsCutForTheEyeOnly)
     EXPECT_EQ(saved_login, login);
 }
 
+TEST_F(Prompt, IsCutBetweenCharacters)
+{
+    const auto cut = [](const std::string &character, const std::string &before) {
+        std::string login = before;
+        while (login.size() < 1000)
+            login += character;
+        log_in(login.c_str());
+        return shown().size();
+    };
+    EXPECT_EQ(cut("é", ""), 382U);
+    EXPECT_EQ(cut("é", "a"), 383U);
+    EXPECT_EQ(cut("€", ""), 381U);
+    EXPECT_EQ(cut("€", "a"), 382U);
+    EXPECT_EQ(cut("€", "aa"), 383U);
+    EXPECT_EQ(cut("😀", "aa"), 382U);
+}
+
 TEST_F(Prompt, AnUnfinishedStatementHasItsOwn)
 {
     prompt_set_incompleted(1);
