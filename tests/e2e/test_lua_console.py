@@ -264,6 +264,17 @@ def test_output_is_shown_as_it_comes(veld, shell):
     term.wait_prompt()
 
 
+@pytest.mark.parametrize("flush", ["io.flush()", "io.stdout:flush()", "io.output():flush()"])
+def test_a_flush_shows_what_was_written(veld, shell, tmp_path, flush):
+    seen = tmp_path / "seen"
+    term = shell(to=veld)
+    term.run("lua")
+    term.type(f"io.write(49 + 1, '%') {flush} while not io.open('seen') do end print(' done')\r")
+    term.wait_for("50%")
+    seen.touch()
+    term.wait_for("50% done")
+
+
 @pytest.mark.parametrize("source", ["pipe", "file"])
 def test_io_read_takes_one_line_of_the_input_that_the_console_reads(veld, kest_start, tmp_path, source):
     text = "lua\nx = io.read()\nhello\nx\nprint(io.read('n', 'l'))\n42 rest\nq\nlua print(io.read())\nlast\npwd\nq\n"

@@ -123,14 +123,20 @@ int lua_exit(lua_State *L)
     exit(status);
 }
 
+/// Calls the function that this one stands in for with the same arguments. Returns the number of its results.
+int call_original(lua_State *L)
+{
+    lua_pushvalue(L, lua_upvalueindex(1));
+    lua_insert(L, 1);
+    lua_call(L, lua_gettop(L) - 1, LUA_MULTRET);
+    return lua_gettop(L);
+}
+
 /// os.execute: a child that Ctrl-C ended stops the Lua code too; while it runs, the parent does not see the key.
 int lua_execute(lua_State *L)
 {
     show_output(ve_lua_of(L));
-    lua_pushvalue(L, lua_upvalueindex(1));
-    lua_insert(L, 1);
-    lua_call(L, lua_gettop(L) - 1, LUA_MULTRET);
-    const int count = lua_gettop(L);
+    const int count = call_original(L);
     if (count == 3 && lua_type(L, 2) == LUA_TSTRING && strcmp(lua_tostring(L, 2), "signal") == 0 &&
         lua_tointeger(L, 3) == SIGINT) {
         ve_wait_note_interrupt();
@@ -142,10 +148,16 @@ int lua_execute(lua_State *L)
 int lua_popen(lua_State *L)
 {
     show_output(ve_lua_of(L));
-    lua_pushvalue(L, lua_upvalueindex(1));
-    lua_insert(L, 1);
-    lua_call(L, lua_gettop(L) - 1, LUA_MULTRET);
-    return lua_gettop(L);
+    return call_original(L);
+}
+
+/// io.flush and file:flush: behind the streams stands the program's own output.
+int lua_flush(lua_State *L)
+{
+    const int count = call_original(L);
+    show_output(ve_lua_of(L));
+    ve_lua_check_interrupt(L);
+    return count;
 }
 
 /// Replaces a function of the table on top by `function`, which gets the one before as its upvalue.
@@ -200,7 +212,10 @@ void ve_lua_open_io(lua_State *L)
     set_stream(L, "stdout", context->standard[1]);
     set_stream(L, "stderr", context->standard[2]);
     replace(L, "popen", lua_popen);
-    lua_pop(L, 1);
+    replace(L, "flush", lua_flush);
+    luaL_getmetatable(L, LUA_FILEHANDLE);
+    replace(L, "flush", lua_flush);
+    lua_pop(L, 2);
     lua_getglobal(L, "os");
     replace(L, "exit", lua_exit);
     replace(L, "execute", lua_execute);
