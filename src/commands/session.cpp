@@ -2,19 +2,21 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
-#include "commands/child.h"
 #include "commands/handler.h"
 #include "commands/password.h"
 #include "event/request.h"
+#include "platform/ve_child.h"
 #include "platform/ve_fs.h"
 #include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_string.h"
+#include "platform/ve_wait.h"
 #include "state/editor.h"
 #include "state/record.h"
 #include "utils/colorscheme.h"
@@ -167,7 +169,9 @@ int process_shell(const char *name, json_t *args)
     if (command.empty())
         command = "sh ";
     ve_out_flush();
-    child_run_shell(name, command.c_str());
+    ve_wait_checkpoint(); // a Ctrl-C that came before is for this command
+    if (ve_child_run(command.c_str()) < 0)
+        ve_printf("%s: cannot start the shell: %s.\n", name, strerror(errno));
     return 0;
 }
 

@@ -2,8 +2,10 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include "platform/ve_child.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 #include "vebase/editor/rl_plain.h"
@@ -132,17 +134,27 @@ int call_original(lua_State *L)
     return lua_gettop(L);
 }
 
+/// Runs a command unless Ctrl-C was pressed before. Returns its status.
+int run_command(const char *command)
+{
+    const ve_lua_sigint_blocked blocked;
+    return ve_wait_interrupted() ? 0 : ve_child_run(command);
+}
+
 /// os.execute: a child that Ctrl-C ended stops the Lua code too; while it runs, the parent does not see the key.
 int lua_execute(lua_State *L)
 {
-    show_output(ve_lua_of(L));
-    const int count = call_original(L);
-    if (count == 3 && lua_type(L, 2) == LUA_TSTRING && strcmp(lua_tostring(L, 2), "signal") == 0 &&
-        lua_tointeger(L, 3) == SIGINT) {
-        ve_wait_note_interrupt();
-        ve_lua_check_interrupt(L);
+    const char *command = luaL_optstring(L, 1, nullptr);
+    if (command == nullptr) {
+        lua_pushboolean(L, 1);
+        return 1;
     }
-    return count;
+    show_output(ve_lua_of(L));
+    const int status = run_command(command);
+    if (WIFSIGNALED(status) && WTERMSIG(status) == SIGINT)
+        ve_wait_note_interrupt();
+    ve_lua_check_interrupt(L);
+    return luaL_execresult(L, status);
 }
 
 int lua_popen(lua_State *L)
@@ -218,7 +230,8 @@ void ve_lua_open_io(lua_State *L)
     lua_pop(L, 2);
     lua_getglobal(L, "os");
     replace(L, "exit", lua_exit);
-    replace(L, "execute", lua_execute);
+    lua_pushcfunction(L, lua_execute);
+    lua_setfield(L, -2, "execute");
     lua_pop(L, 1);
 }
 

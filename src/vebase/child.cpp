@@ -1,4 +1,4 @@
-#include "commands/child.h"
+#include "platform/ve_child.h"
 
 #include <spawn.h>
 #include <sys/types.h>
@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
@@ -44,29 +43,38 @@ private:
     posix_spawnattr_t attributes_;
 };
 
+bool sigint_is_pending()
+{
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, SIGINT) == 1;
+}
+
 } // namespace
 
-void child_run_shell(const char *name, const char *command)
+int ve_child_run(const char *command)
 {
     char shell[] = "sh";
     char option[] = "-c";
     char *const words[] = {shell, option, const_cast<char *>(command), nullptr};
-    // A Ctrl-C that came before is for the command itself.
-    ve_wait_checkpoint();
     // The terminal's Ctrl-C and Ctrl-\ are for the child, as system(3) has it; SIGINT is blocked here anyway.
     struct sigaction ignore = {};
     struct sigaction before;
     ignore.sa_handler = SIG_IGN;
     sigaction(SIGQUIT, &ignore, &before);
+    int status = -1;
     pid_t child;
     const int error = posix_spawn(&child, "/bin/sh", nullptr, child_attributes(before).get(), words, environ);
     if (error == 0) {
-        while (waitpid(child, nullptr, 0) < 0 && errno == EINTR)
+        // A key that came before there was a child did not reach it.
+        if (sigint_is_pending())
+            kill(child, SIGINT);
+        while (waitpid(child, &status, 0) < 0 && errno == EINTR)
             ;
         ve_out_row_unknown();
-    } else {
-        ve_printf("%s: cannot start the shell: %s.\n", name, strerror(error));
     }
     sigaction(SIGQUIT, &before, nullptr);
     ve_wait_discard_sigint();
+    errno = error;
+    return status;
 }
