@@ -540,7 +540,12 @@ TEST(NSLookup, AServerThatIsNotThereIsSaidSo)
 
     json_object_set_new(input.get(), "DNSServer", json_string("not a server"));
     outcome = run("NSLookup", input);
-    EXPECT_EQ(text(outcome, "Status"), "Error_DNSServerNotResolved");
+    // Look-ups that an earlier test left may still be under way.
+    for (int i = 0; i < 1500 && outcome.code == 9004; i++) {
+        usleep(20000);
+        outcome = run("NSLookup", input);
+    }
+    EXPECT_EQ(text(outcome, "Status"), "Error_DNSServerNotResolved") << outcome.message;
     EXPECT_EQ(output(outcome, "Result.1.Status"), nullptr);
     close(keeper);
 }
