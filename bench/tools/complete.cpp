@@ -1,11 +1,11 @@
 // complete tab|hint|level SOCKET PATH: times the callbacks that the line editor calls, with the daemon at SOCKET and
-// without a terminal. Medians, ms of wall time. tab: lists, filters and sorts what is below PATH, in the cache already,
-// as Tab does behind "cat PATH" (shell_autocomplete),
-//     in turn with a bare sort of the same names. Prints how many they are, both times, and the median of their ratios.
+// without a terminal. Medians, ms of wall time.
+// tab: lists, filters and sorts what is below PATH, in the cache already, as Tab does behind "cat PATH"
+//     (shell_autocomplete), in turn with a bare sort of the same names. Prints how many they are, both times, and the
+//     median of their ratios.
 // hint: the hint for the last name of PATH, its level in the cache already (shell_hint). Prints the time.
 // level: Tab at a level that was never fetched, below known ones. Prints the number of candidates, the time, and the
-// time
-//     that this process computed in it.
+//     time that this process computed in it.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
