@@ -47,7 +47,7 @@ TEST(Listener, PrintsEventsBetweenHidingAndShowingTheLine)
     captured_output output;
     const scripted_peer peer(saying(event_text(12, R"({"a":[1,"x"]})") + event_text(4294967295, R"("text")") +
                                     event_text(13, "") + event_text(14, "null")));
-    const context_ref group = make_context(peer.destination());
+    const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
     ASSERT_TRUE(output.shows("EVENT 14:\nnull\n<show>"));
     EXPECT_EQ(output.text(), "<hide>\nEVENT 12:\n{\n    \"a\": [\n        1,\n        \"x\"\n    ]\n}\n<show>"
@@ -61,7 +61,7 @@ TEST(Listener, PassesTextThroughWhereThereIsNoTerminal)
 {
     captured_output output;
     const scripted_peer peer(saying(event_text(12, "\"\x7f\xc2\x9b\"")));
-    const context_ref group = make_context(peer.destination());
+    const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
     EXPECT_TRUE(output.shows("EVENT 12:\n\"\x7f\xc2\x9b\"\n<show>"));
 }
@@ -74,7 +74,7 @@ TEST(Listener, QueuesNoticesOfInstancesWithoutPrintingThem)
                                     event_text(4, R"({"Action":1,"Path":"Device.T.","InstanceNumber":1})") +
                                     event_text(4, R"({"Action":"Add","Path":"Device.T.","InstanceNumber":"1"})") +
                                     notice_text(2) + event_text(99, "")));
-    const context_ref group = make_context(peer.destination());
+    const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
     ASSERT_TRUE(output.shows("EVENT 99:\n<show>"));
     const json_ref queue(fetch_instance_queue());
@@ -100,7 +100,7 @@ TEST(Listener, TakesAHundredThousandNoticesInARow)
         link.send(event_text(99, ""));
         link.closed();
     });
-    const context_ref group = make_context(peer.destination());
+    const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
     ASSERT_TRUE(output.shows("EVENT 99:"));
     const json_ref queue(fetch_instance_queue());
@@ -120,7 +120,7 @@ TEST(Listener, LosesNoNoticeToAConsumerThatOnlyTries)
             link.send(notice_text(i));
         link.closed();
     });
-    const context_ref group = make_context(peer.destination());
+    const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
     int expected = 1;
     EXPECT_TRUE(becomes([&] {
@@ -137,7 +137,7 @@ TEST(Listener, EndsTheRunWhenTheLinkDrops)
 {
     captured_output output;
     const scripted_peer peer([](peer_link &link) { link.send(event_text(12, "")); });
-    const context_ref group = make_context(peer.destination());
+    const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
     EXPECT_TRUE(becomes([] { return !is_running(); }));
     ASSERT_TRUE(output.shows("<stop>"));
@@ -147,7 +147,7 @@ TEST(Listener, EndsTheRunWhenTheLinkDrops)
 TEST(Listener, EndsTheRunAtOnceWhenThereNeverWasALink)
 {
     captured_output output;
-    const context_ref group = make_context("/nonexistent/socket", false);
+    const context_ref group = make_group_context("/nonexistent/socket", false);
     const running_listener listener(nullptr, group.get());
     EXPECT_TRUE(output.shows("<hide>Connection dropped\n<stop>"));
     EXPECT_FALSE(is_running());
@@ -158,7 +158,7 @@ TEST(Listener, StopsAtOnceAndWithoutAWordWhenever)
     captured_output output;
     const scripted_peer peer([](peer_link &link) { link.closed(); });
     for (int i = 0; i < 200; ++i) {
-        const context_ref group = make_context(peer.destination());
+        const context_ref group = make_group_context(peer.destination());
         ve_jrpcapi_set_timeout(group.get(), -1);
         const auto start = clock_type::now();
         ASSERT_EQ(start_event_handler(nullptr, group.get()), 0);
@@ -177,7 +177,7 @@ TEST(Listener, MayBeStoppedByASignalHandlerAtAWaitPoint)
 {
     captured_output output;
     const scripted_peer peer([](peer_link &link) { link.closed(); });
-    const context_ref group = make_context(peer.destination());
+    const context_ref group = make_group_context(peer.destination());
     ve_jrpcapi_set_timeout(group.get(), -1);
     ve_wait_init();
     struct sigaction action {
@@ -211,7 +211,7 @@ TEST(GroupExec, TakesTheAnswerThatTheListenerHandsOver)
             link.answer(id);
         }
     });
-    const context_ref group = make_context(peer.destination());
+    const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
     for (int i = 1; i <= 20; ++i) {
         const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
@@ -229,7 +229,7 @@ TEST(GroupExec, ReturnsTheCodeOfAnErrorAnswer)
                   "\n");
         link.closed();
     });
-    const context_ref group = make_context(peer.destination());
+    const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
     const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
     EXPECT_EQ(group_exec(message.get(), -1), 9001);
@@ -248,7 +248,7 @@ TEST(GroupExec, GivesUpAfterItsPolls)
                     link.answer(id); // comes too late for somebody who does not look
             }
         });
-        const context_ref group = make_context(peer.destination());
+        const context_ref group = make_group_context(peer.destination());
         const running_listener listener(nullptr, group.get());
         const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
         EXPECT_EQ(group_exec(message.get(), 0), -1);
@@ -264,7 +264,7 @@ TEST(GroupExec, EndsWhenTheLinkDoes)
 {
     captured_output output;
     const scripted_peer peer([](peer_link &link) { link.request(); });
-    const context_ref group = make_context(peer.destination());
+    const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
     const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
     EXPECT_EQ(group_exec(message.get(), -1), -1);

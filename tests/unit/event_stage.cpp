@@ -75,3 +75,10 @@ context_ref make_context(const char *destination, bool connect)
     }
     return ctx;
 }
+
+context_ref make_group_context(const char *destination, bool connect)
+{
+    context_ref ctx = make_context(destination, connect);
+    ve_jrpcapi_set_flags(ctx.get(), ve_jrpcapi_get_flags(ctx.get()) | ve_jrpcapi_flag_events);
+    return ctx;
+}

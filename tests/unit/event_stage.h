@@ -38,6 +38,8 @@ using context_ref = std::unique_ptr<ve_jrpcapi, context_deinit>;
 
 /// A context for `destination` that is connected unless told otherwise.
 context_ref make_context(const char *destination, bool connect = true);
+/// The same for the link that the listener reads.
+context_ref make_group_context(const char *destination, bool connect = true);
 
 /// The listener on both contexts for the life of a test.
 class running_listener
