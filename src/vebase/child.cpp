@@ -57,6 +57,11 @@ int ve_child_run(const char *command)
     char shell[] = "sh";
     char option[] = "-c";
     char *const words[] = {shell, option, const_cast<char *>(command), nullptr};
+    if (sigint_is_pending()) {
+        // A key that came before there was a child cannot reach what that starts.
+        ve_wait_discard_sigint();
+        return W_EXITCODE(0, SIGINT);
+    }
     // The terminal's Ctrl-C and Ctrl-\ are for the child, as system(3) has it; SIGINT is blocked here anyway.
     struct sigaction ignore = {};
     struct sigaction before;
@@ -66,7 +71,7 @@ int ve_child_run(const char *command)
     pid_t child;
     const int error = posix_spawn(&child, "/bin/sh", nullptr, child_attributes(before).get(), words, environ);
     if (error == 0) {
-        // A key that came before there was a child did not reach it.
+        // A key between that look and the start reached nobody; a child that has it already minds no second one.
         if (sigint_is_pending())
             kill(child, SIGINT);
         while (waitpid(child, &status, 0) < 0 && errno == EINTR)
