@@ -11,6 +11,7 @@
 #include "platform/ve_json.h"
 #include "platform/ve_landing.h"
 #include "platform/ve_wait.h"
+#include "vebase/link/jrpcapi_impl.h"
 
 namespace
 {
@@ -127,6 +128,19 @@ TEST(MsgExec, AnswersWithoutFussWhileTheLinkHolds)
         EXPECT_EQ(ask(), 0);
     EXPECT_EQ(output.text(), "");
     EXPECT_EQ(peer.accepted(), 1);
+}
+
+TEST(MsgExec, LeavesTheUsualTimeOutBehind)
+{
+    const scripted_peer peer(answer_all);
+    const channel link(peer.destination());
+    for (const int timeout_ms : {-1, 1000}) {
+        const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+        EXPECT_EQ(msg_exec(message.get(), timeout_ms), 0);
+        EXPECT_EQ(request_ctx->timeout_ms, 5000);
+        EXPECT_EQ(msg_exec_once(message.get(), timeout_ms), 0);
+        EXPECT_EQ(request_ctx->timeout_ms, 5000);
+    }
 }
 
 TEST(MsgExec, ReconnectsOnceAndRepeatsTheRequest)
