@@ -181,14 +181,14 @@ int process_record(const char *name, json_t *args)
         return syntax(name, " <filename>|abort");
     const char *file = arg_text(args, 0);
     if (strcmp(file, "abort") == 0) {
-        if (record_check() == 0) {
+        if (!record_check()) {
             ve_printf("%s: no record found.\n", name);
             return -1;
         }
         record_abort();
         return 0;
     }
-    if (record_check() != 0) {
+    if (record_check()) {
         ve_printf("%s: already recording.\n", name);
         return -1;
     }

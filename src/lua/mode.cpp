@@ -15,7 +15,6 @@
 #include "lua/running.h"
 #include "lua/session.h"
 #include "lua/traceback.h"
-#include "platform/ve_history.h"
 #include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
@@ -38,6 +37,9 @@ struct free_deleter {
 std::unique_ptr<char, free_deleter> line;
 std::string pending;
 bool is_pending = false;
+
+ve_history history;       // of all Lua modes
+size_t session_begin = 0; // the entry of `history` with which this one begins
 
 bool is_quit(const char *text)
 {
@@ -70,7 +72,7 @@ void finish_statement(const std::string &text, bool compiled)
     if (isspace(static_cast<unsigned char>(text[0])) != 0)
         ve_puts(text.c_str());
     else
-        ve_history_add(text.c_str());
+        history.add(text);
     pending.clear();
     is_pending = false;
     line.reset();
@@ -142,9 +144,9 @@ void run_lines(lua_State *L)
 /// What the session leaves behind: its recording and its history.
 void save_session()
 {
-    if (record_check() != 0)
-        record_commit();
-    ve_history_dump(history_file, -1);
+    if (record_check())
+        record_commit(history.script(session_begin));
+    history.save();
 }
 
 /// os.exit in Lua mode ends the program, but not without that.
@@ -167,8 +169,9 @@ int lua_mode_run()
     const auto disposition = signal(SIGINT, SIG_DFL);
     prompt_update_postfix("lua");
     kest_readline_cleanup();
-    ve_history_clear();
-    ve_history_load(history_file);
+    kest_readline_use({lua_autocomplete}, &history);
+    history.load(history_file);
+    session_begin = history.size();
     {
         const lua_client client(leave_program);
         if (client) {
@@ -176,11 +179,10 @@ int lua_mode_run()
             run_lines(client.get()->state);
         }
         sigint_buf_setted = 0; // nothing jumps into the loop any more
-        ve_rl_set_autocomplete_cb(nullptr);
+        kest_readline_use({}, nullptr);
         lua_complete_set_state(nullptr);
     }
     save_session();
-    ve_history_clear();
     prompt_update_postfix(nullptr);
     kest_readline_prepare();
     ve_wait_discard_sigint();

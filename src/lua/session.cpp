@@ -11,7 +11,6 @@
 #include "lua/traceback.h"
 #include "platform/ve_lua.h"
 #include "platform/ve_out.h"
-#include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 
 namespace
@@ -112,7 +111,6 @@ bool ends_unfinished(const char *message, size_t size)
 void kest_lua_init(lua_State *L)
 {
     lua_complete_set_state(L);
-    ve_rl_set_autocomplete_cb(lua_autocomplete);
     results_reference = -1;
     results_count = 0;
     owns_underscore = false;

@@ -6,7 +6,7 @@
 
 struct lua_State;
 
-/// Begins a session with a new state: its completion is installed, nothing was shown yet.
+/// Begins a session with a new state: its completion looks into it, nothing was shown yet.
 void kest_lua_init(lua_State *L);
 /// Before every execution: makes the results table visible as the global "_" when that is nil.
 void kest_lua_prepare(lua_State *L);

@@ -152,7 +152,7 @@ int enter_mode(const cline_options &options)
 void connect_units()
 {
     request_set_hooks({prompt_update_path, reload_dm});
-    kest_readline_set_callbacks(shell_autocomplete, shell_hint);
+    kest_readline_set_callbacks({shell_autocomplete, shell_hint});
 }
 
 } // namespace

@@ -1,21 +1,49 @@
-// The history of typed lines: one list in memory, oldest first. Main thread only.
+// The lines that were typed, and the file that keeps them from session to session. Main thread only.
 #pragma once
 
 #include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
 
-/// Replaces the list by the entries of the file (plain lines, oldest first; encoded line feeds inside an entry are
-/// decoded). A missing file is an empty history. What is no plain file of this user is left alone, with one warning on
-/// standard error. Returns 0 or negative.
-int ve_history_load(const char *path);
-/// Writes the newest `count` entries, oldest first. -1: all of them, as a history file (0600, replaced atomically;
-/// never over something that ve_history_load refused; multi-line entries encoded). 0: the entries added since the last
-/// load, clear or ve_history_mark. A count of 0 or more writes plain text (a script). Returns 0 or negative.
-int ve_history_dump(const char *path, int count);
-/// Appends an entry. Duplicates are kept.
-void ve_history_add(const char *entry);
-void ve_history_clear();
-/// From here on, ve_history_dump with 0 counts anew.
-void ve_history_mark();
-size_t ve_history_size();
-/// Entry `index`, 0 the oldest; null when there is none. Valid until the list changes.
-const char *ve_history_get(size_t index);
+/// Entries, oldest first. Behind what its file held there stand those that were added here, which save() hands on.
+class ve_history
+{
+public:
+    /// Takes the entries of the file `path` (plain lines, oldest first; encoded line feeds inside an entry are decoded)
+    /// and puts those that were added here and not saved behind them. From now on this is the file to save to. A
+    /// missing file is an empty history. What is no plain file of this user is left alone, with one warning on standard
+    /// error. Returns 0 or negative.
+    int load(const char *path);
+    /// Adds what was added here to the file, behind what it holds by now: nothing that other sessions saved is lost.
+    /// Of more than ve_history_file_max entries the file keeps the newest. It is replaced in one step and is this
+    /// user's alone. Returns 0, or negative when it is as it was; never writes what was not loaded.
+    int save();
+    /// Appends an entry, without the NULs in it. Duplicates are kept.
+    void add(std::string_view entry);
+
+    size_t size() const { return starts_.size(); }
+    /// Entry `index`, 0 the oldest, below size(); NUL-terminated, valid until the list changes.
+    std::string_view entry(size_t index) const;
+    /// Bytes of the longest entry so far.
+    size_t longest() const { return longest_; }
+    /// The entries from `first` on as a script: as they were typed, a line feed behind each.
+    std::string script(size_t first) const;
+
+private:
+    void parse(std::string_view content);
+    void warn(const char *path, const char *reason);
+
+    std::string texts_;          // all entries, each with its NUL
+    std::vector<size_t> starts_; // where each begins in texts_
+    size_t saved_ = 0;           // so many entries are in the file
+    size_t longest_ = 0;
+    std::string path_; // empty: nothing was loaded
+    bool warned_ = false;
+};
+
+constexpr size_t ve_history_file_max = 10000;
+
+/// Writes a script: a plain file is replaced in one step, anything else written in place. Returns 0, or negative after
+/// a message on standard error.
+int ve_history_write_script(const char *path, std::string_view script);

@@ -6,6 +6,7 @@
 #include <jansson.h>
 
 #include "platform/ve_colors.h"
+#include "platform/ve_history.h"
 
 /// What the thread that prints events asks of the editor.
 enum ve_rl_control : unsigned {
@@ -31,6 +32,8 @@ using ve_rl_hint_cb = char *(*)(const char *line);
 /// Install the callbacks; null removes them. They return what was installed before.
 ve_rl_autocomplete_cb ve_rl_set_autocomplete_cb(ve_rl_autocomplete_cb callback);
 ve_rl_hint_cb ve_rl_set_hint_cb(ve_rl_hint_cb callback);
+/// The history that the keys of the editor walk and search (borrowed; null for none).
+void ve_rl_set_history(const ve_history *history);
 /// Called inside a completion callback: byte offset in the line of the typed part that a candidate replaces. Without
 /// it, the part begins after the last blank before the cursor.
 void ve_rl_set_completion_start(size_t offset);

@@ -3,8 +3,6 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "platform/ve_history.h"
-
 namespace
 {
 
@@ -37,34 +35,34 @@ unsigned long read_number(const char *text)
     return errno == 0 ? number : 0;
 }
 
-/// The entry that the reference at `at` names, or null.
-const char *find_entry(const std::string &line, size_t at)
+/// The number of the entry that the reference at `at` names, 1 the oldest; 0 for none.
+size_t find_entry(const ve_history &history, const std::string &line, size_t at)
 {
-    const size_t size = ve_history_size();
+    const size_t size = history.size();
     const char *reference = line.c_str() + at;
     if (line.compare(at, std::string::npos, "!!") == 0)
-        return size > 0 ? ve_history_get(size - 1) : nullptr;
+        return size;
     const bool backwards = reference[1] == '-';
     const unsigned long number = read_number(reference + (backwards ? 2 : 1));
     if (number == 0 || number > size)
-        return nullptr;
-    return ve_history_get(backwards ? size - number : number - 1);
+        return 0;
+    return backwards ? size - number + 1 : number;
 }
 
 } // namespace
 
-unsigned history_expand(std::string &line)
+unsigned history_expand(const ve_history &history, std::string &line)
 {
     unsigned replaced = 0;
     while (replaced < replacements_max && (replaced == 0 || line.size() <= expanded_max)) {
         const size_t begin = find_reference(line);
-        const char *entry = begin != std::string::npos ? find_entry(line, begin) : nullptr;
-        if (entry == nullptr)
+        const size_t number = begin != std::string::npos ? find_entry(history, line, begin) : 0;
+        if (number == 0)
             break;
         size_t end = begin;
         while (end < line.size() && !is_space(line[end]))
             end++;
-        line.replace(begin, end - begin, entry);
+        line.replace(begin, end - begin, history.entry(number - 1));
         replaced++;
     }
     return replaced;

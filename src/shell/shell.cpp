@@ -15,7 +15,6 @@
 #include "dispatch/table.h"
 #include "event/listener.h"
 #include "event/request.h"
-#include "platform/ve_history.h"
 #include "platform/ve_json.h"
 #include "platform/ve_landing.h"
 #include "platform/ve_log.h"
@@ -112,17 +111,17 @@ bool split_line(const std::string &line, json_t *words)
 void run_line(std::string &line, json_t *words)
 {
     json_array_clear(words);
-    if (history_expand(line) > 0)
+    if (history_expand(shell_history(), line) > 0)
         ve_puts(ve_visible_lines(line.c_str()));
     if (!split_line(line, words)) {
         ve_puts("The line is not valid UTF-8 text.");
         return;
     }
     if (isspace(static_cast<unsigned char>(line[0])) == 0)
-        ve_history_add(line.c_str());
+        shell_history().add(line);
     const json_ref command = json_ref::share(json_array_get(words, 0));
     json_array_remove(words, 0);
-    if (record_check() != 0)
+    if (record_check())
         record_increment();
     run_command(json_string_value(command.get()), words);
 }
@@ -146,7 +145,7 @@ void read_lines()
         if (!is_quit(line.get())) {
             text = line.get();
             run_line(text, words.get());
-        } else if (record_check() != 0) {
+        } else if (record_check()) {
             record_commit();
         } else {
             return;
@@ -177,6 +176,5 @@ int shell_loop()
     cdpath_free(&cwd);
     cdpath_free(&old_cwd);
     kest_readline_cleanup();
-    ve_history_clear();
     return 0;
 }

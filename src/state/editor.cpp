@@ -1,6 +1,5 @@
 #include "state/editor.h"
 
-#include "platform/ve_history.h"
 #include "utils/colorscheme.h"
 
 namespace
@@ -8,43 +7,61 @@ namespace
 
 constexpr char history_file[] = "/tmp/.kest.hist";
 
-ve_rl_autocomplete_cb autocomplete_callback = nullptr;
-ve_rl_hint_cb hint_callback = nullptr;
-bool prepared = false; // between kest_readline_prepare and kest_readline_cleanup: the history was loaded
+struct {
+    line_callbacks shell; // filled by start-up
+    line_callbacks now;   // of the lines that are read now, whether the options let them work or not
+    bool autocomplete = true;
+    bool hint = true;
+    ve_history history;
+} editor;
+
+void install()
+{
+    ve_rl_set_autocomplete_cb(editor.autocomplete ? editor.now.autocomplete : nullptr);
+    ve_rl_set_hint_cb(editor.hint ? editor.now.hint : nullptr);
+}
 
 } // namespace
 
-void kest_readline_set_callbacks(ve_rl_autocomplete_cb autocomplete, ve_rl_hint_cb hint)
+void kest_readline_set_callbacks(const line_callbacks &shell)
 {
-    autocomplete_callback = autocomplete;
-    hint_callback = hint;
+    editor.shell = shell;
+}
+
+void kest_readline_use(const line_callbacks &callbacks, const ve_history *history)
+{
+    editor.now = callbacks;
+    editor.autocomplete = editor.hint = true;
+    install();
+    ve_rl_set_history(history);
 }
 
 void kest_set_autocomplete(int on)
 {
-    ve_rl_set_autocomplete_cb(on != 0 ? autocomplete_callback : nullptr);
+    editor.autocomplete = on != 0;
+    install();
 }
 
 void kest_set_hint(int on)
 {
-    ve_rl_set_hint_cb(on != 0 ? hint_callback : nullptr);
+    editor.hint = on != 0;
+    install();
 }
 
 void kest_readline_prepare()
 {
     kest_colorscheme_set(kest_colorscheme_get());
-    kest_set_autocomplete(1);
-    kest_set_hint(1);
-    ve_history_load(history_file);
-    prepared = true;
+    kest_readline_use(editor.shell, &editor.history);
+    editor.history.load(history_file);
 }
 
 void kest_readline_cleanup()
 {
-    kest_set_autocomplete(0);
-    kest_set_hint(0);
-    // Lua mode is entered without a shell too; a history that was never loaded must not replace the user's.
-    if (prepared)
-        ve_history_dump(history_file, -1);
-    prepared = false;
+    kest_readline_use({}, nullptr);
+    editor.history.save(); // nothing where Lua mode was entered without a shell
+}
+
+ve_history &shell_history()
+{
+    return editor.history;
 }

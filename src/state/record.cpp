@@ -1,47 +1,48 @@
 #include "state/record.h"
 
-#include <cstdint>
-#include <cstdio>
+#include <algorithm>
+#include <cstddef>
 
-#include "platform/ve_history.h"
+#include "state/editor.h"
 #include "state/prompt.h"
 
 namespace
 {
 
-char record_file[256];
-uint8_t record_mode = 0;
-uint32_t record_count = 0; // lines run since the recording began
+struct {
+    bool active = false;
+    std::string file;
+    size_t count = 0; // lines of the shell that were run since it began
+} recording;
 
 } // namespace
 
 void record_start(const char *file)
 {
-    record_mode = 1;
-    record_count = 0;
-    snprintf(record_file, sizeof record_file, "%s", file);
-    ve_history_mark();
+    recording = {.active = true, .file = file};
     prompt_update_postfix("record");
 }
 
 void record_increment()
 {
-    ++record_count;
+    ++recording.count;
 }
 
-int record_check()
+bool record_check()
 {
-    return record_mode;
+    return recording.active;
 }
 
 void record_abort()
 {
-    record_mode = 0;
+    recording.active = false;
     prompt_update_postfix(nullptr);
 }
 
-void record_commit()
+void record_commit(std::string_view behind)
 {
-    ve_history_dump(record_file, static_cast<int>(record_count));
+    const ve_history &lines = shell_history();
+    std::string script = lines.script(lines.size() - std::min(recording.count, lines.size()));
+    ve_history_write_script(recording.file.c_str(), script.append(behind));
     record_abort();
 }

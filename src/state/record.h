@@ -1,11 +1,13 @@
 // Recording the shell's lines into a script. Main thread only.
 #pragma once
 
-/// Begins a recording into `file` (at most 255 bytes).
+#include <string_view>
+
 void record_start(const char *file);
+/// A line of the shell is run.
 void record_increment();
-/// 1 while recording.
-int record_check();
+/// True while recording.
+bool record_check();
 void record_abort();
-/// Writes the recorded lines and ends the recording.
-void record_commit();
+/// Writes as many of the shell's newest lines as were run, and `behind` them, and ends the recording.
+void record_commit(std::string_view behind = {});

@@ -33,6 +33,7 @@ namespace
 int control[2];
 sigjmp_buf landing;
 json_t *words;
+ve_history history;
 int slow_ms;
 
 void order(const std::string &line)
@@ -203,7 +204,7 @@ void read_lines(int timeout)
         }
         running = strcmp(line, "quit") != 0;
         if (line[0] != '\0')
-            ve_history_add(line);
+            history.add(line);
         if (running)
             run(line);
         free(line);
@@ -224,9 +225,10 @@ int main()
         pthread_create(&thread, nullptr, take_orders, nullptr);
         pthread_detach(thread);
     }
-    const char *history = setting("DEMO_HISTORY", "");
-    if (history[0] != '\0')
-        ve_history_load(history);
+    const char *history_file = setting("DEMO_HISTORY", "");
+    if (history_file[0] != '\0')
+        history.load(history_file);
+    ve_rl_set_history(&history);
     words = json_loads(setting("DEMO_WORDS", "[]"), 0, nullptr);
     for (int i = 0; i < atoi(setting("DEMO_MANY", "0")); ++i) {
         char name[32];
@@ -241,8 +243,7 @@ int main()
     if (getenv("DEMO_COLORS") != nullptr)
         ve_rl_set_colors({220, 78, 100}, {120, 100, 55}, {50, 100, 55});
     read_lines(atoi(setting("DEMO_TIMEOUT", "-1")));
-    if (history[0] != '\0')
-        ve_history_dump(history, -1);
+    history.save();
     ve_out_flush();
     json_decref(words);
     return 0;

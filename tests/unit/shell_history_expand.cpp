@@ -14,18 +14,17 @@ class HistoryExpand : public testing::Test
 protected:
     HistoryExpand()
     {
-        ve_history_clear();
         for (const char *entry : {"one", "two words", "three"})
-            ve_history_add(entry);
+            history_.add(entry);
     }
-    ~HistoryExpand() override { ve_history_clear(); }
 
-    static std::string expanded(std::string line)
+    std::string expanded(std::string line)
     {
-        replaced_ = history_expand(line);
+        replaced_ = history_expand(history_, line);
         return line;
     }
-    static inline unsigned replaced_ = 0;
+    ve_history history_;
+    unsigned replaced_ = 0;
 };
 
 TEST_F(HistoryExpand, ReplacesReferences)
@@ -63,16 +62,16 @@ TEST_F(HistoryExpand, LeavesEverythingElse)
 
 TEST_F(HistoryExpand, AReplacementMayHoldAReference)
 {
-    ve_history_add("x !1");
+    history_.add("x !1");
     EXPECT_EQ(expanded("!!"), "x one");
     EXPECT_EQ(replaced_, 2U);
 }
 
 TEST_F(HistoryExpand, EndsWhenAnEntryRefersToItself)
 {
-    ve_history_add("!!");
+    history_.add("!!");
     EXPECT_EQ(expanded("!!"), "!!");
-    ve_history_add("!5 !5 x");
+    history_.add("!5 !5 x");
     const std::string line = expanded("!5");
     EXPECT_TRUE(line.starts_with("!5 !5 x"));
     EXPECT_LT(line.size(), 10000U);
@@ -80,7 +79,7 @@ TEST_F(HistoryExpand, EndsWhenAnEntryRefersToItself)
 
 TEST_F(HistoryExpand, EndsWhenTheLineGetsTooLong)
 {
-    ve_history_add(("!4 " + std::string(1 << 20, 'x')).c_str());
+    history_.add("!4 " + std::string(1 << 20, 'x'));
     EXPECT_LT(expanded("!4").size(), size_t{3} << 20);
 }
 

@@ -4,11 +4,15 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -24,11 +28,9 @@ protected:
     {
         char name[] = "/tmp/kest-history.XXXXXX";
         directory = mkdtemp(name);
-        ve_history_clear();
     }
     ~history() override
     {
-        ve_history_clear();
         const std::string command = "rm -rf " + directory;
         EXPECT_EQ(system(command.c_str()), 0);
     }
@@ -45,85 +47,193 @@ protected:
         all << file.rdbuf();
         return all.str();
     }
-    static std::vector<std::string> entries()
+    int load(ve_history &list, const char *name) const { return list.load(path(name).c_str()); }
+    bool holds_one_file() const
     {
-        std::vector<std::string> all;
-        for (size_t i = 0; i < ve_history_size(); ++i)
-            all.emplace_back(ve_history_get(i));
-        return all;
+        const std::string command = "test $(ls -A " + directory + " | wc -l) = 1";
+        return system(command.c_str()) == 0;
     }
     std::string directory;
+    ve_history lines;
 };
 
 using texts = std::vector<std::string>;
 
+texts entries(const ve_history &list)
+{
+    texts all;
+    for (size_t i = 0; i < list.size(); ++i)
+        all.emplace_back(list.entry(i));
+    return all;
+}
+
+/// What the current process writes can grow no larger than that.
+class small_files
+{
+public:
+    explicit small_files(rlim_t size)
+    {
+        signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit small{.rlim_cur = size, .rlim_max = before_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &small);
+    }
+    small_files(const small_files &) = delete;
+    small_files &operator=(const small_files &) = delete;
+    ~small_files() { setrlimit(RLIMIT_FSIZE, &before_); }
+
+private:
+    rlimit before_;
+};
+
 TEST_F(history, keeps_entries_oldest_first_with_duplicates)
 {
-    ve_history_add("ls");
-    ve_history_add("pwd");
-    ve_history_add("ls");
-    EXPECT_EQ(entries(), (texts{"ls", "pwd", "ls"}));
-    EXPECT_EQ(ve_history_get(3), nullptr);
-    ve_history_clear();
-    EXPECT_EQ(ve_history_size(), 0U);
-    EXPECT_EQ(ve_history_get(0), nullptr);
+    for (const char *entry : {"ls", "pwd", "ls"})
+        lines.add(entry);
+    EXPECT_EQ(entries(lines), (texts{"ls", "pwd", "ls"}));
+    EXPECT_STREQ(lines.entry(1).data(), "pwd");
+    lines.add({"a\0b", 3});
+    EXPECT_EQ(lines.entry(3), "ab");
 }
 
 TEST_F(history, reads_plain_lines)
 {
-    put("h", "ls\n cat x\\ny\nlast without end");
-    EXPECT_EQ(ve_history_load(path("h").c_str()), 0);
-    EXPECT_EQ(entries(), (texts{"ls", " cat x\\ny", "last without end"}));
+    put("h", "ls\n cat x\\ny\n\nlast without end");
+    EXPECT_EQ(load(lines, "h"), 0);
+    EXPECT_EQ(entries(lines), (texts{"ls", " cat x\\ny", "last without end"}));
 }
 
 TEST_F(history, a_missing_file_is_an_empty_history)
 {
-    EXPECT_EQ(ve_history_load(path("none").c_str()), 0);
-    EXPECT_EQ(ve_history_size(), 0U);
-    ve_history_add("ls");
-    EXPECT_EQ(ve_history_dump(path("none").c_str(), -1), 0);
+    EXPECT_EQ(load(lines, "none"), 0);
+    EXPECT_EQ(lines.size(), 0U);
+    lines.add("ls");
+    EXPECT_EQ(lines.save(), 0);
     EXPECT_EQ(get("none"), "ls\n");
 }
 
 TEST_F(history, multi_line_entries_survive_a_reload)
 {
     const texts all{"for i=1,3 do\nprint(\"a\\nb\")\nend", "plain \\n text", "\001odd", "trailing\n", "x\\"};
-    EXPECT_EQ(ve_history_load(path("h").c_str()), 0);
+    EXPECT_EQ(load(lines, "h"), 0);
     for (const auto &entry : all)
-        ve_history_add(entry.c_str());
-    EXPECT_EQ(ve_history_dump(path("h").c_str(), -1), 0);
+        lines.add(entry);
+    EXPECT_EQ(lines.save(), 0);
     EXPECT_TRUE(get("h").starts_with("\001for i=1,3 do\\nprint(\"a\\\\nb\")\\nend\nplain \\n text\n")) << get("h");
-    EXPECT_EQ(ve_history_load(path("h").c_str()), 0);
-    EXPECT_EQ(entries(), all);
+    ve_history again;
+    EXPECT_EQ(load(again, "h"), 0);
+    EXPECT_EQ(entries(again), all);
 }
 
 TEST_F(history, is_written_for_its_user_alone)
 {
     put("h", "old\n");
     chmod(path("h").c_str(), 0644);
-    EXPECT_EQ(ve_history_load(path("h").c_str()), 0);
-    ve_history_add("new");
-    EXPECT_EQ(ve_history_dump(path("h").c_str(), -1), 0);
+    EXPECT_EQ(load(lines, "h"), 0);
+    lines.add("new");
+    EXPECT_EQ(lines.save(), 0);
     struct stat info;
     ASSERT_EQ(stat(path("h").c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777U, 0600U);
     EXPECT_EQ(get("h"), "old\nnew\n");
 }
 
-TEST_F(history, one_that_was_never_loaded_is_never_written_over_its_file)
+TEST_F(history, one_that_was_never_loaded_is_never_saved)
 {
-    put("h", "precious\n");
-    ve_history_add("x");
-    EXPECT_LT(ve_history_dump(path("h").c_str(), -1), 0);
-    EXPECT_EQ(get("h"), "precious\n");
-    // Nor is one that was loaded from elsewhere, nor one that was cleared since.
-    put("other", "y\n");
-    EXPECT_EQ(ve_history_load(path("other").c_str()), 0);
-    EXPECT_LT(ve_history_dump(path("h").c_str(), -1), 0);
-    EXPECT_EQ(ve_history_load(path("h").c_str()), 0);
-    ve_history_clear();
-    EXPECT_LT(ve_history_dump(path("h").c_str(), -1), 0);
-    EXPECT_EQ(get("h"), "precious\n");
+    lines.add("x");
+    EXPECT_LT(lines.save(), 0);
+    EXPECT_FALSE(holds_one_file());
+}
+
+TEST_F(history, sessions_that_run_at_once_lose_nothing)
+{
+    put("h", "old\n");
+    ve_history other;
+    EXPECT_EQ(load(lines, "h"), 0);
+    EXPECT_EQ(load(other, "h"), 0);
+    lines.add("a");
+    other.add("b");
+    EXPECT_EQ(lines.save(), 0);
+    EXPECT_EQ(other.save(), 0);
+    EXPECT_EQ(get("h"), "old\na\nb\n");
+    // What was saved is not added again, and what others saved comes with the next load.
+    EXPECT_EQ(lines.save(), 0);
+    lines.add("c");
+    EXPECT_EQ(lines.save(), 0);
+    EXPECT_EQ(get("h"), "old\na\nb\nc\n");
+    EXPECT_EQ(entries(lines), (texts{"old", "a", "c"}));
+    EXPECT_EQ(load(lines, "h"), 0);
+    EXPECT_EQ(entries(lines), (texts{"old", "a", "b", "c"}));
+}
+
+TEST_F(history, sessions_that_end_at_once_lose_nothing)
+{
+    constexpr int sessions = 8;
+    constexpr int saves = 25;
+    for (int session = 0; session < sessions; ++session) {
+        if (fork() != 0)
+            continue;
+        ve_history mine;
+        bool saved = load(mine, "h") == 0;
+        for (int i = 0; i < saves; ++i) {
+            mine.add(std::to_string(session) + " " + std::to_string(i));
+            saved = mine.save() == 0 && saved;
+        }
+        _exit(saved ? 0 : 1);
+    }
+    for (int session = 0; session < sessions; ++session) {
+        int status = -1;
+        wait(&status);
+        EXPECT_EQ(status, 0);
+    }
+    EXPECT_EQ(load(lines, "h"), 0);
+    std::vector<int> next(sessions, 0);
+    for (const std::string &entry : entries(lines)) {
+        const auto session = static_cast<size_t>(entry[0] - '0');
+        EXPECT_EQ(entry, std::to_string(session) + " " + std::to_string(next[session]++));
+    }
+    EXPECT_EQ(next, std::vector<int>(sessions, saves));
+    EXPECT_TRUE(holds_one_file());
+}
+
+TEST_F(history, a_session_that_never_lets_go_of_the_file_is_not_waited_for)
+{
+    put("h", "old\n");
+    EXPECT_EQ(load(lines, "h"), 0);
+    lines.add("new");
+    const int held = open(path("h").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(held, LOCK_EX), 0);
+    EXPECT_EQ(lines.save(), 0);
+    close(held);
+    EXPECT_EQ(get("h"), "old\nnew\n");
+}
+
+TEST_F(history, one_that_was_taken_away_comes_back)
+{
+    put("h", "old\n");
+    EXPECT_EQ(load(lines, "h"), 0);
+    lines.add("new");
+    unlink(path("h").c_str());
+    EXPECT_EQ(lines.save(), 0);
+    EXPECT_EQ(get("h"), "old\nnew\n");
+}
+
+TEST_F(history, the_file_keeps_the_newest_10000)
+{
+    std::string content;
+    for (int i = 0; i < 9999; ++i)
+        content += std::to_string(i) + "\n";
+    put("h", content);
+    EXPECT_EQ(load(lines, "h"), 0);
+    lines.add("a\nb");
+    lines.add("c");
+    EXPECT_EQ(lines.save(), 0);
+    EXPECT_EQ(get("h"), content.substr(2) + "\001a\\nb\nc\n");
+    EXPECT_EQ(lines.size(), 10001U);
+    for (int i = 0; i < 20000; ++i)
+        lines.add("new");
+    EXPECT_EQ(lines.save(), 0);
+    EXPECT_EQ(get("h").size(), 10000 * strlen("new\n"));
 }
 
 TEST_F(history, leaves_what_is_no_plain_file_alone)
@@ -136,14 +246,16 @@ TEST_F(history, leaves_what_is_no_plain_file_alone)
     put("two", "names\n");
     ASSERT_EQ(link(path("two").c_str(), path("names").c_str()), 0);
     for (const char *name : {"link", "dangling", "fifo", "dir", "two"}) {
+        ve_history list;
         testing::internal::CaptureStderr();
-        EXPECT_LT(ve_history_load(path(name).c_str()), 0) << name;
-        EXPECT_EQ(ve_history_size(), 0U) << name;
-        ve_history_add("x");
-        EXPECT_LT(ve_history_dump(path(name).c_str(), -1), 0) << name;
-        EXPECT_LT(ve_history_load(path(name).c_str()), 0) << name;
+        EXPECT_LT(load(list, name), 0) << name;
+        EXPECT_EQ(list.size(), 0U) << name;
+        list.add("x");
+        EXPECT_LT(list.save(), 0) << name;
+        EXPECT_LT(load(list, name), 0) << name;
         const std::string said = testing::internal::GetCapturedStderr();
         EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
+        EXPECT_EQ(entries(list), texts{"x"}) << name;
     }
     EXPECT_EQ(get("target"), "secret\n");
     EXPECT_EQ(get("names"), "names\n");
@@ -153,80 +265,62 @@ TEST_F(history, leaves_what_is_no_plain_file_alone)
 TEST_F(history, what_took_the_place_of_the_file_is_left_alone)
 {
     put("h", "old\n");
-    EXPECT_EQ(ve_history_load(path("h").c_str()), 0);
-    ve_history_add("new");
+    EXPECT_EQ(load(lines, "h"), 0);
+    lines.add("new");
     put("target", "secret\n");
     unlink(path("h").c_str());
     ASSERT_EQ(symlink(path("target").c_str(), path("h").c_str()), 0);
     testing::internal::CaptureStderr();
-    EXPECT_LT(ve_history_dump(path("h").c_str(), -1), 0);
+    EXPECT_LT(lines.save(), 0);
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(get("target"), "secret\n");
+    // What was not saved is not lost.
+    unlink(path("h").c_str());
+    put("h", "another\n");
+    EXPECT_EQ(load(lines, "h"), 0);
+    EXPECT_EQ(entries(lines), (texts{"another", "new"}));
+    EXPECT_EQ(lines.save(), 0);
+    EXPECT_EQ(get("h"), "another\nnew\n");
 }
 
 TEST_F(history, a_write_that_fails_keeps_the_old_file)
 {
     put("h", "old\n");
-    EXPECT_EQ(ve_history_load(path("h").c_str()), 0);
-    ve_history_add(std::string(100000, 'x').c_str());
-    signal(SIGXFSZ, SIG_IGN);
-    rlimit before;
-    getrlimit(RLIMIT_FSIZE, &before);
-    const rlimit small{.rlim_cur = 4096, .rlim_max = before.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &small);
-    const int history_result = ve_history_dump(path("h").c_str(), -1);
-    const int script_result = ve_history_dump(path("h").c_str(), 1);
-    setrlimit(RLIMIT_FSIZE, &before);
-    EXPECT_LT(history_result, 0);
-    EXPECT_LT(script_result, 0);
+    EXPECT_EQ(load(lines, "h"), 0);
+    lines.add(std::string(100000, 'x'));
+    testing::internal::CaptureStderr();
+    {
+        const small_files limit(4096);
+        EXPECT_LT(lines.save(), 0);
+        EXPECT_LT(ve_history_write_script(path("h").c_str(), lines.script(1)), 0);
+    }
+    EXPECT_EQ(std::ranges::count(testing::internal::GetCapturedStderr(), '\n'), 2);
     EXPECT_EQ(get("h"), "old\n");
     // Nothing is left beside it either.
-    const std::string command = "test $(ls -A " + directory + " | wc -l) = 1";
-    EXPECT_EQ(system(command.c_str()), 0);
+    EXPECT_TRUE(holds_one_file());
 }
 
-TEST_F(history, a_recording_is_plain_text)
+TEST_F(history, a_script_is_plain_text)
 {
-    ve_history_add("one");
-    ve_history_add("two\nlines");
-    ve_history_add("three");
-    EXPECT_EQ(ve_history_dump(path("script").c_str(), 2), 0);
-    EXPECT_EQ(get("script"), "two\nlines\nthree\n");
-    EXPECT_EQ(ve_history_dump(path("script").c_str(), 99), 0);
+    for (const char *entry : {"one", "two\nlines", "three"})
+        lines.add(entry);
+    EXPECT_EQ(lines.script(3), "");
+    EXPECT_EQ(lines.script(1), "two\nlines\nthree\n");
+    EXPECT_EQ(ve_history_write_script(path("script").c_str(), lines.script(0)), 0);
     EXPECT_EQ(get("script"), "one\ntwo\nlines\nthree\n");
-    EXPECT_LT(ve_history_dump(path("no/such/directory").c_str(), 1), 0);
-    EXPECT_LT(ve_history_dump(directory.c_str(), 1), 0);
     ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
-    EXPECT_LT(ve_history_dump(path("fifo").c_str(), 1), 0);
+    testing::internal::CaptureStderr();
+    for (const std::string &name : {path("no/such/directory"), directory, path("fifo")})
+        EXPECT_LT(ve_history_write_script(name.c_str(), "x\n"), 0) << name;
+    EXPECT_EQ(std::ranges::count(testing::internal::GetCapturedStderr(), '\n'), 3);
 }
 
-TEST_F(history, a_recording_follows_a_symbolic_link)
+TEST_F(history, a_script_follows_a_symbolic_link)
 {
     put("real", "");
     ASSERT_EQ(symlink(path("real").c_str(), path("link").c_str()), 0);
-    ve_history_add("one");
-    EXPECT_EQ(ve_history_dump(path("link").c_str(), 1), 0);
+    EXPECT_EQ(ve_history_write_script(path("link").c_str(), "one\n"), 0);
     EXPECT_EQ(get("real"), "one\n");
-}
-
-TEST_F(history, count_zero_writes_what_came_since_load_clear_or_mark)
-{
-    put("h", "old\n");
-    EXPECT_EQ(ve_history_load(path("h").c_str()), 0);
-    EXPECT_EQ(ve_history_dump(path("script").c_str(), 0), 0);
-    EXPECT_EQ(get("script"), "");
-    ve_history_add("a");
-    ve_history_add("b");
-    EXPECT_EQ(ve_history_dump(path("script").c_str(), 0), 0);
-    EXPECT_EQ(get("script"), "a\nb\n");
-    ve_history_mark();
-    ve_history_add("c");
-    EXPECT_EQ(ve_history_dump(path("script").c_str(), 0), 0);
-    EXPECT_EQ(get("script"), "c\n");
-    ve_history_clear();
-    ve_history_add("d");
-    EXPECT_EQ(ve_history_dump(path("script").c_str(), 0), 0);
-    EXPECT_EQ(get("script"), "d\n");
 }
 
 TEST_F(history, a_hundred_thousand_entries_cost_next_to_nothing)
@@ -236,14 +330,14 @@ TEST_F(history, a_hundred_thousand_entries_cost_next_to_nothing)
         content += "set Device.Hosts.Host." + std::to_string(i) + ".Alias=name\n";
     put("h", content);
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(ve_history_load(path("h").c_str()), 0);
+    EXPECT_EQ(load(lines, "h"), 0);
     for (int i = 0; i < 100000; ++i)
-        ve_history_add("another line");
-    EXPECT_EQ(ve_history_dump(path("h").c_str(), -1), 0);
+        lines.add("another line");
+    EXPECT_EQ(lines.save(), 0);
     // Quadratic work would take minutes.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    EXPECT_EQ(ve_history_size(), 200000U);
-    EXPECT_STREQ(ve_history_get(99999), "set Device.Hosts.Host.99999.Alias=name");
+    EXPECT_EQ(lines.size(), 200000U);
+    EXPECT_EQ(lines.entry(99999), "set Device.Hosts.Host.99999.Alias=name");
 }
 
 } // namespace

@@ -4,149 +4,95 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "vebase/editor/history_files.h"
-#include "vebase/editor/history_list.h"
 
-namespace
+void ve_history::add(std::string_view entry)
 {
-
-std::string texts;               // all entries, oldest first, each with its NUL
-std::vector<size_t> starts;      // where each entry begins in texts
-size_t marked = 0;               // entries there were at the last load, clear or mark
-size_t longest = 0;              // bytes of the longest entry
-std::string origin;              // the file that the list was loaded from; empty: none
-std::vector<std::string> warned; // files that were complained about
-
-void append(std::string_view entry)
-{
-    starts.push_back(texts.size());
-    const size_t before = texts.size();
-    texts.append(entry);
-    // An entry is a C string for its readers.
-    texts.erase(std::remove(texts.begin() + static_cast<ptrdiff_t>(before), texts.end(), '\0'), texts.end());
-    longest = std::max(longest, texts.size() - before);
-    texts.push_back('\0');
+    starts_.push_back(texts_.size());
+    std::copy_if(entry.begin(), entry.end(), std::back_inserter(texts_), [](char byte) { return byte != '\0'; });
+    longest_ = std::max(longest_, texts_.size() - starts_.back());
+    texts_.push_back('\0');
 }
 
-void warn_once(const char *path, const char *reason)
+std::string_view ve_history::entry(size_t index) const
 {
-    if (std::find(warned.begin(), warned.end(), path) != warned.end())
-        return;
-    warned.emplace_back(path);
-    fprintf(stderr, "%s: %s, the history there is left alone.\n", path, reason);
+    const size_t end = index + 1 < starts_.size() ? starts_[index + 1] : texts_.size();
+    return {texts_.data() + starts_[index], end - starts_[index] - 1};
 }
 
-void clear_list()
+std::string ve_history::script(size_t first) const
 {
-    texts.clear();
-    starts.clear();
-    marked = 0;
-    longest = 0;
-    origin.clear();
+    std::string text;
+    for (size_t i = first; i < size(); ++i)
+        text.append(entry(i)).push_back('\n');
+    return text;
 }
 
-int dump_history(const char *path)
+void ve_history::parse(std::string_view content)
 {
-    std::string old;
-    const char *reason = nullptr;
-    // A list that did not come from this file must not take its place.
-    if (origin != path && (starts.empty() || history_read(path, old, &reason) != history_file::missing))
-        return -1;
-    std::string content;
-    content.reserve(texts.size());
-    for (size_t i = 0; i < starts.size(); ++i)
-        history_encode(history_entry(i), content);
-    if (history_replace(path, content, &reason) == 0)
-        return 0;
-    warn_once(path, reason);
-    return -1;
-}
-
-int dump_script(const char *path, size_t count)
-{
-    count = std::min(count, starts.size());
-    std::string content;
-    for (size_t i = starts.size() - count; i < starts.size(); ++i) {
-        content.append(history_entry(i));
-        content.push_back('\n');
-    }
-    if (history_write_script(path, content) == 0)
-        return 0;
-    fprintf(stderr, "%s: %s\n", path, strerror(errno));
-    return -1;
-}
-
-} // namespace
-
-int ve_history_load(const char *path)
-{
-    clear_list();
-    std::string content;
-    const char *reason = nullptr;
-    const history_file status = history_read(path, content, &reason);
-    if (status == history_file::refused) {
-        warn_once(path, reason);
-        return -1;
-    }
-    texts.reserve(content.size() + 1);
+    texts_.reserve(content.size() + 1);
     std::string entry;
     for (size_t at = 0; at < content.size();) {
         const size_t end = std::min(content.find('\n', at), content.size());
-        const std::string_view line{content.data() + at, end - at};
-        if (!line.empty()) {
-            history_decode(line, entry);
-            append(entry);
+        if (end > at) {
+            history_decode(content.substr(at, end - at), entry);
+            add(entry);
         }
         at = end + 1;
     }
-    marked = starts.size();
-    origin = path;
+}
+
+void ve_history::warn(const char *path, const char *reason)
+{
+    if (!warned_)
+        fprintf(stderr, "%s: %s, the history there is left alone.\n", path, reason);
+    warned_ = true;
+}
+
+int ve_history::load(const char *path)
+{
+    std::string content;
+    const char *reason = nullptr;
+    const bool usable = history_read(path, content, &reason);
+    if (!usable)
+        warn(path, reason);
+    ve_history now;
+    now.warned_ = warned_;
+    if (usable) {
+        now.path_ = path;
+        now.parse(content);
+    }
+    now.saved_ = now.size();
+    for (size_t i = saved_; i < size(); ++i)
+        now.add(entry(i));
+    *this = std::move(now);
+    return usable ? 0 : -1;
+}
+
+int ve_history::save()
+{
+    if (path_.empty())
+        return -1;
+    const history_lock lock(path_.c_str());
+    std::string content;
+    const char *reason = nullptr;
+    if (!history_read(path_.c_str(), content, &reason)) {
+        warn(path_.c_str(), reason);
+        return -1;
+    }
+    ve_history now;
+    now.parse(content);
+    // Where there is no history any more, the one that was there at the load comes back.
+    for (size_t i = now.size() == 0 ? 0 : saved_; i < size(); ++i)
+        now.add(entry(i));
+    content.clear();
+    for (size_t i = now.size() - std::min(now.size(), ve_history_file_max); i < now.size(); ++i)
+        history_encode(now.entry(i), content);
+    if (!history_replace(path_.c_str(), content)) {
+        warn(path_.c_str(), strerror(errno));
+        return -1;
+    }
+    saved_ = size();
     return 0;
-}
-
-int ve_history_dump(const char *path, int count)
-{
-    if (count < 0)
-        return dump_history(path);
-    return dump_script(path, count == 0 ? starts.size() - marked : static_cast<size_t>(count));
-}
-
-void ve_history_add(const char *entry)
-{
-    if (entry != nullptr && entry[0] != '\0')
-        append(entry);
-}
-
-void ve_history_clear()
-{
-    clear_list();
-}
-
-void ve_history_mark()
-{
-    marked = starts.size();
-}
-
-size_t ve_history_size()
-{
-    return starts.size();
-}
-
-const char *ve_history_get(size_t index)
-{
-    return index < starts.size() ? texts.data() + starts[index] : nullptr;
-}
-
-std::string_view history_entry(size_t index)
-{
-    const size_t end = index + 1 < starts.size() ? starts[index + 1] : texts.size();
-    return {texts.data() + starts[index], end - starts[index] - 1};
-}
-
-size_t history_longest()
-{
-    return longest;
 }

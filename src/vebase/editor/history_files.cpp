@@ -1,37 +1,24 @@
 #include "vebase/editor/history_files.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <utility>
 
+#include "platform/ve_history.h"
 namespace
 {
 
 constexpr char mark = '\001';
 constexpr off_t size_max = off_t{256} << 20;
-
-class descriptor
-{
-public:
-    explicit descriptor(int fd) : fd_(fd) {}
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
-    ~descriptor()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    int get() const { return fd_; }
-    /// Closes now; what the file system reports only then is an error like any other.
-    bool finish() { return close(std::exchange(fd_, -1)) == 0; }
-
-private:
-    int fd_;
-};
+constexpr int lock_tries = 200;
+constexpr timespec lock_pause = {0, 5'000'000};
 
 /// Null when `info` is a plain file that only this user can have put there.
 const char *refusal(const struct stat &info)
@@ -40,7 +27,7 @@ const char *refusal(const struct stat &info)
         return "not a regular file";
     if (info.st_uid != geteuid())
         return "a file of another user";
-    if (info.st_nlink != 1)
+    if (info.st_nlink > 1) // none is left to one that was replaced meanwhile, which is as good
         return "a file with several names";
     return info.st_size > size_max ? "too large" : nullptr;
 }
@@ -58,14 +45,27 @@ bool write_all(int fd, std::string_view content)
     return true;
 }
 
+bool read_all(int fd, size_t limit, std::string *content)
+{
+    content->resize(limit);
+    size_t filled = 0;
+    ssize_t count;
+    do {
+        count = read(fd, content->data() + filled, limit - filled);
+        filled += static_cast<size_t>(std::max<ssize_t>(count, 0));
+    } while (count > 0 || (count < 0 && errno == EINTR));
+    content->resize(filled);
+    return count == 0;
+}
+
 /// Writes `content` to a new file beside `path` and gives it that name.
 bool replace_file(const char *path, std::string_view content, mode_t mode)
 {
     std::string beside = std::string{path} + ".XXXXXX";
-    descriptor file{mkostemp(beside.data(), O_CLOEXEC)};
+    fd_owner file(mkostemp(beside.data(), O_CLOEXEC));
     if (file.get() < 0)
         return false;
-    if (write_all(file.get(), content) && fchmod(file.get(), mode) == 0 && file.finish() &&
+    if (write_all(file.get(), content) && fchmod(file.get(), mode) == 0 && close(file.release()) == 0 &&
         rename(beside.c_str(), path) == 0)
         return true;
     const int error = errno;
@@ -76,10 +76,10 @@ bool replace_file(const char *path, std::string_view content, mode_t mode)
 
 bool write_in_place(const char *path, std::string_view content)
 {
-    descriptor file{open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666)};
+    fd_owner file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
     if (file.get() < 0)
         return false;
-    if (write_all(file.get(), content) && file.finish())
+    if (write_all(file.get(), content) && close(file.release()) == 0)
         return true;
     // An empty script says more clearly than half of one that something went wrong.
     const int error = errno;
@@ -96,67 +96,71 @@ mode_t default_mode()
     return 0666 & ~mask;
 }
 
-} // namespace
-
-history_file history_read(const char *path, std::string &content, const char **reason)
-{
-    const descriptor file{open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
-    if (file.get() < 0) {
-        if (errno == ENOENT)
-            return history_file::missing;
-        *reason = errno == ELOOP ? "a symbolic link" : strerror(errno);
-        return history_file::refused;
-    }
-    struct stat info;
-    *reason = fstat(file.get(), &info) < 0 ? strerror(errno) : refusal(info);
-    if (*reason != nullptr)
-        return history_file::refused;
-    content.resize(static_cast<size_t>(info.st_size));
-    size_t filled = 0;
-    while (filled < content.size()) {
-        const ssize_t count = read(file.get(), content.data() + filled, content.size() - filled);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0) {
-            *reason = strerror(errno);
-            return history_file::refused;
-        }
-        if (count == 0)
-            break;
-        filled += static_cast<size_t>(count);
-    }
-    content.resize(filled);
-    return history_file::read;
-}
-
-int history_replace(const char *path, std::string_view content, const char **reason)
-{
-    struct stat info;
-    *reason = nullptr;
-    if (lstat(path, &info) == 0)
-        *reason = S_ISLNK(info.st_mode) ? "a symbolic link" : refusal(info);
-    else if (errno != ENOENT)
-        *reason = strerror(errno);
-    if (*reason != nullptr)
-        return -1;
-    if (replace_file(path, content, 0600))
-        return 0;
-    *reason = strerror(errno);
-    return -1;
-}
-
-int history_write_script(const char *path, std::string_view content)
+/// False with errno.
+bool write_script(const char *path, std::string_view content)
 {
     struct stat info;
     const bool exists = lstat(path, &info) == 0;
     if (exists && !(S_ISREG(info.st_mode) && info.st_nlink == 1 && info.st_uid == geteuid()))
-        return write_in_place(path, content) ? 0 : -1;
+        return write_in_place(path, content);
     if (exists && access(path, W_OK) < 0)
-        return -1;
-    if (replace_file(path, content, exists ? info.st_mode & 0777 : default_mode()))
-        return 0;
+        return false;
     // A directory that takes no new file may hold one that can be written.
-    return (errno == EACCES || errno == EPERM || errno == EROFS) && write_in_place(path, content) ? 0 : -1;
+    return replace_file(path, content, exists ? info.st_mode & 0777 : default_mode()) ||
+           ((errno == EACCES || errno == EPERM || errno == EROFS) && write_in_place(path, content));
+}
+
+bool is_named(const struct stat &info, const char *path)
+{
+    struct stat named;
+    return lstat(path, &named) == 0 && named.st_dev == info.st_dev && named.st_ino == info.st_ino;
+}
+
+} // namespace
+
+history_lock::history_lock(const char *path)
+{
+    for (int i = 0; i < lock_tries; ++i) {
+        file_.reset(open(path, O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
+        struct stat info;
+        if (file_.get() < 0 || fstat(file_.get(), &info) < 0)
+            return;
+        const bool locked = flock(file_.get(), LOCK_EX | LOCK_NB) == 0;
+        // Who held it may have put another file in its place.
+        if (locked && is_named(info, path))
+            return;
+        if (!locked)
+            nanosleep(&lock_pause, nullptr);
+    }
+}
+
+bool history_read(const char *path, std::string &content, const char **reason)
+{
+    content.clear();
+    const fd_owner file(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (file.get() < 0 && errno == ENOENT)
+        return true;
+    struct stat info;
+    if (file.get() < 0 || fstat(file.get(), &info) < 0)
+        *reason = errno == ELOOP ? "a symbolic link" : strerror(errno);
+    else
+        *reason = refusal(info);
+    if (*reason == nullptr && !read_all(file.get(), static_cast<size_t>(info.st_size), &content))
+        *reason = strerror(errno);
+    return *reason == nullptr;
+}
+
+bool history_replace(const char *path, std::string_view content)
+{
+    return replace_file(path, content, 0600);
+}
+
+int ve_history_write_script(const char *path, std::string_view script)
+{
+    if (write_script(path, script))
+        return 0;
+    fprintf(stderr, "%s: %s\n", path, strerror(errno));
+    return -1;
 }
 
 void history_encode(std::string_view entry, std::string &out)

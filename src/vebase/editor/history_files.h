@@ -7,19 +7,25 @@
 #include <string>
 #include <string_view>
 
-enum class history_file { read, missing, refused };
+#include "vebase/fd.h"
 
-/// Reads the file whole into `content`. Only a regular file of this user with one name is read: no symbolic link is
-/// followed, a FIFO does not hang. `reason` receives a text when it is refused.
-history_file history_read(const char *path, std::string &content, const char **reason);
+/// Reads the file whole into `content`; a missing one is empty. False, with `reason`, when it is no regular file of
+/// this user with one name: no symbolic link is followed, a FIFO does not hang.
+bool history_read(const char *path, std::string &content, const char **reason);
 
-/// Replaces the history file in one step: what was there stays whole until the new one is complete. Refuses like
-/// history_read. Returns 0, or negative with `reason`.
-int history_replace(const char *path, std::string_view content, const char **reason);
+/// Replaces the history file in one step: what was there stays whole until the new one is complete. False with errno.
+bool history_replace(const char *path, std::string_view content);
 
-/// Writes a script: a plain file is replaced in one step, anything else written in place. Returns 0, or negative with
-/// errno set.
-int history_write_script(const char *path, std::string_view content);
+/// Held while the file is read and replaced, so that sessions which end at once do so one behind the other. Creates a
+/// missing file. Who does not let go in time, or cannot be asked, is not waited for.
+class history_lock
+{
+public:
+    explicit history_lock(const char *path);
+
+private:
+    fd_owner file_;
+};
 
 /// Appends `entry` as a line of a history file, its line feed included.
 void history_encode(std::string_view entry, std::string &out);

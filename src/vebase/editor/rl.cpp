@@ -87,6 +87,11 @@ ve_rl_hint_cb ve_rl_set_hint_cb(ve_rl_hint_cb callback)
     return std::exchange(rl_set.hint, callback);
 }
 
+void ve_rl_set_history(const ve_history *history)
+{
+    rl_set.history = history != nullptr ? history : &rl_no_history;
+}
+
 void ve_rl_set_completion_start(size_t offset)
 {
     rl_set.completion_start = offset;

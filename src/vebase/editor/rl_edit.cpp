@@ -7,9 +7,7 @@
 #include <cstring>
 #include <unistd.h>
 
-#include "platform/ve_history.h"
 #include "platform/ve_out.h"
-#include "vebase/editor/history_list.h"
 #include "vebase/editor/rl_session.h"
 #include "vebase/editor/rl_text.h"
 
@@ -28,7 +26,7 @@ int walk_history(void *, HistEventW *event, int operation, ...)
 {
     static size_t at = 0;
     static std::wstring entry;
-    const size_t count = ve_history_size();
+    const size_t count = rl_set.history->size();
     size_t next = count;
     switch (operation) {
     case H_FIRST:
@@ -55,7 +53,7 @@ int walk_history(void *, HistEventW *event, int operation, ...)
     }
     at = next;
     rl_editor.note_walk(at);
-    entry = rl_widen(history_entry(at));
+    entry = rl_widen(rl_set.history->entry(at));
     // The library takes one line feed and one blank off an entry's end.
     if (entry.ends_with(L'\n') || entry.ends_with(L' '))
         entry.push_back(entry.back());
@@ -259,7 +257,7 @@ void rl_session::replace_line(const std::wstring &text, size_t cursor)
 void rl_session::follow_history()
 {
     if (walked_)
-        in_history_ = text() == rl_widen(history_entry(walked_to_));
+        in_history_ = text() == rl_widen(rl_set.history->entry(walked_to_));
     else if (went_newer_)
         in_history_ = false;
     if ((walked_ || went_newer_) && !in_history_ && !long_line_.empty() && text() != long_line_)
@@ -285,7 +283,7 @@ void rl_session::ensure_capacity(bool starting)
 {
     const size_t length = starting ? 0 : text().size();
     // An entry of the history may take the line's place; what was cut is at most as long as the room was.
-    const size_t needed = std::max({2 * length, length + search_room, history_longest() + search_room});
+    const size_t needed = std::max({2 * length, length + search_room, rl_set.history->longest() + search_room});
     if (needed <= capacity_ || (length == 0 && !starting))
         return;
     const size_t room = std::max(needed, size_t{4096}) * 2;
@@ -476,7 +474,7 @@ unsigned char rl_session::yank()
 /// Above the oldest entry the library would take back what was changed in it.
 unsigned char rl_session::older()
 {
-    if (ve_history_size() == 0 || (in_history_ && walked_to_ == 0)) {
+    if (rl_set.history->size() == 0 || (in_history_ && walked_to_ == 0)) {
         bell();
         return CC_NORM;
     }

@@ -18,7 +18,10 @@ enum class rl_outcome {
 };
 
 /// What the callers of the editor have set.
+inline const ve_history rl_no_history;
+
 struct rl_settings {
+    const ve_history *history = &rl_no_history;
     ve_rl_autocomplete_cb autocomplete = nullptr;
     ve_rl_hint_cb hint = nullptr;
     std::string prompt_color;

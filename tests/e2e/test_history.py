@@ -1,0 +1,113 @@
+"""The histories of the shell and of Lua mode: sessions at once, the file's size, full disks; and recordings that pass through
+Lua mode."""
+
+import pytest
+
+from lib import settings
+from lib.commands import MODEL, refuse_logins, typed
+from lib.program import Program
+
+
+@pytest.fixture
+def model(fake):
+    fake.serve(MODEL)
+    refuse_logins(fake)
+    return fake
+
+
+@pytest.fixture
+def history(private_tmp):
+    return private_tmp / ".kest.hist"
+
+
+@pytest.fixture
+def lua_history(private_tmp):
+    return private_tmp / ".kest.lua.hist"
+
+
+# Sessions at once
+
+def test_two_shells_at_once_lose_nothing(shell, model, history):
+    history.write_text("pwd\n")
+    first, second = shell(to=model), shell(to=model)
+    first.run("cd Device")
+    second.run("cd Device.Time")
+    first.run("cd Device.Host")
+    for term in (first, second):
+        term.type("q\r")
+        assert term.wait_exit() == 0
+    assert history.read_text() == "pwd\ncd Device\ncd Device.Host\ncd Device.Time\n"
+
+
+def test_a_shell_that_comes_back_from_lua_mode_knows_what_another_did(shell, model, history):
+    first, second = shell(to=model), shell(to=model)
+    first.run("cd Device")
+    second.run("cd :Device.Time")
+    second.type("q\r")
+    assert second.wait_exit() == 0
+    first.run("lua")
+    first.run("q")
+    assert first.run("!1", prompt="kest:Device.Time> ") == ["cd :Device.Time"]
+    first.type("q\r")
+    assert first.wait_exit() == 0
+    assert history.read_text() == "cd :Device.Time\ncd Device\nlua\ncd :Device.Time\n"
+
+
+def test_two_lua_modes_at_once_lose_nothing(shell, model, lua_history):
+    first, second = shell(to=model), shell(to=model)
+    for term, statement in ((first, "a = 1"), (second, "b = 2")):
+        term.run("lua")
+        term.run(statement)
+    for term in (first, second):
+        term.run("q", prompt="kest:> ")
+    assert lua_history.read_text() == "a = 1\nb = 2\n"
+
+
+def test_shells_that_end_in_the_same_moment_lose_nothing(kest_start, model, history):
+    lines = {number: [f"x{number} {line}" for line in range(3)] for number in range(6)}
+    shells = [kest_start(to=model, stdin="\n".join(mine) + "\n") for mine in lines.values()]
+    for program in shells:
+        assert program.finish().status == 0
+    kept = history.read_text().splitlines()
+    assert sorted(kept) == sorted(sum(lines.values(), []))
+    for number, mine in lines.items():
+        assert [line for line in kept if line.startswith(f"x{number} ")] == mine
+
+
+# What is in the file
+
+def test_the_file_keeps_the_newest_10000_lines(kest, model, history, lua_history):
+    for path in (history, lua_history):
+        path.write_text("".join(f"x{number}\n" for number in range(12000)))
+    typed(kest, model, "pwd", "lua", "y = 1", "q", "q")
+    assert history.read_text().splitlines() == [f"x{number}" for number in range(2002, 12000)] + ["pwd", "lua"]
+    assert lua_history.read_text().splitlines() == [f"x{number}" for number in range(2001, 12000)] + ["y = 1"]
+
+
+def test_a_full_disk_loses_nothing_that_was_there(sandbox, model, history, private_tmp):
+    history.write_text("precious\n")
+    env = sandbox.environment({"K": f"{settings.KEST} -u {model.address}"})
+    full = ["sh", "-c", "trap '' XFSZ; ulimit -f 0; exec $K"]
+    run = Program(full, env, sandbox.work, "pwd\nlua\nx = 1\nq\n!2\n", sandbox.wrap).finish()
+    assert run.out.endswith(":\npwd\n:\n")  # what could not be saved is still known
+    assert run.err == f"/tmp/.kest.hist: File too large, the history there is left alone.\n" \
+                      f"/tmp/.kest.lua.hist: File too large, the history there is left alone.\n"
+    assert history.read_text() == "precious\n"
+    assert sorted(path.name for path in private_tmp.iterdir() if path.stat().st_size) == [".kest.hist"]
+
+
+# Recordings
+
+def test_a_recording_that_passes_through_lua_mode_keeps_its_own_lines(kest, model, tmp_path, lua_history, history):
+    lua_history.write_text("earlier()\nolder()\n")
+    typed(kest, model, "cd", "record file", "pwd", "cd Device", "lua", "x = 1", " y = 2", "for i = 1, 2 do", "x = i", "end", "q",
+          "pwd", "q")
+    assert (tmp_path / "file").read_text() == "pwd\ncd Device\nlua\nx = 1\nfor i = 1, 2 do\nx = i\nend\n"
+    assert history.read_text() == "cd\nrecord file\npwd\ncd Device\nlua\npwd\n"
+    assert lua_history.read_text() == "earlier()\nolder()\nx = 1\n\001for i = 1, 2 do\\nx = i\\nend\n"
+
+
+def test_luarecord_holds_nothing_of_earlier_lua_modes(kest, model, tmp_path, lua_history):
+    lua_history.write_text("earlier()\n")
+    typed(kest, model, "lua", "x = 1", "q", "pwd", "luarecord file", "y = 2", "q", "q")
+    assert (tmp_path / "file").read_text() == "y = 2\n"
