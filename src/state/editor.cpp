@@ -31,7 +31,6 @@ void kest_readline_set_callbacks(const line_callbacks &shell)
 void kest_readline_use(const line_callbacks &callbacks, const ve_history *history)
 {
     editor.now = callbacks;
-    editor.autocomplete = editor.hint = true;
     install();
     ve_rl_set_history(history);
 }

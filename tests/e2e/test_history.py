@@ -1,11 +1,12 @@
-"""The histories of the shell and of Lua mode: sessions at once, the file's size, full disks; and recordings that pass through
-Lua mode."""
+"""The histories of the shell and of Lua mode: sessions at once, the file's size, full disks; recordings that pass through Lua
+mode; and the options of the line editor, which hold until they are changed."""
 
 import pytest
 
 from lib import settings
 from lib.commands import MODEL, refuse_logins, typed
 from lib.program import Program
+from lib.terminal import Key
 
 
 @pytest.fixture
@@ -111,3 +112,63 @@ def test_luarecord_holds_nothing_of_earlier_lua_modes(kest, model, tmp_path, lua
     lua_history.write_text("earlier()\n")
     typed(kest, model, "lua", "x = 1", "q", "pwd", "luarecord file", "y = 2", "q", "q")
     assert (tmp_path / "file").read_text() == "y = 2\n"
+
+
+# Options
+
+def completes(term):
+    """Whether Tab completes the shell's line."""
+    term.type("cd Dev\t")
+    term.type("x")
+    term.wait_for(lambda t: t.line(t.cursor[0]).endswith("x"))
+    line = term.line(term.cursor[0])
+    term.type(Key.CTRL_U)
+    term.wait_prompt()
+    return line.endswith("cd Device.x")
+
+
+def hints(term):
+    """Whether a hint stands behind the cursor once the line is one that has one."""
+    term.type("cd Dev")
+    term.quiet()
+    line = term.line(term.cursor[0])
+    term.type(Key.CTRL_U)
+    term.wait_prompt()
+    return line.endswith("cd Device.")
+
+
+@pytest.mark.parametrize("option, works", [("autocomplete", completes), ("hint", hints)])
+def test_an_option_holds_until_it_is_changed(shell, model, option, works):
+    term = shell(to=model)
+    assert works(term)
+    term.run(f"opt {option} off")
+    assert not works(term)
+    term.run("lua")
+    term.run("q")
+    assert not works(term)
+    term.run(f"opt {option} on")
+    assert works(term)
+    term.run("lua")
+    term.run("q")
+    assert works(term)
+
+
+@pytest.mark.parametrize("option, works, other", [("autocomplete", completes, hints), ("hint", hints, completes)])
+def test_an_option_of_the_configuration_file_holds(shell, model, tmp_path, option, works, other):
+    (tmp_path / "config").write_text(f"opt {option} off\n")
+    term = shell("-c", "config", to=model)
+    assert not works(term)
+    assert other(term)
+    term.run(f"opt {option} on")
+    assert works(term)
+
+
+def test_completion_that_is_off_is_off_in_lua_mode_too(shell, model):
+    term = shell(to=model)
+    for state, shown in (("off", "strix"), ("on", "stringx")):
+        term.run(f"opt autocomplete {state}")
+        term.run("lua")
+        term.type("strin\tx" if state == "on" else "stri\tx")
+        term.wait_for(lambda t, shown=shown: t.line(t.cursor[0]).endswith(shown))
+        term.type(Key.CTRL_U)
+        term.run("q", prompt="kest:> ")
