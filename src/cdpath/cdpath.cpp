@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_log.h"
 #include "platform/ve_out.h"
 #include "platform/ve_tr.h"
@@ -185,7 +184,7 @@ int cdpath_parse(cdpath *record, const char *text, bool quiet)
         return -1;
     if (text == nullptr)
         return -2;
-    jump_safe<std::string> rest(text);
+    std::string rest(text);
     char *next = rest.data();
     if (*next == ':') {
         cdpath_clear(record);

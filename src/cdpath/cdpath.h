@@ -59,7 +59,7 @@ json_t *cdpath_content_fast(cdpath *record, const char *text, unsigned flags);
 /// A new tree of the input arguments of the method that the record stands on, or null.
 json_t *cdpath_get_input(cdpath *record);
 
-/// A copy of a place for one look around. Use as jump_safe<cdpath_local>.
+/// A copy of a place for one look around. Use as cdpath_local.
 class cdpath_local : public cdpath
 {
 public:

@@ -5,7 +5,6 @@
 #include "cdpath/cdpath.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_tr.h"
 
 namespace
@@ -121,9 +120,9 @@ json_t *cdpath_content(cdpath *record, const char *text, unsigned flags)
         return list_own_parameters(text, flags);
 
     const bool ordered = record->is_ordered != 0;
-    jump_safe<std::string> object(record->path);
+    std::string object(record->path);
     object += '.';
-    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_get_parameter_names(object.c_str(), 1));
+    msg_ref message(ve_jrpcmsg_cmd_get_parameter_names(object.c_str(), 1));
     msg_exec(message.get(), -1);
     if (ve_jrpcmsg_result(message.get()) == nullptr)
         return nullptr;
@@ -154,8 +153,8 @@ json_t *cdpath_get_input(cdpath *record)
 {
     if (ve_tr_dm_node_type_get(record->node) != ve_tr_method)
         return nullptr;
-    jump_safe<std::string> method(record->path);
-    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
+    std::string method(record->path);
+    msg_ref message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
     {
         const std::string name = method + (ve_tr_path_is_full(method.c_str()) ? "." : "");
         ve_jrpcmsg_cmd_get_parameter_attributes_add(message.get(), name.c_str());

@@ -6,7 +6,6 @@
 #include "cdpath/cdpath.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_tr.h"
 
 namespace
@@ -40,11 +39,11 @@ json_t *names_of(const ve_jrpcmsg *message)
 /// when no answer came.
 json_t *fetch_instances(const char *base)
 {
-    jump_safe<msg_ref> names(ve_jrpcmsg_cmd_get_parameter_names(base, 1));
+    msg_ref names(ve_jrpcmsg_cmd_get_parameter_names(base, 1));
     if (msg_exec(names.get(), -1) < 0)
         return nullptr;
     // Without a "Depth": an instance comes with its direct children.
-    jump_safe<msg_ref> attributes(ve_jrpcmsg_cmd_get_parameter_attributes_new(names_of(names.get())));
+    msg_ref attributes(ve_jrpcmsg_cmd_get_parameter_attributes_new(names_of(names.get())));
     if (msg_exec(attributes.get(), -1) < 0)
         return nullptr;
     return ve_tr_names_to_config(ve_jrpcmsg_parameter_list(attributes.get()), base);
@@ -201,18 +200,18 @@ void install(json_t *node, json_t *content, json_t *instances)
 
 int cdpath_fetch(cdpath *record)
 {
-    jump_safe<std::string> base(object_path(record));
+    std::string base(object_path(record));
     // Kept, so that a new cache cannot be taken for this one.
-    jump_safe<json_ref> cache(json_incref(dm));
+    json_ref cache(json_incref(dm));
     const bool multi = record->is_multi != 0;
 
-    jump_safe<msg_ref> attributes(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
+    msg_ref attributes(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
     ve_jrpcmsg_cmd_get_parameter_attributes_add(attributes.get(), base.c_str());
     json_object_set_new(ve_jrpcmsg_params(attributes.get()), "Depth", json_integer(1));
     if (msg_exec(attributes.get(), -1) < 0)
         return 0;
 
-    jump_safe<json_ref> instances;
+    json_ref instances;
     if (multi) {
         instances.reset(fetch_instances(base.c_str()));
         if (!instances)

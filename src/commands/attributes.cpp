@@ -7,7 +7,6 @@
 #include "commands/place.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_tr.h"
 #include "utils/json_util.h"
@@ -135,7 +134,7 @@ json_t *denied_attributes(const cdpath *place)
 
 int show_attrs(const char *name, const char *path_text)
 {
-    jump_safe<cdpath_local> place(cwd);
+    cdpath_local place(cwd);
     if (!place_go(&place, path_text)) {
         ve_printf("%s: %s: no such node\n", name, path_text);
         return -1;
@@ -146,7 +145,7 @@ int show_attrs(const char *name, const char *path_text)
         ve_puts("Access:             readOnly");
         return -1;
     }
-    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
+    msg_ref message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
     {
         const bool object = ve_tr_dm_node_type_get(place.node) == ve_tr_object;
         const std::string node = object ? place_with_dot(place.path) : std::string(place.path);
@@ -183,7 +182,7 @@ int process_info(const char *name, json_t *args)
 
 int process_get_attrs(const char *name, json_t *args)
 {
-    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_get_parameter_attributes_new(json_incref(args)));
+    msg_ref message(ve_jrpcmsg_cmd_get_parameter_attributes_new(json_incref(args)));
     msg_exec(message.get(), 5000);
     if (ve_jrpcmsg_error_code(message.get()) != 0) {
         ve_printf("%s: ERROR\n", name);

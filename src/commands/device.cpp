@@ -5,7 +5,6 @@
 #include "commands/handler.h"
 #include "commands/values.h"
 #include "event/request.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 
@@ -18,7 +17,7 @@ constexpr int poll_pause_ms = 100;
 /// Sends a request without parameters and shows how it ended.
 void send_and_show(const char *method)
 {
-    jump_safe<msg_ref> message(ve_jrpcmsg_create_new(method, nullptr));
+    msg_ref message(ve_jrpcmsg_create_new(method, nullptr));
     msg_exec(message.get(), -1);
     print_status(message.get());
 }
@@ -26,7 +25,7 @@ void send_and_show(const char *method)
 /// Returns when the device no longer answers: 0, or -1 when the wait was interrupted.
 int wait_until_down()
 {
-    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_get_parameter_values_new(nullptr));
+    msg_ref message(ve_jrpcmsg_cmd_get_parameter_values_new(nullptr));
     ve_jrpcmsg_cmd_get_parameter_values_add(message.get(), "Device.DeviceInfo.Uptime");
     for (;;) {
         ve_jrpcmsg_set_result_new(message.get(), nullptr);
@@ -59,7 +58,7 @@ int process_reboot(const char *, json_t *args)
     const char *option = arg_text(args, 0);
     const int force = option != nullptr && strcmp(option, "-f") == 0 ? 1 : 0;
     {
-        jump_safe<msg_ref> message(ve_jrpcmsg_create_new("Reboot", json_pack("{s: b}", "Force", force)));
+        msg_ref message(ve_jrpcmsg_create_new("Reboot", json_pack("{s: b}", "Force", force)));
         msg_exec(message.get(), -1);
         print_status(message.get());
         if (ve_jrpcmsg_error_code(message.get()) != 0)

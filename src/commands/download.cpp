@@ -16,7 +16,6 @@
 #include "event/request.h"
 #include "platform/ve_fs.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
 #include "platform/ve_tr.h"
@@ -90,8 +89,7 @@ extern "C" void end_program(int signal)
     ve_wait_checkpoint();
 }
 
-/// Asks whether a major change shall reset the configuration. Ctrl-C ends a one-shot run; in the shell its handler
-/// leaves.
+/// Asks whether a major change shall reset the configuration. Ctrl-C ends a one-shot run; in the shell it abandons.
 answer ask_reset()
 {
     struct sigaction before {
@@ -103,8 +101,8 @@ answer ask_reset()
         ending.sa_handler = end_program;
         sigaction(SIGINT, &ending, nullptr);
     }
-    const jump_safe<without_completion> plain;
-    const jump_safe<typed_line> line{ve_rl("Reset config[(N)o/(y)es/(c)ancel] ", -1)};
+    const without_completion plain;
+    const typed_line line{ve_rl("Reset config[(N)o/(y)es/(c)ancel] ", -1)};
     const bool end_of_input = ve_rl_ctrld_is_pressed();
     if (before.sa_handler == SIG_DFL)
         sigaction(SIGINT, &before, nullptr);
@@ -119,7 +117,7 @@ answer ask_reset()
 
 void send_download(json_t *params)
 {
-    jump_safe<msg_ref> message{ve_jrpcmsg_create_new("Download", json_incref(params))};
+    msg_ref message{ve_jrpcmsg_create_new("Download", json_incref(params))};
     msg_exec(message.get(), -1);
 }
 
@@ -132,16 +130,17 @@ void reset_config()
 /// Shows the flash's progress until the device goes down or the flash fails, and waits for the device to come back.
 void watch_flashing()
 {
-    jump_safe<msg_ref> poll{ve_jrpcmsg_cmd_get_parameter_values_new(nullptr)};
+    msg_ref poll{ve_jrpcmsg_cmd_get_parameter_values_new(nullptr)};
     ve_jrpcmsg_cmd_get_parameter_values_add(poll.get(), "Device.DeviceInfo.UpgradeProgress");
     ve_jrpcmsg_cmd_get_parameter_values_add(poll.get(), "Device.DeviceInfo.UpgradeStatus");
     for (;;) {
         ve_jrpcmsg_set_result_new(poll.get(), nullptr);
         msg_exec_once(poll.get(), 1000);
+        if (ve_wait_interrupted())
+            return;
         if (ve_jrpcmsg_result(poll.get()) == nullptr)
             break;
-        jump_safe<json_ref> values{
-            ve_tr_namevalues_to_config(ve_jrpcmsg_parameter_list(poll.get()), "Device.DeviceInfo.")};
+        json_ref values{ve_tr_namevalues_to_config(ve_jrpcmsg_parameter_list(poll.get()), "Device.DeviceInfo.")};
         if (json_integer_value(json_object_get(values.get(), "UpgradeStatus")) < 0)
             break;
         const json_int_t percent = json_integer_value(json_object_get(values.get(), "UpgradeProgress"));
@@ -231,7 +230,7 @@ int process_download(const char *name, json_t *args)
     const char *file = arg_text(args, 1);
     const bool is_url = ve_url_parse(file) == 0;
 
-    jump_safe<std::string> url;
+    std::string url;
     if (is_url) {
         url = file;
     } else if (daemon_is_local()) {
@@ -239,7 +238,7 @@ int process_download(const char *name, json_t *args)
         if (url.empty())
             return syntax(name);
     }
-    jump_safe<json_ref> params{json_pack("{s: s, s: s}", "FileType", type, "URL", url.c_str())};
+    json_ref params{json_pack("{s: s, s: s}", "FileType", type, "URL", url.c_str())};
     if (!params) {
         ve_printf("%s: %s: the path is not UTF-8.\n", name, ve_visible(file));
         return -1;
@@ -250,14 +249,14 @@ int process_download(const char *name, json_t *args)
         json_object_set(params.get(), "TargetFileName", json_array_get(args, 2));
 
     // The digest of a large file takes its time; the server's time runs only from here.
-    jump_safe<std::shared_ptr<file_transfer>> transfer;
+    std::shared_ptr<file_transfer> transfer;
     if (!is_url && url.empty()) {
         transfer = file_server_start(file, ve_jrpcapi_socket(request_ctx), &url);
         json_object_set_new(params.get(), "URL", json_string(url.c_str()));
         ve_out_flush();
     }
 
-    jump_safe<msg_ref> message{ve_jrpcmsg_create_new("Download", json_incref(params.get()))};
+    msg_ref message{ve_jrpcmsg_create_new("Download", json_incref(params.get()))};
     msg_exec(message.get(), -1);
     const json_t *result = ve_jrpcmsg_result(message.get());
     if (result == nullptr) {

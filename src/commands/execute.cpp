@@ -8,7 +8,6 @@
 #include "commands/values.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_tr.h"
 #include "utils/json_util.h"
@@ -55,12 +54,12 @@ int process_execute(const char *name, json_t *args)
         ve_printf("%s: no method.\n", name);
         return -1;
     }
-    jump_safe<cdpath_local> place(cwd);
+    cdpath_local place(cwd);
     if (!place_go(&place, method)) {
         ve_printf("%s: %s: no such method.\n", name, method);
         return -1;
     }
-    jump_safe<msg_ref> message;
+    msg_ref message;
     {
         const json_ref input{cdpath_get_input(&place)};
         json_ref list{json_array()};

@@ -10,7 +10,6 @@
 #include "event/request.h"
 #include "platform/ve_colors.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_string.h"
 #include "platform/ve_tr.h"
@@ -41,7 +40,7 @@ bool object_path(const char *name, const char *typed, std::string *path)
     *path = typed;
     if (!place_scheme_loaded())
         return true;
-    jump_safe<cdpath_local> place(cwd);
+    cdpath_local place(cwd);
     if (cdpath_parse(&place, typed) != 0)
         return no_such_node(name, typed);
     *path = place_with_dot(place.path);
@@ -54,7 +53,7 @@ bool instance_path(const char *name, const char *typed, std::string *path)
     *path = typed;
     if (!place_scheme_loaded())
         return true;
-    jump_safe<cdpath_local> place(cwd);
+    cdpath_local place(cwd);
     if (!place_go(&place, typed))
         return no_such_node(name, typed);
     *path = place.path;
@@ -69,7 +68,7 @@ bool instance_path(const char *name, const char *typed, std::string *path)
 /// Sends the request (taken over) and shows how it ended.
 void send_and_show(ve_jrpcmsg *request)
 {
-    jump_safe<msg_ref> message(request);
+    msg_ref message(request);
     msg_exec(message.get(), -1);
     print_status(message.get());
 }
@@ -86,11 +85,11 @@ int process_add(const char *name, json_t *args)
     uint32_t order = no_order;
     if (count == 2 && !read_order(name, arg_text(args, 1), &order))
         return -1;
-    jump_safe<std::string> path;
+    std::string path;
     if (!object_path(name, count > 0 ? arg_text(args, 0) : ".", &path))
         return -1;
 
-    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_add_object(path.c_str(), order));
+    msg_ref message(ve_jrpcmsg_cmd_add_object(path.c_str(), order));
     msg_exec(message.get(), -1);
     int number = 0;
     if (json_t *result = ve_jrpcmsg_result(message.get()); result != nullptr)
@@ -108,14 +107,14 @@ int process_add(const char *name, json_t *args)
 int process_take(const char *name, json_t *args)
 {
     const char *typed = arg_text(args, 0);
-    jump_safe<std::string> path(typed != nullptr ? typed : ".");
+    std::string path(typed != nullptr ? typed : ".");
     const int number = process_add(name, args);
     if (number <= 0)
         return -1;
     if (ve_tr_path_is_full(path.c_str()))
         path += '.';
     path += std::to_string(number);
-    jump_safe<json_ref> words(json_pack("[s]", path.c_str()));
+    json_ref words(json_pack("[s]", path.c_str()));
     return process_cd(name, words.get());
 }
 
@@ -125,7 +124,7 @@ int process_del(const char *name, json_t *args)
         ve_printf("syntax: %s <path>\n", name);
         return -1;
     }
-    jump_safe<std::string> path;
+    std::string path;
     if (!instance_path(name, arg_text(args, 0), &path))
         return -1;
     send_and_show(ve_jrpcmsg_cmd_delete_object(path.c_str()));
@@ -141,7 +140,7 @@ int process_order(const char *name, json_t *args)
     uint32_t order = no_order;
     if (!read_order(name, arg_text(args, 1), &order))
         return -1;
-    jump_safe<std::string> path;
+    std::string path;
     if (!object_path(name, arg_text(args, 0), &path))
         return -1;
     send_and_show(ve_jrpcmsg_cmd_change_order(path.c_str(), order));

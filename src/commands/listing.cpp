@@ -8,7 +8,6 @@
 #include "commands/place.h"
 #include "event/request.h"
 #include "platform/ve_colors.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "utils/colorscheme.h"
 #include "utils/json_util.h"
@@ -158,11 +157,11 @@ void print_rows(const std::vector<row> &rows)
 
 void list_long(const cdpath *place)
 {
-    jump_safe<std::string> path(place->path);
-    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
+    std::string path(place->path);
+    msg_ref message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
     ve_jrpcmsg_cmd_get_parameter_values_add(message.get(), place_with_dot(path.c_str()).c_str());
     json_object_set_new(ve_jrpcmsg_params(message.get()), "Depth", json_integer(1));
     msg_exec(message.get(), 1000);
-    jump_safe<std::vector<row>> rows(make_rows(ve_jrpcmsg_parameter_list(message.get()), path));
+    std::vector<row> rows(make_rows(ve_jrpcmsg_parameter_list(message.get()), path));
     print_rows(rows);
 }

@@ -9,7 +9,6 @@
 #include "commands/listing.h"
 #include "commands/place.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
 #include "platform/ve_tr.h"
@@ -43,7 +42,7 @@ json_t *short_list(cdpath *place, const char *path_text, bool all)
         const char *dot = strrchr(place->path, '.');
         return list_of(path_text != nullptr ? path_text : dot != nullptr ? dot + 1 : place->path);
     }
-    jump_safe<std::string> prefix(path_text != nullptr ? path_text : "");
+    std::string prefix(path_text != nullptr ? path_text : "");
     if (prefix.ends_with('.'))
         prefix.pop_back();
     json_t *names = cdpath_content_fast(place, path_text != nullptr ? prefix.c_str() : nullptr, CDPATH_OBJECT_DOT);
@@ -55,7 +54,7 @@ json_t *short_list(cdpath *place, const char *path_text, bool all)
 
 int ls_repack_list(const char *name, const char *path_text, unsigned options)
 {
-    jump_safe<cdpath_local> place(cwd);
+    cdpath_local place(cwd);
     if (!place_go(&place, path_text)) {
         ve_printf("%s: %s: no such node\n", name, path_text);
         return -1;
@@ -64,7 +63,7 @@ int ls_repack_list(const char *name, const char *path_text, unsigned options)
         list_long(&place);
         return 0;
     }
-    jump_safe<json_ref> names(short_list(&place, path_text, (options & ls_all) != 0));
+    json_ref names(short_list(&place, path_text, (options & ls_all) != 0));
     ve_rl_show_list(names.get());
     return 0;
 }
@@ -104,7 +103,7 @@ void build_children(const cdpath &place, const json_t *names, bool multi, json_t
     {
         const char *name = json_string_value(word);
         json_t *child = json_object_get(place.node, multi ? "#template" : name);
-        jump_safe<cdpath_local> below(place);
+        cdpath_local below(place);
         if (cdpath_push(&below, child, name, ve_tr_dm_node_is_multi(child), ve_tr_dm_node_is_ordered(child)) == 0)
             json_array_append_new(content, tree_build(&below, name, multi));
     }
@@ -113,14 +112,14 @@ void build_children(const cdpath &place, const json_t *names, bool multi, json_t
 /// A new tree description of what the scheme holds below the place.
 json_t *tree_build(cdpath *place, const char *name, bool parent_multi)
 {
-    jump_safe<json_ref> tree(json_object());
+    json_ref tree(json_object());
     json_object_set_new(tree.get(), "name", json_string(name));
     if (!cdpath_is_root(place) && ve_tr_dm_node_type_get(place->node) != ve_tr_object)
         return tree.release();
     if (parent_multi && (strcmp(name, "max_instance") == 0 || strcmp(name, "order") == 0))
         return tree.release();
     const bool multi = ve_tr_dm_node_is_multi(place->node);
-    jump_safe<json_ref> names(cdpath_content(place, nullptr, 0));
+    json_ref names(cdpath_content(place, nullptr, 0));
     json_t *content = json_array();
     json_object_set_new(tree.get(), "from_multi", json_boolean(multi));
     json_object_set_new(tree.get(), "content", content);
@@ -137,8 +136,8 @@ int process_cd(const char *name, json_t *args)
         return -1;
     }
     const char *path = arg_text(args, 0);
-    jump_safe<cdpath_local> target(cwd);
-    jump_safe<cdpath_local> before(cwd);
+    cdpath_local target(cwd);
+    cdpath_local before(cwd);
     if (path == nullptr) {
         cdpath_clear(&target);
     } else if (!place_go(&target, path)) {
@@ -159,7 +158,7 @@ int process_up(const char *name, json_t *args)
         levels = 1;
     // No place is deeper than its text is long.
     levels = std::clamp(levels, 0L, static_cast<long>(cdpath_text_max));
-    jump_safe<json_ref> words(list_of(std::string(static_cast<size_t>(levels), '<').c_str()));
+    json_ref words(list_of(std::string(static_cast<size_t>(levels), '<').c_str()));
     return process_cd(name, words.get());
 }
 
@@ -188,13 +187,13 @@ int process_ls(const char *name, json_t *args)
 int process_tree(const char *name, json_t *args)
 {
     const char *path = arg_text(args, 0);
-    jump_safe<cdpath_local> place(cwd);
+    cdpath_local place(cwd);
     if (!place_go(&place, path)) {
         ve_printf("%s: %s: no such node\n", name, path);
         return -1;
     }
-    jump_safe<std::string> root(place.path[0] != '\0' ? place.path : ":");
-    jump_safe<json_ref> tree(tree_build(&place, root.c_str(), place.is_multi != 0));
+    std::string root(place.path[0] != '\0' ? place.path : ":");
+    json_ref tree(tree_build(&place, root.c_str(), place.is_multi != 0));
     json_dump_tree(tree.get());
     return 0;
 }

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
@@ -80,7 +79,7 @@ bool password_read(const char *user, secret_text *password)
     ve_out_flush();
     bool read;
     {
-        const jump_safe<silence> silent;
+        const silence silent;
         read = isatty(STDIN_FILENO) == 1 ? read_terminal(password) : read_plain(password);
     }
     ve_puts("");

@@ -21,5 +21,5 @@ private:
 };
 
 /// Asks for `user`'s password: a prompt, then a line without echo. An end of the input is an empty password. False when
-/// Ctrl-C ended it (where that does not jump). A wait point.
+/// Ctrl-C ended it . A wait point.
 bool password_read(const char *user, secret_text *password);

@@ -13,7 +13,6 @@
 #include "event/request.h"
 #include "platform/ve_child.h"
 #include "platform/ve_fs.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_string.h"
 #include "platform/ve_wait.h"
@@ -41,6 +40,8 @@ int log_in(const char *user, const char *password)
         kest_update_login(user, password);
         return 0;
     }
+    if (ve_wait_interrupted())
+        return -1; // nobody knows how the daemon decided; who one was stays
     ve_puts("Failed to authenticate user");
     msg_logout();
     kest_update_login(nullptr, nullptr);
@@ -49,7 +50,7 @@ int log_in(const char *user, const char *password)
 
 int log_in_by_prompt(const char *user)
 {
-    jump_safe<secret_text> password;
+    secret_text password;
     if (!password_read(user, &password))
         return -1;
     return log_in(user, password.c_str());
@@ -162,7 +163,7 @@ int process_clear(const char *, json_t *)
 
 int process_shell(const char *name, json_t *args)
 {
-    jump_safe<std::string> command;
+    std::string command;
     size_t index;
     json_t *word;
     json_array_foreach(args, index, word) command.append(json_string_value(word)).append(1, ' ');
@@ -170,6 +171,8 @@ int process_shell(const char *name, json_t *args)
         command = "sh ";
     ve_out_flush();
     ve_wait_checkpoint(); // a Ctrl-C that came before is for this command
+    if (ve_wait_interrupted())
+        return -1;
     if (ve_child_run(command.c_str()) < 0)
         ve_printf("%s: cannot start the shell: %s.\n", name, strerror(errno));
     return 0;

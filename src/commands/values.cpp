@@ -11,7 +11,6 @@
 #include "event/request.h"
 #include "platform/ve_colors.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_tr.h"
 #include "utils/colorscheme.h"
@@ -72,12 +71,12 @@ void print_list(const json_t *list, const std::string &query)
 /// One query. Returns 0 or -1.
 int print_values(const char *name, const char *path_text, bool tree)
 {
-    jump_safe<cdpath_local> place(cwd);
+    cdpath_local place(cwd);
     if (!place_go(&place, path_text)) {
         ve_printf("%s: %s: no such node.\n", name, path_text);
         return -1;
     }
-    jump_safe<std::string> query;
+    std::string query;
     if (place.node != nullptr)
         query = query_name(&place);
     else if (path_text != nullptr)
@@ -86,7 +85,7 @@ int print_values(const char *name, const char *path_text, bool tree)
         ve_printf("%s: no argument.\n", name);
         return -1;
     }
-    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_get_parameter_values_new(nullptr));
+    msg_ref message(ve_jrpcmsg_cmd_get_parameter_values_new(nullptr));
     ve_jrpcmsg_cmd_get_parameter_values_add(message.get(), query.c_str());
     msg_exec(message.get(), -1);
     if (ve_jrpcmsg_result(message.get()) == nullptr) {
@@ -115,7 +114,7 @@ int print_each(const char *name, const json_t *args, bool tree)
 /// cannot be had.
 json_t *typed_value(const char *name, const char *path, const char *text, std::string *parameter)
 {
-    jump_safe<cdpath_local> place(cwd);
+    cdpath_local place(cwd);
     if (cdpath_parse(&place, path) != 0) {
         ve_printf("%s: %s: no such node.\n", name, path);
         return nullptr;
@@ -171,7 +170,7 @@ int process_catree(const char *name, json_t *args)
 
 int process_set(const char *name, json_t *args)
 {
-    jump_safe<json_ref> list(json_array());
+    json_ref list(json_array());
     size_t index;
     json_t *word;
     json_array_foreach(args, index, word)
@@ -182,10 +181,10 @@ int process_set(const char *name, json_t *args)
             ve_printf("%s: %s: no value.\n", name, argument);
             continue;
         }
-        jump_safe<std::string> path(argument, equals);
+        std::string path(argument, equals);
         const char *text = equals + 1;
         ve_printf("key = %s, value = %s\n", path.c_str(), text);
-        jump_safe<std::string> parameter(path);
+        std::string parameter(path);
         json_t *value;
         if (place_scheme_loaded())
             value = typed_value(name, path.c_str(), text, &parameter);
@@ -198,7 +197,7 @@ int process_set(const char *name, json_t *args)
         ve_printf("%s: no argument.\n", name);
         return -1;
     }
-    jump_safe<msg_ref> message(ve_jrpcmsg_cmd_set_parameter_values_new(list.release()));
+    msg_ref message(ve_jrpcmsg_cmd_set_parameter_values_new(list.release()));
     msg_exec(message.get(), -1);
     print_status(message.get());
     return 0;

@@ -6,7 +6,6 @@
 
 #include "commands/values.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "utils/tree_print.h"
 
 namespace
@@ -115,6 +114,6 @@ json_t *build_tree(const json_t *list, const char *path_text)
 
 void values_tree(const json_t *list, const char *path_text)
 {
-    jump_safe<json_ref> tree(build_tree(list, path_text));
+    json_ref tree(build_tree(list, path_text));
     json_dump_tree(tree.get());
 }

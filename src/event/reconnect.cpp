@@ -11,7 +11,6 @@
 #include <string>
 
 #include "event/request.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
@@ -24,10 +23,9 @@ constexpr int logout_timeout_ms = 1000;
 constexpr long spinner_pause_ns = 250'000'000;
 constexpr size_t spinner_stack_size = size_t{128} << 10;
 
-// The spinner that may draw: its number, or 0 for none. Cleared by a signal handler too. A thread that Ctrl-C left
-// behind finds another number here and ends.
+// The spinner that may draw: its number, or 0 for none. A thread that was left behind finds another number here and
+// ends.
 std::atomic<unsigned> active_spinner{0};
-static_assert(std::atomic<unsigned>::is_always_lock_free);
 std::mutex draw_lock; // held while drawing; the main thread never waits with it, nor for it but at wait points
 
 bool under_way = false;
@@ -81,7 +79,7 @@ void spinner_start(const char *text)
     pthread_attr_destroy(&attributes);
 }
 
-/// Returns once the spinner draws no more. A wait point.
+/// Returns once the spinner draws no more, after Ctrl-C once it draws no picture but the one under way. A wait point.
 void spinner_stop()
 {
     active_spinner = 0;
@@ -109,7 +107,9 @@ bool reconnect_under_way()
 
 json_t *server_reconnect(const char *text)
 {
-    const jump_safe<reconnect_scope> scope;
+    if (ve_wait_interrupted())
+        return nullptr;
+    const reconnect_scope scope;
     bool told = false;
     tell_lasting_error(&told, "");
     ve_jrpcapi_set_timeout(request_ctx, logout_timeout_ms);
@@ -121,19 +121,16 @@ json_t *server_reconnect(const char *text)
     while (ve_socket_state(ve_jrpcapi_socket(request_ctx)) != ve_socket_connected) {
         if (ve_jrpcapi_connect(request_ctx) == 0)
             continue;
-        if (ve_jrpcapi_get_socket_err(request_ctx) == ve_socket_err_interrupted) {
-            spinner_stop();
-            return nullptr;
-        }
+        if (ve_wait_interrupted())
+            break;
         tell_lasting_error(&told, "\n");
     }
     spinner_stop();
+    if (ve_wait_interrupted()) {
+        ve_jrpcapi_disconnect(request_ctx); // the login that is remembered was the lost link's
+        return nullptr;
+    }
     ve_puts("");
     ve_out_flush();
     return kest_update_login(nullptr, nullptr);
-}
-
-void server_reconnect_abort()
-{
-    active_spinner = 0;
 }

@@ -7,7 +7,6 @@
 #include "event/reconnect.h"
 #include "event/replies.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_log.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
@@ -147,7 +146,7 @@ int group_exec(ve_jrpcmsg *msg, int polls)
         return refuse(msg);
     ve_jrpcmsg_set_result_new(msg, nullptr);
     ve_jrpcapi_prepare(group_ctx, msg);
-    jump_safe<replies_wanted> wanted(ve_jrpcmsg_id(msg));
+    replies_wanted wanted(ve_jrpcmsg_id(msg));
     if (const int sent = group_send(msg); sent < 0)
         return sent;
     int error = ve_jrpc_err_lost;

@@ -37,10 +37,8 @@ int msg_logout();
 bool msg_allow_reconnect(bool allowed);
 
 /// Re-establishes the request link, showing `text` and a spinner until the daemon accepts; the client is anonymous then
-/// and the cache reloaded. Returns the reloaded scheme cache (borrowed). Left by Ctrl-C.
+/// and the cache reloaded. Returns the reloaded scheme cache (borrowed), null after Ctrl-C, which leaves the link lost.
 json_t *server_reconnect(const char *text);
-/// Stops the spinner (async-signal-safe).
-void server_reconnect_abort();
 
 /// Remembers login and password (null: none), rebuilds the prompt and reloads the scheme cache, which is returned
 /// (borrowed).

@@ -15,7 +15,6 @@
 #include "lua/running.h"
 #include "lua/session.h"
 #include "lua/traceback.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
@@ -33,11 +32,6 @@ struct free_deleter {
     void operator()(char *text) const { free(text); }
 };
 
-// The line just read and the lines of an unfinished statement. Not locals: Ctrl-C jumps back into the loop below.
-std::unique_ptr<char, free_deleter> line;
-std::string pending;
-bool is_pending = false;
-
 ve_history history;       // of all Lua modes
 size_t session_begin = 0; // the entry of `history` with which this one begins
 
@@ -46,99 +40,75 @@ bool is_quit(const char *text)
     return strcmp(text, "q") == 0 || strcmp(text, "quit") == 0;
 }
 
-void drop_statement()
+/// Throws the line away, and the unfinished statement with it. After Ctrl-C also brings the terminal back: the key may
+/// have cut a coloured message short.
+void drop_statement(std::string &statement)
 {
-    pending.clear();
-    is_pending = false;
-    line.reset();
+    if (interrupt_land() && luap_error_colours()) [[maybe_unused]]
+        const ssize_t ignored = write(STDERR_FILENO, "\033[0m", 4);
+    statement.clear();
     prompt_set_incompleted(0);
     ve_puts("");
     ve_out_flush();
 }
 
-/// After a jump: also when it cut a coloured message short.
-void land(ve_landing_node *mark)
-{
-    interrupt_land(mark);
-    if (luap_error_colours() && write(STDERR_FILENO, "\033[0m", 4) < 0)
-        return;
-}
-
 /// The statement is done, compiled or not.
-void finish_statement(const std::string &text, bool compiled)
+void finish_statement(std::string &statement, bool compiled)
 {
     prompt_set_incompleted(0);
     prompt_update_postfix(compiled ? "lua" : "lua(fail)");
-    if (isspace(static_cast<unsigned char>(text[0])) != 0)
-        ve_puts(text.c_str());
+    if (isspace(static_cast<unsigned char>(statement[0])) != 0)
+        ve_puts(statement.c_str());
     else
-        history.add(text);
-    pending.clear();
-    is_pending = false;
-    line.reset();
-    ve_wait_discard_sigint(); // it came too late for the statement
-    sigint_buf_setted = 0;
-    signal(SIGINT, SIG_DFL);
+        history.add(statement);
+    statement.clear();
+    interrupt_disarm();
     ve_out_flush();
 }
 
-/// Runs `pending`, which holds the line or, while unfinished, the lines so far.
-void run_statement(lua_State *L)
+/// Runs `statement`: the line or, while unfinished, the lines so far. Empties it unless more lines are wanted.
+void run_statement(lua_State *L, std::string &statement)
 {
     lua_run_begin();
     kest_lua_prepare(L);
-    const int result = kest_lua_execute(L, pending.data(), pending.size());
+    const int result = kest_lua_execute(L, statement.data(), statement.size());
     if (result != 1)
         kest_lua_cleanup(L);
     if (lua_run_end())
-        lua_run_deliver(); // does not return
-    if (result == 1) {
-        is_pending = true;
-        line.reset();
+        drop_statement(statement);
+    else if (result == 1)
         prompt_set_incompleted(1);
-    } else {
-        finish_statement(pending, result == 0);
-    }
+    else
+        finish_statement(statement, result == 0);
 }
 
 /// Runs lines until "q", Ctrl-D or the loss of the daemon.
 void run_lines(lua_State *L)
 {
+    std::string statement; // empty unless it is unfinished
     while (is_running()) {
-        line.reset(ve_rl(prompt_get(), -1));
+        const std::unique_ptr<char, free_deleter> line(ve_rl(prompt_get(), -1));
         if (ve_rl_ctrld_is_pressed())
             break;
+        if (ve_wait_interrupted()) {
+            drop_statement(statement);
+            continue;
+        }
         if (!line || *line == '\0')
             continue;
-        if (is_pending) {
-            pending.append("\n").append(line.get());
-        } else {
-            if (is_quit(line.get()))
-                break;
-            pending = line.get();
-        }
+        const bool continues = !statement.empty();
+        if (!continues && is_quit(line.get()))
+            break;
+        if (continues)
+            statement += '\n';
+        statement += line.get();
         ve_out_flush();
-        if (!is_pending) {
-            bool armed = false;
-            if (sigint_buf_setted == 0 && signal(SIGINT, sigint_handler) == SIG_DFL) {
-                static ve_landing_node *mark;
-                mark = ve_landing_mark();
-                armed = sigsetjmp(sigint_buf, 1) == 0;
-                // Also after a jump: from then on every line is dropped, until Lua mode is left.
-                sigint_buf_setted = 1;
-                if (!armed)
-                    land(mark);
-            }
-            if (!armed) {
-                drop_statement();
-                continue;
-            }
-        }
-        run_statement(L);
+        // Once Ctrl-C was pressed it stays armed, and every line is dropped until Lua mode is left.
+        if (continues || interrupt_arm())
+            run_statement(L, statement);
+        else
+            drop_statement(statement);
     }
-    line.reset();
-    pending.clear();
-    is_pending = false;
 }
 
 /// What the session leaves behind: its recording and its history.
@@ -165,8 +135,7 @@ void leave_shell()
 
 int lua_mode_run()
 {
-    sigint_buf_setted = 0;
-    const auto disposition = signal(SIGINT, SIG_DFL);
+    const interrupt_suspension own_ctrl_c;
     prompt_update_postfix("lua");
     kest_readline_cleanup();
     kest_readline_use({lua_autocomplete}, &history);
@@ -177,16 +146,14 @@ int lua_mode_run()
         if (client) {
             kest_lua_init(client.get()->state);
             run_lines(client.get()->state);
+            interrupt_disarm();
         }
-        sigint_buf_setted = 0; // nothing jumps into the loop any more
         kest_readline_use({}, nullptr);
         lua_complete_set_state(nullptr);
     }
     save_session();
     prompt_update_postfix(nullptr);
     kest_readline_prepare();
-    ve_wait_discard_sigint();
-    signal(SIGINT, disposition);
     return 0;
 }
 
@@ -196,12 +163,12 @@ int process_lua(const char *, json_t *args)
 {
     if (json_array_size(args) == 0)
         return lua_mode_run();
-    jump_safe<std::string> text;
+    std::string text;
     for (size_t i = 0; i < json_array_size(args); ++i)
         text.append(arg_text(args, i)).append(" ");
     ve_puts(text.c_str());
     ve_out_flush();
-    const jump_safe<lua_client> client(leave_shell);
+    const lua_client client(leave_shell);
     if (!client)
         return 0;
     lua_run_begin();

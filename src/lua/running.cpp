@@ -34,13 +34,10 @@ sigset_t only_sigint()
 
 void lua_run_begin()
 {
-    ve_wait_clear_interrupt();
     sigaction(SIGINT, nullptr, &action_before);
     struct sigaction action = action_before;
     action.sa_flags &= ~SA_RESTART; // a read of the code's own ends too
-    if (sigint_buf_setted != 0)
-        interrupt_set_soft(ve_wait_note_interrupt);
-    else if (action_before.sa_handler == SIG_DFL)
+    if (action_before.sa_handler == SIG_DFL)
         action.sa_handler = note_or_end;
     sigaction(SIGINT, &action, nullptr);
     const sigset_t sigint = only_sigint();
@@ -52,19 +49,17 @@ bool lua_run_end()
     const sigset_t sigint = only_sigint();
     pthread_sigmask(SIG_BLOCK, &sigint, nullptr);
     sigaction(SIGINT, &action_before, nullptr);
-    interrupt_set_soft(nullptr);
     const bool interrupted = ve_wait_interrupted();
-    ve_wait_clear_interrupt();
+    if (!interrupt_is_armed())
+        ve_wait_clear_interrupt();
     pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
     return interrupted;
 }
 
 void lua_run_deliver()
 {
-    if (sigint_buf_setted != 0) {
-        sigint_handler(SIGINT);
+    if (interrupt_is_armed())
         return;
-    }
     raise(SIGINT);
     ve_wait_checkpoint();
 }

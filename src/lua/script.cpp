@@ -11,7 +11,6 @@
 #include "lua/lua_mode.h"
 #include "lua/running.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 
 namespace
@@ -61,19 +60,19 @@ void strip_interpreter(std::string *text)
 
 int run_lua_script(const char *path, json_t *params)
 {
-    jump_safe<json_ref> first_word;
+    json_ref first_word;
     if (path == nullptr) {
         first_word = json_ref::share(json_array_get(params, 0));
         json_array_remove(params, 0);
         path = json_string_value(first_word.get());
     }
-    jump_safe<std::string> text;
+    std::string text;
     if (!read_script(path, &text)) {
         ve_printf("Cannot open script file %s\n", path != nullptr ? path : "(null)");
         return -1;
     }
     strip_interpreter(&text);
-    const jump_safe<lua_client> client(stop_event_handler);
+    const lua_client client(stop_event_handler);
     if (!client)
         return 0;
     lua_run_begin();

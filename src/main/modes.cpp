@@ -7,7 +7,6 @@
 #include "event/listener.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 
@@ -44,12 +43,12 @@ void act_stop(int)
 
 int mode_run_raw(const json_t *params)
 {
-    const jump_safe<json_ref> json(decode_argument(params));
+    const json_ref json(decode_argument(params));
     if (!json) {
         ve_puts("Invalid raw JSON message.");
         return -1;
     }
-    const jump_safe<msg_ref> message(ve_jrpcmsg_parse_json(json.get()));
+    const msg_ref message(ve_jrpcmsg_parse_json(json.get()));
     if (!message) {
         ve_puts("Incorrect message.");
         return -1;
@@ -75,6 +74,6 @@ int mode_run_listen()
 
 int mode_run_event(uint32_t id, const json_t *params)
 {
-    const jump_safe<msg_ref> message(ve_jrpcmsg_create_event_new(id, decode_argument(params)));
+    const msg_ref message(ve_jrpcmsg_create_event_new(id, decode_argument(params)));
     return ve_jrpcapi_send(group_ctx, message.get());
 }

@@ -14,7 +14,6 @@
 
 #include "dispatch/table.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 #include "utils/words.h"
@@ -153,8 +152,8 @@ void run_line(const std::string &line, int flags, const char *path, size_t numbe
     const std::vector<std::string_view> words = split_blanks(line);
     if (words.empty() || run_builtin(line, words.front()))
         return;
-    const jump_safe<json_ref> args(json_array());
-    const jump_safe<json_ref> command(json_stringn(words.front().data(), words.front().size()));
+    const json_ref args(json_array());
+    const json_ref command(json_stringn(words.front().data(), words.front().size()));
     bool text = static_cast<bool>(command);
     for (size_t i = 1; i < words.size() && text; i++)
         text = json_array_append_new(args.get(), json_stringn(words[i].data(), words[i].size())) == 0;
@@ -170,13 +169,13 @@ void run_line(const std::string &line, int flags, const char *path, size_t numbe
 
 int run_script(const char *path, int flags)
 {
-    jump_safe<line_reader> reader(path);
+    line_reader reader(path);
     if (!reader.is_open()) {
         ve_printf("Cannot open script file %s\n", path != nullptr ? path : "(null)");
         return -1;
     }
-    jump_safe<std::string> line;
-    jump_safe<std::string> pending;
+    std::string line;
+    std::string pending;
     bool is_pending = false;
     int result = 0;
     for (size_t number = 1; result >= 0 && reader.next(line); number++) {

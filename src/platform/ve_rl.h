@@ -20,7 +20,7 @@ enum ve_rl_control : unsigned {
 /// typed so far begins the next one). What was printed so far is flushed first. With input or output that is no
 /// terminal: plain lines, no prompt, no echo; a NUL in one becomes \xc0\x80, which is not UTF-8.
 /// Ctrl-C at the prompt drops the line and begins it anew; while SIGINT has a handler, the terminal is brought back and
-/// the signal raised. The handler may jump away. A wait point.
+/// the signal raised, and null returned when that noted it (ve_wait_note_interrupt). A wait point.
 char *ve_rl(const char *prompt, int timeout_ms);
 /// True when the last ve_rl ended by Ctrl-D or the end of input.
 bool ve_rl_ctrld_is_pressed();

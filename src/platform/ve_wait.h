@@ -1,5 +1,6 @@
 // Wait points: the only places where SIGINT is delivered. Everywhere else the main thread keeps it blocked, and every
-// other thread blocks it from its creation, so that a handler that jumps never leaves malloc, JSON or output half done.
+// other thread blocks it from its creation. Its handler notes the key (ve_wait_note_interrupt) and so ends the wait;
+// code leaves by returning.
 #pragma once
 
 #include <poll.h>
@@ -21,11 +22,11 @@ int ve_wait_poll(pollfd *fds, unsigned count, int64_t deadline);
 /// Sleeps. Returns 0, or -1 when interrupted as above. A wait point like ve_wait_poll.
 int ve_wait_sleep_ms(int milliseconds);
 
-/// Delivers a pending SIGINT now (without waiting).
+/// Delivers a pending SIGINT now (without waiting): what computes for long calls it now and then.
 void ve_wait_checkpoint();
 
-/// Notes Ctrl-C from a handler that does not jump (async-signal-safe): the wait under way and every later one return -1
-/// until ve_wait_clear_interrupt().
+/// Notes Ctrl-C (async-signal-safe, for its handler): the wait under way and every later one return -1 until
+/// ve_wait_clear_interrupt().
 void ve_wait_note_interrupt();
 bool ve_wait_interrupted();
 void ve_wait_clear_interrupt();

@@ -6,7 +6,6 @@
 #include "cdpath/cdpath.h"
 #include "event/listener.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_tr.h"
 #include "shell/completers.h"
 #include "utils/json_util.h"
@@ -88,7 +87,7 @@ size_t complete_node(cdpath *here, const std::string &text, json_t *candidates, 
         flags |= CDPATH_ABSOLUTE;
         filter = 1;
     }
-    const jump_safe<json_ref> names(list_children(here, text.c_str() + filter, flags));
+    const json_ref names(list_children(here, text.c_str() + filter, flags));
     json_array_extend(candidates, names.get());
     return begin;
 }
@@ -145,8 +144,8 @@ completed_part complete_value(cdpath *here, const std::string &text, size_t equa
 completed_part complete_path(const char *text, json_t *candidates, bool objects_only)
 {
     apply_instance_notices();
-    jump_safe<cdpath_local> here(cwd);
-    const jump_safe<std::string> word(text != nullptr ? text : "");
+    cdpath_local here(cwd);
+    const std::string word(text != nullptr ? text : "");
     const size_t equals = word.rfind('=');
     if (equals != std::string::npos)
         return complete_value(&here, word, equals, candidates, objects_only);

@@ -8,7 +8,6 @@
 #include "dispatch/table.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 #include "shell/completers.h"
@@ -99,7 +98,7 @@ completed_part complete(const std::string &text, json_t *candidates)
     const word_place place = find_last_word(text);
     completed_part part = {place.at(0), false};
     size_t index = 0;
-    const jump_safe<json_ref> words(str_split(text.c_str(), static_cast<long>(text.size()), &index));
+    const json_ref words(str_split(text.c_str(), static_cast<long>(text.size()), &index));
     if (!words || place.comment)
         return part;
     const char *word = json_string_value(json_array_get(words.get(), index));
@@ -124,7 +123,7 @@ completed_part complete(const std::string &text, json_t *candidates)
 
 void shell_autocomplete(const char *line, size_t cursor, json_t *candidates)
 {
-    const jump_safe<std::string> text(line, std::min(cursor, strlen(line)));
+    const std::string text(line, std::min(cursor, strlen(line)));
     const completed_part part = complete(text, candidates);
     if (part.sort)
         json_array_sort(candidates);
@@ -135,8 +134,8 @@ char *shell_hint(const char *line)
 {
     if (line[0] == '\0')
         return nullptr;
-    const jump_safe<std::string> text(line);
-    const jump_safe<json_ref> candidates(json_array());
+    const std::string text(line);
+    const json_ref candidates(json_array());
     const size_t begin = complete(text, candidates.get()).begin;
     if (json_array_size(candidates.get()) != 1)
         return nullptr;

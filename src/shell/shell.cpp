@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cctype>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -16,7 +15,6 @@
 #include "event/listener.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_log.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
@@ -77,24 +75,16 @@ void try_login()
         login_as_process_user();
 }
 
-/// Runs one command; Ctrl-C leaves it. The caller's locals outlive the jump, and nothing else stands between.
+/// Runs one command; Ctrl-C ends it.
 void run_command(const char *name, json_t *words)
 {
-    // A SIGINT that is not at its default is somebody else's: the line is then dropped.
-    if (sigint_buf_setted == 0 && signal(SIGINT, sigint_handler) == SIG_DFL) {
-        ve_landing_node *const mark = ve_landing_mark();
-        if (sigsetjmp(sigint_buf, 1) == 0) {
-            sigint_buf_setted = 1;
-            ve_out_flush(); // every wait, this one too, stands under the jump
+    if (interrupt_arm()) {
+        ve_out_flush(); // this wait, too, is the command's
+        if (!ve_wait_interrupted())
             exec_cmd(name, words);
-            ve_out_flush();
-        } else {
-            interrupt_land(mark);
-        }
+        ve_out_flush();
     }
-    ve_wait_discard_sigint(); // it came too late for its command
-    signal(SIGINT, SIG_DFL);
-    sigint_buf_setted = 0;
+    interrupt_disarm();
 }
 
 /// The words of a line into `words`. What follows "lua " is one word. False when the line is no text.

@@ -1,46 +1,65 @@
 #include "state/interrupt.h"
 
-#include <atomic>
+#include <csignal>
 
-#include "event/request.h"
 #include "platform/ve_colors.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
-
-sigjmp_buf sigint_buf;
-volatile sig_atomic_t sigint_buf_setted = 0;
+#include "platform/ve_wait.h"
 
 namespace
 {
 
-std::atomic<void (*)()> soft_note{nullptr};
-
-} // namespace
+volatile sig_atomic_t armed = 0;
 
 void sigint_handler(int)
 {
-    if (sigint_buf_setted == 0)
-        return;
-    if (auto *note = soft_note.load(std::memory_order_relaxed); note != nullptr) {
-        note();
-        return;
-    }
-    server_reconnect_abort();
-    sigint_buf_setted = 0;
-    ve_landing_release_to_mark(); // while the frames that hold the locals still stand
-    siglongjmp(sigint_buf, 1);
+    if (armed != 0)
+        ve_wait_note_interrupt();
 }
 
-void interrupt_set_soft(void (*note)())
+} // namespace
+
+bool interrupt_arm()
 {
-    soft_note.store(note, std::memory_order_relaxed);
+    if (armed != 0 || signal(SIGINT, sigint_handler) != SIG_DFL)
+        return false;
+    armed = 1;
+    return true;
 }
 
-void interrupt_land(ve_landing_node *mark)
+bool interrupt_is_armed()
 {
-    ve_landing_release(mark);
+    return armed != 0;
+}
+
+bool interrupt_land()
+{
+    if (!ve_wait_interrupted())
+        return false;
     ve_out_land();
+    ve_wait_clear_interrupt();
     ve_colors_reset();
     if (ve_out_is_terminal() && ve_out_mid_line())
         ve_puts(""); // what stands there, a spinner perhaps, is not the next prompt's
+    return true;
+}
+
+void interrupt_disarm()
+{
+    interrupt_land();
+    armed = 0;
+    ve_wait_discard_sigint();
+    signal(SIGINT, SIG_DFL);
+}
+
+interrupt_suspension::interrupt_suspension() : disposition_(signal(SIGINT, SIG_DFL))
+{
+    armed = 0;
+}
+
+interrupt_suspension::~interrupt_suspension()
+{
+    armed = 0;
+    ve_wait_discard_sigint();
+    signal(SIGINT, disposition_);
 }

@@ -1,21 +1,25 @@
-// Ctrl-C: where its handler jumps to. Main thread only.
+// Ctrl-C while a command runs. Its handler notes the key (ve_wait_note_interrupt), no more: from then until the command
+// has ended every wait returns at once, nothing is sent, and what is printed is dropped. Main thread only.
 #pragma once
 
-#include <csetjmp>
-#include <csignal>
+/// Gives Ctrl-C to the command that is about to run. False when it belongs to a command already, or when SIGINT is not
+/// at its default and so somebody else's: the command must not run then.
+bool interrupt_arm();
+bool interrupt_is_armed();
+/// When Ctrl-C was pressed since: brings output and terminal back, on a row of its own, and forgets the key. Returns
+/// whether it was.
+bool interrupt_land();
+/// The command has ended: lands, takes Ctrl-C away from it and lets one that came too late go.
+void interrupt_disarm();
+/// Takes Ctrl-C away until the object ends, as Lua mode does, which gives it to its statements itself.
+class interrupt_suspension
+{
+public:
+    interrupt_suspension();
+    ~interrupt_suspension();
+    interrupt_suspension(const interrupt_suspension &) = delete;
+    interrupt_suspension &operator=(const interrupt_suspension &) = delete;
 
-/// The loop that armed the jump, and whether it is armed. Written by the shell loop, Lua mode and sigint_handler.
-extern sigjmp_buf sigint_buf;
-extern volatile sig_atomic_t sigint_buf_setted;
-
-/// The SIGINT handler while a command runs: stops a reconnect's spinner, releases what the jump skips and jumps to
-/// sigint_buf. While Lua code runs (a hook set by interrupt_set_soft) it only notes the interrupt.
-void sigint_handler(int signal);
-
-/// While set, sigint_handler calls `note` (async-signal-safe) instead of jumping. Null: jump again.
-void interrupt_set_soft(void (*note)());
-
-/// What the landing of a jump does before anything else: brings output and terminal back, on a row of its own. `mark`
-/// is the ve_landing_mark() taken right before the jump was armed.
-class ve_landing_node;
-void interrupt_land(ve_landing_node *mark);
+private:
+    void (*disposition_)(int);
+};

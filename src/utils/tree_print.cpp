@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "platform/ve_colors.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_out.h"
 #include "utils/colorscheme.h"
 #include "utils/json_util.h"
@@ -74,7 +73,7 @@ void json_dump_tree(const json_t *tree)
 {
     print_line(tree, 0);
     // A tree may be deeper than the call stack is.
-    jump_safe<std::vector<level>> levels;
+    std::vector<level> levels;
     levels.push_back(level_of(tree));
     while (!levels.empty()) {
         level &last = levels.back();

@@ -9,7 +9,6 @@
 
 #include <md5.h>
 
-#include "platform/ve_landing.h"
 #include "platform/ve_wait.h"
 #include "vebase/fd.h"
 
@@ -39,6 +38,8 @@ bool md5_of(int fd, unsigned char digest[16])
         MD5Update(&context, block, static_cast<size_t>(count));
         if (blocks % blocks_between_checkpoints == 0)
             ve_wait_checkpoint();
+        if (ve_wait_interrupted())
+            return false;
     }
     MD5Final(digest, &context);
     return count == 0;
@@ -81,7 +82,7 @@ void ve_fs_munmap_file(void *data, size_t size)
 int ve_md5_calculate_from_file(const char *path, unsigned char digest[16])
 {
     struct stat status;
-    jump_safe<fd_owner> fd;
+    fd_owner fd;
     fd = open_regular(path, &status);
     return fd.get() >= 0 && md5_of(fd.get(), digest) ? 0 : -1;
 }

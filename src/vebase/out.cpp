@@ -125,7 +125,7 @@ void drop()
 
 void ve_out_write(const char *data, size_t size)
 {
-    if (gone)
+    if (gone || ve_wait_interrupted())
         return;
     buffer.append(data, size);
 }
@@ -152,7 +152,7 @@ void ve_printf(const char *format, ...)
     const int size = vsnprintf(text, sizeof text, format, args);
     if (size >= 0 && static_cast<size_t>(size) < sizeof text) {
         ve_out_write(text, static_cast<size_t>(size));
-    } else if (size >= 0 && !gone) {
+    } else if (size >= 0 && !gone && !ve_wait_interrupted()) {
         const size_t before = buffer.size();
         buffer.resize(before + static_cast<size_t>(size) + 1);
         vsnprintf(buffer.data() + before, static_cast<size_t>(size) + 1, format, again);

@@ -284,9 +284,9 @@ def test_ctrl_c_drops_the_line(editor):
 
 def test_ctrl_c_goes_to_a_handler_with_the_terminal_as_it_was(editor):
     term = editor()
-    term.run("handler jump")
+    term.run("handler note")
     term.type("half" + Key.CTRL_C)
-    term.wait_for("jumped")
+    term.wait_for("noted")
     term.run("handler return")
     term.type("more" + Key.CTRL_C)
     term.wait_for(re.compile("> more\\^C\n>$"))

@@ -132,14 +132,14 @@ def test_ctrl_c_has_its_disposition(waiting):
     assert process.wait(10) == -signal.SIGINT
 
 
-def test_ctrl_c_drops_half_a_line_when_its_handler_jumps(waiting):
+def test_ctrl_c_drops_half_a_line_when_its_handler_notes_it(waiting):
     process = waiting(DEMO_UNBUFFERED="1")
-    process.type(b"handler jump\n")
-    assert process.stdout.readline() == b'got "handler jump"\n'
+    process.type(b"handler note\n")
+    assert process.stdout.readline() == b'got "handler note"\n'
     process.type(b"half")
     process.send_signal(signal.SIGINT)
     assert process.stdout.readline() == b"\n"
-    assert process.stdout.readline() == b"jumped\n"
+    assert process.stdout.readline() == b"noted\n"
     process.type(b"whole\n")
     assert process.stdout.readline() == b'got "whole"\n'
 

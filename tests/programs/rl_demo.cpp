@@ -3,14 +3,13 @@
 //   part TEXT        prints TEXT without a line end        sleep MS     waits
 //   busy MS          computes, with no wait point
 //   list N           shows N names in columns              bar N LABEL  draws the progress bar
-//   handler jump|return|none   SIGINT's disposition while reading
+//   handler note|return|none   SIGINT's disposition while reading
 //   child COMMAND    runs it                               secret       reads a line without echo
 //   quiet COMMAND    the same without an answer            quit         ends
 // Descriptor 3, when it is open, takes orders for a second thread: "event TEXT", "hide", "show", "stop", "drop".
 // Environment: DEMO_PROMPT, DEMO_HISTORY (a file), DEMO_WORDS (a JSON array of candidates), DEMO_SLOW (milliseconds
 // that a callback waits), DEMO_TIMEOUT, DEMO_HINTS, DEMO_COLORS,
 // DEMO_MANY (so many candidates more), DEMO_UNBUFFERED.
-#include <csetjmp>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -31,7 +30,6 @@ namespace
 {
 
 int control[2];
-sigjmp_buf landing;
 json_t *words;
 ve_history history;
 int slow_ms;
@@ -104,9 +102,9 @@ char *hint(const char *line)
     return text;
 }
 
-void jump(int)
+void note(int)
 {
-    siglongjmp(landing, 1);
+    ve_wait_note_interrupt();
 }
 
 void come_back(int) {}
@@ -164,8 +162,8 @@ void run(const char *line)
     } else if (strcmp(line, "secret") == 0) {
         read_secret();
         return;
-    } else if (strcmp(line, "handler jump") == 0) {
-        signal(SIGINT, jump);
+    } else if (strcmp(line, "handler note") == 0) {
+        signal(SIGINT, note);
     } else if (strcmp(line, "handler return") == 0) {
         signal(SIGINT, come_back);
     } else if (strcmp(line, "handler none") == 0) {
@@ -189,14 +187,17 @@ const char *setting(const char *name, const char *otherwise)
     return value != nullptr ? value : otherwise;
 }
 
-/// Reads lines until the end. The landing of "handler jump" is here.
+/// Reads lines until the end.
 void read_lines(int timeout)
 {
-    static bool running = true;
+    bool running = true;
     while (running) {
-        if (sigsetjmp(landing, 1) != 0)
-            ve_puts("\njumped");
         char *line = ve_rl(setting("DEMO_PROMPT", "> "), timeout);
+        if (line == nullptr && ve_wait_interrupted()) {
+            ve_wait_clear_interrupt();
+            ve_puts("\nnoted");
+            continue;
+        }
         if (line == nullptr) {
             ve_puts(ve_rl_ctrld_is_pressed() ? "end" : "none");
             running = timeout >= 0 && !ve_rl_ctrld_is_pressed();

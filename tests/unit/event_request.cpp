@@ -1,6 +1,5 @@
 #include "event/request.h"
 
-#include <csetjmp>
 #include <csignal>
 #include <cstring>
 #include <optional>
@@ -9,7 +8,6 @@
 #include "event_stage.h"
 #include "interrupts.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_wait.h"
 #include "vebase/link/jrpcapi_impl.h"
 
@@ -50,7 +48,7 @@ private:
     {
         ++reloads;
         if (reload_asks) {
-            const jump_safe<msg_ref> message(ve_jrpcmsg_create_new("Reload", nullptr));
+            const msg_ref message(ve_jrpcmsg_create_new("Reload", nullptr));
             msg_exec(message.get(), -1);
             reload_code = ve_jrpcmsg_error_code(message.get());
         }
@@ -63,7 +61,7 @@ private:
 /// Sends a request with `timeout_ms` and returns its code, 0 for a success.
 int ask(int timeout_ms = -1)
 {
-    const jump_safe<msg_ref> message(ve_jrpcmsg_create_new("Ask", nullptr));
+    const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
     const int result = msg_exec(message.get(), timeout_ms);
     EXPECT_EQ(result < 0, ve_jrpcmsg_error_code(message.get()) != 0);
     return ve_jrpcmsg_error_code(message.get());
@@ -88,8 +86,6 @@ void stay_silent(peer_link &link)
     while (link.request() != 0)
         ;
 }
-
-sigjmp_buf landing;
 
 /// Interrupts this thread again and again until told to stop, but not before `after_ms`.
 class nagging
@@ -270,35 +266,19 @@ TEST(MsgExec, WaitsForADaemonThatComesBackLater)
 
 TEST(MsgExec, IsLeftByCtrlCWhileItReconnects)
 {
-    const interrupts handling([](int) {
-        server_reconnect_abort();
-        ve_landing_release_to_mark();
-        siglongjmp(landing, 1);
-    });
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
     captured_output output;
     const channel link("/nonexistent/socket", false);
-    static int i; // not a register's, which the jump would bring back
-    for (i = 0; i < 3; ++i) {
+    for (int i = 0; i < 3; ++i) {
         const auto start = clock_type::now();
         {
-            std::optional<nagging> ctrl_c;
-            ve_landing_mark();
-            if (sigsetjmp(landing, 1) == 0) {
-                ctrl_c.emplace(i * 120);
-                ask();
-                ADD_FAILURE() << "left without Ctrl-C";
-            }
-            // The one who landed first gets no further jump.
-            signal(SIGINT, SIG_IGN);
-            ctrl_c.reset();
+            const nagging ctrl_c(i * 120);
+            EXPECT_EQ(ask(), -32002);
+            EXPECT_TRUE(ve_wait_interrupted());
             EXPECT_LT(milliseconds_since(start), 5000);
         }
         ve_wait_discard_sigint();
-        signal(SIGINT, [](int) {
-            server_reconnect_abort();
-            ve_landing_release_to_mark();
-            siglongjmp(landing, 1);
-        });
+        ve_wait_clear_interrupt();
     }
     const std::string text = output.text();
     EXPECT_EQ(text.find('\n'), std::string::npos);

@@ -1,83 +1,74 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <string>
-#include <vector>
 
-#include "platform/ve_landing.h"
+#include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 #include "state/interrupt.h"
 
 namespace
 {
 
-int alive = 0;
-
-/// Counts itself and keeps a text on the heap, which the leak checker would miss.
-class counted
+TEST(Interrupt, EndsEveryWaitUntilTheCommandHasEnded)
 {
-public:
-    explicit counted(size_t size) : text_(size, 'x') { alive++; }
-    counted(const counted &) = delete;
-    counted &operator=(const counted &) = delete;
-    ~counted()
-    {
-        EXPECT_EQ(text_.find_first_not_of('x'), std::string::npos);
-        alive--;
-    }
-
-private:
-    std::string text_;
-};
-
-[[gnu::noinline]] void wait_below(int depth)
-{
-    const jump_safe<counted> own(100 + static_cast<size_t>(depth));
-    if (depth > 0) {
-        wait_below(depth - 1);
-    } else {
+    ve_wait_init();
+    for (int round = 0; round < 3; round++) {
+        ASSERT_TRUE(interrupt_arm());
         raise(SIGINT);
-        EXPECT_EQ(ve_wait_sleep_ms(60000), -1) << "Ctrl-C was not delivered";
+        EXPECT_FALSE(ve_wait_interrupted()) << "noted outside a wait";
+        EXPECT_EQ(ve_wait_sleep_ms(60000), -1);
+        EXPECT_EQ(ve_wait_sleep_ms(60000), -1);
+        interrupt_disarm();
+        EXPECT_EQ(ve_wait_sleep_ms(1), 0);
+        EXPECT_EQ(signal(SIGINT, SIG_DFL), SIG_DFL);
     }
 }
 
-/// Uses as much stack as the frames that the jump left behind.
-[[gnu::noinline]] size_t overwrite_stack()
-{
-    volatile char frame[4096];
-    for (volatile char &byte : frame)
-        byte = 0x5a;
-    return sizeof frame + static_cast<size_t>(frame[17]);
-}
-
-TEST(Interrupt, EverythingJumpedOverIsReleased)
+TEST(Interrupt, WhatIsPrintedAfterItIsDropped)
 {
     ve_wait_init();
-    const jump_safe<counted> outer(3);
-    for (int round = 0; round < 50; round++) {
-        ASSERT_EQ(alive, 1);
-        ASSERT_EQ(signal(SIGINT, sigint_handler), SIG_DFL);
-        ve_landing_node *const mark = ve_landing_mark();
-        if (sigsetjmp(sigint_buf, 1) == 0) {
-            sigint_buf_setted = 1;
-            wait_below(20);
-            FAIL() << "no jump";
-        }
-        EXPECT_GT(overwrite_stack(), 4096U);
-        interrupt_land(mark);
-        EXPECT_EQ(sigint_buf_setted, 0);
-        signal(SIGINT, SIG_DFL);
-    }
-    EXPECT_EQ(alive, 1);
-}
-
-TEST(Interrupt, WithoutAnArmedJumpNothingHappens)
-{
-    ve_wait_init();
-    signal(SIGINT, sigint_handler);
+    testing::internal::CaptureStdout();
+    ASSERT_TRUE(interrupt_arm());
+    ve_printf("before\n");
+    ve_out_flush();
     raise(SIGINT);
     ve_wait_checkpoint();
-    signal(SIGINT, SIG_DFL);
+    ve_printf("%s\n", "a text");
+    ve_puts("a line");
+    ve_out_write("bytes", 5);
+    interrupt_disarm();
+    ve_puts("next");
+    ve_out_flush();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "before\nnext\n");
+}
+
+TEST(Interrupt, BelongsToOneCommandAtATime)
+{
+    ve_wait_init();
+    ASSERT_TRUE(interrupt_arm());
+    EXPECT_FALSE(interrupt_arm());
+    {
+        const interrupt_suspension suspension;
+        EXPECT_FALSE(interrupt_is_armed());
+        EXPECT_TRUE(interrupt_arm());
+    }
+    EXPECT_FALSE(interrupt_is_armed());
+    raise(SIGINT);
+    ve_wait_checkpoint();
+    EXPECT_FALSE(ve_wait_interrupted()) << "nobody's key was noted";
+    interrupt_disarm();
+    signal(SIGINT, SIG_IGN);
+    EXPECT_FALSE(interrupt_arm()) << "somebody else's signal was taken";
+    interrupt_disarm();
+}
+
+TEST(Interrupt, OneThatComesTooLateIsNobodys)
+{
+    ve_wait_init();
+    ASSERT_TRUE(interrupt_arm());
+    raise(SIGINT);
+    interrupt_disarm();
+    EXPECT_EQ(ve_wait_sleep_ms(1), 0);
 }
 
 } // namespace

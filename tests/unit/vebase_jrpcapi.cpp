@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <csetjmp>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -13,7 +12,6 @@
 
 #include "interrupts.h"
 #include "platform/ve_json.h"
-#include "platform/ve_landing.h"
 #include "platform/ve_wait.h"
 #include "vebase_scripted_peer.h"
 
@@ -593,8 +591,6 @@ TEST(JrpcApi, DrawsItsSessionOnce)
 namespace
 {
 
-sigjmp_buf landing;
-
 } // namespace
 
 TEST(JrpcApi, StaysUsableWhenAnExchangeIsInterrupted)
@@ -618,17 +614,14 @@ TEST(JrpcApi, StaysUsableWhenAnExchangeIsInterrupted)
     EXPECT_EQ(ask(ctx), 0);
 }
 
-TEST(JrpcApi, StaysUsableWhenCtrlCJumpsOutOfAnExchange)
+TEST(JrpcApi, StaysUsableWhenCtrlCEndsOneExchangeAfterTheOther)
 {
-    constexpr int jumps = 50;
-    const interrupts handling([](int) {
-        ve_landing_release_to_mark();
-        siglongjmp(landing, 1);
-    });
+    constexpr int interruptions = 50;
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
     std::atomic<int> received{0};
     {
         const scripted_peer peer([&, main = pthread_self()](peer_link &link) {
-            for (int i = 0; i < jumps; ++i) {
+            for (int i = 0; i < interruptions; ++i) {
                 const long id = link.request();
                 ++received;
                 // Cut the answer at another place each time.
@@ -645,18 +638,36 @@ TEST(JrpcApi, StaysUsableWhenCtrlCJumpsOutOfAnExchange)
         });
         const context ctx = connected_to(peer);
         ve_jrpcapi_set_timeout(ctx.get(), -1);
-        static int i; // not a register's, which the jump would bring back
-        for (i = 0; i < jumps; ++i) {
-            ve_landing_mark();
-            if (sigsetjmp(landing, 1) == 0) {
-                const jump_safe<msg_ref> message(ve_jrpcmsg_create_new("Left", nullptr));
-                ve_jrpcapi_exec(ctx.get(), message.get());
-                ADD_FAILURE() << "the exchange was not left";
-            }
-            ASSERT_EQ(ask(ctx), 0) << "after jump " << i;
+        for (int i = 0; i < interruptions; ++i) {
+            const msg_ref message(ve_jrpcmsg_create_new("Left", nullptr));
+            EXPECT_LT(ve_jrpcapi_exec(ctx.get(), message.get()), 0) << "the exchange was not left";
+            ve_wait_clear_interrupt();
+            ASSERT_EQ(ask(ctx), 0) << "after interruption " << i;
         }
     }
-    EXPECT_EQ(received, jumps);
+    EXPECT_EQ(received, interruptions);
+}
+
+TEST(JrpcApi, SendsNothingOnceCtrlCIsNoted)
+{
+    std::atomic<int> received{0};
+    {
+        const scripted_peer peer([&](peer_link &link) {
+            while (const long id = link.request()) {
+                ++received;
+                link.answer(id);
+            }
+        });
+        const context ctx = connected_to(peer);
+        ve_wait_note_interrupt();
+        EXPECT_EQ(ask(ctx), -32001);
+        const msg_ref event(ve_jrpcmsg_create_event_new(12, nullptr));
+        EXPECT_LT(ve_jrpcapi_send(ctx.get(), event.get()), 0);
+        EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_interrupted);
+        ve_wait_clear_interrupt();
+        EXPECT_EQ(ask(ctx), 0);
+    }
+    EXPECT_EQ(received, 1);
 }
 
 TEST(JrpcApi, CanBeLeftWhileItConnects)

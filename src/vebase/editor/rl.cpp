@@ -41,9 +41,8 @@ char *ve_rl(const char *prompt, int timeout_ms)
     flush_printed();
     ended = false;
     const int64_t deadline = ve_wait_deadline(timeout_ms);
-    // Nothing here needs to be released: a signal's handler may jump away.
-    static std::string line;
-    for (;;) {
+    std::string line;
+    while (!ve_wait_interrupted()) {
         int signal = 0;
         const bool edits = rl_edit_possible();
         const rl_outcome outcome =
@@ -59,8 +58,9 @@ char *ve_rl(const char *prompt, int timeout_ms)
             ended = true;
             return nullptr;
         case rl_outcome::interrupt:
-            // The handler came back: the line is dropped all the same.
-            ve_out_draw("\r\n", 2);
+            // Nobody noted it: the line is dropped all the same.
+            if (!ve_wait_interrupted())
+                ve_out_draw("\r\n", 2);
             break;
         case rl_outcome::none:
         case rl_outcome::signal:
@@ -70,6 +70,7 @@ char *ve_rl(const char *prompt, int timeout_ms)
             return nullptr;
         }
     }
+    return nullptr;
 }
 
 bool ve_rl_ctrld_is_pressed()

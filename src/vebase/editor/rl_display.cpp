@@ -160,7 +160,7 @@ int ve_rl_echo_off(int fd)
     action.sa_flags = SA_RESTART;
     for (size_t i = 0; i < std::size(ending_signals); ++i) {
         sigaction(ending_signals[i], nullptr, &before_silence[i]);
-        // A handler that somebody set brings the echo back through its landing.
+        // A handler that somebody set notes the signal; who asked for silence then ends it.
         if (before_silence[i].sa_handler == SIG_DFL)
             sigaction(ending_signals[i], &action, nullptr);
     }
@@ -172,7 +172,7 @@ int ve_rl_echo_on(int fd)
 {
     if (silent_fd != fd)
         return isatty(fd) != 0 ? 0 : -1;
-    const int result = tcsetattr(fd, TCSADRAIN, &loud);
+    const int result = tcsetattr(fd, TCSANOW, &loud);
     for (size_t i = 0; i < std::size(ending_signals); ++i)
         if (before_silence[i].sa_handler == SIG_DFL)
             sigaction(ending_signals[i], &before_silence[i], nullptr);

@@ -17,10 +17,8 @@ namespace
 constexpr size_t block_size = 16384;
 constexpr size_t peek_size = 4096;
 
-// Static, because Ctrl-C may jump out of the wait.
-std::string partial;  // the line so far
-bool waiting = false; // a read was left by a jump
-bool shares = false;  // lines were read: whoever reads besides must leave the following ones
+std::string partial; // the line so far
+bool shares = false; // lines were read: whoever reads besides must leave the following ones
 int peek_pipe[2] = {-1, -1};
 
 enum class source { file, pipe, socket, terminal, other };
@@ -123,8 +121,6 @@ bool take_line(std::string &line, size_t searched)
 rl_outcome rl_plain_line(int64_t deadline, std::string &line)
 {
     shares = true;
-    if (waiting)
-        partial.clear();
     if (take_line(line, 0))
         return rl_outcome::line;
     static char data[block_size];
@@ -132,9 +128,7 @@ rl_outcome rl_plain_line(int64_t deadline, std::string &line)
         if (rl_control_take_stop())
             return rl_outcome::stop;
         pollfd fds[] = {{STDIN_FILENO, POLLIN, 0}, {rl_control_fd(), POLLIN, 0}};
-        waiting = true;
         const int ready = ve_wait_poll(fds, 2, deadline);
-        waiting = false;
         if (ready == 0)
             return rl_outcome::timeout;
         if (ready < 0) {

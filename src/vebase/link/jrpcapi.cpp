@@ -8,7 +8,6 @@
 #include <sys/random.h>
 #include <unistd.h>
 
-#include "platform/ve_landing.h"
 #include "platform/ve_wait.h"
 #include "vebase/link/jrpcapi_impl.h"
 #include "vebase/link/jrpcmsg_impl.h"
@@ -211,6 +210,8 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
 {
     ve_jrpcmsg_set_result_new(message, nullptr);
     const int64_t deadline = ve_wait_deadline(ctx->timeout_ms);
+    if (ve_wait_interrupted())
+        return fail(ctx, message, ve_socket_err_interrupted);
     if (ctx->socket.state != ve_socket_connected)
         return fail(ctx, message, ve_socket_err_closed);
     if (enqueue(ctx, message) < 0)
@@ -250,6 +251,8 @@ int ve_jrpcapi_send(ve_jrpcapi *ctx, ve_jrpcmsg *message)
     const int64_t deadline = ve_wait_deadline(ctx->timeout_ms);
     // On a link whose events a thread reads, that thread takes what comes in.
     const bool reads = (ctx->flags & ve_jrpcapi_flag_events) == 0;
+    if (ve_wait_interrupted())
+        return fail(ctx, message, ve_socket_err_interrupted);
     // TCP takes a message for a peer that has hung up; only reading tells.
     if (ctx->socket.state != ve_socket_connected || (reads && !drop_input(ctx)))
         return fail(ctx, message, ve_socket_err_closed);
@@ -332,13 +335,13 @@ int ve_jrpcapi_login(ve_jrpcapi *ctx, const char *user, const char *password)
     json_object_set_new(params, "User", json_string(user));
     if (password != nullptr && password[0] != '\0')
         json_object_set_new(params, "Password", json_string(password));
-    const jump_safe<msg_ref> message(ve_jrpcmsg_create_new("Login", params));
+    const msg_ref message(ve_jrpcmsg_create_new("Login", params));
     return ve_jrpcapi_exec(ctx, message.get()) == 0 && ve_jrpcmsg_error_code(message.get()) == 0 ? 0 : -1;
 }
 
 int ve_jrpcapi_logout(ve_jrpcapi *ctx)
 {
-    const jump_safe<msg_ref> message(ve_jrpcmsg_create_new("Logout", nullptr));
+    const msg_ref message(ve_jrpcmsg_create_new("Logout", nullptr));
     return ve_jrpcapi_exec(ctx, message.get()) == 0 && ve_jrpcmsg_error_code(message.get()) == 0 ? 0 : -1;
 }
 

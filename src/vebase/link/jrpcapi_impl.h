@@ -1,7 +1,6 @@
 // What a client context is made of. Two threads may use one: a sender (the main thread) and a receiver (the listener).
 // The sender owns the output queue, the receiver the reader; the transport below both is guarded by `lock`, which is
-// held for system calls that do not wait and never across a wait point. Whenever a wait point is reached, everything
-// here is consistent, so that Ctrl-C may jump out of it.
+// held for system calls that do not wait and never across a wait point.
 #pragma once
 
 #include <deque>
