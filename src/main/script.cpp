@@ -16,7 +16,7 @@
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
-#include "utils/words.h"
+#include "platform/ve_words.h"
 
 namespace
 {
@@ -184,7 +184,7 @@ int run_script(const char *path, int flags)
             result = refuse(path, number);
             break;
         }
-        const bool complete = line_completed(line.c_str()) != 0;
+        const bool complete = ve_words_complete(line);
         if (!complete && line.ends_with('\\'))
             line.pop_back();
         if (!complete || is_pending) {

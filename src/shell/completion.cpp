@@ -10,10 +10,9 @@
 #include "platform/ve_json.h"
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
+#include "platform/ve_words.h"
 #include "shell/completers.h"
-#include "shell/word_place.h"
 #include "utils/json_util.h"
-#include "utils/words.h"
 
 namespace
 {
@@ -95,28 +94,26 @@ completed_part complete_argument(uint32_t id, size_t index, const char *word, js
 /// The part's begin is a byte of `text`.
 completed_part complete(const std::string &text, json_t *candidates)
 {
-    const word_place place = find_last_word(text);
-    completed_part part = {place.at(0), false};
-    size_t index = 0;
-    const json_ref words(str_split(text.c_str(), static_cast<long>(text.size()), &index));
-    if (!words || place.comment)
+    const ve_words line = ve_words_read(text);
+    completed_part part = {line.place(0), false};
+    if (line.comment || !line.is_utf8())
         return part;
-    const char *word = json_string_value(json_array_get(words.get(), index));
-    if (index == 0) {
-        autocomplete_command(word, candidates);
+    const std::string word(line.current());
+    if (line.index == 0) {
+        autocomplete_command(word.c_str(), candidates);
         return part;
     }
-    const cmd_entry *command = parse_cmd(json_string_value(json_array_get(words.get(), 0)));
+    const cmd_entry *command = parse_cmd(line.words[0].text.c_str());
     if (command == nullptr)
         return part;
     {
         const no_reconnect guard;
-        part = complete_argument(command->id, index, word, candidates);
+        part = complete_argument(command->id, line.index, word.c_str(), candidates);
     }
     // Ctrl-C while the daemon was asked: what was found so far is not all.
     if (ve_wait_interrupted())
         json_array_clear(candidates);
-    return {place.at(part.begin), part.sort};
+    return {line.place(part.begin), part.sort};
 }
 
 } // namespace

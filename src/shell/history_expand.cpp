@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "platform/ve_words.h"
+
 namespace
 {
 
@@ -10,17 +12,11 @@ namespace
 constexpr unsigned replacements_max = 100;
 constexpr size_t expanded_max = size_t{1} << 20;
 
-/// White space of the C locale.
-bool is_space(char c)
-{
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
 /// The first "!" at the start of the line or behind white space.
 size_t find_reference(const std::string &line)
 {
     size_t at = line.find('!');
-    while (at != std::string::npos && at > 0 && !is_space(line[at - 1]))
+    while (at != std::string::npos && at > 0 && !ve_words_is_blank(line[at - 1]))
         at = line.find('!', at + 1);
     return at;
 }
@@ -60,7 +56,7 @@ unsigned history_expand(const ve_history &history, std::string &line)
         if (number == 0)
             break;
         size_t end = begin;
-        while (end < line.size() && !is_space(line[end]))
+        while (end < line.size() && !ve_words_is_blank(line[end]))
             end++;
         line.replace(begin, end - begin, history.entry(number - 1));
         replaced++;

@@ -3,7 +3,6 @@
 #include <pwd.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -19,6 +18,7 @@
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
+#include "platform/ve_words.h"
 #include "shell/completion.h"
 #include "shell/history_expand.h"
 #include "state/editor.h"
@@ -26,7 +26,6 @@
 #include "state/prompt.h"
 #include "state/record.h"
 #include "state/scheme.h"
-#include "utils/words.h"
 
 namespace
 {
@@ -94,8 +93,10 @@ bool split_line(const std::string &line, json_t *words)
         json_array_append_new(words, json_string("lua"));
         return json_array_append_new(words, json_string(line.c_str() + strlen(lua_prefix))) == 0;
     }
-    const json_ref split(str_split(line.c_str(), -1, nullptr));
-    return split && json_array_extend(words, split.get()) == 0;
+    for (const ve_word &word : ve_words_read(line).words)
+        if (json_array_append_new(words, json_string(word.text.c_str())) != 0)
+            return false;
+    return true;
 }
 
 void run_line(std::string &line, json_t *words)
@@ -107,7 +108,7 @@ void run_line(std::string &line, json_t *words)
         ve_puts("The line is not valid UTF-8 text.");
         return;
     }
-    if (isspace(static_cast<unsigned char>(line[0])) == 0)
+    if (!ve_words_is_blank(line[0]))
         shell_history().add(line);
     const json_ref command = json_ref::share(json_array_get(words, 0));
     json_array_remove(words, 0);

@@ -1,18 +1,21 @@
-// Splitting any line: the index of the word under the cursor is one of the words or the next.
+// Reading any line: the word at its end is the last one or the next, and every word reads back when it is quoted.
 #include <cstdint>
 #include <cstdlib>
-#include <string>
+#include <string_view>
 
-#include "platform/ve_json.h"
-#include "utils/words.h"
+#include "platform/ve_words.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const std::string text(reinterpret_cast<const char *>(data), size);
-    line_completed(text.c_str());
-    size_t index = 0;
-    const json_ref words{str_split(text.c_str(), static_cast<long>(size / 2), &index)};
-    if (words && index > json_array_size(words.get()) + size)
+    const std::string_view text(reinterpret_cast<const char *>(data), size);
+    ve_words_complete(text);
+    const ve_words line = ve_words_read(text);
+    if (line.index > line.words.size() || line.index + 1 < line.words.size())
         abort();
+    for (const ve_word &word : line.words) {
+        const ve_words again = ve_words_read(ve_words_quote(word.text, 0, true));
+        if (again.words.size() != 1 || again.words[0].text != word.text)
+            abort();
+    }
     return 0;
 }

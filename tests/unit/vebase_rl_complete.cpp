@@ -67,12 +67,15 @@ TEST(rl_complete, text_behind_the_cursor_is_not_looked_at)
     EXPECT_EQ(merged.text, "Device.");
 }
 
-TEST(rl_complete, knows_the_open_quote)
+TEST(rl_complete, quotes_around_the_place_of_the_typed_part_are_kept_in_mind)
 {
-    EXPECT_EQ(rl_open_quote("a \"b", 4), '"');
-    EXPECT_EQ(rl_open_quote("a \"b'\" c", 8), '\0');
-    EXPECT_EQ(rl_open_quote("a \\\"b", 5), '\0');
-    EXPECT_EQ(rl_open_quote("a '\\'b", 6), '\'');
+    EXPECT_EQ(after_tab("cat \"a/b\"'c", 7, {"say \"b'c\""}), "cat \"a/say \\\"b'c\\\"");
+}
+
+TEST(rl_complete, a_backslash_that_waits_is_part_of_what_was_typed)
+{
+    EXPECT_EQ(after_tab("cat a\\", 4, {"a\\b", "a\\c"}), "cat a\\");
+    EXPECT_EQ(after_tab("cat a\\", 4, {"a\\b"}), "cat a\\\\b");
 }
 
 TEST(rl_complete, common_beginning_of_many)

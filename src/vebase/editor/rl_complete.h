@@ -1,16 +1,13 @@
 // What a completion puts into the line: pure functions of the line and the candidates.
 //
-// A candidate goes into the line so that the word splitter reads back exactly the candidate. Inside quotes that the
-// user opened it stays inside them, and they stay open. Outside, one with blanks is put between double quotes, one
-// without has its quotes, backslashes and "#" escaped. Nothing is added behind it.
+// A candidate goes into the line so that reading its words (ve_words.h) gives back exactly the candidate. Inside quotes
+// that the user opened it stays inside them, and they stay open. Outside, one with blanks is put between double quotes,
+// one without has its quotes, backslashes and "#" escaped. Nothing is added behind it.
 #pragma once
 
 #include <string>
 #include <string_view>
 #include <vector>
-
-/// The quote that is open at byte `offset` of `line`, 0 for none.
-char rl_open_quote(std::string_view line, size_t offset);
 
 /// Replaces line[start, cursor).
 struct rl_replacement {
