@@ -84,8 +84,7 @@ void store_mode_argument(cline_options *options, const char *argument)
         options->script = argument;
         break;
     case mode_raw:
-        // A text that is not UTF-8 is no JSON either: it stays out and the mode says so.
-        json_array_append_new(options->params, json_string(argument));
+        options->params.emplace_back(argument);
         break;
     default:
         break;
@@ -208,10 +207,11 @@ int cline_parse(int argc, char **argv, cline_options *options)
     if (options->mode == mode_raw)
         return 0;
     for (int i = optind; i < argc; i++) {
-        if (json_array_append_new(options->params, json_string(argv[i])) != 0) {
+        if (!ve_string_is_utf8(argv[i])) {
             fprintf(stderr, "Argument '%s' is not valid UTF-8 text.\n", escaped(argv[i]).c_str());
             return -1;
         }
+        options->params.emplace_back(argv[i]);
     }
     return 0;
 }

@@ -3,8 +3,8 @@
 
 #include <cstdint>
 #include <cstdio>
-
-#include <jansson.h>
+#include <string>
+#include <vector>
 
 enum run_mode : uint32_t {
     mode_interactive = 0,
@@ -19,8 +19,7 @@ enum run_mode : uint32_t {
 
 inline constexpr uint32_t cline_groups_max = 64;
 
-/// What the command line asks for. Texts are borrowed from the process arguments. Zero-filled before parsing, but for
-/// `params`, an empty array that the caller owns.
+/// What the command line asks for. Texts are borrowed from the process arguments. Zero-filled before parsing.
 struct cline_options {
     uint32_t groups_count;
     int32_t groups[cline_groups_max];
@@ -29,7 +28,7 @@ struct cline_options {
         const char *name; ///< request and notify modes
         uint32_t event;   ///< event mode
     };
-    json_t *params;
+    std::vector<std::string> params; ///< in UTF-8, but for that of the raw mode
     const char *address;
     const char *unixpath;
     const char *script;

@@ -164,25 +164,24 @@ int show_attrs(const char *name, const char *path_text)
 
 } // namespace
 
-int process_info(const char *name, json_t *args)
+int process_info(const char *name, command_args args)
 {
-    if (json_array_size(args) < 2)
+    if (args.size() < 2)
         return show_attrs(name, arg_text(args, 0));
-    size_t index;
-    json_t *word;
-    json_array_foreach(args, index, word)
-    {
-        ve_printf("%s:\n", json_string_value(word));
-        show_attrs(name, json_string_value(word));
+    for (const std::string &word : args) {
+        ve_printf("%s:\n", word.c_str());
+        show_attrs(name, word.c_str());
         ve_puts("");
         ve_out_relieve();
     }
     return 0;
 }
 
-int process_get_attrs(const char *name, json_t *args)
+int process_get_attrs(const char *name, command_args args)
 {
-    msg_ref message(ve_jrpcmsg_cmd_get_parameter_attributes_new(json_incref(args)));
+    msg_ref message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
+    for (const std::string &word : args)
+        ve_jrpcmsg_cmd_get_parameter_attributes_add(message.get(), word.c_str());
     msg_exec(message.get(), 5000);
     if (ve_jrpcmsg_error_code(message.get()) != 0) {
         ve_printf("%s: ERROR\n", name);

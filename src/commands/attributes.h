@@ -3,5 +3,6 @@
 
 #include <jansson.h>
 
-int process_info(const char *name, json_t *args);
-int process_get_attrs(const char *name, json_t *args);
+#include "commands/handler.h"
+int process_info(const char *name, command_args args);
+int process_get_attrs(const char *name, command_args args);

@@ -41,19 +41,19 @@ int wait_until_down()
 
 } // namespace
 
-int process_save(const char *, json_t *)
+int process_save(const char *, command_args)
 {
     send_and_show("SaveConfig");
     return 0;
 }
 
-int process_reset(const char *, json_t *)
+int process_reset(const char *, command_args)
 {
     send_and_show("FactoryReset");
     return 0;
 }
 
-int process_reboot(const char *, json_t *args)
+int process_reboot(const char *, command_args args)
 {
     const char *option = arg_text(args, 0);
     const int force = option != nullptr && strcmp(option, "-f") == 0 ? 1 : 0;

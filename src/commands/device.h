@@ -3,6 +3,7 @@
 
 #include <jansson.h>
 
-int process_save(const char *name, json_t *args);
-int process_reset(const char *name, json_t *args);
-int process_reboot(const char *name, json_t *args);
+#include "commands/handler.h"
+int process_save(const char *name, command_args args);
+int process_reset(const char *name, command_args args);
+int process_reboot(const char *name, command_args args);

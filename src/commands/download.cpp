@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <strings.h>
+#include <vector>
 
 #include "commands/device.h"
 #include "commands/file_server.h"
@@ -124,7 +125,7 @@ void send_download(json_t *params)
 void reset_config()
 {
     ve_puts("Resetting config...");
-    process_reset("reset", nullptr);
+    process_reset("reset", {});
 }
 
 /// Shows the flash's progress until the device goes down or the flash fails, and waits for the device to come back.
@@ -222,10 +223,10 @@ int upgrade_with(const json_t *result, json_t *params)
 
 } // namespace
 
-int process_download(const char *name, json_t *args)
+int process_download(const char *name, command_args args)
 {
     const char *type = file_type_of(arg_text(args, 0));
-    if (json_array_size(args) < 2 || json_array_size(args) > 3 || type == nullptr)
+    if (args.size() < 2 || args.size() > 3 || type == nullptr)
         return syntax(name);
     const char *file = arg_text(args, 1);
     const bool is_url = ve_url_parse(file) == 0;
@@ -245,8 +246,8 @@ int process_download(const char *name, json_t *args)
     }
     if (unsigned char digest[16]; ve_md5_calculate_from_file(file, digest) == 0)
         json_object_set_new(params.get(), "MD5", json_string(ve_md5_to_str(digest).c_str()));
-    if (json_array_size(args) == 3)
-        json_object_set(params.get(), "TargetFileName", json_array_get(args, 2));
+    if (args.size() == 3)
+        json_object_set_new(params.get(), "TargetFileName", json_string(arg_text(args, 2)));
 
     // The digest of a large file takes its time; the server's time runs only from here.
     std::shared_ptr<file_transfer> transfer;
@@ -267,8 +268,9 @@ int process_download(const char *name, json_t *args)
     return strcmp(type, "Firmware") == 0 ? upgrade_with(result, params.get()) : 0;
 }
 
-int process_upgrade(const char *, json_t *args)
+int process_upgrade(const char *, command_args args)
 {
-    json_array_insert_new(args, 0, json_string("firmware"));
-    return process_download("download", args);
+    std::vector<std::string> words = {"firmware"};
+    words.insert(words.end(), args.begin(), args.end());
+    return process_download("download", words);
 }

@@ -3,5 +3,6 @@
 
 #include <jansson.h>
 
-int process_download(const char *name, json_t *args);
-int process_upgrade(const char *name, json_t *args);
+#include "commands/handler.h"
+int process_download(const char *name, command_args args);
+int process_upgrade(const char *name, command_args args);

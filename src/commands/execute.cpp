@@ -47,7 +47,7 @@ bool add_argument(const char *name, const char *argument, const json_t *input, j
 
 } // namespace
 
-int process_execute(const char *name, json_t *args)
+int process_execute(const char *name, command_args args)
 {
     const char *method = arg_text(args, 0);
     if (method == nullptr || *method == '\0') {
@@ -63,7 +63,7 @@ int process_execute(const char *name, json_t *args)
     {
         const json_ref input{cdpath_get_input(&place)};
         json_ref list{json_array()};
-        for (size_t index = 1; index < json_array_size(args); ++index) {
+        for (size_t index = 1; index < args.size(); ++index) {
             if (!add_argument(name, arg_text(args, index), input.get(), list.get()))
                 return -1;
         }

@@ -3,4 +3,5 @@
 
 #include <jansson.h>
 
-int process_execute(const char *name, json_t *args);
+#include "commands/handler.h"
+int process_execute(const char *name, command_args args);

@@ -1,13 +1,17 @@
-// The shape of every command handler: the command's name and the words behind it (a JSON array of strings, which the
-// caller owns and a handler may shorten). Returns 0, or negative for a failure.
+// The shape of every command handler: the command's name and the words behind it, which the caller owns. Returns 0, or
+// negative for a failure.
 #pragma once
 
-#include <jansson.h>
+#include <cstddef>
+#include <span>
+#include <string>
 
-using command_handler = int (*)(const char *name, json_t *args);
+/// Words in UTF-8, without a NUL.
+using command_args = std::span<const std::string>;
+using command_handler = int (*)(const char *name, command_args args);
 
 /// Word `index`, borrowed, or null.
-inline const char *arg_text(const json_t *args, size_t index)
+inline const char *arg_text(command_args args, size_t index)
 {
-    return json_string_value(json_array_get(args, index));
+    return index < args.size() ? args[index].c_str() : nullptr;
 }

@@ -75,9 +75,9 @@ void send_and_show(ve_jrpcmsg *request)
 
 } // namespace
 
-int process_add(const char *name, json_t *args)
+int process_add(const char *name, command_args args)
 {
-    const size_t count = json_array_size(args);
+    const size_t count = args.size();
     if (count > 2) {
         ve_printf("syntax: %s <path> [<order_num>]\n", name);
         return -1;
@@ -104,7 +104,7 @@ int process_add(const char *name, json_t *args)
     return number;
 }
 
-int process_take(const char *name, json_t *args)
+int process_take(const char *name, command_args args)
 {
     const char *typed = arg_text(args, 0);
     std::string path(typed != nullptr ? typed : ".");
@@ -114,13 +114,12 @@ int process_take(const char *name, json_t *args)
     if (ve_tr_path_is_full(path.c_str()))
         path += '.';
     path += std::to_string(number);
-    json_ref words(json_pack("[s]", path.c_str()));
-    return process_cd(name, words.get());
+    return process_cd(name, {&path, 1});
 }
 
-int process_del(const char *name, json_t *args)
+int process_del(const char *name, command_args args)
 {
-    if (json_array_size(args) != 1) {
+    if (args.size() != 1) {
         ve_printf("syntax: %s <path>\n", name);
         return -1;
     }
@@ -131,9 +130,9 @@ int process_del(const char *name, json_t *args)
     return 0;
 }
 
-int process_order(const char *name, json_t *args)
+int process_order(const char *name, command_args args)
 {
-    if (json_array_size(args) != 2) {
+    if (args.size() != 2) {
         ve_printf("syntax: %s <path> <order_num>\n", name);
         return -1;
     }

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "commands/handler.h"
 #include "commands/listing.h"
@@ -68,30 +69,6 @@ int ls_repack_list(const char *name, const char *path_text, unsigned options)
     return 0;
 }
 
-/// Takes the option words out of the arguments.
-unsigned take_options(json_t *args)
-{
-    unsigned options = 0;
-    const json_ref paths(json_array());
-    size_t index;
-    json_t *argument;
-    json_array_foreach(args, index, argument)
-    {
-        const char *word = json_string_value(argument);
-        if (*word != '-') {
-            json_array_append(paths.get(), argument);
-            continue;
-        }
-        if (strchr(word, 'l') != nullptr)
-            options |= ls_long;
-        if (strchr(word, 'a') != nullptr)
-            options |= ls_all;
-    }
-    json_array_clear(args);
-    json_array_extend(args, paths.get());
-    return options;
-}
-
 json_t *tree_build(cdpath *place, const char *name, bool parent_multi);
 
 /// The trees of the children `names` of the place.
@@ -129,9 +106,9 @@ json_t *tree_build(cdpath *place, const char *name, bool parent_multi)
 
 } // namespace
 
-int process_cd(const char *name, json_t *args)
+int process_cd(const char *name, command_args args)
 {
-    if (json_array_size(args) > 1) {
+    if (args.size() > 1) {
         ve_printf("syntax: %s [<path>]", name);
         return -1;
     }
@@ -150,7 +127,7 @@ int process_cd(const char *name, json_t *args)
     return 0;
 }
 
-int process_up(const char *name, json_t *args)
+int process_up(const char *name, command_args args)
 {
     const char *word = arg_text(args, 0);
     long levels = word != nullptr ? strtol(word, nullptr, 10) : 1;
@@ -158,33 +135,41 @@ int process_up(const char *name, json_t *args)
         levels = 1;
     // No place is deeper than its text is long.
     levels = std::clamp(levels, 0L, static_cast<long>(cdpath_text_max));
-    json_ref words(list_of(std::string(static_cast<size_t>(levels), '<').c_str()));
-    return process_cd(name, words.get());
+    const std::string path(static_cast<size_t>(levels), '<');
+    return process_cd(name, {&path, 1});
 }
 
-int process_pwd(const char *, json_t *)
+int process_pwd(const char *, command_args)
 {
     ve_printf(":%s\n", ve_visible(cwd.path));
     return 0;
 }
 
-int process_ls(const char *name, json_t *args)
+int process_ls(const char *name, command_args args)
 {
-    const unsigned options = take_options(args);
-    if (json_array_size(args) < 2)
-        return ls_repack_list(name, arg_text(args, 0), options);
-    size_t index;
-    json_t *word;
-    json_array_foreach(args, index, word)
-    {
-        ve_printf("%s:\n", json_string_value(word));
-        ls_repack_list(name, json_string_value(word), options);
+    unsigned options = 0;
+    std::vector<const char *> paths;
+    for (const std::string &word : args) {
+        if (!word.starts_with('-')) {
+            paths.push_back(word.c_str());
+            continue;
+        }
+        if (word.find('l') != std::string::npos)
+            options |= ls_long;
+        if (word.find('a') != std::string::npos)
+            options |= ls_all;
+    }
+    if (paths.size() < 2)
+        return ls_repack_list(name, paths.empty() ? nullptr : paths[0], options);
+    for (const char *path : paths) {
+        ve_printf("%s:\n", path);
+        ls_repack_list(name, path, options);
         ve_puts("");
     }
     return 0;
 }
 
-int process_tree(const char *name, json_t *args)
+int process_tree(const char *name, command_args args)
 {
     const char *path = arg_text(args, 0);
     cdpath_local place(cwd);

@@ -3,8 +3,9 @@
 
 #include <jansson.h>
 
-int process_cd(const char *name, json_t *args);
-int process_up(const char *name, json_t *args);
-int process_pwd(const char *name, json_t *args);
-int process_ls(const char *name, json_t *args);
-int process_tree(const char *name, json_t *args);
+#include "commands/handler.h"
+int process_cd(const char *name, command_args args);
+int process_up(const char *name, command_args args);
+int process_pwd(const char *name, command_args args);
+int process_ls(const char *name, command_args args);
+int process_tree(const char *name, command_args args);

@@ -90,10 +90,10 @@ bool create_record_file(const char *path)
 
 } // namespace
 
-int process_login(const char *name, json_t *args)
+int process_login(const char *name, command_args args)
 {
     const char *user = arg_text(args, 0);
-    switch (json_array_size(args)) {
+    switch (args.size()) {
     case 0:
         user = getenv("USER");
         if (user == nullptr || *user == '\0') {
@@ -112,9 +112,9 @@ int process_login(const char *name, json_t *args)
     }
 }
 
-int process_logout(const char *name, json_t *args)
+int process_logout(const char *name, command_args args)
 {
-    if (json_array_size(args) > 0)
+    if (args.size() > 0)
         return syntax(name, "");
     const int result = msg_logout();
     if (result == 0)
@@ -122,7 +122,7 @@ int process_logout(const char *name, json_t *args)
     return result;
 }
 
-int process_color(const char *name, json_t *args)
+int process_color(const char *name, command_args args)
 {
     static constexpr char usage[] = " <prompt|autocomplete|hint> [<hue>|* <saturation>|* <value>|*]";
     colorscheme_colors scheme = kest_colorscheme_get();
@@ -137,11 +137,11 @@ int process_color(const char *name, json_t *args)
     return 0;
 }
 
-int process_opt(const char *name, json_t *args)
+int process_opt(const char *name, command_args args)
 {
     const char *option = arg_text(args, 0);
     const char *state = arg_text(args, 1);
-    const bool complete = json_array_size(args) == 2;
+    const bool complete = args.size() == 2;
     const bool on = complete && strcmp(state, "on") == 0;
     const bool off = complete && strcmp(state, "off") == 0;
     if ((on || off) && strcmp(option, "autocomplete") == 0) {
@@ -155,18 +155,17 @@ int process_opt(const char *name, json_t *args)
     return 0;
 }
 
-int process_clear(const char *, json_t *)
+int process_clear(const char *, command_args)
 {
     ve_printf("\033[2J\033[H");
     return 0;
 }
 
-int process_shell(const char *name, json_t *args)
+int process_shell(const char *name, command_args args)
 {
     std::string command;
-    size_t index;
-    json_t *word;
-    json_array_foreach(args, index, word) command.append(json_string_value(word)).append(1, ' ');
+    for (const std::string &word : args)
+        command.append(word).append(1, ' ');
     if (command.empty())
         command = "sh ";
     ve_out_flush();
@@ -178,9 +177,9 @@ int process_shell(const char *name, json_t *args)
     return 0;
 }
 
-int process_record(const char *name, json_t *args)
+int process_record(const char *name, command_args args)
 {
-    if (json_array_size(args) != 1)
+    if (args.size() != 1)
         return syntax(name, " <filename>|abort");
     const char *file = arg_text(args, 0);
     if (strcmp(file, "abort") == 0) {

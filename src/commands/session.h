@@ -3,10 +3,11 @@
 
 #include <jansson.h>
 
-int process_login(const char *name, json_t *args);
-int process_logout(const char *name, json_t *args);
-int process_color(const char *name, json_t *args);
-int process_opt(const char *name, json_t *args);
-int process_clear(const char *name, json_t *args);
-int process_shell(const char *name, json_t *args);
-int process_record(const char *name, json_t *args);
+#include "commands/handler.h"
+int process_login(const char *name, command_args args);
+int process_logout(const char *name, command_args args);
+int process_color(const char *name, command_args args);
+int process_opt(const char *name, command_args args);
+int process_clear(const char *name, command_args args);
+int process_shell(const char *name, command_args args);
+int process_record(const char *name, command_args args);

@@ -100,13 +100,12 @@ int print_values(const char *name, const char *path_text, bool tree)
     return 0;
 }
 
-int print_each(const char *name, const json_t *args, bool tree)
+int print_each(const char *name, command_args args, bool tree)
 {
-    if (json_array_size(args) == 0)
+    if (args.size() == 0)
         print_values(name, ".", tree);
-    size_t index;
-    json_t *word;
-    json_array_foreach(args, index, word) print_values(name, json_string_value(word), tree);
+    for (const std::string &word : args)
+        print_values(name, word.c_str(), tree);
     return 0;
 }
 
@@ -158,31 +157,27 @@ void print_status(const ve_jrpcmsg *message)
     }
 }
 
-int process_cat(const char *name, json_t *args)
+int process_cat(const char *name, command_args args)
 {
     return print_each(name, args, false);
 }
 
-int process_catree(const char *name, json_t *args)
+int process_catree(const char *name, command_args args)
 {
     return print_each(name, args, true);
 }
 
-int process_set(const char *name, json_t *args)
+int process_set(const char *name, command_args args)
 {
     json_ref list(json_array());
-    size_t index;
-    json_t *word;
-    json_array_foreach(args, index, word)
-    {
-        const char *argument = json_string_value(word);
-        const char *equals = strrchr(argument, '=');
-        if (equals == nullptr) {
-            ve_printf("%s: %s: no value.\n", name, argument);
+    for (const std::string &word : args) {
+        const size_t equals = word.rfind('=');
+        if (equals == std::string::npos) {
+            ve_printf("%s: %s: no value.\n", name, word.c_str());
             continue;
         }
-        std::string path(argument, equals);
-        const char *text = equals + 1;
+        const std::string path = word.substr(0, equals);
+        const char *text = word.c_str() + equals + 1;
         ve_printf("key = %s, value = %s\n", path.c_str(), text);
         std::string parameter(path);
         json_t *value;

@@ -1,13 +1,13 @@
 // cat (get), catree, set, and the status printer of every command.
 #pragma once
 
-#include <jansson.h>
+#include "commands/handler.h"
 
 #include "platform/ve_jrpcmsg.h"
 
-int process_cat(const char *name, json_t *args);
-int process_catree(const char *name, json_t *args);
-int process_set(const char *name, json_t *args);
+int process_cat(const char *name, command_args args);
+int process_catree(const char *name, command_args args);
+int process_set(const char *name, command_args args);
 
 /// Prints how an executed message ended: "Status: OK", or the error with its data.
 void print_status(const ve_jrpcmsg *message);

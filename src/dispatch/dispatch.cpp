@@ -2,7 +2,7 @@
 
 #include "platform/ve_out.h"
 
-int exec_cmd(const char *word, json_t *args)
+int exec_cmd(const char *word, command_args args)
 {
     const cmd_entry *entry = parse_cmd(word);
     if (entry == nullptr || entry->id == 0) {
@@ -12,7 +12,7 @@ int exec_cmd(const char *word, json_t *args)
     return entry->process(entry->name, args);
 }
 
-int exec_request(const char *word, json_t *args)
+int exec_request(const char *word, command_args args)
 {
     const cmd_entry *entry = parse_request(word);
     if (entry == nullptr || entry->id == 0) {

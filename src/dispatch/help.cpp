@@ -6,7 +6,7 @@
 #include "platform/ve_out.h"
 #include "utils/colorscheme.h"
 
-int process_help(const char *, json_t *)
+int process_help(const char *, command_args)
 {
     const auto has_help = [](const cmd_entry &entry) { return entry.usage != nullptr && entry.description != nullptr; };
     size_t width = 0;

@@ -27,8 +27,8 @@ const cmd_entry *parse_request(const char *word);
 void autocomplete_command(const char *prefix, json_t *list);
 
 /// Run a command; -1 with a message when there is none of that name.
-int exec_cmd(const char *word, json_t *args);
-int exec_request(const char *word, json_t *args);
+int exec_cmd(const char *word, command_args args);
+int exec_request(const char *word, command_args args);
 
 /// Lists the commands.
-int process_help(const char *name, json_t *args);
+int process_help(const char *name, command_args args);

@@ -159,20 +159,20 @@ int lua_mode_run()
 
 } // namespace
 
-int process_lua(const char *, json_t *args)
+int process_lua(const char *, command_args args)
 {
-    if (json_array_size(args) == 0)
+    if (args.size() == 0)
         return lua_mode_run();
     std::string text;
-    for (size_t i = 0; i < json_array_size(args); ++i)
-        text.append(arg_text(args, i)).append(" ");
+    for (const std::string &word : args)
+        text.append(word).append(" ");
     ve_puts(text.c_str());
     ve_out_flush();
     const lua_client client(leave_shell);
     if (!client)
         return 0;
     lua_run_begin();
-    const int status = ve_lua_exec(client.get(), text.data(), text.size(), nullptr, nullptr);
+    const int status = ve_lua_exec(client.get(), text.data(), text.size(), nullptr);
     if (lua_run_end()) {
         lua_run_deliver();
         return 0;
@@ -188,7 +188,7 @@ int process_lua(const char *, json_t *args)
     return 0;
 }
 
-int process_luarecord(const char *name, json_t *args)
+int process_luarecord(const char *name, command_args args)
 {
     return process_record(name, args) < 0 ? -1 : lua_mode_run();
 }

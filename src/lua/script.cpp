@@ -10,7 +10,6 @@
 #include "lua/client.h"
 #include "lua/lua_mode.h"
 #include "lua/running.h"
-#include "platform/ve_json.h"
 #include "platform/ve_out.h"
 
 namespace
@@ -58,13 +57,11 @@ void strip_interpreter(std::string *text)
 
 } // namespace
 
-int run_lua_script(const char *path, json_t *params)
+int run_lua_script(const char *path, command_args params)
 {
-    json_ref first_word;
-    if (path == nullptr) {
-        first_word = json_ref::share(json_array_get(params, 0));
-        json_array_remove(params, 0);
-        path = json_string_value(first_word.get());
+    if (path == nullptr && !params.empty()) {
+        path = params[0].c_str();
+        params = params.subspan(1);
     }
     std::string text;
     if (!read_script(path, &text)) {

@@ -17,12 +17,9 @@ constexpr int raw_timeout_ms = 5000;
 constexpr int listen_poll_ms = 10;
 
 /// Any JSON value, scalars and texts with a NUL too; null when the text holds none.
-json_t *decode_argument(const json_t *params)
+json_t *decode_argument(command_args params)
 {
-    const json_t *text = json_array_get(params, 0);
-    if (!json_is_string(text))
-        return nullptr;
-    return json_loadb(json_string_value(text), json_string_length(text), JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr);
+    return params.empty() ? nullptr : json_loads(params[0].c_str(), JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr);
 }
 
 /// "<< " and the value over several lines.
@@ -41,7 +38,7 @@ void act_stop(int)
 
 } // namespace
 
-int mode_run_raw(const json_t *params)
+int mode_run_raw(command_args params)
 {
     const json_ref json(decode_argument(params));
     if (!json) {
@@ -72,7 +69,7 @@ int mode_run_listen()
     return 0;
 }
 
-int mode_run_event(uint32_t id, const json_t *params)
+int mode_run_event(uint32_t id, command_args params)
 {
     const msg_ref message(ve_jrpcmsg_create_event_new(id, decode_argument(params)));
     return ve_jrpcapi_send(group_ctx, message.get());

@@ -10,10 +10,10 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "dispatch/table.h"
-#include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 #include "platform/ve_words.h"
@@ -149,20 +149,17 @@ int refuse(const char *path, size_t number)
 /// Runs one joined line into `*result`; what is no text is refused with -1.
 void run_line(const std::string &line, int flags, const char *path, size_t number, int *result)
 {
-    const std::vector<std::string_view> words = split_blanks(line);
-    if (words.empty() || run_builtin(line, words.front()))
+    const std::vector<std::string_view> parts = split_blanks(line);
+    if (parts.empty() || run_builtin(line, parts.front()))
         return;
-    const json_ref args(json_array());
-    const json_ref command(json_stringn(words.front().data(), words.front().size()));
-    bool text = static_cast<bool>(command);
-    for (size_t i = 1; i < words.size() && text; i++)
-        text = json_array_append_new(args.get(), json_stringn(words[i].data(), words[i].size())) == 0;
-    if (!text) {
+    const std::vector<std::string> words(parts.begin(), parts.end());
+    if (!ve_words_are_utf8(words)) {
         *result = refuse(path, number);
         return;
     }
-    const char *const name = json_string_value(command.get());
-    *result = (flags & 1) != 0 ? exec_cmd(name, args.get()) : exec_request(name, args.get());
+    const char *const name = words.front().c_str();
+    const command_args args = command_args(words).subspan(1);
+    *result = (flags & 1) != 0 ? exec_cmd(name, args) : exec_request(name, args);
 }
 
 } // namespace

@@ -19,7 +19,6 @@
 #include "lua/lua_mode.h"
 #include "main/modes.h"
 #include "main/script.h"
-#include "platform/ve_json.h"
 #include "platform/ve_log.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
@@ -139,8 +138,7 @@ int enter_mode(const cline_options &options)
     case mode_event:
         return mode_run_event(options.event, options.params);
     case mode_script:
-        return run_script(
-            options.script != nullptr ? options.script : json_string_value(json_array_get(options.params, 0)), 0);
+        return run_script(options.script != nullptr ? options.script : arg_text(options.params, 0), 0);
     case mode_lua_script:
         return run_lua_script(options.script, options.params);
     default:
@@ -167,8 +165,6 @@ int kest_main(int argc, char **argv)
     ve_jrpcapi *const request = ve_jrpcapi_init();
     ve_jrpcapi *const group = ve_jrpcapi_init();
     cline_options options = {};
-    const json_ref params(json_array());
-    options.params = params.get();
 
     int result;
     const int parsed = cline_parse(argc, argv, &options);

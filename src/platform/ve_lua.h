@@ -5,6 +5,7 @@
 #include <jansson.h>
 
 #include <cstddef>
+#include <span>
 #include <string>
 
 struct lua_State;
@@ -21,11 +22,11 @@ struct ve_lua_context {
 /// A new context, owned by the caller until ve_lua_free; null when there is no memory for it. `flags` 0. What code in
 /// its state prints goes to the terminal (ve_out.h), but for code that ve_lua_exec runs.
 ve_lua_context *ve_lua_init(int flags);
-/// Runs `text`; `chunk_name` null names it "stdin", else it is a file's path. `arguments` (borrowed array of texts, or
-/// null) become the global "arg" and "...". Returns 0, else non-zero with the error text set. What it prints goes to
+/// Runs `text`; `chunk_name` null names it "stdin", else it is a file's path. A file's `arguments`
+/// become the global "arg" and "...". Returns 0, else non-zero with the error text set. What it prints goes to
 /// `output`. A wait point.
 int ve_lua_exec(ve_lua_context *context, const char *text, size_t length, const char *chunk_name,
-                const json_t *arguments);
+                std::span<const std::string> arguments = {});
 /// Null is allowed.
 void ve_lua_free(ve_lua_context *context);
 

@@ -96,14 +96,14 @@ completed_part complete(const std::string &text, json_t *candidates)
 {
     const ve_words line = ve_words_read(text);
     completed_part part = {line.place(0), false};
-    if (line.comment || !line.is_utf8())
+    if (line.comment || !ve_words_are_utf8(line.words))
         return part;
     const std::string word(line.current());
     if (line.index == 0) {
         autocomplete_command(word.c_str(), candidates);
         return part;
     }
-    const cmd_entry *command = parse_cmd(line.words[0].text.c_str());
+    const cmd_entry *command = parse_cmd(line.words[0].c_str());
     if (command == nullptr)
         return part;
     {

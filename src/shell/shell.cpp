@@ -13,7 +13,6 @@
 #include "dispatch/table.h"
 #include "event/listener.h"
 #include "event/request.h"
-#include "platform/ve_json.h"
 #include "platform/ve_log.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
@@ -75,46 +74,39 @@ void try_login()
 }
 
 /// Runs one command; Ctrl-C ends it.
-void run_command(const char *name, json_t *words)
+void run_command(const std::vector<std::string> &words)
 {
     if (interrupt_arm()) {
         ve_out_flush(); // this wait, too, is the command's
         if (!ve_wait_interrupted())
-            exec_cmd(name, words);
+            exec_cmd(arg_text(words, 0), words.empty() ? command_args() : command_args(words).subspan(1));
         ve_out_flush();
     }
     interrupt_disarm();
 }
 
-/// The words of a line into `words`. What follows "lua " is one word. False when the line is no text.
-bool split_line(const std::string &line, json_t *words)
+/// The words of a line. What follows "lua " is one word.
+std::vector<std::string> split_line(const std::string &line)
 {
-    if (line.starts_with(lua_prefix)) {
-        json_array_append_new(words, json_string("lua"));
-        return json_array_append_new(words, json_string(line.c_str() + strlen(lua_prefix))) == 0;
-    }
-    for (const ve_word &word : ve_words_read(line).words)
-        if (json_array_append_new(words, json_string(word.text.c_str())) != 0)
-            return false;
-    return true;
+    if (line.starts_with(lua_prefix))
+        return {"lua", line.substr(strlen(lua_prefix))};
+    return ve_words_read(line).words;
 }
 
-void run_line(std::string &line, json_t *words)
+void run_line(std::string &line)
 {
-    json_array_clear(words);
     if (history_expand(shell_history(), line) > 0)
         ve_puts(ve_visible_lines(line.c_str()));
-    if (!split_line(line, words)) {
+    const std::vector<std::string> words = split_line(line);
+    if (!ve_words_are_utf8(words)) {
         ve_puts("The line is not valid UTF-8 text.");
         return;
     }
     if (!ve_words_is_blank(line[0]))
         shell_history().add(line);
-    const json_ref command = json_ref::share(json_array_get(words, 0));
-    json_array_remove(words, 0);
     if (record_check())
         record_increment();
-    run_command(json_string_value(command.get()), words);
+    run_command(words);
 }
 
 bool is_quit(const char *line)
@@ -125,7 +117,6 @@ bool is_quit(const char *line)
 void read_lines()
 {
     std::string text;
-    const json_ref words(json_array());
     while (is_running()) {
         completion_begin_line();
         const text_ptr line(ve_rl(prompt_get(), -1));
@@ -135,7 +126,7 @@ void read_lines()
             continue;
         if (!is_quit(line.get())) {
             text = line.get();
-            run_line(text, words.get());
+            run_line(text);
         } else if (record_check()) {
             record_commit();
         } else {
@@ -156,10 +147,7 @@ int shell_loop()
     }
     kest_readline_prepare();
     cdpath_new(&cwd);
-    {
-        const json_ref no_words(json_array());
-        process_cd("cd", no_words.get());
-    }
+    process_cd("cd", {});
     read_lines();
 
     json_decref(dm);

@@ -48,7 +48,7 @@ public:
         if (line_.escaped) // in a comment, too
             keep('\\', line_.size - 1);
         line_.index = line_.words.size();
-        if (!word_.text.empty())
+        if (!word_.empty())
             line_.words.push_back(std::move(word_));
         return std::move(line_);
     }
@@ -65,19 +65,20 @@ private:
 
     void keep(char c, size_t at)
     {
-        word_.text += c;
-        word_.places.push_back(at);
+        word_ += c;
+        line_.places.push_back(at);
     }
 
     void end_word()
     {
-        if (!word_.text.empty())
+        if (!word_.empty())
             line_.words.push_back(std::exchange(word_, {}));
+        line_.places.clear();
     }
 
     const bool comments_;
     ve_words line_;
-    ve_word word_;
+    std::string word_; // the current one
 };
 
 ve_words read(std::string_view line, bool comments)
@@ -92,16 +93,13 @@ ve_words read(std::string_view line, bool comments)
 
 std::string_view ve_words::current_from(size_t place) const
 {
-    if (current().empty())
-        return {};
-    const std::vector<size_t> &places = words[index].places;
     return current().substr(std::lower_bound(places.begin(), places.end(), place) - places.begin());
 }
 
-bool ve_words::is_utf8() const
+bool ve_words_are_utf8(std::span<const std::string> words)
 {
     return std::all_of(words.begin(), words.end(),
-                       [](const ve_word &word) { return ve_string_is_utf8(word.text.c_str()); });
+                       [](const std::string &word) { return ve_string_is_utf8(word.c_str()); });
 }
 
 ve_words ve_words_read(std::string_view line)

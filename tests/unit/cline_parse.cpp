@@ -13,7 +13,6 @@ namespace
 struct parsed {
     int result = 0;
     cline_options options = {};
-    json_ref params{json_array()};
     std::vector<std::string> words;
     std::string out;
     std::string err;
@@ -25,7 +24,6 @@ struct parsed {
         for (std::string &word : words)
             argv.push_back(word.data());
         argv.push_back(nullptr);
-        options.params = params.get();
         testing::internal::CaptureStdout();
         testing::internal::CaptureStderr();
         result = cline_parse(static_cast<int>(words.size()), argv.data(), &options);
@@ -35,10 +33,13 @@ struct parsed {
 
     std::string param_list() const
     {
-        char *text = json_dumps(params.get(), JSON_COMPACT);
-        std::string list = text;
+        const json_ref list{json_array()};
+        for (const std::string &param : options.params)
+            json_array_append_new(list.get(), json_string(param.c_str()));
+        char *text = json_dumps(list.get(), JSON_COMPACT);
+        std::string shown = text;
         free(text);
-        return list;
+        return shown;
     }
     std::vector<int32_t> groups() const { return {options.groups, options.groups + options.groups_count}; }
 };

@@ -84,14 +84,14 @@ TEST(CommandTable, AliasesShareEverythingButTheirTexts)
 
 TEST(Dispatch, UnknownWordsAreNamed)
 {
-    EXPECT_EQ(printed([] { EXPECT_EQ(exec_cmd("nope", nullptr), -1); }), "nope: command not found.\n");
-    EXPECT_EQ(printed([] { EXPECT_EQ(exec_request("cd", nullptr), -1); }), "cd: unknown method.\n");
-    EXPECT_EQ(printed([] { EXPECT_EQ(exec_request("?", nullptr), -1); }), "?: unknown method.\n");
+    EXPECT_EQ(printed([] { EXPECT_EQ(exec_cmd("nope", {}), -1); }), "nope: command not found.\n");
+    EXPECT_EQ(printed([] { EXPECT_EQ(exec_request("cd", {}), -1); }), "cd: unknown method.\n");
+    EXPECT_EQ(printed([] { EXPECT_EQ(exec_request("?", {}), -1); }), "?: unknown method.\n");
 }
 
 TEST(Help, PadsEveryUsageToTheLongest)
 {
-    const std::string text = printed([] { EXPECT_EQ(process_help("help", nullptr), 0); });
+    const std::string text = printed([] { EXPECT_EQ(process_help("help", {}), 0); });
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 33);
     EXPECT_NE(
         text.find("\nset <path>=<value> [...]                                            - set parameters' values\n"

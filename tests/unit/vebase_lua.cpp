@@ -73,7 +73,7 @@ protected:
     }
 
     /// What the code prints, or "ERROR " and its error text.
-    std::string run(const std::string &code, const char *name = nullptr, const json_t *arguments = nullptr)
+    std::string run(const std::string &code, const char *name = nullptr, std::span<const std::string> arguments = {})
     {
         return ve_lua_exec(context, code.data(), code.size(), name, arguments) == 0 ? context->output
                                                                                     : "ERROR " + context->error;
@@ -134,9 +134,9 @@ TEST_F(VeLua, GivesErrorsAsTheirTextAlone)
 
 TEST_F(VeLua, PassesArguments)
 {
-    const json_ref words(json_pack("[s, s]", "one", "two"));
-    EXPECT_EQ(run("print(..., arg[0], arg[1], arg[2], #arg)", "/s.lua", words.get()), "one\t/s.lua\tone\ttwo\t2\n");
-    EXPECT_EQ(run("print(select('#', ...), select(2, ...))", "/s.lua", words.get()), "2\ttwo\n");
+    const std::string words[] = {"one", "two"};
+    EXPECT_EQ(run("print(..., arg[0], arg[1], arg[2], #arg)", "/s.lua", words), "one\t/s.lua\tone\ttwo\t2\n");
+    EXPECT_EQ(run("print(select('#', ...), select(2, ...))", "/s.lua", words), "2\ttwo\n");
     EXPECT_EQ(run("print(select('#', ...))"), "0\n");
 }
 

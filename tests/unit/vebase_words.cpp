@@ -12,10 +12,7 @@ using texts = std::vector<std::string>;
 
 texts split(std::string_view line)
 {
-    texts result;
-    for (const ve_word &word : ve_words_read(line).words)
-        result.push_back(word.text);
-    return result;
+    return ve_words_read(line).words;
 }
 
 /// The index of the word under a cursor.
@@ -76,8 +73,8 @@ TEST(Words, EmptyAndBlankLinesHaveNone)
 TEST(Words, WhatIsNoTextIsReadAndTold)
 {
     EXPECT_EQ(split("a \xff b"), (texts{"a", "\xff", "b"}));
-    EXPECT_FALSE(ve_words_read("a \xff b").is_utf8());
-    EXPECT_TRUE(ve_words_read("\xc3'\xa9' # \xff").is_utf8()) << "only words count, and only as they are read";
+    EXPECT_FALSE(ve_words_are_utf8(split("a \xff b")));
+    EXPECT_TRUE(ve_words_are_utf8(split("\xc3'\xa9' # \xff"))) << "only words count, and only as they are read";
 }
 
 TEST(Words, TheCursorStandsInTheWordAtTheEndOrInTheNext)
@@ -112,7 +109,7 @@ TEST(Words, TellWhereTheirBytesStand)
     };
     for (const auto &entry : cases) {
         const ve_words line = ve_words_read(entry.text);
-        EXPECT_EQ(line.words.back().places, entry.places) << entry.text;
+        EXPECT_EQ(line.places, entry.places) << entry.text;
         EXPECT_EQ(line.place(1), entry.places[1]) << entry.text;
         EXPECT_EQ(line.current_from(entry.places[1]), line.current().substr(1)) << entry.text;
     }

@@ -94,13 +94,8 @@ struct chunk {
     const char *text;
     size_t length;
     const char *path;
-    const json_t *arguments;
+    std::span<const std::string> arguments;
 };
-
-void push_argument(lua_State *L, const json_t *word)
-{
-    lua_pushlstring(L, json_string_value(word), json_string_length(word));
-}
 
 int run_chunk(lua_State *L)
 {
@@ -108,19 +103,19 @@ int run_chunk(lua_State *L)
     const char *name = request->path != nullptr ? lua_pushfstring(L, "@%s", request->path) : "stdin";
     if (luaL_loadbufferx(L, request->text, request->length, name, "t") != LUA_OK)
         return lua_error(L);
-    const auto count = static_cast<int>(json_array_size(request->arguments));
-    if (request->arguments != nullptr) {
+    const auto count = static_cast<int>(request->arguments.size());
+    if (request->path != nullptr) {
         luaL_checkstack(L, count + 4, "too many arguments");
         lua_createtable(L, count, 1);
         lua_pushstring(L, request->path);
         lua_rawseti(L, -2, 0);
         for (int i = 0; i < count; ++i) {
-            push_argument(L, json_array_get(request->arguments, static_cast<size_t>(i)));
+            lua_pushstring(L, request->arguments[i].c_str());
             lua_rawseti(L, -2, i + 1);
         }
         lua_setglobal(L, "arg");
-        for (int i = 0; i < count; ++i)
-            push_argument(L, json_array_get(request->arguments, static_cast<size_t>(i)));
+        for (const std::string &argument : request->arguments)
+            lua_pushstring(L, argument.c_str());
     }
     lua_call(L, count, 0);
     return 0;
@@ -231,7 +226,8 @@ ve_lua_context *ve_lua_init(int)
     return nullptr;
 }
 
-int ve_lua_exec(ve_lua_context *base, const char *text, size_t length, const char *chunk_name, const json_t *arguments)
+int ve_lua_exec(ve_lua_context *base, const char *text, size_t length, const char *chunk_name,
+                std::span<const std::string> arguments)
 {
     auto *context = static_cast<ve_lua_state *>(base);
     lua_State *L = context->state;
