@@ -5,7 +5,7 @@
 int exec_cmd(const char *word, command_args args)
 {
     const cmd_entry *entry = parse_cmd(word);
-    if (entry == nullptr || entry->id == 0) {
+    if (entry == nullptr) {
         ve_printf("%s: command not found.\n", word != nullptr ? word : "(null)");
         return -1;
     }
@@ -15,7 +15,7 @@ int exec_cmd(const char *word, command_args args)
 int exec_request(const char *word, command_args args)
 {
     const cmd_entry *entry = parse_request(word);
-    if (entry == nullptr || entry->id == 0) {
+    if (entry == nullptr) {
         ve_printf("%s: unknown method.\n", word != nullptr ? word : "(null)");
         return -1;
     }

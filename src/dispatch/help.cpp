@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "dispatch/rows.h"
+#include "dispatch/table.h"
 #include "platform/ve_colors.h"
 #include "platform/ve_out.h"
 #include "utils/colorscheme.h"

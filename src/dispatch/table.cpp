@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
 #include "commands/attributes.h"
 #include "commands/device.h"
@@ -11,76 +12,70 @@
 #include "commands/navigation.h"
 #include "commands/session.h"
 #include "commands/values.h"
-#include "dispatch/rows.h"
 #include "lua/lua_mode.h"
-#include "platform/ve_string.h"
 
 namespace
 {
 
+constexpr cmd_argument object = {argument_kind::object};
+constexpr cmd_argument node = {argument_kind::node};
+constexpr cmd_argument file = {argument_kind::file};
+constexpr cmd_argument program = {argument_kind::program};
+constexpr cmd_arguments objects = {object, object, object};
+constexpr cmd_arguments nodes = {node, node, node};
+constexpr cmd_arguments files = {file, file, file};
+
+constexpr cmd_argument any_of(const char *words, argument_kind kind = argument_kind::other)
+{
+    return {kind, words};
+}
+
 // The order is that of the help and of completion. "sh" carries the texts of "set".
 // clang-format off
-cmd_entry cmd_table[] = {
-    // name, method, id, hashes, shell handler, request handler, usage, description
-    {"add", "AddObject", 1, 0, 0, process_add, process_add, "add <path>", "add a new instance to multi-instance object"},
-    {"attr", "GetParameterAttributes", 13, 0, 0, process_info, process_get_attrs, "attr [<path1> <path2>...]", "show node's attributes"},
-    {"cd", nullptr, 4, 0, 0, process_cd, nullptr, "cd <path>", "cd to the node"},
-    {"cat", "GetParameterValues", 2, 0, 0, process_cat, process_cat, "cat [<path1> <path2>...]", "retrieve node's values"},
-    {"catree", nullptr, 3, 0, 0, process_catree, nullptr, "catree [<path1> <path2>...]", "retrieve node's values and print as tree"},
-    {"clear", nullptr, 5, 0, 0, process_clear, nullptr, "clear", "clear screen"},
-    {"color", nullptr, 6, 0, 0, process_color, nullptr, "color [<type> <hsv>]", "manage color scheme"},
-    {"del", "DeleteObject", 7, 0, 0, process_del, process_del, "del <path>", "delete instance from multi-instance object"},
-    {"download", "Download", 8, 0, 0, process_download, process_download, "download <firmware|config|file> <path_to_file> [<target_file_name>]", "download a file to CPE and immediately apply if firmware|config"},
-    {"get", "GetParameterValues", 2, 0, 0, process_cat, process_cat, "get [<path1> <path2>...]", "same as 'cat'"},
-    {"help", nullptr, 12, 0, 0, process_help, nullptr, "help", "show this message"},
-    {"info", "GetParameterAttributes", 13, 0, 0, process_info, process_get_attrs, "info <path> [<path2>...]", "same as 'attr'"},
-    {"login", nullptr, 16, 0, 0, process_login, process_login, "login [<username> [ -p <password>]]", "login as user <username> (or as $USER if empty)"},
-    {"logout", nullptr, 17, 0, 0, process_logout, process_logout, "logout", "logout"},
-    {"ls", "GetParameterNames", 18, 0, 0, process_ls, process_ls, "ls [-l] [<path1> <path2>...]", "list object's subnodes"},
-    {"lua", "lua", 19, 0, 0, process_lua, process_lua, "lua [<Lua statement>]", "run Lua script (without arguments - enter Luamode)"},
-    {"luarecord", nullptr, 20, 0, 0, process_luarecord, nullptr, "luarecord <filename>", "create lua-script from Lua session"},
-    {"opt", nullptr, 21, 0, 0, process_opt, nullptr, "opt autocomplete|hint on|off", "enable/disable shell options"},
-    {"order", "ChangeOrder", 22, 0, 0, process_order, process_order, "order <path> <num>", "assign order number to instance"},
-    {"pwd", nullptr, 23, 0, 0, process_pwd, nullptr, "pwd", "print current path"},
-    {"reboot", "Reboot", 24, 0, 0, process_reboot, process_reboot, "reboot [-f]", "reboot device (force reboot with '-f')"},
-    {"reset", "FactoryReset", 26, 0, 0, process_reset, process_reset, "reset", "reset device configuration to default"},
-    {"rm", "DeleteObject", 7, 0, 0, process_del, process_del, "rm <path>", "same as 'del'"},
-    {"save", "SaveConfig", 28, 0, 0, process_save, process_save, "save", "save device configuration in NVRAM"},
-    {"set", "SetParameterValues", 29, 0, 0, process_set, process_set, "set <path>=<value> [...]", "set parameters' values"},
-    {"record", nullptr, 25, 0, 0, process_record, nullptr, "record <filename>|abort", "create kest-script from current shell session"},
-    {"sh", nullptr, 30, 0, 0, process_shell, process_shell, "set <path>=<value> [...]", "set parameters' values"},
-    {"touch", "AddObject", 1, 0, 0, process_add, process_add, "touch <path>", "same as 'add'"},
-    {"take", nullptr, 31, 0, 0, process_take, nullptr, "take <path>", "add a new instance to multi-instace object and cd to it"},
-    {"tree", nullptr, 32, 0, 0, process_tree, nullptr, "tree [<path>]", "show node scheme in tree form"},
-    {"up", nullptr, 33, 0, 0, process_up, nullptr, "up [<levels>]", "cd to upper level node"},
-    {"upgrade", nullptr, 34, 0, 0, process_upgrade, process_upgrade, "upgrade <path_to_firmware>", "upgrade CPE firmware"},
-    {"execute", nullptr, 35, 0, 0, process_execute, process_execute, "execute <path_to_method> [<rpath1>=<value1> <rpath2>=<value2>...]", "execute method"},
+constexpr cmd_entry cmd_table[] = {
+    // name, method, shell handler, request handler, arguments, usage, description
+    {"add", "AddObject", process_add, process_add, objects, "add <path>", "add a new instance to multi-instance object"},
+    {"attr", "GetParameterAttributes", process_info, process_get_attrs, nodes, "attr [<path1> <path2>...]", "show node's attributes"},
+    {"cd", nullptr, process_cd, nullptr, objects, "cd <path>", "cd to the node"},
+    {"cat", "GetParameterValues", process_cat, process_cat, nodes, "cat [<path1> <path2>...]", "retrieve node's values"},
+    {"catree", nullptr, process_catree, nullptr, nodes, "catree [<path1> <path2>...]", "retrieve node's values and print as tree"},
+    {"clear", nullptr, process_clear, nullptr, {}, "clear", "clear screen"},
+    {"color", nullptr, process_color, nullptr, {any_of("prompt|autocomplete|hint")}, "color [<type> <hsv>]", "manage color scheme"},
+    {"del", "DeleteObject", process_del, process_del, nodes, "del <path>", "delete instance from multi-instance object"},
+    {"download", "Download", process_download, process_download, {any_of("config|file|firmware"), file}, "download <firmware|config|file> <path_to_file> [<target_file_name>]", "download a file to CPE and immediately apply if firmware|config"},
+    {"get", "GetParameterValues", process_cat, process_cat, nodes, "get [<path1> <path2>...]", "same as 'cat'"},
+    {"help", nullptr, process_help, nullptr, {}, "help", "show this message"},
+    {"info", "GetParameterAttributes", process_info, process_get_attrs, nodes, "info <path> [<path2>...]", "same as 'attr'"},
+    {"login", nullptr, process_login, process_login, {}, "login [<username> [ -p <password>]]", "login as user <username> (or as $USER if empty)"},
+    {"logout", nullptr, process_logout, process_logout, {}, "logout", "logout"},
+    {"ls", "GetParameterNames", process_ls, process_ls, nodes, "ls [-l] [<path1> <path2>...]", "list object's subnodes"},
+    {"lua", "lua", process_lua, process_lua, {}, "lua [<Lua statement>]", "run Lua script (without arguments - enter Luamode)"},
+    {"luarecord", nullptr, process_luarecord, nullptr, {any_of("abort", argument_kind::file)}, "luarecord <filename>", "create lua-script from Lua session"},
+    {"opt", nullptr, process_opt, nullptr, {any_of("autocomplete|hint"), any_of("off|on")}, "opt autocomplete|hint on|off", "enable/disable shell options"},
+    {"order", "ChangeOrder", process_order, process_order, {node}, "order <path> <num>", "assign order number to instance"},
+    {"pwd", nullptr, process_pwd, nullptr, {}, "pwd", "print current path"},
+    {"reboot", "Reboot", process_reboot, process_reboot, {}, "reboot [-f]", "reboot device (force reboot with '-f')"},
+    {"reset", "FactoryReset", process_reset, process_reset, {}, "reset", "reset device configuration to default"},
+    {"rm", "DeleteObject", process_del, process_del, nodes, "rm <path>", "same as 'del'"},
+    {"save", "SaveConfig", process_save, process_save, {}, "save", "save device configuration in NVRAM"},
+    {"set", "SetParameterValues", process_set, process_set, nodes, "set <path>=<value> [...]", "set parameters' values"},
+    {"record", nullptr, process_record, nullptr, {any_of("abort", argument_kind::file)}, "record <filename>|abort", "create kest-script from current shell session"},
+    {"sh", nullptr, process_shell, process_shell, {program, file, file}, "set <path>=<value> [...]", "set parameters' values"},
+    {"touch", "AddObject", process_add, process_add, objects, "touch <path>", "same as 'add'"},
+    {"take", nullptr, process_take, nullptr, objects, "take <path>", "add a new instance to multi-instace object and cd to it"},
+    {"tree", nullptr, process_tree, nullptr, objects, "tree [<path>]", "show node scheme in tree form"},
+    {"up", nullptr, process_up, nullptr, {}, "up [<levels>]", "cd to upper level node"},
+    {"upgrade", nullptr, process_upgrade, process_upgrade, files, "upgrade <path_to_firmware>", "upgrade CPE firmware"},
+    {"execute", nullptr, process_execute, process_execute, nodes, "execute <path_to_method> [<rpath1>=<value1> <rpath2>=<value2>...]", "execute method"},
 };
 // clang-format on
 static_assert(std::size(cmd_table) == 33);
 
-bool cmd_table_ready = false;
-
-void cmd_table_init()
+const cmd_entry *find(std::string_view word)
 {
-    for (cmd_entry &entry : cmd_table) {
-        entry.name_hash = ve_string_get_hash(entry.name);
-        entry.method_hash = ve_string_get_hash(entry.method);
-    }
-    cmd_table_ready = true;
-}
-
-const cmd_entry *find(const char *word)
-{
-    const uint32_t hash = ve_string_get_hash(word);
-    if (!cmd_table_ready)
-        cmd_table_init();
-    for (const cmd_entry &entry : cmd_table) {
-        if (entry.name_hash == hash && strcmp(entry.name, word) == 0)
+    for (const cmd_entry &entry : cmd_table)
+        if (word == entry.name || (entry.method != nullptr && word == entry.method))
             return &entry;
-        if (entry.method_hash == hash && entry.method != nullptr && strcmp(entry.method, word) == 0)
-            return &entry;
-    }
     return nullptr;
 }
 

@@ -1,23 +1,43 @@
 // The table of commands, its lookups and the two dispatchers.
 #pragma once
 
-#include <cstdint>
+#include <array>
+#include <span>
 
 #include <jansson.h>
 
 #include "commands/handler.h"
 
+/// What a word behind a command stands for, as far as completion can tell.
+enum class argument_kind {
+    other,
+    object, ///< of the data model
+    node,   ///< an object, parameter or method; behind a "=" the parameter's value
+    file,
+    program
+};
+
+struct cmd_argument {
+    argument_kind kind = argument_kind::other;
+    const char *words = ""; ///< what may stand there besides, "|" between, in the order in which it is offered
+
+    bool operator==(const cmd_argument &) const = default;
+};
+
+/// The first argument, the second, and each one behind.
+using cmd_arguments = std::array<cmd_argument, 3>;
+
 struct cmd_entry {
     const char *name;
-    const char *method; ///< the JSON-RPC method, or null
-    uint32_t id;        ///< chooses the argument completer
-    uint32_t name_hash; ///< filled at the first lookup
-    uint32_t method_hash;
+    const char *method;      ///< the JSON-RPC method, or null
     command_handler process; ///< in the shell, or null
     command_handler request; ///< in request mode, or null
+    cmd_arguments arguments;
     const char *usage;
     const char *description;
 };
+
+std::span<const cmd_entry> cmd_rows();
 
 /// The entry for a word typed in the shell, or for a request; null when there is none for that mode.
 const cmd_entry *parse_cmd(const char *word);

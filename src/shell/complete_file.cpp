@@ -96,19 +96,18 @@ completed_part complete_entry(std::string_view word, json_t *candidates, int mod
 
 } // namespace
 
-completed_part complete_file(const char *word, json_t *candidates)
+completed_part complete_file(std::string_view word, json_t *candidates)
 {
-    return complete_entry(word != nullptr ? word : "", candidates, F_OK);
+    return complete_entry(word, candidates, F_OK);
 }
 
-completed_part complete_program(const char *word, json_t *candidates)
+completed_part complete_program(std::string_view word, json_t *candidates)
 {
-    const std::string_view prefix = word != nullptr ? word : "";
-    if (prefix.find('/') != std::string_view::npos)
-        return complete_entry(prefix, candidates, X_OK);
+    if (word.find('/') != std::string_view::npos)
+        return complete_entry(word, candidates, X_OK);
     collect_programs();
-    for (auto name = std::lower_bound(programs.begin(), programs.end(), prefix);
-         name != programs.end() && name->starts_with(prefix); ++name)
+    for (auto name = std::lower_bound(programs.begin(), programs.end(), word);
+         name != programs.end() && name->starts_with(word); ++name)
         append(candidates, *name);
     return {0, true};
 }

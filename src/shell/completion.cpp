@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstring>
-#include <initializer_list>
 #include <string>
+#include <string_view>
 
 #include "dispatch/table.h"
 #include "event/request.h"
@@ -30,64 +30,33 @@ private:
     bool before_;
 };
 
-void append_keywords(std::initializer_list<const char *> keywords, const char *word, json_t *candidates)
+/// Appends those of `words` ("|" between) that begin with `word`.
+void append_words(std::string_view words, std::string_view word, json_t *candidates)
 {
-    const size_t length = word != nullptr ? strlen(word) : 0;
-    for (const char *keyword : keywords) {
-        if (length == 0 || strncmp(keyword, word, length) == 0)
-            json_array_append_new(candidates, json_string(keyword));
+    for (size_t begin = 0; begin < words.size();) {
+        const size_t end = std::min(words.find('|', begin), words.size());
+        const std::string_view each = words.substr(begin, end - begin);
+        if (each.starts_with(word))
+            json_array_append_new(candidates, json_stringn(each.data(), each.size()));
+        begin = end + 1;
     }
 }
 
-/// The arguments of the command with identifier `id`: word `index` of the line, which is `word` (null: not yet begun).
-completed_part complete_argument(uint32_t id, size_t index, const char *word, json_t *candidates)
+completed_part complete_argument(const cmd_argument &argument, const std::string &word, json_t *candidates)
 {
-    constexpr completed_part nothing = {0, false};
-    constexpr completed_part sorted_word = {0, true};
-    switch (id) {
-    case 1:  // add, touch
-    case 4:  // cd
-    case 31: // take
-    case 32: // tree
-        return complete_path(word, candidates, true);
-    case 2: // cat, get
-    case 3: // catree
-    case 7: // del, rm
-    case 9:
-    case 13: // attr, info
-    case 18: // ls
-    case 29: // set
-    case 35: // execute
-        return complete_path(word, candidates, false);
-    case 22: // order
-        return index == 1 ? complete_path(word, candidates, false) : nothing;
-    case 6: // color
-        if (index == 1)
-            append_keywords({"prompt", "autocomplete", "hint"}, word, candidates);
-        return nothing;
-    case 8: // download
-        if (index == 1)
-            append_keywords({"config", "file", "firmware"}, word, candidates);
-        return index == 2 ? complete_file(word, candidates) : sorted_word;
-    case 20: // luarecord
-    case 25: // record
-        if (index != 1)
-            return nothing;
-        append_keywords({"abort"}, word, candidates);
+    append_words(argument.words, word, candidates);
+    switch (argument.kind) {
+    case argument_kind::object:
+    case argument_kind::node:
+        return complete_path(word.c_str(), candidates, argument.kind == argument_kind::object);
+    case argument_kind::file:
         return complete_file(word, candidates);
-    case 21: // opt
-        if (index == 1)
-            append_keywords({"autocomplete", "hint"}, word, candidates);
-        else if (index == 2)
-            append_keywords({"on", "off"}, word, candidates);
-        return sorted_word;
-    case 30: // sh
-        return index < 2 ? complete_program(word, candidates) : complete_file(word, candidates);
-    case 34: // upgrade
-        return complete_file(word, candidates);
-    default:
-        return nothing;
+    case argument_kind::program:
+        return complete_program(word, candidates);
+    case argument_kind::other:
+        break;
     }
+    return {0, false};
 }
 
 /// The candidates for the word that ends `text`, in no particular order when the part says that they are to be sorted.
@@ -108,7 +77,8 @@ completed_part complete(const std::string &text, json_t *candidates)
         return part;
     {
         const no_reconnect guard;
-        part = complete_argument(command->id, line.index, word.c_str(), candidates);
+        const cmd_arguments &all = command->arguments;
+        part = complete_argument(all[std::min(line.index, all.size()) - 1], word, candidates);
     }
     // Ctrl-C while the daemon was asked: what was found so far is not all.
     if (ve_wait_interrupted())

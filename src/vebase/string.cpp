@@ -52,15 +52,6 @@ int ve_string_strtod(const char *text, double *out)
     return 0;
 }
 
-uint32_t ve_string_get_hash(const char *text)
-{
-    // FNV-1a
-    uint32_t hash = text != nullptr ? 2166136261U : 0;
-    for (; text != nullptr && *text != '\0'; ++text)
-        hash = (hash ^ static_cast<unsigned char>(*text)) * 16777619U;
-    return hash;
-}
-
 bool ve_string_is_utf8(const char *text)
 {
     const auto *at = reinterpret_cast<const unsigned char *>(text);

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/ve_json.h"
@@ -44,9 +45,9 @@ protected:
         close(fd);
     }
 
-    using completer = completed_part (*)(const char *, json_t *);
+    using completer = completed_part (*)(std::string_view, json_t *);
     /// The candidates in the order in which they are shown.
-    static std::vector<std::string> candidates(completer complete, const char *word)
+    static std::vector<std::string> candidates(completer complete, std::string_view word)
     {
         const json_ref list(json_array());
         if (complete(word, list.get()).sort)
@@ -56,8 +57,8 @@ protected:
             names.emplace_back(json_string_value(json_array_get(list.get(), i)));
         return names;
     }
-    static std::vector<std::string> files(const char *word) { return candidates(complete_file, word); }
-    static std::vector<std::string> found_programs(const char *word) { return candidates(complete_program, word); }
+    static std::vector<std::string> files(std::string_view word) { return candidates(complete_file, word); }
+    static std::vector<std::string> found_programs(std::string_view word) { return candidates(complete_program, word); }
 
     using names = std::vector<std::string>;
     std::string root_;
@@ -72,8 +73,7 @@ TEST_F(CompleteFile, ListsTheCurrentDirectoryWithoutAWord)
     mkdir("dir", 0755);
     touch("b.txt");
     touch(".hidden");
-    EXPECT_EQ(files(nullptr), (names{".hidden", "b.txt", "dir/"}));
-    EXPECT_EQ(files(""), files(nullptr));
+    EXPECT_EQ(files(""), (names{".hidden", "b.txt", "dir/"}));
     EXPECT_EQ(files("d"), names{"dir/"});
     EXPECT_EQ(files(".."), names{});
 }
@@ -113,7 +113,7 @@ TEST_F(CompleteFile, ProgramsComeFromPathOnceEach)
     setenv("PATH", "one::missing:two:one", 1);
     EXPECT_EQ(found_programs("to"), (names{"tool", "tool2", "toolbox/"}));
     EXPECT_EQ(found_programs("d"), names{});
-    EXPECT_EQ(found_programs(nullptr), (names{"tool", "tool2", "toolbox/"}));
+    EXPECT_EQ(found_programs(""), (names{"tool", "tool2", "toolbox/"}));
 }
 
 TEST_F(CompleteFile, ProgramsAreCollectedOnceUntilForgotten)

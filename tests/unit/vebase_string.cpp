@@ -35,13 +35,6 @@ TEST(VeString, RealsAreFinite)
         EXPECT_LT(ve_string_strtod(bad, &value), 0) << bad;
 }
 
-TEST(VeString, HashAcceptsAnAbsentText)
-{
-    EXPECT_EQ(ve_string_get_hash(nullptr), 0U);
-    EXPECT_EQ(ve_string_get_hash("ls"), ve_string_get_hash("ls"));
-    EXPECT_NE(ve_string_get_hash("ls"), ve_string_get_hash("sl"));
-}
-
 TEST(VeString, Utf8IsChecked)
 {
     for (const char *good : {"", "abc", "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80"})
