@@ -139,6 +139,7 @@ def test_listening_without_a_daemon_ends(kest, tmp_path):
 def test_an_event_stands_above_the_line_that_is_being_typed(shell, fake):
     fake.serve(MODEL)
     term = shell("-g", "12", to=fake)
+    term.run("opt hint off")  # the line is looked at as it was typed
     term.type("cat Dev")
     term.wait_for("kest:> cat Dev")
     fake.event(12, {"n": 1})
