@@ -12,61 +12,62 @@ struct reply_node {
     reply_node *next;
 };
 
-std::mutex queue_lock; // guards what follows; never held across a wait
-reply_node *queue_head = nullptr;
-reply_node **queue_tail = &queue_head;
-const json_t *wanted_id = nullptr;
+/// What came for the one who waits. Written by both threads.
+struct reply_queue {
+    std::mutex lock; ///< guards what follows; never held across a wait
+    reply_node *head = nullptr;
+    reply_node **tail = &head;
+    const json_t *wanted = nullptr; ///< id of the answers that are kept, borrowed; null for none
 
-void clear_queue()
-{
-    while (queue_head != nullptr) {
-        reply_node *const node = queue_head;
-        queue_head = node->next;
-        ve_jrpcmsg_free(node->message);
+    ve_jrpcmsg *take()
+    {
+        reply_node *const node = head;
+        if (node == nullptr)
+            return nullptr;
+        head = node->next;
+        if (head == nullptr)
+            tail = &head;
+        ve_jrpcmsg *const message = node->message;
         free(node);
+        return message;
     }
-    queue_tail = &queue_head;
-}
+    /// Starts anew, for answers with that id.
+    void want(const json_t *id)
+    {
+        const std::scoped_lock held(lock);
+        while (ve_jrpcmsg *const message = take())
+            ve_jrpcmsg_free(message);
+        wanted = id;
+    }
+} queue;
 
 } // namespace
 
 replies_wanted::replies_wanted(const json_t *id)
 {
-    const std::scoped_lock lock(queue_lock);
-    clear_queue();
-    wanted_id = id;
+    queue.want(id);
 }
 
 replies_wanted::~replies_wanted()
 {
-    const std::scoped_lock lock(queue_lock);
-    clear_queue();
-    wanted_id = nullptr;
+    queue.want(nullptr);
 }
 
 ve_jrpcmsg *replies_wanted::take()
 {
-    const std::scoped_lock lock(queue_lock);
-    reply_node *const node = queue_head;
-    if (node == nullptr)
-        return nullptr;
-    queue_head = node->next;
-    if (queue_head == nullptr)
-        queue_tail = &queue_head;
-    ve_jrpcmsg *const message = node->message;
-    free(node);
-    return message;
+    const std::scoped_lock lock(queue.lock);
+    return queue.take();
 }
 
 void replies_put(ve_jrpcmsg *answer)
 {
-    const std::scoped_lock lock(queue_lock);
-    if (wanted_id == nullptr || json_equal(wanted_id, ve_jrpcmsg_id(answer)) == 0) {
+    const std::scoped_lock lock(queue.lock);
+    if (queue.wanted == nullptr || json_equal(queue.wanted, ve_jrpcmsg_id(answer)) == 0) {
         ve_jrpcmsg_free(answer);
         return;
     }
     auto *const node = static_cast<reply_node *>(ve_xmalloc(sizeof(reply_node), "group_msg_enc", __LINE__, "listener"));
     *node = {.message = answer, .next = nullptr};
-    *queue_tail = node;
-    queue_tail = &node->next;
+    *queue.tail = node;
+    queue.tail = &node->next;
 }

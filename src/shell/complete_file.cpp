@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -21,9 +22,8 @@ struct dir_closer {
 };
 using dir_ptr = std::unique_ptr<DIR, dir_closer>;
 
-// The programs in PATH, sorted and each once. Written when the first completion of a line asks.
-std::vector<std::string> programs;
-bool programs_collected = false;
+// The programs in PATH, sorted and each once. Read when the first completion of a line asks.
+std::optional<std::vector<std::string>> programs;
 
 bool is_directory(int dir_fd, const dirent *entry)
 {
@@ -65,17 +65,14 @@ template <class Add> void list_directory(const char *path, std::string_view pref
 
 void collect_programs()
 {
-    if (programs_collected)
-        return;
-    programs_collected = true;
-    programs.clear();
+    std::vector<std::string> &names = programs.emplace();
     const char *list = getenv("PATH");
     std::string path = list != nullptr ? list : "";
     char *rest = nullptr;
     for (char *piece = strtok_r(path.data(), ":", &rest); piece != nullptr; piece = strtok_r(nullptr, ":", &rest))
-        list_directory(piece, "", X_OK, [](std::string name) { programs.push_back(std::move(name)); });
-    std::sort(programs.begin(), programs.end());
-    programs.erase(std::unique(programs.begin(), programs.end()), programs.end());
+        list_directory(piece, "", X_OK, [&names](std::string name) { names.push_back(std::move(name)); });
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
 }
 
 /// A name that is no text has no JSON form and is left out.
@@ -105,14 +102,15 @@ completed_part complete_program(std::string_view word, json_t *candidates)
 {
     if (word.find('/') != std::string_view::npos)
         return complete_entry(word, candidates, X_OK);
-    collect_programs();
-    for (auto name = std::lower_bound(programs.begin(), programs.end(), word);
-         name != programs.end() && name->starts_with(word); ++name)
+    if (!programs)
+        collect_programs();
+    for (auto name = std::lower_bound(programs->begin(), programs->end(), word);
+         name != programs->end() && name->starts_with(word); ++name)
         append(candidates, *name);
     return {0, true};
 }
 
 void complete_program_forget()
 {
-    programs_collected = false;
+    programs.reset();
 }

@@ -111,8 +111,3 @@ char *shell_hint(const char *line)
     const size_t typed = text.size() - begin;
     return strncmp(candidate, line + begin, typed) == 0 ? strdup(candidate + typed) : nullptr;
 }
-
-void completion_begin_line()
-{
-    complete_program_forget();
-}

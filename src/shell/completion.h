@@ -8,6 +8,3 @@
 void shell_autocomplete(const char *line, size_t cursor, json_t *candidates);
 /// What Tab would insert behind the end of `line`: a newly allocated text, or null.
 char *shell_hint(const char *line);
-
-/// A new line is about to be read: what was collected for the last one (the programs in PATH) is collected anew.
-void completion_begin_line();

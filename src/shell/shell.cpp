@@ -18,7 +18,7 @@
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 #include "platform/ve_words.h"
-#include "shell/completion.h"
+#include "shell/completers.h"
 #include "shell/history_expand.h"
 #include "state/editor.h"
 #include "state/interrupt.h"
@@ -118,7 +118,7 @@ void read_lines()
 {
     std::string text;
     while (is_running()) {
-        completion_begin_line();
+        complete_program_forget(); // new ones may be there
         const text_ptr line(ve_rl(prompt_get(), -1));
         if (ve_rl_ctrld_is_pressed())
             return;
