@@ -74,7 +74,6 @@ void open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *g
     ve_jrpcapi_set_timeout(group, group_timeout_ms);
     for (ve_jrpcapi *ctx : both)
         ve_jrpcapi_connect(ctx);
-    ve_confapi_set_ctx(request);
     ve_jrpcapi_set_flags(group, ve_jrpcapi_get_flags(request) | ve_jrpcapi_flag_events);
     join_group(group, instance_group);
     for (uint32_t i = 0; i < options.groups_count; i++)

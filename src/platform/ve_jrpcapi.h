@@ -63,7 +63,3 @@ int ve_jrpcapi_get_socket_err(const ve_jrpcapi *ctx);
 ve_socket *ve_jrpcapi_socket(const ve_jrpcapi *ctx);
 /// The 32 hex digits under which both links of this process join groups; drawn once.
 const char *ve_jrpcapi_session();
-
-/// The context that the library's own users (Lua bindings) fall back on. Borrowed.
-void ve_confapi_set_ctx(ve_jrpcapi *ctx);
-ve_jrpcapi *ve_confapi_ctx();

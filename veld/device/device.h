@@ -37,7 +37,6 @@ public:
     fault replace_configuration(const json_t *document);
     /// Says what is coming and goes down: at once, or after a moment in which clients hear of it.
     void reboot(const char *action, bool force);
-    bool is_up() const { return up_; }
 
 private:
     void go_down();

@@ -47,7 +47,6 @@ struct place {
     const scheme *what = nullptr;
 
     explicit operator bool() const { return what != nullptr; }
-    bool is_argument() const { return what->argument && what->kind != node_kind::method; }
 };
 
 /// Where live values come from. Both return new references; null when there is nothing to tell.

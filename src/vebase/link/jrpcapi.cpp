@@ -21,8 +21,6 @@ constexpr int code_too_large = 9004;
 // Events kept while an exchange waits; a flood of them must not fill the memory.
 constexpr size_t early_max = 1024;
 
-ve_jrpcapi *confapi_ctx = nullptr;
-
 /// Ends an exchange without an answer. Always returns -1.
 int fail(ve_jrpcapi *ctx, ve_jrpcmsg *message, int error)
 {
@@ -154,8 +152,6 @@ void ve_jrpcapi_deinit(ve_jrpcapi *ctx)
     ve_jrpcapi_disconnect(ctx);
     if (const int fd = ctx->wake_fd.load(); fd >= 0)
         close(fd);
-    if (confapi_ctx == ctx)
-        confapi_ctx = nullptr;
     delete ctx;
 }
 
@@ -356,14 +352,4 @@ const char *ve_jrpcapi_session()
             snprintf(digits + 2 * i, 3, "%02x", bytes[i]);
     }
     return digits;
-}
-
-void ve_confapi_set_ctx(ve_jrpcapi *ctx)
-{
-    confapi_ctx = ctx;
-}
-
-ve_jrpcapi *ve_confapi_ctx()
-{
-    return confapi_ctx;
 }
