@@ -114,7 +114,7 @@ int process_login(const char *name, command_args args)
 
 int process_logout(const char *name, command_args args)
 {
-    if (args.size() > 0)
+    if (!args.empty())
         return syntax(name, "");
     const int result = msg_logout();
     if (result == 0)

@@ -102,7 +102,7 @@ int print_values(const char *name, const char *path_text, bool tree)
 
 int print_each(const char *name, command_args args, bool tree)
 {
-    if (args.size() == 0)
+    if (args.empty())
         print_values(name, ".", tree);
     for (const std::string &word : args)
         print_values(name, word.c_str(), tree);

@@ -161,7 +161,7 @@ int lua_mode_run()
 
 int process_lua(const char *, command_args args)
 {
-    if (args.size() == 0)
+    if (args.empty())
         return lua_mode_run();
     std::string text;
     for (const std::string &word : args)
