@@ -12,11 +12,12 @@ void ve_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void ve_puts(const char *text);
 /// Dropped while Ctrl-C is noted (ve_wait_interrupted), as what the functions above print is.
 void ve_out_write(const char *data, size_t size);
-/// Writes out what is buffered. Returns 0, or -1 when the output is gone (what was buffered is then dropped).
-/// A wait point.
+/// Writes out what is buffered. Returns 0, or -1 when the output is gone or Ctrl-C came (what was buffered is then
+/// dropped). A wait point.
 int ve_out_flush();
-/// Flushes when much is buffered: called once a row by what prints long lists. A wait point.
-void ve_out_relieve();
+/// Flushes when much is buffered: called once a row by what prints long lists, which ends when it returns -1 (nobody
+/// will see more). Else it returns 0. A wait point.
+int ve_out_relieve();
 /// When Ctrl-C ends a command: drops what is buffered, but for the rest of a line whose beginning was written.
 void ve_out_land();
 /// True when descriptor 1 is a terminal. Asked once; ve_out_reopened() says that the descriptor was replaced.

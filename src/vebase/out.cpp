@@ -22,49 +22,7 @@ namespace
 constexpr size_t flush_size = size_t{64} << 10;
 // A pipe that polls writable takes this much without blocking.
 constexpr size_t piece_size = 4096;
-
-std::string buffer;                // not yet written
-size_t written = 0;                // bytes of the buffer that are out already
-std::atomic<bool> mid_line{false}; // the last byte written was no line feed
-bool gone = false;                 // the reader went away
-int terminal = -1;                 // isatty(1), or -1 when not yet asked
-bool row_unknown = false;          // another program wrote to the terminal
 constexpr size_t unfinished_size = 4096;
-// The end of what was written since the last line feed; behind write_lock. Never destroyed: a thread may still write
-// while the program exits.
-std::string &unfinished = *new std::string;
-// Keeps a piece of the buffer and a direct text apart. Never held across a wait point.
-std::mutex write_lock;
-bool own_tried = false; // behind write_lock
-int own_fd = -1;        // behind write_lock: the terminal, opened once more
-
-/// The descriptor to write to. With write_lock held. A terminal that polls writable still blocks a write until it has
-/// taken all of it. Only a descriptor of our own can be made non-blocking: the flag of the inherited one is
-/// everybody's.
-int output_fd()
-{
-    if (!own_tried) {
-        own_tried = true;
-        if (isatty(STDOUT_FILENO) != 0)
-            own_fd = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    }
-    return own_fd >= 0 ? own_fd : STDOUT_FILENO;
-}
-
-/// Notes that `data` was written. With write_lock held.
-void note_written(const char *data, size_t size)
-{
-    mid_line = data[size - 1] != '\n';
-    const void *feed = memrchr(data, '\n', size);
-    if (feed != nullptr) {
-        const char *rest = static_cast<const char *>(feed) + 1;
-        unfinished.assign(rest, static_cast<size_t>(data + size - rest));
-    } else {
-        unfinished.append(data, size);
-    }
-    if (unfinished.size() > 2 * unfinished_size)
-        unfinished.erase(0, unfinished.size() - unfinished_size);
-}
 
 /// Whether a row holds more than escape sequences and control characters.
 bool shows_something(std::string_view row)
@@ -79,185 +37,296 @@ bool shows_something(std::string_view row)
     return false;
 }
 
-/// Writes `data` to the output whole. With write_lock held. False when the output is gone.
-bool write_whole(const char *data, size_t size)
+/// What the program writes to descriptor 1, and the row that the cursor is left in. The buffer is the main thread's;
+/// the descriptor and the row are everybody's, behind the lock.
+class terminal_output
 {
-    while (size > 0) {
-        const ssize_t count = write(output_fd(), data, size);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0 && errno == EAGAIN) {
-            pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-            poll(&out, 1, 1000);
-            continue;
-        }
-        if (count < 0)
-            return false;
-        data += count;
-        size -= static_cast<size_t>(count);
+public:
+    // The buffer: main thread only.
+    void append(const char *data, size_t size)
+    {
+        if (!is_closed())
+            buffer_.append(data, size);
     }
-    return true;
-}
-
-/// One write of a piece that ends with a line where it can, so that another thread's text falls between lines.
-ssize_t write_piece()
-{
-    const char *start = buffer.data() + written;
-    size_t size = buffer.size() - written;
-    if (size > piece_size) {
-        const void *feed = memrchr(start, '\n', piece_size);
-        size = feed != nullptr ? static_cast<size_t>(static_cast<const char *>(feed) - start) + 1 : piece_size;
+    void format(const char *format, va_list args);
+    int flush();
+    int relieve() { return buffer_.size() >= flush_size ? flush() : ve_wait_interrupted() ? -1 : 0; }
+    void land();
+    bool mid_line();
+    bool is_terminal()
+    {
+        if (terminal_ < 0)
+            terminal_ = isatty(STDOUT_FILENO);
+        return terminal_ == 1;
     }
-    const std::scoped_lock lock(write_lock);
-    const ssize_t count = write(output_fd(), start, size);
-    if (count > 0)
-        note_written(start, static_cast<size_t>(count));
-    return count;
-}
+    void reopened();
 
-void drop()
+    // The descriptor and the row: any thread.
+    enum class row { written, drawn, whole };
+    /// Writes `data` whole: text that becomes part of the row, a drawing that leaves the row what it was, or whole
+    /// rows.
+    void write_now(std::string_view data, row how);
+    std::string unfinished_row();
+    void end_row();
+
+private:
+    /// What is printed now is lost: the reader is gone, or Ctrl-C has ended what prints.
+    bool is_closed() const { return gone_ || ve_wait_interrupted(); }
+    void drop()
+    {
+        buffer_.clear();
+        written_ = 0;
+    }
+    std::string_view piece() const;
+    ssize_t write_piece(std::string_view data);
+    int descriptor();
+    bool write_whole(std::string_view data);
+    void note(std::string_view data);
+
+    std::string buffer_; // not yet written
+    size_t written_ = 0; // bytes of the buffer that are out already
+    bool gone_ = false;  // the reader went away
+    int terminal_ = -1;  // isatty(1), or -1 when not yet asked
+
+    std::mutex lock_;        // never held across a wait point
+    std::string unfinished_; // the end of what was written since the last line feed
+    bool own_tried_ = false;
+    int own_fd_ = -1; // the terminal, opened once more
+};
+
+void terminal_output::format(const char *format, va_list args)
 {
-    buffer.clear();
-    written = 0;
-}
-
-} // namespace
-
-void ve_out_write(const char *data, size_t size)
-{
-    if (gone || ve_wait_interrupted())
+    if (is_closed())
         return;
-    buffer.append(data, size);
-}
-
-void ve_out_relieve()
-{
-    if (buffer.size() >= flush_size)
-        ve_out_flush();
-}
-
-void ve_puts(const char *text)
-{
-    ve_out_write(text, strlen(text));
-    ve_out_write("\n", 1);
-}
-
-void ve_printf(const char *format, ...)
-{
     char text[1024];
-    va_list args;
     va_list again;
-    va_start(args, format);
     va_copy(again, args);
     const int size = vsnprintf(text, sizeof text, format, args);
     if (size >= 0 && static_cast<size_t>(size) < sizeof text) {
-        ve_out_write(text, static_cast<size_t>(size));
-    } else if (size >= 0 && !gone && !ve_wait_interrupted()) {
-        const size_t before = buffer.size();
-        buffer.resize(before + static_cast<size_t>(size) + 1);
-        vsnprintf(buffer.data() + before, static_cast<size_t>(size) + 1, format, again);
-        buffer.resize(before + static_cast<size_t>(size));
+        buffer_.append(text, static_cast<size_t>(size));
+    } else if (size >= 0) {
+        const size_t before = buffer_.size();
+        buffer_.resize(before + static_cast<size_t>(size) + 1);
+        vsnprintf(buffer_.data() + before, static_cast<size_t>(size) + 1, format, again);
+        buffer_.resize(before + static_cast<size_t>(size));
     }
     va_end(again);
-    va_end(args);
 }
 
-int ve_out_flush()
+/// What to write next: ends with a line where it can, so that another thread's text falls between lines.
+std::string_view terminal_output::piece() const
 {
-    while (written < buffer.size()) {
+    const auto rest = std::string_view(buffer_).substr(written_);
+    const size_t feed = rest.size() > piece_size ? rest.rfind('\n', piece_size - 1) : std::string_view::npos;
+    return rest.substr(0, feed != std::string_view::npos ? feed + 1 : piece_size);
+}
+
+int terminal_output::flush()
+{
+    while (written_ < buffer_.size()) {
         // A reader that keeps up never lets the wait below begin, which is where Ctrl-C is delivered.
-        if (written > 0)
+        if (written_ > 0)
             ve_wait_checkpoint();
         pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
         if (ve_wait_poll(&out, 1, -1) < 0) {
-            ve_out_land();
+            land();
             return -1;
         }
-        const ssize_t count = write_piece();
+        const ssize_t count = write_piece(piece());
         if (count >= 0) {
-            written += static_cast<size_t>(count);
+            written_ += static_cast<size_t>(count);
         } else if (errno != EINTR && errno != EAGAIN) {
-            gone = errno == EPIPE || errno == EBADF || errno == EIO;
+            gone_ = errno == EPIPE || errno == EBADF || errno == EIO;
             drop();
             return -1;
         }
     }
     drop();
-    return 0;
+    return ve_wait_interrupted() ? -1 : 0;
+}
+
+void terminal_output::land()
+{
+    const size_t feed =
+        written_ > 0 && buffer_[written_ - 1] != '\n' ? buffer_.find('\n', written_) : std::string::npos;
+    pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+    // A terminal that was stopped stays stopped: the line is then given up.
+    if (feed != std::string::npos && poll(&out, 1, 20) > 0)
+        write_piece(std::string_view(buffer_).substr(written_, feed + 1 - written_));
+    drop();
+}
+
+bool terminal_output::mid_line()
+{
+    if (!buffer_.empty())
+        return buffer_.back() != '\n';
+    const std::scoped_lock lock(lock_);
+    return !unfinished_.empty();
+}
+
+void terminal_output::reopened()
+{
+    const std::scoped_lock lock(lock_);
+    if (own_fd_ >= 0)
+        close(own_fd_);
+    own_fd_ = -1;
+    own_tried_ = false;
+    terminal_ = -1;
+    gone_ = false;
+}
+
+void terminal_output::write_now(std::string_view data, row how)
+{
+    const bool on_terminal = how == row::whole && isatty(STDOUT_FILENO) != 0;
+    const std::scoped_lock lock(lock_);
+    if (on_terminal && shows_something(unfinished_) && write_whole("\n"))
+        note("\n");
+    if (write_whole(data) && how != row::drawn)
+        note(data);
+}
+
+std::string terminal_output::unfinished_row()
+{
+    const std::scoped_lock lock(lock_);
+    return unfinished_;
+}
+
+void terminal_output::end_row()
+{
+    const std::scoped_lock lock(lock_);
+    unfinished_.clear();
+}
+
+/// One write, at a time when nobody else writes. As write(2).
+ssize_t terminal_output::write_piece(std::string_view data)
+{
+    const std::scoped_lock lock(lock_);
+    const ssize_t count = write(descriptor(), data.data(), data.size());
+    if (count > 0)
+        note(data.substr(0, static_cast<size_t>(count)));
+    return count;
+}
+
+/// The descriptor to write to. With the lock held. A terminal that polls writable still blocks a write until it has
+/// taken all of it. Only a descriptor of our own can be made non-blocking: the flag of the inherited one is
+/// everybody's.
+int terminal_output::descriptor()
+{
+    if (!own_tried_) {
+        own_tried_ = true;
+        if (isatty(STDOUT_FILENO) != 0)
+            own_fd_ = open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    }
+    return own_fd_ >= 0 ? own_fd_ : STDOUT_FILENO;
+}
+
+/// With the lock held. False when the output is gone.
+bool terminal_output::write_whole(std::string_view data)
+{
+    while (!data.empty()) {
+        const ssize_t count = write(descriptor(), data.data(), data.size());
+        if (count < 0 && errno == EAGAIN) {
+            pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+            poll(&out, 1, 1000);
+        } else if (count < 0 && errno != EINTR) {
+            return false;
+        }
+        data.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
+    }
+    return true;
+}
+
+/// The row after `data` was written. With the lock held.
+void terminal_output::note(std::string_view data)
+{
+    const size_t feed = data.rfind('\n');
+    if (feed != std::string_view::npos)
+        unfinished_.assign(data.substr(feed + 1));
+    else
+        unfinished_.append(data);
+    if (unfinished_.size() > 2 * unfinished_size)
+        unfinished_.erase(0, unfinished_.size() - unfinished_size);
+}
+
+// Never destroyed: a thread may still write while the program exits.
+terminal_output &output = *new terminal_output;
+bool row_unknown = false; // another program wrote to the terminal; main thread only
+
+} // namespace
+
+void ve_out_write(const char *data, size_t size)
+{
+    output.append(data, size);
+}
+
+int ve_out_relieve()
+{
+    return output.relieve();
+}
+
+void ve_puts(const char *text)
+{
+    output.append(text, strlen(text));
+    output.append("\n", 1);
+}
+
+void ve_printf(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    output.format(format, args);
+    va_end(args);
+}
+
+int ve_out_flush()
+{
+    return output.flush();
 }
 
 void ve_out_land()
 {
-    if (mid_line && written > 0) {
-        const size_t feed = buffer.find('\n', written);
-        pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-        // A terminal that was stopped stays stopped: the line is then given up.
-        if (feed != std::string::npos && poll(&out, 1, 20) > 0) {
-            const std::scoped_lock lock(write_lock);
-            const ssize_t count = write(output_fd(), buffer.data() + written, feed + 1 - written);
-            if (count > 0)
-                note_written(buffer.data() + written, static_cast<size_t>(count));
-        }
-    }
-    drop();
+    output.land();
 }
 
 bool ve_out_is_terminal()
 {
-    if (terminal < 0)
-        terminal = isatty(STDOUT_FILENO);
-    return terminal == 1;
+    return output.is_terminal();
 }
 
 void ve_out_reopened()
 {
-    const std::scoped_lock lock(write_lock);
-    if (own_fd >= 0)
-        close(own_fd);
-    own_fd = -1;
-    own_tried = false;
-    terminal = -1;
-    gone = false;
+    output.reopened();
 }
 
 bool ve_out_mid_line()
 {
-    return buffer.empty() ? mid_line.load() : buffer.back() != '\n';
+    return output.mid_line();
 }
 
 void ve_out_direct(const char *data, size_t size)
 {
-    const std::scoped_lock lock(write_lock);
-    if (size > 0 && write_whole(data, size))
-        note_written(data, size);
+    output.write_now({data, size}, terminal_output::row::written);
 }
 
 void ve_out_direct_rows(const char *data, size_t size)
 {
-    const bool on_terminal = isatty(STDOUT_FILENO) != 0;
-    const std::scoped_lock lock(write_lock);
-    if (on_terminal && shows_something(unfinished) && write_whole("\n", 1))
-        note_written("\n", 1);
-    if (size > 0 && write_whole(data, size))
-        note_written(data, size);
+    output.write_now({data, size}, terminal_output::row::whole);
 }
 
 std::string ve_out_unfinished_row()
 {
-    const std::scoped_lock lock(write_lock);
-    return unfinished;
+    return output.unfinished_row();
 }
 
 void ve_out_draw(const char *data, size_t size)
 {
-    const std::scoped_lock lock(write_lock);
-    write_whole(data, size);
+    output.write_now({data, size}, terminal_output::row::drawn);
 }
 
 void ve_out_row_unknown()
 {
     row_unknown = true;
-    ve_out_row_ended();
+    output.end_row();
 }
 
 bool ve_out_take_row_unknown()
@@ -267,9 +336,7 @@ bool ve_out_take_row_unknown()
 
 void ve_out_row_ended()
 {
-    const std::scoped_lock lock(write_lock);
-    mid_line = false;
-    unfinished.clear();
+    output.end_row();
 }
 
 namespace
