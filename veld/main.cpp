@@ -25,7 +25,7 @@ namespace
 {
 
 // Signals arrive as bytes on a descriptor, in the loop like everything else.
-owned_fd signals()
+fd_owner signals()
 {
     sigset_t set;
     sigemptyset(&set);
@@ -33,7 +33,7 @@ owned_fd signals()
         sigaddset(&set, number);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    return owned_fd(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    return fd_owner(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 void signal_arrived(loop *events, int fd)
@@ -88,7 +88,7 @@ int main(int argc, char **argv)
 
     raise_descriptor_limit();
     loop events;
-    const owned_fd signal_fd = signals();
+    const fd_owner signal_fd = signals();
     events.watch(signal_fd.get(), EPOLLIN, [&](uint32_t) { signal_arrived(&events, signal_fd.get()); });
 
     state_store store;

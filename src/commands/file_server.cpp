@@ -2,13 +2,13 @@
 
 #include <arpa/inet.h>
 #include <atomic>
-#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
 #include <netinet/in.h>
-#include <pthread.h>
 
+#include "base/clock.h"
+#include "base/thread.h"
 #include "event/listener.h"
 #include "platform/ve_fs.h"
 #include "platform/ve_out.h"
@@ -142,7 +142,7 @@ bool file_transfer::accept_daemon()
 {
     const int64_t deadline = ve_wait_deadline(connection_ms);
     while (!cancelled_) {
-        const int64_t left = deadline - ve_wait_deadline(0);
+        const int64_t left = deadline - monotonic_ms();
         if (left <= 0) {
             say("Waiting timeout, abort.\n");
             return false;
@@ -178,36 +178,17 @@ void file_transfer::serve()
 namespace
 {
 
-void *server_thread(void *argument)
-{
-    auto *handed_over = static_cast<std::shared_ptr<file_transfer> *>(argument);
-    (*handed_over)->serve();
-    delete handed_over;
-    --transfers_under_way;
-    return nullptr;
-}
-
-/// Starts the thread, detached and deaf to signals.
 bool start_thread(std::shared_ptr<file_transfer> transfer)
 {
-    auto *handed_over = new std::shared_ptr<file_transfer>(std::move(transfer));
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    pthread_t thread;
     ++transfers_under_way;
-    const int failed = pthread_create(&thread, &attributes, server_thread, handed_over);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    pthread_attr_destroy(&attributes);
-    if (failed != 0) {
+    const bool started = thread_start(0, [transfer = std::move(transfer)]() mutable {
+        transfer->serve();
+        transfer.reset();
         --transfers_under_way;
-        delete handed_over;
-    }
-    return failed == 0;
+    });
+    if (!started)
+        --transfers_under_way;
+    return started;
 }
 
 } // namespace

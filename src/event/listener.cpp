@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "base/thread.h"
 #include "event/replies.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
@@ -105,8 +106,13 @@ void link_dropped()
     ve_rl_write_control_char(pipe_fds[1], ve_rl_stop);
 }
 
-void *event_thread(void *)
+void event_thread()
 {
+    // Who prints for nobody ends.
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
     while (running != 0) {
         msg_ref message(ve_jrpcapi_recv(group_ctx));
         if (!message) {
@@ -127,7 +133,6 @@ void *event_thread(void *)
             print_event(message.get());
         }
     }
-    return nullptr;
 }
 
 void close_pipe()
@@ -170,15 +175,8 @@ int start_event_handler(ve_jrpcapi *request, ve_jrpcapi *group)
     running = 1;
     if (pipe2(pipe_fds, O_CLOEXEC | O_NONBLOCK) == 0)
         ve_rl_set_control_fd(pipe_fds[0]);
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    sigdelset(&all, SIGPIPE); // who prints for nobody ends
-    pthread_sigmask(SIG_BLOCK, &all, &before);
-    const int result = pthread_create(&thread_id, nullptr, event_thread, nullptr);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    started = result == 0;
-    return result;
+    started = thread_start_joinable(&thread_id, 0, event_thread);
+    return started ? 0 : -1;
 }
 
 void stop_event_handler()

@@ -2,14 +2,12 @@
 #include "event/reconnect.h"
 
 #include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <ctime>
-#include <memory>
 #include <mutex>
-#include <pthread.h>
 #include <string>
 
+#include "base/thread.h"
 #include "event/request.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
@@ -37,21 +35,15 @@ struct reconnect_scope {
     ~reconnect_scope() { under_way = false; }
 };
 
-struct spinner {
-    std::string text;
-    unsigned number;
-};
-
-void *reconnect_progress(void *argument)
+void reconnect_progress(const std::string &text, unsigned number)
 {
-    const std::unique_ptr<spinner> self(static_cast<spinner *>(argument));
     for (;;) {
         const timespec pause{.tv_sec = 0, .tv_nsec = spinner_pause_ns};
         nanosleep(&pause, nullptr);
         const std::scoped_lock lock(draw_lock);
-        if (active_spinner != self->number)
-            return nullptr;
-        ve_rl_draw_circle_progress(self->text.c_str());
+        if (active_spinner != number)
+            return;
+        ve_rl_draw_circle_progress(text.c_str());
     }
 }
 
@@ -63,20 +55,9 @@ void spinner_start(const char *text)
         ++last_number;
     ve_rl_draw_circle_progress(text);
     active_spinner = last_number;
-    auto *const self = new spinner{.text = text, .number = last_number};
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, spinner_stack_size);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_sigmask(SIG_BLOCK, &all, &before);
-    pthread_t thread;
-    if (pthread_create(&thread, &attributes, reconnect_progress, self) != 0)
-        delete self;
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    pthread_attr_destroy(&attributes);
+    // Without a thread the first picture stays.
+    (void)thread_start(spinner_stack_size,
+                       [text = std::string(text), number = last_number] { reconnect_progress(text, number); });
 }
 
 /// Returns once the spinner draws no more, after Ctrl-C once it draws no picture but the one under way. A wait point.

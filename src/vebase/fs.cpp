@@ -9,8 +9,9 @@
 
 #include <md5.h>
 
+#include "base/fd.h"
+#include "base/hex.h"
 #include "platform/ve_wait.h"
-#include "vebase/fd.h"
 
 namespace
 {
@@ -89,13 +90,7 @@ int ve_md5_calculate_from_file(const char *path, unsigned char digest[16])
 
 std::string ve_md5_to_str(const unsigned char digest[16])
 {
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string text;
-    for (int i = 0; i < 16; ++i) {
-        text += digits[digest[i] >> 4];
-        text += digits[digest[i] & 15];
-    }
-    return text;
+    return hex_of(digest, 16);
 }
 
 int ve_url_parse(const char *text)

@@ -5,8 +5,9 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
-#include <ctime>
 #include <pthread.h>
+
+#include "base/clock.h"
 
 namespace
 {
@@ -25,19 +26,12 @@ bool on_main_thread()
     return initialised && pthread_equal(pthread_self(), main_thread) != 0;
 }
 
-int64_t now_ms()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
-}
-
 /// One ppoll; `deadline` as in ve_wait_poll. -1 with errno as ppoll sets it.
 int poll_once(pollfd *fds, unsigned count, int64_t deadline, const sigset_t *mask)
 {
     if (deadline < 0)
         return ppoll(fds, count, nullptr, mask);
-    const int64_t left = std::max<int64_t>(deadline - now_ms(), 0);
+    const int64_t left = std::max<int64_t>(deadline - monotonic_ms(), 0);
     const timespec time{.tv_sec = static_cast<time_t>(left / 1000),
                         .tv_nsec = static_cast<long>(left % 1000) * 1000000};
     return ppoll(fds, count, &time, mask);
@@ -58,7 +52,7 @@ void ve_wait_init()
 
 int64_t ve_wait_deadline(int timeout_ms)
 {
-    return timeout_ms < 0 ? -1 : now_ms() + timeout_ms;
+    return timeout_ms < 0 ? -1 : monotonic_ms() + timeout_ms;
 }
 
 int ve_wait_poll(pollfd *fds, unsigned count, int64_t deadline)

@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "vebase/wire/framing.h"
+#include "base/framing.h"
 
 static std::vector<std::string> lines(const char *data, size_t size, size_t chunk)
 {
-    ve_wire_reader reader;
+    wire_reader reader;
     std::vector<std::string> result;
     while (size > 0) {
         size_t room;
@@ -21,9 +21,9 @@ static std::vector<std::string> lines(const char *data, size_t size, size_t chun
         data += count;
         size -= count;
         std::string_view line;
-        while (reader.next(&line) == ve_wire_reader::state::line) {
+        while (reader.next(&line) == wire_reader::state::line) {
             result.emplace_back(line);
-            json_decref(ve_wire_decode(line));
+            json_decref(wire_decode(line));
         }
     }
     return result;

@@ -1,13 +1,13 @@
 // Any JSON object as a message: read whole, shown again, used as an answer.
 #include <cstdint>
 
+#include "base/framing.h"
 #include "platform/ve_jrpcmsg.h"
 #include "platform/ve_json.h"
-#include "vebase/wire/framing.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const json_ref json{ve_wire_decode({reinterpret_cast<const char *>(data), size})};
+    const json_ref json{wire_decode({reinterpret_cast<const char *>(data), size})};
     if (!json)
         return 0;
     const msg_ref message{ve_jrpcmsg_parse_json(json.get())};

@@ -16,11 +16,11 @@
 #include <thread>
 #include <vector>
 
+#include "base/framing.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
-#include "vebase/wire/framing.h"
 
 class scripted_daemon
 {
@@ -96,7 +96,7 @@ private:
 
     void talk(int link)
     {
-        ve_wire_reader reader;
+        wire_reader reader;
         while (wait_for(link)) {
             size_t room;
             char *place = reader.prepare(&room);
@@ -105,7 +105,7 @@ private:
                 return;
             reader.commit(static_cast<size_t>(count));
             std::string_view line;
-            while (reader.next(&line) == ve_wire_reader::state::line)
+            while (reader.next(&line) == wire_reader::state::line)
                 if (!answer(link, json_ref(json_loadb(line.data(), line.size(), 0, nullptr))))
                     return;
         }

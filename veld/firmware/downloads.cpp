@@ -1,5 +1,6 @@
 #include "veld/firmware/downloads.h"
 
+#include "base/hex.h"
 #include "veld/base/json_text.h"
 #include "veld/base/log.h"
 

@@ -58,7 +58,7 @@ private:
     std::unique_ptr<name_lookup> lookup_;
     std::vector<host_address> addresses_;
     size_t next_address_ = 0;
-    owned_fd fd_;
+    fd_owner fd_;
     int watched_ = -1;
     loop::timer_id timer_ = 0;
     std::string request_;    // what is still to be sent

@@ -1,5 +1,6 @@
 #include "veld/firmware/flash.h"
 
+#include "base/clock.h"
 #include "veld/base/log.h"
 
 #include <algorithm>
@@ -64,13 +65,13 @@ void flasher::begin(const image_header &image, std::function<void()> finished)
     LOG_INFO("flashes %s", image.version.c_str());
     image_ = image;
     finished_ = std::move(finished);
-    started_ = loop::now();
+    started_ = monotonic_ms();
     step();
 }
 
 void flasher::step()
 {
-    const int64_t passed = loop::now() - started_;
+    const int64_t passed = monotonic_ms() - started_;
     const int64_t percent = flash_ms_ > 0 ? std::min<int64_t>(passed * 100 / flash_ms_, 100) : 100;
     const bool failed = image_.failure != 0 && percent >= failing_percent;
     if (percent < 100 && !failed) {

@@ -6,35 +6,13 @@
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <sys/file.h>
-#include <sys/random.h>
 #include <sys/stat.h>
+
+#include "base/file.h"
+#include "base/hex.h"
 
 namespace veld
 {
-
-namespace
-{
-
-std::string hex(const unsigned char *bytes, size_t count)
-{
-    static constexpr char digits[] = "0123456789abcdef";
-    std::string out;
-    for (size_t i = 0; i < count; ++i) {
-        out += digits[bytes[i] >> 4];
-        out += digits[bytes[i] & 15];
-    }
-    return out;
-}
-
-} // namespace
-
-std::string random_hex(size_t bytes)
-{
-    unsigned char random[64];
-    if (bytes > sizeof random || getrandom(random, bytes, 0) != static_cast<ssize_t>(bytes))
-        return {};
-    return hex(random, bytes);
-}
 
 namespace
 {
@@ -52,7 +30,7 @@ void spool::sweep(const std::string &directory)
         if (!std::string_view(entry->d_name).starts_with(unfinished))
             continue;
         // One that is locked is on its way to another daemon that stores into the same directory.
-        const owned_fd fd(openat(dirfd(entries), entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        const fd_owner fd(openat(dirfd(entries), entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
         if (fd && flock(fd.get(), LOCK_EX | LOCK_NB) == 0)
             unlinkat(dirfd(entries), entry->d_name, 0);
     }
@@ -96,15 +74,9 @@ bool spool::append(std::string_view bytes)
         return false;
     }
     EVP_DigestUpdate(digest_, bytes.data(), bytes.size());
-    while (!bytes.empty()) {
-        const ssize_t count = write(fd_.get(), bytes.data(), bytes.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return fail("the file cannot be stored");
-        bytes.remove_prefix(static_cast<size_t>(count));
-        size_ += static_cast<uint64_t>(count);
-    }
+    if (!write_all(fd_.get(), bytes))
+        return fail("the file cannot be stored");
+    size_ += bytes.size();
     return true;
 }
 
@@ -114,7 +86,7 @@ std::string spool::md5()
     unsigned int size = 0;
     if (EVP_DigestFinal_ex(digest_, digest, &size) != 1)
         return {};
-    return hex(digest, size);
+    return hex_of(digest, size);
 }
 
 std::string spool::first_line(size_t most) const
@@ -128,17 +100,10 @@ std::string spool::first_line(size_t most) const
 
 std::string spool::content() const
 {
-    std::string text(size_, '\0');
-    size_t have = 0;
-    while (have < text.size()) {
-        const ssize_t count = pread(fd_.get(), text.data() + have, text.size() - have, static_cast<off_t>(have));
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            break;
-        have += static_cast<size_t>(count);
-    }
-    text.resize(have);
+    std::string text;
+    // A part of it is refused as what it is, no whole document.
+    lseek(fd_.get(), 0, SEEK_SET);
+    [[maybe_unused]] const bool whole = read_all(fd_.get(), size_, &text);
     return text;
 }
 

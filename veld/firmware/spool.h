@@ -1,7 +1,7 @@
 // A file that is being received: bytes in, a checksum and a file out.
 #pragma once
 
-#include "veld/base/owned_fd.h"
+#include "base/fd.h"
 
 #include <cstdint>
 #include <string>
@@ -44,7 +44,7 @@ public:
 private:
     bool fail(const std::string &what);
 
-    owned_fd fd_;
+    fd_owner fd_;
     std::string directory_;
     std::string path_;
     std::string error_;
@@ -52,8 +52,5 @@ private:
     uint64_t size_ = 0;
     evp_md_ctx_st *digest_ = nullptr;
 };
-
-/// `bytes` random bytes as hex digits; empty when the system has no randomness to give.
-std::string random_hex(size_t bytes);
 
 } // namespace veld

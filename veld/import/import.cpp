@@ -1,6 +1,7 @@
 #include "veld/import/import.h"
 
-#include "veld/base/owned_fd.h"
+#include "base/fd.h"
+#include "base/file.h"
 #include "veld/import/data_model.h"
 #include "veld/import/types.h"
 #include "veld/model/scheme.h"
@@ -248,39 +249,15 @@ json_ref builder::build()
     return document;
 }
 
-bool write_all(int fd, std::string_view text)
-{
-    while (!text.empty()) {
-        ssize_t written = write(fd, text.data(), text.size());
-        if (written < 0 && errno != EINTR)
-            return false;
-        text.remove_prefix(written > 0 ? size_t(written) : 0);
-    }
-    return true;
-}
-
 // Either the whole file is there afterwards, or what was there before.
 bool write_file(const std::string &path, std::string_view text)
 {
     struct stat st;
     if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) { // a pipe, a terminal, /dev/null
-        owned_fd direct(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+        fd_owner direct(open(path.c_str(), O_WRONLY | O_CLOEXEC));
         return direct && write_all(direct.get(), text);
     }
-    std::string temporary = path + ".XXXXXX";
-    owned_fd file(mkostemp(temporary.data(), O_CLOEXEC));
-    if (!file)
-        return false;
-    mode_t mask = umask(0);
-    umask(mask);
-    bool done = fchmod(file.get(), 0666 & ~mask) == 0 && write_all(file.get(), text) && fsync(file.get()) == 0 &&
-                rename(temporary.c_str(), path.c_str()) == 0;
-    if (!done) {
-        int why = errno;
-        unlink(temporary.c_str());
-        errno = why;
-    }
-    return done;
+    return replace_file(path, text, {.durable = true});
 }
 
 } // namespace

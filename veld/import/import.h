@@ -1,7 +1,7 @@
 // `veld --import`: a Broadband Forum data-model XML document becomes a model document.
 #pragma once
 
-#include "platform/ve_json.h"
+#include "base/json_ref.h"
 
 #include <string>
 

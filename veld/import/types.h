@@ -1,7 +1,7 @@
 // From the declared types of a data model to what a parameter of the model document says.
 #pragma once
 
-#include "platform/ve_json.h"
+#include "base/json_ref.h"
 #include "veld/import/data_model.h"
 
 #include <string>

@@ -1,7 +1,7 @@
 // The XML of a data model, read as a stream of elements.
 #include "veld/import/data_model.h"
 
-#include "veld/base/owned_fd.h"
+#include "base/fd.h"
 
 #include <expat.h>
 #include <fcntl.h>
@@ -318,7 +318,7 @@ void reader::end()
 
 bool reader::read(const char *path)
 {
-    owned_fd file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    fd_owner file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!file) {
         *error_ = strerror(errno);
         return false;

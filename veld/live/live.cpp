@@ -1,9 +1,9 @@
 #include "veld/live/live.h"
 
-#include "platform/ve_json.h"
+#include "base/clock.h"
+#include "base/json_ref.h"
 #include "veld/live/providers.h"
 
-#include <ctime>
 #include <iterator>
 #include <string>
 #include <unordered_set>
@@ -53,13 +53,6 @@ constexpr int64_t snapshot_lifetime_ms = 200;
 snapshot value_snapshots[std::size(values)];
 snapshot table_snapshots[std::size(tables)];
 
-int64_t now_ms()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
 template <size_t count> size_t find_provider(const provider (&list)[count], std::string_view name)
 {
     size_t i = 0;
@@ -100,7 +93,7 @@ json_t *live_value(std::string_view name)
     if (i == std::size(values))
         return nullptr;
     snapshot &last = value_snapshots[i];
-    if (int64_t now = now_ms(); !fresh(last, now)) {
+    if (int64_t now = monotonic_ms(); !fresh(last, now)) {
         last.content.reset(values[i].read());
         last.taken = now;
     }
@@ -113,7 +106,7 @@ json_t *live_rows(std::string_view name)
     if (i == std::size(tables))
         return nullptr;
     snapshot &last = table_snapshots[i];
-    if (int64_t now = now_ms(); !fresh(last, now)) {
+    if (int64_t now = monotonic_ms(); !fresh(last, now)) {
         last.content.reset(tables[i].read());
         last.taken = now;
         separate_keys(last.content.get());

@@ -1,4 +1,5 @@
 // The network: interfaces with their addresses and counters, neighbours, name servers, routes, sockets.
+#include "base/clock.h"
 #include "veld/live/providers.h"
 
 #include <arpa/inet.h>
@@ -13,7 +14,6 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <ctime>
 #include <map>
 #include <vector>
 
@@ -163,15 +163,14 @@ int64_t last_change_of(const interface &of, std::string_view status)
 {
     struct seen {
         std::string status;
-        time_t since;
+        int64_t since;
     };
     static std::map<std::string, seen, std::less<>> known;
-    timespec now;
-    clock_gettime(CLOCK_BOOTTIME, &now);
+    const int64_t now = uptime_s();
     seen &last = known[of.name];
     if (last.status != status)
-        last = {std::string(status), now.tv_sec};
-    return now.tv_sec - last.since;
+        last = {std::string(status), now};
+    return now - last.since;
 }
 
 int64_t mtu_of(const interface &of)

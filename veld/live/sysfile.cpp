@@ -1,5 +1,8 @@
 #include "veld/live/sysfile.h"
 
+#include "base/fd.h"
+#include "base/file.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,22 +16,10 @@ namespace veld
 std::string read_sysfile(const char *path, size_t limit)
 {
     std::string text;
-    int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0)
-        return text;
+    const fd_owner fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat st;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-        char chunk[16384];
-        while (text.size() < limit) {
-            ssize_t got = read(fd, chunk, std::min(sizeof chunk, limit - text.size()));
-            if (got < 0 && errno == EINTR)
-                continue;
-            if (got <= 0)
-                break;
-            text.append(chunk, size_t(got));
-        }
-    }
-    close(fd);
+    if (fd && fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode))
+        (void)!read_all(fd.get(), limit, &text);
     return text;
 }
 

@@ -1,4 +1,5 @@
 // The machine itself: time, memory, load, processors, processes.
+#include "base/clock.h"
 #include "veld/live/providers.h"
 
 #include <sys/statvfs.h>
@@ -10,17 +11,13 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <ctime>
 
 namespace veld
 {
 
 json_t *live_uptime()
 {
-    timespec now;
-    if (clock_gettime(CLOCK_BOOTTIME, &now) != 0)
-        return nullptr;
-    return json_integer(now.tv_sec);
+    return json_integer(uptime_s());
 }
 
 json_t *live_hostname()

@@ -1,4 +1,5 @@
 // IPPing: echo requests over an unprivileged ICMP socket.
+#include "base/clock.h"
 #include "veld/methods/job.h"
 #include "veld/methods/name_lookup.h"
 
@@ -61,7 +62,7 @@ private:
     phase phase_ = phase::start;
     std::unique_ptr<name_lookup> lookup_;
     host_address target_;
-    owned_fd socket_;
+    fd_owner socket_;
     std::vector<char> packet_;
     int64_t sent_at_ = 0;
     bool waiting_ = false; // for the answer to the request sent last
@@ -85,7 +86,7 @@ void ipping::proceed()
                 return finish("Error_CannotResolveHostName");
             target_ = found[0];
             open_socket();
-        } else if (job_clock_us() - sent_at_ >= lookup_limit_ms * 1000) {
+        } else if (monotonic_us() - sent_at_ >= lookup_limit_ms * 1000) {
             finish("Error_CannotResolveHostName");
         }
         return;
@@ -103,7 +104,7 @@ void ipping::find_host()
     if (!lookup_)
         return fail(9004, "too many name look-ups are under way");
     phase_ = phase::lookup;
-    sent_at_ = job_clock_us();
+    sent_at_ = monotonic_us();
     watch(lookup_->fd(), EPOLLIN);
     wake_in(lookup_limit_ms);
 }
@@ -145,7 +146,7 @@ void ipping::open_socket()
 // Sends the next request as soon as it may go, or ends the call after the last one.
 void ipping::next()
 {
-    int64_t now = job_clock_us();
+    int64_t now = monotonic_us();
     if (waiting_ && now - sent_at_ < timeout_ms * 1000)
         return wake_in((timeout_ms * 1000 - (now - sent_at_) + 999) / 1000);
     if (waiting_)
@@ -165,7 +166,7 @@ void ipping::send_request()
     header.sequence = htons(uint16_t(sent_));
     memcpy(packet_.data(), &header, sizeof header);
     waiting_ = true;
-    sent_at_ = job_clock_us();
+    sent_at_ = monotonic_us();
     // A report on an earlier request makes the next send fail, once; that is no verdict on this one.
     for (int attempt = 0; attempt < 2; attempt++) {
         ssize_t sent = sendto(socket_.get(), packet_.data(), packet_.size(), MSG_NOSIGNAL,
@@ -202,7 +203,7 @@ void ipping::take_reply(const char *bytes, size_t size)
         memcmp(bytes + sizeof header, packet_.data() + sizeof header, block_size) != 0)
         return; // a late answer, or somebody else's
     waiting_ = false;
-    times_us_.push_back(job_clock_us() - sent_at_);
+    times_us_.push_back(monotonic_us() - sent_at_);
 }
 
 // Routers and the own kernel report what cannot be delivered; the message that it happened to comes with it.

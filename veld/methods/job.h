@@ -27,9 +27,6 @@ struct method_call {
 std::unique_ptr<method_job> make_ipping(const method_call &call);
 std::unique_ptr<method_job> make_nslookup(const method_call &call);
 
-/// Microseconds on a clock that only goes forward.
-int64_t job_clock_us();
-
 /// Appends one output argument; takes over `value`.
 void add_output(json_t *list, const std::string &name, json_t *value);
 

@@ -1,12 +1,12 @@
 #include "veld/methods/methods.h"
 
+#include "base/clock.h"
 #include "veld/methods/job.h"
 
 #include <sys/epoll.h>
 #include <sys/timerfd.h>
 
 #include <algorithm>
-#include <ctime>
 #include <iterator>
 #include <utility>
 
@@ -39,13 +39,6 @@ const implementation *find_implementation(std::string_view name)
 }
 
 } // namespace
-
-int64_t job_clock_us()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-}
 
 void add_output(json_t *list, const std::string &name, json_t *value)
 {
@@ -94,7 +87,7 @@ std::unique_ptr<method_job> method_call::refuse(const char *argument, const std:
 
 method_job::method_job()
     : waits_(epoll_create1(EPOLL_CLOEXEC)), timer_(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)),
-      deadline_(job_clock_us() + longest_job_us)
+      deadline_(monotonic_us() + longest_job_us)
 {
     jobs++;
     if (usable())
@@ -121,7 +114,7 @@ void method_job::unwatch(int fd)
 
 void method_job::wake_in(int64_t milliseconds)
 {
-    int64_t left = std::min(milliseconds * 1000, deadline_ - job_clock_us());
+    int64_t left = std::min(milliseconds * 1000, deadline_ - monotonic_us());
     left = std::max<int64_t>(left, 1); // nothing would stop the timer
     itimerspec at = {};
     at.it_value.tv_sec = left / 1000000;
@@ -135,7 +128,7 @@ bool method_job::step()
     epoll_event events[16];
     epoll_wait(waits_.get(), events, std::size(events), 0);
     uint64_t expirations;
-    if (read(timer_.get(), &expirations, sizeof expirations) > 0 && job_clock_us() >= deadline_ && !ended_)
+    if (read(timer_.get(), &expirations, sizeof expirations) > 0 && monotonic_us() >= deadline_ && !ended_)
         fail(9002, "the method took too long");
     if (!ended_)
         proceed();

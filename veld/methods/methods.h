@@ -2,8 +2,8 @@
 // and it ends by itself within a bounded time.
 #pragma once
 
-#include "platform/ve_json.h"
-#include "veld/base/owned_fd.h"
+#include "base/fd.h"
+#include "base/json_ref.h"
 
 #include <cstdint>
 #include <functional>
@@ -56,9 +56,9 @@ private:
                                                     method_outcome *);
     bool usable() const { return waits_ && timer_; }
 
-    owned_fd waits_;
-    owned_fd timer_;
-    int64_t deadline_; // on the clock of job_clock_us()
+    fd_owner waits_;
+    fd_owner timer_;
+    int64_t deadline_; // on the clock of monotonic_us()
     bool ended_ = false;
     method_outcome outcome_;
 };

@@ -5,12 +5,11 @@
 #include <netinet/in.h>
 #include <sys/eventfd.h>
 
-#include <pthread.h>
-#include <signal.h>
-
 #include <atomic>
 #include <cstring>
 #include <utility>
+
+#include "base/thread.h"
 
 namespace veld
 {
@@ -73,21 +72,18 @@ bool parse_address(const std::string &text, int family, host_address *address)
 struct name_lookup::shared {
     std::string host;
     int family;
-    owned_fd done;
+    fd_owner done;
     std::atomic<bool> ended{false};
     std::vector<host_address> found; // the thread's until `ended`, then nobody writes it
 };
 
-void *name_lookup::run(void *state)
+void name_lookup::run(std::shared_ptr<shared> of)
 {
-    std::unique_ptr<std::shared_ptr<shared>> own(static_cast<std::shared_ptr<shared> *>(state));
-    shared &of = **own;
-    of.found = resolve(of.host, of.family, 0);
-    of.ended = true;
-    eventfd_write(of.done.get(), 1);
-    own.reset();
+    of->found = resolve(of->host, of->family, 0);
+    of->ended = true;
+    eventfd_write(of->done.get(), 1);
+    of.reset();
     lookups--;
-    return nullptr;
 }
 
 std::unique_ptr<name_lookup> name_lookup::start(const std::string &host, int family)
@@ -101,26 +97,11 @@ std::unique_ptr<name_lookup> name_lookup::start(const std::string &host, int fam
     if (!state->done)
         return nullptr;
 
-    // The thread takes no signals: they are the daemon's.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    pthread_attr_setstacksize(&attributes, size_t{512} << 10);
-    auto handed = std::make_unique<std::shared_ptr<shared>>(state);
-    pthread_t thread;
     lookups++;
-    bool started = pthread_create(&thread, &attributes, run, handed.get()) == 0;
-    pthread_attr_destroy(&attributes);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (!started) {
+    if (!thread_start(size_t{512} << 10, [state]() mutable { run(std::move(state)); })) {
         lookups--;
         return nullptr;
     }
-    (void)handed.release(); // the thread's now
     return std::unique_ptr<name_lookup>(new name_lookup(std::move(state)));
 }
 

@@ -1,7 +1,7 @@
 // Finding the address of a host without waiting for it: the system's own resolver, in a thread of its own.
 #pragma once
 
-#include "veld/base/owned_fd.h"
+#include "base/fd.h"
 
 #include <sys/socket.h>
 
@@ -42,7 +42,7 @@ public:
 private:
     struct shared;
     explicit name_lookup(std::shared_ptr<shared> state);
-    static void *run(void *state);
+    static void run(std::shared_ptr<shared> of);
 
     std::shared_ptr<shared> state_;
 };

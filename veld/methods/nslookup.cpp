@@ -1,4 +1,5 @@
 // NSLookup: asks name servers over UDP, and over TCP for what UDP cut off.
+#include "base/clock.h"
 #include "veld/live/live.h"
 #include "veld/live/sysfile.h"
 #include "veld/methods/dns_message.h"
@@ -31,7 +32,7 @@ struct question {
     std::vector<unsigned char> bytes;
     std::optional<dns_answer> answer;
     bool over_tcp = false;
-    owned_fd stream; // while it is asked again over TCP
+    fd_owner stream; // while it is asked again over TCP
     size_t written = 0;
     std::vector<unsigned char> collected; // what came over the stream
 };
@@ -72,7 +73,7 @@ private:
 
     phase phase_ = phase::start;
     std::unique_ptr<name_lookup> lookup_;
-    owned_fd socket_;
+    fd_owner socket_;
     std::vector<question> questions_;
     size_t server_ = 0; // the one that is being asked
     int64_t asked_at_ = 0;
@@ -99,7 +100,7 @@ void nslookup::proceed()
                 return finish("Error_DNSServerNotResolved");
             phase_ = phase::ask;
             start_round();
-        } else if (job_clock_us() - asked_at_ >= lookup_limit_ms * 1000) {
+        } else if (monotonic_us() - asked_at_ >= lookup_limit_ms * 1000) {
             finish("Error_DNSServerNotResolved");
         }
         return;
@@ -120,7 +121,7 @@ void nslookup::begin()
     if (!lookup_)
         return fail(9004, "too many name look-ups are under way");
     phase_ = phase::lookup;
-    asked_at_ = job_clock_us();
+    asked_at_ = monotonic_us();
     watch(lookup_->fd(), EPOLLIN);
     wake_in(lookup_limit_ms);
 }
@@ -149,7 +150,7 @@ void nslookup::ask_server()
             return fail(9002, "no random numbers on this machine");
         each.bytes = dns_query(each.id, asked_name, type);
     }
-    asked_at_ = job_clock_us();
+    asked_at_ = monotonic_us();
     repeated_ = false;
     socket_.reset(socket(target.bytes.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (socket_ && !interface.empty() &&
@@ -197,7 +198,7 @@ void nslookup::receive()
     if (all_answered())
         return judge();
 
-    int64_t waited_ms = (job_clock_us() - asked_at_) / 1000;
+    int64_t waited_ms = (monotonic_us() - asked_at_) / 1000;
     if (waited_ms >= share_ms())
         return try_next_server("Error_Timeout");
     if (waited_ms >= share_ms() / 2 && !repeated_) {
@@ -287,7 +288,7 @@ void nslookup::try_next_server(const char *verdict)
 // All answers of one server are there.
 void nslookup::judge()
 {
-    int64_t time_ms = (job_clock_us() - asked_at_ + 500) / 1000;
+    int64_t time_ms = (monotonic_us() - asked_at_ + 500) / 1000;
     std::string host;
     std::string addresses;
     bool authoritative = true;

@@ -1,7 +1,7 @@
 // Salted password hashes, as crypt(3) makes them.
 #pragma once
 
-#include "platform/ve_json.h"
+#include "base/json_ref.h"
 
 #include <string>
 #include <string_view>

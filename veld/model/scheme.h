@@ -1,7 +1,7 @@
 // What the model says about its nodes: made once from the model document, shared by every instance.
 #pragma once
 
-#include "platform/ve_json.h"
+#include "base/json_ref.h"
 #include "veld/model/pattern.h"
 
 #include <cstdint>

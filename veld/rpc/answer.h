@@ -17,7 +17,7 @@ template <class Write> void service::answer_written(const ticket &to, Write writ
 {
     std::string line = "{\"jsonrpc\":\"2.0\",\"id\":" + to.id + ",\"result\":";
     // One byte is left for the brace that ends the message.
-    if (const fault problem = write(answer_text{&line, ve_wire_line_max - 1})) {
+    if (const fault problem = write(answer_text{&line, wire_line_max - 1})) {
         answer_fault(to, problem);
         return;
     }

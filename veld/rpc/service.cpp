@@ -90,7 +90,7 @@ void service::line_received(connection &from, std::string_view line)
         from.close();
         return;
     }
-    json_ref message{ve_wire_decode(line)};
+    json_ref message{wire_decode(line)};
     if (!message) {
         LOG_WARNING("%s: sends what is no message", from.peer().c_str());
         from.close();
@@ -168,11 +168,11 @@ void service::answer_fault(const ticket &to, const fault &why)
     std::string line = "{\"jsonrpc\":\"2.0\",\"id\":" + to.id + ",\"error\":{\"code\":" + std::to_string(why.code);
     line += ",\"message\":";
     json_text_string(&line, why.message);
-    if (!why.data.empty() && line.size() + why.data.size() < ve_wire_line_max - 16)
+    if (!why.data.empty() && line.size() + why.data.size() < wire_line_max - 16)
         line += ",\"data\":" + why.data;
     line += "}}\n";
     // A request can be so long that what is wrong with it does not fit into a message.
-    if (line.size() > ve_wire_line_max)
+    if (line.size() > wire_line_max)
         line = "{\"jsonrpc\":\"2.0\",\"id\":" + to.id + ",\"error\":{\"code\":" + std::to_string(why.code) +
                ",\"message\":\"\"}}\n";
     send_to(to, std::move(line));
@@ -186,7 +186,7 @@ void service::deliver(int64_t group, json_t *value, role least)
         json_text_value(&line, value);
     }
     line += "}}\n";
-    if (line.size() > ve_wire_line_max + 1)
+    if (line.size() > wire_line_max + 1)
         return;
     std::vector<uint64_t> hearing;
     sessions_.each_in_group(group, [&](uint64_t hears, const std::vector<uint64_t> &members) {

@@ -1,3 +1,4 @@
+#include "base/clock.h"
 #include "veld/base/log.h"
 #include "veld/rpc/answer.h"
 #include "veld/rpc/service.h"
@@ -41,7 +42,7 @@ void service::try_password(const ticket &to, const std::string &user, const std:
     if (asking == nullptr)
         return;
     const std::string peer = asking->link->peer();
-    const int64_t now = loop::now();
+    const int64_t now = monotonic_ms();
     const int64_t when = guard_.earliest(user, peer, now);
     if (when > now) {
         loop_.after(when - now, [this, to, user, password] { try_password(to, user, password); });

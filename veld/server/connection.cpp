@@ -1,5 +1,6 @@
 #include "veld/server/connection.h"
 
+#include "base/clock.h"
 #include "veld/base/log.h"
 
 #include <algorithm>
@@ -145,19 +146,19 @@ bool connection::take_input(size_t bytes)
 
 void connection::take_lines()
 {
-    const int64_t started = loop::now();
+    const int64_t started = monotonic_ms();
     for (int i = 0; !blocked() && !over_; ++i) {
-        if (i == lines_at_once || (i > 0 && loop::now() - started >= time_at_once_ms)) {
+        if (i == lines_at_once || (i > 0 && monotonic_ms() - started >= time_at_once_ms)) {
             resume_later();
             return;
         }
         std::string_view line;
-        const ve_wire_reader::state state = reader_.next(&line);
+        const wire_reader::state state = reader_.next(&line);
         if (!reader_.pending())
             account_input(0);
-        if (state == ve_wire_reader::state::more)
+        if (state == wire_reader::state::more)
             return;
-        if (state == ve_wire_reader::state::too_long) {
+        if (state == wire_reader::state::too_long) {
             LOG_WARNING("%s: a line over the limit", peer_.c_str());
             close();
             return;
@@ -209,7 +210,7 @@ void connection::send(std::string message)
 {
     if (over_)
         return;
-    queued_answers_ = std::min(queued_answers_ + message.size(), 2 * ve_wire_line_max);
+    queued_answers_ = std::min(queued_answers_ + message.size(), 2 * wire_line_max);
     enqueue(std::move(message));
 }
 

@@ -1,7 +1,7 @@
 // One client's link: cuts lines out of what arrives, queues what goes out, and stays within bounds.
 #pragma once
 
-#include "vebase/wire/framing.h"
+#include "base/framing.h"
 #include "veld/server/loop.h"
 #include "veld/server/transport.h"
 
@@ -100,7 +100,7 @@ private:
     std::optional<peer_identity> identity_;
     connection_owner &owner_;
     held_memory &memory_;
-    ve_wire_reader reader_;
+    wire_reader reader_;
     std::deque<std::string> output_;
     size_t unfinished_ = 0;     // bytes of input that no line has been taken from yet
     size_t written_ = 0;        // of the first queued message

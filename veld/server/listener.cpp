@@ -33,7 +33,7 @@ std::string because(const std::string &what)
 // True when nobody listens on the socket file any more.
 bool is_stale(const sockaddr_un &address)
 {
-    const owned_fd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    const fd_owner probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!probe)
         return false;
     return connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 &&
@@ -186,7 +186,7 @@ void listener::arrived()
     for (int i = 0; i < accepts_at_once && fd_; ++i) {
         sockaddr_storage address{};
         socklen_t size = sizeof address;
-        owned_fd fd(accept4(fd_.get(), reinterpret_cast<sockaddr *>(&address), &size, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        fd_owner fd(accept4(fd_.get(), reinterpret_cast<sockaddr *>(&address), &size, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!fd && (errno == EMFILE || errno == ENFILE)) {
             LOG_WARNING("no descriptors left: a client is turned away");
             reserve_.reset();

@@ -1,7 +1,7 @@
 // The sockets on which clients arrive.
 #pragma once
 
-#include "veld/base/owned_fd.h"
+#include "base/fd.h"
 #include "veld/server/connection.h"
 
 #include <functional>
@@ -13,7 +13,7 @@ namespace veld
 
 /// What a newly accepted client brings.
 struct arrival {
-    owned_fd fd;
+    fd_owner fd;
     std::string peer;
     std::optional<peer_identity> identity;
 };
@@ -45,8 +45,8 @@ private:
     loop &loop_;
     std::string address_;
     accept_handler call_;
-    owned_fd fd_;
-    owned_fd reserve_; // given up for a moment when descriptors run out, so that clients can be turned away
+    fd_owner fd_;
+    fd_owner reserve_; // given up for a moment when descriptors run out, so that clients can be turned away
     bool bound_ = false;
     uint64_t device_ = 0; // of the socket file that is ours
     uint64_t inode_ = 0;

@@ -1,5 +1,6 @@
 #include "veld/server/loop.h"
 
+#include "base/clock.h"
 #include "veld/base/log.h"
 
 #include <algorithm>
@@ -7,7 +8,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
-#include <ctime>
 #include <sys/epoll.h>
 
 namespace veld
@@ -31,13 +31,6 @@ loop::loop() : epoll_(epoll_create1(EPOLL_CLOEXEC))
         LOG_ERROR("epoll: %m");
         exit(EXIT_FAILURE);
     }
-}
-
-int64_t loop::now()
-{
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<int64_t>(time.tv_sec) * 1000 + time.tv_nsec / 1000000;
 }
 
 void loop::watch(int fd, uint32_t events, fd_handler call)
@@ -71,7 +64,7 @@ void loop::forget(int fd)
 loop::timer_id loop::after(int64_t milliseconds, handler call)
 {
     const timer_id id = next_timer_++;
-    const int64_t due = now() + std::max<int64_t>(milliseconds, 0);
+    const int64_t due = monotonic_ms() + std::max<int64_t>(milliseconds, 0);
     timers_.emplace(std::pair{due, id}, std::move(call));
     due_[id] = due;
     return id;
@@ -97,12 +90,12 @@ int loop::wait_time() const
         return 0;
     if (timers_.empty())
         return -1;
-    return static_cast<int>(std::clamp<int64_t>(timers_.begin()->first.first - now(), 0, INT_MAX));
+    return static_cast<int>(std::clamp<int64_t>(timers_.begin()->first.first - monotonic_ms(), 0, INT_MAX));
 }
 
 void loop::run_timers()
 {
-    const int64_t time = now();
+    const int64_t time = monotonic_ms();
     while (!timers_.empty() && timers_.begin()->first.first <= time && !stopped_) {
         const auto first = timers_.begin();
         const handler call = std::move(first->second);

@@ -1,7 +1,7 @@
 // The daemon's one wait: descriptors and timers, all handled on the main thread.
 #pragma once
 
-#include "veld/base/owned_fd.h"
+#include "base/fd.h"
 
 #include <cstdint>
 #include <functional>
@@ -38,9 +38,6 @@ public:
     void run();
     void stop() { stopped_ = true; }
 
-    /// Milliseconds of the monotonic clock.
-    static int64_t now();
-
 private:
     struct watched {
         uint32_t generation;
@@ -50,7 +47,7 @@ private:
     int wait_time() const;
     void run_timers();
 
-    owned_fd epoll_;
+    fd_owner epoll_;
     bool stopped_ = false;
     uint32_t generation_ = 0;
     timer_id next_timer_ = 1;

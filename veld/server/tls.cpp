@@ -30,7 +30,7 @@ int no_passphrase(char *, int, int, void *)
 class tls_transport : public transport
 {
 public:
-    tls_transport(owned_fd fd, SSL *session) : transport(std::move(fd)), session_(session) {}
+    tls_transport(fd_owner fd, SSL *session) : transport(std::move(fd)), session_(session) {}
     ~tls_transport() override
     {
         // The peer learns that the end is the end; it is not waited for.
@@ -126,7 +126,7 @@ tls_identity::~tls_identity()
     SSL_CTX_free(context_);
 }
 
-std::unique_ptr<transport> tls_identity::accept(owned_fd fd) const
+std::unique_ptr<transport> tls_identity::accept(fd_owner fd) const
 {
     SSL *session = SSL_new(context_);
     if (session == nullptr || SSL_set_fd(session, fd.get()) != 1) {

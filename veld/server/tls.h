@@ -23,7 +23,7 @@ public:
     ~tls_identity();
 
     /// A link that begins with the handshake.
-    std::unique_ptr<transport> accept(owned_fd fd) const;
+    std::unique_ptr<transport> accept(fd_owner fd) const;
 
 private:
     explicit tls_identity(ssl_ctx_st *context) : context_(context) {}

@@ -1,7 +1,7 @@
 // The bytes of one connection: plain, or through TLS.
 #pragma once
 
-#include "veld/base/owned_fd.h"
+#include "base/fd.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -27,7 +27,7 @@ struct io_result {
 class transport
 {
 public:
-    explicit transport(owned_fd fd) : fd_(static_cast<owned_fd &&>(fd)) {}
+    explicit transport(fd_owner fd) : fd_(static_cast<fd_owner &&>(fd)) {}
     transport(const transport &) = delete;
     transport &operator=(const transport &) = delete;
     virtual ~transport() = default;
@@ -41,7 +41,7 @@ public:
     virtual bool holds_input() const { return false; }
 
 private:
-    owned_fd fd_;
+    fd_owner fd_;
 };
 
 } // namespace veld

@@ -1,5 +1,6 @@
 #include "veld/state/store.h"
 
+#include "base/file.h"
 #include "veld/base/log.h"
 
 #include <cerrno>
@@ -21,47 +22,7 @@ bool fail(std::string *error, const std::string &path)
     return false;
 }
 
-bool write_all(int fd, std::string_view content)
-{
-    while (!content.empty()) {
-        const ssize_t count = write(fd, content.data(), content.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return false;
-        content.remove_prefix(static_cast<size_t>(count));
-    }
-    return true;
-}
-
-std::string parent_of(const std::string &path)
-{
-    const size_t slash = path.find_last_of('/');
-    return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-}
-
-// A new name in a directory is on disk only when the directory is.
-bool sync_directory(const std::string &path)
-{
-    const owned_fd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    return fd && fsync(fd.get()) == 0;
-}
-
 } // namespace
-
-bool write_file_atomically(const std::string &path, std::string_view content, std::string *error)
-{
-    const std::string fresh = path + ".new";
-    const owned_fd fd(open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!fd)
-        return fail(error, fresh);
-    if (!write_all(fd.get(), content) || fsync(fd.get()) != 0 || rename(fresh.c_str(), path.c_str()) != 0) {
-        fail(error, path);
-        unlink(fresh.c_str());
-        return false;
-    }
-    return sync_directory(parent_of(path)) || fail(error, path);
-}
 
 bool make_directories(const std::string &path, std::string *error)
 {
@@ -105,7 +66,7 @@ json_ref state_store::load(const std::string &name)
         const auto found = memory_.find(name);
         return found == memory_.end() ? json_ref{} : json_ref::share(found->second.get());
     }
-    const owned_fd fd(::open(path(name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const fd_owner fd(::open(path(name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!fd) {
         if (errno != ENOENT)
             LOG_ERROR("saved state: %s: %m", path(name).c_str());
@@ -150,7 +111,8 @@ bool state_store::save(const std::string &name, const json_t *document, std::str
     std::string content = text;
     free(text);
     content += '\n';
-    return write_file_atomically(path(name), content, error);
+    return replace_file(path(name), content, {.mode = 0600, .durable = true, .suffix = ".new"}) ||
+           fail(error, path(name));
 }
 
 bool state_store::remove(const std::string &name, std::string *error)

@@ -1,8 +1,8 @@
 // What survives a restart: a few small files in one directory, each written as a whole or not at all.
 #pragma once
 
-#include "platform/ve_json.h"
-#include "veld/base/owned_fd.h"
+#include "base/fd.h"
+#include "base/json_ref.h"
 
 #include <map>
 #include <string>
@@ -36,12 +36,9 @@ private:
     std::string path(const std::string &name) const { return directory_ + "/" + name; }
 
     std::string directory_;
-    owned_fd lock_; // the directory itself
+    fd_owner lock_; // the directory itself
     std::map<std::string, json_ref> memory_;
 };
-
-/// Writes a file beside its place and moves it there, on disk before this returns. Mode 0600. False on failure.
-bool write_file_atomically(const std::string &path, std::string_view content, std::string *error);
 
 /// Makes a directory and those above it. False on failure.
 bool make_directories(const std::string &path, std::string *error);

@@ -1,6 +1,5 @@
 #include "vebase/editor/history_files.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -11,7 +10,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/file.h"
 #include "platform/ve_history.h"
+
 namespace
 {
 
@@ -32,54 +33,12 @@ const char *refusal(const struct stat &info)
     return info.st_size > size_max ? "too large" : nullptr;
 }
 
-bool write_all(int fd, std::string_view content)
-{
-    while (!content.empty()) {
-        const ssize_t count = write(fd, content.data(), content.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return false;
-        content.remove_prefix(static_cast<size_t>(count));
-    }
-    return true;
-}
-
-bool read_all(int fd, size_t limit, std::string *content)
-{
-    content->resize(limit);
-    size_t filled = 0;
-    ssize_t count;
-    do {
-        count = read(fd, content->data() + filled, limit - filled);
-        filled += static_cast<size_t>(std::max<ssize_t>(count, 0));
-    } while (count > 0 || (count < 0 && errno == EINTR));
-    content->resize(filled);
-    return count == 0;
-}
-
-/// Writes `content` to a new file beside `path` and gives it that name.
-bool replace_file(const char *path, std::string_view content, mode_t mode)
-{
-    std::string beside = std::string{path} + ".XXXXXX";
-    fd_owner file(mkostemp(beside.data(), O_CLOEXEC));
-    if (file.get() < 0)
-        return false;
-    if (write_all(file.get(), content) && fchmod(file.get(), mode) == 0 && close(file.release()) == 0 &&
-        rename(beside.c_str(), path) == 0)
-        return true;
-    const int error = errno;
-    unlink(beside.c_str());
-    errno = error;
-    return false;
-}
-
 bool write_in_place(const char *path, std::string_view content)
 {
     fd_owner file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
     if (file.get() < 0)
         return false;
-    if (write_all(file.get(), content) && close(file.release()) == 0)
+    if (write_all(file.get(), content) && file.reset() == 0)
         return true;
     // An empty script says more clearly than half of one that something went wrong.
     const int error = errno;
@@ -87,13 +46,6 @@ bool write_in_place(const char *path, std::string_view content)
         errno = error;
     errno = error;
     return false;
-}
-
-mode_t default_mode()
-{
-    const mode_t mask = umask(0);
-    umask(mask);
-    return 0666 & ~mask;
 }
 
 /// False with errno.
@@ -106,7 +58,8 @@ bool write_script(const char *path, std::string_view content)
     if (exists && access(path, W_OK) < 0)
         return false;
     // A directory that takes no new file may hold one that can be written.
-    return replace_file(path, content, exists ? info.st_mode & 0777 : default_mode()) ||
+    const std::optional<mode_t> mode = exists ? std::optional(info.st_mode & 0777) : std::nullopt;
+    return replace_file(path, content, {.mode = mode}) ||
            ((errno == EACCES || errno == EPERM || errno == EROFS) && write_in_place(path, content));
 }
 
@@ -152,7 +105,7 @@ bool history_read(const char *path, std::string &content, const char **reason)
 
 bool history_replace(const char *path, std::string_view content)
 {
-    return replace_file(path, content, 0600);
+    return replace_file(path, content, {.mode = 0600});
 }
 
 int ve_history_write_script(const char *path, std::string_view script)

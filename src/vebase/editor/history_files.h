@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "vebase/fd.h"
+#include "base/fd.h"
 
 /// Reads the file whole into `content`; a missing one is empty. False, with `reason`, when it is no regular file of
 /// this user with one name: no symbolic link is followed, a FIFO does not hang.

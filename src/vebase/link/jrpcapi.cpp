@@ -1,3 +1,4 @@
+#include "base/hex.h"
 #include "platform/ve_jrpcapi.h"
 
 #include <algorithm>
@@ -5,7 +6,6 @@
 #include <cstdlib>
 #include <iterator>
 #include <sys/eventfd.h>
-#include <sys/random.h>
 #include <unistd.h>
 
 #include "platform/ve_wait.h"
@@ -59,9 +59,9 @@ taken take_object(ve_jrpcapi *ctx, json_ref *object)
 {
     std::string_view line;
     const auto state = ctx->reader.next(&line);
-    if (state == ve_wire_reader::state::more)
+    if (state == wire_reader::state::more)
         return taken::nothing;
-    object->reset(state == ve_wire_reader::state::line ? ve_wire_decode(line) : nullptr);
+    object->reset(state == wire_reader::state::line ? wire_decode(line) : nullptr);
     return *object ? taken::found : taken::garbage;
 }
 
@@ -343,13 +343,8 @@ int ve_jrpcapi_logout(ve_jrpcapi *ctx)
 
 const char *ve_jrpcapi_session()
 {
-    static char digits[33];
-    if (digits[0] == '\0') {
-        unsigned char bytes[16];
-        if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes))
-            abort();
-        for (size_t i = 0; i < sizeof bytes; ++i)
-            snprintf(digits + 2 * i, 3, "%02x", bytes[i]);
-    }
-    return digits;
+    static const std::string digits = random_hex(16);
+    if (digits.empty())
+        abort();
+    return digits.c_str();
 }

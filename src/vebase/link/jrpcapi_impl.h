@@ -9,12 +9,12 @@
 #include <pthread.h>
 #include <string>
 
+#include "base/framing.h"
 #include "platform/ve_jrpcapi.h"
 #include "platform/ve_json.h"
 #include "vebase/link/resolve.h"
 #include "vebase/link/socket_impl.h"
 #include "vebase/link/tls.h"
-#include "vebase/wire/framing.h"
 
 /// Bytes on their way out: queued whole messages of which the first ones may be sent in part.
 struct ve_jrpcapi_queue {
@@ -40,7 +40,7 @@ struct ve_jrpcapi {
     std::unique_ptr<ve_tls> tls; // under `lock`
     std::string tls_out;         // records not yet sent, under `lock`
     ve_jrpcapi_queue queue;      // under `lock`
-    ve_wire_reader reader;       // the receiving thread's
+    wire_reader reader;          // the receiving thread's
     std::deque<json_ref> early;  // the receiving thread's: events that came before the answer to an exchange
 
     // A connect under way.

@@ -4,8 +4,8 @@
 #include <climits>
 #include <cstring>
 
+#include "base/framing.h"
 #include "vebase/link/jrpcmsg_impl.h"
-#include "vebase/wire/framing.h"
 
 namespace
 {
@@ -167,7 +167,7 @@ void ve_jrpcmsg_free(ve_jrpcmsg *message)
 int ve_jrpcmsg_encode(const ve_jrpcmsg *message, std::string *out)
 {
     if (message->raw)
-        return ve_wire_encode(message->raw.get(), out);
+        return wire_encode(message->raw.get(), out);
     const size_t before = out->size();
     *out += "{\"jsonrpc\":\"2.0\"";
     if (message->id) {
@@ -187,7 +187,7 @@ int ve_jrpcmsg_encode(const ve_jrpcmsg *message, std::string *out)
         failed |= append_json(params.get(), out);
     }
     *out += "}";
-    if (failed != 0 || out->size() - before > ve_wire_line_max) {
+    if (failed != 0 || out->size() - before > wire_line_max) {
         out->resize(before);
         return -1;
     }

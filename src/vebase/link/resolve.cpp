@@ -1,12 +1,11 @@
 #include "vebase/link/resolve.h"
 
 #include <atomic>
-#include <csignal>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "base/thread.h"
 #include "platform/ve_wait.h"
 
 namespace
@@ -46,22 +45,11 @@ ve_resolve::ve_resolve(const std::string &host, const std::string &port) : job_(
     }
     job_->done_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     job_->users = 2;
-    pthread_attr_t attributes;
-    pthread_attr_init(&attributes);
-    pthread_attr_setstacksize(&attributes, stack_size);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, &before);
-    pthread_t thread;
-    if (job_->done_fd < 0 || pthread_create(&thread, &attributes, run, job_) != 0) {
+    if (job_->done_fd < 0 || !thread_start(stack_size, [shared = job_] { run(shared); })) {
         job_->users = 1;
         job_->outcome = EAI_AGAIN;
         job_->done = true;
     }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    pthread_attr_destroy(&attributes);
 }
 
 ve_resolve::~ve_resolve()
@@ -69,15 +57,13 @@ ve_resolve::~ve_resolve()
     drop(job_);
 }
 
-void *ve_resolve::run(void *argument)
+void ve_resolve::run(job *shared)
 {
-    auto *shared = static_cast<job *>(argument);
     shared->look_up(0);
     shared->done = true;
     const uint64_t one = 1;
     [[maybe_unused]] const ssize_t ignored = write(shared->done_fd, &one, sizeof one);
     drop(shared);
-    return nullptr;
 }
 
 void ve_resolve::drop(job *shared)

@@ -26,7 +26,7 @@ public:
 
 private:
     struct job;
-    static void *run(void *argument);
+    static void run(job *shared);
     static void drop(job *shared);
     job *job_;
 };

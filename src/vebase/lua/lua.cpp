@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <ctime>
 #include <new>
 #include <pthread.h>
 
+#include "base/clock.h"
 #include "platform/ve_lua_frames.h"
 #include "platform/ve_wait.h"
 #include "vebase/lua/lua_impl.h"
@@ -53,19 +53,12 @@ void drop_message_handlers(lua_State *L)
     }
 }
 
-int64_t now_ns()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
-}
-
 /// A hundred instructions are nothing, unless each calls something that takes long.
 void hook(lua_State *L, lua_Debug *)
 {
     if (ve_lua_stop_is_due())
         ve_lua_check_interrupt(L);
-    const int64_t now = now_ns();
+    const int64_t now = monotonic_ns();
     const bool slow = now - last_look > slow_ns;
     last_look = now;
     quick = slow ? 0 : std::min(quick + 1, quick_looks);

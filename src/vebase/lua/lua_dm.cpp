@@ -7,12 +7,12 @@
 #include <cstring>
 #include <string>
 
+#include "base/framing.h"
 #include "platform/ve_json.h"
 #include "platform/ve_string.h"
 #include "vebase/lua/lua_exchange.h"
 #include "vebase/lua/lua_impl.h"
 #include "vebase/lua/lua_json.h"
-#include "vebase/wire/framing.h"
 
 namespace
 {
@@ -308,7 +308,7 @@ json_t *flattened(json_t *arguments)
 {
     const json_ref owned(arguments);
     json_ref list(json_array());
-    size_t room = ve_wire_line_max;
+    size_t room = wire_line_max;
     return flatten(list.get(), owned.get(), "", &room) ? list.release() : nullptr;
 }
 

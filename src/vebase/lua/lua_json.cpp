@@ -6,9 +6,9 @@
 #include <unordered_map>
 #include <utility>
 
+#include "base/framing.h"
 #include "platform/ve_json.h"
 #include "vebase/lua/lua_impl.h"
-#include "vebase/wire/framing.h"
 
 namespace
 {
@@ -90,7 +90,7 @@ bool count_member(piece *table, const piece &member, size_t extra)
 {
     table->size += member.size + extra;
     table->height = std::max(table->height, member.height + 1);
-    return table->size <= ve_wire_line_max;
+    return table->size <= wire_line_max;
 }
 
 piece convert_array(conversion *run, int table, lua_Integer count)
@@ -185,7 +185,7 @@ piece convert_text(conversion *run, int index)
 {
     size_t size = 0;
     const char *bytes = lua_tolstring(run->state, index, &size);
-    if (size > ve_wire_line_max)
+    if (size > wire_line_max)
         return refuse_size(run);
     piece text = {.json = json_ref(json_stringn(bytes, size)), .size = size + 2};
     return text.json ? std::move(text) : refuse(run, "a text that is not UTF-8 has no JSON form");

@@ -22,12 +22,13 @@ public:
     ~fd_owner() { reset(); }
 
     int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
     [[nodiscard]] int release() { return std::exchange(fd_, -1); }
-    void reset(int fd = -1)
+    /// Closes what was owned. Returns 0, or -1 with errno: what a file system reports only now is an error like any.
+    int reset(int fd = -1)
     {
-        if (fd_ >= 0)
-            close(fd_);
-        fd_ = fd;
+        const int old = std::exchange(fd_, fd);
+        return old >= 0 ? close(old) : 0;
     }
 
 private:

@@ -1,4 +1,4 @@
-#include "vebase/wire/framing.h"
+#include "base/framing.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -27,12 +27,12 @@ int append_chunk(const char *data, size_t size, void *writer)
 
 } // namespace
 
-ve_wire_reader::~ve_wire_reader()
+wire_reader::~wire_reader()
 {
     free(data_);
 }
 
-char *ve_wire_reader::prepare(size_t *room)
+char *wire_reader::prepare(size_t *room)
 {
     if (begin_ == end_ && capacity_ > kept_capacity)
         clear();
@@ -55,12 +55,12 @@ char *ve_wire_reader::prepare(size_t *room)
     return data_ + end_;
 }
 
-void ve_wire_reader::commit(size_t count)
+void wire_reader::commit(size_t count)
 {
     end_ += count;
 }
 
-ve_wire_reader::state ve_wire_reader::next(std::string_view *line)
+wire_reader::state wire_reader::next(std::string_view *line)
 {
     while (scanned_ < end_) {
         auto *feed = static_cast<char *>(memchr(data_ + scanned_, '\n', end_ - scanned_));
@@ -74,7 +74,7 @@ ve_wire_reader::state ve_wire_reader::next(std::string_view *line)
         size_t length = stop - start;
         if (length > 0 && data_[stop - 1] == '\r')
             --length;
-        if (length > ve_wire_line_max)
+        if (length > wire_line_max)
             return state::too_long;
         if (length > 0) {
             *line = std::string_view(data_ + start, length);
@@ -83,17 +83,17 @@ ve_wire_reader::state ve_wire_reader::next(std::string_view *line)
     }
     if (begin_ == end_)
         begin_ = scanned_ = end_ = 0;
-    return end_ - begin_ > ve_wire_line_max + 1 ? state::too_long : state::more;
+    return end_ - begin_ > wire_line_max + 1 ? state::too_long : state::more;
 }
 
-void ve_wire_reader::clear()
+void wire_reader::clear()
 {
     free(data_);
     data_ = nullptr;
     capacity_ = begin_ = scanned_ = end_ = 0;
 }
 
-json_t *ve_wire_decode(std::string_view line)
+json_t *wire_decode(std::string_view line)
 {
     json_t *value = json_loadb(line.data(), line.size(), JSON_ALLOW_NUL, nullptr);
     if (!json_is_object(value)) {
@@ -103,10 +103,10 @@ json_t *ve_wire_decode(std::string_view line)
     return value;
 }
 
-int ve_wire_encode(const json_t *message, std::string *out)
+int wire_encode(const json_t *message, std::string *out)
 {
     const size_t before = out->size();
-    line_writer line = {.out = out, .end_max = before + ve_wire_line_max};
+    line_writer line = {.out = out, .end_max = before + wire_line_max};
     if (json_dump_callback(message, append_chunk, &line, JSON_COMPACT) != 0) {
         out->resize(before);
         return -1;

@@ -8,11 +8,11 @@
 #include <string_view>
 
 /// The longest line, in bytes without its line feed, that either side accepts.
-inline constexpr size_t ve_wire_line_max = size_t{64} << 20;
+inline constexpr size_t wire_line_max = size_t{64} << 20;
 
 /// Collects received bytes and cuts them into lines. The buffer doubles as it grows, gives its memory back after a
 /// large line, and looks at every byte once, however the bytes are chunked. Not thread-safe.
-class ve_wire_reader
+class wire_reader
 {
 public:
     enum class state {
@@ -21,10 +21,10 @@ public:
         too_long ///< the line under way is over the limit: close the link
     };
 
-    ve_wire_reader() = default;
-    ve_wire_reader(const ve_wire_reader &) = delete;
-    ve_wire_reader &operator=(const ve_wire_reader &) = delete;
-    ~ve_wire_reader();
+    wire_reader() = default;
+    wire_reader(const wire_reader &) = delete;
+    wire_reader &operator=(const wire_reader &) = delete;
+    ~wire_reader();
 
     /// Room for the next read: at least 4096 bytes; `*room` receives how many. Invalidates lines taken before.
     char *prepare(size_t *room);
@@ -48,8 +48,8 @@ private:
 
 /// The JSON object that a line holds, as a new reference; null when the line is no JSON object, is not UTF-8, or nests
 /// deeper than 2048. Texts may hold NUL.
-json_t *ve_wire_decode(std::string_view line);
+json_t *wire_decode(std::string_view line);
 
 /// Appends `message` to `*out` as one compact line with its line feed. Returns 0, or -1 when the message cannot be
 /// encoded or is longer than a line may be; `*out` is then as it was.
-int ve_wire_encode(const json_t *message, std::string *out);
+int wire_encode(const json_t *message, std::string *out);

@@ -1,4 +1,4 @@
-#include "vebase/wire/framing.h"
+#include "base/framing.h"
 
 #include <gtest/gtest.h>
 
@@ -10,9 +10,9 @@
 namespace
 {
 
-using state = ve_wire_reader::state;
+using state = wire_reader::state;
 
-void put(ve_wire_reader *reader, std::string_view bytes)
+void put(wire_reader *reader, std::string_view bytes)
 {
     while (!bytes.empty()) {
         size_t room = 0;
@@ -25,7 +25,7 @@ void put(ve_wire_reader *reader, std::string_view bytes)
     }
 }
 
-std::vector<std::string> lines_of(ve_wire_reader *reader)
+std::vector<std::string> lines_of(wire_reader *reader)
 {
     std::vector<std::string> lines;
     std::string_view line;
@@ -41,7 +41,7 @@ TEST(WireReader, CutsTheSameLinesHoweverTheBytesAreChunked)
     const std::string bytes = "{\"a\":1}\n\r\n\n{\"b\":\"x\\r\"}\r\n" + std::string(10000, 'y') + "\n{}\n";
     const std::vector<std::string> expected = {"{\"a\":1}", "{\"b\":\"x\\r\"}", std::string(10000, 'y'), "{}"};
     for (const size_t chunk : {size_t{1}, size_t{2}, size_t{7}, size_t{4096}, bytes.size()}) {
-        ve_wire_reader reader;
+        wire_reader reader;
         std::vector<std::string> lines;
         for (size_t at = 0; at < bytes.size(); at += chunk) {
             put(&reader, std::string_view(bytes).substr(at, chunk));
@@ -55,7 +55,7 @@ TEST(WireReader, CutsTheSameLinesHoweverTheBytesAreChunked)
 
 TEST(WireReader, KeepsAnUnfinishedLineAcrossManyTakenOnes)
 {
-    ve_wire_reader reader;
+    wire_reader reader;
     std::string tail;
     for (int i = 0; i < 20000; ++i) {
         put(&reader, std::to_string(i) + " one\n" + std::to_string(i) + " half");
@@ -69,10 +69,10 @@ TEST(WireReader, KeepsAnUnfinishedLineAcrossManyTakenOnes)
 
 TEST(WireReader, RefusesALineOverTheLimitBeforeItEnds)
 {
-    ve_wire_reader reader;
+    wire_reader reader;
     std::string_view line;
     const std::string piece(size_t{1} << 20, 'z');
-    for (size_t sent = 0; sent < ve_wire_line_max; sent += piece.size()) {
+    for (size_t sent = 0; sent < wire_line_max; sent += piece.size()) {
         put(&reader, piece);
         ASSERT_EQ(reader.next(&line), state::more);
     }
@@ -82,24 +82,24 @@ TEST(WireReader, RefusesALineOverTheLimitBeforeItEnds)
 
 TEST(WireReader, AcceptsALineOfExactlyTheLimit)
 {
-    ve_wire_reader reader;
+    wire_reader reader;
     std::string_view line;
-    put(&reader, std::string(ve_wire_line_max, 'z') + "\r\n{}\n");
+    put(&reader, std::string(wire_line_max, 'z') + "\r\n{}\n");
     ASSERT_EQ(reader.next(&line), state::line);
-    EXPECT_EQ(line.size(), ve_wire_line_max);
+    EXPECT_EQ(line.size(), wire_line_max);
     ASSERT_EQ(reader.next(&line), state::line);
     EXPECT_EQ(line, "{}");
 }
 
 TEST(WireDecode, TakesObjectsAlone)
 {
-    EXPECT_EQ(ve_wire_decode("nonsense"), nullptr);
-    EXPECT_EQ(ve_wire_decode("[1,2]"), nullptr);
-    EXPECT_EQ(ve_wire_decode("12"), nullptr);
-    EXPECT_EQ(ve_wire_decode("{\"a\":1} {}"), nullptr);
-    EXPECT_EQ(ve_wire_decode("{\"a\":\"\xff\"}"), nullptr);
-    EXPECT_EQ(ve_wire_decode("{\"a\":9223372036854775808}"), nullptr);
-    const json_ref object(ve_wire_decode("{\"a\":\"x\\u0000y\"}"));
+    EXPECT_EQ(wire_decode("nonsense"), nullptr);
+    EXPECT_EQ(wire_decode("[1,2]"), nullptr);
+    EXPECT_EQ(wire_decode("12"), nullptr);
+    EXPECT_EQ(wire_decode("{\"a\":1} {}"), nullptr);
+    EXPECT_EQ(wire_decode("{\"a\":\"\xff\"}"), nullptr);
+    EXPECT_EQ(wire_decode("{\"a\":9223372036854775808}"), nullptr);
+    const json_ref object(wire_decode("{\"a\":\"x\\u0000y\"}"));
     ASSERT_TRUE(object);
     EXPECT_EQ(json_string_length(json_object_get(object.get(), "a")), 3U);
 }
@@ -109,24 +109,24 @@ TEST(WireDecode, RefusesWhatNestsTooDeep)
     const auto nested = [](size_t depth) {
         return "{\"a\":" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
     };
-    const json_ref deep(ve_wire_decode(nested(2048)));
+    const json_ref deep(wire_decode(nested(2048)));
     EXPECT_TRUE(deep);
-    EXPECT_EQ(ve_wire_decode(nested(2049)), nullptr);
+    EXPECT_EQ(wire_decode(nested(2049)), nullptr);
 }
 
 TEST(WireEncode, WritesOneCompactLine)
 {
     const json_ref object(json_pack("{s:s, s:[i,i]}", "text", "a\nb", "list", 1, 2));
     std::string out = "before";
-    ASSERT_EQ(ve_wire_encode(object.get(), &out), 0);
+    ASSERT_EQ(wire_encode(object.get(), &out), 0);
     EXPECT_EQ(out, "before{\"text\":\"a\\nb\",\"list\":[1,2]}\n");
 }
 
 TEST(WireEncode, RefusesALineOverTheLimit)
 {
-    const std::string text(ve_wire_line_max, 'x');
+    const std::string text(wire_line_max, 'x');
     const json_ref object(json_pack("{s:s}", "text", text.c_str()));
     std::string out = "before";
-    EXPECT_LT(ve_wire_encode(object.get(), &out), 0);
+    EXPECT_LT(wire_encode(object.get(), &out), 0);
     EXPECT_EQ(out, "before");
 }

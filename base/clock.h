@@ -1,0 +1,30 @@
+// The clock that never goes back, and points in time on it.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+inline int64_t monotonic_ns()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+inline int64_t monotonic_us()
+{
+    return monotonic_ns() / 1'000;
+}
+
+inline int64_t monotonic_ms()
+{
+    return monotonic_ns() / 1'000'000;
+}
+
+/// Seconds since the machine was started, those in which it slept included.
+inline int64_t uptime_s()
+{
+    timespec now;
+    clock_gettime(CLOCK_BOOTTIME, &now);
+    return now.tv_sec;
+}
