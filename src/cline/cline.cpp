@@ -5,6 +5,8 @@
 #include <cstring>
 #include <string>
 
+#include "base/utf8.h"
+#include "base/visible.h"
 #include "platform/ve_jrpcapi.h"
 #include "platform/ve_log.h"
 #include "platform/ve_string.h"
@@ -111,22 +113,6 @@ int add_groups(cline_options *options, const char *list)
     return 0;
 }
 
-/// The text with everything but printable ASCII as escapes.
-std::string escaped(const char *text)
-{
-    std::string shown;
-    for (; *text != '\0'; text++) {
-        const auto byte = static_cast<unsigned char>(*text);
-        char escape[8];
-        snprintf(escape, sizeof escape, "\\x%02x", byte);
-        if (byte >= ' ' && byte < 0x7f)
-            shown += *text;
-        else
-            shown += escape;
-    }
-    return shown;
-}
-
 void print_version()
 {
     printf("Veltro Management System client.\n");
@@ -207,8 +193,8 @@ int cline_parse(int argc, char **argv, cline_options *options)
     if (options->mode == mode_raw)
         return 0;
     for (int i = optind; i < argc; i++) {
-        if (!ve_string_is_utf8(argv[i])) {
-            fprintf(stderr, "Argument '%s' is not valid UTF-8 text.\n", escaped(argv[i]).c_str());
+        if (!utf8_valid(argv[i])) {
+            fprintf(stderr, "Argument '%s' is not valid UTF-8 text.\n", visible(argv[i]).c_str());
             return -1;
         }
         options->params.emplace_back(argv[i]);

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "base/thread.h"
+#include "base/visible.h"
 #include "event/replies.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
@@ -39,28 +40,6 @@ int append_chunk(const char *data, size_t size, void *out)
     return 0;
 }
 
-/// JSON leaves DEL and the C1 controls as they are; on a terminal they are shown as escapes.
-std::string escape_controls(std::string_view text)
-{
-    std::string shown;
-    shown.reserve(text.size());
-    for (size_t at = 0; at < text.size(); ++at) {
-        const auto byte = static_cast<unsigned char>(text[at]);
-        const auto next = at + 1 < text.size() ? static_cast<unsigned char>(text[at + 1]) : 0U;
-        char escape[8];
-        if (byte == 0x7f) {
-            shown += "\\u007f";
-        } else if (byte == 0xc2 && next >= 0x80 && next < 0xa0) {
-            snprintf(escape, sizeof escape, "\\u%04x", next);
-            shown += escape;
-            ++at;
-        } else {
-            shown += text[at];
-        }
-    }
-    return shown;
-}
-
 void print_event(const ve_jrpcmsg *event)
 {
     char header[64];
@@ -71,7 +50,7 @@ void print_event(const ve_jrpcmsg *event)
         text += '\n';
     }
     if (isatty(STDOUT_FILENO) != 0)
-        text = escape_controls(text);
+        text = visible(text, "\t\n");
     const std::scoped_lock lock(aside_lock);
     ve_rl_write_control_char(pipe_fds[1], ve_rl_hide);
     ve_out_direct(text.data(), text.size());

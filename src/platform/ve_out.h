@@ -44,9 +44,9 @@ void ve_out_direct(const char *data, size_t size);
 /// one.
 void ve_out_direct_rows(const char *data, size_t size);
 
-/// `text` in the form that is safe to show: on a terminal, control characters (C0, DEL, C1) and bytes that are not
-/// UTF-8 appear as visible escapes (\x1b, \u009b); elsewhere it is `text` itself. The result is valid until the eighth
-/// call from now. Null stays null.
+/// `text` in the form that is safe to show: on a terminal with visible escapes (base/visible.h) for what would steer
+/// it, hide, or turn the text around; elsewhere it is `text` itself. The result is valid until the eighth call from
+/// now. Null stays null.
 const char *ve_visible(const char *text);
 /// The same for a text of several lines: its line feeds and tabs stay.
 const char *ve_visible_lines(const char *text);

@@ -9,5 +9,3 @@ int ve_string_strtoul(const char *text, int base, uint32_t *out);
 int ve_string_strtol(const char *text, int base, int32_t *out);
 /// A finite decimal number. Returns 0, or negative with `*out` untouched. Independent of the locale.
 int ve_string_strtod(const char *text, double *out);
-/// True when `text` is well-formed UTF-8.
-bool ve_string_is_utf8(const char *text);

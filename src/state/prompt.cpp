@@ -1,38 +1,27 @@
 #include "state/prompt.h"
 
 #include <cstdio>
-#include <cstring>
+#include <string>
 
+#include "base/utf8.h"
 #include "cdpath/cdpath.h"
 #include "event/request.h"
-#include "platform/ve_string.h"
 
 namespace
 {
 
 // Too long a login, path or mode word is cut here, for the eye only.
-char prompt[384] = "kest:> ";
+constexpr size_t prompt_size = 383;
+std::string prompt = "kest:> ";
 char prompt_postfix[16];
-
-/// Takes the last character off a cut text when only a part of it is left.
-void drop_partial_character(char *text)
-{
-    size_t last = strlen(text);
-    while (last > 0 && (static_cast<unsigned char>(text[--last]) & 0xc0U) == 0x80)
-        ;
-    if (!ve_string_is_utf8(text + last))
-        text[last] = '\0';
-}
 
 } // namespace
 
 void prompt_update_path()
 {
     const bool logged_in = saved_login != nullptr && saved_login[0] != '\0';
-    const int size = snprintf(prompt, sizeof prompt, "%s%skest%s:%s> ", logged_in ? saved_login : "",
-                              logged_in ? "@" : "", prompt_postfix, cwd.path);
-    if (size >= static_cast<int>(sizeof prompt))
-        drop_partial_character(prompt);
+    prompt = (logged_in ? std::string(saved_login) + "@kest" : "kest") + prompt_postfix + ":" + cwd.path + "> ";
+    prompt.resize(utf8_cut(prompt, prompt_size));
 }
 
 void prompt_update_postfix(const char *word)
@@ -47,12 +36,12 @@ void prompt_update_postfix(const char *word)
 void prompt_set_incompleted(int flag)
 {
     if (flag != 0)
-        snprintf(prompt, sizeof prompt, "> ");
+        prompt = "> ";
     else
         prompt_update_path();
 }
 
 const char *prompt_get()
 {
-    return prompt;
+    return prompt.c_str();
 }

@@ -1,3 +1,4 @@
+#include "base/utf8.h"
 #include "platform/ve_json_text.h"
 
 #include <bitset>
@@ -209,19 +210,9 @@ private:
     /// A character of several bytes.
     bool character()
     {
-        const auto byte = [this](int index) { return static_cast<unsigned char>(at_[index]); };
-        const unsigned first = byte(0);
-        const int length = first < 0xc2 ? 0 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : first < 0xf5 ? 4 : 0;
-        if (length == 0 || end_ - at_ < length)
-            return false;
-        // No surrogates, nothing longer than it need be, nothing behind the last plane.
-        const unsigned least = first == 0xe0 ? 0xa0 : first == 0xf0 ? 0x90 : 0x80;
-        const unsigned most = first == 0xed ? 0x9f : first == 0xf4 ? 0x8f : 0xbf;
-        bool valid = byte(1) >= least && byte(1) <= most;
-        for (int i = 2; i < length; ++i)
-            valid = valid && (byte(i) & 0xc0U) == 0x80;
-        at_ += length;
-        return valid;
+        const utf8_step step = utf8_first({at_, static_cast<size_t>(end_ - at_)});
+        at_ += step.size;
+        return step.well_formed && step.size > 1;
     }
 
     size_t digits()

@@ -1,3 +1,4 @@
+#include "base/visible.h"
 #include "platform/ve_out.h"
 
 #include <algorithm>
@@ -342,62 +343,15 @@ void ve_out_row_ended()
 namespace
 {
 
-/// Bytes of the character at `at`, 0 when it is not well-formed UTF-8. `*code` receives the code point.
-unsigned decode(const unsigned char *at, uint32_t *code)
-{
-    const unsigned length = at[0] < 0x80   ? 1
-                            : at[0] < 0xc2 ? 0
-                            : at[0] < 0xe0 ? 2
-                            : at[0] < 0xf0 ? 3
-                            : at[0] < 0xf5 ? 4
-                                           : 0;
-    if (length <= 1) {
-        *code = at[0];
-        return length;
-    }
-    uint32_t value = at[0] & (0xffU >> (length + 1));
-    for (unsigned i = 1; i < length; ++i) {
-        if ((at[i] & 0xc0U) != 0x80)
-            return 0;
-        value = value << 6 | (at[i] & 0x3fU);
-    }
-    *code = value;
-    return value > 0x10ffff || (length == 3 && value < 0x800) || (length == 4 && value < 0x10000) ? 0 : length;
-}
-
-bool is_control(uint32_t code)
-{
-    return code < 0x20 || (code >= 0x7f && code < 0xa0);
-}
-
 /// `text` with visible escapes on a terminal, but for the control characters in `kept`.
 const char *make_visible(const char *text, const char *kept)
 {
     if (text == nullptr || !ve_out_is_terminal())
         return text;
-    const auto *at = reinterpret_cast<const unsigned char *>(text);
-    bool plain = true;
-    for (const auto *byte = at; *byte != 0 && plain; ++byte)
-        plain = (*byte >= 0x20 && *byte < 0x7f) || strchr(kept, *byte) != nullptr;
-    if (plain)
-        return text;
     static std::string results[8];
     static unsigned next = 0;
     std::string &result = results[next++ % std::size(results)];
-    result.clear();
-    char escape[16];
-    while (*at != 0) {
-        uint32_t code = 0;
-        const unsigned length = decode(at, &code);
-        const bool shown = length > 0 && (!is_control(code) || (length == 1 && strchr(kept, *at) != nullptr));
-        if (shown) {
-            result.append(reinterpret_cast<const char *>(at), length);
-        } else {
-            snprintf(escape, sizeof escape, length > 1 ? "\\u%04x" : "\\x%02x", length > 1 ? code : *at);
-            result += escape;
-        }
-        at += length > 0 ? length : 1;
-    }
+    result = visible(text, kept);
     return result.c_str();
 }
 

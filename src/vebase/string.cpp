@@ -51,38 +51,3 @@ int ve_string_strtod(const char *text, double *out)
     *out = value;
     return 0;
 }
-
-bool ve_string_is_utf8(const char *text)
-{
-    const auto *at = reinterpret_cast<const unsigned char *>(text);
-    while (*at != 0) {
-        unsigned following;
-        uint32_t code;
-        if (*at < 0x80) {
-            ++at;
-            continue;
-        }
-        if (*at >= 0xc2 && *at < 0xe0) {
-            following = 1;
-            code = *at & 0x1fU;
-        } else if (*at >= 0xe0 && *at < 0xf0) {
-            following = 2;
-            code = *at & 0x0fU;
-        } else if (*at >= 0xf0 && *at < 0xf5) {
-            following = 3;
-            code = *at & 0x07U;
-        } else {
-            return false;
-        }
-        ++at;
-        for (unsigned i = 0; i < following; ++i, ++at) {
-            if ((*at & 0xc0U) != 0x80)
-                return false;
-            code = code << 6 | (*at & 0x3fU);
-        }
-        const bool overlong = (following == 2 && code < 0x800) || (following == 3 && code < 0x10000);
-        if (overlong || code > 0x10ffff || (code >= 0xd800 && code < 0xe000))
-            return false;
-    }
-    return true;
-}

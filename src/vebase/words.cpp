@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/ve_string.h"
+#include "base/utf8.h"
 
 namespace
 {
@@ -98,8 +98,7 @@ std::string_view ve_words::current_from(size_t place) const
 
 bool ve_words_are_utf8(std::span<const std::string> words)
 {
-    return std::all_of(words.begin(), words.end(),
-                       [](const std::string &word) { return ve_string_is_utf8(word.c_str()); });
+    return std::all_of(words.begin(), words.end(), utf8_valid);
 }
 
 ve_words ve_words_read(std::string_view line)

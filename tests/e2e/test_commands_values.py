@@ -275,6 +275,18 @@ def test_what_the_daemon_sends_is_shown_safely_on_a_terminal(shell, fake):
     assert term.run("cat Device") == [r"[9001] Request denied: \x1b]0;x\x07", r'\x1bk: "\u009b"']
 
 
+def test_nothing_from_the_daemon_hides_or_turns_a_line_around_on_a_terminal(shell, fake):
+    fake.serve({"Device.": {}, "Device.a\u202eb": "\u200bc\u2066", "Device.d": {"type": "string", "default": ["\ufeff"], "value": ""}})
+    refuse_logins(fake)
+    term = shell(to=fake)
+    assert term.run("cat Device") == [r'a\u202eb = "\u200bc\u2066"', 'd     = ""']
+    assert term.run("catree Device") == ["Device.", r'├── a\u202eb = "\u200bc\u2066"', '└── d     = ""']
+    assert term.run("ls Device") == [r"Device.a\u202eb  Device.d"]
+    assert term.run("attr Device.d")[3:] == ["Default:            [", r'    "\ufeff"', "]"]
+    fake.on("GetParameterValues", Error(9001, "a\u202eb", {"c\u200f": "\u061c"}))
+    assert term.run("cat Device") == [r"[9001] Request denied: a\u202eb", r'c\u200f: "\u061c"']
+
+
 def test_no_name_or_message_looks_like_a_line_of_its_own_on_a_terminal(shell, fake):
     fake.serve({"Device.": {}, "Device.a\n[0] b\tc": {"type": "string", "default": ["x"], "value": "d\ne"}})
     refuse_logins(fake)

@@ -152,6 +152,14 @@ def test_an_event_stands_above_the_line_that_is_being_typed(shell, fake):
 
 
 @pytest.mark.threads
+def test_an_event_neither_steers_nor_hides_on_a_terminal(shell, fake):
+    term = shell("-g", "12", to=fake)
+    fake.event(12, {"a\u202eb": "\x7f\x9b\u200b"})
+    term.wait_for(lambda term: term.line(term.cursor[0]) == "kest:>" and "EVENT 12:" in term.text)
+    assert term.lines[-4:-1] == ["{", r'    "a\u202eb": "\x7f\u009b\u200b"', "}"]
+
+
+@pytest.mark.threads
 def test_many_events_leave_one_prompt(shell, fake):
     fake.serve(MODEL)
     term = shell("-g", "12", to=fake)

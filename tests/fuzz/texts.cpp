@@ -1,9 +1,11 @@
 // Conversions of typed texts.
 #include <cstdint>
+#include <cstdlib>
 #include <string>
 
+#include "base/utf8.h"
+#include "base/visible.h"
 #include "platform/ve_fs.h"
-#include "platform/ve_out.h"
 #include "platform/ve_string.h"
 #include "platform/ve_tr.h"
 
@@ -16,8 +18,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     ve_string_strtoul(text.c_str(), 10, &u);
     ve_string_strtol(text.c_str(), 10, &i);
     ve_string_strtod(text.c_str(), &d);
-    ve_string_is_utf8(text.c_str());
-    ve_visible(text.c_str());
+    const std::string shown = visible(text);
+    if (!utf8_valid(shown) || visible(shown) != shown)
+        abort();
     ve_url_parse(text.c_str());
     ve_firmware_version_cmp(text.c_str(), text.c_str() + size / 2);
     ve_tr_str_is_instance(text.c_str());

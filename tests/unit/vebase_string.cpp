@@ -34,11 +34,3 @@ TEST(VeString, RealsAreFinite)
     for (const char *bad : {"", "nan", "inf", "-infinity", "1e999", "1,5", "1.5x", " 1"})
         EXPECT_LT(ve_string_strtod(bad, &value), 0) << bad;
 }
-
-TEST(VeString, Utf8IsChecked)
-{
-    for (const char *good : {"", "abc", "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80"})
-        EXPECT_TRUE(ve_string_is_utf8(good)) << good;
-    for (const char *bad : {"\x80", "\xc3", "\xc0\xaf", "\xe0\x80\x80", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xff"})
-        EXPECT_FALSE(ve_string_is_utf8(bad)) << bad;
-}

@@ -1,5 +1,7 @@
 #include "veld/base/log.h"
 
+#include "base/visible.h"
+
 #include <cstdarg>
 #include <cstdio>
 #include <ctime>
@@ -23,23 +25,6 @@ std::string file_path;
 int open_file()
 {
     return open(file_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
-}
-
-std::string visible(std::string_view text)
-{
-    std::string out;
-    out.reserve(text.size());
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7f) {
-            out.push_back(c);
-        } else {
-            char code[5];
-            snprintf(code, sizeof code, "\\x%02x", byte);
-            out += code;
-        }
-    }
-    return out;
 }
 
 } // namespace

@@ -15,7 +15,7 @@ bool log_open(const char *target);
 /// Opens the log file again, after it has been moved away.
 void log_reopen();
 
-/// Control characters in the text, which may come from clients, are written as \xNN.
+/// The text, which may come from clients, is written in its visible form.
 void log_line(log_level level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 #define LOG_ERROR(...) ::veld::log_line(::veld::log_level::error, __VA_ARGS__)

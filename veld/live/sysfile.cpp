@@ -2,6 +2,7 @@
 
 #include "base/fd.h"
 #include "base/file.h"
+#include "base/utf8.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -62,40 +63,17 @@ int64_t number_or_zero(std::string_view word)
     return to_number(word).value_or(0);
 }
 
-// Length of the well-formed UTF-8 character at the front of `text`, 0 when there is none.
-static size_t utf8_length(std::string_view text)
-{
-    auto byte = [&](size_t i) { return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U; };
-    unsigned lead = byte(0);
-    if (lead < 0x80)
-        return 1;
-    size_t length = lead >= 0xC2 && lead < 0xE0   ? 2
-                    : lead >= 0xE0 && lead < 0xF0 ? 3
-                    : lead >= 0xF0 && lead < 0xF5 ? 4
-                                                  : 0;
-    for (size_t i = 1; i < length; i++)
-        if ((byte(i) & 0xC0) != 0x80)
-            return 0;
-    bool overlong = (lead == 0xE0 && byte(1) < 0xA0) || (lead == 0xF0 && byte(1) < 0x90);
-    bool beyond = (lead == 0xED && byte(1) >= 0xA0) || (lead == 0xF4 && byte(1) >= 0x90);
-    return overlong || beyond ? 0 : length;
-}
-
 json_t *json_clean_text(std::string_view text, size_t limit)
 {
     if (text.size() <= limit)
         if (json_t *value = json_stringn(text.data(), text.size()))
             return value;
     std::string clean;
-    while (!text.empty()) {
-        size_t length = utf8_length(text);
-        if (clean.size() + std::max<size_t>(length, 1) > limit)
+    for (utf8_step step; !text.empty(); text.remove_prefix(step.size)) {
+        step = utf8_first(text);
+        if (clean.size() + step.size > limit)
             break;
-        if (length != 0)
-            clean.append(text.substr(0, length));
-        else
-            clean += '?';
-        text.remove_prefix(std::max<size_t>(length, 1));
+        clean += step.well_formed ? text.substr(0, step.size) : "?";
     }
     return json_stringn(clean.data(), clean.size());
 }

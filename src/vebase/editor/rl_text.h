@@ -40,10 +40,10 @@ public:
     void feed(unsigned char byte, std::wstring &out);
     /// Appends what is incomplete, as bad bytes.
     void flush(std::wstring &out);
-    bool pending() const { return have_ > 0; }
+    bool pending() const { return !bytes_.empty(); }
 
 private:
-    unsigned char bytes_[4] = {};
-    unsigned have_ = 0;
-    unsigned need_ = 0;
+    void take(std::wstring &out);
+
+    std::string bytes_; // an unfinished character
 };

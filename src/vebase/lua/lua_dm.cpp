@@ -8,6 +8,7 @@
 #include <string>
 
 #include "base/framing.h"
+#include "base/utf8.h"
 #include "platform/ve_json.h"
 #include "platform/ve_string.h"
 #include "vebase/lua/lua_exchange.h"
@@ -26,7 +27,7 @@ const char *check_text(lua_State *L, int index)
 {
     size_t size = 0;
     const char *text = luaL_checklstring(L, index, &size);
-    luaL_argcheck(L, memchr(text, 0, size) == nullptr && ve_string_is_utf8(text), index, "not a UTF-8 text");
+    luaL_argcheck(L, memchr(text, 0, size) == nullptr && utf8_valid({text, size}), index, "not a UTF-8 text");
     return text;
 }
 
@@ -44,7 +45,7 @@ const char *path_at(lua_State *L, int index, int argument)
     size_t size = 0;
     const char *path = lua_tolstring(L, index, &size);
     luaL_argcheck(L, size > 0, argument, "an empty path");
-    luaL_argcheck(L, memchr(path, 0, size) == nullptr && ve_string_is_utf8(path), argument, "not a UTF-8 text");
+    luaL_argcheck(L, memchr(path, 0, size) == nullptr && utf8_valid({path, size}), argument, "not a UTF-8 text");
     return plain_path(path);
 }
 
