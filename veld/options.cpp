@@ -1,5 +1,7 @@
 #include "veld/options.h"
 
+#include "base/endpoint.h"
+
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -163,7 +165,7 @@ options_outcome options_parse(int argc, char **argv, options *out)
             out->image_payload = optarg;
             break;
         case option_listen:
-            if (strncmp(optarg, "tcp://", strlen("tcp://")) != 0)
+            if (!std::string_view(optarg).starts_with(tcp_scheme))
                 return wrong("--listen", optarg, "of the form tcp://HOST:PORT");
             out->listen.emplace_back(optarg);
             break;

@@ -132,7 +132,7 @@ def started(*options):
 def test_what_cannot_be_listened_on_is_said(certificate, tmp_path):
     common = ("--model", SMALL)
     assert started(*common, "--listen", "127.0.0.1:1")[0] == 2
-    for address in ("tcp://127.0.0.1", "tcp://127.0.0.1:", "tcp://:1", "tcp://127.0.0.1:x"):
+    for address in ("tcp://127.0.0.1", "tcp://127.0.0.1:", "tcp://:1", "tcp://127.0.0.1:x", "tcp://127.0.0.1:65536", "tcp://::1:0"):
         status, out, said = started(*common, "--listen", address)
         assert (status, out, said) == (1, "", f"veld: {address}: an address has the form tcp://HOST:PORT\n")
     with socket.socket() as taken:

@@ -28,14 +28,6 @@ char *buffer()
     return bytes;
 }
 
-void set_port(host_address *address, uint16_t port)
-{
-    if (address->bytes.ss_family == AF_INET6)
-        reinterpret_cast<sockaddr_in6 &>(address->bytes).sin6_port = htons(port);
-    else
-        reinterpret_cast<sockaddr_in &>(address->bytes).sin_port = htons(port);
-}
-
 } // namespace
 
 fetch::fetch(loop &events, source_url url, spool &into, int64_t stall_ms, done_handler done)
@@ -149,7 +141,7 @@ void fetch::look_up()
 {
     progress();
     host_address address;
-    if (parse_address(url_.host, AF_UNSPEC, &address)) {
+    if (address_parse(url_.host, AF_UNSPEC, &address)) {
         addresses_.push_back(address);
         connect_next();
         return;
@@ -179,7 +171,7 @@ void fetch::connect_next()
     int problem = ETIMEDOUT;
     while (next_address_ < addresses_.size()) {
         host_address &address = addresses_[next_address_++];
-        set_port(&address, url_.port);
+        address.set_port(url_.port);
         forget();
         fd_.reset(socket(address.bytes.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         if (fd_ && (connect(fd_.get(), reinterpret_cast<sockaddr *>(&address.bytes), address.length) == 0 ||
@@ -211,9 +203,9 @@ void fetch::connected()
         watch(EPOLLIN);
         return;
     }
-    const bool bracketed = url_.host.find(':') != std::string::npos;
-    request_ = "GET " + url_.path + " HTTP/1.0\r\nHost: " + (bracketed ? "[" + url_.host + "]" : url_.host) +
-               (url_.port == 80 ? "" : ":" + std::to_string(url_.port)) +
+    const std::string place = host_port_text({url_.host, url_.port});
+    request_ = "GET " + url_.path +
+               " HTTP/1.0\r\nHost: " + place.substr(0, url_.port == 80 ? place.rfind(':') : std::string::npos) +
                "\r\nUser-Agent: veld\r\nAccept: */*\r\nConnection: close\r\n\r\n";
     stage_ = stage::asking;
     send_request();

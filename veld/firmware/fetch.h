@@ -1,9 +1,9 @@
 // Fetching a file without blocking anybody: from the file system, from a bare TCP connection, over HTTP.
 #pragma once
 
+#include "base/name_lookup.h"
 #include "veld/firmware/source_url.h"
 #include "veld/firmware/spool.h"
-#include "veld/methods/name_lookup.h"
 #include "veld/model/fault.h"
 #include "veld/server/loop.h"
 

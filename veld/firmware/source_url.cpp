@@ -1,8 +1,9 @@
 #include "veld/firmware/source_url.h"
 
 #include <arpa/inet.h>
-#include <charconv>
 #include <string_view>
+
+#include "base/endpoint.h"
 
 namespace veld
 {
@@ -22,10 +23,13 @@ bool clean(std::string_view text)
     return true;
 }
 
-bool take_port(std::string_view text, uint16_t *port)
+bool take_place(const std::optional<host_port> &place, source_url *into)
 {
-    const auto end = std::from_chars(text.data(), text.data() + text.size(), *port);
-    return !text.empty() && end.ec == std::errc{} && end.ptr == text.data() + text.size() && *port != 0;
+    if (!place || place->port == 0)
+        return false;
+    into->host = place->host;
+    into->port = place->port;
+    return true;
 }
 
 bool parse_file(std::string_view rest, source_url *into, std::string *error)
@@ -40,11 +44,8 @@ bool parse_file(std::string_view rest, source_url *into, std::string *error)
 
 bool parse_netcat(std::string_view rest, source_url *into, std::string *error)
 {
-    const size_t colon = rest.rfind(':');
     in_addr address{};
-    into->host = rest.substr(0, colon);
-    if (colon == std::string_view::npos || !take_port(rest.substr(colon + 1), &into->port) ||
-        inet_pton(AF_INET, into->host.c_str(), &address) != 1) {
+    if (!take_place(host_port_parse(rest), into) || inet_pton(AF_INET, into->host.c_str(), &address) != 1) {
         *error = "a netcat URL has the form netcat://IPv4:PORT";
         return false;
     }
@@ -54,22 +55,12 @@ bool parse_netcat(std::string_view rest, source_url *into, std::string *error)
 bool parse_http(std::string_view rest, source_url *into, std::string *error)
 {
     const size_t slash = rest.find_first_of("/?#");
-    std::string_view authority = rest.substr(0, slash);
+    const std::string_view authority = rest.substr(0, slash);
     into->path = slash == std::string_view::npos ? "/" : std::string(rest.substr(slash, rest.find('#') - slash));
     if (into->path.empty() || into->path[0] != '/')
         into->path.insert(0, 1, '/');
-    into->port = http_port;
-    bool good = clean(rest) && authority.find('@') == std::string_view::npos;
-    const size_t bracket = authority.find(']');
-    const size_t colon = authority.rfind(':');
-    if (colon != std::string_view::npos && (bracket == std::string_view::npos || colon > bracket)) {
-        good = good && take_port(authority.substr(colon + 1), &into->port);
-        authority = authority.substr(0, colon);
-    }
-    if (authority.size() > 2 && authority.front() == '[' && authority.back() == ']')
-        authority = authority.substr(1, authority.size() - 2);
-    into->host = authority;
-    if (!good || into->host.empty()) {
+    if (!clean(rest) || authority.find('@') != std::string_view::npos ||
+        !take_place(host_port_parse(authority, http_port), into)) {
         *error = "not a good http URL";
         return false;
     }

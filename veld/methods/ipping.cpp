@@ -1,7 +1,7 @@
 // IPPing: echo requests over an unprivileged ICMP socket.
 #include "base/clock.h"
+#include "base/name_lookup.h"
 #include "veld/methods/job.h"
-#include "veld/methods/name_lookup.h"
 
 #include <linux/errqueue.h>
 #include <netinet/icmp6.h>
@@ -98,7 +98,7 @@ void ipping::proceed()
 
 void ipping::find_host()
 {
-    if (parse_address(host, family, &target_))
+    if (address_parse(host, family, &target_))
         return open_socket();
     lookup_ = name_lookup::start(host, family);
     if (!lookup_)

@@ -1,10 +1,10 @@
 // NSLookup: asks name servers over UDP, and over TCP for what UDP cut off.
 #include "base/clock.h"
+#include "base/name_lookup.h"
 #include "veld/live/live.h"
 #include "veld/live/sysfile.h"
 #include "veld/methods/dns_message.h"
 #include "veld/methods/job.h"
-#include "veld/methods/name_lookup.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -136,10 +136,7 @@ void nslookup::start_round()
 void nslookup::ask_server()
 {
     host_address target = servers[server_];
-    if (target.bytes.ss_family == AF_INET6)
-        reinterpret_cast<sockaddr_in6 *>(&target.bytes)->sin6_port = htons(port);
-    else
-        reinterpret_cast<sockaddr_in *>(&target.bytes)->sin_port = htons(port);
+    target.set_port(port);
     servers[server_] = target;
 
     questions_.clear();
@@ -352,36 +349,10 @@ std::vector<host_address> own_servers()
     for (size_t i = 0; i < json_array_size(rows.get()) && servers.size() < most_servers; i++) {
         const char *text = json_string_value(json_object_get(json_array_get(rows.get(), i), "address"));
         host_address address;
-        if (text != nullptr && parse_address(text, AF_UNSPEC, &address))
+        if (text != nullptr && address_parse(text, AF_UNSPEC, &address))
             servers.push_back(address);
     }
     return servers;
-}
-
-// "SERVER:PORT" and "[ADDRESS]:PORT" ask a server that does not listen where name servers do; an IPv6 address may stand
-// alone.
-bool split_port(std::string *server, uint16_t *port)
-{
-    std::string_view rest;
-    if (server->starts_with('[')) {
-        size_t end = server->find(']');
-        if (end == std::string::npos || end == 1)
-            return false;
-        rest = std::string_view(*server).substr(end + 1);
-    } else if (size_t colon = server->find(':');
-               colon != std::string::npos && server->find(':', colon + 1) == std::string::npos) {
-        rest = std::string_view(*server).substr(colon);
-    }
-    if (!rest.empty()) {
-        std::optional<int64_t> number = rest[0] == ':' ? to_number(rest.substr(1)) : std::nullopt;
-        if (!number || *number < 1 || *number > 65535 || rest.size() == server->size())
-            return false;
-        *port = uint16_t(*number);
-    }
-    server->resize(server->size() - rest.size());
-    if (server->starts_with('['))
-        *server = server->substr(1, server->size() - 2);
-    return true;
 }
 
 } // namespace
@@ -402,14 +373,20 @@ std::unique_ptr<method_job> make_nslookup(const method_call &call)
         return call.refuse("HostName", "not a host name");
 
     std::string server = call.text("DNSServer");
-    if (!split_port(&server, &job->port))
-        return call.refuse("DNSServer", "not a server, SERVER:PORT or [ADDRESS]:PORT");
+    if (!server.empty()) {
+        // Which may listen elsewhere than name servers do.
+        const auto place = host_port_parse(server, job->port);
+        if (!place || place->port == 0)
+            return call.refuse("DNSServer", "not a server, SERVER:PORT or [ADDRESS]:PORT");
+        server = place->host;
+        job->port = place->port;
+    }
     host_address address;
     if (server.find('\0') != std::string::npos)
         return call.refuse("DNSServer", "not the name or address of a server");
     if (server.empty())
         job->servers = own_servers();
-    else if (parse_address(server, AF_UNSPEC, &address))
+    else if (address_parse(server, AF_UNSPEC, &address))
         job->servers = {address};
     job->server = server;
     if (!call.interface(&job->interface))

@@ -1,6 +1,7 @@
 // The sockets on which clients arrive.
 #pragma once
 
+#include "base/endpoint.h"
 #include "base/fd.h"
 #include "veld/server/connection.h"
 
@@ -35,7 +36,7 @@ public:
     /// The address with the port that the system chose, where one was asked for.
     const std::string &address() const { return address_; }
     bool is_open() const { return static_cast<bool>(fd_); }
-    bool is_tcp() const { return address_.starts_with("tcp://"); }
+    bool is_tcp() const { return address_.starts_with(tcp_scheme); }
 
 private:
     bool open_unix(std::string *error);

@@ -1,12 +1,14 @@
 // Getting a context its link: the destination, the connect, the handshake.
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/un.h>
+#include <vector>
 
+#include "base/clock.h"
+#include "base/endpoint.h"
 #include "platform/ve_wait.h"
 #include "vebase/link/jrpcapi_impl.h"
 
@@ -19,8 +21,6 @@ constexpr int pace_ms = 50;
 constexpr int connect_limit_ms = 10000;
 // A UNIX socket whose queue is full says so at once instead of connecting later.
 constexpr int full_queue_pause_ms = 10;
-
-constexpr std::string_view tcp_scheme = "tcp://";
 
 /// The outcome of one step of a connect.
 enum class outcome { done, failed, interrupted };
@@ -43,10 +43,10 @@ outcome timed_out(ve_jrpcapi *ctx)
     return failed_errno(ctx, ETIMEDOUT);
 }
 
-/// Waits for the socket under way. A wait point.
-outcome wait_for(ve_jrpcapi *ctx, short events, int64_t deadline)
+/// A wait point.
+outcome wait_for(ve_jrpcapi *ctx, int descriptor, short events, int64_t deadline)
 {
-    pollfd fd{.fd = ctx->socket.fd, .events = events, .revents = 0};
+    pollfd fd{.fd = descriptor, .events = events, .revents = 0};
     const int ready = ve_wait_poll(&fd, 1, deadline);
     return ready > 0 ? outcome::done : ready == 0 ? timed_out(ctx) : outcome::interrupted;
 }
@@ -64,7 +64,7 @@ outcome connect_to(ve_jrpcapi *ctx, const sockaddr *address, socklen_t size, int
         if (errno == EISCONN)
             break;
         if (errno == EAGAIN && address->sa_family == AF_UNIX) {
-            if (deadline <= ve_wait_deadline(0))
+            if (deadline <= monotonic_ms())
                 return timed_out(ctx);
             if (ve_wait_sleep_ms(full_queue_pause_ms) < 0)
                 return outcome::interrupted;
@@ -72,7 +72,7 @@ outcome connect_to(ve_jrpcapi *ctx, const sockaddr *address, socklen_t size, int
         }
         if (errno != EINPROGRESS && errno != EINTR && errno != EALREADY)
             return failed_errno(ctx, errno);
-        if (const outcome waited = wait_for(ctx, POLLOUT, deadline); waited != outcome::done)
+        if (const outcome waited = wait_for(ctx, ctx->socket.fd, POLLOUT, deadline); waited != outcome::done)
             return waited;
         int error = 0;
         socklen_t length = sizeof error;
@@ -85,37 +85,12 @@ outcome connect_to(ve_jrpcapi *ctx, const sockaddr *address, socklen_t size, int
 
 outcome connect_unix(ve_jrpcapi *ctx, int64_t deadline)
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string &path = ctx->destination;
-    if (path.empty() || path.size() >= sizeof address.sun_path)
-        return failed(
-            ctx, path + ": the path of a socket has 1 to " + std::to_string(sizeof address.sun_path - 1) + " bytes",
-            true);
-    path.copy(address.sun_path, path.size());
+    sockaddr_un address;
+    if (!unix_address(ctx->destination, &address))
+        return failed(ctx,
+                      ctx->destination + ": the path of a socket has 1 to " + std::to_string(unix_path_max) + " bytes",
+                      true);
     return connect_to(ctx, reinterpret_cast<const sockaddr *>(&address), sizeof address, deadline);
-}
-
-/// Splits "tcp://HOST:PORT" and "tcp://[HOST]:PORT".
-bool split_tcp(ve_jrpcapi *ctx)
-{
-    const std::string_view destination = std::string_view(ctx->destination).substr(tcp_scheme.size());
-    const size_t colon = destination.rfind(':');
-    if (colon == std::string_view::npos)
-        return false;
-    std::string_view name = destination.substr(0, colon);
-    const std::string_view digits = destination.substr(colon + 1);
-    uint16_t number = 0;
-    const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    if (parsed.ec != std::errc{} || parsed.ptr != digits.data() + digits.size() || number == 0)
-        return false;
-    if (name.size() > 2 && name.front() == '[' && name.back() == ']')
-        name = name.substr(1, name.size() - 2);
-    else if (name.find_first_of("[]:") != std::string_view::npos)
-        return false;
-    ctx->host = name;
-    ctx->port = digits;
-    return !name.empty();
 }
 
 void tune_tcp(int fd)
@@ -132,22 +107,35 @@ void tune_tcp(int fd)
     setsockopt(fd, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
 }
 
-outcome connect_tcp(ve_jrpcapi *ctx, int64_t deadline)
+/// The addresses of a host. A wait point.
+outcome resolve(ve_jrpcapi *ctx, const std::string &host, int64_t deadline, std::vector<host_address> *found)
 {
-    ctx->resolving = std::make_unique<ve_resolve>(ctx->host, ctx->port);
-    const int resolved = ctx->resolving->wait(deadline);
-    if (resolved < 0)
-        return outcome::interrupted;
-    if (resolved == 0)
-        return timed_out(ctx);
-    if (ctx->resolving->addresses() == nullptr)
-        return failed(ctx, ctx->host + ": " + ctx->resolving->error(), true);
-    outcome last = outcome::failed;
-    for (const addrinfo *entry = ctx->resolving->addresses(); entry != nullptr; entry = entry->ai_next) {
+    host_address plain;
+    if (address_parse(host, AF_UNSPEC, &plain)) {
+        found->push_back(plain);
+        return outcome::done;
+    }
+    ctx->lookup = name_lookup::start(host, AF_UNSPEC);
+    if (!ctx->lookup)
+        return failed(ctx, host + ": " + gai_strerror(EAI_AGAIN), true);
+    if (const outcome waited = wait_for(ctx, ctx->lookup->fd(), POLLIN, deadline); waited != outcome::done)
+        return waited;
+    *found = ctx->lookup->found();
+    return found->empty() ? failed(ctx, host + ": " + ctx->lookup->error(), true) : outcome::done;
+}
+
+outcome connect_tcp(ve_jrpcapi *ctx, const host_port &place, int64_t deadline)
+{
+    std::vector<host_address> addresses;
+    outcome last = resolve(ctx, place.host, deadline, &addresses);
+    if (last != outcome::done)
+        return last;
+    for (size_t i = 0; i < addresses.size(); ++i) {
+        addresses[i].set_port(place.port);
         // An address that swallows everything must leave time for the next one.
-        const int64_t now = ve_wait_deadline(0);
-        const int64_t until = entry->ai_next != nullptr ? now + (deadline - now) / 2 : deadline;
-        last = connect_to(ctx, entry->ai_addr, entry->ai_addrlen, until);
+        const int64_t now = monotonic_ms();
+        const int64_t until = i + 1 < addresses.size() ? now + (deadline - now) / 2 : deadline;
+        last = connect_to(ctx, addresses[i].get(), addresses[i].length, until);
         if (last != outcome::failed)
             break;
     }
@@ -169,7 +157,7 @@ outcome move_records(ve_jrpcapi *ctx, int64_t deadline)
             break; // what the peer said before it left is still to be read
         else if (errno != EINTR && errno != EAGAIN)
             return failed_errno(ctx, errno);
-        else if (const outcome waited = wait_for(ctx, POLLOUT, deadline); waited != outcome::done)
+        else if (const outcome waited = wait_for(ctx, ctx->socket.fd, POLLOUT, deadline); waited != outcome::done)
             return waited;
     }
     return outcome::done;
@@ -189,7 +177,7 @@ outcome shake_hands(ve_jrpcapi *ctx, int64_t deadline)
             return failed(ctx, "TLS: " + ctx->tls_error, true);
         if (step == ve_tls::step::done)
             return outcome::done;
-        if (const outcome waited = wait_for(ctx, POLLIN, deadline); waited != outcome::done)
+        if (const outcome waited = wait_for(ctx, ctx->socket.fd, POLLIN, deadline); waited != outcome::done)
             return waited;
         char records[4096];
         const ssize_t count = recv(ctx->socket.fd, records, sizeof records, 0);
@@ -207,9 +195,11 @@ outcome open_link(ve_jrpcapi *ctx)
     const int64_t deadline = ve_wait_deadline(connect_limit_ms);
     outcome opened;
     if (ctx->destination.starts_with(tcp_scheme)) {
-        if (!split_tcp(ctx))
+        const auto place = host_port_parse(std::string_view(ctx->destination).substr(tcp_scheme.size()));
+        if (!place || place->port == 0)
             return failed(ctx, ctx->destination + ": not of the form tcp://HOST:PORT", true);
-        opened = connect_tcp(ctx, deadline);
+        ctx->host = place->host;
+        opened = connect_tcp(ctx, *place, deadline);
     } else {
         ctx->host = "localhost";
         opened = connect_unix(ctx, deadline);
@@ -236,7 +226,7 @@ int ve_jrpcapi_connect(ve_jrpcapi *ctx)
 {
     ve_jrpcapi_disconnect(ctx);
     if (ctx->failed_at >= 0) {
-        const int64_t left = ctx->failed_at + pace_ms - ve_wait_deadline(0);
+        const int64_t left = ctx->failed_at + pace_ms - monotonic_ms();
         if (left > 0 && ve_wait_sleep_ms(static_cast<int>(left)) < 0) {
             ve_jrpcapi_note(ctx, ve_socket_err_interrupted);
             return -1;
@@ -245,9 +235,9 @@ int ve_jrpcapi_connect(ve_jrpcapi *ctx)
     ctx->connect_error.clear();
     ctx->connect_error_lasts = false;
     // Counts as failed until it succeeds, so that one which Ctrl-C leaves is paced too.
-    ctx->failed_at = ve_wait_deadline(0);
+    ctx->failed_at = monotonic_ms();
     const outcome opened = open_link(ctx);
-    ctx->resolving.reset();
+    ctx->lookup.reset();
     if (opened != outcome::done) {
         ve_jrpcapi_disconnect(ctx);
         ve_jrpcapi_note(ctx, opened == outcome::interrupted ? ve_socket_err_interrupted : ve_socket_err_closed);
@@ -272,7 +262,7 @@ void ve_jrpcapi_disconnect(ve_jrpcapi *ctx)
             send(ctx->socket.fd, ctx->tls_out.data(), ctx->tls_out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
     ve_socket_close(&ctx->socket);
-    ctx->resolving.reset();
+    ctx->lookup.reset();
     ctx->tls.reset();
     ctx->tls_out.clear();
     ctx->queue = {};

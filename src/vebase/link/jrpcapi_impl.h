@@ -10,9 +10,9 @@
 #include <string>
 
 #include "base/framing.h"
+#include "base/name_lookup.h"
 #include "platform/ve_jrpcapi.h"
 #include "platform/ve_json.h"
-#include "vebase/link/resolve.h"
 #include "vebase/link/socket_impl.h"
 #include "vebase/link/tls.h"
 
@@ -45,9 +45,8 @@ struct ve_jrpcapi {
 
     // A connect under way.
     std::string host; // the peer's name; "localhost" for a UNIX socket
-    std::string port;
     std::string tls_error;
-    std::unique_ptr<ve_resolve> resolving;
+    std::unique_ptr<name_lookup> lookup; // of the host, while connecting
 
     std::atomic<bool> woken{false};
     std::atomic<int> wake_fd{-1}; // made by the first receive that waits

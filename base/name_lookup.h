@@ -1,27 +1,11 @@
-// Finding the address of a host without waiting for it: the system's own resolver, in a thread of its own.
+// Finding the addresses of a host without waiting for it: the system's own resolver, in a thread of its own.
 #pragma once
-
-#include "base/fd.h"
-
-#include <sys/socket.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
-namespace veld
-{
-
-struct host_address {
-    sockaddr_storage bytes = {};
-    socklen_t length = 0;
-};
-
-/// The text of an address, without its port.
-std::string address_text(const host_address &address);
-
-/// The address that `text` spells in digits, in the family given (AF_UNSPEC: either). False when it is a name.
-bool parse_address(const std::string &text, int family, host_address *address);
+#include "base/endpoint.h"
 
 /// One look-up. A resolver that hangs outlives the object that asked for it, and its answer is then thrown away.
 class name_lookup
@@ -38,6 +22,8 @@ public:
     bool ended() const;
     /// What was found, in the order of preference; empty when the name is not known.
     std::vector<host_address> found() const;
+    /// Of a look-up that has ended: why nothing was found.
+    const char *error() const;
 
 private:
     struct shared;
@@ -46,5 +32,3 @@ private:
 
     std::shared_ptr<shared> state_;
 };
-
-} // namespace veld

@@ -1,0 +1,110 @@
+#include "base/endpoint.h"
+
+#include <charconv>
+#include <cstring>
+#include <netdb.h>
+#include <netinet/in.h>
+
+namespace
+{
+
+bool take_port(std::string_view digits, uint16_t *port)
+{
+    const char *end = digits.data() + digits.size();
+    const auto [stop, error] = std::from_chars(digits.data(), end, *port);
+    return error == std::errc{} && stop == end;
+}
+
+in_port_t *port_of(sockaddr_storage *bytes)
+{
+    return bytes->ss_family == AF_INET6 ? &reinterpret_cast<sockaddr_in6 *>(bytes)->sin6_port
+                                        : &reinterpret_cast<sockaddr_in *>(bytes)->sin_port;
+}
+
+} // namespace
+
+std::optional<host_port> host_port_parse(std::string_view text, std::optional<uint16_t> usual)
+{
+    std::string_view host;
+    std::string_view rest;
+    if (text.starts_with('[')) {
+        const size_t close = text.find(']');
+        if (close == std::string_view::npos)
+            return std::nullopt;
+        host = text.substr(1, close - 1);
+        rest = text.substr(close + 1);
+    } else {
+        const size_t colon = text.find(':');
+        const bool lone_address = usual && colon != text.rfind(':');
+        host = text.substr(0, lone_address ? std::string_view::npos : colon);
+        rest = text.substr(host.size());
+    }
+    host_port place{.host = std::string(host), .port = usual.value_or(0)};
+    const bool good = rest.empty() ? usual.has_value() : rest.front() == ':' && take_port(rest.substr(1), &place.port);
+    if (!good || host.empty() || host.find_first_of("[]") != std::string_view::npos)
+        return std::nullopt;
+    return place;
+}
+
+std::string host_port_text(const host_port &place)
+{
+    const bool bracketed = place.host.find(':') != std::string::npos;
+    return (bracketed ? "[" + place.host + "]" : place.host) + ":" + std::to_string(place.port);
+}
+
+bool unix_address(const std::string &path, sockaddr_un *address)
+{
+    *address = {};
+    address->sun_family = AF_UNIX;
+    if (path.empty() || path.size() > unix_path_max)
+        return false;
+    path.copy(address->sun_path, path.size());
+    return true;
+}
+
+uint16_t host_address::port() const
+{
+    sockaddr_storage copy = bytes;
+    return ntohs(*port_of(&copy));
+}
+
+void host_address::set_port(uint16_t port)
+{
+    *port_of(&bytes) = htons(port);
+}
+
+std::string address_text(const host_address &address)
+{
+    char text[NI_MAXHOST];
+    return getnameinfo(address.get(), address.length, text, sizeof text, nullptr, 0, NI_NUMERICHOST) == 0 ? text : "";
+}
+
+int addresses_of(const std::string &host, int family, std::vector<host_address> *found, int flags)
+{
+    addrinfo wanted{};
+    wanted.ai_family = family;
+    wanted.ai_socktype = SOCK_STREAM; // each address once
+    wanted.ai_flags = flags;
+    addrinfo *list = nullptr;
+    const int outcome = getaddrinfo(host.c_str(), nullptr, &wanted, &list);
+    for (const addrinfo *each = list; each != nullptr; each = each->ai_next) {
+        if (each->ai_addrlen > sizeof(sockaddr_storage))
+            continue;
+        host_address &address = found->emplace_back();
+        memcpy(&address.bytes, each->ai_addr, each->ai_addrlen);
+        address.length = each->ai_addrlen;
+    }
+    if (list != nullptr)
+        freeaddrinfo(list);
+    return outcome;
+}
+
+bool address_parse(const std::string &text, int family, host_address *address)
+{
+    std::vector<host_address> found;
+    addresses_of(text, family, &found, AI_NUMERICHOST);
+    if (found.empty())
+        return false;
+    *address = found.front();
+    return true;
+}
