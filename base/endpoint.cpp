@@ -1,19 +1,13 @@
 #include "base/endpoint.h"
 
-#include <charconv>
 #include <cstring>
 #include <netdb.h>
 #include <netinet/in.h>
 
+#include "base/number.h"
+
 namespace
 {
-
-bool take_port(std::string_view digits, uint16_t *port)
-{
-    const char *end = digits.data() + digits.size();
-    const auto [stop, error] = std::from_chars(digits.data(), end, *port);
-    return error == std::errc{} && stop == end;
-}
 
 in_port_t *port_of(sockaddr_storage *bytes)
 {
@@ -39,11 +33,12 @@ std::optional<host_port> host_port_parse(std::string_view text, std::optional<ui
         host = text.substr(0, lone_address ? std::string_view::npos : colon);
         rest = text.substr(host.size());
     }
-    host_port place{.host = std::string(host), .port = usual.value_or(0)};
-    const bool good = rest.empty() ? usual.has_value() : rest.front() == ':' && take_port(rest.substr(1), &place.port);
-    if (!good || host.empty() || host.find_first_of("[]") != std::string_view::npos)
+    const std::optional<uint16_t> port = rest.empty()            ? usual
+                                         : rest.starts_with(':') ? number_of<uint16_t>(rest.substr(1))
+                                                                 : std::nullopt;
+    if (!port || host.empty() || host.find_first_of("[]") != std::string_view::npos)
         return std::nullopt;
-    return place;
+    return host_port{.host = std::string(host), .port = *port};
 }
 
 std::string host_port_text(const host_port &place)

@@ -1,6 +1,7 @@
 #include "veld/options.h"
 
 #include "base/endpoint.h"
+#include "base/number.h"
 
 #include <charconv>
 #include <cstdio>
@@ -97,8 +98,9 @@ bool seconds(const char *text, int64_t *milliseconds)
 
 bool bytes(const char *text, uint64_t *out)
 {
-    const auto end = std::from_chars(text, text + strlen(text), *out);
-    return end.ec == std::errc{} && *end.ptr == '\0';
+    const auto number = number_of<uint64_t>(text);
+    *out = number.value_or(*out);
+    return number.has_value();
 }
 
 bool count(const char **text, uint32_t *out)

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/fd.h"
 #include "dispatch/table.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
@@ -32,19 +33,12 @@ public:
     explicit line_reader(const char *path) : fd_(path != nullptr ? open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1)
     {
         struct stat info;
-        if (fd_ >= 0 && (fstat(fd_, &info) != 0 || S_ISDIR(info.st_mode)))
-            close(std::exchange(fd_, -1));
-        await_writer_ = fd_ >= 0 && S_ISFIFO(info.st_mode);
+        if (fd_ && (fstat(fd_.get(), &info) != 0 || S_ISDIR(info.st_mode)))
+            fd_.reset();
+        await_writer_ = fd_ && S_ISFIFO(info.st_mode);
     }
-    ~line_reader()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    line_reader(const line_reader &) = delete;
-    line_reader &operator=(const line_reader &) = delete;
 
-    bool is_open() const { return fd_ >= 0; }
+    bool is_open() const { return static_cast<bool>(fd_); }
     /// 0 until a read failed.
     int error() const { return error_; }
 
@@ -74,7 +68,7 @@ private:
         if (std::exchange(await_writer_, false))
             wait();
         ssize_t count;
-        while ((count = read(fd_, buffer_.data(), block_size)) < 0 && (errno == EAGAIN || errno == EINTR)) {
+        while ((count = read(fd_.get(), buffer_.data(), block_size)) < 0 && (errno == EAGAIN || errno == EINTR)) {
             if (!wait())
                 break;
         }
@@ -86,11 +80,11 @@ private:
 
     bool wait() const
     {
-        pollfd input = {fd_, POLLIN, 0};
+        pollfd input = {fd_.get(), POLLIN, 0};
         return ve_wait_poll(&input, 1, -1) >= 0;
     }
 
-    int fd_;
+    fd_owner fd_;
     int error_ = 0;
     bool await_writer_ = false;
     std::string buffer_;

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/fd.h"
 #include "cdpath/cdpath.h"
 #include "cline/cline.h"
 #include "commands/file_server.h"
@@ -106,20 +107,16 @@ void run_config(const char *path)
         return;
     }
     ve_out_flush();
-    const int kept = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    const int hidden = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (kept >= 0 && hidden >= 0) {
-        dup2(hidden, STDOUT_FILENO);
+    const fd_owner kept{fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)};
+    const fd_owner hidden{open("/dev/null", O_WRONLY | O_CLOEXEC)};
+    if (kept && hidden) {
+        dup2(hidden.get(), STDOUT_FILENO);
         ve_out_reopened();
         run_script(path, 1);
         ve_out_flush();
-        dup2(kept, STDOUT_FILENO);
+        dup2(kept.get(), STDOUT_FILENO);
         ve_out_reopened();
     }
-    if (hidden >= 0)
-        close(hidden);
-    if (kept >= 0)
-        close(kept);
 }
 
 int enter_mode(const cline_options &options)

@@ -1,8 +1,7 @@
+#include "base/number.h"
 #include "platform/ve_string.h"
 
-#include <charconv>
 #include <cmath>
-#include <cstring>
 
 namespace
 {
@@ -11,16 +10,12 @@ template <class T> int convert(const char *text, int base, T *out)
 {
     if (text == nullptr)
         return -1;
-    const char *end = text + strlen(text);
-    T value{};
-    const auto [stop, error] = std::from_chars(text, end, value, base);
-    if (error != std::errc{} || stop != end || stop == text)
-        return -1;
-    *out = value;
-    return 0;
+    const std::optional<T> value = number_of<T>(text, base);
+    *out = value.value_or(*out);
+    return value ? 0 : -1;
 }
 
-/// from_chars takes no "+"; people type it.
+/// People type it.
 const char *without_plus(const char *text)
 {
     return text != nullptr && text[0] == '+' && text[1] != '-' && text[1] != '+' ? text + 1 : text;
@@ -43,11 +38,9 @@ int ve_string_strtod(const char *text, double *out)
     text = without_plus(text);
     if (text == nullptr)
         return -1;
-    const char *end = text + strlen(text);
-    double value = 0;
-    const auto [stop, error] = std::from_chars(text, end, value);
-    if (error != std::errc{} || stop != end || stop == text || !std::isfinite(value))
+    const std::optional<double> value = number_of<double>(text);
+    if (!value || !std::isfinite(*value))
         return -1;
-    *out = value;
+    *out = *value;
     return 0;
 }

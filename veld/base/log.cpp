@@ -1,5 +1,6 @@
 #include "veld/base/log.h"
 
+#include "base/fd.h"
 #include "base/visible.h"
 
 #include <cstdarg>
@@ -19,12 +20,12 @@ constexpr const char *level_names[] = {"error", "warning", "info", "debug"};
 
 // Set by log_open() and log_reopen() only.
 log_level shown = log_level::warning;
-int target_fd = STDERR_FILENO;
+fd_owner file; // standard error without one
 std::string file_path;
 
-int open_file()
+fd_owner open_file()
 {
-    return open(file_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
+    return fd_owner(open(file_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640));
 }
 
 } // namespace
@@ -38,10 +39,9 @@ bool log_open(const char *target)
         }
     }
     file_path = target;
-    const int fd = open_file();
-    if (fd < 0)
+    file = open_file();
+    if (!file)
         return false;
-    target_fd = fd;
     shown = log_level::info;
     return true;
 }
@@ -50,13 +50,12 @@ void log_reopen()
 {
     if (file_path.empty())
         return;
-    const int fd = open_file();
-    if (fd < 0) {
+    fd_owner again = open_file();
+    if (!again) {
         LOG_ERROR("cannot open the log file %s again: %m", file_path.c_str());
         return;
     }
-    close(target_fd);
-    target_fd = fd;
+    file = std::move(again);
 }
 
 void log_line(log_level level, const char *format, ...)
@@ -81,7 +80,7 @@ void log_line(log_level level, const char *format, ...)
              level_names[static_cast<size_t>(level)]);
     const std::string line = head + visible(text) + "\n";
     // A log that cannot be written must not stop the daemon.
-    [[maybe_unused]] const ssize_t written = write(target_fd, line.data(), line.size());
+    [[maybe_unused]] const ssize_t written = write(file ? file.get() : STDERR_FILENO, line.data(), line.size());
 }
 
 } // namespace veld

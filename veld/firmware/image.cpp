@@ -1,9 +1,10 @@
 #include "veld/firmware/image.h"
 
+#include "base/number.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -73,9 +74,8 @@ bool take_flag(std::string_view flag, image_header *into)
     static constexpr std::string_view named = "fail=";
     if (!flag.starts_with(named))
         return false;
-    const std::string_view digits = flag.substr(named.size());
-    const auto end = std::from_chars(digits.data(), digits.data() + digits.size(), into->failure);
-    return end.ec == std::errc{} && end.ptr == digits.data() + digits.size() && into->failure < 0;
+    into->failure = number_of<int>(flag.substr(named.size())).value_or(0);
+    return into->failure < 0;
 }
 
 struct file_closer {

@@ -1,9 +1,9 @@
 #include "veld/import/types.h"
 
+#include "base/number.h"
 #include "veld/model/pattern.h"
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 #include <string_view>
 
@@ -246,15 +246,9 @@ bool within(const std::vector<interval> &list, int64_t number)
            });
 }
 
-template <class number_type> std::optional<number_type> number_of(std::string_view text)
+template <class number_type> std::optional<number_type> declared_number(std::string_view text)
 {
-    number_type number{};
-    if (text.starts_with('+'))
-        text.remove_prefix(1);
-    auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (problem != std::errc{} || end != text.data() + text.size())
-        return std::nullopt;
-    return number;
+    return number_of<number_type>(text.substr(text.starts_with('+') ? 1 : 0));
 }
 
 // The declared default as a value of the type; null when it is none.
@@ -265,11 +259,11 @@ json_t *declared_default(const std::string &type, const std::string &text)
         return truth || text == "false" || text == "0" ? json_boolean(truth) : nullptr;
     }
     if (is_integer(type)) {
-        std::optional<int64_t> number = number_of<int64_t>(text);
+        std::optional<int64_t> number = declared_number<int64_t>(text);
         return number && within({span_of(type)}, *number) ? json_integer(*number) : nullptr;
     }
     if (type == "decimal") {
-        std::optional<double> number = number_of<double>(text);
+        std::optional<double> number = declared_number<double>(text);
         return number ? json_real(*number) : nullptr;
     }
     return json_string(text.c_str());

@@ -1,5 +1,7 @@
 // The network: interfaces with their addresses and counters, neighbours, name servers, routes, sockets.
 #include "base/clock.h"
+#include "base/fd.h"
+#include "base/number.h"
 #include "veld/live/providers.h"
 
 #include <arpa/inet.h>
@@ -177,13 +179,12 @@ int64_t mtu_of(const interface &of)
 {
     ifreq request = {};
     int mtu = 0;
-    int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
+    const fd_owner fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fd)
         return mtu;
     of.name.copy(request.ifr_name, sizeof request.ifr_name - 1);
-    if (ioctl(fd, SIOCGIFMTU, &request) == 0)
+    if (ioctl(fd.get(), SIOCGIFMTU, &request) == 0)
         mtu = request.ifr_mtu;
-    close(fd);
     return mtu;
 }
 
@@ -252,7 +253,7 @@ bool has_default_route(const interface &of)
 // An IPv4 address as /proc/net writes it: the word in the machine's order, in hexadecimal digits.
 std::string hex_ipv4(std::string_view digits)
 {
-    std::optional<int64_t> word = digits.size() == 8 ? to_number(digits, 16) : std::nullopt;
+    std::optional<int64_t> word = digits.size() == 8 ? number_of<int64_t>(digits, 16) : std::nullopt;
     if (!word)
         return "";
     auto bytes = uint32_t(*word);
@@ -263,7 +264,7 @@ std::string hex_ipv6(std::string_view digits)
 {
     uint32_t words[4];
     for (int i = 0; i < 4; i++) {
-        std::optional<int64_t> word = to_number(digits.substr(size_t(i) * 8, 8), 16);
+        std::optional<int64_t> word = number_of<int64_t>(digits.substr(size_t(i) * 8, 8), 16);
         if (!word)
             return "";
         words[i] = uint32_t(*word);
@@ -278,7 +279,7 @@ bool split_endpoint(std::string_view word, std::string *text, int64_t *port)
     if (colon == std::string_view::npos)
         return false;
     *text = colon == 32 ? hex_ipv6(word.substr(0, colon)) : hex_ipv4(word.substr(0, colon));
-    std::optional<int64_t> number = to_number(word.substr(colon + 1), 16);
+    std::optional<int64_t> number = number_of<int64_t>(word.substr(colon + 1), 16);
     *port = number.value_or(0);
     return number && !text->empty();
 }
@@ -333,7 +334,7 @@ json_t *rows_of_arp(std::string_view text)
         std::string_view device = next_word(&line);
         if (device.empty() || !flags.starts_with("0x"))
             continue;
-        int64_t bits = to_number(flags.substr(2), 16).value_or(0);
+        int64_t bits = number_of<int64_t>(flags.substr(2), 16).value_or(0);
         bool complete = (bits & ATF_COM) != 0;
         live_row(std::string(ip) + "%" + std::string(device))
             .set("address", ip)
@@ -381,7 +382,7 @@ json_t *rows_of_route(std::string_view text)
         std::string_view device = next_word(&line);
         std::string destination = hex_ipv4(next_word(&line));
         std::string gateway = hex_ipv4(next_word(&line));
-        bool up = (to_number(next_word(&line), 16).value_or(0) & 1) != 0;
+        bool up = (number_of<int64_t>(next_word(&line), 16).value_or(0) & 1) != 0;
         next_word(&line); // references
         next_word(&line); // use
         std::string_view metric = next_word(&line);

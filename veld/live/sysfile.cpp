@@ -2,6 +2,7 @@
 
 #include "base/fd.h"
 #include "base/file.h"
+#include "base/number.h"
 #include "base/utf8.h"
 
 #include <fcntl.h>
@@ -9,7 +10,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 
 namespace veld
 {
@@ -49,18 +49,9 @@ std::string_view next_word(std::string_view *line)
     return word;
 }
 
-std::optional<int64_t> to_number(std::string_view word, int base)
-{
-    int64_t number = 0;
-    auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number, base);
-    if (error != std::errc{} || end != word.data() + word.size())
-        return std::nullopt;
-    return number;
-}
-
 int64_t number_or_zero(std::string_view word)
 {
-    return to_number(word).value_or(0);
+    return number_of<int64_t>(word).value_or(0);
 }
 
 json_t *json_clean_text(std::string_view text, size_t limit)

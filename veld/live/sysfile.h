@@ -19,8 +19,6 @@ std::string read_sysfile(const char *path, size_t limit = size_t{4} << 20);
 bool next_line(std::string_view *text, std::string_view *line);
 /// Takes the next word between blanks off the front of `*line`; empty at the end.
 std::string_view next_word(std::string_view *line);
-/// A number that is the whole of `word`.
-std::optional<int64_t> to_number(std::string_view word, int base = 10);
 /// A number, or 0.
 int64_t number_or_zero(std::string_view word);
 

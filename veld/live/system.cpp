@@ -1,5 +1,6 @@
 // The machine itself: time, memory, load, processors, processes.
 #include "base/clock.h"
+#include "base/number.h"
 #include "veld/live/providers.h"
 
 #include <sys/statvfs.h>
@@ -45,7 +46,7 @@ std::optional<int64_t> meminfo_field(std::string_view text, std::string_view nam
     for (std::string_view line; next_line(&text, &line);) {
         std::string_view label = next_word(&line);
         if (label.ends_with(':') && label.substr(0, label.size() - 1) == name)
-            return to_number(next_word(&line));
+            return number_of<int64_t>(next_word(&line));
     }
     return std::nullopt;
 }
@@ -215,9 +216,9 @@ json_t *rows_of_cpuinfo(std::string_view text, const char *architecture)
             continue;
         std::string_view label = line.substr(0, std::min(colon, line.find_last_not_of(" \t", colon - 1) + 1));
         std::string_view value = line.substr(std::min(colon + 2, line.size()));
-        if (label == "processor" && to_number(value)) {
+        if (label == "processor" && number_of<int64_t>(value)) {
             finish();
-            number = *to_number(value);
+            number = *number_of<int64_t>(value);
             model = {};
             frequency = 0;
         } else if (label == "model name") {
@@ -279,7 +280,7 @@ void row_of_process(std::string_view text, json_t *rows)
     if (open == std::string_view::npos || close == std::string_view::npos || close < open)
         return;
     std::string_view head = text.substr(0, open);
-    std::optional<int64_t> pid = to_number(next_word(&head));
+    std::optional<int64_t> pid = number_of<int64_t>(next_word(&head));
     std::string_view name = text.substr(open + 1, close - open - 1);
     std::string_view rest = text.substr(close + 1);
     rest = rest.substr(0, rest.find('\n'));
@@ -310,7 +311,7 @@ json_t *live_processes()
     if (proc == nullptr)
         return rows;
     while (const dirent *entry = readdir(proc)) {
-        if (!to_number(entry->d_name))
+        if (!number_of<int64_t>(entry->d_name))
             continue;
         // A process that ended since leaves an empty text.
         std::string text = read_sysfile((std::string("/proc/") + entry->d_name + "/stat").c_str());

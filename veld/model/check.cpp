@@ -1,10 +1,10 @@
 #include "veld/model/check.h"
 
+#include "base/number.h"
 #include "veld/base/json_text.h"
 
 #include <algorithm>
 #include <cctype>
-#include <charconv>
 #include <cmath>
 
 namespace veld
@@ -39,9 +39,7 @@ bool is_date_time(std::string_view text)
             return false;
     }
     const auto number = [&text](size_t at, size_t digits) {
-        int value = 0;
-        std::from_chars(text.data() + at, text.data() + at + digits, value);
-        return value;
+        return number_of<int>(text.substr(at, digits)).value_or(0);
     };
     static constexpr int days[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
     const int year = number(0, 4);
@@ -232,13 +230,12 @@ const char *expected(value_type type)
 // A text of digits, for an unsignedLong; null when it is none, or too large.
 json_t *from_digits(std::string_view digits)
 {
-    uint64_t number = 0;
-    const auto end = std::from_chars(digits.data(), digits.data() + digits.size(), number);
-    if (digits.empty() || end.ec != std::errc{} || end.ptr != digits.data() + digits.size())
+    const auto number = number_of<uint64_t>(digits);
+    if (!number)
         return nullptr;
-    if (number <= static_cast<uint64_t>(INT64_MAX))
-        return json_integer(static_cast<json_int_t>(number));
-    return json_string(std::to_string(number).c_str());
+    if (*number <= static_cast<uint64_t>(INT64_MAX))
+        return json_integer(static_cast<json_int_t>(*number));
+    return json_string(std::to_string(*number).c_str());
 }
 
 } // namespace

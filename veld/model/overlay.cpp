@@ -1,10 +1,10 @@
 #include "veld/model/overlay.h"
 
+#include "base/number.h"
 #include "veld/base/log.h"
 #include "veld/model/check.h"
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 
 namespace veld
@@ -116,9 +116,8 @@ bool applier::instances(node *of, json_t *numbered)
     json_object_foreach(numbered, key, value)
     {
         const std::string_view text = key;
-        uint32_t number = 0;
-        const auto end = std::from_chars(text.data(), text.data() + text.size(), number);
-        if (end.ec != std::errc{} || end.ptr != text.data() + text.size() || number == 0 || text[0] == '0')
+        const uint32_t number = text.starts_with('0') ? 0 : number_of<uint32_t>(text).value_or(0);
+        if (number == 0)
             return fail(of, "\"" + std::string(text) + "\" is no instance number");
         entries.push_back({number, value});
     }

@@ -1,12 +1,12 @@
 #include "veld/model/tree.h"
 
+#include "base/number.h"
 #include "veld/base/json_text.h"
 #include "veld/base/log.h"
 #include "veld/model/check.h"
 #include "veld/model/overlay.h"
 
 #include <algorithm>
-#include <charconv>
 
 namespace veld
 {
@@ -21,9 +21,7 @@ bool is_empty_text(const json_t *value)
 
 uint32_t instance_number(std::string_view name)
 {
-    uint32_t number = 0;
-    const auto end = std::from_chars(name.data(), name.data() + name.size(), number);
-    return end.ec == std::errc{} && end.ptr == name.data() + name.size() && name[0] != '0' ? number : 0;
+    return name.starts_with('0') ? 0 : number_of<uint32_t>(name).value_or(0);
 }
 
 bool before(const std::unique_ptr<node> &instance, uint32_t number)
