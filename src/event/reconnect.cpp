@@ -21,18 +21,19 @@ constexpr int logout_timeout_ms = 1000;
 constexpr long spinner_pause_ns = 250'000'000;
 constexpr size_t spinner_stack_size = size_t{128} << 10;
 
-// The spinner that may draw: its number, or 0 for none. A thread that was left behind finds another number here and
-// ends.
-std::atomic<unsigned> active_spinner{0};
-std::mutex draw_lock; // held while drawing; the main thread never waits with it, nor for it but at wait points
-
-bool under_way = false;
+struct {
+    bool under_way = false;
+    unsigned last_spinner = 0; ///< the number given out last
+    /// The spinner that may draw, 0 for none. A thread that was left behind finds another number here and ends.
+    std::atomic<unsigned> active_spinner{0};
+    std::mutex draw_lock; ///< held while drawing; the main thread never waits with it, nor for it but at wait points
+} reconnect;
 
 struct reconnect_scope {
-    reconnect_scope() { under_way = true; }
+    reconnect_scope() { reconnect.under_way = true; }
     reconnect_scope(const reconnect_scope &) = delete;
     reconnect_scope &operator=(const reconnect_scope &) = delete;
-    ~reconnect_scope() { under_way = false; }
+    ~reconnect_scope() { reconnect.under_way = false; }
 };
 
 void reconnect_progress(const std::string &text, unsigned number)
@@ -40,8 +41,8 @@ void reconnect_progress(const std::string &text, unsigned number)
     for (;;) {
         const timespec pause{.tv_sec = 0, .tv_nsec = spinner_pause_ns};
         nanosleep(&pause, nullptr);
-        const std::scoped_lock lock(draw_lock);
-        if (active_spinner != number)
+        const std::scoped_lock lock(reconnect.draw_lock);
+        if (reconnect.active_spinner != number)
             return;
         ve_rl_draw_circle_progress(text.c_str());
     }
@@ -50,24 +51,24 @@ void reconnect_progress(const std::string &text, unsigned number)
 /// Draws the first picture and starts the thread that draws the others.
 void spinner_start(const char *text)
 {
-    static unsigned last_number = 0;
-    if (++last_number == 0)
-        ++last_number;
+    if (++reconnect.last_spinner == 0)
+        ++reconnect.last_spinner;
     ve_rl_draw_circle_progress(text);
-    active_spinner = last_number;
+    reconnect.active_spinner = reconnect.last_spinner;
     // Without a thread the first picture stays.
-    (void)thread_start(spinner_stack_size,
-                       [text = std::string(text), number = last_number] { reconnect_progress(text, number); });
+    (void)thread_start(spinner_stack_size, [text = std::string(text), number = reconnect.last_spinner] {
+        reconnect_progress(text, number);
+    });
 }
 
 /// Returns once the spinner draws no more, after Ctrl-C once it draws no picture but the one under way. A wait point.
 void spinner_stop()
 {
-    active_spinner = 0;
-    while (!draw_lock.try_lock())
+    reconnect.active_spinner = 0;
+    while (!reconnect.draw_lock.try_lock())
         if (ve_wait_sleep_ms(1) < 0)
             return;
-    draw_lock.unlock();
+    reconnect.draw_lock.unlock();
 }
 
 /// Says on standard error why connecting is in vain, once for each reconnect.
@@ -83,7 +84,7 @@ void tell_lasting_error(bool *told, const char *before)
 
 bool reconnect_under_way()
 {
-    return under_way;
+    return reconnect.under_way;
 }
 
 json_t *server_reconnect(const char *text)

@@ -1,18 +1,12 @@
 #include "event/request.h"
 
-#include <cstdlib>
-#include <cstring>
-
 #include "event/listener.h"
 #include "event/reconnect.h"
 #include "event/replies.h"
 #include "platform/ve_json.h"
-#include "platform/ve_log.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 
-char *saved_login = nullptr;
-char *saved_pass = nullptr;
 ve_jrpcapi *request_ctx = nullptr;
 ve_jrpcapi *group_ctx = nullptr;
 
@@ -21,17 +15,15 @@ namespace
 
 constexpr int usual_timeout_ms = 5000;
 
-request_hooks hooks{};
-bool reconnect_allowed = true;
+struct {
+    request_hooks hooks{};
+    bool reconnect_allowed = true;
+    login_words login;
+} channel;
 
-char *copy_of(const char *text)
+std::string text_or_empty(const char *text)
 {
-    if (text == nullptr || text[0] == '\0')
-        return nullptr;
-    const size_t size = strlen(text) + 1;
-    auto *copy = static_cast<char *>(ve_xmalloc(size, "kest_update_login", __LINE__, "request"));
-    memcpy(copy, text, size);
-    return copy;
+    return text != nullptr ? text : "";
 }
 
 /// Ends a request of somebody who asks before there are links.
@@ -53,7 +45,7 @@ int exchange(ve_jrpcmsg *msg, int timeout_ms)
 /// Whether what ended with `result` met a lost link that is there again now, so that it is worth another try.
 bool link_came_back(int result)
 {
-    if (result >= 0 || ve_jrpcapi_get_socket_err(request_ctx) != ve_socket_err_closed || !reconnect_allowed ||
+    if (result >= 0 || ve_jrpcapi_get_socket_err(request_ctx) != ve_socket_err_closed || !channel.reconnect_allowed ||
         reconnect_under_way())
         return false;
     server_reconnect("Reconnecting... ");
@@ -64,7 +56,7 @@ bool link_came_back(int result)
 
 void request_set_hooks(const request_hooks &filled)
 {
-    hooks = filled;
+    channel.hooks = filled;
 }
 
 int msg_exec(ve_jrpcmsg *msg, int timeout_ms)
@@ -117,22 +109,22 @@ int msg_logout()
 
 bool msg_allow_reconnect(bool allowed)
 {
-    const bool held = reconnect_allowed;
-    reconnect_allowed = allowed;
+    const bool held = channel.reconnect_allowed;
+    channel.reconnect_allowed = allowed;
     return held;
+}
+
+const login_words &saved_login()
+{
+    return channel.login;
 }
 
 json_t *kest_update_login(const char *login, const char *password)
 {
-    char *const new_login = copy_of(login);
-    char *const new_pass = copy_of(password);
-    free(saved_login);
-    free(saved_pass);
-    saved_login = new_login;
-    saved_pass = new_pass;
-    if (hooks.prompt_update != nullptr)
-        hooks.prompt_update();
-    return hooks.reload != nullptr ? hooks.reload() : nullptr;
+    channel.login = {text_or_empty(login), text_or_empty(password)}; // they may be those that are kept
+    if (channel.hooks.prompt_update != nullptr)
+        channel.hooks.prompt_update();
+    return channel.hooks.reload != nullptr ? channel.hooks.reload() : nullptr;
 }
 
 int group_send(ve_jrpcmsg *msg)

@@ -1,11 +1,17 @@
 // The request channel: the one way by which the client asks the daemon. Main thread only.
 #pragma once
 
+#include <string>
+
 #include "platform/ve_jrpcapi.h"
 
-/// Current login, kept for the prompt and the shell's start; null for none. Written by kest_update_login alone.
-extern char *saved_login;
-extern char *saved_pass;
+/// The current login, kept for the prompt and the shell's start; both empty for none. Written by kest_update_login
+/// alone.
+struct login_words {
+    std::string user;
+    std::string password;
+};
+const login_words &saved_login();
 
 /// The two links; set by start_event_handler.
 extern ve_jrpcapi *request_ctx;
@@ -40,8 +46,8 @@ bool msg_allow_reconnect(bool allowed);
 /// and the cache reloaded. Returns the reloaded scheme cache (borrowed), null after Ctrl-C, which leaves the link lost.
 json_t *server_reconnect(const char *text);
 
-/// Remembers login and password (null: none), rebuilds the prompt and reloads the scheme cache, which is returned
-/// (borrowed).
+/// Remembers login and password (null or empty: none), rebuilds the prompt and reloads the scheme cache, which is
+/// returned (borrowed).
 json_t *kest_update_login(const char *login, const char *password);
 
 int group_send(ve_jrpcmsg *msg);

@@ -177,7 +177,5 @@ int kest_main(int argc, char **argv)
     }
     ve_jrpcapi_deinit(request);
     ve_jrpcapi_deinit(group);
-    free(saved_login);
-    free(saved_pass);
     return result & 0xff;
 }

@@ -67,8 +67,10 @@ void try_login()
 {
     // The reverse of every other test on a login: a name that is refused stays in the prompt, one that is accepted
     // gives way to the user of this process.
-    if (saved_login != nullptr && ve_jrpcapi_login(request_ctx, saved_login, saved_pass) != 0)
-        kest_update_login(saved_login, saved_pass);
+    const auto &[user, password] = saved_login();
+    const char *given = password.empty() ? nullptr : password.c_str();
+    if (!user.empty() && ve_jrpcapi_login(request_ctx, user.c_str(), given) != 0)
+        kest_update_login(user.c_str(), given);
     else
         login_as_process_user();
 }

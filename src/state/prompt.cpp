@@ -19,8 +19,8 @@ char prompt_postfix[16];
 
 void prompt_update_path()
 {
-    const bool logged_in = saved_login != nullptr && saved_login[0] != '\0';
-    prompt = (logged_in ? std::string(saved_login) + "@kest" : "kest") + prompt_postfix + ":" + cwd.path + "> ";
+    const std::string &user = saved_login().user;
+    prompt = user + (user.empty() ? "kest" : "@kest") + prompt_postfix + ":" + cwd.path + "> ";
     prompt.resize(utf8_cut(prompt, prompt_size));
 }
 

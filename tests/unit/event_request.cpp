@@ -33,9 +33,7 @@ public:
     {
         request_ctx = nullptr;
         request_set_hooks({});
-        free(saved_login);
-        free(saved_pass);
-        saved_login = saved_pass = nullptr;
+        kest_update_login(nullptr, nullptr);
     }
 
     static inline int reloads = 0;
@@ -146,10 +144,10 @@ TEST(MsgExec, ReconnectsOnceAndRepeatsTheRequest)
     const channel link(peer.destination());
     kest_update_login("admin", "secret");
     channel::reload_asks = true;
-    EXPECT_STREQ(saved_login, "admin");
+    EXPECT_EQ(saved_login().user, "admin");
     EXPECT_EQ(ask(), 0);
-    EXPECT_EQ(saved_login, nullptr);
-    EXPECT_EQ(saved_pass, nullptr);
+    EXPECT_EQ(saved_login().user, "");
+    EXPECT_EQ(saved_login().password, "");
     EXPECT_EQ(channel::reload_code, 0);
     const std::string text = output.text();
     EXPECT_TRUE(text.starts_with("<spin Reconnecting... >")) << text;
@@ -328,15 +326,15 @@ TEST(UpdateLogin, CopiesBeforeItFrees)
     const scripted_peer peer(answer_all);
     const channel link(peer.destination());
     kest_update_login("admin", nullptr);
-    EXPECT_STREQ(saved_login, "admin");
-    EXPECT_EQ(saved_pass, nullptr);
+    EXPECT_EQ(saved_login().user, "admin");
+    EXPECT_EQ(saved_login().password, "");
     kest_update_login("admin", "secret");
-    kest_update_login(saved_login, saved_pass);
-    EXPECT_STREQ(saved_login, "admin");
-    EXPECT_STREQ(saved_pass, "secret");
+    kest_update_login(saved_login().user.c_str(), saved_login().password.c_str());
+    EXPECT_EQ(saved_login().user, "admin");
+    EXPECT_EQ(saved_login().password, "secret");
     kest_update_login("", "");
-    EXPECT_EQ(saved_login, nullptr);
-    EXPECT_EQ(saved_pass, nullptr);
+    EXPECT_EQ(saved_login().user, "");
+    EXPECT_EQ(saved_login().password, "");
     EXPECT_EQ(channel::prompts, 4);
     EXPECT_EQ(channel::reloads, 4);
 }

@@ -69,7 +69,7 @@ TEST_F(Prompt, ALongLoginIsCutForTheEyeOnly)
     const std::string login(10000, 'x');
     log_in(login.c_str());
     EXPECT_EQ(shown(), login.substr(0, 383));
-    EXPECT_EQ(saved_login, login);
+    EXPECT_EQ(saved_login().user, login);
 }
 
 TEST_F(Prompt, IsCutBetweenCharacters)
@@ -100,7 +100,7 @@ TEST_F(Prompt, AnUnfinishedStatementHasItsOwn)
 TEST_F(Prompt, PassingTheKeptLoginItselfIsSafe)
 {
     log_in("admin");
-    kest_update_login(saved_login, saved_pass);
-    EXPECT_STREQ(saved_login, "admin");
-    EXPECT_EQ(saved_pass, nullptr);
+    kest_update_login(saved_login().user.c_str(), saved_login().password.c_str());
+    EXPECT_EQ(saved_login().user, "admin");
+    EXPECT_EQ(saved_login().password, "");
 }
