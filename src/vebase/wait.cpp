@@ -79,6 +79,8 @@ int ve_wait_poll(pollfd *fds, unsigned count, int64_t deadline)
                 return interrupt_noted.load(std::memory_order_relaxed) ? -1 : 0;
             continue;
         }
+        // What is ready at once keeps ppoll from delivering a signal that is pending. What came before it is served.
+        ve_wait_checkpoint();
         const auto is_ready = [](const pollfd &fd) { return fd.revents != 0; };
         const auto guests_ready = std::count_if(all + own, all + own + guests, is_ready);
         if (guests_ready > 0 && companion != nullptr && companion->serve(all + own, guests))

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <unistd.h>
 
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
@@ -22,6 +23,23 @@ TEST(Interrupt, EndsEveryWaitUntilTheCommandHasEnded)
         EXPECT_EQ(ve_wait_sleep_ms(1), 0);
         EXPECT_EQ(signal(SIGINT, SIG_DFL), SIG_DFL);
     }
+}
+
+TEST(Interrupt, IsSeenWhereSomethingIsReadyAllTheTime)
+{
+    ve_wait_init();
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(write(ends[1], "x", 1), 1);
+    pollfd fd{ends[0], POLLIN, 0};
+    ASSERT_TRUE(interrupt_arm());
+    raise(SIGINT);
+    EXPECT_EQ(ve_wait_poll(&fd, 1, -1), 1) << "what came before it";
+    EXPECT_TRUE(ve_wait_interrupted());
+    EXPECT_EQ(ve_wait_poll(&fd, 1, -1), -1);
+    interrupt_disarm();
+    close(ends[0]);
+    close(ends[1]);
 }
 
 TEST(Interrupt, WhatIsPrintedAfterItIsDropped)
