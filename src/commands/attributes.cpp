@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/json_write.h"
 #include "commands/handler.h"
 #include "commands/place.h"
 #include "event/request.h"
@@ -81,9 +82,7 @@ void print_default(const json_t *value)
 {
     if (value == nullptr)
         return;
-    char *text = json_dumps(value, JSON_ENCODE_ANY | JSON_INDENT(4));
-    ve_printf("%-20s%s\n", "Default:", ve_visible_lines(text));
-    ve_json_free(text);
+    ve_printf("%-20s%s\n", "Default:", ve_visible_lines(json_written(value, JSON_INDENT(4)).c_str()));
 }
 
 void print_enumeration(const json_t *values)

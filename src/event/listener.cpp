@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "base/json_write.h"
 #include "base/thread.h"
 #include "base/visible.h"
 #include "event/replies.h"
@@ -34,21 +35,13 @@ std::mutex aside_lock; // one text at a time between the editor's stepping aside
 std::mutex add_del_queue_lock;
 json_t *add_del_queue = nullptr; // guarded by add_del_queue_lock
 
-int append_chunk(const char *data, size_t size, void *out)
-{
-    static_cast<std::string *>(out)->append(data, size);
-    return 0;
-}
-
 void print_event(const ve_jrpcmsg *event)
 {
     char header[64];
     snprintf(header, sizeof header, "\nEVENT %zu:\n", ve_jrpcmsg_event_id(event));
     std::string text = header;
-    if (const json_t *value = ve_jrpcmsg_event_value(event)) {
-        json_dump_callback(value, append_chunk, &text, JSON_INDENT(4) | JSON_ENCODE_ANY);
-        text += '\n';
-    }
+    if (const json_t *value = ve_jrpcmsg_event_value(event))
+        text += json_written(value, JSON_INDENT(4)) + "\n";
     if (isatty(STDOUT_FILENO) != 0)
         text = visible(text, "\t\n");
     const std::scoped_lock lock(aside_lock);

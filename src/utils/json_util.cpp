@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/json_write.h"
 #include "platform/ve_string.h"
 
 namespace
@@ -103,13 +104,7 @@ json_t *json_load_uservalue(const char *text, int type)
 
 std::string json_compact(const json_t *value)
 {
-    std::string text;
-    const auto append = [](const char *data, size_t size, void *out) {
-        static_cast<std::string *>(out)->append(data, size);
-        return 0;
-    };
-    json_dump_callback(value, append, &text, JSON_ENCODE_ANY);
-    return text;
+    return json_written(value, 0);
 }
 
 const char *json_text(const json_t *object, const char *key)

@@ -1,4 +1,4 @@
-#include "veld/base/json_text.h"
+#include "base/json_write.h"
 #include "veld/firmware/image.h"
 #include "veld/firmware/source_url.h"
 #include "veld/model/password.h"
@@ -46,7 +46,7 @@ TEST(VeldPattern, SaysWhyItIsNone)
 std::string written(json_t *value)
 {
     std::string out;
-    json_text_value(&out, value);
+    json_write_value(&out, value);
     json_decref(value);
     return out;
 }

@@ -1,7 +1,7 @@
 #include "veld/firmware/downloads.h"
 
 #include "base/hex.h"
-#include "veld/base/json_text.h"
+#include "base/json_write.h"
 #include "veld/base/log.h"
 
 #include <algorithm>
@@ -196,11 +196,11 @@ fault downloads::finish_firmware(transfer &what, std::string *result)
     image_ = {header, folders_.spool() + "/" + image_name, transaction};
     const bool same = same_version(header.version, current);
     *result = same ? "{\"Status\":0,\"CurrentVersion\":" : "{\"Status\":1,\"CurrentVersion\":";
-    json_text_string(result, current);
+    json_write_string(result, current);
     *result += ",\"NewVersion\":";
-    json_text_string(result, header.version);
+    json_write_string(result, header.version);
     *result += ",\"SavedFirmware\":";
-    json_text_string(result, image_.path);
+    json_write_string(result, image_.path);
     *result += ",\"TransactionID\":\"" + transaction + "\"}";
     if (same)
         begin_flash();

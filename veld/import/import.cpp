@@ -2,6 +2,7 @@
 
 #include "base/fd.h"
 #include "base/file.h"
+#include "base/json_write.h"
 #include "veld/import/data_model.h"
 #include "veld/import/types.h"
 #include "veld/model/scheme.h"
@@ -284,9 +285,7 @@ int import_run(const char *path, const char *output)
         fprintf(stderr, "veld: %s: %s\n", path, error.c_str());
         return EXIT_FAILURE;
     }
-    char *dumped = json_dumps(document.get(), JSON_INDENT(1));
-    std::string text = std::string(dumped != nullptr ? dumped : "") + "\n";
-    free(dumped);
+    const std::string text = json_written(document.get(), JSON_INDENT(1)) + "\n";
     if (output != nullptr ? !write_file(output, text) : !write_all(STDOUT_FILENO, text)) {
         fprintf(stderr, "veld: %s: %s\n", output != nullptr ? output : "standard output", strerror(errno));
         return EXIT_FAILURE;

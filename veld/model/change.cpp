@@ -1,6 +1,6 @@
 #include "veld/model/change.h"
 
-#include "veld/base/json_text.h"
+#include "base/json_write.h"
 #include "veld/model/check.h"
 #include "veld/model/password.h"
 
@@ -33,9 +33,9 @@ public:
         if (!named_.insert(std::string(name)).second)
             return;
         data_ += data_.empty() ? "{" : ",";
-        json_text_string(&data_, name);
+        json_write_string(&data_, name);
         data_ += ':';
-        json_text_string(&data_, text);
+        json_write_string(&data_, text);
     }
     bool empty() const { return data_.empty(); }
     fault finish() { return {code_, "nothing was set", data_ + "}"}; }
@@ -86,7 +86,7 @@ private:
         const node *table = enclosing_table(entry.parameter);
         std::string text = std::to_string(reinterpret_cast<uintptr_t>(table)) + "/" +
                            std::to_string(reinterpret_cast<uintptr_t>(entry.parameter->what)) + "/";
-        json_text_value(&text, entry.value.get());
+        json_write_value(&text, entry.value.get());
         return text;
     }
     node *same_place(const node *parameter, uint32_t number)

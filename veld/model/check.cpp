@@ -1,7 +1,7 @@
 #include "veld/model/check.h"
 
+#include "base/json_write.h"
 #include "base/number.h"
-#include "veld/base/json_text.h"
 
 #include <algorithm>
 #include <cctype>
@@ -129,7 +129,7 @@ std::string enumeration_problem(const json_t *allowed, const json_t *value)
             text += "...";
             break;
         }
-        json_text_value(&text, item);
+        json_write_value(&text, item);
     }
     return text;
 }

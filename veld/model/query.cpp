@@ -1,6 +1,6 @@
 #include "veld/model/query.h"
 
-#include "veld/base/json_text.h"
+#include "base/json_write.h"
 #include "veld/model/secret.h"
 
 #include <limits>
@@ -47,7 +47,7 @@ private:
         if (at->table) {
             for (node *one : tree_->listed(at)) {
                 const size_t kept = name_.size();
-                json_text_integer(&name_, one->number);
+                json_write_integer(&name_, one->number);
                 if (one->what->is_object())
                     name_ += '.';
                 const bool more = node_and_below(one, depth - 1, true);
@@ -234,7 +234,7 @@ fault query_values(tree *from, role who, const json_t *names, answer_text answer
                                        return true;
                                    std::string *out = list.entry(full);
                                    out->append("\"Value\":");
-                                   json_text_value(out, readable_value(from, at, who).get());
+                                   json_write_value(out, readable_value(from, at, who).get());
                                    return list.close_entry();
                                });
         if (!fits)

@@ -1,4 +1,4 @@
-#include "veld/base/json_text.h"
+#include "base/json_write.h"
 #include "veld/model/scheme.h"
 
 namespace veld
@@ -21,7 +21,7 @@ void number(std::string *out, const char *key, const std::optional<int64_t> &val
 {
     if (value) {
         out->append(",\"").append(key).append("\":");
-        json_text_integer(out, *value);
+        json_write_integer(out, *value);
     }
 }
 
@@ -29,7 +29,7 @@ void text(std::string *out, const char *key, const std::string &value)
 {
     if (!value.empty()) {
         out->append(",\"").append(key).append("\":");
-        json_text_string(out, value);
+        json_write_string(out, value);
     }
 }
 
@@ -37,7 +37,7 @@ void json(std::string *out, const char *key, const json_ref &value)
 {
     if (value) {
         out->append(",\"").append(key).append("\":");
-        json_text_value(out, value.get());
+        json_write_value(out, value.get());
     }
 }
 

@@ -1,7 +1,7 @@
 #include "veld/model/tree.h"
 
+#include "base/json_write.h"
 #include "base/number.h"
-#include "veld/base/json_text.h"
 #include "veld/base/log.h"
 #include "veld/model/check.h"
 #include "veld/model/overlay.h"
@@ -179,7 +179,7 @@ uint32_t enclosing_number(const node *of)
 std::string unique_key(const json_t *value)
 {
     std::string key;
-    json_text_value(&key, value);
+    json_write_value(&key, value);
     return key;
 }
 

@@ -3,7 +3,7 @@
 
 #include "veld/rpc/service.h"
 
-#include "veld/base/json_text.h"
+#include "base/json_write.h"
 
 namespace veld
 {

@@ -1,4 +1,4 @@
-#include "veld/base/json_text.h"
+#include "base/json_write.h"
 #include "veld/model/secret.h"
 #include "veld/rpc/answer.h"
 #include "veld/rpc/service.h"
@@ -149,7 +149,7 @@ void service::answer_outcome(const ticket &to, method_outcome &outcome)
     if (outcome.code != 0) {
         fault problem{outcome.code, outcome.message, ""};
         if (outcome.data)
-            json_text_value(&problem.data, outcome.data.get());
+            json_write_value(&problem.data, outcome.data.get());
         return answer_fault(to, problem);
     }
     json_ref result{json_object()};

@@ -1,6 +1,6 @@
 #include "veld/rpc/executions.h"
 
-#include "veld/base/json_text.h"
+#include "base/json_write.h"
 #include "veld/model/check.h"
 
 #include <algorithm>
@@ -63,9 +63,9 @@ fault arguments_check(const scheme &method, const json_t *list, json_ref *input)
         problem.code = problem.code == 0 || problem.code == code ? code : code::bad_arguments;
         problem.message = "the method was not run";
         problem.data += problem.data.empty() ? "{" : ",";
-        json_text_string(&problem.data, name);
+        json_write_string(&problem.data, name);
         problem.data += ':';
-        json_text_string(&problem.data, text);
+        json_write_string(&problem.data, text);
     };
     size_t i = 0;
     const json_t *item = nullptr;

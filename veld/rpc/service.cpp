@@ -1,6 +1,6 @@
 #include "veld/rpc/service.h"
 
-#include "veld/base/json_text.h"
+#include "base/json_write.h"
 #include "veld/base/log.h"
 #include "veld/rpc/answer.h"
 
@@ -107,7 +107,7 @@ void service::line_received(connection &from, std::string_view line)
     std::string id_text = "null";
     if (json_is_number(id) || json_is_string(id)) {
         id_text.clear();
-        json_text_value(&id_text, id);
+        json_write_value(&id_text, id);
     }
     const ticket to{from.id(), id_text};
     const bool good_id = id == nullptr || id_text != "null";
@@ -159,7 +159,7 @@ void service::answer_result(const ticket &to, std::string_view result)
 void service::answer_object(const ticket &to, json_t *result)
 {
     std::string text;
-    json_text_value(&text, result);
+    json_write_value(&text, result);
     answer_result(to, text);
 }
 
@@ -167,7 +167,7 @@ void service::answer_fault(const ticket &to, const fault &why)
 {
     std::string line = "{\"jsonrpc\":\"2.0\",\"id\":" + to.id + ",\"error\":{\"code\":" + std::to_string(why.code);
     line += ",\"message\":";
-    json_text_string(&line, why.message);
+    json_write_string(&line, why.message);
     if (!why.data.empty() && line.size() + why.data.size() < wire_line_max - 16)
         line += ",\"data\":" + why.data;
     line += "}}\n";
@@ -183,7 +183,7 @@ void service::deliver(int64_t group, json_t *value, role least)
     std::string line = "{\"jsonrpc\":\"2.0\",\"method\":\"Event\",\"params\":{\"Id\":" + std::to_string(group);
     if (value != nullptr) {
         line += ",\"Value\":";
-        json_text_value(&line, value);
+        json_write_value(&line, value);
     }
     line += "}}\n";
     if (line.size() > wire_line_max + 1)

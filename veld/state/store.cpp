@@ -1,6 +1,7 @@
 #include "veld/state/store.h"
 
 #include "base/file.h"
+#include "base/json_write.h"
 #include "veld/base/log.h"
 
 #include <cerrno>
@@ -103,14 +104,11 @@ bool state_store::save(const std::string &name, const json_t *document, std::str
         memory_[name] = json_ref{json_deep_copy(document)};
         return true;
     }
-    char *text = json_dumps(document, JSON_INDENT(1));
-    if (text == nullptr) {
+    const std::string content = json_written(document, JSON_INDENT(1)) + "\n";
+    if (content.size() == 1) {
         *error = path(name) + ": cannot be written as JSON";
         return false;
     }
-    std::string content = text;
-    free(text);
-    content += '\n';
     return replace_file(path(name), content, {.mode = 0600, .durable = true, .suffix = ".new"}) ||
            fail(error, path(name));
 }

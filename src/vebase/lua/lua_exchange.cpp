@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "base/json_write.h"
 #include "platform/ve_jrpcapi.h"
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
@@ -43,9 +44,7 @@ void push_lines(lua_State *L, json_t *data)
     lines.clear();
     json_object_foreach(data, key, value)
     {
-        char *text = json_dumps(value, JSON_ENCODE_ANY);
-        lines.append("\n").append(ve_visible(key)).append(": ").append(ve_visible(text != nullptr ? text : "?"));
-        ve_json_free(text);
+        lines.append("\n").append(ve_visible(key)).append(": ").append(ve_visible(json_written(value, 0).c_str()));
     }
     lua_pushlstring(L, lines.data(), lines.size());
 }

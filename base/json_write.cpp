@@ -1,9 +1,6 @@
-#include "veld/base/json_text.h"
+#include "base/json_write.h"
 
 #include <charconv>
-
-namespace veld
-{
 
 namespace
 {
@@ -52,7 +49,7 @@ void escaped(std::string *out, unsigned char byte)
 
 } // namespace
 
-void json_text_string(std::string *out, std::string_view text)
+void json_write_string(std::string *out, std::string_view text)
 {
     out->push_back('"');
     size_t start = 0;
@@ -68,21 +65,21 @@ void json_text_string(std::string *out, std::string_view text)
     out->push_back('"');
 }
 
-void json_text_integer(std::string *out, int64_t number)
+void json_write_integer(std::string *out, int64_t number)
 {
     char digits[24];
     const auto end = std::to_chars(digits, digits + sizeof digits, number).ptr;
     out->append(digits, end);
 }
 
-void json_text_value(std::string *out, const json_t *value)
+void json_write_value(std::string *out, const json_t *value)
 {
     switch (json_typeof(value)) {
     case JSON_STRING:
-        json_text_string(out, {json_string_value(value), json_string_length(value)});
+        json_write_string(out, {json_string_value(value), json_string_length(value)});
         break;
     case JSON_INTEGER:
-        json_text_integer(out, json_integer_value(value));
+        json_write_integer(out, json_integer_value(value));
         break;
     case JSON_TRUE:
         out->append("true");
@@ -98,4 +95,10 @@ void json_text_value(std::string *out, const json_t *value)
     }
 }
 
-} // namespace veld
+std::string json_written(const json_t *value, size_t flags)
+{
+    std::string text;
+    if (json_dump_callback(value, append_chunk, &text, flags | JSON_ENCODE_ANY) != 0)
+        text.clear();
+    return text;
+}

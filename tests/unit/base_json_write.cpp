@@ -1,0 +1,35 @@
+#include "base/json_write.h"
+
+#include <gtest/gtest.h>
+
+#include "base/json_ref.h"
+
+namespace
+{
+
+TEST(JsonWrite, WritesAnyValueInTheLayoutAskedFor)
+{
+    const json_ref value{json_pack("{s:[i,b], s:s}", "a", 1, 1, "b", "\xc3\xa9\n")};
+    EXPECT_EQ(json_written(value.get(), JSON_COMPACT), "{\"a\":[1,true],\"b\":\"\xc3\xa9\\n\"}");
+    EXPECT_EQ(json_written(value.get(), 0), "{\"a\": [1, true], \"b\": \"\xc3\xa9\\n\"}");
+    EXPECT_EQ(json_written(json_object_get(value.get(), "a"), JSON_INDENT(1)), "[\n 1,\n true\n]");
+    EXPECT_EQ(json_written(json_object_get(value.get(), "b"), 0), "\"\xc3\xa9\\n\"");
+    EXPECT_EQ(json_written(nullptr, 0), "");
+}
+
+TEST(JsonWrite, ATextWrittenDirectlyReadsBackAsItWas)
+{
+    const std::string odd("q\"b\\s/\b\f\n\r\t\x01\x1f\x7f\xc3\xa4\0end", 20);
+    std::string text = "[";
+    json_write_string(&text, odd);
+    text += ",";
+    json_write_integer(&text, INT64_MIN);
+    text += "]";
+    const json_ref read{json_loadb(text.data(), text.size(), JSON_ALLOW_NUL, nullptr)};
+    ASSERT_TRUE(read);
+    const json_t *string = json_array_get(read.get(), 0);
+    EXPECT_EQ(std::string(json_string_value(string), json_string_length(string)), odd);
+    EXPECT_EQ(json_integer_value(json_array_get(read.get(), 1)), INT64_MIN);
+}
+
+} // namespace
