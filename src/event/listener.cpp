@@ -162,6 +162,11 @@ void stop_event_handler()
     close_pipe();
 }
 
+void end_run()
+{
+    running = 0;
+}
+
 bool is_running()
 {
     return running != 0;

@@ -10,7 +10,9 @@
 int start_event_handler(ve_jrpcapi *request, ve_jrpcapi *group);
 /// Ends the thread and waits for it; a second call does nothing. May be called from a SIGINT handler at a wait point.
 void stop_event_handler();
-/// False once the listener was stopped or the daemon dropped the link. Any thread.
+/// Lets the thread and whoever else asks is_running() end by themselves. Async-signal-safe.
+void end_run();
+/// False once the run was ended, the listener was stopped or the daemon dropped the link. Any thread.
 bool is_running();
 /// Prints whole lines from a thread of the caller's own: the prompt and a progress bar step aside for them. Any thread.
 void print_aside(const char *text, size_t size);

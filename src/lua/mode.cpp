@@ -22,6 +22,7 @@
 #include "state/interrupt.h"
 #include "state/prompt.h"
 #include "state/record.h"
+#include "state/session_guard.h"
 
 namespace
 {
@@ -135,6 +136,7 @@ void leave_shell()
 
 int lua_mode_run()
 {
+    const session_guard guard;
     const interrupt_suspension own_ctrl_c;
     prompt_update_postfix("lua");
     kest_readline_cleanup();

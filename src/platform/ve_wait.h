@@ -30,6 +30,9 @@ void ve_wait_checkpoint();
 void ve_wait_note_interrupt();
 bool ve_wait_interrupted();
 void ve_wait_clear_interrupt();
+/// Notes that the program is to end (async-signal-safe): an interrupt that is never cleared.
+void ve_wait_note_end();
+bool ve_wait_ended();
 
 /// Removes a SIGINT that is still pending for this thread (one that came too late for its command).
 void ve_wait_discard_sigint();

@@ -25,6 +25,7 @@
 #include "state/prompt.h"
 #include "state/record.h"
 #include "state/scheme.h"
+#include "state/session_guard.h"
 
 namespace
 {
@@ -141,6 +142,7 @@ void read_lines()
 
 int shell_loop()
 {
+    const session_guard guard;
     print_banner();
     try_login();
     if (reload_dm() == nullptr) {

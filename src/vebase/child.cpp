@@ -74,7 +74,7 @@ int ve_child_run(const char *command)
         // A key between that look and the start reached nobody; a child that has it already minds no second one.
         if (sigint_is_pending())
             kill(child, SIGINT);
-        while (waitpid(child, &status, 0) < 0 && errno == EINTR)
+        while (waitpid(child, &status, 0) < 0 && errno == EINTR && !ve_wait_ended())
             ;
         ve_out_row_unknown();
     }

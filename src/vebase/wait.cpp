@@ -16,6 +16,7 @@ constexpr unsigned companion_fds_max = 4;
 constexpr unsigned fds_max = 16;
 
 std::atomic<bool> interrupt_noted{false};
+std::atomic<bool> end_noted{false};
 ve_wait_companion *companion = nullptr;
 sigset_t wait_mask; // the main thread's mask inside a wait: SIGINT unblocked
 pthread_t main_thread;
@@ -111,6 +112,17 @@ void ve_wait_note_interrupt()
     interrupt_noted.store(true, std::memory_order_relaxed);
 }
 
+void ve_wait_note_end()
+{
+    end_noted.store(true, std::memory_order_relaxed);
+    ve_wait_note_interrupt();
+}
+
+bool ve_wait_ended()
+{
+    return end_noted.load(std::memory_order_relaxed);
+}
+
 bool ve_wait_interrupted()
 {
     return interrupt_noted.load(std::memory_order_relaxed);
@@ -118,7 +130,7 @@ bool ve_wait_interrupted()
 
 void ve_wait_clear_interrupt()
 {
-    interrupt_noted.store(false, std::memory_order_relaxed);
+    interrupt_noted.store(ve_wait_ended(), std::memory_order_relaxed);
 }
 
 void ve_wait_discard_sigint()

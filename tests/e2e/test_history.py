@@ -1,10 +1,15 @@
 """The histories of the shell and of Lua mode: sessions at once, the file's size, full disks; recordings that pass through Lua
-mode; and the options of the line editor, which hold until they are changed."""
+mode; what is kept when a session is ended from outside; and the options of the line editor, which hold until they are
+changed."""
+
+import os
+import signal
 
 import pytest
 
 from lib import settings
 from lib.commands import MODEL, refuse_logins, typed
+from lib.fake import Silence
 from lib.program import Program
 from lib.terminal import Key
 
@@ -172,3 +177,96 @@ def test_completion_that_is_off_is_off_in_lua_mode_too(shell, model):
         term.wait_for(lambda t, shown=shown: t.line(t.cursor[0]).endswith(shown))
         term.type(Key.CTRL_U)
         term.run("q", prompt="kest:> ")
+
+
+# The end of a session from outside
+
+BUSY = {
+    "at the prompt": [],
+    "with a line half typed": [b"cd Dev"],
+    "while the daemon is silent": [b"save\r"],
+    "in a child": [b"sh 'read x'\r"],
+    "in a child of Lua code": [b"lua os.execute('read x')\r"],
+    "in endless Lua code": [b"lua while true do end\r"],
+    "in Lua mode": [b"lua\r", b"x = 1\r"],
+    "in a statement of Lua mode": [b"lua\r", b"x = 1\r", b"while true do pcall(function() while true do end end) end\r"],
+    "while Lua code reads a line": [b"lua\r", b"x = 1\r", b"io.read()\r"],
+    "while Lua code reads what nobody writes": [b"lua\r", b"x = 1\r", b"io.open('fifo'):read()\r"],
+    "while a password is typed": [b"login admin\r"],
+    "in a search of the history": [b"\x12pw"],
+}
+
+
+@pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGTERM], ids=["SIGHUP", "SIGTERM"])
+@pytest.mark.parametrize("keys", BUSY.values(), ids=BUSY)
+def test_a_session_ended_by_a_signal_keeps_its_history(shell, model, tmp_path, history, lua_history, number, keys):
+    model.on("SaveConfig", Silence())
+    os.mkfifo(tmp_path / "fifo")
+    history.write_text("old\n")
+    term = shell(to=model)
+    term.run("pwd")
+    for line in keys:
+        if line.endswith(b"\r"):
+            term.wait_prompt()
+        term.type(line)
+        term.wait_for(lambda t, shown=line.decode("latin-1").strip("\r\x12"): shown in t.text)
+    term.quiet()
+    term.signal(number)
+    assert term.wait_exit() == -number
+    remembered = ["old", "pwd"] + [line.decode().rstrip("\r") for line in keys[:1] if line.endswith(b"\r")]
+    assert history.read_text().splitlines() == remembered
+    if len(keys) > 1:
+        assert lua_history.read_text() == "x = 1\n"
+    assert term.echoes
+
+
+@pytest.mark.parametrize("keys", [[], [b"lua\r", b"x = 1\r"], [b"save\r"]], ids=["shell", "Lua mode", "command"])
+def test_a_session_whose_window_is_closed_keeps_its_history(shell, model, history, lua_history, keys):
+    model.on("SaveConfig", Silence())
+    term = shell(to=model)
+    term.run("pwd")
+    for line in keys:
+        term.wait_prompt()
+        term.type(line)
+    term.quiet()
+    term.hang_up()
+    term.wait_exit()
+    assert history.read_text().splitlines() == ["pwd"] + [line.decode().rstrip("\r") for line in keys[:1]]
+    if len(keys) > 1:
+        assert lua_history.read_text() == "x = 1\n"
+
+
+def test_a_shell_without_a_terminal_keeps_its_history_too(kest_start, model, history):
+    reader, writer = os.pipe()
+    program = kest_start(to=model, stdin=reader)
+    os.close(reader)
+    os.write(writer, b"pwd\n")
+    program.wait_for(":\n")
+    program.signal(signal.SIGTERM)
+    assert program.finish().status == -signal.SIGTERM
+    os.close(writer)
+    assert history.read_text() == "pwd\n"
+
+
+def test_a_recording_that_a_signal_ends_in_lua_mode_is_kept(shell, model, tmp_path):
+    term = shell(to=model)
+    term.run("luarecord file")
+    term.run("x = 1")
+    term.signal(signal.SIGTERM)
+    assert term.wait_exit() == -signal.SIGTERM
+    assert (tmp_path / "file").read_text() == "x = 1\n"
+
+
+def test_a_hang_up_that_is_ignored_stays_ignored(sandbox, terminal, model):
+    term = terminal("-c", f"trap '' HUP; exec {settings.KEST} -u {model.address}", program="/bin/sh").wait_prompt()
+    term.signal(signal.SIGHUP)
+    assert term.run("pwd") == [":"]
+
+
+def test_what_cannot_be_left_ends_all_the_same(shell, model):
+    term = shell(to=model)
+    term.type("lua string.rep('a', 40):find(('a*'):rep(40) .. 'b')\r")
+    term.wait_for("rep(40) .. 'b') \n".strip())
+    term.quiet()
+    term.signal(signal.SIGTERM)
+    assert term.wait_exit(timeout=20) == -signal.SIGTERM

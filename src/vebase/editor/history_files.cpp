@@ -93,7 +93,7 @@ bool history_read(const char *path, std::string &content, const char **reason)
     const fd_owner file(open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (file.get() < 0 && errno == ENOENT)
         return true;
-    struct stat info;
+    struct stat info = {};
     if (file.get() < 0 || fstat(file.get(), &info) < 0)
         *reason = errno == ELOOP ? "a symbolic link" : strerror(errno);
     else
