@@ -1,15 +1,11 @@
 // Running a Lua file.
-#include <sys/stat.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
 #include <string>
 
 #include "event/listener.h"
 #include "lua/client.h"
 #include "lua/lua_mode.h"
 #include "lua/running.h"
+#include "platform/ve_input.h"
 #include "platform/ve_out.h"
 
 namespace
@@ -17,30 +13,14 @@ namespace
 
 constexpr char byte_order_mark[] = "\xef\xbb\xbf";
 
-struct file_closer {
-    void operator()(FILE *file) const { fclose(file); }
-};
-using file_ref = std::unique_ptr<FILE, file_closer>;
-
-struct free_deleter {
-    void operator()(char *text) const { free(text); }
-};
-
 /// The whole file into `*text`. False when it cannot be read, as a directory cannot.
 bool read_script(const char *path, std::string *text)
 {
-    const file_ref file(path != nullptr ? fopen(path, "re") : nullptr);
-    struct stat info;
-    if (!file || fstat(fileno(file.get()), &info) != 0 || S_ISDIR(info.st_mode))
+    ve_input file(path);
+    if (!file.is_open())
         return false;
-    if (S_ISREG(info.st_mode) && info.st_size > 0)
-        text->reserve(static_cast<size_t>(info.st_size) + 1);
-    char *line = nullptr;
-    size_t size = 0;
-    for (ssize_t count; (count = getline(&line, &size, file.get())) >= 0;)
-        text->append(line, static_cast<size_t>(count));
-    free(line);
-    return ferror(file.get()) == 0;
+    file.rest(*text);
+    return file.error() == 0;
 }
 
 /// Takes the interpreter's line away, but for its line feed, so that the lines keep their numbers.

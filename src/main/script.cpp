@@ -1,20 +1,14 @@
 #include "main/script.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
-#include "base/fd.h"
 #include "dispatch/table.h"
+#include "platform/ve_input.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 #include "platform/ve_words.h"
@@ -22,74 +16,7 @@
 namespace
 {
 
-constexpr size_t block_size = 65536;
 constexpr std::string_view blanks = " \t";
-
-/// Reads lines of any length from a file, a pipe or a terminal; waiting for the latter two is a wait point.
-class line_reader
-{
-public:
-    /// A directory cannot be opened, though the system would.
-    explicit line_reader(const char *path) : fd_(path != nullptr ? open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1)
-    {
-        struct stat info;
-        if (fd_ && (fstat(fd_.get(), &info) != 0 || S_ISDIR(info.st_mode)))
-            fd_.reset();
-        await_writer_ = fd_ && S_ISFIFO(info.st_mode);
-    }
-
-    bool is_open() const { return static_cast<bool>(fd_); }
-    /// 0 until a read failed.
-    int error() const { return error_; }
-
-    /// The next line, without its line feed; false at the end of the file.
-    bool next(std::string &line)
-    {
-        line.clear();
-        for (;;) {
-            const size_t end = buffer_.find('\n', position_);
-            if (end != std::string::npos) {
-                line.append(buffer_, position_, end - position_);
-                position_ = end + 1;
-                return true;
-            }
-            line.append(buffer_, position_, std::string::npos);
-            if (!fill())
-                return !line.empty();
-        }
-    }
-
-private:
-    bool fill()
-    {
-        buffer_.resize(block_size);
-        position_ = 0;
-        // A FIFO that nobody has opened for writing yet would read as ended.
-        if (std::exchange(await_writer_, false))
-            wait();
-        ssize_t count;
-        while ((count = read(fd_.get(), buffer_.data(), block_size)) < 0 && (errno == EAGAIN || errno == EINTR)) {
-            if (!wait())
-                break;
-        }
-        if (count < 0)
-            error_ = errno;
-        buffer_.resize(count > 0 ? static_cast<size_t>(count) : 0);
-        return count > 0;
-    }
-
-    bool wait() const
-    {
-        pollfd input = {fd_.get(), POLLIN, 0};
-        return ve_wait_poll(&input, 1, -1) >= 0;
-    }
-
-    fd_owner fd_;
-    int error_ = 0;
-    bool await_writer_ = false;
-    std::string buffer_;
-    size_t position_ = 0;
-};
 
 /// The words of a line: no quotes here, and a word that begins with "#" ends them.
 std::vector<std::string_view> split_blanks(std::string_view line)
@@ -160,7 +87,7 @@ void run_line(const std::string &line, int flags, const char *path, size_t numbe
 
 int run_script(const char *path, int flags)
 {
-    line_reader reader(path);
+    ve_input reader(path);
     if (!reader.is_open()) {
         ve_printf("Cannot open script file %s\n", path != nullptr ? path : "(null)");
         return -1;

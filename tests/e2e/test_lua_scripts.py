@@ -1,5 +1,6 @@
 """Lua scripts and the bindings, against the real daemon."""
 
+import contextlib
 import json
 import os
 import re
@@ -212,3 +213,46 @@ def test_instances_come_and_go(script):
 def test_a_whole_model_is_got_at_once(script):
     run = script("local all = dm.get(':') print(all['Device.Time.Enable'], all['Device.DNS.SearchDomain.1'])")
     assert run.out == "true\tlan\n"
+
+
+# --- scripts that one waits for ---
+
+
+def test_a_script_on_a_pipe(veld, kest, kest_start, tmp_path):
+    assert kest("-S", "/dev/stdin", "a", to=veld, stdin="#!kest\nprint(...)\nprint(2)").out == "a\n2\n"
+    os.mkfifo(tmp_path / "fifo")
+    run = kest_start("-S", "fifo", to=veld)
+    with open(tmp_path / "fifo", "w") as pipe:
+        for piece in ("print(", "1)\nprint(2)"):
+            pipe.write(piece)
+            pipe.flush()
+    assert run.finish().out == "1\n2\n"
+
+
+@pytest.mark.parametrize("writes", [False, True])
+def test_waiting_for_a_script_on_a_pipe_can_be_interrupted(kest_start, fake, tmp_path, writes):
+    os.mkfifo(tmp_path / "fifo")
+    run = kest_start("-S", "fifo", to=fake)
+    fake.wait_for("JoinGroup")
+    with contextlib.ExitStack() as stack:
+        if writes:
+            pipe = stack.enter_context(open(tmp_path / "fifo", "w"))
+            pipe.write("print(1)\n")
+            pipe.flush()
+        run.interrupt()
+        assert run.finish(2).status == -signal.SIGINT
+
+
+@pytest.mark.parametrize("path", ["/dev/stdin", "/dev/tty"])
+def test_a_script_that_is_typed(terminal, veld, path):
+    term = terminal("-S", path, to=veld)
+    term.type("print(1 +\r2)\r")
+    term.wait_for("2)\n".strip())
+    term.type("\x04")
+    assert term.wait_exit() == 0
+    assert term.lines[-1] == "3"
+    term = terminal("-S", path, to=veld)
+    term.type("print(1)\r")
+    term.wait_for("print(1)")
+    term.type("\x03")
+    assert term.wait_exit() == -signal.SIGINT
