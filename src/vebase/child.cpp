@@ -1,11 +1,14 @@
 #include "platform/ve_child.h"
 
+#include <fcntl.h>
 #include <spawn.h>
-#include <sys/types.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <vector>
 
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
@@ -43,6 +46,22 @@ private:
     posix_spawnattr_t attributes_;
 };
 
+/// Starts the system's shell. Returns 0 or an error number.
+int start(pid_t *child, const char *command, const struct sigaction &quit, const posix_spawn_file_actions_t *actions)
+{
+    char shell[] = "sh";
+    char option[] = "-c";
+    char *const words[] = {shell, option, const_cast<char *>(command), nullptr};
+    return posix_spawn(child, "/bin/sh", actions, child_attributes(quit).get(), words, environ);
+}
+
+std::vector<pid_t> left; // children that nobody waits for, and that may run still
+
+void reap_left()
+{
+    std::erase_if(left, [](pid_t child) { return waitpid(child, nullptr, WNOHANG) != 0; });
+}
+
 bool sigint_is_pending()
 {
     sigset_t pending;
@@ -54,9 +73,6 @@ bool sigint_is_pending()
 
 int ve_child_run(const char *command)
 {
-    char shell[] = "sh";
-    char option[] = "-c";
-    char *const words[] = {shell, option, const_cast<char *>(command), nullptr};
     if (sigint_is_pending()) {
         // A key that came before there was a child cannot reach what that starts.
         ve_wait_discard_sigint();
@@ -69,7 +85,7 @@ int ve_child_run(const char *command)
     sigaction(SIGQUIT, &ignore, &before);
     int status = -1;
     pid_t child;
-    const int error = posix_spawn(&child, "/bin/sh", nullptr, child_attributes(before).get(), words, environ);
+    const int error = start(&child, command, before, nullptr);
     if (error == 0) {
         // A key between that look and the start reached nobody; a child that has it already minds no second one.
         if (sigint_is_pending())
@@ -82,4 +98,49 @@ int ve_child_run(const char *command)
     ve_wait_discard_sigint();
     errno = error;
     return status;
+}
+
+pid_t ve_child_start(const char *command, bool reads, int *fd)
+{
+    reap_left();
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) < 0)
+        return -1;
+    *fd = ends[reads ? 0 : 1];
+    const int childs = ends[reads ? 1 : 0];
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, childs, reads ? STDOUT_FILENO : STDIN_FILENO);
+    struct sigaction quit;
+    sigaction(SIGQUIT, nullptr, &quit);
+    pid_t child = -1;
+    const int error = start(&child, command, quit, &actions);
+    posix_spawn_file_actions_destroy(&actions);
+    close(childs);
+    if (error == 0)
+        return child;
+    close(*fd);
+    errno = error;
+    return -1;
+}
+
+int ve_child_wait(pid_t child)
+{
+    pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
+    const bool interrupted = ended.fd >= 0 && ve_wait_poll(&ended, 1, -1) < 0;
+    if (ended.fd >= 0)
+        close(ended.fd);
+    if (interrupted) {
+        ve_child_leave(child);
+        errno = EINTR;
+        return -1;
+    }
+    int status = -1;
+    return waitpid(child, &status, 0) < 0 ? -1 : status;
+}
+
+void ve_child_leave(pid_t child)
+{
+    left.push_back(child);
+    reap_left();
 }

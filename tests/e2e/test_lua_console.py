@@ -331,6 +331,8 @@ ENDLESS = [
     "io.read()",
     "os.execute('sleep 100') while true do end",
     "io.popen('sleep 100'):read('a') while true do end",
+    "io.popen(\"trap '' INT; sleep 100\"):read('a') while true do end",
+    "io.popen(\"trap '' INT; sleep 100\"):close() while true do end",
 ]
 
 
@@ -372,9 +374,20 @@ def test_ctrl_c_stops_a_statement(veld, shell, code):
     assert term.run("1 + 1") == ["_[1] = 2"]
 
 
+@pytest.mark.parametrize("use", ["f:read()", "f:close()", None])
+def test_a_child_that_minds_no_ctrl_c_holds_nothing_up(veld, shell, use):
+    term = shell(to=veld)
+    term.run("lua")
+    term.run("""f = io.popen("trap '' INT; sleep 100")""")
+    if use:
+        interrupt(term, use)
+    term.run("q", prompt="root@kest:> ")
+    assert term.run("pwd") == [":"]
+
+
 def test_ctrl_c_stops_a_statement_of_the_shell(veld, shell):
     term = shell(to=veld)
-    for code in ENDLESS[:5]:
+    for code in ENDLESS[:5] + ENDLESS[-2:]:
         interrupt(term, code, prefix="lua ")
     assert term.run("lua print(1 + 1)") == ["print(1 + 1)", "2"]
 

@@ -256,3 +256,31 @@ def test_a_script_that_is_typed(terminal, veld, path):
     term.wait_for("print(1)")
     term.type("\x03")
     assert term.wait_exit() == -signal.SIGINT
+
+
+# --- children ---
+
+
+@pytest.mark.parametrize("code, printed", [
+    ("f = io.popen('printf a; echo b; echo c') print(f:read(), f:read('a')) print(f:close())", "ab\tc\n\ntrue\texit\t0\n"),
+    ("for line in io.popen('seq 3'):lines() do io.write(line) end", "123"),
+    ("print(io.popen('exit 3'):close())", "nil\texit\t3\n"),
+    ("print(io.popen('kill -9 $$'):close())", "nil\tsignal\t9\n"),
+    ("f = io.popen('cat >file', 'w') f:write(('x'):rep(300000)) print(f:close(), #io.open('file'):read('a'))",
+     "true\t300000\n"),
+    ("io.popen('exit', 'w'):close() print(pcall(io.popen, 'true', 'x'))", "false\tbad argument #2 to 'io.popen' (invalid mode)\n"),
+    ("f = io.popen('true') f:close() print(pcall(f.read, f))", "false\tattempt to use a closed file\n"),
+    ("print(io.type(io.popen('true')), #io.popen('head -c 1000000 /dev/zero'):read('a'))", "file\t1000000\n"),
+])  # fmt: skip
+def test_what_a_child_reads_and_writes(veld, kest, tmp_path, code, printed):
+    (tmp_path / "s.lua").write_text(code)
+    assert kest("-S", "s.lua", to=veld).out == printed
+
+
+def test_a_script_ends_with_its_children(veld, kest, tmp_path):
+    (tmp_path / "s.lua").write_text("print(1) f = io.popen('cat; read x <fifo; echo $x', 'w') f:write('2\\n')")
+    os.mkfifo(tmp_path / "fifo")
+    with open(os.open(tmp_path / "fifo", os.O_RDWR), "w") as pipe:
+        pipe.write("3\n")
+        pipe.flush()
+        assert kest("-S", "s.lua", to=veld).out == "2\n3\n1\n"

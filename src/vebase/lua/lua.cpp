@@ -227,6 +227,7 @@ int ve_lua_exec(ve_lua_context *base, const char *text, size_t length, const cha
     context->output.clear();
     context->error.clear();
     context->collecting = true;
+    context->finishes_children = true;
     restart_hook(L);
     chunk request = {text, length, chunk_name, arguments};
     lua_pushcfunction(L, error_text);

@@ -12,6 +12,9 @@
 /// call that can raise: Lua leaves by longjmp.
 struct ve_lua_state : ve_lua_context {
     bool collecting = false;          ///< prints go to `output`
+    bool finishes_children = false;   ///< a child that nobody closed is waited for; set while it makes a script
+    bool in_gc = false;               ///< a file is being closed that nobody closed
+    int child_status = 0;             ///< of the child that was waited for last
     FILE *standard[3] = {};           ///< the streams behind io.stdin, io.stdout and io.stderr; owned
     const void *null_value = nullptr; ///< identity of dm.null
 };
@@ -43,7 +46,16 @@ int ve_lua_time_left(int timeout_ms);
 /// Set-up of a state, in a protected call: may raise.
 void ve_lua_open_interrupts(lua_State *L);
 void ve_lua_open_io(lua_State *L);
+/// With the table "io" on top.
+void ve_lua_open_popen(lua_State *L);
 void ve_lua_open_dm(lua_State *L);
+
+/// Before somebody else uses the terminal: shows what was printed.
+void ve_lua_show_output(ve_lua_state *context);
+/// Calls the function that is the first upvalue with the same arguments. Returns the number of its results.
+int ve_lua_call_original(lua_State *L);
+/// Replaces a function of the table on top by `function`, which gets the one before as its upvalue.
+void ve_lua_replace(lua_State *L, const char *name, lua_CFunction function);
 
 /// Opens the context's streams. False when there is no memory for them.
 bool ve_lua_open_streams(ve_lua_state *context);

@@ -27,14 +27,6 @@ void emit(ve_lua_state *context, const char *data, size_t size)
         ve_lua_write(data, size);
 }
 
-/// Before somebody else uses the terminal.
-void show_output(ve_lua_state *context)
-{
-    ve_lua_flush_streams(context);
-    const ve_lua_sigint_blocked blocked;
-    ve_out_flush();
-}
-
 // --- the streams behind io.stdin, io.stdout, io.stderr ---
 
 ssize_t stream_write(void *cookie, const char *data, size_t size)
@@ -51,7 +43,7 @@ ssize_t stream_write_error(void *, const char *data, size_t size)
 
 ssize_t stream_read(void *cookie, char *data, size_t size)
 {
-    show_output(static_cast<ve_lua_state *>(cookie));
+    ve_lua_show_output(static_cast<ve_lua_state *>(cookie));
     const ve_lua_sigint_blocked blocked;
     for (;;) {
         pollfd in{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
@@ -125,15 +117,6 @@ int lua_exit(lua_State *L)
     exit(status);
 }
 
-/// Calls the function that this one stands in for with the same arguments. Returns the number of its results.
-int call_original(lua_State *L)
-{
-    lua_pushvalue(L, lua_upvalueindex(1));
-    lua_insert(L, 1);
-    lua_call(L, lua_gettop(L) - 1, LUA_MULTRET);
-    return lua_gettop(L);
-}
-
 /// Runs a command unless Ctrl-C was pressed before. Returns its status.
 int run_command(const char *command)
 {
@@ -149,7 +132,7 @@ int lua_execute(lua_State *L)
         lua_pushboolean(L, 1);
         return 1;
     }
-    show_output(ve_lua_of(L));
+    ve_lua_show_output(ve_lua_of(L));
     const int status = run_command(command);
     if (WIFSIGNALED(status) && WTERMSIG(status) == SIGINT)
         ve_wait_note_interrupt();
@@ -157,30 +140,38 @@ int lua_execute(lua_State *L)
     return luaL_execresult(L, status);
 }
 
-int lua_popen(lua_State *L)
-{
-    show_output(ve_lua_of(L));
-    return call_original(L);
-}
-
 /// io.flush and file:flush: behind the streams stands the program's own output.
 int lua_flush(lua_State *L)
 {
-    const int count = call_original(L);
-    show_output(ve_lua_of(L));
+    const int count = ve_lua_call_original(L);
+    ve_lua_show_output(ve_lua_of(L));
     ve_lua_check_interrupt(L);
     return count;
 }
 
-/// Replaces a function of the table on top by `function`, which gets the one before as its upvalue.
-void replace(lua_State *L, const char *name, lua_CFunction function)
+} // namespace
+
+void ve_lua_show_output(ve_lua_state *context)
+{
+    ve_lua_flush_streams(context);
+    const ve_lua_sigint_blocked blocked;
+    ve_out_flush();
+}
+
+int ve_lua_call_original(lua_State *L)
+{
+    lua_pushvalue(L, lua_upvalueindex(1));
+    lua_insert(L, 1);
+    lua_call(L, lua_gettop(L) - 1, LUA_MULTRET);
+    return lua_gettop(L);
+}
+
+void ve_lua_replace(lua_State *L, const char *name, lua_CFunction function)
 {
     lua_getfield(L, -1, name);
     lua_pushcclosure(L, function, 1);
     lua_setfield(L, -2, name);
 }
-
-} // namespace
 
 bool ve_lua_open_streams(ve_lua_state *context)
 {
@@ -223,13 +214,13 @@ void ve_lua_open_io(lua_State *L)
     set_stream(L, "stdin", context->standard[0]);
     set_stream(L, "stdout", context->standard[1]);
     set_stream(L, "stderr", context->standard[2]);
-    replace(L, "popen", lua_popen);
-    replace(L, "flush", lua_flush);
+    ve_lua_open_popen(L);
+    ve_lua_replace(L, "flush", lua_flush);
     luaL_getmetatable(L, LUA_FILEHANDLE);
-    replace(L, "flush", lua_flush);
+    ve_lua_replace(L, "flush", lua_flush);
     lua_pop(L, 2);
     lua_getglobal(L, "os");
-    replace(L, "exit", lua_exit);
+    ve_lua_replace(L, "exit", lua_exit);
     lua_pushcfunction(L, lua_execute);
     lua_setfield(L, -2, "execute");
     lua_pop(L, 1);
