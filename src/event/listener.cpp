@@ -120,7 +120,7 @@ void close_pipe()
     }
 }
 
-/// Joins the thread. It may be stuck in writing to an output that nobody reads; then a further Ctrl-C ends the program.
+/// Joins the thread, which may be stuck in writing to an output that nobody reads.
 void join_thread()
 {
     timespec limit;
@@ -128,14 +128,8 @@ void join_thread()
     limit.tv_sec += 1;
     if (pthread_timedjoin_np(thread_id, nullptr, &limit) != ETIMEDOUT)
         return;
-    sigset_t interrupt;
-    sigset_t before;
-    sigemptyset(&interrupt);
-    sigaddset(&interrupt, SIGINT);
-    signal(SIGINT, SIG_DFL);
-    pthread_sigmask(SIG_UNBLOCK, &interrupt, &before);
+    ve_out_give_up();
     pthread_join(thread_id, nullptr);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 } // namespace

@@ -8,7 +8,8 @@
 /// Stores both contexts, hooks the line editor up to the control pipe and starts the thread. Returns the result of the
 /// thread's creation.
 int start_event_handler(ve_jrpcapi *request, ve_jrpcapi *group);
-/// Ends the thread and waits for it; a second call does nothing. May be called from a SIGINT handler at a wait point.
+/// Ends the thread and waits for it; a second call does nothing. What it
+/// could not print within a second, because nobody reads it, is given up.
 void stop_event_handler();
 /// Lets the thread and whoever else asks is_running() end by themselves. Async-signal-safe.
 void end_run();

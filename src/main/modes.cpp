@@ -33,7 +33,7 @@ void print_answer(const json_t *answer)
 
 void act_stop(int)
 {
-    stop_event_handler();
+    end_run();
 }
 
 } // namespace

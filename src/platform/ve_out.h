@@ -43,6 +43,8 @@ void ve_out_direct(const char *data, size_t size);
 /// The same for whole lines: on a terminal they begin a row of their own, whatever stands unfinished on the current
 /// one.
 void ve_out_direct_rows(const char *data, size_t size);
+/// From now on both leave what nobody reads. Any thread.
+void ve_out_give_up();
 
 /// `text` in the form that is safe to show: on a terminal with visible escapes (base/visible.h) for what would steer
 /// it, hide, or turn the text around; elsewhere it is `text` itself. The result is valid until the eighth call from

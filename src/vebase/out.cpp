@@ -23,6 +23,8 @@ namespace
 constexpr size_t flush_size = size_t{64} << 10;
 // A pipe that polls writable takes this much without blocking.
 constexpr size_t piece_size = 4096;
+// How often who waits for a reader looks whether the reader was given up.
+constexpr int look_ms = 100;
 constexpr size_t unfinished_size = 4096;
 
 /// Whether a row holds more than escape sequences and control characters.
@@ -69,6 +71,7 @@ public:
     void write_now(std::string_view data, row how);
     std::string unfinished_row();
     void end_row();
+    void give_up() { given_up_ = true; }
 
 private:
     /// What is printed now is lost: the reader is gone, or Ctrl-C has ended what prints.
@@ -88,6 +91,8 @@ private:
     size_t written_ = 0; // bytes of the buffer that are out already
     bool gone_ = false;  // the reader went away
     int terminal_ = -1;  // isatty(1), or -1 when not yet asked
+
+    std::atomic<bool> given_up_{false}; // a reader that lets one wait
 
     std::mutex lock_;        // never held across a wait point
     std::string unfinished_; // the end of what was written since the last line feed
@@ -221,17 +226,19 @@ int terminal_output::descriptor()
     return own_fd_ >= 0 ? own_fd_ : STDOUT_FILENO;
 }
 
-/// With the lock held. False when the output is gone.
+/// With the lock held. False when the output is gone or its reader was given up.
 bool terminal_output::write_whole(std::string_view data)
 {
     while (!data.empty()) {
-        const ssize_t count = write(descriptor(), data.data(), data.size());
-        if (count < 0 && errno == EAGAIN) {
-            pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-            poll(&out, 1, 1000);
-        } else if (count < 0 && errno != EINTR) {
-            return false;
+        pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+        if (poll(&out, 1, look_ms) == 0) {
+            if (given_up_)
+                return false;
+            continue;
         }
+        const ssize_t count = write(descriptor(), data.data(), std::min(data.size(), piece_size));
+        if (count < 0 && errno != EAGAIN && errno != EINTR)
+            return false;
         data.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
     }
     return true;
@@ -312,6 +319,11 @@ void ve_out_direct(const char *data, size_t size)
 void ve_out_direct_rows(const char *data, size_t size)
 {
     output.write_now({data, size}, terminal_output::row::whole);
+}
+
+void ve_out_give_up()
+{
+    output.give_up();
 }
 
 std::string ve_out_unfinished_row()

@@ -1,7 +1,10 @@
 """Events: printed by the listener, above what is being typed; notices of instances kept silently; the end of the link."""
 
+import fcntl
 import os
 import signal
+import sys
+import termios
 import time
 
 import pytest
@@ -107,6 +110,27 @@ def test_listening_ends_when_nobody_reads_what_it_prints(kest_start, fake):
     os.close(reader)
     fake.event(12)
     assert run.finish().status == -signal.SIGPIPE
+
+
+@pytest.mark.threads
+@pytest.mark.parametrize("events, size", [(90, 1000), (1, 200_000)])
+def test_the_first_ctrl_c_ends_listening_for_a_reader_that_stalls(kest_start, fake, events, size):
+    reader, writer = os.pipe()
+    run = kest_start("-l", to=fake, stdout=writer)
+    os.close(writer)
+    run.wait_for(lambda run: run.catches(signal.SIGINT))
+    for _ in range(events):
+        fake.event(12, "x" * size)
+    run.wait_for(lambda _: queued(reader) > 60_000)
+    run.interrupt()
+    assert run.finish().status == 0
+    os.close(reader)
+
+
+def queued(descriptor):
+    """The bytes that a pipe holds."""
+    count = fcntl.ioctl(descriptor, termios.FIONREAD, b"\0" * 4)
+    return int.from_bytes(count, sys.byteorder)
 
 
 @pytest.mark.threads

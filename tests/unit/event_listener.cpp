@@ -173,7 +173,7 @@ TEST(Listener, StopsAtOnceAndWithoutAWordWhenever)
     EXPECT_EQ(output.text(), "");
 }
 
-TEST(Listener, MayBeStoppedByASignalHandlerAtAWaitPoint)
+TEST(Listener, EndsWhenASignalHandlerEndsTheRun)
 {
     captured_output output;
     const scripted_peer peer([](peer_link &link) { link.closed(); });
@@ -184,7 +184,7 @@ TEST(Listener, MayBeStoppedByASignalHandlerAtAWaitPoint)
     };
     struct sigaction before {
     };
-    action.sa_handler = [](int) { stop_event_handler(); };
+    action.sa_handler = [](int) { end_run(); };
     sigaction(SIGINT, &action, &before);
     const running_listener listener(nullptr, group.get());
     raise(SIGINT);
