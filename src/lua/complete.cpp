@@ -1,6 +1,5 @@
 #include "lua/complete.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <string>
@@ -44,17 +43,6 @@ void add_reserved_words(const char *word, json_t *candidates)
     }
 }
 
-void add_fields(lua_State *L, const char *word, lua_field_source source, json_t *candidates)
-{
-    for (int turn = 0;; ++turn) {
-        char *candidate = lua_complete_fields(L, word, turn, source);
-        if (candidate == nullptr)
-            return;
-        json_array_append_new(candidates, json_string(candidate));
-        free(candidate);
-    }
-}
-
 struct completion {
     const char *word;
     json_t *candidates;
@@ -71,8 +59,8 @@ int complete_modules(lua_State *L)
 int complete_fields(lua_State *L)
 {
     const auto *request = static_cast<const completion *>(lua_touserdata(L, 1));
-    add_fields(L, request->word, lua_field_source::object, request->candidates);
-    add_fields(L, request->word, lua_field_source::metatable, request->candidates);
+    lua_complete_fields(L, request->word, lua_field_source::object, request->candidates);
+    lua_complete_fields(L, request->word, lua_field_source::metatable, request->candidates);
     return 0;
 }
 

@@ -23,6 +23,5 @@ void lua_complete_modules(lua_State *L, const char *word, json_t *candidates);
 
 /// Where the fields of an object come from.
 enum class lua_field_source { object, metatable };
-/// The field generator: called with `state` 0, 1, 2, … it returns candidates for `text` (to be freed by the caller),
-/// then null. Between the calls of a run it keeps what it needs on the Lua stack.
-char *lua_complete_fields(lua_State *L, const char *text, int state, lua_field_source source);
+/// Appends the fields whose names go on from the word `text`. Holds no owner while Lua code can raise.
+void lua_complete_fields(lua_State *L, const char *text, lua_field_source source, json_t *candidates);

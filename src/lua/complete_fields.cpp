@@ -1,20 +1,21 @@
-// The field generator: the fields of the object that the typed word names, one candidate at a time.
-#include <cstdio>
-#include <cstdlib>
+// The fields of the object that the typed word names.
 #include <cstring>
+#include <string>
 
 #include <lua.hpp>
 
 #include "lua/complete.h"
-#include "platform/ve_log.h"
 
 namespace
 {
 
-// A run's state between the calls; the iterator, its state and the control key stay on the Lua stack.
-int stack_top = 0;
-char separator = '\0'; // in front of the part being completed: ".", ":", "[" or none
-size_t part_start = 0; // of that part in the text
+/// The typed word: the text of an object and the part of a field's name that is being completed.
+struct typed_word {
+    const char *text;
+    char separator = '\0'; // in front of the part: ".", ":", "[" or none
+    size_t part_start = 0;
+    const char *part() const { return text + part_start; }
+};
 
 bool has_fields(lua_State *L, int index)
 {
@@ -22,24 +23,25 @@ bool has_fields(lua_State *L, int index)
     return type == LUA_TTABLE || type == LUA_TUSERDATA;
 }
 
-/// Pushes the object whose fields are wanted.
-bool push_object(lua_State *L, const char *text)
+typed_word split_word(const char *text)
 {
-    const char *last = nullptr;
+    typed_word word{text};
     for (const char *at = text; *at != '\0'; ++at) {
-        if (strchr(".:[", *at) != nullptr)
-            last = at;
+        if (at != text && strchr(".:[", *at) != nullptr)
+            word = {text, *at, static_cast<size_t>(at - text) + 1};
     }
-    if (last == nullptr || last == text) {
-        separator = '\0';
-        part_start = 0;
+    return word;
+}
+
+/// Pushes the object whose fields are wanted.
+bool push_object(lua_State *L, const typed_word &word)
+{
+    if (word.part_start == 0) {
         lua_rawgeti(L, LUA_REGISTRYINDEX, LUA_RIDX_GLOBALS);
         return true;
     }
-    separator = *last;
-    part_start = static_cast<size_t>(last - text) + 1;
     lua_pushliteral(L, "return ");
-    lua_pushlstring(L, text, part_start - 1);
+    lua_pushlstring(L, word.text, word.part_start - 1);
     lua_concat(L, 2);
     return luaL_loadstring(L, lua_tostring(L, -1)) == LUA_OK && lua_pcall(L, 0, 1, 0) == LUA_OK && has_fields(L, -1);
 }
@@ -61,33 +63,24 @@ bool begin_iteration(lua_State *L, lua_field_source source)
     return true;
 }
 
-bool begin_run(lua_State *L, const char *text, lua_field_source source)
+/// Pushes the next key and value behind the iterator, its state and the control key; the key also becomes that one.
+bool push_next(lua_State *L, int iterator)
 {
-    stack_top = lua_gettop(L);
-    if (!push_object(L, text) || !begin_iteration(L, source))
-        return false;
-    while (lua_gettop(L) > stack_top + 3) // only the three are kept
-        lua_remove(L, stack_top + 1);
-    return true;
-}
-
-/// Pushes the next key and value; the key also becomes the control key.
-bool push_next(lua_State *L)
-{
-    for (int i = 1; i <= 3; ++i)
-        lua_pushvalue(L, stack_top + i);
+    lua_settop(L, iterator + 2);
+    for (int i = 0; i < 3; ++i)
+        lua_pushvalue(L, iterator + i);
     if (lua_pcall(L, 2, 2, 0) != LUA_OK || lua_isnil(L, -2))
         return false;
     lua_pushvalue(L, -2);
-    lua_replace(L, stack_top + 3);
+    lua_replace(L, iterator + 2);
     return true;
 }
 
 /// Pushes the text of the key at `key` as a candidate for the part; false when it is none.
-bool push_candidate(lua_State *L, int key, const char *part)
+bool push_candidate(lua_State *L, int key, const typed_word &word)
 {
     const bool is_text = lua_type(L, key) == LUA_TSTRING;
-    if (separator != '[') {
+    if (word.separator != '[') {
         if (is_text)
             lua_pushvalue(L, key);
         return is_text;
@@ -98,7 +91,7 @@ bool push_candidate(lua_State *L, int key, const char *part)
         lua_pushfstring(L, "%I]", static_cast<LUAI_UACINT>(number));
         return true;
     }
-    const char quote = *part == '\'' ? '\'' : '"';
+    const char quote = *word.part() == '\'' ? '\'' : '"';
     if (is_text)
         lua_pushfstring(L, "%c%s%c]", quote, lua_tostring(L, key), quote);
     return is_text;
@@ -119,48 +112,35 @@ char continuation(lua_State *L, int index)
     return sign;
 }
 
-/// The text up to the part, the candidate and one more character unless it is 0.
-char *make_result(const char *text, const char *candidate, size_t size, char more)
+/// Appends the candidate on top when it goes on from the part. Holds no owner while Lua code can raise.
+void add_candidate(lua_State *L, const typed_word &word, int value, json_t *candidates)
 {
-    const size_t count = part_start + size + 2;
-    auto *result = static_cast<char *>(ve_xmalloc(count, "lua_complete_fields", __LINE__, "lua"));
-    memcpy(result, text, part_start);
-    memcpy(result + part_start, candidate, size);
-    result[part_start + size] = more;
-    result[part_start + size + 1] = '\0';
-    return result;
+    size_t size = 0;
+    const char *candidate = lua_tolstring(L, -1, &size);
+    const size_t part_size = strlen(word.part());
+    if (size < part_size || memcmp(candidate, word.part(), part_size) != 0)
+        return;
+    const char more = size == part_size ? continuation(L, value) : '\0';
+    std::string result(word.text, word.part_start);
+    result.append(candidate, size).push_back(more);
+    json_array_append_new(candidates, json_string(result.c_str()));
 }
 
 } // namespace
 
-char *lua_complete_fields(lua_State *L, const char *text, int state, lua_field_source source)
+void lua_complete_fields(lua_State *L, const char *text, lua_field_source source, json_t *candidates)
 {
     luaL_checkstack(L, LUA_MINSTACK, nullptr);
-    if (state == 0 && !begin_run(L, text, source)) {
-        lua_settop(L, stack_top);
-        return nullptr;
+    const typed_word word = split_word(text);
+    const int top = lua_gettop(L);
+    if (push_object(L, word) && begin_iteration(L, source)) {
+        const int iterator = lua_gettop(L) - 2;
+        const int key = iterator + 3;
+        const int value = iterator + 4;
+        while (push_next(L, iterator)) {
+            if ((word.separator != ':' || lua_isfunction(L, value)) && push_candidate(L, key, word))
+                add_candidate(L, word, value, candidates);
+        }
     }
-    const char *part = text + part_start;
-    const size_t part_size = strlen(part);
-    for (;;) {
-        lua_settop(L, stack_top + 3);
-        if (!push_next(L))
-            break;
-        const int key = stack_top + 4;
-        const int value = stack_top + 5;
-        lua_settop(L, value);
-        if (separator == ':' && !lua_isfunction(L, value))
-            continue;
-        if (!push_candidate(L, key, part))
-            continue;
-        size_t size = 0;
-        const char *candidate = lua_tolstring(L, -1, &size);
-        if (size < part_size || memcmp(candidate, part, part_size) != 0)
-            continue;
-        char *result = make_result(text, candidate, size, size == part_size ? continuation(L, value) : '\0');
-        lua_settop(L, stack_top + 3);
-        return result;
-    }
-    lua_settop(L, stack_top);
-    return nullptr;
+    lua_settop(L, top);
 }

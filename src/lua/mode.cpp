@@ -33,8 +33,10 @@ struct free_deleter {
     void operator()(char *text) const { free(text); }
 };
 
-ve_history history;       // of all Lua modes
-size_t session_begin = 0; // the entry of `history` with which this one begins
+struct {
+    ve_history history;       // of all Lua modes
+    size_t session_begin = 0; // the entry with which this one begins
+} console;
 
 bool is_quit(const char *text)
 {
@@ -61,7 +63,7 @@ void finish_statement(std::string &statement, bool compiled)
     if (isspace(static_cast<unsigned char>(statement[0])) != 0)
         ve_puts(statement.c_str());
     else
-        history.add(statement);
+        console.history.add(statement);
     statement.clear();
     interrupt_disarm();
     ve_out_flush();
@@ -116,8 +118,8 @@ void run_lines(lua_State *L)
 void save_session()
 {
     if (record_check())
-        record_commit(history.script(session_begin));
-    history.save();
+        record_commit(console.history.script(console.session_begin));
+    console.history.save();
 }
 
 /// os.exit in Lua mode ends the program, but not without that.
@@ -140,9 +142,9 @@ int lua_mode_run()
     const interrupt_suspension own_ctrl_c;
     prompt_update_postfix("lua");
     kest_readline_cleanup();
-    kest_readline_use({lua_autocomplete}, &history);
-    history.load(history_file);
-    session_begin = history.size();
+    kest_readline_use({lua_autocomplete}, &console.history);
+    console.history.load(history_file);
+    console.session_begin = console.history.size();
     {
         const lua_client client(leave_program);
         if (client) {

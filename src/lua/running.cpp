@@ -9,8 +9,11 @@
 namespace
 {
 
-struct sigaction action_before;
-sigset_t mask_before;
+// As they were before the run.
+struct {
+    struct sigaction action;
+    sigset_t mask;
+} before;
 
 /// Where no loop waits for Ctrl-C: the second one ends the program at once, should the code not stop.
 void note_or_end(int)
@@ -34,25 +37,25 @@ sigset_t only_sigint()
 
 void lua_run_begin()
 {
-    sigaction(SIGINT, nullptr, &action_before);
-    struct sigaction action = action_before;
+    sigaction(SIGINT, nullptr, &before.action);
+    struct sigaction action = before.action;
     action.sa_flags &= ~SA_RESTART; // a read of the code's own ends too
-    if (action_before.sa_handler == SIG_DFL)
+    if (before.action.sa_handler == SIG_DFL)
         action.sa_handler = note_or_end;
     sigaction(SIGINT, &action, nullptr);
     const sigset_t sigint = only_sigint();
-    pthread_sigmask(SIG_UNBLOCK, &sigint, &mask_before);
+    pthread_sigmask(SIG_UNBLOCK, &sigint, &before.mask);
 }
 
 bool lua_run_end()
 {
     const sigset_t sigint = only_sigint();
     pthread_sigmask(SIG_BLOCK, &sigint, nullptr);
-    sigaction(SIGINT, &action_before, nullptr);
+    sigaction(SIGINT, &before.action, nullptr);
     const bool interrupted = ve_wait_interrupted();
     if (!interrupt_is_armed())
         ve_wait_clear_interrupt();
-    pthread_sigmask(SIG_SETMASK, &mask_before, nullptr);
+    pthread_sigmask(SIG_SETMASK, &before.mask, nullptr);
     return interrupted;
 }
 

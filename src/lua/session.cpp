@@ -24,9 +24,12 @@ constexpr char label_color[] = "\033[1;32m";
 constexpr char value_color[] = "\033[0;32m";
 constexpr char reset_color[] = "\033[0m";
 
-int results_reference = -1;
-unsigned results_count = 0;
-bool owns_underscore = false;
+struct {
+    int results = -1;             // reference of the results table, -1: none yet
+    unsigned results_count = 0;   // shown so far
+    bool owns_underscore = false; // "_" is ours
+    std::string expression;       // not a local: Lua code can raise
+} session;
 
 /// Writes the error message on top and takes it off. Nothing after Ctrl-C: its error was made to stop the code.
 void report_error(lua_State *L)
@@ -60,14 +63,14 @@ int call_protected(lua_State *L, int nargs, int nresults)
 
 int prepare(lua_State *L)
 {
-    if (results_reference == -1) {
+    if (session.results == -1) {
         lua_newtable(L);
-        results_reference = luaL_ref(L, LUA_REGISTRYINDEX);
+        session.results = luaL_ref(L, LUA_REGISTRYINDEX);
     }
     if (lua_getglobal(L, results_name) == LUA_TNIL) {
-        lua_rawgeti(L, LUA_REGISTRYINDEX, results_reference);
+        lua_rawgeti(L, LUA_REGISTRYINDEX, session.results);
         lua_setglobal(L, results_name);
-        owns_underscore = true;
+        session.owns_underscore = true;
     }
     return 0;
 }
@@ -86,13 +89,13 @@ int show_result(lua_State *L)
     const char *description = luap_describe(L, 2);
     const size_t size = luap_description_length();
     lua_pushvalue(L, 2);
-    lua_rawseti(L, 1, static_cast<lua_Integer>(results_count) + 1);
-    ++results_count;
+    lua_rawseti(L, 1, static_cast<lua_Integer>(session.results_count) + 1);
+    ++session.results_count;
 
     const bool colours = luap_colours && ve_out_is_terminal();
     char label[64];
     const int label_size = snprintf(label, sizeof label, "%s%s[%u]%s = ", colours ? label_color : "", results_name,
-                                    results_count, colours ? value_color : "");
+                                    session.results_count, colours ? value_color : "");
     ve_lua_write(label, static_cast<size_t>(label_size));
     ve_lua_write(description, size);
     ve_lua_write(reset_color, colours ? strlen(reset_color) : 0);
@@ -111,9 +114,7 @@ bool ends_unfinished(const char *message, size_t size)
 void kest_lua_init(lua_State *L)
 {
     lua_complete_set_state(L);
-    results_reference = -1;
-    results_count = 0;
-    owns_underscore = false;
+    session = {};
 }
 
 void kest_lua_prepare(lua_State *L)
@@ -125,7 +126,7 @@ void kest_lua_prepare(lua_State *L)
 
 void kest_lua_cleanup(lua_State *L)
 {
-    if (!owns_underscore)
+    if (!session.owns_underscore)
         return;
     lua_pushcfunction(L, cleanup);
     call_protected(L, 0, 0);
@@ -151,7 +152,7 @@ void kest_lua_run_chunk(lua_State *L)
             }
             const bool colours = luap_colours;
             lua_pushcfunction(L, show_result);
-            lua_rawgeti(L, LUA_REGISTRYINDEX, results_reference);
+            lua_rawgeti(L, LUA_REGISTRYINDEX, session.results);
             lua_pushvalue(L, i);
             call_protected(L, 2, 0);
             luap_colours = colours;
@@ -162,7 +163,7 @@ void kest_lua_run_chunk(lua_State *L)
 
 int kest_lua_execute(lua_State *L, const char *text, size_t length)
 {
-    static std::string expression;
+    std::string &expression = session.expression;
     expression.assign("return ").append(text, length);
     int status = luaL_loadbufferx(L, expression.data(), expression.size(), chunk_name, nullptr);
     if (status != LUA_OK) {
