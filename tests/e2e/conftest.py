@@ -39,6 +39,12 @@ from lib.sandbox import BASE, Sandbox
 from lib.terminal import Terminal
 from lib.veld import Veld
 
+# nohup, a shell's "&" and the like leave signals ignored or blocked, which the programs would inherit.
+signal.pthread_sigmask(signal.SIG_SETMASK, ())
+signal.signal(signal.SIGINT, signal.default_int_handler)
+for number in (signal.SIGHUP, signal.SIGQUIT, signal.SIGTERM, signal.SIGCHLD, signal.SIGTSTP, signal.SIGTTIN, signal.SIGTTOU):
+    signal.signal(number, signal.SIG_DFL)
+
 
 class Overdue(Exception):
     pass
