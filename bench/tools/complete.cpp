@@ -19,7 +19,6 @@
 #include "platform/ve_jrpcapi.h"
 #include "platform/ve_json.h"
 #include "platform/ve_log.h"
-#include "platform/ve_tr.h"
 #include "platform/ve_wait.h"
 #include "shell/completion.h"
 
@@ -53,8 +52,7 @@ void open_link(const char *socket)
     ve_jrpcapi_set_destination(request_ctx, nullptr, socket, ve_socket_unix);
     if (ve_jrpcapi_connect(request_ctx) < 0)
         fail("no daemon there");
-    dm = json_object();
-    cdpath_new(&cwd);
+    dm = std::make_shared<dm_node>();
 }
 
 json_ref complete(const std::string &line)
@@ -68,13 +66,9 @@ json_ref complete(const std::string &line)
 std::vector<std::string> names_below(const std::string &path)
 {
     std::vector<std::string> names;
-    const char *key;
-    json_t *child;
-    json_object_foreach(ve_conf_find_branch(dm, path.c_str(), 0), key, child)
-    {
-        if (*key != '#')
-            names.emplace_back(key);
-    }
+    const std::shared_ptr<dm_node> node = dm->find(path);
+    for (size_t place = 0; node != nullptr && place < node->size(); ++place)
+        names.push_back((*node->level)[place].name);
     return names;
 }
 
@@ -138,9 +132,7 @@ int measure_level(const std::string &path)
     std::vector<double> own;
     size_t found = 0;
     for (int round = 0; round < rounds; ++round) {
-        json_decref(dm);
-        dm = json_object();
-        cdpath_new(&cwd);
+        dm = std::make_shared<dm_node>();
         complete(above);
         const double began = ms(CLOCK_MONOTONIC);
         const double began_own = ms(CLOCK_PROCESS_CPUTIME_ID);

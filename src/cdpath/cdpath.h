@@ -1,46 +1,34 @@
-// A place in the data model, and the cache of the model's scheme that it stands in. Main thread only.
+// Places in the data model, found by their paths in the cache of the model's scheme. Main thread only.
 #pragma once
 
-#include <cstdint>
+#include <memory>
 
 #include <jansson.h>
 
-inline constexpr unsigned cdpath_text_max = 256;
+#include "cdpath/dm_node.h"
+#include "cdpath/dm_path.h"
 
-/// A place: the path text, the cache node it leads to and the chain of nodes back to the root.
+/// A place: a path, and the cache's node there. A value: a copy goes its own way.
 struct cdpath {
-    json_t *node;    ///< owned: one reference, which keeps it alive when the cache is replaced
-    json_t *parents; ///< owned: array, element 0 the direct parent, the last one the root
-    uint8_t is_multi;
-    uint8_t is_ordered;
-    uint8_t allocated; ///< the record itself is on the heap and cdpath_free frees it
-    char path[cdpath_text_max + 1];
+    dm_path path;
+    std::shared_ptr<dm_node> node; ///< null when no scheme is loaded, or when nothing is known of the path
 };
 
-/// The scheme cache: owned here, replaced by reload_dm. Keys "#attr", "#fetched", "#template" and "#shared" (nodes that
-/// instances of a table have in common) are the client's own.
-extern json_t *dm;
-/// The shell's place and the one before it. Usable before their first cdpath_new (a zeroed record is an unloaded root).
-extern cdpath cwd;
-extern cdpath old_cwd;
+/// The root of the scheme cache, null until a scheme is loaded. Replaced by reload_dm, ended by the shell.
+extern std::shared_ptr<dm_node> dm;
+/// Where the shell stands and where it stood before; nodes are found anew for each look. Written by cd and reload_dm.
+extern dm_path cwd;
+extern dm_path old_cwd;
 
-/// Initialise `storage`, or a new record when it is null. Return the record.
-cdpath *cdpath_new(cdpath *storage);
-cdpath *cdpath_copy(cdpath *storage, const cdpath *source);
-void cdpath_free(cdpath *record);
+/// The shell's place, after what the daemon's notices of instances say went into the cache. Asks nothing.
+cdpath cdpath_here();
+/// Finds the node of the place's path when it has none, asking for what is not known. False when there is none.
+bool cdpath_settle(cdpath *place);
 /// Back to the root.
-void cdpath_clear(cdpath *record);
-/// One level down to `child` (borrowed) under `name`. Returns 0, or -1 when the path would become too long.
-int cdpath_push(cdpath *record, json_t *child, const char *name, bool multi, bool ordered);
-/// One level up; at the root it stays. Returns 0.
-int cdpath_pop(cdpath *record);
+void cdpath_clear(cdpath *place);
 /// Follows the typed path `text`. Returns 0, -1 when it cannot be followed (what led up to there stays applied), -2
 /// without a text. May fetch from the daemon. `quiet` keeps the component "-" from printing where it leads.
-int cdpath_parse(cdpath *record, const char *text, bool quiet = false);
-/// True when the record stands at the root of the model (by identity or by its empty path).
-bool cdpath_is_root(const cdpath *record);
-/// Turns every "#info" below `value` into "#attr".
-void cdpath_info_to_attr(json_t *value);
+int cdpath_parse(cdpath *place, const char *text, bool quiet = false);
 
 enum cdpath_content_flags : unsigned {
     CDPATH_OBJECTS_ONLY = 1,
@@ -49,22 +37,13 @@ enum cdpath_content_flags : unsigned {
     CDPATH_FILTER_PREFIX = 8
 };
 
-/// Fills the record's node with the daemon's attributes of it and its direct children. Returns 0. A wait point.
-int cdpath_fetch(cdpath *record);
-/// The names below the record as a new array of strings; of a multi-instance object as the daemon lists them now. Null
+/// Fills the place's node with the daemon's attributes of it and its direct children. What a Ctrl-C, a lost link or a
+/// fault of the daemon's ends leaves everything as it was. Returns 0. A wait point.
+int cdpath_fetch(cdpath *place);
+/// The names below the place as a new array of strings; of a multi-instance object as the daemon lists them now. Null
 /// when there is nothing to list. `text` is a filter (CDPATH_FILTER_PREFIX) or a prefix for each name. A wait point.
-json_t *cdpath_content(cdpath *record, const char *text, unsigned flags);
-/// The same from the cache, fetching only what was never fetched. Never null.
-json_t *cdpath_content_fast(cdpath *record, const char *text, unsigned flags);
-/// A new tree of the input arguments of the method that the record stands on, or null.
-json_t *cdpath_get_input(cdpath *record);
-
-/// A copy of a place for one look around. Use as cdpath_local.
-class cdpath_local : public cdpath
-{
-public:
-    explicit cdpath_local(const cdpath &source) { cdpath_copy(this, &source); }
-    cdpath_local(const cdpath_local &) = delete;
-    cdpath_local &operator=(const cdpath_local &) = delete;
-    ~cdpath_local() { cdpath_free(this); }
-};
+json_t *cdpath_content(const dm_path &path, const dm_node *node, const char *text, unsigned flags);
+/// The same from the cache, in the order of the names' bytes, fetching only what was never fetched. Never null.
+json_t *cdpath_content_fast(cdpath *place, const char *text, unsigned flags);
+/// The input arguments of the method that the place stands on, or null. A wait point.
+std::shared_ptr<dm_node> cdpath_get_input(const cdpath &place);

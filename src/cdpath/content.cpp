@@ -1,164 +1,140 @@
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "cdpath/cdpath.h"
+#include "cdpath/dm_builder.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
-#include "platform/ve_tr.h"
+#include "utils/json_util.h"
 
 namespace
 {
 
-/// Appends ":" (absolute), the prefix and "." (when there is one), the name, and "." (dot).
-void cdpath_list_add(json_t *list, std::string_view name, const char *prefix, bool absolute, bool dot)
-{
-    dot = dot && !name.ends_with('.');
-    if (!absolute && prefix == nullptr && !dot) {
-        json_array_append_new(list, json_stringn(name.data(), name.size()));
-        return;
-    }
-    std::string item;
-    item.reserve(name.size() + 2 + (prefix != nullptr ? strlen(prefix) + 1 : 0));
-    if (absolute)
-        item += ':';
-    if (prefix != nullptr)
-        item.append(prefix).append(1, '.');
-    item += name;
-    if (dot)
-        item += '.';
-    json_array_append_new(list, json_stringn(item.data(), item.size()));
-}
-
-/// Whether nodes have a type, asked for one node after another: neighbours mostly share their attributes.
-class typed_reader
+/// Appends the names that are asked for to a list.
+class name_list
 {
 public:
-    bool operator()(const json_t *node)
+    /// `text` and `flags` are those of cdpath_content.
+    name_list(const char *text, unsigned flags) : flags_(flags)
     {
-        const json_t *attributes = ve_tr_dm_node_attr_get(node);
-        if (attributes == nullptr || attributes != last_) {
-            last_ = attributes;
-            typed_ = ve_tr_dm_node_type_get(node) != ve_tr_object;
-        }
-        return typed_;
+        if ((flags & CDPATH_ABSOLUTE) != 0)
+            front_ = ':';
+        if (text == nullptr)
+            return;
+        if ((flags & CDPATH_FILTER_PREFIX) != 0)
+            filter_ = text;
+        else
+            front_.append(text).append(1, '.');
     }
 
+    const std::string &filter() const { return filter_; }
+    void add(std::string_view name, bool object)
+    {
+        const bool left_out = !object && (flags_ & CDPATH_OBJECTS_ONLY) != 0;
+        if (left_out || !name.starts_with(filter_))
+            return;
+        item_.assign(front_).append(name);
+        if (object && (flags_ & CDPATH_OBJECT_DOT) != 0 && !name.ends_with('.'))
+            item_ += '.';
+        // The names come from JSON texts, so they are UTF-8.
+        json_array_append_new(list_.get(), json_stringn_nocheck(item_.data(), item_.size()));
+    }
+    json_t *take() { return list_.release(); }
+
 private:
-    const json_t *last_ = nullptr;
-    bool typed_ = false;
+    unsigned flags_;
+    std::string front_;
+    std::string filter_;
+    std::string item_;
+    json_ref list_{json_array()};
 };
 
 /// The children as the cache holds them.
-json_t *list_cached(const cdpath *record, const char *text, unsigned flags)
+json_t *list_cached(const dm_node *node, const char *text, unsigned flags, bool sorted)
 {
-    const bool filtering = (flags & CDPATH_FILTER_PREFIX) != 0 && text != nullptr;
-    const char *prefix = (flags & CDPATH_FILTER_PREFIX) != 0 ? nullptr : text;
-    const size_t filter_size = filtering ? strlen(text) : 0;
-    typed_reader is_typed;
-    json_t *list = json_array();
-    const char *key;
-    json_t *child;
-    json_object_foreach(record->node, key, child)
-    {
-        if (*key == '#' || (filtering && strncmp(key, text, filter_size) != 0))
-            continue;
-        const bool typed = is_typed(child);
-        if (typed && (flags & CDPATH_OBJECTS_ONLY) != 0)
-            continue;
-        cdpath_list_add(list, key, prefix, (flags & CDPATH_ABSOLUTE) != 0, !typed && (flags & CDPATH_OBJECT_DOT) != 0);
+    name_list list(text, flags);
+    const size_t size = node != nullptr ? node->size() : 0;
+    const auto name_at = [&](size_t place) -> const std::string & { return (*node->level)[place].name; };
+    const auto add = [&](size_t place) {
+        const dm_attributes_ref &attributes = node->attributes_of(place);
+        list.add(name_at(place), !attributes || attributes->type == dm_type::object);
+    };
+    if (!sorted) {
+        for (size_t place = 0; place < size; ++place)
+            add(place);
+    } else if (size > 0) {
+        const std::vector<uint32_t> &places = node->level->sorted();
+        const auto first = std::lower_bound(places.begin(), places.end(), list.filter(),
+                                            [&](uint32_t at, const std::string &word) { return name_at(at) < word; });
+        for (auto at = first; at != places.end() && name_at(*at).starts_with(list.filter()); ++at)
+            add(*at);
     }
-    return list;
+    return list.take();
 }
 
 /// "max_instance" and "order" for a word that is no instance; null when it begins neither.
 json_t *list_own_parameters(const char *text, unsigned flags)
 {
-    json_ref list;
-    for (const char *name : {"max_instance", "order"}) {
-        if (strncmp(name, text, strlen(text)) != 0)
-            continue;
-        if (!list)
-            list.reset(json_array());
-        cdpath_list_add(list.get(), name, nullptr, (flags & CDPATH_ABSOLUTE) != 0, false);
-    }
-    return list.release();
-}
-
-/// `name` without the object's path in front and the final dot.
-std::string_view relative_name(std::string_view name, std::string_view object)
-{
-    if (name.starts_with(object))
-        name.remove_prefix(object.size());
-    if (name.ends_with('.'))
-        name.remove_suffix(1);
-    return name;
+    name_list list(text, flags & ~CDPATH_OBJECTS_ONLY);
+    for (const char *name : {"max_instance", "order"})
+        list.add(name, false);
+    json_ref found(list.take());
+    return json_array_size(found.get()) > 0 ? found.release() : nullptr;
 }
 
 } // namespace
 
-json_t *cdpath_content_fast(cdpath *record, const char *text, unsigned flags)
+json_t *cdpath_content_fast(cdpath *place, const char *text, unsigned flags)
 {
-    if (!json_is_true(json_object_get(record->node, "#fetched")))
-        cdpath_fetch(record);
-    return list_cached(record, text, flags);
+    if (place->node == nullptr || !place->node->was_asked())
+        cdpath_fetch(place);
+    return list_cached(place->node.get(), text, flags, true);
 }
 
-json_t *cdpath_content(cdpath *record, const char *text, unsigned flags)
+json_t *cdpath_content(const dm_path &path, const dm_node *node, const char *text, unsigned flags)
 {
-    if (record->is_multi == 0)
-        return list_cached(record, text, flags);
+    if (node == nullptr || !node->is_multi())
+        return list_cached(node, text, flags, false);
 
-    const char *dot = strrchr(record->path, '.');
-    const bool typed = ve_tr_dm_node_type_get(json_object_get(record->node, "#template")) != ve_tr_object;
-    if (strcmp(dot != nullptr ? dot + 1 : record->path, "max_instance") == 0 ||
-        (typed && (flags & CDPATH_OBJECTS_ONLY) != 0))
+    const bool of_objects = node->pattern() == nullptr || node->pattern()->is_object();
+    if (path.last() == "max_instance" || (!of_objects && (flags & CDPATH_OBJECTS_ONLY) != 0))
         return nullptr;
-
-    const bool filtering = (flags & CDPATH_FILTER_PREFIX) != 0 && text != nullptr;
-    if (filtering && *text != '\0' && *text != '[' && !ve_tr_str_is_instance(text))
+    if ((flags & CDPATH_FILTER_PREFIX) != 0 && text != nullptr && *text != '\0' && *text != '[' &&
+        !dm_path::is_instance(text))
         return list_own_parameters(text, flags);
 
-    const bool ordered = record->is_ordered != 0;
-    std::string object(record->path);
-    object += '.';
-    msg_ref message(ve_jrpcmsg_cmd_get_parameter_names(object.c_str(), 1));
+    const bool ordered = node->is_ordered();
+    const msg_ref message(ve_jrpcmsg_cmd_get_parameter_names(path.as_object().c_str(), 1));
     msg_exec(message.get(), -1);
     if (ve_jrpcmsg_result(message.get()) == nullptr)
         return nullptr;
-
-    const std::string_view filter = filtering ? text : "";
-    const char *prefix = (flags & CDPATH_FILTER_PREFIX) != 0 ? nullptr : text;
-    json_t *list = json_array();
+    name_list list(text, flags);
     size_t index;
     json_t *entry;
     json_array_foreach(ve_jrpcmsg_parameter_list(message.get()), index, entry)
     {
-        const json_t *text_of_name = json_object_get(entry, "Name");
-        if (!json_is_string(text_of_name))
+        const char *spelled = json_text(entry, "Name");
+        const std::string_view name = dm_path::without_dot(path.relative(spelled != nullptr ? spelled : ""));
+        if (name.empty())
             continue;
-        const std::string_view name =
-            relative_name(std::string_view(json_string_value(text_of_name), json_string_length(text_of_name)), object);
         const bool maximum = name == "max_instance";
         const bool order = name == "order";
-        if (name.empty() || !name.starts_with(filter) || ((maximum || order) && (flags & CDPATH_OBJECTS_ONLY) != 0))
+        if ((maximum || order) && (flags & CDPATH_OBJECTS_ONLY) != 0)
             continue;
-        const bool dotted = (flags & CDPATH_OBJECT_DOT) != 0 && !typed && !maximum && !(ordered && order);
-        cdpath_list_add(list, name, prefix, (flags & CDPATH_ABSOLUTE) != 0, dotted);
+        list.add(name, of_objects && !maximum && !(ordered && order));
     }
-    return list;
+    return list.take();
 }
 
-json_t *cdpath_get_input(cdpath *record)
+std::shared_ptr<dm_node> cdpath_get_input(const cdpath &place)
 {
-    if (ve_tr_dm_node_type_get(record->node) != ve_tr_method)
+    if (place.node == nullptr || place.node->type() != dm_type::method)
         return nullptr;
-    std::string method(record->path);
-    msg_ref message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
-    {
-        const std::string name = method + (ve_tr_path_is_full(method.c_str()) ? "." : "");
-        ve_jrpcmsg_cmd_get_parameter_attributes_add(message.get(), name.c_str());
-    }
+    const msg_ref message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
+    ve_jrpcmsg_cmd_get_parameter_attributes_add(message.get(), place.path.as_object().c_str());
     msg_exec(message.get(), -1);
 
     const json_ref inputs{json_array()};
@@ -166,12 +142,11 @@ json_t *cdpath_get_input(cdpath *record)
     json_t *entry;
     json_array_foreach(ve_jrpcmsg_parameter_list(message.get()), index, entry)
     {
-        const json_t *direction = json_object_get(json_object_get(entry, "Attributes"), "Direction");
-        if (json_is_string(direction) && strcmp(json_string_value(direction), "input") == 0)
+        const char *direction = json_text(json_object_get(entry, "Attributes"), "Direction");
+        if (direction != nullptr && strcmp(direction, "input") == 0)
             json_array_append(inputs.get(), entry);
     }
-    const json_ref tree{ve_tr_names_to_config(inputs.get(), nullptr)};
-    json_ref input = json_ref::share(ve_tr_node_find_path_config(tree.get(), method.c_str()));
-    cdpath_info_to_attr(input.get());
-    return input.release();
+    dm_builder builder(place.path);
+    builder.add(inputs.get());
+    return std::make_shared<dm_node>(builder.take());
 }

@@ -9,7 +9,6 @@
 #include "event/request.h"
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
-#include "platform/ve_tr.h"
 #include "utils/json_util.h"
 
 namespace
@@ -121,43 +120,42 @@ void print_attrs(const char *path_text, json_t *object)
     print_json("Regex:", read.regex);
 }
 
-/// What the cache knows of a node that the daemon does not show; a new object.
-json_t *denied_attributes(const cdpath *place)
+/// What the cache knows of a node that the daemon does not show.
+json_ref denied_attributes(const cdpath &place)
 {
-    json_t *attributes = json_deep_copy(ve_tr_dm_node_attr_get(place->node));
-    if (attributes == nullptr)
-        attributes = json_object();
-    json_object_set_new(attributes, "access", json_string("Denied"));
+    json_ref attributes;
+    if (place.node != nullptr)
+        attributes = place.node->description();
+    if (!attributes)
+        attributes.reset(json_object());
+    json_object_set_new(attributes.get(), "access", json_string("Denied"));
     return attributes;
 }
 
 int show_attrs(const char *name, const char *path_text)
 {
-    cdpath_local place(cwd);
+    cdpath place = cdpath_here();
     if (!place_go(&place, path_text)) {
-        ve_printf("%s: %s: no such node\n", name, path_text);
+        ve_printf("%s: %s: no such node\n", name, place_sought(path_text).c_str());
         return -1;
     }
-    if (cdpath_is_root(&place)) {
+    if (place.path.is_root()) {
         ve_puts("Canonical path:     :");
         ve_puts("Type:               config root");
         ve_puts("Access:             readOnly");
         return -1;
     }
     msg_ref message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
-    {
-        const bool object = ve_tr_dm_node_type_get(place.node) == ve_tr_object;
-        const std::string node = object ? place_with_dot(place.path) : std::string(place.path);
-        ve_jrpcmsg_cmd_get_parameter_attributes_add(message.get(), node.c_str());
-    }
+    const std::string node = place_is_parameter(place) ? place.path.text() : place.path.as_object();
+    ve_jrpcmsg_cmd_get_parameter_attributes_add(message.get(), node.c_str());
     json_object_set_new(ve_jrpcmsg_params(message.get()), "Depth", json_integer(0));
     msg_exec(message.get(), 1000);
 
     const json_t *first = json_array_get(ve_jrpcmsg_parameter_list(message.get()), 0);
     json_ref attributes = json_ref::share(json_object_get(first, "Attributes"));
     if (!attributes)
-        attributes.reset(denied_attributes(&place));
-    print_attrs(place.path, attributes.get());
+        attributes = denied_attributes(place);
+    print_attrs(place.path.c_str(), attributes.get());
     return 0;
 }
 

@@ -19,13 +19,14 @@
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
-#include "platform/ve_tr.h"
 #include "platform/ve_wait.h"
 #include "utils/json_util.h"
 
 namespace
 {
 
+constexpr char progress_name[] = "Device.DeviceInfo.UpgradeProgress";
+constexpr char status_name[] = "Device.DeviceInfo.UpgradeStatus";
 constexpr char flashing_label[] = "Flashing:";
 
 int syntax(const char *name)
@@ -128,12 +129,26 @@ void reset_config()
     process_reset("reset", {});
 }
 
+/// The number that a list gives for the parameter `name`, 0 when there is none.
+json_int_t value_of(const json_t *list, const char *name)
+{
+    size_t index;
+    json_t *entry;
+    json_array_foreach(list, index, entry)
+    {
+        const char *named = json_text(entry, "Name");
+        if (named != nullptr && strcmp(named, name) == 0)
+            return json_integer_value(json_object_get(entry, "Value"));
+    }
+    return 0;
+}
+
 /// Shows the flash's progress until the device goes down or the flash fails, and waits for the device to come back.
 void watch_flashing()
 {
     msg_ref poll{ve_jrpcmsg_cmd_get_parameter_values_new(nullptr)};
-    ve_jrpcmsg_cmd_get_parameter_values_add(poll.get(), "Device.DeviceInfo.UpgradeProgress");
-    ve_jrpcmsg_cmd_get_parameter_values_add(poll.get(), "Device.DeviceInfo.UpgradeStatus");
+    ve_jrpcmsg_cmd_get_parameter_values_add(poll.get(), progress_name);
+    ve_jrpcmsg_cmd_get_parameter_values_add(poll.get(), status_name);
     for (;;) {
         ve_jrpcmsg_set_result_new(poll.get(), nullptr);
         msg_exec_once(poll.get(), 1000);
@@ -141,10 +156,10 @@ void watch_flashing()
             return;
         if (ve_jrpcmsg_result(poll.get()) == nullptr)
             break;
-        json_ref values{ve_tr_namevalues_to_config(ve_jrpcmsg_parameter_list(poll.get()), "Device.DeviceInfo.")};
-        if (json_integer_value(json_object_get(values.get(), "UpgradeStatus")) < 0)
+        const json_t *values = ve_jrpcmsg_parameter_list(poll.get());
+        if (value_of(values, status_name) < 0)
             break;
-        const json_int_t percent = json_integer_value(json_object_get(values.get(), "UpgradeProgress"));
+        const json_int_t percent = value_of(values, progress_name);
         ve_rl_draw_progressbar(percent < 0 ? 0 : percent > 100 ? 100 : static_cast<int>(percent), flashing_label);
         ve_out_flush();
         if (ve_wait_sleep_ms(100) != 0)

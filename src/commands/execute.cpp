@@ -9,14 +9,13 @@
 #include "event/request.h"
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
-#include "platform/ve_tr.h"
 #include "utils/json_util.h"
 
 namespace
 {
 
 /// Appends what "rpath=value" says to the argument list; false with a message when it does not fit the method's input.
-bool add_argument(const char *name, const char *argument, const json_t *input, json_t *list)
+bool add_argument(const char *name, const char *argument, dm_node *input, json_t *list)
 {
     const char *equals = strrchr(argument, '=');
     if (equals == nullptr) {
@@ -26,12 +25,13 @@ bool add_argument(const char *name, const char *argument, const json_t *input, j
     const std::string path(argument, equals);
     const char *text = equals + 1;
     ve_printf("key = %s, value = %s\n", path.c_str(), text);
-    const json_t *node = ve_tr_node_find_path_config(input, path.c_str());
+    const std::shared_ptr<dm_node> node = input != nullptr ? input->find(path) : nullptr;
     if (node == nullptr) {
         ve_printf("%s: %s: no such argument.\n", name, path.c_str());
         return false;
     }
-    const json_t *standard = ve_tr_dm_node_default_get(node);
+    const json_ref attributes = node->description();
+    const json_t *standard = json_object_get(attributes.get(), "default");
     if (standard == nullptr) {
         ve_printf("%s: %s: is an object or doesn't have default value.\n", name, path.c_str());
         return false;
@@ -54,20 +54,20 @@ int process_execute(const char *name, command_args args)
         ve_printf("%s: no method.\n", name);
         return -1;
     }
-    cdpath_local place(cwd);
+    cdpath place = cdpath_here();
     if (!place_go(&place, method)) {
         ve_printf("%s: %s: no such method.\n", name, method);
         return -1;
     }
     msg_ref message;
     {
-        const json_ref input{cdpath_get_input(&place)};
+        const std::shared_ptr<dm_node> input = cdpath_get_input(place);
         json_ref list{json_array()};
         for (size_t index = 1; index < args.size(); ++index) {
             if (!add_argument(name, arg_text(args, index), input.get(), list.get()))
                 return -1;
         }
-        message = msg_ref(ve_jrpcmsg_cmd_execute(place.path, list.release()));
+        message = msg_ref(ve_jrpcmsg_cmd_execute(place.path.c_str(), list.release()));
     }
     msg_exec(message.get(), -1);
     const json_t *output = ve_jrpcmsg_parameter_list(message.get());

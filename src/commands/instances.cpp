@@ -12,7 +12,6 @@
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "platform/ve_string.h"
-#include "platform/ve_tr.h"
 
 namespace
 {
@@ -40,10 +39,10 @@ bool object_path(const char *name, const char *typed, std::string *path)
     *path = typed;
     if (!place_scheme_loaded())
         return true;
-    cdpath_local place(cwd);
-    if (cdpath_parse(&place, typed) != 0)
+    cdpath place = cdpath_here();
+    if (!place_go(&place, typed))
         return no_such_node(name, typed);
-    *path = place_with_dot(place.path);
+    *path = place.path.as_object();
     return true;
 }
 
@@ -53,15 +52,10 @@ bool instance_path(const char *name, const char *typed, std::string *path)
     *path = typed;
     if (!place_scheme_loaded())
         return true;
-    cdpath_local place(cwd);
+    cdpath place = cdpath_here();
     if (!place_go(&place, typed))
         return no_such_node(name, typed);
-    *path = place.path;
-    const bool parameter = ve_tr_dm_node_type_get(place.node) != ve_tr_object;
-    if (parameter && ve_tr_path_is_partial(path->c_str()))
-        path->pop_back();
-    else if (!parameter && ve_tr_path_is_full(path->c_str()))
-        *path += '.';
+    *path = place.path.is_root() || place_is_parameter(place) ? place.path.text() : place.path.as_object();
     return true;
 }
 
@@ -111,7 +105,7 @@ int process_take(const char *name, command_args args)
     const int number = process_add(name, args);
     if (number <= 0)
         return -1;
-    if (ve_tr_path_is_full(path.c_str()))
+    if (!path.empty() && !path.ends_with('.'))
         path += '.';
     path += std::to_string(number);
     return process_cd(name, {&path, 1});

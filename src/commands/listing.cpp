@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "commands/place.h"
 #include "event/request.h"
 #include "platform/ve_colors.h"
 #include "platform/ve_out.h"
@@ -86,23 +85,7 @@ row make_row(const char *name, const json_t *attributes)
     return made;
 }
 
-/// True when `name` names the place itself, with or without a final dot.
-bool is_place(const char *name, const std::string &path)
-{
-    if (strncmp(name, path.c_str(), path.size()) != 0)
-        return false;
-    const char *rest = name + path.size();
-    return *rest == '\0' || strcmp(rest, ".") == 0;
-}
-
-/// `name` without the place's path and the dot behind it, as far as they are there.
-const char *name_below(const char *name, const std::string &path)
-{
-    const bool below = !path.empty() && strncmp(name, path.c_str(), path.size()) == 0 && name[path.size()] == '.';
-    return below ? name + path.size() + 1 : name;
-}
-
-std::vector<row> make_rows(const json_t *list, const std::string &path)
+std::vector<row> make_rows(const json_t *list, const dm_path &path)
 {
     std::vector<row> rows;
     size_t index;
@@ -113,8 +96,9 @@ std::vector<row> make_rows(const json_t *list, const std::string &path)
         const json_t *attributes = json_object_get(entry, "Attributes");
         if (name == nullptr || attributes == nullptr)
             continue;
-        if (!is_place(name, path)) {
-            rows.push_back(make_row(name_below(name, path), attributes));
+        if (!path.is(name)) {
+            // What stands before the relative name was cut off its front.
+            rows.push_back(make_row(path.relative(name).data(), attributes));
             continue;
         }
         const char *type = json_text(attributes, "type");
@@ -155,11 +139,10 @@ void print_rows(const std::vector<row> &rows)
 
 } // namespace
 
-void list_long(const cdpath *place)
+void list_long(const dm_path &path)
 {
-    std::string path(place->path);
     msg_ref message(ve_jrpcmsg_cmd_get_parameter_attributes_new(nullptr));
-    ve_jrpcmsg_cmd_get_parameter_values_add(message.get(), place_with_dot(path.c_str()).c_str());
+    ve_jrpcmsg_cmd_get_parameter_values_add(message.get(), path.as_object().c_str());
     json_object_set_new(ve_jrpcmsg_params(message.get()), "Depth", json_integer(1));
     msg_exec(message.get(), 1000);
     std::vector<row> rows(make_rows(ve_jrpcmsg_parameter_list(message.get()), path));

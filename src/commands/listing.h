@@ -1,8 +1,8 @@
 // The long listing of ls.
 #pragma once
 
-#include "cdpath/cdpath.h"
+#include "cdpath/dm_path.h"
 
 /// Prints a row of attributes for each child of the place, as the daemon knows them now; for a parameter or a method
 /// its own row. Without an answer the header alone. A wait point.
-void list_long(const cdpath *place);
+void list_long(const dm_path &path);

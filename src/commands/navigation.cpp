@@ -12,7 +12,6 @@
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
-#include "platform/ve_tr.h"
 #include "state/prompt.h"
 #include "utils/json_util.h"
 #include "utils/tree_print.h"
@@ -21,12 +20,6 @@ namespace
 {
 
 enum ls_options : unsigned { ls_long = 1, ls_all = 2 };
-
-void stand(cdpath *record, const cdpath &where)
-{
-    cdpath_free(record);
-    cdpath_copy(record, &where);
-}
 
 /// A new array of the one text.
 json_t *list_of(const char *text)
@@ -39,13 +32,9 @@ json_t *list_of(const char *text)
 /// The children's names behind the typed text, or the parameter itself.
 json_t *short_list(cdpath *place, const char *path_text, bool all)
 {
-    if (!cdpath_is_root(place) && ve_tr_dm_node_type_get(place->node) != ve_tr_object) {
-        const char *dot = strrchr(place->path, '.');
-        return list_of(path_text != nullptr ? path_text : dot != nullptr ? dot + 1 : place->path);
-    }
-    std::string prefix(path_text != nullptr ? path_text : "");
-    if (prefix.ends_with('.'))
-        prefix.pop_back();
+    if (place_is_parameter(*place))
+        return list_of(path_text != nullptr ? path_text : std::string(place->path.last()).c_str());
+    const std::string prefix(dm_path::without_dot(path_text != nullptr ? path_text : ""));
     json_t *names = cdpath_content_fast(place, path_text != nullptr ? prefix.c_str() : nullptr, CDPATH_OBJECT_DOT);
     json_array_sort(names);
     if (all)
@@ -55,13 +44,13 @@ json_t *short_list(cdpath *place, const char *path_text, bool all)
 
 int ls_repack_list(const char *name, const char *path_text, unsigned options)
 {
-    cdpath_local place(cwd);
+    cdpath place = cdpath_here();
     if (!place_go(&place, path_text)) {
-        ve_printf("%s: %s: no such node\n", name, path_text);
+        ve_printf("%s: %s: no such node\n", name, place_sought(path_text).c_str());
         return -1;
     }
     if ((options & ls_long) != 0) {
-        list_long(&place);
+        list_long(place.path);
         return 0;
     }
     json_ref names(short_list(&place, path_text, (options & ls_all) != 0));
@@ -69,39 +58,51 @@ int ls_repack_list(const char *name, const char *path_text, unsigned options)
     return 0;
 }
 
-json_t *tree_build(cdpath *place, const char *name, bool parent_multi);
+json_t *tree_build(const dm_path &path, const dm_node *node, const char *name, bool parent_multi);
 
-/// The trees of the children `names` of the place.
-void build_children(const cdpath &place, const json_t *names, bool multi, json_t *content)
+/// What the scheme says of the child `name`; of an instance what it says of all of them. May be put into `*leaf`.
+const dm_node *scheme_of(const dm_node &node, const char *name, dm_node *leaf)
+{
+    if (node.is_multi())
+        return node.pattern();
+    const size_t place = node.level->find(name);
+    if (place < node.below.size() && node.below[place] != nullptr)
+        return node.below[place].get();
+    leaf->attributes = node.attributes_of(place);
+    return leaf;
+}
+
+/// The trees of the children `names` of the node.
+void build_children(const dm_path &path, const dm_node &node, const json_t *names, json_t *content)
 {
     size_t index;
     json_t *word;
     json_array_foreach(names, index, word)
     {
         const char *name = json_string_value(word);
-        json_t *child = json_object_get(place.node, multi ? "#template" : name);
-        cdpath_local below(place);
-        if (cdpath_push(&below, child, name, ve_tr_dm_node_is_multi(child), ve_tr_dm_node_is_ordered(child)) == 0)
-            json_array_append_new(content, tree_build(&below, name, multi));
+        dm_node leaf;
+        const dm_node *child = scheme_of(node, name, &leaf);
+        if (dm_path below = path; below.push(name))
+            json_array_append_new(content, tree_build(below, child, name, node.is_multi()));
     }
 }
 
-/// A new tree description of what the scheme holds below the place.
-json_t *tree_build(cdpath *place, const char *name, bool parent_multi)
+/// A new tree description of what the scheme holds below the path.
+json_t *tree_build(const dm_path &path, const dm_node *node, const char *name, bool parent_multi)
 {
-    json_ref tree(json_object());
-    json_object_set_new(tree.get(), "name", json_string(name));
-    if (!cdpath_is_root(place) && ve_tr_dm_node_type_get(place->node) != ve_tr_object)
-        return tree.release();
+    json_t *tree = json_object();
+    json_object_set_new(tree, "name", json_string(name));
+    if (!path.is_root() && node != nullptr && !node->is_object())
+        return tree;
     if (parent_multi && (strcmp(name, "max_instance") == 0 || strcmp(name, "order") == 0))
-        return tree.release();
-    const bool multi = ve_tr_dm_node_is_multi(place->node);
-    json_ref names(cdpath_content(place, nullptr, 0));
+        return tree;
+    const json_ref names(cdpath_content(path, node, nullptr, 0));
     json_t *content = json_array();
-    json_object_set_new(tree.get(), "from_multi", json_boolean(multi));
-    json_object_set_new(tree.get(), "content", content);
-    build_children(*place, names.get(), multi, content);
-    return tree.release();
+    json_object_set_new(tree, "from_multi", json_boolean(node != nullptr && node->is_multi()));
+    json_object_set_new(tree, "content", content);
+    if (node != nullptr)
+        build_children(path, *node, names.get(), content);
+    return tree;
 }
 
 } // namespace
@@ -113,16 +114,16 @@ int process_cd(const char *name, command_args args)
         return -1;
     }
     const char *path = arg_text(args, 0);
-    cdpath_local target(cwd);
-    cdpath_local before(cwd);
+    const dm_path before = cwd;
+    cdpath target = cdpath_here();
     if (path == nullptr) {
         cdpath_clear(&target);
-    } else if (!place_go(&target, path)) {
+    } else if (place_scheme_loaded() && cdpath_parse(&target, path) != 0) {
         ve_printf("%s: %s: no such node\n", name, path);
         return -2;
     }
-    stand(&cwd, target);
-    stand(&old_cwd, before);
+    cwd = target.path;
+    old_cwd = before;
     prompt_update_path();
     return 0;
 }
@@ -134,14 +135,14 @@ int process_up(const char *name, command_args args)
     if (levels == 0)
         levels = 1;
     // No place is deeper than its text is long.
-    levels = std::clamp(levels, 0L, static_cast<long>(cdpath_text_max));
+    levels = std::clamp(levels, 0L, static_cast<long>(dm_path::size_max));
     const std::string path(static_cast<size_t>(levels), '<');
     return process_cd(name, {&path, 1});
 }
 
 int process_pwd(const char *, command_args)
 {
-    ve_printf(":%s\n", ve_visible(cwd.path));
+    ve_printf(":%s\n", ve_visible(cwd.c_str()));
     return 0;
 }
 
@@ -172,13 +173,14 @@ int process_ls(const char *name, command_args args)
 int process_tree(const char *name, command_args args)
 {
     const char *path = arg_text(args, 0);
-    cdpath_local place(cwd);
+    cdpath place = cdpath_here();
     if (!place_go(&place, path)) {
-        ve_printf("%s: %s: no such node\n", name, path);
+        ve_printf("%s: %s: no such node\n", name, place_sought(path).c_str());
         return -1;
     }
-    std::string root(place.path[0] != '\0' ? place.path : ":");
-    json_ref tree(tree_build(&place, root.c_str(), place.is_multi != 0));
+    const char *root = place.path.is_root() ? ":" : place.path.c_str();
+    const bool multi = place.node != nullptr && place.node->is_multi();
+    const json_ref tree(tree_build(place.path, place.node.get(), root, multi));
     json_dump_tree(tree.get());
     return 0;
 }

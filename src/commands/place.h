@@ -5,24 +5,26 @@
 
 #include "cdpath/cdpath.h"
 
-/// Moves `place` to `text` (null: stay). Without a scheme it stays too. False when the path cannot be followed. A wait
-/// point.
-inline bool place_go(cdpath *place, const char *text)
-{
-    return text == nullptr || place->node == nullptr || cdpath_parse(place, text) == 0;
-}
-
 /// The scheme is there, so that typed paths can be checked and completed.
 inline bool place_scheme_loaded()
 {
-    return cwd.node != nullptr;
+    return dm != nullptr;
 }
 
-/// `path` with a final dot, as the daemon spells objects.
-inline std::string place_with_dot(const char *path)
+/// Moves `place`, which stands where the shell does, to `text` (null: stay). Without a scheme it stays too. False when
+/// there is nothing. A wait point.
+inline bool place_go(cdpath *place, const char *text)
 {
-    std::string text = path;
-    if (!text.ends_with('.'))
-        text += '.';
-    return text;
+    return !place_scheme_loaded() || ((text == nullptr || cdpath_parse(place, text) == 0) && cdpath_settle(place));
+}
+
+/// What cannot be found: the typed path, or the place of the shell itself.
+inline std::string place_sought(const char *text)
+{
+    return text != nullptr ? text : ":" + cwd.text();
+}
+
+inline bool place_is_parameter(const cdpath &place)
+{
+    return !place.path.is_root() && place.node != nullptr && !place.node->is_object();
 }

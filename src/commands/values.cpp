@@ -12,28 +12,18 @@
 #include "platform/ve_colors.h"
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
-#include "platform/ve_tr.h"
 #include "utils/colorscheme.h"
 #include "utils/json_util.h"
 
 namespace
 {
 
-const char *last_component(const char *path)
-{
-    const char *dot = strrchr(path, '.');
-    return dot != nullptr ? dot + 1 : path;
-}
-
 /// The name that the daemon is asked for: an object with its final dot, what belongs to a table itself without.
-std::string query_name(const cdpath *place)
+std::string query_name(const cdpath &place)
 {
-    std::string name = place->path;
-    const bool parameter = !cdpath_is_root(place) && ve_tr_dm_node_type_get(place->node) != ve_tr_object;
-    const std::string_view last = last_component(place->path);
-    if (!parameter && !name.ends_with('.') && last != "max_instance" && last != "order")
-        name += '.';
-    return name;
+    const std::string_view last = place.path.last();
+    const bool parameter = place_is_parameter(place) || last == "max_instance" || last == "order";
+    return parameter ? place.path.text() : place.path.as_object();
 }
 
 /// The entry's name without the query in front, as far as that is there; null for an entry without a name.
@@ -59,7 +49,7 @@ void print_list(const json_t *list, const std::string &query)
         if (name == nullptr)
             continue;
         if (*name == '\0') // a single parameter was asked for
-            name = last_component(query.c_str());
+            name = dm_path::last_of(query).data();
         ve_printf("%-*s = ", static_cast<int>(width), ve_visible(name));
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
         ve_puts(ve_visible(json_compact(json_object_get(entry, "Value")).c_str()));
@@ -71,14 +61,14 @@ void print_list(const json_t *list, const std::string &query)
 /// One query. Returns 0 or -1.
 int print_values(const char *name, const char *path_text, bool tree)
 {
-    cdpath_local place(cwd);
+    cdpath place = cdpath_here();
     if (!place_go(&place, path_text)) {
-        ve_printf("%s: %s: no such node.\n", name, path_text);
+        ve_printf("%s: %s: no such node.\n", name, place_sought(path_text).c_str());
         return -1;
     }
     std::string query;
     if (place.node != nullptr)
-        query = query_name(&place);
+        query = query_name(place);
     else if (path_text != nullptr)
         query = path_text;
     if (query.empty()) {
@@ -113,20 +103,21 @@ int print_each(const char *name, command_args args, bool tree)
 /// cannot be had.
 json_t *typed_value(const char *name, const char *path, const char *text, std::string *parameter)
 {
-    cdpath_local place(cwd);
-    if (cdpath_parse(&place, path) != 0) {
+    cdpath place = cdpath_here();
+    if (!place_go(&place, path)) {
         ve_printf("%s: %s: no such node.\n", name, path);
         return nullptr;
     }
-    const json_t *standard = ve_tr_dm_node_default_get(place.node);
-    if (ve_tr_dm_node_type_get(place.node) == ve_tr_object || standard == nullptr) {
+    const json_ref attributes = place.node->description();
+    const json_t *standard = json_object_get(attributes.get(), "default");
+    if (place.node->is_object() || standard == nullptr) {
         ve_printf("%s: %s: is an object or doesn't have default value.\n", name, path);
         return nullptr;
     }
     json_t *value = json_load_uservalue(text, json_typeof(standard));
     if (value == nullptr)
         ve_printf("%s: %s: invalid value %s.\n", name, path, text);
-    *parameter = place.path;
+    *parameter = place.path.text();
     return value;
 }
 

@@ -3,7 +3,9 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <mutex>
 #include <pthread.h>
@@ -32,8 +34,9 @@ pthread_t thread_id;
 int pipe_fds[2] = {-1, -1};
 std::mutex aside_lock; // one text at a time between the editor's stepping aside and its return
 
+std::atomic<bool> notices_wanted{false};
 std::mutex add_del_queue_lock;
-json_t *add_del_queue = nullptr; // guarded by add_del_queue_lock
+instance_changes add_del_queue; // guarded by add_del_queue_lock
 
 void print_event(const ve_jrpcmsg *event)
 {
@@ -52,16 +55,14 @@ void print_event(const ve_jrpcmsg *event)
 
 void queue_instance(const json_t *value)
 {
-    json_t *action = json_object_get(value, "Action");
-    json_t *path = json_object_get(value, "Path");
-    json_t *number = json_object_get(value, "InstanceNumber");
-    if (!json_is_string(action) || !json_is_string(path) || !json_is_integer(number))
+    const char *action = json_string_value(json_object_get(value, "Action"));
+    const char *path = json_string_value(json_object_get(value, "Path"));
+    // Zero when it is no number.
+    const json_int_t number = json_integer_value(json_object_get(value, "InstanceNumber"));
+    if (!notices_wanted || action == nullptr || path == nullptr || number < 1 || number > UINT32_MAX)
         return;
-    json_t *notice = json_pack("{s:O, s:O, s:O}", "Action", action, "Path", path, "InstanceNumber", number);
     const std::scoped_lock lock(add_del_queue_lock);
-    if (add_del_queue == nullptr)
-        add_del_queue = json_array();
-    json_array_append_new(add_del_queue, notice);
+    add_del_queue.note(path, static_cast<uint32_t>(number), strcmp(action, "Add") == 0);
 }
 
 void link_dropped()
@@ -148,6 +149,7 @@ int start_event_handler(ve_jrpcapi *request, ve_jrpcapi *group)
 void stop_event_handler()
 {
     running = 0;
+    notices_wanted = false;
     if (!started.exchange(false))
         return;
     ve_jrpcapi_wake(group_ctx);
@@ -174,8 +176,13 @@ void print_aside(const char *text, size_t size)
     ve_rl_write_control_char(pipe_fds[1], ve_rl_show);
 }
 
-json_t *fetch_instance_queue()
+void keep_instance_notices()
+{
+    notices_wanted = true;
+}
+
+instance_changes fetch_instance_queue()
 {
     const std::unique_lock lock(add_del_queue_lock, std::try_to_lock);
-    return lock.owns_lock() ? std::exchange(add_del_queue, nullptr) : nullptr;
+    return lock.owns_lock() ? std::exchange(add_del_queue, {}) : instance_changes();
 }

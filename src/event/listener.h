@@ -3,6 +3,7 @@
 
 #include <cstddef>
 
+#include "event/notices.h"
 #include "platform/ve_jrpcapi.h"
 
 /// Stores both contexts, hooks the line editor up to the control pipe and starts the thread. Returns the result of the
@@ -17,6 +18,7 @@ void end_run();
 bool is_running();
 /// Prints whole lines from a thread of the caller's own: the prompt and a progress bar step aside for them. Any thread.
 void print_aside(const char *text, size_t size);
-/// The notices of added and deleted instances so far, a new array of {"Action", "Path", "InstanceNumber"} that the
-/// caller owns; null when there are none or the listener is just adding one. Never waits.
-json_t *fetch_instance_queue();
+/// From here on, until the listener is stopped, notices of added and deleted instances are kept for who asks for them.
+void keep_instance_notices();
+/// What they come to since the last time; nothing when the listener is just adding one. Never waits.
+instance_changes fetch_instance_queue();

@@ -87,10 +87,10 @@ bool reconnect_under_way()
     return reconnect.under_way;
 }
 
-json_t *server_reconnect(const char *text)
+void server_reconnect(const char *text)
 {
     if (ve_wait_interrupted())
-        return nullptr;
+        return;
     const reconnect_scope scope;
     bool told = false;
     tell_lasting_error(&told, "");
@@ -110,9 +110,9 @@ json_t *server_reconnect(const char *text)
     spinner_stop();
     if (ve_wait_interrupted()) {
         ve_jrpcapi_disconnect(request_ctx); // the login that is remembered was the lost link's
-        return nullptr;
+        return;
     }
     ve_puts("");
     ve_out_flush();
-    return kest_update_login(nullptr, nullptr);
+    kest_update_login(nullptr, nullptr);
 }

@@ -119,12 +119,13 @@ const login_words &saved_login()
     return channel.login;
 }
 
-json_t *kest_update_login(const char *login, const char *password)
+void kest_update_login(const char *login, const char *password)
 {
     channel.login = {text_or_empty(login), text_or_empty(password)}; // they may be those that are kept
     if (channel.hooks.prompt_update != nullptr)
         channel.hooks.prompt_update();
-    return channel.hooks.reload != nullptr ? channel.hooks.reload() : nullptr;
+    if (channel.hooks.reload != nullptr)
+        channel.hooks.reload();
 }
 
 int group_send(ve_jrpcmsg *msg)

@@ -20,7 +20,7 @@ extern ve_jrpcapi *group_ctx;
 /// What a change of login does to the parts of the client above: filled by start-up.
 struct request_hooks {
     void (*prompt_update)(); ///< rebuilds the prompt
-    json_t *(*reload)();     ///< reloads the scheme cache; returns it, borrowed
+    void (*reload)();        ///< reloads the scheme cache
 };
 void request_set_hooks(const request_hooks &hooks);
 
@@ -43,12 +43,11 @@ int msg_logout();
 bool msg_allow_reconnect(bool allowed);
 
 /// Re-establishes the request link, showing `text` and a spinner until the daemon accepts; the client is anonymous then
-/// and the cache reloaded. Returns the reloaded scheme cache (borrowed), null after Ctrl-C, which leaves the link lost.
-json_t *server_reconnect(const char *text);
+/// and the cache reloaded. Ctrl-C leaves the link lost.
+void server_reconnect(const char *text);
 
-/// Remembers login and password (null or empty: none), rebuilds the prompt and reloads the scheme cache, which is
-/// returned (borrowed).
-json_t *kest_update_login(const char *login, const char *password);
+/// Remembers login and password (null or empty: none), rebuilds the prompt and reloads the scheme cache.
+void kest_update_login(const char *login, const char *password);
 
 int group_send(ve_jrpcmsg *msg);
 /// Sends on the group link and waits for the answer that the listener hands over, at most `polls` passes of 1 ms (-1 no

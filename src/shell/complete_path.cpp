@@ -1,73 +1,27 @@
-#include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
 
 #include "cdpath/cdpath.h"
-#include "event/listener.h"
 #include "platform/ve_json.h"
-#include "platform/ve_tr.h"
 #include "shell/completers.h"
 #include "utils/json_util.h"
 
 namespace
 {
 
-/// A node for a new instance: empty, to be fetched when walked into, but for an instance that is a plain parameter.
-json_t *new_instance(const json_t *branch)
-{
-    json_t *node = json_object();
-    const json_t *instance_template = json_object_get(branch, "#template");
-    if (ve_tr_dm_node_type_get(instance_template) != ve_tr_object)
-        json_object_set(node, "#attr", ve_tr_dm_node_attr_get(instance_template));
-    return node;
-}
-
-/// Brings the cache up to date with the instances that were added and deleted since the last completion. Tables that
-/// nobody has looked at stay unfetched.
-void apply_instance_notices()
-{
-    const json_ref queue(fetch_instance_queue());
-    const char *branch_path = nullptr;
-    json_t *branch = nullptr;
-    size_t index;
-    json_t *notice;
-    json_array_foreach(queue.get(), index, notice)
-    {
-        const char *action;
-        const char *path;
-        json_int_t instance;
-        if (json_unpack(notice, "{s:s,s:s,s:I}", "Action", &action, "Path", &path, "InstanceNumber", &instance) != 0)
-            continue;
-        if (instance < 1 || instance > UINT32_MAX) // no instance has such a number
-            continue;
-        // Notices come in runs for one table.
-        if (branch_path == nullptr || strcmp(branch_path, path) != 0) {
-            branch_path = path;
-            branch = ve_conf_find_branch(dm, path, 0);
-        }
-        if (branch == nullptr)
-            continue;
-        const std::string key = std::to_string(instance);
-        if (strcmp(action, "Add") == 0)
-            json_object_set_new(branch, key.c_str(), new_instance(branch));
-        else
-            json_object_del(branch, key.c_str());
-    }
-}
-
 /// The children of the place; asks the daemon for a level that nobody has looked at. An instance that is known by its
-/// table's template alone is listed from that: it may not exist, and a refusal would wipe the template out.
-json_t *list_children(cdpath *here, const char *text, unsigned flags)
+/// table's template alone is listed from that: it may not exist.
+json_ref list_children(cdpath *here, const char *text, unsigned flags)
 {
-    const json_t *table = json_array_get(here->parents, 0);
-    if (here->node != nullptr && here->node == json_object_get(table, "#template")) {
-        json_t *names = cdpath_content(here, text, flags);
-        if (json_array_size(names) > 0 || ve_tr_dm_node_type_get(here->node) != ve_tr_object)
+    if (!cdpath_settle(here))
+        return {};
+    if (here->node->known == dm_known::assumed) {
+        json_ref names(cdpath_content(here->path, here->node.get(), text, flags));
+        if (json_array_size(names.get()) > 0 || !here->node->is_object())
             return names;
-        json_decref(names);
     }
-    return cdpath_content_fast(here, text, flags);
+    return json_ref(cdpath_content_fast(here, text, flags));
 }
 
 /// Appends the nodes that the last component of `text` may become, from `here` on. Returns where that component begins.
@@ -99,11 +53,12 @@ void append_if_prefix(const std::string &prefix, const char *text, json_t *candi
 }
 
 /// The allowed values in the daemon's order; what is no text as JSON.
-void complete_enum(const json_t *node, const std::string &typed, json_t *candidates)
+void complete_enum(const dm_node &node, const std::string &typed, json_t *candidates)
 {
+    const json_ref attributes = node.description();
     size_t index;
     json_t *entry;
-    json_array_foreach(json_object_get(ve_tr_dm_node_attr_get(node), "enum"), index, entry)
+    json_array_foreach(json_object_get(attributes.get(), "enum"), index, entry)
     {
         if (json_is_string(entry)) {
             append_if_prefix(typed, json_string_value(entry), candidates);
@@ -118,22 +73,22 @@ completed_part complete_value(cdpath *here, const std::string &text, size_t equa
                               bool objects_only)
 {
     const size_t begin = equals + 1;
-    if (cdpath_parse(here, text.substr(0, equals).c_str(), true) != 0)
+    if (cdpath_parse(here, text.substr(0, equals).c_str(), true) != 0 || !cdpath_settle(here))
         return {begin, false};
     const std::string typed = text.substr(begin);
-    switch (ve_tr_dm_node_type_get(here->node)) {
-    case ve_tr_object:
+    switch (here->node->type()) {
+    case dm_type::object:
         break;
-    case ve_tr_boolean:
-    case ve_tr_switch:
+    case dm_type::boolean:
+    case dm_type::toggle:
         append_if_prefix(typed, "true", candidates);
         append_if_prefix(typed, "false", candidates);
         break;
-    case ve_tr_path:
+    case dm_type::path:
         cdpath_clear(here);
         return {begin + complete_node(here, typed, candidates, objects_only), true};
     default:
-        complete_enum(here->node, typed, candidates);
+        complete_enum(*here->node, typed, candidates);
         break;
     }
     return {begin, false};
@@ -143,8 +98,7 @@ completed_part complete_value(cdpath *here, const std::string &text, size_t equa
 
 completed_part complete_path(const char *text, json_t *candidates, bool objects_only)
 {
-    apply_instance_notices();
-    cdpath_local here(cwd);
+    cdpath here = cdpath_here();
     const std::string word(text != nullptr ? text : "");
     const size_t equals = word.rfind('=');
     if (equals != std::string::npos)

@@ -9,7 +9,6 @@
 #include <string>
 
 #include "cdpath/cdpath.h"
-#include "commands/navigation.h"
 #include "dispatch/table.h"
 #include "event/listener.h"
 #include "event/request.h"
@@ -145,19 +144,13 @@ int shell_loop()
     const session_guard guard;
     print_banner();
     try_login();
-    if (reload_dm() == nullptr) {
-        ve_puts("Error connecting to VELD server");
-        return -1;
-    }
+    keep_instance_notices();
+    reload_dm();
     kest_readline_prepare();
-    cdpath_new(&cwd);
-    process_cd("cd", {});
+    old_cwd = cwd;
     read_lines();
 
-    json_decref(dm);
     dm = nullptr;
-    cdpath_free(&cwd);
-    cdpath_free(&old_cwd);
     kest_readline_cleanup();
     return 0;
 }

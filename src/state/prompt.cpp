@@ -20,7 +20,7 @@ char prompt_postfix[16];
 void prompt_update_path()
 {
     const std::string &user = saved_login().user;
-    prompt = user + (user.empty() ? "kest" : "@kest") + prompt_postfix + ":" + cwd.path + "> ";
+    prompt = user + (user.empty() ? "kest" : "@kest") + prompt_postfix + ":" + cwd.text() + "> ";
     prompt.resize(utf8_cut(prompt, prompt_size));
 }
 

@@ -60,10 +60,22 @@ void sort_items(sorted_item *begin, sorted_item *end)
     std::stable_sort(begin, end, [](const sorted_item &a, const sorted_item &b) { return strcmp(a.rest, b.rest) < 0; });
 }
 
+bool is_sorted(const json_t *array)
+{
+    for (size_t index = 1; index < json_array_size(array); ++index) {
+        if (strcmp(json_string_value(json_array_get(array, index - 1)),
+                   json_string_value(json_array_get(array, index))) > 0)
+            return false;
+    }
+    return true;
+}
+
 } // namespace
 
 void json_array_sort(json_t *array)
 {
+    if (is_sorted(array))
+        return;
     std::vector<sorted_item> items;
     items.reserve(json_array_size(array));
     size_t index;

@@ -5,9 +5,9 @@
 
 #include "base/utf8.h"
 #include "base/visible.h"
+#include "cdpath/dm_path.h"
 #include "platform/ve_fs.h"
 #include "platform/ve_string.h"
-#include "platform/ve_tr.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -23,7 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         abort();
     ve_url_parse(text.c_str());
     ve_firmware_version_cmp(text.c_str(), text.c_str() + size / 2);
-    ve_tr_str_is_instance(text.c_str());
-    ve_tr_path_is_full(text.c_str());
+    dm_path::is_instance(text);
+    dm_path path(text);
+    path.push(path.relative(text));
     return 0;
 }

@@ -1,20 +1,23 @@
-// Any list a daemon may send, turned into a tree, looked up and printed.
+// Any list a daemon may send, turned into nodes, followed and changed.
 #include <cstdint>
-#include <string>
 
+#include "cdpath/dm_builder.h"
 #include "platform/ve_json.h"
-#include "platform/ve_tr.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const json_ref list{
         json_loadb(reinterpret_cast<const char *>(data), size, JSON_ALLOW_NUL | JSON_DECODE_ANY, nullptr)};
-    for (const char *base : {static_cast<const char *>(nullptr), ".", "Device.", "Device.Hosts.Host"}) {
-        const json_ref tree{ve_tr_names_to_config(list.get(), base)};
-        ve_tr_dm_node_type_get(ve_tr_node_find_path_config(tree.get(), "Device.Hosts."));
-        ve_tr_dm_node_default_get(tree.get());
-        ve_conf_find_branch(tree.get(), "Device.Hosts.Host.", 0);
-        const json_ref values{ve_tr_namevalues_to_config(list.get(), base)};
+    for (const char *base : {"", "Device.", "Device.Hosts.Host"}) {
+        dm_builder builder{dm_path(base)};
+        builder.add(list.get());
+        builder.tell_all();
+        builder.add(list.get());
+        dm_node node = builder.take();
+        node.find("Device.Hosts.Host.7.");
+        node.known = dm_known::known;
+        node.change_instances({{1, {2, true}}, {7, {7, false}}});
+        node.copy()->forget_instances();
     }
     return 0;
 }

@@ -1,6 +1,8 @@
 #include "event/listener.h"
 
 #include <csignal>
+#include <map>
+#include <random>
 
 #include "event_stage.h"
 #include "platform/ve_json.h"
@@ -32,12 +34,17 @@ scripted_peer::script saying(const std::string &text)
     };
 }
 
-std::string dumped(const json_t *value)
+/// The changes of each table: its path, and "+" or "-" with the first and the last number of each range.
+std::string shown(const instance_changes &changes)
 {
-    char *text = json_dumps(value, JSON_COMPACT);
-    std::string copy = text;
-    free(text);
-    return copy;
+    std::string text;
+    for (const auto &[path, ranges] : changes.tables()) {
+        text += path;
+        for (const auto &[first, range] : ranges)
+            text += (range.added ? " +" : " -") + std::to_string(first) + ".." + std::to_string(range.last);
+        text += "\n";
+    }
+    return text;
 }
 
 } // namespace
@@ -69,6 +76,7 @@ TEST(Listener, PassesTextThroughWhereThereIsNoTerminal)
 TEST(Listener, QueuesNoticesOfInstancesWithoutPrintingThem)
 {
     captured_output output;
+    keep_instance_notices();
     const scripted_peer peer(saying(notice_text(1) + event_text(4, "") + event_text(4, "5") +
                                     event_text(4, R"({"Action":"Add"})") +
                                     event_text(4, R"({"Action":1,"Path":"Device.T.","InstanceNumber":1})") +
@@ -77,10 +85,8 @@ TEST(Listener, QueuesNoticesOfInstancesWithoutPrintingThem)
     const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
     ASSERT_TRUE(output.shows("EVENT 99:\n<show>"));
-    const json_ref queue(fetch_instance_queue());
-    EXPECT_EQ(dumped(queue.get()), R"([{"Action":"Add","Path":"Device.T.","InstanceNumber":1},)"
-                                   R"({"Action":"Add","Path":"Device.T.","InstanceNumber":2}])");
-    EXPECT_EQ(fetch_instance_queue(), nullptr);
+    EXPECT_EQ(shown(fetch_instance_queue()), "Device.T. +1..2\n");
+    EXPECT_EQ(shown(fetch_instance_queue()), "");
     EXPECT_EQ(output.text(), "<hide>\nEVENT 99:\n<show>");
 }
 
@@ -100,37 +106,107 @@ TEST(Listener, TakesAHundredThousandNoticesInARow)
         link.send(event_text(99, ""));
         link.closed();
     });
+    keep_instance_notices();
     const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
     ASSERT_TRUE(output.shows("EVENT 99:"));
-    const json_ref queue(fetch_instance_queue());
-    ASSERT_EQ(json_array_size(queue.get()), static_cast<size_t>(notices));
-    for (const int i : {1, 2, notices / 2, notices}) {
-        const json_t *notice = json_array_get(queue.get(), static_cast<size_t>(i - 1));
-        EXPECT_EQ(json_integer_value(json_object_get(notice, "InstanceNumber")), i);
-    }
+    EXPECT_EQ(shown(fetch_instance_queue()), "Device.T. +1..100000\n");
+}
+
+TEST(Listener, KeepsNoNoticeThatNobodyWants)
+{
+    captured_output output;
+    const scripted_peer peer(saying(notice_text(1) + event_text(99, "")));
+    const context_ref group = make_group_context(peer.destination());
+    const running_listener listener(nullptr, group.get());
+    ASSERT_TRUE(output.shows("EVENT 99:"));
+    EXPECT_EQ(shown(fetch_instance_queue()), "");
 }
 
 TEST(Listener, LosesNoNoticeToAConsumerThatOnlyTries)
 {
-    constexpr int notices = 3000;
+    constexpr uint32_t notices = 3000;
     captured_output output;
     const scripted_peer peer([](peer_link &link) {
-        for (int i = 1; i <= notices; ++i)
-            link.send(notice_text(i));
+        for (uint32_t i = 1; i <= notices; ++i)
+            link.send(notice_text(static_cast<int>(i)));
         link.closed();
     });
+    keep_instance_notices();
     const context_ref group = make_group_context(peer.destination());
     const running_listener listener(nullptr, group.get());
-    int expected = 1;
+    uint32_t expected = 1;
     EXPECT_TRUE(becomes([&] {
-        const json_ref queue(fetch_instance_queue());
-        for (size_t i = 0; i < json_array_size(queue.get()); ++i, ++expected) {
-            const json_t *notice = json_array_get(queue.get(), i);
-            EXPECT_EQ(json_integer_value(json_object_get(notice, "InstanceNumber")), expected);
+        const instance_changes changes = fetch_instance_queue();
+        for (const auto &[path, ranges] : changes.tables()) {
+            EXPECT_EQ(ranges.begin()->first, expected);
+            expected = ranges.rbegin()->second.last + 1;
         }
         return expected == notices + 1;
     }));
+}
+
+TEST(Changes, OfAnInstanceTheLastHolds)
+{
+    instance_changes changes;
+    changes.note("Device.T.", 5, true);
+    changes.note("Device.T.", 5, false);
+    changes.note("Device.A.", 1, false);
+    changes.note("Device.A.", 1, true);
+    EXPECT_EQ(shown(changes), "Device.A. +1..1\nDevice.T. -5..5\n");
+}
+
+TEST(Changes, AreKeptInRanges)
+{
+    instance_changes changes;
+    for (const uint32_t number : {3U, 1U, 2U, 5U, 4U, 4294967295U})
+        changes.note("T.", number, true);
+    EXPECT_EQ(shown(changes), "T. +1..5 +4294967295..4294967295\n");
+    for (const uint32_t number : {3U, 4294967295U, 7U, 8U})
+        changes.note("T.", number, false);
+    EXPECT_EQ(shown(changes), "T. +1..2 -3..3 +4..5 -7..8 -4294967295..4294967295\n");
+    changes.note("T.", 3, true);
+    changes.note("T.", 6, true);
+    changes.note("T.", 1, false);
+    changes.note("T.", 7, true);
+    EXPECT_EQ(shown(changes), "T. -1..1 +2..7 -8..8 -4294967295..4294967295\n");
+}
+
+TEST(Changes, AgreeWithAListOfAllNumbers)
+{
+    std::minstd_rand random(7);
+    for (int round = 0; round < 50; ++round) {
+        instance_changes changes;
+        std::map<uint32_t, bool> all;
+        for (int i = 0; i < 200; ++i) {
+            const auto number = static_cast<uint32_t>(random() % 30 + 1);
+            const bool added = random() % 2 == 0;
+            changes.note("T.", number, added);
+            all[number] = added;
+        }
+        std::map<uint32_t, bool> told;
+        bool before = false;
+        uint32_t behind = 0;
+        for (const auto &[first, range] : changes.tables().at("T.")) {
+            EXPECT_TRUE(first > behind || range.added != before) << "two ranges are one";
+            for (uint32_t number = first; number <= range.last; ++number)
+                told[number] = range.added;
+            before = range.added;
+            behind = range.last + 1;
+        }
+        EXPECT_EQ(told, all);
+    }
+}
+
+TEST(Changes, OfTooManyInstancesAreGivenUp)
+{
+    instance_changes changes;
+    for (uint32_t number = 1; number < 4'000'000; number += 2) {
+        changes.note("T.", number, true);
+        ASSERT_LT(changes.tables().empty() ? 0 : changes.tables().at("T.").size(), 10000U);
+    }
+    EXPECT_TRUE(changes.too_many());
+    EXPECT_TRUE(changes.tables().empty());
 }
 
 TEST(Listener, EndsTheRunWhenTheLinkDrops)

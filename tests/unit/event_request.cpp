@@ -42,7 +42,7 @@ public:
     static inline int reload_code = 0;
 
 private:
-    static json_t *reload()
+    static void reload()
     {
         ++reloads;
         if (reload_asks) {
@@ -50,7 +50,6 @@ private:
             msg_exec(message.get(), -1);
             reload_code = ve_jrpcmsg_error_code(message.get());
         }
-        return nullptr;
     }
 
     context_ref request_;

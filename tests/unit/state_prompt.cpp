@@ -16,12 +16,12 @@ protected:
     void SetUp() override { log_in(nullptr); }
     void TearDown() override
     {
-        cwd.path[0] = '\0';
+        cwd = dm_path();
         prompt_update_postfix(nullptr);
         log_in(nullptr);
     }
     static void log_in(const char *name) { kest_update_login(name, nullptr); }
-    static void stand_at(const char *path) { snprintf(cwd.path, sizeof cwd.path, "%s", path); }
+    static void stand_at(const char *path) { cwd = dm_path(path); }
     static std::string shown()
     {
         prompt_update_path();

@@ -1,0 +1,144 @@
+#include "cdpath/dm_builder.h"
+
+#include <utility>
+
+#include "utils/json_util.h"
+
+dm_builder::dm_builder(const dm_path &base, size_t room) : base_(base), room_(room)
+{
+    open_.push_back({{}, &root_, std::make_shared<dm_level>(), nullptr});
+}
+
+/// Leaves in `*name` what stands below the base, without a final dot, and the number of its names in `*depth`. False
+/// when it lies elsewhere or cannot be a node's.
+bool dm_builder::fits(std::string_view *name, size_t *depth) const
+{
+    const std::string_view spelled = dm_path::without_dot(*name);
+    *depth = 0;
+    if (spelled == base_.text()) {
+        *name = {};
+        return true;
+    }
+    *name = base_.relative(spelled);
+    if (name->empty() || (name->size() == spelled.size() && !base_.is_root()) || name->ends_with('.') ||
+        name->find('\0') != std::string_view::npos || *name == left_out_)
+        return false;
+    for (std::string_view rest = *name; !rest.empty(); ++*depth) {
+        // What begins with "#" cannot be typed.
+        const std::string_view each = dm_path::cut_name(&rest);
+        if (each.empty() || each.front() == '#' || *depth == room_)
+            return false;
+    }
+    return true;
+}
+
+void dm_builder::add(const json_t *list)
+{
+    size_t index;
+    json_t *entry;
+    json_array_foreach(list, index, entry)
+    {
+        const json_t *text = json_object_get(entry, "Name");
+        if (!json_is_string(text))
+            continue;
+        std::string_view name(json_string_value(text), json_string_length(text));
+        size_t depth;
+        if (fits(&name, &depth))
+            add_entry(name, depth, entry);
+    }
+}
+
+void dm_builder::add_entry(std::string_view name, size_t depth, const json_t *entry)
+{
+    const json_t *description = json_object_get(entry, "Attributes");
+    dm_attributes_ref attributes = description != nullptr ? dm_attributes_of(json_compact(description)) : nullptr;
+    dm_node *node = &root_;
+    if (depth == 0) {
+        root_.attributes = std::move(attributes);
+    } else {
+        for (size_t level = 1; level < depth; ++level)
+            enter(level, dm_path::cut_name(&name));
+        close(depth);
+        step &above = open_.back();
+        const size_t place = place_of(above, name);
+        node = above.node->below.size() > place ? above.node->below[place].get() : nullptr;
+        if (node != nullptr)
+            node->attributes = attributes;
+        above.level->set_attributes(place, std::move(attributes));
+        if (depth == 1 && tells_all_)
+            node_at(above, place)->known = dm_known::known;
+    }
+    const json_t *pattern = json_object_get(entry, "Template");
+    if (!json_is_array(pattern) || depth >= room_)
+        return;
+    if (node == nullptr)
+        node = node_at(open_.back(), open_.back().level->find(name));
+    dm_builder inner(dm_path(), room_ - depth - 1);
+    inner.add(pattern);
+    node->instances = std::make_unique<dm_node::table>();
+    node->instances->pattern = std::make_shared<const dm_node>(inner.take());
+}
+
+/// Goes on below the child `name` of the last node at the depth before.
+void dm_builder::enter(size_t depth, std::string_view name)
+{
+    if (depth < open_.size() && open_[depth].name == name)
+        return;
+    close(depth);
+    step &above = open_.back();
+    dm_node *node = node_at(above, place_of(above, name));
+    if (depth == 1 && tells_all_)
+        node->known = dm_known::known;
+    open_.push_back({std::string(name), node,
+                     node->level ? std::make_shared<dm_level>(*node->level) : std::make_shared<dm_level>(), nullptr});
+}
+
+/// Ends the nodes that are open at `depth` and deeper.
+void dm_builder::close(size_t depth)
+{
+    for (; open_.size() > depth; open_.pop_back()) {
+        const step &last = open_.back();
+        step &above = open_[open_.size() - 2];
+        const dm_node *pattern = above.node->pattern();
+        if (above.alike && *above.alike == *last.level) {
+            last.node->level = above.alike;
+            continue;
+        }
+        last.level->shrink();
+        const bool as_pattern = pattern != nullptr && pattern->level && *pattern->level == *last.level;
+        last.node->level = above.alike = as_pattern ? pattern->level : last.level;
+    }
+}
+
+/// Where the child stands, which is appended when it is not there.
+size_t dm_builder::place_of(step &above, std::string_view name)
+{
+    // The entries about a child mostly follow the one that names it.
+    const size_t last = above.level->size() - 1;
+    if (above.level->size() > 0 && (*above.level)[last].name == name)
+        return last;
+    const size_t found = above.level->find(name);
+    return found != dm_level::none ? found : above.level->append(name, nullptr);
+}
+
+dm_node *dm_builder::node_at(step &above, size_t place)
+{
+    std::vector<std::shared_ptr<dm_node>> &below = above.node->below;
+    if (below.size() <= place)
+        below.resize(place + 1);
+    if (!below[place]) {
+        below[place] = std::make_shared<dm_node>();
+        below[place]->attributes = (*above.level)[place].attributes;
+    }
+    return below[place].get();
+}
+
+dm_node dm_builder::take()
+{
+    close(1);
+    if (open_[0].level->size() > 0) {
+        open_[0].level->shrink();
+        root_.level = std::move(open_[0].level);
+    }
+    return std::move(root_);
+}

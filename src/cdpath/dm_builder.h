@@ -1,0 +1,58 @@
+// Making nodes of what the daemon lists. Main thread only.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <jansson.h>
+
+#include "cdpath/dm_node.h"
+#include "cdpath/dm_path.h"
+
+/// Makes a node, and what stands below it, of the entries of one or more lists. Neighbours that look alike share their
+/// levels as soon as the next begins.
+class dm_builder
+{
+public:
+    /// For the node at `base`: what lies elsewhere is passed over.
+    explicit dm_builder(const dm_path &base) : dm_builder(base, depth_max) {}
+
+    /// Adds a ParameterList (null: nothing): the attributes and, for tables, the patterns of its entries. Entries that
+    /// do not fit are passed over.
+    void add(const json_t *list);
+    /// A child of the node that is passed over from here on.
+    void leave_out(std::string_view name) { left_out_ = name; }
+    /// From here on the entries say all of the node's children that they tell of.
+    void tell_all() { tells_all_ = true; }
+    /// The node; the builder is done with then.
+    dm_node take();
+
+private:
+    // Deeper names are passed over: a typed path cannot lead there, and nodes are released recursively.
+    static constexpr size_t depth_max = 512;
+
+    /// A node whose level is being made.
+    struct step {
+        std::string name;
+        dm_node *node;
+        std::shared_ptr<dm_level> level;
+        std::shared_ptr<const dm_level> alike; ///< of the last child that was closed
+    };
+
+    dm_builder(const dm_path &base, size_t room);
+    bool fits(std::string_view *name, size_t *depth) const;
+    void add_entry(std::string_view name, size_t depth, const json_t *entry);
+    void enter(size_t depth, std::string_view name);
+    void close(size_t depth);
+    static size_t place_of(step &above, std::string_view name);
+    static dm_node *node_at(step &above, size_t place);
+
+    dm_path base_;
+    size_t room_;
+    std::string left_out_;
+    bool tells_all_ = false;
+    dm_node root_;
+    std::vector<step> open_; // from the node down to where the last entry stood
+};
