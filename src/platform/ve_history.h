@@ -25,8 +25,6 @@ public:
     size_t size() const { return starts_.size(); }
     /// Entry `index`, 0 the oldest, below size(); NUL-terminated, valid until the list changes.
     std::string_view entry(size_t index) const;
-    /// Bytes of the longest entry so far.
-    size_t longest() const { return longest_; }
     /// The entries from `first` on as a script: as they were typed, a line feed behind each.
     std::string script(size_t first) const;
 
@@ -37,8 +35,7 @@ private:
     std::string texts_;          // all entries, each with its NUL
     std::vector<size_t> starts_; // where each begins in texts_
     size_t saved_ = 0;           // so many entries are in the file
-    size_t longest_ = 0;
-    std::string path_; // empty: nothing was loaded
+    std::string path_;           // empty: nothing was loaded
     bool warned_ = false;
 };
 

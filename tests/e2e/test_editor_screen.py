@@ -40,6 +40,7 @@ class Editing:
         self.orders = os.open(self.fifo, os.O_RDWR)
         self.events = 0
         self.trace = []
+        self.keys = [""]
         self.check()
 
     def close(self):
@@ -77,6 +78,7 @@ class Editing:
 
     def type(self, keys):
         self.trace.append(keys)
+        self.keys.append(keys)
         self.terminal.type(keys)
 
     def put(self, text):
@@ -140,15 +142,17 @@ class Editing:
         self.type(Key.DELETE)
         self.model.delete(self.model.cursor, self.model.cursor + 1)
 
+    def after_cut(self):
+        """Whether the key before the last one cut, too."""
+        return self.keys[-2] in (Key.CTRL_K, Key.CTRL_U)
+
     def kill(self):
         self.type(Key.CTRL_K)
-        self.model.cut = self.model.text[self.model.cursor :]
-        self.model.text = self.model.text[: self.model.cursor]
+        self.model.cut_out(self.model.cursor, len(self.model.text), self.after_cut())
 
     def rub(self):
         self.type(Key.CTRL_U)
-        self.model.cut = self.model.text[: self.model.cursor]
-        self.model.delete(0, self.model.cursor)
+        self.model.cut_out(0, self.model.cursor, self.after_cut())
 
     def yank(self):
         self.type(Key.CTRL_Y)

@@ -11,7 +11,6 @@ void ve_history::add(std::string_view entry)
 {
     starts_.push_back(texts_.size());
     std::copy_if(entry.begin(), entry.end(), std::back_inserter(texts_), [](char byte) { return byte != '\0'; });
-    longest_ = std::max(longest_, texts_.size() - starts_.back());
     texts_.push_back('\0');
 }
 

@@ -5,6 +5,19 @@
 
 #include "platform/ve_words.h"
 
+std::string_view rl_last_word(std::string_view line)
+{
+    while (!line.empty() && ve_words_is_blank(line.back()))
+        line.remove_suffix(1);
+    const ve_words words = ve_words_read(line);
+    // Behind an apostrophe and in a comment blanks end words, whatever the quotes say.
+    const bool grouped = words.quote == 0 && !words.comment && !words.current().empty();
+    size_t start = grouped ? words.place(0) : line.size();
+    while (start > 0 && !ve_words_is_blank(line[start - 1]))
+        --start;
+    return line.substr(start);
+}
+
 std::string_view rl_common_beginning(const std::vector<std::string_view> &candidates)
 {
     if (candidates.empty())

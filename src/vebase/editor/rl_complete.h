@@ -9,6 +9,9 @@
 #include <string_view>
 #include <vector>
 
+/// The last word of `line` as it was typed, quotes included; blanks inside quotes end no word.
+std::string_view rl_last_word(std::string_view line);
+
 /// Replaces line[start, cursor).
 struct rl_replacement {
     bool changes = false;

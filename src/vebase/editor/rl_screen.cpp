@@ -54,6 +54,11 @@ rl_size rl_terminal_size()
     return {size.ws_col > 0 ? size.ws_col : 80, size.ws_row > 0 ? size_t{size.ws_row} : 24};
 }
 
+void rl_ring_bell()
+{
+    ve_out_draw("\a", 1);
+}
+
 void rl_screen::resized()
 {
     size_ = rl_terminal_size();
@@ -87,8 +92,7 @@ void rl_screen::begin(std::string_view prompt, const std::string &prompt_color, 
 
 rl_layout rl_screen::lay_out(const content &what, std::wstring_view suffix) const
 {
-    const bool asks = !what.message.empty();
-    const std::wstring_view feed = asks ? L"\n" : L"";
+    const std::wstring_view feed = what.message.empty() ? L"" : L"\n";
     return rl_lay_out({{before_, {}},
                        {prompt_, prompt_color_},
                        {what.text, {}},
@@ -96,10 +100,10 @@ rl_layout rl_screen::lay_out(const content &what, std::wstring_view suffix) cons
                        {what.hint, hint_color_},
                        {feed, {}},
                        {what.message, {}}},
-                      asks             ? 6
+                      what.asks        ? 6
                       : suffix.empty() ? 2
                                        : 3,
-                      asks             ? what.message.size()
+                      what.asks        ? what.message.size()
                       : suffix.empty() ? what.cursor
                                        : suffix.size(),
                       size_.columns);

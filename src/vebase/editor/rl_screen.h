@@ -13,6 +13,8 @@ struct rl_size {
 };
 rl_size rl_terminal_size();
 
+void rl_ring_bell();
+
 class rl_screen
 {
 public:
@@ -21,7 +23,8 @@ public:
         std::wstring_view text;
         size_t cursor = 0;
         std::wstring_view hint = {};    ///< shown behind the text, in its colour
-        std::wstring_view message = {}; ///< shown below, with the cursor behind it
+        std::wstring_view message = {}; ///< shown below
+        bool asks = false;              ///< the cursor stands behind the message
     };
 
     /// Begins a read: the prompt goes behind what the output's last row already holds.

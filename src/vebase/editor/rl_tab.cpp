@@ -1,4 +1,6 @@
 // Completion and hints on the screen: when the callbacks run, what is done with what they say.
+#include <algorithm>
+#include <cwchar>
 #include <memory>
 #include <vector>
 
@@ -50,13 +52,19 @@ template <class Call> bool rl_session::run_callback(callback kind, const Call &c
     abandoned_ = false;
     rl_set.completion_start_set = false;
     rl_set.completion_verbatim = false;
-    ve_wait_set_companion(this);
-    call();
-    ve_wait_set_companion(nullptr);
+    modes_.let_interrupt(true);
+    read_ahead();
+    if (!abandoned_ && outcome_ == rl_outcome::none) {
+        ve_wait_set_companion(this);
+        call();
+        ve_wait_set_companion(nullptr);
+        ve_wait_checkpoint(); // a Ctrl-C that came while it computed
+        serve_outside();
+    }
+    modes_.let_interrupt(false);
     running_ = callback::none;
-    if (abandoned_)
-        ve_wait_clear_interrupt();
-    return !abandoned_;
+    ve_wait_clear_interrupt();
+    return !abandoned_ && outcome_ == rl_outcome::none;
 }
 
 /// Candidates for the cursor as a new array, null when the user did not wait for them.
@@ -77,30 +85,28 @@ bool rl_session::insert_candidate(const json_t *found, const std::string &line, 
     const rl_replacement merged = rl_merge(line, start, cursor_byte, texts_of(found), rl_set.completion_verbatim);
     if (!merged.changes)
         return false;
-    const std::wstring before = rl_widen(line.substr(0, start) + merged.text);
-    replace_line(before + rl_widen(line.substr(cursor_byte)), before.size());
+    const size_t first = std::min(rl_widen(std::string_view{line}.substr(0, start)).size(), line_.cursor());
+    line_.replace_typed(first, rl_widen(merged.text));
     return true;
 }
 
-unsigned char rl_session::complete()
+void rl_session::complete()
 {
     if (rl_set.autocomplete == nullptr)
-        return CC_ERROR;
-    const bool again = tab_served_ != 0 && served_ == tab_served_ + 1;
-    const std::string line = rl_narrow(text());
-    const size_t cursor_byte = rl_narrow_size(text().substr(0, cursor()));
+        return rl_ring_bell();
+    const bool again = line_.repeated();
+    const std::string line = rl_narrow(line_.text());
+    const size_t cursor_byte = rl_narrow_size(std::wstring_view{line_.text()}.substr(0, line_.cursor()));
     const json_owner found{candidates(line, cursor_byte)};
     if (found == nullptr)
-        return CC_REFRESH;
-    tab_served_ = served_;
+        return;
     const size_t count = json_array_size(found.get());
     if (insert_candidate(found.get(), line, cursor_byte))
-        return CC_REFRESH;
+        return;
     if (count > 1 && again)
         list(found.get());
     else if (count != 1)
-        bell();
-    return CC_REFRESH;
+        rl_ring_bell();
 }
 
 /// Asks below the line. Keys other than an answer are refused.
@@ -115,14 +121,14 @@ bool rl_session::confirm(const std::string &question)
             wait_hidden();
             continue;
         }
-        wchar_t c = 0;
-        bool is_text = false;
-        if (keys_.take(&c, &is_text)) {
-            if (c == L'y' || c == L'Y' || c == L' ')
+        rl_key key;
+        if (keys_.take(&key)) {
+            if (key.op == rl_op::insert && wcschr(L"yY ", key.c) != nullptr)
                 return true;
-            if (c == L'n' || c == L'N' || c == L'q' || c == L'\033' || c == 0x7f || c == 7)
+            if ((key.op == rl_op::insert && wcschr(L"nNq", key.c) != nullptr) || key.op == rl_op::rub ||
+                key.op == rl_op::cancel || key.op == rl_op::escape)
                 return false;
-            bell();
+            rl_ring_bell();
             continue;
         }
         if (take_byte()) {
@@ -142,12 +148,9 @@ bool rl_session::pause_listing()
 {
     pollfd fds[4];
     const unsigned count = watch(fds);
-    if (poll(fds, count, 0) <= 0 && !rl_control_hidden())
+    if (ve_wait_poll(fds, count, ve_wait_deadline(0)) <= 0 && !rl_control_hidden())
         return false;
-    abandoned_ = false;
-    running_ = callback::complete;
     const bool enough = serve(fds, count);
-    running_ = callback::none;
     ve_wait_clear_interrupt();
     wait_hidden();
     return enough;
@@ -165,12 +168,15 @@ void rl_session::list(const json_t *found)
         const bool yes = confirm(question);
         if (outcome_ != rl_outcome::none)
             return;
-        screen_.finish(text(), rl_widen("\n" + question), true);
+        screen_.finish(line_.text(), rl_widen("\n" + question), true);
         if (!yes)
             return;
     } else {
-        screen_.finish(text(), {}, true);
+        screen_.finish(line_.text(), {}, true);
     }
+    abandoned_ = false;
+    running_ = callback::complete;
+    modes_.let_interrupt(true);
     std::string out;
     for (size_t row = 0; row < columns.rows(); ++row) {
         out += rl_set.autocomplete_color;
@@ -185,12 +191,21 @@ void rl_session::list(const json_t *found)
         if (pause_listing())
             break;
     }
+    modes_.let_interrupt(false);
+    running_ = callback::none;
 }
 
-/// After a key: what of the hint still holds.
+void rl_session::forget_hint()
+{
+    hint_.clear();
+    hint_text_.clear();
+    hint_known_ = false;
+}
+
+/// After keys: what of the hint still holds.
 void rl_session::refresh_hint()
 {
-    const std::wstring_view now = text();
+    const std::wstring_view now = line_.text();
     if (now == hint_text_)
         return;
     // A key that the hint foretold leaves the rest of it standing until the next pause.
@@ -206,11 +221,11 @@ void rl_session::refresh_hint()
 /// Asks for the hint of the line as it is now.
 void rl_session::find_hint()
 {
-    const std::string line = rl_narrow(text());
+    const std::string line = rl_narrow(line_.text());
     char *hint = nullptr;
     const bool complete = run_callback(callback::hint, [&] { hint = rl_set.hint(line.c_str()); });
     const std::unique_ptr<char, decltype(&free)> owner{hint, &free};
-    hint_text_ = text();
+    hint_text_ = line_.text();
     hint_.clear();
     if (complete && hint != nullptr)
         hint_ = rl_widen(rl_visible(hint));
@@ -221,10 +236,9 @@ void rl_session::find_hint()
 /// Puts into the line what Tab would, when a hint is on the screen. False when none is.
 bool rl_session::accept_hint()
 {
-    const std::wstring_view now = text();
-    if (hint_.empty() || hint_text_ != now || cursor() != now.size())
+    if (hint_.empty() || hint_text_ != line_.text() || !line_.at_end())
         return false;
-    const std::string line = rl_narrow(now);
+    const std::string line = rl_narrow(line_.text());
     const std::wstring shown = hint_;
     if (rl_set.autocomplete != nullptr) {
         const json_owner found{candidates(line, line.size())};
@@ -233,22 +247,6 @@ bool rl_session::accept_hint()
         if (json_array_size(found.get()) == 1 && insert_candidate(found.get(), line, line.size()))
             return true;
     }
-    el_winsertstr(el_, shown.c_str());
+    line_.insert(shown);
     return true;
-}
-
-unsigned char rl_session::forward()
-{
-    if (accept_hint())
-        return CC_REFRESH;
-    el_wpush(el_, L"\033\036f");
-    return CC_ARGHACK;
-}
-
-unsigned char rl_session::end_of_line()
-{
-    if (accept_hint())
-        return CC_REFRESH;
-    el_wpush(el_, L"\033\036e");
-    return CC_ARGHACK;
 }

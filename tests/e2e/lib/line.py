@@ -139,6 +139,13 @@ class Model:
         self.text = self.text[: self.cursor] + text + self.text[self.cursor :]
         self.cursor += len(text)
 
+    def cut_out(self, first, last, joins):
+        """Cuts in a row make one piece; nothing cut leaves what was cut before."""
+        piece = self.text[first:last]
+        if piece:
+            self.cut = piece if not joins else self.cut + piece if first == self.cursor else piece + self.cut
+        self.delete(first, last)
+
     def delete(self, first, last):
         self.text = self.text[:first] + self.text[last:]
         self.cursor = first

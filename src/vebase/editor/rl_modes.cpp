@@ -1,0 +1,94 @@
+#include "vebase/editor/rl_modes.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <unistd.h>
+
+#include "platform/ve_out.h"
+
+namespace
+{
+
+constexpr char paste_marked[] = "\033[?2004h"; // a paste comes with marks around it
+constexpr char paste_bare[] = "\033[?2004l";
+
+// For those who end the program in the middle of a read.
+volatile sig_atomic_t reading = 0;
+termios before_read;
+struct sigaction before_abort;
+
+void restore()
+{
+    if (reading == 0)
+        return;
+    reading = 0;
+    tcsetattr(STDIN_FILENO, TCSANOW, &before_read);
+    if (write(STDOUT_FILENO, paste_bare, sizeof paste_bare - 1) < 0)
+        return; // nobody is there to be told
+}
+
+/// A failed assertion in a callback: what it says is to be read on a terminal that works.
+void restore_at_abort(int)
+{
+    restore();
+}
+
+/// A callback that calls exit().
+void restore_at_exit()
+{
+    const bool was_reading = reading != 0;
+    restore();
+    if (was_reading && write(STDOUT_FILENO, "\n", 1) < 0)
+        return;
+}
+
+} // namespace
+
+void rl_modes::begin()
+{
+    static const int registered = atexit(restore_at_exit);
+    (void)registered;
+    tcgetattr(STDIN_FILENO, &original_);
+    before_read = original_;
+    struct sigaction abandon = {};
+    abandon.sa_handler = restore_at_abort;
+    abandon.sa_flags = static_cast<int>(SA_RESETHAND);
+    sigaction(SIGABRT, &abandon, &before_abort);
+    reading = 1;
+    set(0);
+    ve_out_draw(paste_marked, sizeof paste_marked - 1);
+}
+
+void rl_modes::end()
+{
+    reading = 0;
+    ve_out_draw(paste_bare, sizeof paste_bare - 1);
+    tcsetattr(STDIN_FILENO, TCSANOW, &original_);
+    sigaction(SIGABRT, &before_abort, nullptr);
+}
+
+void rl_modes::let_interrupt(bool on)
+{
+    set(on ? ISIG | NOFLSH : 0);
+}
+
+/// `local`: of the flags that make keys mean something to the terminal itself, those to be on.
+void rl_modes::set(tcflag_t local)
+{
+    termios modes = original_;
+    // Ctrl-S and Ctrl-Q are keys; what stays for the next reader has its line feeds.
+    modes.c_iflag &= ~static_cast<tcflag_t>(INLCR | IGNCR | IXON | IXOFF);
+    modes.c_oflag |= OPOST | ONLCR;
+    modes.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHONL | ISIG | IEXTEN);
+    modes.c_lflag |= local;
+    modes.c_cc[VMIN] = 1;
+    modes.c_cc[VTIME] = 0;
+    modes.c_cc[VQUIT] = _POSIX_VDISABLE;
+    modes.c_cc[VSUSP] = _POSIX_VDISABLE;
+    tcsetattr(STDIN_FILENO, TCSANOW, &modes);
+}
+
+bool rl_modes::is_control_key(unsigned char byte, unsigned index) const
+{
+    return byte == original_.c_cc[index] && original_.c_cc[index] != _POSIX_VDISABLE;
+}
