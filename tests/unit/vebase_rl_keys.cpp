@@ -1,11 +1,11 @@
-#include "vebase/editor/rl_keys.h"
+#include "vebase/editor/rl_line.h"
 
 #include <gtest/gtest.h>
 
 namespace
 {
 
-/// The keys that the bytes make: text as it is, operations as "<number>".
+/// The keys that the bytes make: the text, and the operations, null for a character or a key that means nothing.
 class rl_keys_of
 {
 public:
@@ -24,8 +24,9 @@ public:
         rl_key key;
         while (decoder.take(&key)) {
             ops.push_back(key.op);
-            if (key.op == rl_op::insert || key.op == rl_op::paste)
+            if (key.c != 0)
                 text.push_back(key.c);
+            pasted = key.pasted;
         }
         return *this;
     }
@@ -33,6 +34,7 @@ public:
     rl_key_decoder decoder;
     std::wstring text;
     std::vector<rl_op> ops;
+    bool pasted = false; // the last one
 };
 
 using ops = std::vector<rl_op>;
@@ -48,29 +50,35 @@ TEST(rl_keys, text_is_decoded_from_utf8)
 TEST(rl_keys, control_characters_and_sequences_are_operations)
 {
     EXPECT_EQ(rl_keys_of("\001\t\x7f\r\037").ops,
-              (ops{rl_op::start, rl_op::complete, rl_op::rub, rl_op::enter, rl_op::undo}));
+              (ops{&rl_line::to_start, &rl_line::complete, &rl_line::rub, &rl_line::enter, &rl_line::undo}));
     EXPECT_EQ(rl_keys_of("\033[A\033OA\033[3~\033[1;5C").ops,
-              (ops{rl_op::older, rl_op::older, rl_op::remove, rl_op::word_right}));
+              (ops{&rl_line::older, &rl_line::older, &rl_line::remove, &rl_line::to_word_right}));
     EXPECT_EQ(rl_keys_of("\033b\033B\033.\033\x7f\033y").ops,
-              (ops{rl_op::word_left, rl_op::word_left, rl_op::last_word, rl_op::cut_word_left, rl_op::yank_older}));
+              (ops{&rl_line::to_word_left, &rl_line::to_word_left, &rl_line::last_word, &rl_line::cut_word_left,
+                   &rl_line::yank_older}));
 }
 
 TEST(rl_keys, others_leave_nothing)
 {
-    EXPECT_EQ(rl_keys_of("\033[5~\033[201~\033[?1;2c\033OP\033[[A\033[999;999;999Hy\003\032").ops, ops{rl_op::insert});
-    EXPECT_EQ(rl_keys_of("\033[" + std::string(5000, '1') + "~z").ops, ops{rl_op::insert});
-    EXPECT_EQ(rl_keys_of(std::string_view{"\0", 1}).ops, ops{});
+    for (const std::string_view key :
+         {"\033[5~", "\033[201~", "\033[?1;2c", "\033OP", "\033[999;999;999H", "\003", "\033~", "\032"}) {
+        EXPECT_EQ(rl_keys_of(key).ops, ops{nullptr});
+        EXPECT_EQ(rl_keys_of(key).text, L"");
+    }
+    EXPECT_EQ(rl_keys_of("\033[[Ay").text, L"y");
+    EXPECT_EQ(rl_keys_of("\033[" + std::string(5000, '1') + "~z").text, L"z");
+    EXPECT_EQ(rl_keys_of(std::string_view{"\0", 1}).text, L"");
 }
 
 TEST(rl_keys, a_control_character_ends_an_unfinished_sequence)
 {
-    EXPECT_EQ(rl_keys_of("\033[1;\rx").ops, (ops{rl_op::enter, rl_op::insert}));
-    EXPECT_EQ(rl_keys_of("\033[1\033[A").ops, ops{rl_op::older});
+    EXPECT_EQ(rl_keys_of("\033[1;\rx").ops, (ops{&rl_line::enter, nullptr}));
+    EXPECT_EQ(rl_keys_of("\033[1\033[A").ops, ops{&rl_line::older});
 }
 
 TEST(rl_keys, an_unfinished_character_before_a_key_is_kept)
 {
-    EXPECT_EQ(rl_keys_of("\xe6\xbc\r").ops, (ops{rl_op::insert, rl_op::insert, rl_op::enter}));
+    EXPECT_EQ(rl_keys_of("\xe6\xbc\r").ops, (ops{nullptr, nullptr, &rl_line::enter}));
 }
 
 TEST(rl_keys, an_escape_alone_waits_until_it_is_released)
@@ -79,15 +87,15 @@ TEST(rl_keys, an_escape_alone_waits_until_it_is_released)
     EXPECT_TRUE(keys.decoder.holds_escape());
     EXPECT_EQ(keys.ops, ops{});
     keys.decoder.release_escape();
-    EXPECT_EQ(keys.take().ops, ops{rl_op::escape});
-    EXPECT_EQ(rl_keys_of("\033\033").ops, ops{rl_op::escape});
-    EXPECT_EQ(rl_keys_of("\033~\033é").ops, (ops{rl_op::escape, rl_op::escape, rl_op::insert}));
+    EXPECT_EQ(keys.take().ops, ops{nullptr});
+    EXPECT_EQ(rl_keys_of("\033\033").ops, ops{nullptr});
+    EXPECT_EQ(rl_keys_of("\033~\033é").text, L"é");
 }
 
 TEST(rl_keys, a_key_behind_ctrl_v_is_text)
 {
     EXPECT_EQ(rl_keys_of("\026\003\021\tx\026\033[A").text, L"\003\tx\033[A");
-    EXPECT_EQ(rl_keys_of("\026漢\001").ops, (ops{rl_op::insert, rl_op::start}));
+    EXPECT_EQ(rl_keys_of("\026漢\001").ops, (ops{nullptr, &rl_line::to_start}));
     EXPECT_TRUE(rl_keys_of("\026").decoder.wants_text());
 }
 
@@ -99,17 +107,17 @@ TEST(rl_keys, a_paste_is_text_up_to_its_end)
     keys.feed("\033[201\033[201~");
     EXPECT_FALSE(keys.decoder.pasting());
     EXPECT_EQ(keys.text, L"a\tb\003\026c\033[201");
-    EXPECT_EQ(keys.ops.back(), rl_op::paste);
-    EXPECT_EQ(keys.feed("\t").ops.back(), rl_op::complete);
+    EXPECT_TRUE(keys.pasted);
+    EXPECT_EQ(keys.feed("\t").ops.back(), &rl_line::complete);
 }
 
 TEST(rl_keys, the_lines_of_a_paste_end_and_the_paste_goes_on)
 {
     rl_keys_of keys("\033[200~a\r\n\xe6");
-    EXPECT_EQ(keys.ops, (ops{rl_op::paste, rl_op::enter, rl_op::enter}));
+    EXPECT_EQ(keys.ops, (ops{nullptr, &rl_line::enter, &rl_line::enter}));
     keys.decoder.reset();
     EXPECT_TRUE(keys.decoder.pasting());
-    EXPECT_EQ(keys.feed("\t").ops.back(), rl_op::paste);
+    EXPECT_EQ(keys.feed("\t").text, (std::wstring{L'a', 0xdce6, L'\t'}));
 }
 
 TEST(rl_keys, a_paste_whose_end_never_comes_can_be_ended)
@@ -117,7 +125,7 @@ TEST(rl_keys, a_paste_whose_end_never_comes_can_be_ended)
     rl_keys_of keys("\033[200~a\033[20");
     keys.decoder.end_paste();
     EXPECT_EQ(keys.take().text, L"a\033[20");
-    EXPECT_EQ(keys.feed("\001").ops.back(), rl_op::start);
+    EXPECT_EQ(keys.feed("\001").ops.back(), &rl_line::to_start);
 }
 
 } // namespace

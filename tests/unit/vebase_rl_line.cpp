@@ -99,11 +99,16 @@ TEST_F(rl_lines, characters_are_deleted_before_and_under_the_cursor)
     EXPECT_EQ(done, rl_done::refused);
 }
 
-TEST_F(rl_lines, what_the_line_cannot_do_is_the_callers)
+TEST_F(rl_lines, what_the_line_cannot_do_is_left_to_the_caller)
 {
-    for (const std::string_view key : {"\r", "\n", "\t", "\014", "\004"}) {
+    const std::pair<const char *, rl_done> wanted[] = {{"\r", rl_done::enter},
+                                                       {"\n", rl_done::enter},
+                                                       {"\t", rl_done::complete},
+                                                       {"\014", rl_done::clear},
+                                                       {"\004", rl_done::end}};
+    for (const auto &[key, asked] : wanted) {
         typed(key);
-        EXPECT_EQ(done, rl_done::yours) << static_cast<int>(key[0]);
+        EXPECT_EQ(done, asked) << static_cast<int>(key[0]);
     }
 }
 
@@ -178,7 +183,7 @@ TEST_F(rl_lines, a_paste_is_text_but_for_its_line_ends)
 {
     EXPECT_EQ(typed("\033[200~a\tb\003\x7f\033[A\033c\033[201~d"), "a\tb\003\x7f\033[A\033cd|");
     typed("\033[200~one\r");
-    EXPECT_EQ(done, rl_done::yours);
+    EXPECT_EQ(done, rl_done::enter);
     EXPECT_EQ(typed("\ttwo\033[201~x"), "\ttwox|");
 }
 
@@ -264,7 +269,7 @@ TEST_F(rl_lines, what_ends_a_search_acts_on_what_it_found)
     EXPECT_EQ(after("\022lph\001X"), "X|alpha");
     EXPECT_EQ(typed("\022lph\033\033[3~"), "a|pha");
     typed("\022lph\r");
-    EXPECT_EQ(done, rl_done::yours);
+    EXPECT_EQ(done, rl_done::enter);
     EXPECT_EQ(rl_narrow(line.text()), "alpha");
     EXPECT_EQ(typed("\022lph\033[B"), "beta|");
 }

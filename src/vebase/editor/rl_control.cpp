@@ -1,9 +1,10 @@
 #include "vebase/editor/rl_control.h"
 
 #include <cerrno>
-#include <ctime>
+#include <chrono>
+#include <condition_variable>
 #include <fcntl.h>
-#include <pthread.h>
+#include <mutex>
 #include <unistd.h>
 
 #include "platform/ve_rl.h"
@@ -12,36 +13,17 @@
 namespace
 {
 
-constexpr long hide_wait_ms = 200;
+constexpr std::chrono::milliseconds hide_wait{200};
 
 // The codes themselves are here; the pipe only wakes the reader, so that a full pipe loses nothing.
-pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t released;  // CLOCK_MONOTONIC; made in control_ready()
+std::mutex lock;
+// Never destroyed: another thread may wait while the program exits.
+std::condition_variable &released = *new std::condition_variable;
 bool reading = false;     // a read is under way
 bool on_screen = false;   // and its line is on the screen
 bool hide_wanted = false; // another thread wants the screen
 bool stop_wanted = false; // ve_rl_stop, until a read ended by it
 int control_fd = -1;      // main thread only
-
-class locked
-{
-public:
-    locked()
-    {
-        static pthread_once_t once = PTHREAD_ONCE_INIT;
-        pthread_once(&once, [] {
-            pthread_condattr_t attributes;
-            pthread_condattr_init(&attributes);
-            pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-            pthread_cond_init(&released, &attributes);
-            pthread_condattr_destroy(&attributes);
-        });
-        pthread_mutex_lock(&lock);
-    }
-    locked(const locked &) = delete;
-    locked &operator=(const locked &) = delete;
-    ~locked() { pthread_mutex_unlock(&lock); }
-};
 
 void set_nonblocking(int fd)
 {
@@ -71,15 +53,11 @@ void ve_rl_set_control_fd(int fd)
 void ve_rl_write_control_char(int fd, unsigned code)
 {
     {
-        const locked guard;
-        if (code == ve_rl_hide)
-            hide_wanted = true;
-        else if (code == ve_rl_show)
-            hide_wanted = false;
-        else if (code == ve_rl_stop)
+        const std::scoped_lock guard(lock);
+        if (code == ve_rl_stop)
             stop_wanted = true;
         else
-            return;
+            hide_wanted = code == ve_rl_hide;
     }
     if (fd >= 0) {
         set_nonblocking(fd);
@@ -87,32 +65,23 @@ void ve_rl_write_control_char(int fd, unsigned code)
         while (write(fd, &wake, 1) < 0 && errno == EINTR)
             ;
     }
-    if (code != ve_rl_hide)
-        return;
-    timespec deadline;
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_nsec += hide_wait_ms * 1000000;
-    if (deadline.tv_nsec >= 1000000000) {
-        deadline.tv_nsec -= 1000000000;
-        ++deadline.tv_sec;
-    }
-    const locked guard;
-    while (reading && on_screen && pthread_cond_timedwait(&released, &lock, &deadline) == 0)
-        ;
+    std::unique_lock guard(lock);
+    if (code == ve_rl_hide)
+        released.wait_for(guard, hide_wait, [] { return !reading || !on_screen; });
 }
 
 void rl_control_begin()
 {
-    const locked guard;
+    const std::scoped_lock guard(lock);
     reading = true;
 }
 
 void rl_control_end()
 {
-    const locked guard;
+    const std::scoped_lock guard(lock);
     reading = false;
     on_screen = false;
-    pthread_cond_broadcast(&released);
+    released.notify_all();
 }
 
 int rl_control_fd()
@@ -128,7 +97,7 @@ void rl_control_drain()
 
 bool rl_control_claim_screen()
 {
-    const locked guard;
+    const std::scoped_lock guard(lock);
     if (hide_wanted)
         return false;
     on_screen = true;
@@ -137,26 +106,26 @@ bool rl_control_claim_screen()
 
 void rl_control_release_screen()
 {
-    const locked guard;
+    const std::scoped_lock guard(lock);
     on_screen = false;
-    pthread_cond_broadcast(&released);
+    released.notify_all();
 }
 
 bool rl_control_hidden()
 {
-    const locked guard;
+    const std::scoped_lock guard(lock);
     return hide_wanted;
 }
 
 void rl_control_unhide()
 {
-    const locked guard;
+    const std::scoped_lock guard(lock);
     hide_wanted = false;
 }
 
 bool rl_control_take_stop()
 {
-    const locked guard;
+    const std::scoped_lock guard(lock);
     const bool stop = stop_wanted;
     stop_wanted = false;
     // Who hid the line to end the read does not show it again.
@@ -168,18 +137,14 @@ bool rl_control_take_stop()
 namespace
 {
 
-volatile sig_atomic_t arrived[NSIG];
-volatile sig_atomic_t typed_interrupt;
+volatile sig_atomic_t arrived[NSIG]; // the first one: a Ctrl-C that was typed
 int signal_pipe[2] = {-1, -1};
 
 void note_signal(int signal, siginfo_t *info, void *)
 {
     const int error = errno;
     // Ctrl-C typed just before the terminal became raw is a key, and not the wish to end the program.
-    if (signal == SIGINT && info->si_code == SI_KERNEL)
-        typed_interrupt = 1;
-    else
-        arrived[signal] = 1;
+    arrived[signal == SIGINT && info->si_code == SI_KERNEL ? rl_signals::typed_interrupt : signal] = 1;
     const char wake = 0;
     if (write(signal_pipe[1], &wake, 1) < 0)
         errno = error; // full: it is readable then
@@ -213,7 +178,7 @@ int rl_signals::restore()
     for (unsigned i = 0; i < count_; ++i)
         sigaction(handled_[i], &before_[i], nullptr);
     installed_ = false;
-    typed_interrupt = 0;
+    take(typed_interrupt);
     int late = 0;
     for (const int signal : fatal)
         if (take(signal) && late == 0)
@@ -245,14 +210,6 @@ bool rl_signals::take(int signal)
     if (arrived[signal] == 0)
         return false;
     arrived[signal] = 0;
-    return true;
-}
-
-bool rl_signals::take_typed_interrupt()
-{
-    if (typed_interrupt == 0)
-        return false;
-    typed_interrupt = 0;
     return true;
 }
 

@@ -36,10 +36,9 @@ public:
     /// Becomes readable when a signal arrived.
     static int fd();
     static void drain();
-    /// True once for each arrival of `signal`.
+    /// True once for each arrival of `signal`, or of a Ctrl-C that was typed while the terminal made a signal of it.
     static bool take(int signal);
-    /// True once when Ctrl-C was typed while the terminal still made a signal of it.
-    static bool take_typed_interrupt();
+    static constexpr int typed_interrupt = 0;
 
     static constexpr int fatal[] = {SIGHUP, SIGTERM, SIGQUIT, SIGINT};
 

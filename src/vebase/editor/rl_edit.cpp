@@ -75,24 +75,30 @@ void rl_session::clear_screen()
     screen_.forget();
 }
 
-void rl_session::handle(rl_key key)
+void rl_session::handle(const rl_key &key)
 {
-    const bool forward = key.op == rl_op::right || key.op == rl_op::end;
+    const bool forward = key.op == &rl_line::right || key.op == &rl_line::to_end;
     if (forward && !line_.searching() && accept_hint())
         return line_.pass(key.op);
-    const rl_done done = line_.apply(key);
-    if (done == rl_done::refused)
+    switch (line_.apply(key)) {
+    case rl_done::yes:
+        break;
+    case rl_done::refused:
         rl_ring_bell();
-    if (done != rl_done::yours)
-        return;
-    if (key.op == rl_op::enter)
+        break;
+    case rl_done::enter:
         outcome_ = rl_outcome::line;
-    else if (key.op == rl_op::end_of_file)
+        break;
+    case rl_done::end:
         outcome_ = rl_outcome::end;
-    else if (key.op == rl_op::clear)
-        clear_screen();
-    else
+        break;
+    case rl_done::complete:
         complete();
+        break;
+    case rl_done::clear:
+        clear_screen();
+        break;
+    }
 }
 
 /// No key is there: shows the line and waits for one.

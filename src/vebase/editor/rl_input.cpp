@@ -25,7 +25,7 @@ void rl_session::serve_outside()
         signal_ = signal;
         outcome_ = rl_outcome::signal;
     }
-    if (rl_signals::take_typed_interrupt()) {
+    if (rl_signals::take(rl_signals::typed_interrupt)) {
         if (running_ != callback::none)
             abandoned_ = true;
         else if (outcome_ == rl_outcome::none)

@@ -1,7 +1,10 @@
 #include "vebase/editor/rl_keys.h"
 
 #include <cctype>
+#include <string>
 #include <string_view>
+
+#include "vebase/editor/rl_line.h"
 
 namespace
 {
@@ -12,80 +15,50 @@ constexpr std::string_view paste_end = "\033[201~";
 constexpr wchar_t bad_byte_base = 0xdc00; // as rl_widen has it
 
 struct binding {
-    std::string_view bytes;
     rl_op op;
+    std::string_view keys; ///< each as the bytes that terminals send for it, with blanks between
 };
 
 constexpr binding bindings[] = {
-    {"\x01", rl_op::start},
-    {"\x02", rl_op::left},
-    {"\x04", rl_op::end_of_file},
-    {"\x05", rl_op::end},
-    {"\x06", rl_op::right},
-    {"\x07", rl_op::cancel},
-    {"\b", rl_op::rub},
-    {"\t", rl_op::complete},
-    {"\n", rl_op::enter},
-    {"\x0b", rl_op::cut_end},
-    {"\x0c", rl_op::clear},
-    {"\r", rl_op::enter},
-    {"\x0e", rl_op::newer},
-    {"\x10", rl_op::older},
-    {"\x12", rl_op::search_back},
-    {"\x13", rl_op::search_forward},
-    {"\x14", rl_op::swap},
-    {"\x15", rl_op::cut_start},
-    {"\x17", rl_op::cut_blank_word},
-    {"\x19", rl_op::yank},
-    {"\x1f", rl_op::undo},
-    {"\x7f", rl_op::rub},
-    // Alt
-    {"\033b", rl_op::word_left},
-    {"\033f", rl_op::word_right},
-    {"\033d", rl_op::cut_word_right},
-    {"\033\x7f", rl_op::cut_word_left},
-    {"\033\b", rl_op::cut_word_left},
-    {"\033y", rl_op::yank_older},
-    {"\033.", rl_op::last_word},
-    {"\033u", rl_op::upper},
-    {"\033l", rl_op::lower},
-    {"\033c", rl_op::capital},
-    // The keys beside the letters, as several kinds of terminal send them
-    {"\033[A", rl_op::older},
-    {"\033OA", rl_op::older},
-    {"\033[B", rl_op::newer},
-    {"\033OB", rl_op::newer},
-    {"\033[C", rl_op::right},
-    {"\033OC", rl_op::right},
-    {"\033[D", rl_op::left},
-    {"\033OD", rl_op::left},
-    {"\033[H", rl_op::start},
-    {"\033OH", rl_op::start},
-    {"\033[1~", rl_op::start},
-    {"\033[7~", rl_op::start},
-    {"\033[F", rl_op::end},
-    {"\033OF", rl_op::end},
-    {"\033[4~", rl_op::end},
-    {"\033[8~", rl_op::end},
-    {"\033[3~", rl_op::remove},
-    {"\033[3;5~", rl_op::cut_word_right},
-    {"\033[1;5C", rl_op::word_right},
-    {"\033[5C", rl_op::word_right},
-    {"\033[1;3C", rl_op::word_right},
-    {"\033Oc", rl_op::word_right},
-    {"\033[1;5D", rl_op::word_left},
-    {"\033[5D", rl_op::word_left},
-    {"\033[1;3D", rl_op::word_left},
-    {"\033Od", rl_op::word_left},
-    {"\033OM", rl_op::enter},
+    {&rl_line::enter, "\n \r \033OM"},
+    {&rl_line::complete, "\t"},
+    {&rl_line::clear, "\x0c"},
+    {&rl_line::cancel, "\x07"},
+    {&rl_line::left, "\x02 \033[D \033OD"},
+    {&rl_line::right, "\x06 \033[C \033OC"},
+    {&rl_line::to_word_left, "\033b \033[1;5D \033[5D \033[1;3D \033Od"},
+    {&rl_line::to_word_right, "\033f \033[1;5C \033[5C \033[1;3C \033Oc"},
+    {&rl_line::to_start, "\x01 \033[H \033OH \033[1~ \033[7~"},
+    {&rl_line::to_end, "\x05 \033[F \033OF \033[4~ \033[8~"},
+    {&rl_line::rub, "\x7f \b"},
+    {&rl_line::remove, "\033[3~"},
+    {&rl_line::remove_or_end, "\x04"},
+    {&rl_line::cut_end, "\x0b"},
+    {&rl_line::cut_start, "\x15"},
+    {&rl_line::cut_blank_word, "\x17"},
+    {&rl_line::cut_word_left, "\033\x7f \033\b"},
+    {&rl_line::cut_word_right, "\033d \033[3;5~"},
+    {&rl_line::yank, "\x19"},
+    {&rl_line::yank_older, "\033y"},
+    {&rl_line::undo, "\x1f"},
+    {&rl_line::swap, "\x14"},
+    {&rl_line::upper, "\033u"},
+    {&rl_line::lower, "\033l"},
+    {&rl_line::capital, "\033c"},
+    {&rl_line::last_word, "\033."},
+    {&rl_line::older, "\x10 \033[A \033OA"},
+    {&rl_line::newer, "\x0e \033[B \033OB"},
+    {&rl_line::search_back, "\x12"},
+    {&rl_line::search_forward, "\x13"},
 };
 
-rl_op find_op(std::string_view bytes)
+/// The operation of a key, null for one that means nothing.
+rl_op find_op(const std::string &key)
 {
     for (const binding &each : bindings)
-        if (each.bytes == bytes)
+        if ((' ' + std::string{each.keys} + ' ').find(' ' + key + ' ') != std::string::npos)
             return each.op;
-    return rl_op::none;
+    return nullptr;
 }
 
 bool is_control(unsigned char byte)
@@ -100,17 +73,17 @@ bool begins_literal(unsigned char byte)
 
 } // namespace
 
-void rl_key_decoder::put_text(unsigned char byte, rl_op op)
+void rl_key_decoder::put_text(unsigned char byte)
 {
     std::wstring decoded;
     text_.feed(byte, decoded);
     for (const wchar_t c : decoded) {
         if (c >= 0x80 && c < 0xa0) {
             // A control character of eight bits is shown as its bytes, which no terminal takes for it.
-            ready_.push_back({op, bad_byte_base + 0xc2});
-            ready_.push_back({op, bad_byte_base + c});
+            put(bad_byte_base + 0xc2);
+            put(bad_byte_base + c);
         } else if (c != 0) {
-            ready_.push_back({op, c});
+            put(c);
         }
     }
 }
@@ -118,17 +91,16 @@ void rl_key_decoder::put_text(unsigned char byte, rl_op op)
 void rl_key_decoder::put_pasted(unsigned char byte)
 {
     if (byte == '\r' || byte == '\n')
-        ready_.push_back({rl_op::enter});
+        ready_.push_back({.op = &rl_line::enter});
     else
-        put_text(byte, rl_op::paste);
+        put_text(byte);
 }
 
 void rl_key_decoder::put_sequence()
 {
     state_ = sequence_ == paste_begin ? state::paste : state::ground;
-    const rl_op op = find_op(sequence_);
-    if (op != rl_op::none)
-        ready_.push_back({op});
+    if (!pasting())
+        ready_.push_back({.op = find_op(sequence_)});
 }
 
 void rl_key_decoder::feed(unsigned char byte)
@@ -146,25 +118,22 @@ void rl_key_decoder::feed(unsigned char byte)
             sequence_.assign(1, static_cast<char>(byte));
             put_sequence();
         } else {
-            put_text(byte, rl_op::insert);
+            put_text(byte);
         }
         break;
     case state::literal:
-        put_text(byte, rl_op::insert);
+        put_text(byte);
         if (!text_.pending())
             state_ = state::ground;
         break;
     case state::escape:
         if (byte == 0x1b) {
-            ready_.push_back({rl_op::escape});
+            put(0);
         } else if (byte == '[' || byte == 'O') {
             sequence_.push_back(static_cast<char>(byte));
             state_ = byte == '[' ? state::csi : state::ss3;
         } else {
             sequence_.push_back(static_cast<char>(tolower(byte)));
-            const bool bound = find_op(sequence_) != rl_op::none;
-            if (!bound)
-                ready_.push_back({rl_op::escape});
             put_sequence();
             if (byte >= 0x80)
                 feed(byte);
@@ -234,7 +203,7 @@ void rl_key_decoder::end_paste()
 void rl_key_decoder::release_escape()
 {
     state_ = state::ground;
-    ready_.push_back({rl_op::escape});
+    put(0);
 }
 
 void rl_key_decoder::reset()
@@ -244,5 +213,5 @@ void rl_key_decoder::reset()
     std::wstring incomplete;
     text_.flush(incomplete);
     for (const wchar_t c : incomplete)
-        ready_.push_back({rl_op::insert, c});
+        put(c);
 }

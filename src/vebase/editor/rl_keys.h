@@ -1,4 +1,4 @@
-// From the bytes that a terminal sends to what they ask the editor to do.
+// From the bytes that a terminal sends to what they ask the editor to do (docs/line-editor.md).
 #pragma once
 
 #include <string>
@@ -6,47 +6,16 @@
 
 #include "vebase/editor/rl_text.h"
 
-/// What a key does (docs/line-editor.md).
-enum class rl_op {
-    none,
-    insert, ///< a typed character
-    paste,  ///< a pasted one
-    enter,
-    left,
-    right,
-    word_left,
-    word_right,
-    start,
-    end,
-    rub,         ///< the character before the cursor
-    remove,      ///< the one under it
-    end_of_file, ///< on an empty line; otherwise remove
-    cut_end,
-    cut_start,
-    cut_blank_word, ///< back to the last blank
-    cut_word_left,
-    cut_word_right,
-    yank,
-    yank_older, ///< instead of what was just inserted, what was cut before it
-    undo,
-    swap,
-    upper,
-    lower,
-    capital,
-    last_word, ///< of the entry before; again: of the one before that
-    older,
-    newer,
-    search_back,
-    search_forward,
-    cancel,
-    escape, ///< alone, or with a key that means nothing
-    complete,
-    clear
-};
+class rl_line;
+enum class rl_done;
+/// What a key does to the line.
+using rl_op = rl_done (rl_line::*)();
 
+/// What a key is: a character of text, or an operation.
 struct rl_key {
-    rl_op op = rl_op::none;
-    wchar_t c = 0; ///< of insert and paste
+    rl_op op = nullptr;
+    wchar_t c = 0;       ///< without an operation; 0 is a key that means nothing
+    bool pasted = false; ///< the character
 };
 
 class rl_key_decoder
@@ -71,7 +40,8 @@ public:
 private:
     enum class state { ground, literal, escape, csi, csi_bracket, ss3, paste };
 
-    void put_text(unsigned char byte, rl_op op);
+    void put(wchar_t c) { ready_.push_back({.c = c, .pasted = pasting()}); }
+    void put_text(unsigned char byte);
     void put_pasted(unsigned char byte);
     void put_sequence();
     void release_matched();

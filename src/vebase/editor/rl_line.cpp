@@ -2,7 +2,6 @@
 
 #include <cctype>
 #include <cwchar>
-#include <cwctype>
 #include <utility>
 
 #include "vebase/editor/rl_complete.h"
@@ -26,12 +25,6 @@ bool is_word(wchar_t c)
                      : isalnum(static_cast<int>(c)) != 0 || wcschr(L"*?_-[]~", c) != nullptr;
 }
 
-bool is_cut(rl_op op)
-{
-    return op == rl_op::cut_end || op == rl_op::cut_start || op == rl_op::cut_blank_word ||
-           op == rl_op::cut_word_left || op == rl_op::cut_word_right;
-}
-
 } // namespace
 
 void rl_line::begin(const ve_history &history, bool keep_text)
@@ -43,199 +36,120 @@ void rl_line::begin(const ve_history &history, bool keep_text)
         buffer_.assign({});
     outside_.assign({});
     place_ = history_->size();
-    last_ = rl_op::none;
+    pass(nullptr);
 }
 
 void rl_line::pass(rl_op op)
 {
     before_ = std::exchange(last_, op);
+    after_cut_ = std::exchange(cutting_, false);
 }
 
-rl_done rl_line::apply(rl_key key)
+rl_done rl_line::apply(const rl_key &key)
 {
-    bool refused = false;
-    if (searching() && search_key(key, &refused))
-        return refused ? rl_done::refused : rl_done::yes;
+    rl_done done = rl_done::yes;
+    if (searching() && search_key(key, &done))
+        return done;
     pass(key.op);
-    switch (key.op) {
-    case rl_op::enter:
-    case rl_op::complete:
-    case rl_op::clear:
-        return rl_done::yours;
-    case rl_op::end_of_file:
-        if (text().empty())
-            return rl_done::yours;
-        return edit(rl_op::remove) ? rl_done::yes : rl_done::refused;
-    case rl_op::insert:
-    case rl_op::paste:
-        buffer_.type(key.c, key.op == rl_op::paste);
-        return rl_done::yes;
-    default:
-        return edit(key.op) ? rl_done::yes : rl_done::refused;
-    }
+    if (key.op != nullptr)
+        return (this->*key.op)();
+    if (key.c != 0)
+        buffer_.type(key.c, key.pasted);
+    return done;
 }
 
-/// What changes the line, or its place in the history. False when there is nothing to be done.
-bool rl_line::edit(rl_op op)
+rl_done rl_line::go(bool possible, size_t cursor)
 {
-    const size_t at = cursor();
-    const size_t size = text().size();
-    switch (op) {
-    case rl_op::left:
-        return at > 0 && move(at - 1);
-    case rl_op::right:
-        return at < size && move(at + 1);
-    case rl_op::word_left:
-        return move(word_left());
-    case rl_op::word_right:
-        return move(word_right());
-    case rl_op::start:
-        return move(0);
-    case rl_op::end:
-        return move(size);
-    case rl_op::rub:
-        return at > 0 && remove(at - 1, at);
-    case rl_op::remove:
-        return at < size && remove(at, at + 1);
-    case rl_op::cut_end:
-        return cut(at, size);
-    case rl_op::cut_start:
-        return cut(0, at);
-    case rl_op::cut_blank_word: {
-        size_t first = at;
-        while (first > 0 && is_blank(text()[first - 1]))
-            --first;
-        while (first > 0 && !is_blank(text()[first - 1]))
-            --first;
-        return cut(first, at);
-    }
-    case rl_op::cut_word_left:
-        return cut(word_left(), at);
-    case rl_op::cut_word_right:
-        return cut(at, word_right());
-    case rl_op::yank:
-        return yank();
-    case rl_op::yank_older:
-        return yank_older();
-    case rl_op::undo:
-        return buffer_.undo();
-    case rl_op::swap:
-        return swap();
-    case rl_op::upper:
-        return change_case([](wint_t c, bool) { return towupper(c); });
-    case rl_op::lower:
-        return change_case([](wint_t c, bool) { return towlower(c); });
-    case rl_op::capital:
-        return change_case([](wint_t c, bool first) { return first ? towupper(c) : towlower(c); });
-    case rl_op::last_word:
-        return insert_last_word();
-    case rl_op::older:
-        if (place_ == 0)
-            return false;
-        go_to(place_ - 1);
-        return true;
-    case rl_op::newer:
-        if (place_ >= history_->size())
-            return false;
-        go_to(place_ + 1);
-        return true;
-    case rl_op::search_back:
-    case rl_op::search_forward:
-        begin_search(op == rl_op::search_back);
-        return true;
-    default:
-        return true;
-    }
-}
-
-bool rl_line::move(size_t cursor)
-{
+    if (!possible)
+        return rl_done::refused;
     buffer_.place(cursor);
-    return true;
+    return rl_done::yes;
 }
 
-bool rl_line::remove(size_t first, size_t last)
+rl_done rl_line::change(size_t first, size_t last, std::wstring_view with)
 {
-    buffer_.replace(first, last, {});
-    return true;
+    buffer_.replace(first, last, with);
+    return rl_done::yes;
 }
 
 /// Cuts in a row make one piece.
-bool rl_line::cut(size_t first, size_t last)
+rl_done rl_line::cut(size_t first, size_t last)
 {
+    cutting_ = true;
     if (first == last)
-        return false;
+        return rl_done::refused;
     const std::wstring piece = text().substr(first, last - first);
-    if (is_cut(before_) && !cuts_.empty())
+    if (after_cut_ && !cuts_.empty())
         cuts_.back().insert(last == cursor() ? 0 : cuts_.back().size(), piece);
     else
         cuts_.push_back(piece);
     if (cuts_.size() > cuts_max)
         cuts_.erase(cuts_.begin());
-    return remove(first, last);
+    return change(first, last, {});
 }
 
-bool rl_line::yank()
+rl_done rl_line::cut_blank_word()
+{
+    size_t first = cursor();
+    while (first > 0 && is_blank(text()[first - 1]))
+        --first;
+    while (first > 0 && !is_blank(text()[first - 1]))
+        --first;
+    return cut(first, cursor());
+}
+
+rl_done rl_line::yank()
 {
     if (cuts_.empty())
-        return false;
+        return rl_done::refused;
     yanked_ = cuts_.size() - 1;
     inserted_at_ = cursor();
-    insert(cuts_.back());
-    return true;
+    return change(cursor(), cursor(), cuts_.back());
 }
 
-bool rl_line::yank_older()
+rl_done rl_line::yank_older()
 {
-    if (before_ != rl_op::yank && before_ != rl_op::yank_older)
-        return false;
+    if (before_ != &rl_line::yank && before_ != &rl_line::yank_older)
+        return rl_done::refused;
     yanked_ = (yanked_ > 0 ? yanked_ : cuts_.size()) - 1;
-    replace_typed(inserted_at_, cuts_[yanked_]);
-    return true;
+    return change(inserted_at_, cursor(), cuts_[yanked_]);
 }
 
-bool rl_line::insert_last_word()
+rl_done rl_line::last_word()
 {
-    const bool again = repeated();
-    for (size_t entry = again ? word_entry_ : place_; entry > 0;) {
+    for (size_t entry = repeated() ? word_entry_ : place_; entry > 0;) {
         const std::string_view word = rl_last_word(history_->entry(--entry));
         if (word.empty())
             continue;
-        if (!again)
+        if (!repeated())
             inserted_at_ = cursor();
         word_entry_ = entry;
-        replace_typed(inserted_at_, rl_widen(word));
-        return true;
+        return change(inserted_at_, cursor(), rl_widen(word));
     }
-    return false;
+    return rl_done::refused;
 }
 
 /// The characters around the cursor; at the end of the line the last two.
-bool rl_line::swap()
+rl_done rl_line::swap()
 {
-    const size_t second = buffer_.at_end() ? cursor() - 1 : cursor();
+    const size_t second = at_end() ? cursor() - 1 : cursor();
     if (cursor() == 0 || second == 0)
-        return false;
+        return rl_done::refused;
     const wchar_t swapped[] = {text()[second], text()[second - 1]};
-    buffer_.replace(second - 1, second + 1, {swapped, 2});
-    return true;
+    return change(second - 1, second + 1, {swapped, 2});
 }
 
-template <class Case> bool rl_line::change_case(const Case &change)
+rl_done rl_line::change_case(wint_t (*first)(wint_t), wint_t (*others)(wint_t))
 {
+    size_t at = cursor();
     const size_t last = word_right();
-    if (last == cursor())
-        return false;
-    std::wstring word = text().substr(cursor(), last - cursor());
-    bool first = true;
+    std::wstring word = text().substr(at, last - at);
+    auto change_next = first;
     for (wchar_t &c : word) {
-        if (!is_word(c))
-            continue;
-        c = static_cast<wchar_t>(change(static_cast<wint_t>(c), first));
-        first = false;
+        if (is_word(c))
+            c = static_cast<wchar_t>(std::exchange(change_next, others)(static_cast<wint_t>(c)));
     }
-    buffer_.replace(cursor(), last, word);
-    return true;
+    return word.empty() ? rl_done::refused : change(at, last, word);
 }
 
 size_t rl_line::word_left() const
@@ -256,6 +170,22 @@ size_t rl_line::word_right() const
     while (at < text().size() && is_word(text()[at]))
         ++at;
     return at;
+}
+
+rl_done rl_line::older()
+{
+    if (place_ == 0)
+        return rl_done::refused;
+    go_to(place_ - 1);
+    return rl_done::yes;
+}
+
+rl_done rl_line::newer()
+{
+    if (place_ >= history_->size())
+        return rl_done::refused;
+    go_to(place_ + 1);
+    return rl_done::yes;
 }
 
 /// Makes the line that entry of the history, or what it was outside the history. What was changed in an entry is lost.
@@ -280,92 +210,78 @@ std::wstring rl_line::search_message() const
     return (step.backward ? L"bck" : L"fwd") + std::wstring{step.failed ? L"?" : L":"} + pattern_;
 }
 
-void rl_line::begin_search(bool backward)
+rl_done rl_line::begin_search(bool backward)
 {
     searched_from_ = buffer_;
     searched_place_ = place_;
     pattern_.clear();
     steps_.push_back({backward, false, 0, place_, rl_narrow_size(std::wstring_view{text()}.substr(0, cursor()))});
+    return rl_done::yes;
 }
 
 /// A key while it searches. False when it ended the search and is to be applied to what that found.
-bool rl_line::search_key(rl_key key, bool *refused)
+bool rl_line::search_key(const rl_key &key, rl_done *done)
 {
-    switch (key.op) {
-    case rl_op::insert:
-    case rl_op::paste:
-        *refused = !extend_pattern(key.c);
-        return true;
-    case rl_op::search_back:
-    case rl_op::search_forward:
-        *refused = !search_again(key.op == rl_op::search_back);
-        return true;
-    case rl_op::rub:
-        *refused = !take_back_step();
-        return true;
-    case rl_op::cancel:
-        cancel_search();
-        return true;
-    case rl_op::escape:
+    if (key.op == nullptr && key.c != 0)
+        *done = extend_pattern(key.c);
+    else if (key.op == &rl_line::search_back || key.op == &rl_line::search_forward)
+        *done = search_again(key.op == &rl_line::search_back);
+    else if (key.op == &rl_line::rub)
+        *done = take_back_step();
+    else if (key.op == &rl_line::cancel)
+        *done = cancel_search();
+    else
         end_search();
-        return true;
-    default:
-        end_search();
-        return false;
-    }
+    return searching() || key.op == &rl_line::cancel;
 }
 
-bool rl_line::extend_pattern(wchar_t c)
+rl_done rl_line::extend_pattern(wchar_t c)
 {
     if (pattern_.size() >= pattern_max)
-        return false;
+        return rl_done::refused;
     pattern_.push_back(c);
     search_step step = steps_.back();
     step.pattern = pattern_.size();
     // What is not there will not be there with more behind it.
-    if (!step.failed)
-        step.failed = !find(step, false);
-    steps_.push_back(step);
-    show(step);
-    return !step.failed;
+    step.failed = step.failed || !find(step, false);
+    return show(steps_.emplace_back(step));
 }
 
-bool rl_line::search_again(bool backward)
+rl_done rl_line::search_again(bool backward)
 {
     search_step step = steps_.back();
     if (step.failed && step.backward == backward)
-        return false;
+        return rl_done::refused;
     if (pattern_.empty())
         pattern_ = last_pattern_;
     step.backward = backward;
     step.pattern = pattern_.size();
     step.failed = !pattern_.empty() && !find(step, true);
-    steps_.push_back(step);
-    show(step);
-    return !step.failed;
+    return show(steps_.emplace_back(step));
 }
 
-bool rl_line::take_back_step()
+rl_done rl_line::take_back_step()
 {
     if (steps_.size() == 1)
-        return false;
+        return rl_done::refused;
     steps_.pop_back();
     pattern_.resize(steps_.back().pattern);
     show(steps_.back());
-    return true;
+    return rl_done::yes;
 }
 
 /// Back to what was found last, or to the line that was searched from.
-void rl_line::cancel_search()
+rl_done rl_line::cancel_search()
 {
-    if (steps_.back().failed) {
-        while (steps_.back().failed)
-            take_back_step();
-        return;
+    if (!steps_.back().failed) {
+        buffer_ = std::move(searched_from_);
+        place_ = searched_place_;
+        end_search();
+        return rl_done::yes;
     }
-    buffer_ = std::move(searched_from_);
-    place_ = searched_place_;
-    end_search();
+    while (steps_.back().failed)
+        take_back_step();
+    return rl_done::yes;
 }
 
 void rl_line::end_search()
@@ -373,7 +289,7 @@ void rl_line::end_search()
     if (!pattern_.empty())
         last_pattern_ = pattern_;
     steps_.clear();
-    last_ = rl_op::none;
+    pass(nullptr);
 }
 
 std::string rl_line::entry_text(size_t entry) const
@@ -414,11 +330,12 @@ bool rl_line::find(search_step &step, bool beyond) const
     }
 }
 
-void rl_line::show(const search_step &step)
+rl_done rl_line::show(const search_step &step)
 {
     if (step.failed)
-        return;
+        return rl_done::refused;
     if (step.entry != place_)
         go_to(step.entry);
     buffer_.place(rl_widen(entry_text(step.entry).substr(0, step.at)).size());
+    return rl_done::yes;
 }

@@ -2,6 +2,7 @@
 // Without a terminal; what needs one is left to the caller.
 #pragma once
 
+#include <cwctype>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,8 +14,11 @@
 /// What became of a key.
 enum class rl_done {
     yes,
-    refused, ///< nothing there to be done
-    yours    ///< enter, complete, clear, end_of_file on an empty line: the caller's
+    refused,  ///< there was nothing to be done
+    enter,    ///< this and what follows is the caller's to do
+    end,      ///< of the input
+    complete, ///< the word at the cursor
+    clear     ///< the screen
 };
 
 class rl_line
@@ -23,15 +27,15 @@ public:
     /// Begins a line behind the newest entry of `history` (borrowed until the next line): an empty one, or with the
     /// text of the one before.
     void begin(const ve_history &history, bool keep_text);
+    rl_done apply(const rl_key &key);
+    /// A key was used for something else.
+    void pass(rl_op op);
+    /// The key before the one that was applied last did the same.
+    bool repeated() const { return before_ == last_; }
+
     const std::wstring &text() const { return buffer_.text(); }
     size_t cursor() const { return buffer_.cursor(); }
     bool at_end() const { return buffer_.at_end(); }
-
-    rl_done apply(rl_key key);
-    /// A key was used for something else.
-    void pass(rl_op op);
-    /// The key before the one that is being applied did the same.
-    bool repeated() const { return before_ == last_; }
     void insert(std::wstring_view text) { buffer_.replace(cursor(), cursor(), text); }
     /// Puts `with` in the place of the characters [first, cursor).
     void replace_typed(size_t first, std::wstring_view with) { buffer_.replace(first, cursor(), with); }
@@ -39,6 +43,38 @@ public:
     bool searching() const { return !steps_.empty(); }
     /// What is shown below the line while it searches.
     std::wstring search_message() const;
+
+    // What keys do (rl_keys.cpp).
+    rl_done enter() { return rl_done::enter; }
+    rl_done complete() { return rl_done::complete; }
+    rl_done clear() { return rl_done::clear; }
+    rl_done cancel() { return rl_done::yes; } // of a search; there is none
+    rl_done left() { return go(cursor() > 0, cursor() - 1); }
+    rl_done right() { return go(!at_end(), cursor() + 1); }
+    rl_done to_word_left() { return go(true, word_left()); }
+    rl_done to_word_right() { return go(true, word_right()); }
+    rl_done to_start() { return go(true, 0); }
+    rl_done to_end() { return go(true, text().size()); }
+    rl_done rub() { return cursor() > 0 ? change(cursor() - 1, cursor(), {}) : rl_done::refused; }
+    rl_done remove() { return at_end() ? rl_done::refused : change(cursor(), cursor() + 1, {}); }
+    rl_done remove_or_end() { return text().empty() ? rl_done::end : remove(); }
+    rl_done cut_end() { return cut(cursor(), text().size()); }
+    rl_done cut_start() { return cut(0, cursor()); }
+    rl_done cut_blank_word();
+    rl_done cut_word_left() { return cut(word_left(), cursor()); }
+    rl_done cut_word_right() { return cut(cursor(), word_right()); }
+    rl_done yank();
+    rl_done yank_older();
+    rl_done undo() { return buffer_.undo() ? rl_done::yes : rl_done::refused; }
+    rl_done swap();
+    rl_done upper() { return change_case(towupper, towupper); }
+    rl_done lower() { return change_case(towlower, towlower); }
+    rl_done capital() { return change_case(towupper, towlower); }
+    rl_done last_word();
+    rl_done older();
+    rl_done newer();
+    rl_done search_back() { return begin_search(true); }
+    rl_done search_forward() { return begin_search(false); }
 
 private:
     struct search_step {
@@ -49,34 +85,31 @@ private:
         size_t at;      ///< ... byte in it
     };
 
-    bool edit(rl_op op);
-    bool move(size_t cursor);
-    bool remove(size_t first, size_t last);
-    bool cut(size_t first, size_t last);
-    bool yank();
-    bool yank_older();
-    bool insert_last_word();
-    bool swap();
-    template <class Case> bool change_case(const Case &change);
+    rl_done go(bool possible, size_t cursor);
+    rl_done change(size_t first, size_t last, std::wstring_view with);
+    rl_done cut(size_t first, size_t last);
+    rl_done change_case(wint_t (*first)(wint_t), wint_t (*others)(wint_t));
     size_t word_left() const;
     size_t word_right() const;
     void go_to(size_t entry);
 
-    void begin_search(bool backward);
-    bool search_key(rl_key key, bool *refused);
-    bool search_again(bool backward);
-    bool extend_pattern(wchar_t c);
-    bool take_back_step();
-    void cancel_search();
+    rl_done begin_search(bool backward);
+    bool search_key(const rl_key &key, rl_done *done);
+    rl_done search_again(bool backward);
+    rl_done extend_pattern(wchar_t c);
+    rl_done take_back_step();
+    rl_done cancel_search();
     void end_search();
     std::string entry_text(size_t entry) const;
     bool find(search_step &step, bool beyond) const;
-    void show(const search_step &step);
+    rl_done show(const search_step &step);
 
     const ve_history *history_ = nullptr;
     rl_buffer buffer_;
-    rl_op last_ = rl_op::none;
-    rl_op before_ = rl_op::none;
+    rl_op last_ = nullptr;
+    rl_op before_ = nullptr;
+    bool cutting_ = false; // the key that is being applied has cut something
+    bool after_cut_ = false;
 
     size_t place_ = 0;  // the entry that the line was, or the size of the history
     rl_buffer outside_; // the line outside the history, while place_ is in it
@@ -84,7 +117,7 @@ private:
     std::vector<std::wstring> cuts_; // newest last
     size_t yanked_ = 0;              // the one that was inserted last
     size_t inserted_at_ = 0;         // where it, or the last word, begins
-    size_t word_entry_ = 0;          // the entry that the last word came from
+    size_t word_entry_ = 0;          // the entry that the word came from
 
     std::vector<search_step> steps_; // empty: no search
     std::wstring pattern_;

@@ -23,7 +23,7 @@ private:
     // rl_edit.cpp
     void edit();
     void pause();
-    void handle(rl_key key);
+    void handle(const rl_key &key);
     void begin_terminal();
     int end_terminal();
     void suspend();

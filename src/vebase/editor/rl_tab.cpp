@@ -123,10 +123,10 @@ bool rl_session::confirm(const std::string &question)
         }
         rl_key key;
         if (keys_.take(&key)) {
-            if (key.op == rl_op::insert && wcschr(L"yY ", key.c) != nullptr)
+            if (key.c != 0 && wcschr(L"yY ", key.c) != nullptr)
                 return true;
-            if ((key.op == rl_op::insert && wcschr(L"nNq", key.c) != nullptr) || key.op == rl_op::rub ||
-                key.op == rl_op::cancel || key.op == rl_op::escape)
+            if (key.op == nullptr ? key.c == 0 || wcschr(L"nNq", key.c) != nullptr
+                                  : key.op == &rl_line::rub || key.op == &rl_line::cancel)
                 return false;
             rl_ring_bell();
             continue;
