@@ -33,8 +33,13 @@ std::string ve_out_unfinished_row();
 /// was; ve_out_row_ended says that the cursor stands at the beginning of a row. Any thread.
 void ve_out_draw(const char *data, size_t size);
 void ve_out_row_ended();
-/// Another program wrote to the terminal: nobody knows whether the cursor stands at the beginning of a row. The next
-/// prompt makes sure that it does. ve_out_take_row_unknown is true once after it. Main thread only.
+/// Text that went to the terminal by another way (standard error): notes what it makes of the row. Any thread.
+void ve_out_noted(const char *data, size_t size);
+/// Bytes that were written or noted so far, but for what was drawn. Any thread.
+size_t ve_out_count();
+/// Another program wrote to the terminal, or what is typed was echoed: nobody knows whether the
+/// cursor stands at the beginning of a row. The next prompt makes sure that it does. ve_out_take_row_unknown is true
+/// once after it. Main thread only.
 void ve_out_row_unknown();
 bool ve_out_take_row_unknown();
 

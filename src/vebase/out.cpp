@@ -69,6 +69,9 @@ public:
     /// Writes `data` whole: text that becomes part of the row, a drawing that leaves the row what it was, or whole
     /// rows.
     void write_now(std::string_view data, row how);
+    /// Text that reached the same terminal by another way.
+    void noted(std::string_view data);
+    size_t count();
     std::string unfinished_row();
     void end_row();
     void give_up() { given_up_ = true; }
@@ -96,6 +99,7 @@ private:
 
     std::mutex lock_;        // never held across a wait point
     std::string unfinished_; // the end of what was written since the last line feed
+    size_t count_ = 0;       // bytes written or noted
     bool own_tried_ = false;
     int own_fd_ = -1; // the terminal, opened once more
 };
@@ -191,6 +195,18 @@ void terminal_output::write_now(std::string_view data, row how)
         note(data);
 }
 
+void terminal_output::noted(std::string_view data)
+{
+    const std::scoped_lock lock(lock_);
+    note(data);
+}
+
+size_t terminal_output::count()
+{
+    const std::scoped_lock lock(lock_);
+    return count_;
+}
+
 std::string terminal_output::unfinished_row()
 {
     const std::scoped_lock lock(lock_);
@@ -247,6 +263,7 @@ bool terminal_output::write_whole(std::string_view data)
 /// The row after `data` was written. With the lock held.
 void terminal_output::note(std::string_view data)
 {
+    count_ += data.size();
     const size_t feed = data.rfind('\n');
     if (feed != std::string_view::npos)
         unfinished_.assign(data.substr(feed + 1));
@@ -334,6 +351,17 @@ std::string ve_out_unfinished_row()
 void ve_out_draw(const char *data, size_t size)
 {
     output.write_now({data, size}, terminal_output::row::drawn);
+}
+
+void ve_out_noted(const char *data, size_t size)
+{
+    if (isatty(STDERR_FILENO) != 0)
+        output.noted({data, size});
+}
+
+size_t ve_out_count()
+{
+    return output.count();
 }
 
 void ve_out_row_unknown()

@@ -86,6 +86,11 @@ def test_a_line_is_edited_and_read(editor):
         ("a\x16\x03b", "a\x03b"),
         ("\x1b[5~\x1b[6~\x1b[2~\x1b[24~\x1bOP\x1b[[Ax", "x"),  # keys that mean nothing here leave nothing
         ("\x1b[200~pasted\x1b[201~", "pasted"),
+        ("cat A.B.C" + Key.CTRL_LEFT + "\x1b\x7f", "cat A.C"),
+        ("set A.B=c" + Key.HOME + "\x1bd\x1bd", ".B=c"),
+        ("cat A.B. C.D=e" + Key.CTRL_W, "cat A.B. "),
+        ("one" + Key.CTRL_U + "two" + Key.CTRL_U + Key.CTRL_Y + "\x1by", "one"),
+        ("one two" + Key.CTRL_W + "x\x1f\x1f", "one two"),
         (b"a\xff\xc3(b", None),  # bytes that are no UTF-8 are kept for whoever judges words
         ("x" * 3000, "x" * 3000),
     ],
@@ -166,6 +171,16 @@ def test_history_keys_walk_and_keep_the_line(editor):
     term.wait_for(lambda term: cursor_line(term) == "> one")
     term.type(Key.DOWN + Key.DOWN + Key.DOWN + Key.DOWN)
     term.wait_for(lambda term: cursor_line(term) == "> half")
+
+
+def test_the_last_words_of_the_history_are_inserted(editor):
+    term = editor()
+    for line in ('ls "my file"', "cd other"):
+        term.run(line)
+    term.type("x \x1b.")
+    term.wait_for(lambda term: cursor_line(term) == "> x other")
+    term.type("\x1b.")
+    term.wait_for(lambda term: cursor_line(term) == '> x "my file"')
 
 
 def test_a_long_line_comes_back_from_the_history_whole(editor):
@@ -409,6 +424,44 @@ def test_a_paste_of_many_lines_runs_them_one_by_one(editor):
     assert term.lines == rows + ["> rest"]
 
 
+def pasted(text):
+    return f"\x1b[200~{text}\x1b[201~"
+
+
+def test_tabs_and_control_keys_of_a_paste_are_text(editor):
+    term = editor(words=["alphabet"])
+    term.type("a" + pasted("al\tx\x03\x1a\x04\x1b[A") + "b" + Key.ENTER)
+    term.wait_for("got " + in_json("aal\tx\x03\x1a\x04\x1b[Ab"))
+
+
+def test_the_lines_of_a_marked_paste_run_one_by_one(editor):
+    term = editor(words=["alphabet"])
+    term.type(pasted("one\rtwo\r\tthree") + "\t")
+    term.wait_for(shows("> one", 'got "one"', "> two", 'got "two"', ">       three"))
+
+
+def test_a_paste_whose_end_never_comes_is_over_after_a_pause(editor):
+    term = editor(words=["alphabet"])
+    term.type("\x1b[200~al")
+    term.wait_for("> al")
+    term.type("\t")
+    term.wait_for("> alphabet")
+
+
+def test_pastes_are_marked_only_while_a_line_is_read(editor):
+    term = editor()
+    term.run("one")
+    modes = [mode.decode() for mode in re.findall(rb"\x1b\[\?2004([hl])", term.raw)]
+    assert modes == ["h", "l", "h"]
+
+
+def test_a_child_finds_a_line_of_the_paste(editor):
+    term = editor()
+    term.type(pasted('child read a; echo "child has $a"\rfor the child\rnext\r'))
+    term.wait_for("child has for the child")
+    term.wait_for('got "next"')
+
+
 def test_type_ahead_is_kept_while_a_command_runs(editor):
     term = editor()
     term.type("sleep 400" + Key.ENTER)
@@ -425,9 +478,10 @@ def test_a_child_finds_what_was_typed_for_it(editor):
     term.wait_for('got "next"')
 
 
-def test_a_long_paste_is_taken(editor):
+@pytest.mark.parametrize("marks", [("", ""), ("\x1b[200~", "\x1b[201~")])
+def test_a_long_paste_is_taken(editor, marks):
     term = editor()
-    term.type("p" * 200000 + Key.ENTER)
+    term.type(marks[0] + "p" * 200000 + marks[1] + Key.ENTER)
     term.wait_for("got 200000 bytes")
 
 
@@ -763,11 +817,47 @@ def test_a_progress_bar_fits_the_terminal(editor):
     term.wait_for("100%")
 
 
-@pytest.mark.parametrize("name", ["dumb", None, "linux", "vt100", "no-such-terminal"])
+@pytest.mark.parametrize("name", ["linux", "vt100", "no-such-terminal"])
 def test_any_kind_of_terminal_will_do(editor, name):
     term = editor(TERM=name)
     term.type("helo" + Key.LEFT + "l" + Key.ENTER)
     term.wait_for('got "hello"')
+
+
+NO_ESCAPES = pytest.mark.parametrize("name", ["dumb", "", None])
+
+
+@NO_ESCAPES
+def test_a_terminal_without_escape_sequences_reads_plain_lines(editor, name):
+    term = editor(words=["alphabet"], DEMO_HINTS="1", DEMO_COLORS="1", TERM=name)
+    term.type("alp" + Key.ENTER)
+    term.wait_for(shows("> alp", 'got "alp"', ">"))
+    term.type("part syntax: cd" + Key.ENTER + "next" + Key.ENTER)
+    term.wait_for('got "next"')
+    term.wait_prompt(PROMPT)
+    term.type(Key.CTRL_D)
+    assert term.wait_exit() == 0
+    assert b"\x1b" not in term.raw
+
+
+@NO_ESCAPES
+def test_ctrl_c_drops_a_plain_line(editor, name):
+    term = editor(TERM=name)
+    term.type("dropped")
+    term.wait_for("> dropped")
+    term.type(Key.CTRL_C)
+    term.wait_for(shows("> dropped^C", ">"))
+    term.type("kept" + Key.ENTER)
+    term.wait_for('got "kept"')
+
+
+@NO_ESCAPES
+def test_the_prompt_of_a_plain_line_stands_behind_what_others_printed(editor, name):
+    term = editor(TERM=name)
+    term.order("event 1")
+    term.wait_for(shows(">", "EVENT 1", ">"))
+    term.order("drop")
+    assert term.wait_exit() == 0
 
 
 @pytest.mark.parametrize("locale", ["C", "POSIX", "de_DE.ISO-8859-1", "C.UTF-8"])

@@ -288,6 +288,73 @@ def test_io_read_takes_one_line_of_the_input_that_the_console_reads(veld, kest_s
     assert program.out.split(BANNER_END, 1)[1] == '_[1] = "hello"\n42\t rest\nprint(io.read()) \nlast\n:\n'
 
 
+@pytest.fixture
+def lua_console(veld, shell):
+    """A terminal in Lua mode; `lua_prompt` is its prompt without the blank behind it."""
+    term = shell(to=veld)
+    term.prompt = re.compile("kest(-lua)?:> ?$")
+    term.run("lua")
+    term.lua_prompt = term.line(term.cursor[0])
+    term.shows_lua = lambda *rows: term.wait_for(lambda term: term.lines[-len(rows) :] == list(rows))
+    return term
+
+
+def test_io_read_takes_one_line_of_what_is_pasted(lua_console):
+    term = lua_console
+    term.type("\x1b[200~x = io.read()\rhello\ry = 'yes'\r\x1b[201~x, y\r")
+    term.wait_for('_[1] = "hello"')
+    term.wait_for('_[2] = "yes"')
+    term.wait_prompt()
+    term.type("\x1b[200~x = io.read()\rlast\x1b[201~")
+    term.type(" word\r")
+    term.wait_prompt()
+    assert term.run("x") == ['_[3] = "last word"']
+
+
+ROWS = [
+    ("io.write('a')", [], "a"),
+    ("io.stderr:write('a')", [], "a"),
+    ("io.write('a') io.stderr:write('b')", [], "ab"),
+    ("io.stderr:write('a') io.write('b')", [], "ab"),
+    ("io.write('a') io.stderr:write('b\\n')", ["ab"], ""),
+    ("io.stderr:write('a') io.write('b\\n')", ["ab"], ""),
+    ("io.write('a') os.execute('printf b')", ["ab"], ""),
+    ("os.execute('printf a') io.write('b')", ["ab"], ""),
+    ("os.execute('printf a') io.stderr:write('b')", ["ab"], ""),
+    ("io.write('a') io.popen('printf b >&2'):close()", ["ab"], ""),
+    ("io.popen('printf a >&2'):close() io.write('b')", ["ab"], ""),
+    ("io.write('a') error('b', 0)", ["ab"], ""),
+]
+
+
+@pytest.mark.parametrize("code,rows,before", ROWS)
+def test_the_prompt_stands_once_behind_what_was_written(lua_console, code, rows, before):
+    shown = lua_console.run(f"do {code} end")
+    assert shown[:1] == rows
+    assert lua_console.line(lua_console.cursor[0]) == before + lua_console.lua_prompt
+    assert lua_console.text.count(lua_console.lua_prompt) == 2
+
+
+def test_what_io_read_echoed_is_neither_repeated_nor_erased(lua_console):
+    term = lua_console
+    term.type("io.write('name? ') x = io.read()\r")
+    term.wait_for(re.compile("name\\?$"))
+    term.type("me\r")
+    term.shows_lua("name? me", term.lua_prompt)
+    term.type("io.write('name? ') x = io.read() io.write('so ')\ryou\r")
+    term.shows_lua("name? so", term.lua_prompt)  # what was typed ahead at a prompt is not echoed
+    assert term.text.count("name?") == 4
+
+
+def test_what_is_typed_ahead_stands_once(lua_console):
+    term = lua_console
+    term.type("io.write('a') io.flush() os.execute('sleep 0.5')\r")
+    term.wait_for(re.compile("^a$", re.M))
+    term.type("b = 7\rb\r")
+    term.shows_lua("_[1] = 7", term.lua_prompt)
+    assert term.text.count(term.lua_prompt + " b = 7") == 1
+
+
 def test_os_execute_shares_the_terminal(veld, shell):
     term = shell(to=veld)
     term.run("lua")
@@ -317,6 +384,40 @@ def test_tab_completes_and_loads_modules_once(veld, shell, tmp_path):
     term.type("oth\t")
     term.wait_for(lambda t: t.line(t.cursor[0]).endswith("> mymod.other"))
     assert "\n".join(term.all_lines).count("Loaded module") == 1
+
+
+@pytest.mark.parametrize("code", ["io.read()", "os.execute('sleep 30')", "io.popen('sleep 30'):read()", "error('x')"])
+def test_tab_on_code_that_would_wait_ends_at_once(lua_console, code):
+    term = lua_console
+    term.run("t = setmetatable({}, {__index = function() " + code + " end})")
+    term.type("t.x.y\t")
+    term.quiet(0.1).type("z\x7f\x7f\x7f\x7f\x7fz = 5\r")
+    term.wait_prompt(term.lua_prompt + " ", timeout=5 * settings.PATIENCE)
+    assert term.run("tz") == ["_[1] = 5"]
+
+
+def test_what_code_prints_while_tab_runs_stays(lua_console):
+    term = lua_console
+    term.run("t = setmetatable({}, {__index = function() print('asked') return {field = 1} end})")
+    term.type("t.x.fi\t")
+    term.wait_for("asked")
+    term.shows_lua(term.lua_prompt + " t.x.field")
+
+
+def test_tab_on_code_that_exits_leaves_the_terminal_as_it_was(veld, terminal, sandbox):
+    term = terminal(
+        "-c", f"stty -a >before; {settings.KEST} -u {veld.address}; echo status $?; stty -a >after", program="/bin/sh"
+    )
+    term.prompt = re.compile("kest(-lua)?:> ?$")
+    term.wait_prompt()
+    term.run("lua")
+    term.run("t = setmetatable({}, {__index = function() os.exit(7) end})")
+    term.type("t.x.y\t")
+    term.wait_for("status 7")
+    assert term.line(term.find("status 7")[0]) == "status 7"
+    term.wait_exit()
+    assert (sandbox.work / "before").read_text() == (sandbox.work / "after").read_text()
+    assert term.raw.rindex(b"\x1b[?2004l") > term.raw.rindex(b"\x1b[?2004h")
 
 
 # --- Ctrl-C ---

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 #include <utility>
 
 #include "platform/ve_out.h"
@@ -10,6 +11,7 @@
 #include "vebase/editor/rl_control.h"
 #include "vebase/editor/rl_edit.h"
 #include "vebase/editor/rl_plain.h"
+#include "vebase/editor/rl_text.h"
 
 rl_settings rl_set;
 
@@ -18,35 +20,71 @@ namespace
 
 bool ended = false; // the last read ended with the input
 
-/// Writes out what was printed so far. A Ctrl-C that comes meanwhile was meant for what printed it, and must not end a
-/// program that is about to read it as a key.
-void flush_printed()
+/// SIGINT, where it would end the program, calls `handler` instead.
+class sigint_instead
 {
-    struct sigaction before = {};
-    sigaction(SIGINT, nullptr, &before);
-    const bool shield = (before.sa_flags & SA_SIGINFO) == 0 && before.sa_handler == SIG_DFL && rl_edit_possible();
-    if (shield)
-        signal(SIGINT, [](int) {});
-    ve_out_flush();
-    if (shield) {
-        ve_wait_discard_sigint();
-        sigaction(SIGINT, &before, nullptr);
+public:
+    sigint_instead(bool wanted, void (*handler)(int))
+    {
+        sigaction(SIGINT, nullptr, &before_);
+        active_ = wanted && (before_.sa_flags & SA_SIGINFO) == 0 && before_.sa_handler == SIG_DFL;
+        if (active_)
+            signal(SIGINT, handler);
     }
+    ~sigint_instead()
+    {
+        if (!active_)
+            return;
+        ve_wait_discard_sigint();
+        sigaction(SIGINT, &before_, nullptr);
+    }
+    sigint_instead(const sigint_instead &) = delete;
+    sigint_instead &operator=(const sigint_instead &) = delete;
+    explicit operator bool() const { return active_; }
+
+private:
+    struct sigaction before_ = {};
+    bool active_;
+};
+
+/// Reads from a terminal that echoes and cuts lines itself.
+rl_outcome read_dumb_line(const char *prompt, int64_t deadline, std::string &line)
+{
+    const std::string shown = rl_visible(prompt != nullptr ? prompt : "");
+    ve_out_take_row_unknown();
+    if (ve_out_mid_line())
+        ve_out_direct(shown.data(), shown.size());
+    const sigint_instead drop(true, [](int) { ve_wait_note_interrupt(); });
+    const rl_outcome outcome = rl_plain_line(shown.c_str(), deadline, line);
+    if (outcome == rl_outcome::line)
+        ve_out_row_ended();
+    else
+        ve_out_direct("\n", 1);
+    if (!drop || !ve_wait_interrupted())
+        return outcome;
+    ve_wait_clear_interrupt();
+    return rl_outcome::none;
 }
 
 } // namespace
 
 char *ve_rl(const char *prompt, int timeout_ms)
 {
-    flush_printed();
+    const bool on_terminal = isatty(STDIN_FILENO) != 0 && ve_out_is_terminal();
+    {
+        // A Ctrl-C that comes meanwhile was meant for what printed this, and must not end a program that is about to
+        // read it as a key.
+        const sigint_instead shield(on_terminal, [](int) {});
+        ve_out_flush();
+    }
     ended = false;
     const int64_t deadline = ve_wait_deadline(timeout_ms);
     std::string line;
     while (!ve_wait_interrupted()) {
         int signal = 0;
-        const bool edits = rl_edit_possible();
-        const rl_outcome outcome =
-            edits ? rl_edit_line(prompt, deadline, line, &signal) : rl_plain_line(deadline, line);
+        const rl_outcome outcome = !on_terminal         ? rl_plain_line(nullptr, deadline, line)
+                                   : rl_edit_possible() ? rl_edit_line(prompt, deadline, line, &signal)
+                                                        : read_dumb_line(prompt, deadline, line);
         if (outcome == rl_outcome::interrupt)
             signal = SIGINT;
         if (signal != 0)

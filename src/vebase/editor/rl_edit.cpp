@@ -1,5 +1,9 @@
 #include "vebase/editor/rl_edit.h"
 
+#include <algorithm>
+#include <cstdlib>
+#include <string_view>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "platform/ve_out.h"
@@ -13,17 +17,36 @@ constexpr int hint_pause_ms = 40;    // without a key for so long, a hint is loo
 constexpr int escape_pause_ms = 100; // an ESC alone that ends a search
 constexpr int paste_pause_ms = 1000; // a paste that stands still for so long has lost its end
 
+rl_session session;
+
 } // namespace
 
 bool rl_edit_possible()
 {
-    return isatty(STDIN_FILENO) != 0 && ve_out_is_terminal();
+    const char *term = getenv("TERM");
+    const std::string_view name = term != nullptr ? term : "";
+    return !name.empty() && name != "dumb" && name != "emacs";
 }
 
 rl_outcome rl_edit_line(const char *prompt, int64_t deadline, std::string &line, int *signal)
 {
-    static rl_session session;
     return session.read_line(prompt, deadline, line, signal);
+}
+
+size_t rl_edit_take_paste_end(char *data, size_t size)
+{
+    return session.take_paste_end(data, size);
+}
+
+size_t rl_session::take_paste_end(char *data, size_t size)
+{
+    constexpr std::string_view mark = rl_key_decoder::paste_end;
+    const size_t at = keys_.pasting() ? std::string_view{data, size}.find(mark) : std::string_view::npos;
+    if (at == std::string_view::npos)
+        return size;
+    keys_.end_paste();
+    std::copy(data + at + mark.size(), data + size, data + at);
+    return size - mark.size();
 }
 
 void rl_session::begin_terminal()
@@ -153,6 +176,9 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
     signal_ = 0;
     // Others may have read the terminal since the last read, or Ctrl-C emptied it.
     forget_input();
+    // Lines that were typed ahead were echoed behind what was printed.
+    if (ve_out_mid_line() && ioctl(STDIN_FILENO, FIONREAD, &pending_) == 0 && pending_ > 0)
+        ve_out_row_unknown();
     begin_terminal();
     for (;;) {
         outcome_ = rl_outcome::none;

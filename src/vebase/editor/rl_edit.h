@@ -33,10 +33,14 @@ struct rl_settings {
 };
 extern rl_settings rl_set;
 
-/// True when descriptors 0 and 1 are terminals on which the editor works.
+/// True when the terminal, which descriptors 0 and 1 are, can be edited on: when it understands escape sequences.
 bool rl_edit_possible();
 
 /// Reads one line into `line`, with the terminal prepared and brought back around it. `deadline` is one of
 /// ve_wait_deadline. `signal` receives the signal of rl_outcome::signal, or one that came at the very end, else 0.
 /// Ctrl-C with the default disposition of SIGINT begins the line anew.
 rl_outcome rl_edit_line(const char *prompt, int64_t deadline, std::string &line, int *signal);
+
+/// Takes the end of a paste, of which the editor read a part, out of what somebody else has read. Returns how many
+/// bytes are left of `data`.
+size_t rl_edit_take_paste_end(char *data, size_t size);

@@ -11,7 +11,6 @@ namespace
 
 constexpr size_t sequence_max = 32;
 constexpr std::string_view paste_begin = "\033[200~";
-constexpr std::string_view paste_end = "\033[201~";
 constexpr wchar_t bad_byte_base = 0xdc00; // as rl_widen has it
 
 struct binding {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "vebase/editor/rl_text.h"
@@ -21,6 +22,8 @@ struct rl_key {
 class rl_key_decoder
 {
 public:
+    static constexpr std::string_view paste_end = "\033[201~";
+
     void feed(unsigned char byte);
     /// Takes the next key, if there is one.
     bool take(rl_key *key);

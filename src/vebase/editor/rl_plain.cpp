@@ -4,10 +4,12 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 #include "vebase/editor/rl_control.h"
 
@@ -62,6 +64,26 @@ ssize_t peek_at_pipe(char *data, size_t size)
     return static_cast<ssize_t>(line_part(data, static_cast<size_t>(count)));
 }
 
+/// What is typed ahead of a command can be several lines, which the terminal gives at once.
+ssize_t read_terminal(char *data, size_t size)
+{
+    size_t count = 0;
+    int more = 1;
+    while (count < size && more > 0 && (count == 0 || data[count - 1] != '\n')) {
+        const ssize_t got = read(STDIN_FILENO, data + count, 1);
+        if (got <= 0)
+            return count > 0 ? static_cast<ssize_t>(count) : got;
+        ++count;
+        if (ioctl(STDIN_FILENO, FIONREAD, &more) < 0)
+            break;
+    }
+    const size_t left = rl_edit_take_paste_end(data, count);
+    if (left > 0)
+        return static_cast<ssize_t>(left);
+    errno = EAGAIN;
+    return -1;
+}
+
 /// Reads what is there of the line, at most up to its end and `size` bytes. As read() returns.
 ssize_t read_part(char *data, size_t size)
 {
@@ -85,8 +107,7 @@ ssize_t read_part(char *data, size_t size)
         return count <= 0 ? count : read(STDIN_FILENO, data, line_part(data, static_cast<size_t>(count)));
     }
     case source::terminal:
-        // A terminal gives one line at a time.
-        return read(STDIN_FILENO, data, size);
+        return read_terminal(data, size);
     case source::other:
         break;
     }
@@ -118,7 +139,7 @@ bool take_line(std::string &line, size_t searched)
 
 } // namespace
 
-rl_outcome rl_plain_line(int64_t deadline, std::string &line)
+rl_outcome rl_plain_line(const char *prompt, int64_t deadline, std::string &line)
 {
     shares = true;
     if (take_line(line, 0))
@@ -127,6 +148,9 @@ rl_outcome rl_plain_line(int64_t deadline, std::string &line)
     for (;;) {
         if (rl_control_take_stop())
             return rl_outcome::stop;
+        // What another thread printed stands on rows of its own.
+        if (prompt != nullptr && !rl_control_hidden() && ve_out_unfinished_row().empty())
+            ve_out_direct(prompt, strlen(prompt));
         pollfd fds[] = {{STDIN_FILENO, POLLIN, 0}, {rl_control_fd(), POLLIN, 0}};
         const int ready = ve_wait_poll(fds, 2, deadline);
         if (ready == 0)
@@ -158,5 +182,17 @@ rl_outcome rl_plain_line(int64_t deadline, std::string &line)
 
 ssize_t rl_plain_read(char *data, size_t size)
 {
-    return shares ? read_part(data, size) : read(STDIN_FILENO, data, size);
+    for (;;) {
+        pollfd in{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
+        if (ve_wait_poll(&in, 1, -1) < 0) {
+            errno = EINTR;
+            return -1;
+        }
+        const bool on_terminal = source_of(STDIN_FILENO) == source::terminal;
+        const ssize_t count = shares || on_terminal ? read_part(data, size) : read(STDIN_FILENO, data, size);
+        if (on_terminal)
+            ve_out_row_unknown(); // the terminal echoes what is typed, but not what was typed at a prompt
+        if (count >= 0 || errno != EAGAIN)
+            return count;
+    }
 }

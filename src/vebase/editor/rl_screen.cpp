@@ -68,19 +68,27 @@ void rl_screen::resized()
 void rl_screen::begin(std::string_view prompt, const std::string &prompt_color, const std::string &hint_color)
 {
     resized();
-    const std::string unfinished = ve_out_mid_line() ? ve_out_unfinished_row() : std::string{};
-    if (unfinished.size() >= before_max) {
-        write_screen("\r\n");
-        ve_out_row_ended();
-    }
-    before_ = unfinished.size() < before_max ? plain_row(unfinished) : std::wstring{};
     prompt_ = rl_widen(rl_visible(prompt));
     prompt_color_ = prompt_color;
     hint_color_ = hint_color;
+    go_behind_output();
+}
+
+void rl_screen::go_behind_output()
+{
     forget();
-    // As many blanks as the row is wide end on the next row unless they began at the beginning of one.
-    if (ve_out_take_row_unknown())
+    std::string unfinished = ve_out_mid_line() ? ve_out_unfinished_row() : std::string{};
+    if (ve_out_take_row_unknown()) {
+        // As many blanks as the row is wide end on the next row unless they began at the beginning of one.
         write_screen(std::string(static_cast<size_t>(size_.columns), ' ') + "\r\033[K");
+        ve_out_row_ended();
+        unfinished.clear();
+    } else if (unfinished.size() >= before_max) {
+        write_screen("\r\n");
+        ve_out_row_ended();
+        unfinished.clear();
+    }
+    before_ = plain_row(unfinished);
     if (!before_.empty()) {
         // The cursor stands behind that row, on its last cell when it fills the screen's width.
         const rl_layout there = rl_lay_out({{before_, {}}}, 0, before_.size(), size_.columns);

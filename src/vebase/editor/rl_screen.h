@@ -29,6 +29,8 @@ public:
 
     /// Begins a read: the prompt goes behind what the output's last row already holds.
     void begin(std::string_view prompt, const std::string &prompt_color, const std::string &hint_color);
+    /// The same when something was printed since.
+    void go_behind_output();
     /// Shows `what`. False, and nothing is drawn, while another thread wants the screen.
     bool draw(const content &what);
     /// Takes the line off the screen, if it is there.

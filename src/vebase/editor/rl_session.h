@@ -16,6 +16,7 @@ class rl_session final : ve_wait_companion
 {
 public:
     rl_outcome read_line(const char *prompt, int64_t deadline, std::string &line, int *signal);
+    size_t take_paste_end(char *data, size_t size);
 
 private:
     enum class callback { none, complete, hint };

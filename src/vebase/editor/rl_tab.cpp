@@ -54,6 +54,7 @@ template <class Call> bool rl_session::run_callback(callback kind, const Call &c
     rl_set.completion_verbatim = false;
     modes_.let_interrupt(true);
     read_ahead();
+    const size_t printed = ve_out_count();
     if (!abandoned_ && outcome_ == rl_outcome::none) {
         ve_wait_set_companion(this);
         call();
@@ -64,6 +65,11 @@ template <class Call> bool rl_session::run_callback(callback kind, const Call &c
     modes_.let_interrupt(false);
     running_ = callback::none;
     ve_wait_clear_interrupt();
+    ve_out_flush();
+    if (ve_out_count() != printed) {
+        ve_out_row_unknown();
+        screen_.go_behind_output();
+    }
     return !abandoned_ && outcome_ == rl_outcome::none;
 }
 

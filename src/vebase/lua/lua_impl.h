@@ -50,6 +50,8 @@ void ve_lua_open_io(lua_State *L);
 void ve_lua_open_popen(lua_State *L);
 void ve_lua_open_dm(lua_State *L);
 
+/// Raises an error while the time that code may run is limited: a child does not end with it.
+void ve_lua_refuse_children(lua_State *L);
 /// Before somebody else uses the terminal: shows what was printed.
 void ve_lua_show_output(ve_lua_state *context);
 /// Calls the function that is the first upvalue with the same arguments. Returns the number of its results.

@@ -41,21 +41,15 @@ ssize_t stream_write_error(void *, const char *data, size_t size)
     return static_cast<ssize_t>(size);
 }
 
+/// Takes one line at most: those that follow are the console's.
 ssize_t stream_read(void *cookie, char *data, size_t size)
 {
+    // Code that has no time to lose is not to take keys away from the line that is being typed.
+    if (ve_lua_time_left(-1) >= 0)
+        return 0;
     ve_lua_show_output(static_cast<ve_lua_state *>(cookie));
     const ve_lua_sigint_blocked blocked;
-    for (;;) {
-        pollfd in{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
-        if (ve_wait_poll(&in, 1, -1) < 0) {
-            errno = EINTR;
-            return -1;
-        }
-        // The lines that follow are the console's.
-        const ssize_t count = rl_plain_read(data, size);
-        if (count >= 0 || errno != EAGAIN)
-            return count;
-    }
+    return rl_plain_read(data, size);
 }
 
 /// Only where descriptor 0 is a file.
@@ -132,6 +126,7 @@ int lua_execute(lua_State *L)
         lua_pushboolean(L, 1);
         return 1;
     }
+    ve_lua_refuse_children(L);
     ve_lua_show_output(ve_lua_of(L));
     const int status = run_command(command);
     if (WIFSIGNALED(status) && WTERMSIG(status) == SIGINT)
@@ -150,6 +145,12 @@ int lua_flush(lua_State *L)
 }
 
 } // namespace
+
+void ve_lua_refuse_children(lua_State *L)
+{
+    if (ve_lua_time_left(-1) >= 0)
+        luaL_error(L, "no time to wait for a child");
+}
 
 void ve_lua_show_output(ve_lua_state *context)
 {
@@ -259,6 +260,7 @@ void ve_lua_write_error(const char *data, size_t size)
         if (count < 0 && errno != EINTR && errno != EAGAIN)
             return;
         if (count > 0) {
+            ve_out_noted(data, static_cast<size_t>(count));
             data += count;
             size -= static_cast<size_t>(count);
         }

@@ -64,8 +64,6 @@ int pipe_close(void *cookie)
         ve_child_leave(pipe->child);
     else
         context->child_status = ve_child_wait(pipe->child);
-    if (!pipe->reads)
-        ve_out_row_unknown();
     delete pipe;
     return 0;
 }
@@ -86,11 +84,13 @@ int lua_popen(lua_State *L)
     const char *mode = luaL_optstring(L, 2, "r");
     const bool reads = strcmp(mode, "r") == 0;
     luaL_argcheck(L, reads || strcmp(mode, "w") == 0, 2, "invalid mode");
+    ve_lua_refuse_children(L);
     auto *stream = static_cast<luaL_Stream *>(lua_newuserdata(L, sizeof(luaL_Stream)));
     *stream = {}; // closed
     luaL_setmetatable(L, LUA_FILEHANDLE);
     ve_lua_show_output(ve_lua_of(L));
     fflush(nullptr);
+    ve_out_row_unknown(); // from now on
     auto *pipe = new (std::nothrow) child_pipe{ve_lua_of(L), -1, -1, reads};
     if (pipe == nullptr)
         return luaL_error(L, "not enough memory");
