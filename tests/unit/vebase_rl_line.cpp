@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 namespace
 {
 
@@ -141,6 +143,7 @@ TEST_F(rl_lines, what_was_cut_before_takes_the_place_of_what_was_inserted)
     EXPECT_EQ(after("a\031b\002"), "athird|b");
     EXPECT_EQ(after("\033y"), "athird|b");
     EXPECT_EQ(done, rl_done::refused);
+    EXPECT_EQ(after("\033y"), "athird|b");
     EXPECT_EQ(after("\031\033y"), "athirdsecond|b");
     EXPECT_EQ(after("\033y"), "athirdfirst|b");
     EXPECT_EQ(after("\033y"), "athirdthird|b");
@@ -246,6 +249,13 @@ TEST_F(rl_lines, a_search_goes_back_step_by_step_and_is_given_up)
     EXPECT_EQ(after("\033[A"), "beta|");
 }
 
+TEST_F(rl_lines, a_search_comes_back_to_an_entry_that_was_changed)
+{
+    remember({"old", "new"});
+    after("\033[Awith much more behind it\022ol");
+    EXPECT_EQ(after("\x7f\x7f"), "new|");
+}
+
 TEST_F(rl_lines, an_empty_search_looks_for_the_last_pattern)
 {
     remember({"one match", "another", "two match"});
@@ -279,6 +289,23 @@ TEST_F(rl_lines, a_kept_line_goes_on)
     typed("half");
     line.begin(history, true);
     EXPECT_EQ(after("x"), "halfx|");
+}
+
+TEST_F(rl_lines, random_keys_leave_a_line)
+{
+    const std::string_view keys[] = {
+        "a",      "b ",   ".",    "=",     "漢",    "e\xcc\x81", "\xff",     "\xe6\xbc", "\r",    "\033[A",
+        "\033[B", "\002", "\006", "\033b", "\033f", "\001",      "\x7f",     "\004",     "\033d", "\033\x7f",
+        "\013",   "\025", "\027", "\031",  "\033y", "\033.",     "\033u",    "\037",     "\024",  "\022",
+        "\023",   "\007", "\026", "\033",  "\t",    "\033[200~", "\033[201~"};
+    std::mt19937 random{1};
+    remember({"one two", "set A.B=\"x y\"", "漢字 é", "it's", "\xff\xfe"});
+    for (int i = 0; i < 100000; ++i) {
+        after(keys[random() % std::size(keys)]);
+        ASSERT_LE(line.cursor(), line.text().size());
+        if (done == rl_done::enter || line.text().size() > 200)
+            begin();
+    }
 }
 
 TEST_F(rl_lines, a_million_characters_are_taken_at_once)

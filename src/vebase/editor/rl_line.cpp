@@ -1,5 +1,6 @@
 #include "vebase/editor/rl_line.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cwchar>
 #include <utility>
@@ -43,6 +44,7 @@ void rl_line::pass(rl_op op)
 {
     before_ = std::exchange(last_, op);
     after_cut_ = std::exchange(cutting_, false);
+    after_insert_ = std::exchange(inserting_, nullptr);
 }
 
 rl_done rl_line::apply(const rl_key &key)
@@ -102,6 +104,7 @@ rl_done rl_line::yank()
 {
     if (cuts_.empty())
         return rl_done::refused;
+    inserting_ = &rl_line::yank;
     yanked_ = cuts_.size() - 1;
     inserted_at_ = cursor();
     return change(cursor(), cursor(), cuts_.back());
@@ -109,20 +112,24 @@ rl_done rl_line::yank()
 
 rl_done rl_line::yank_older()
 {
-    if (before_ != &rl_line::yank && before_ != &rl_line::yank_older)
+    if (after_insert_ != &rl_line::yank)
         return rl_done::refused;
+    inserting_ = &rl_line::yank;
     yanked_ = (yanked_ > 0 ? yanked_ : cuts_.size()) - 1;
     return change(inserted_at_, cursor(), cuts_[yanked_]);
 }
 
 rl_done rl_line::last_word()
 {
-    for (size_t entry = repeated() ? word_entry_ : place_; entry > 0;) {
+    const bool again = after_insert_ == &rl_line::last_word;
+    inserting_ = again ? after_insert_ : nullptr;
+    for (size_t entry = again ? word_entry_ : place_; entry > 0;) {
         const std::string_view word = rl_last_word(history_->entry(--entry));
         if (word.empty())
             continue;
-        if (!repeated())
+        if (!again)
             inserted_at_ = cursor();
+        inserting_ = &rl_line::last_word;
         word_entry_ = entry;
         return change(inserted_at_, cursor(), rl_widen(word));
     }
@@ -336,6 +343,8 @@ rl_done rl_line::show(const search_step &step)
         return rl_done::refused;
     if (step.entry != place_)
         go_to(step.entry);
-    buffer_.place(rl_widen(entry_text(step.entry).substr(0, step.at)).size());
+    const std::string found = entry_text(step.entry);
+    // What was changed in an entry is lost when the search leaves it; it may be shorter then.
+    buffer_.place(std::min(rl_widen(std::string_view{found}.substr(0, step.at)).size(), text().size()));
     return rl_done::yes;
 }

@@ -110,6 +110,8 @@ private:
     rl_op before_ = nullptr;
     bool cutting_ = false; // the key that is being applied has cut something
     bool after_cut_ = false;
+    rl_op inserting_ = nullptr;    // it has inserted what the same key, or Alt-Y, replaces
+    rl_op after_insert_ = nullptr; // the key before did
 
     size_t place_ = 0;  // the entry that the line was, or the size of the history
     rl_buffer outside_; // the line outside the history, while place_ is in it
