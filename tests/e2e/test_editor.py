@@ -464,7 +464,7 @@ def test_a_child_finds_a_line_of_the_paste(editor):
 
 def test_type_ahead_is_kept_while_a_command_runs(editor):
     term = editor()
-    term.type("sleep 400" + Key.ENTER)
+    term.type("sleep 2000" + Key.ENTER)
     term.wait_for(lambda term: term.echoes)
     term.type("ahead" + Key.ENTER + "half")
     term.wait_for('got "ahead"')

@@ -105,17 +105,16 @@ bool rl_session::take_byte()
 
 void rl_session::handle_byte(unsigned char byte)
 {
-    if (keys_.wants_text()) {
-        keys_.feed(byte);
-    } else if (modes_.is_control_key(byte, VINTR)) {
+    const bool text = keys_.wants_text();
+    if (!text && modes_.is_control_key(byte, VINTR)) {
         keys_.reset();
         outcome_ = rl_outcome::interrupt;
-    } else if (modes_.is_control_key(byte, VQUIT)) {
+    } else if (!text && modes_.is_control_key(byte, VQUIT)) {
         if (!signals_.is_default(SIGQUIT))
             return;
         signal_ = SIGQUIT;
         outcome_ = rl_outcome::signal;
-    } else if (modes_.is_control_key(byte, VSUSP)) {
+    } else if (!text && modes_.is_control_key(byte, VSUSP)) {
         suspend();
     } else {
         keys_.feed(byte);
