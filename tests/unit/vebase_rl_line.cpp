@@ -1,5 +1,6 @@
 // Each test shows the keys, as the bytes that a terminal sends, and the line that they leave, with "|" for the cursor.
 #include "vebase/editor/rl_line.h"
+#include "vebase/editor/rl_text.h"
 
 #include <gtest/gtest.h>
 
@@ -35,9 +36,9 @@ protected:
             while (decoder.take(&key))
                 done = line.apply(key);
         }
-        std::wstring shown = line.text();
-        shown.insert(line.cursor(), L"|");
-        return rl_narrow(shown);
+        std::string shown = line.text();
+        shown.insert(line.cursor(), "|");
+        return shown;
     }
 
     /// The same for a new line.
@@ -47,7 +48,7 @@ protected:
         return after(keys);
     }
 
-    std::string search() const { return line.searching() ? rl_narrow(line.search_message()) : ""; }
+    std::string search() const { return line.searching() ? line.search_message() : ""; }
 
     ve_history history;
     rl_line line;
@@ -64,6 +65,14 @@ TEST_F(rl_lines, characters_are_inserted_at_the_cursor)
     EXPECT_EQ(typed("ac\033[Db"), "ab|c");
     EXPECT_EQ(typed("漢é🙂\002\002x"), "漢x|é🙂");
     EXPECT_EQ(typed("a\xff\xc3(b"), "a\xff\xc3(b|");
+}
+
+TEST_F(rl_lines, characters_of_several_bytes_stay_whole)
+{
+    EXPECT_EQ(typed("漢é🙂\033[D\033[D\033[D\033[C"), "漢|é🙂");
+    EXPECT_EQ(after("\033[3~\033[C\x7f"), "漢|");
+    EXPECT_EQ(typed("e\xcc\x81漢\024"), "e漢\xcc\x81|");
+    EXPECT_EQ(typed("\xe6\xbc\002\002x"), "x|\xe6\xbc");
 }
 
 TEST_F(rl_lines, the_cursor_moves_and_stops_at_the_ends)
@@ -280,7 +289,7 @@ TEST_F(rl_lines, what_ends_a_search_acts_on_what_it_found)
     EXPECT_EQ(typed("\022lph\033\033[3~"), "a|pha");
     typed("\022lph\r");
     EXPECT_EQ(done, rl_done::enter);
-    EXPECT_EQ(rl_narrow(line.text()), "alpha");
+    EXPECT_EQ(line.text(), "alpha");
     EXPECT_EQ(typed("\022lph\033[B"), "beta|");
 }
 

@@ -1,6 +1,6 @@
 #include "vebase/editor/rl_buffer.h"
 
-void rl_buffer::assign(std::wstring text)
+void rl_buffer::assign(std::string text)
 {
     text_ = std::move(text);
     cursor_ = text_.size();
@@ -14,7 +14,7 @@ void rl_buffer::place(size_t cursor)
     typing_ = false;
 }
 
-void rl_buffer::replace(size_t first, size_t last, std::wstring_view with)
+void rl_buffer::replace(size_t first, size_t last, std::string_view with)
 {
     changes_.push_back({first, with.size(), text_.substr(first, last - first), cursor_});
     text_.replace(first, last - first, with);
@@ -22,14 +22,15 @@ void rl_buffer::replace(size_t first, size_t last, std::wstring_view with)
     typing_ = false;
 }
 
-void rl_buffer::type(wchar_t c, bool pasted)
+void rl_buffer::type(std::string_view character, bool pasted)
 {
-    const bool begins_word = !pasted && cursor_ > 0 && text_[cursor_ - 1] == L' ' && c != L' ';
+    const bool begins_word = !pasted && cursor_ > 0 && text_[cursor_ - 1] == ' ' && character != " ";
     if (typing_ && !begins_word) {
-        text_.insert(cursor_++, 1, c);
-        ++changes_.back().inserted;
+        text_.insert(cursor_, character);
+        cursor_ += character.size();
+        changes_.back().inserted += character.size();
     } else {
-        replace(cursor_, cursor_, {&c, 1});
+        replace(cursor_, cursor_, character);
         typing_ = true;
     }
 }

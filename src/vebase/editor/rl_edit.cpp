@@ -80,14 +80,14 @@ void rl_session::suspend()
 }
 
 /// Shows the line, with a question below it if there is one.
-void rl_session::draw(std::wstring_view message)
+void rl_session::draw(std::string_view message)
 {
-    const std::wstring search = line_.searching() ? line_.search_message() : std::wstring{};
+    const std::string search = line_.searching() ? line_.search_message() : std::string{};
     const bool hints = message.empty() && search.empty() && line_.at_end();
     screen_.draw({.text = line_.text(),
                   .cursor = line_.cursor(),
-                  .hint = hints ? std::wstring_view{hint_} : std::wstring_view{},
-                  .message = message.empty() ? std::wstring_view{search} : message,
+                  .hint = hints ? std::string_view{hint_} : std::string_view{},
+                  .message = message.empty() ? std::string_view{search} : message,
                   .asks = !message.empty()});
 }
 
@@ -190,18 +190,18 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
         edit();
         if (outcome_ != rl_outcome::interrupt || !signals_.is_default(SIGINT))
             break;
-        screen_.finish(line_.text(), L"^C", true);
+        screen_.finish(line_.text(), "^C", true);
     }
     switch (outcome_) {
     case rl_outcome::line:
-        line = rl_narrow(line_.text());
+        line = line_.text();
         [[fallthrough]];
     case rl_outcome::end:
     case rl_outcome::signal:
         screen_.finish(line_.text(), {}, true);
         break;
     case rl_outcome::interrupt:
-        screen_.finish(line_.text(), L"^C", false);
+        screen_.finish(line_.text(), "^C", false);
         break;
     case rl_outcome::timeout:
         keep_text_ = true;

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/utf8.h"
 #include "vebase/editor/rl_line.h"
 
 namespace
@@ -11,7 +12,6 @@ namespace
 
 constexpr size_t sequence_max = 32;
 constexpr std::string_view paste_begin = "\033[200~";
-constexpr wchar_t bad_byte_base = 0xdc00; // as rl_widen has it
 
 struct binding {
     rl_op op;
@@ -74,17 +74,18 @@ bool begins_literal(unsigned char byte)
 
 void rl_key_decoder::put_text(unsigned char byte)
 {
-    std::wstring decoded;
-    text_.feed(byte, decoded);
-    for (const wchar_t c : decoded) {
-        if (c >= 0x80 && c < 0xa0) {
-            // A control character of eight bits is shown as its bytes, which no terminal takes for it.
-            put(bad_byte_base + 0xc2);
-            put(bad_byte_base + c);
-        } else if (c != 0) {
-            put(c);
-        }
-    }
+    text_.push_back(static_cast<char>(byte));
+    while (!text_.empty() && !utf8_first(text_).unfinished)
+        put_character();
+}
+
+/// A line cannot hold a NUL.
+void rl_key_decoder::put_character()
+{
+    const size_t size = utf8_first(text_).size;
+    if (text_[0] != '\0')
+        ready_.push_back({.text = text_.substr(0, size), .pasted = pasting()});
+    text_.erase(0, size);
 }
 
 void rl_key_decoder::put_pasted(unsigned char byte)
@@ -122,12 +123,12 @@ void rl_key_decoder::feed(unsigned char byte)
         break;
     case state::literal:
         put_text(byte);
-        if (!text_.pending())
+        if (text_.empty())
             state_ = state::ground;
         break;
     case state::escape:
         if (byte == 0x1b) {
-            put(0);
+            ready_.emplace_back();
         } else if (byte == '[' || byte == 'O') {
             sequence_.push_back(static_cast<char>(byte));
             state_ = byte == '[' ? state::csi : state::ss3;
@@ -202,15 +203,13 @@ void rl_key_decoder::end_paste()
 void rl_key_decoder::release_escape()
 {
     state_ = state::ground;
-    put(0);
+    ready_.emplace_back();
 }
 
 void rl_key_decoder::reset()
 {
     if (!pasting())
         state_ = state::ground;
-    std::wstring incomplete;
-    text_.flush(incomplete);
-    for (const wchar_t c : incomplete)
-        put(c);
+    while (!text_.empty())
+        put_character();
 }

@@ -5,8 +5,6 @@
 #include <string_view>
 #include <vector>
 
-#include "vebase/editor/rl_text.h"
-
 class rl_line;
 enum class rl_done;
 /// What a key does to the line.
@@ -15,8 +13,8 @@ using rl_op = rl_done (rl_line::*)();
 /// What a key is: a character of text, or an operation.
 struct rl_key {
     rl_op op = nullptr;
-    wchar_t c = 0;       ///< without an operation; 0 is a key that means nothing
-    bool pasted = false; ///< the character
+    std::string text = {}; ///< without an operation: the character; empty for a key that means nothing
+    bool pasted = false;   ///< the character
 };
 
 class rl_key_decoder
@@ -43,8 +41,8 @@ public:
 private:
     enum class state { ground, literal, escape, csi, csi_bracket, ss3, paste };
 
-    void put(wchar_t c) { ready_.push_back({.c = c, .pasted = pasting()}); }
     void put_text(unsigned char byte);
+    void put_character();
     void put_pasted(unsigned char byte);
     void put_sequence();
     void release_matched();
@@ -52,7 +50,7 @@ private:
     state state_ = state::ground;
     std::string sequence_;   // from the ESC on
     size_t end_matched_ = 0; // bytes of a paste's end that have come
-    rl_utf8_decoder text_;
+    std::string text_;       // an incomplete character
     std::vector<rl_key> ready_;
     size_t taken_ = 0;
 };

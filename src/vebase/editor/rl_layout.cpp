@@ -23,30 +23,30 @@ public:
     }
 
     /// `marked`: zero-width characters follow.
-    void put(wchar_t c, bool marked)
+    void put(const utf8_step &character, bool marked)
     {
-        if (c == L'\n' || c == L'\t')
+        if (character.code == '\n' || character.code == '\t')
             takes_marks_ = false;
-        if (c == L'\n') {
+        if (character.code == '\n') {
             settle_cursor();
             new_row(true);
-        } else if (c == L'\t') {
+        } else if (character.code == '\t') {
             // A tab never crosses the end of a row.
             do
                 put_cell(" ", 1);
             while (row().width % tab_width != 0 && row().width < width_);
         } else {
-            rl_shown shown = rl_show_character(c);
+            rl_shown shown = rl_show(character);
             if (shown.width == 0 && !takes_marks_)
-                shown = rl_spell_character(c);
+                shown = rl_spell(character);
             takes_marks_ = !shown.spelled;
             if (shown.spelled) {
-                for (int i = 0; i < shown.length; ++i)
-                    put_cell({shown.bytes + i, 1}, 1);
+                for (const char &cell : shown.bytes)
+                    put_cell({&cell, 1}, 1);
             } else {
                 // In the last column some terminals take the mark for the next row's.
                 const int room = marked && shown.width > 0 ? 1 : 0;
-                put_cell({shown.bytes, static_cast<size_t>(shown.length)}, shown.width, room);
+                put_cell(shown.bytes, shown.width, room);
             }
         }
     }
@@ -120,9 +120,9 @@ private:
     bool cursor_waits_ = false;
 };
 
-bool is_mark(wchar_t c)
+bool is_mark(const utf8_step &character)
 {
-    return c >= 0x300 && rl_show_character(c).width == 0;
+    return character.well_formed && character.code >= 0x300 && rl_show(character).width == 0;
 }
 
 void append_move(std::string &out, size_t count, char direction)
@@ -141,11 +141,14 @@ rl_layout rl_lay_out(const std::vector<rl_piece> &pieces, size_t cursor_piece, s
     builder build{std::max(width, 2)};
     for (size_t i = 0; i < pieces.size(); ++i) {
         build.set_color(pieces[i].color);
-        const std::wstring_view text = pieces[i].text;
-        for (size_t at = 0; at < text.size(); ++at) {
-            if (i == cursor_piece && at == cursor)
+        const std::string_view text = pieces[i].text;
+        size_t behind = 0;
+        for (size_t at = 0; at < text.size(); at = behind) {
+            const utf8_step character = utf8_first(text.substr(at));
+            behind = at + character.size;
+            if (i == cursor_piece && at <= cursor && cursor < behind)
                 build.place_cursor();
-            build.put(text[at], at + 1 < text.size() && is_mark(text[at + 1]));
+            build.put(character, is_mark(utf8_first(text.substr(behind))));
         }
         if (i == cursor_piece && cursor >= text.size())
             build.place_cursor();

@@ -7,7 +7,7 @@
 
 /// A stretch of text in one colour.
 struct rl_piece {
-    std::wstring_view text;
+    std::string_view text;
     std::string_view color; ///< the escape sequence that begins it; empty for none
 };
 
@@ -25,7 +25,7 @@ struct rl_layout {
     int cursor_column = 0;
 };
 
-/// Lays the pieces out on rows of `width` cells (2 or more). The cursor stands before character `cursor` of piece
+/// Lays the pieces out on rows of `width` cells (2 or more). The cursor stands before byte `cursor` of piece
 /// `cursor_piece`, or at its end. Line feeds begin a new row, tabs go to the next eighth column, a wide character that
 /// does not fit leaves a blank, and so does one with combining marks in the last column. A last row that is full is
 /// followed by an empty one, where the terminal's cursor is.

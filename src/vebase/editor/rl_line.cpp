@@ -2,11 +2,10 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cwchar>
 #include <utility>
 
+#include "platform/ve_words.h"
 #include "vebase/editor/rl_complete.h"
-#include "vebase/editor/rl_text.h"
 
 namespace
 {
@@ -14,16 +13,14 @@ namespace
 constexpr size_t cuts_max = 32;
 constexpr size_t pattern_max = 1024;
 
-bool is_blank(wchar_t c)
-{
-    return c == L' ' || c == L'\t' || c == L'\n';
-}
-
 /// Words end at the dots of a path and at "=".
-bool is_word(wchar_t c)
+bool is_word(const utf8_step &character)
 {
-    return c >= 0x80 ? iswspace(static_cast<wint_t>(c)) == 0
-                     : isalnum(static_cast<int>(c)) != 0 || wcschr(L"*?_-[]~", c) != nullptr;
+    const char32_t code = character.code;
+    if (code >= 0x80)
+        return !character.well_formed || iswspace(code) == 0;
+    return isalnum(static_cast<int>(code)) != 0 ||
+           std::string_view{"*?_-[]~"}.find(static_cast<char>(code)) != std::string_view::npos;
 }
 
 } // namespace
@@ -55,8 +52,8 @@ rl_done rl_line::apply(const rl_key &key)
     pass(key.op);
     if (key.op != nullptr)
         return (this->*key.op)();
-    if (key.c != 0)
-        buffer_.type(key.c, key.pasted);
+    if (!key.text.empty())
+        buffer_.type(key.text, key.pasted);
     return done;
 }
 
@@ -68,7 +65,7 @@ rl_done rl_line::go(bool possible, size_t cursor)
     return rl_done::yes;
 }
 
-rl_done rl_line::change(size_t first, size_t last, std::wstring_view with)
+rl_done rl_line::change(size_t first, size_t last, std::string_view with)
 {
     buffer_.replace(first, last, with);
     return rl_done::yes;
@@ -80,7 +77,7 @@ rl_done rl_line::cut(size_t first, size_t last)
     cutting_ = true;
     if (first == last)
         return rl_done::refused;
-    const std::wstring piece = text().substr(first, last - first);
+    const std::string piece = text().substr(first, last - first);
     if (after_cut_ && !cuts_.empty())
         cuts_.back().insert(last == cursor() ? 0 : cuts_.back().size(), piece);
     else
@@ -93,9 +90,9 @@ rl_done rl_line::cut(size_t first, size_t last)
 rl_done rl_line::cut_blank_word()
 {
     size_t first = cursor();
-    while (first > 0 && is_blank(text()[first - 1]))
+    while (first > 0 && ve_words_is_blank(text()[first - 1]))
         --first;
-    while (first > 0 && !is_blank(text()[first - 1]))
+    while (first > 0 && !ve_words_is_blank(text()[first - 1]))
         --first;
     return cut(first, cursor());
 }
@@ -131,7 +128,7 @@ rl_done rl_line::last_word()
             inserted_at_ = cursor();
         inserting_ = &rl_line::last_word;
         word_entry_ = entry;
-        return change(inserted_at_, cursor(), rl_widen(word));
+        return change(inserted_at_, cursor(), word);
     }
     return rl_done::refused;
 }
@@ -139,44 +136,48 @@ rl_done rl_line::last_word()
 /// The characters around the cursor; at the end of the line the last two.
 rl_done rl_line::swap()
 {
-    const size_t second = at_end() ? cursor() - 1 : cursor();
+    const std::string_view all{text()};
+    const size_t last = at_end() ? cursor() : behind();
+    const size_t second = last - utf8_last(all.substr(0, last)).size;
+    const size_t first = second - utf8_last(all.substr(0, second)).size;
     if (cursor() == 0 || second == 0)
         return rl_done::refused;
-    const wchar_t swapped[] = {text()[second], text()[second - 1]};
-    return change(second - 1, second + 1, {swapped, 2});
+    return change(first, last, std::string{all.substr(second, last - second)} + text().substr(first, second - first));
 }
 
 rl_done rl_line::change_case(wint_t (*first)(wint_t), wint_t (*others)(wint_t))
 {
-    size_t at = cursor();
     const size_t last = word_right();
-    std::wstring word = text().substr(at, last - at);
-    auto change_next = first;
-    for (wchar_t &c : word) {
-        if (is_word(c))
-            c = static_cast<wchar_t>(std::exchange(change_next, others)(static_cast<wint_t>(c)));
+    std::string_view word{text().data() + cursor(), last - cursor()};
+    std::string changed;
+    for (auto change_next = first; !word.empty(); word.remove_prefix(utf8_first(word).size)) {
+        const utf8_step character = utf8_first(word);
+        if (character.well_formed && is_word(character))
+            utf8_append(&changed, std::exchange(change_next, others)(character.code));
+        else
+            changed += word.substr(0, character.size);
     }
-    return word.empty() ? rl_done::refused : change(at, last, word);
+    return changed.empty() ? rl_done::refused : change(cursor(), last, changed);
 }
 
 size_t rl_line::word_left() const
 {
-    size_t at = cursor();
-    while (at > 0 && !is_word(text()[at - 1]))
-        --at;
-    while (at > 0 && is_word(text()[at - 1]))
-        --at;
-    return at;
+    std::string_view rest{text().data(), cursor()};
+    while (!rest.empty() && !is_word(utf8_last(rest)))
+        rest.remove_suffix(utf8_last(rest).size);
+    while (!rest.empty() && is_word(utf8_last(rest)))
+        rest.remove_suffix(utf8_last(rest).size);
+    return rest.size();
 }
 
 size_t rl_line::word_right() const
 {
-    size_t at = cursor();
-    while (at < text().size() && !is_word(text()[at]))
-        ++at;
-    while (at < text().size() && is_word(text()[at]))
-        ++at;
-    return at;
+    std::string_view rest = std::string_view{text()}.substr(cursor());
+    while (!rest.empty() && !is_word(utf8_first(rest)))
+        rest.remove_prefix(utf8_first(rest).size);
+    while (!rest.empty() && is_word(utf8_first(rest)))
+        rest.remove_prefix(utf8_first(rest).size);
+    return text().size() - rest.size();
 }
 
 rl_done rl_line::older()
@@ -205,16 +206,16 @@ void rl_line::go_to(size_t entry)
     if (entry >= newest)
         buffer_ = std::move(outside_);
     else
-        buffer_.assign(rl_widen(history_->entry(entry)));
+        buffer_.assign(std::string{history_->entry(entry)});
     buffer_.place(text().size());
 }
 
 // --- the search ---
 
-std::wstring rl_line::search_message() const
+std::string rl_line::search_message() const
 {
     const search_step &step = steps_.back();
-    return (step.backward ? L"bck" : L"fwd") + std::wstring{step.failed ? L"?" : L":"} + pattern_;
+    return (step.backward ? "bck" : "fwd") + std::string{step.failed ? "?" : ":"} + pattern_;
 }
 
 rl_done rl_line::begin_search(bool backward)
@@ -222,15 +223,15 @@ rl_done rl_line::begin_search(bool backward)
     searched_from_ = buffer_;
     searched_place_ = place_;
     pattern_.clear();
-    steps_.push_back({backward, false, 0, place_, rl_narrow_size(std::wstring_view{text()}.substr(0, cursor()))});
+    steps_.push_back({backward, false, 0, place_, cursor()});
     return rl_done::yes;
 }
 
 /// A key while it searches. False when it ended the search and is to be applied to what that found.
 bool rl_line::search_key(const rl_key &key, rl_done *done)
 {
-    if (key.op == nullptr && key.c != 0)
-        *done = extend_pattern(key.c);
+    if (!key.text.empty())
+        *done = extend_pattern(key.text);
     else if (key.op == &rl_line::search_back || key.op == &rl_line::search_forward)
         *done = search_again(key.op == &rl_line::search_back);
     else if (key.op == &rl_line::rub)
@@ -242,11 +243,11 @@ bool rl_line::search_key(const rl_key &key, rl_done *done)
     return searching() || key.op == &rl_line::cancel;
 }
 
-rl_done rl_line::extend_pattern(wchar_t c)
+rl_done rl_line::extend_pattern(std::string_view character)
 {
     if (pattern_.size() >= pattern_max)
         return rl_done::refused;
-    pattern_.push_back(c);
+    pattern_ += character;
     search_step step = steps_.back();
     step.pattern = pattern_.size();
     // What is not there will not be there with more behind it.
@@ -299,17 +300,16 @@ void rl_line::end_search()
     pass(nullptr);
 }
 
-std::string rl_line::entry_text(size_t entry) const
+std::string_view rl_line::entry_text(size_t entry) const
 {
     if (entry == place_)
-        return rl_narrow(text());
-    return entry < history_->size() ? std::string{history_->entry(entry)} : rl_narrow(outside_.text());
+        return text();
+    return entry < history_->size() ? history_->entry(entry) : std::string_view{outside_.text()};
 }
 
 /// Looks for the pattern from `step` on and moves it there. `beyond`: not where it is already.
 bool rl_line::find(search_step &step, bool beyond) const
 {
-    const std::string wanted = rl_narrow(pattern_);
     const size_t last = history_->size();
     size_t entry = step.entry;
     size_t from = step.at;
@@ -322,9 +322,9 @@ bool rl_line::find(search_step &step, bool beyond) const
         anywhere = true;
     }
     for (;;) {
-        const std::string text = entry_text(entry);
-        const size_t at = step.backward ? text.rfind(wanted, anywhere ? std::string::npos : from)
-                                        : text.find(wanted, anywhere ? 0 : from);
+        const std::string_view text = entry_text(entry);
+        const size_t at = step.backward ? text.rfind(pattern_, anywhere ? std::string::npos : from)
+                                        : text.find(pattern_, anywhere ? 0 : from);
         if (at != std::string::npos) {
             step.entry = entry;
             step.at = at;
@@ -343,8 +343,7 @@ rl_done rl_line::show(const search_step &step)
         return rl_done::refused;
     if (step.entry != place_)
         go_to(step.entry);
-    const std::string found = entry_text(step.entry);
     // What was changed in an entry is lost when the search leaves it; it may be shorter then.
-    buffer_.place(std::min(rl_widen(std::string_view{found}.substr(0, step.at)).size(), text().size()));
+    buffer_.place(std::min(step.at, text().size()));
     return rl_done::yes;
 }

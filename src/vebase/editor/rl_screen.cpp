@@ -16,24 +16,23 @@ constexpr size_t before_max = 4096; // bytes of an unfinished row that a prompt 
 constexpr int patience_ms = 1000;   // how long another thread may keep the screen
 
 /// The characters of an output row as they stand on the screen: no escape sequences, nothing before a CR.
-std::wstring plain_row(std::string_view text)
+std::string plain_row(std::string_view all)
 {
-    std::wstring row;
-    const std::wstring all = rl_widen(text);
+    std::string row;
     for (size_t i = 0; i < all.size(); ++i) {
-        if (all[i] == L'\r') {
+        const char c = all[i];
+        if (c == '\r') {
             row.clear();
-        } else if (all[i] == L'\b') {
-            if (!row.empty())
-                row.pop_back();
-        } else if (all[i] == L'\033') {
-            const bool sequence = i + 1 < all.size() && all[i + 1] == L'[';
+        } else if (c == '\b') {
+            row.resize(row.size() - utf8_last(row).size);
+        } else if (c == '\033') {
+            const bool sequence = i + 1 < all.size() && all[i + 1] == '[';
             for (i += sequence ? 2 : 1; sequence && i < all.size() && (all[i] < 0x40 || all[i] > 0x7e); ++i)
                 ;
-            if (sequence && i < all.size() && (all[i] == L'H' || all[i] == L'J'))
+            if (sequence && i < all.size() && (all[i] == 'H' || all[i] == 'J'))
                 row.clear();
-        } else if (all[i] >= 0x20 || all[i] == L'\t') {
-            row.push_back(all[i]);
+        } else if (static_cast<unsigned char>(c) >= 0x20 || c == '\t') {
+            row.push_back(c);
         }
     }
     return row;
@@ -68,7 +67,7 @@ void rl_screen::resized()
 void rl_screen::begin(std::string_view prompt, const std::string &prompt_color, const std::string &hint_color)
 {
     resized();
-    prompt_ = rl_widen(rl_visible(prompt));
+    prompt_ = rl_visible(prompt);
     prompt_color_ = prompt_color;
     hint_color_ = hint_color;
     go_behind_output();
@@ -98,9 +97,9 @@ void rl_screen::go_behind_output()
     }
 }
 
-rl_layout rl_screen::lay_out(const content &what, std::wstring_view suffix) const
+rl_layout rl_screen::lay_out(const content &what, std::string_view suffix) const
 {
-    const std::wstring_view feed = what.message.empty() ? L"" : L"\n";
+    const std::string_view feed = what.message.empty() ? "" : "\n";
     return rl_lay_out({{before_, {}},
                        {prompt_, prompt_color_},
                        {what.text, {}},
@@ -148,10 +147,10 @@ void rl_screen::leave()
 {
     erase();
     if (!before_.empty() && !rl_control_hidden())
-        write_screen(rl_narrow(before_));
+        write_screen(before_);
 }
 
-void rl_screen::finish(std::wstring_view text, std::wstring_view suffix, bool new_row)
+void rl_screen::finish(std::string_view text, std::string_view suffix, bool new_row)
 {
     if (!rl_control_claim_screen()) {
         erase();

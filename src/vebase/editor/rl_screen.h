@@ -20,11 +20,11 @@ class rl_screen
 public:
     /// What a drawing shows behind the prompt.
     struct content {
-        std::wstring_view text;
+        std::string_view text;
         size_t cursor = 0;
-        std::wstring_view hint = {};    ///< shown behind the text, in its colour
-        std::wstring_view message = {}; ///< shown below
-        bool asks = false;              ///< the cursor stands behind the message
+        std::string_view hint = {};    ///< shown behind the text, in its colour
+        std::string_view message = {}; ///< shown below
+        bool asks = false;             ///< the cursor stands behind the message
     };
 
     /// Begins a read: the prompt goes behind what the output's last row already holds.
@@ -38,7 +38,7 @@ public:
     /// Takes the line off the screen for good; the row it began on is as it was found.
     void leave();
     /// Shows `text` and `suffix` a last time and goes to a new row if `new_row`; waits for the screen when it must.
-    void finish(std::wstring_view text, std::wstring_view suffix, bool new_row);
+    void finish(std::string_view text, std::string_view suffix, bool new_row);
     /// The screen has changed under us and the cursor is at the beginning of a free row.
     void forget();
     /// The terminal may have another size.
@@ -47,11 +47,11 @@ public:
     bool shown() const { return shown_; }
 
 private:
-    rl_layout lay_out(const content &what, std::wstring_view suffix) const;
+    rl_layout lay_out(const content &what, std::string_view suffix) const;
 
     rl_size size_{80, 24};
-    std::wstring before_; // the unfinished row that the prompt follows
-    std::wstring prompt_;
+    std::string before_; // the unfinished row that the prompt follows
+    std::string prompt_;
     std::string prompt_color_;
     std::string hint_color_;
     rl_painted painted_;

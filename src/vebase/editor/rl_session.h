@@ -28,7 +28,7 @@ private:
     void begin_terminal();
     int end_terminal();
     void suspend();
-    void draw(std::wstring_view message = {});
+    void draw(std::string_view message = {});
     void clear_screen();
 
     // rl_input.cpp
@@ -46,7 +46,7 @@ private:
     // rl_tab.cpp
     json_t *candidates(const std::string &line, size_t cursor_byte);
     template <class Call> bool run_callback(callback kind, const Call &call);
-    bool insert_candidate(const json_t *found, const std::string &line, size_t cursor_byte);
+    bool insert_candidate(const json_t *found, const std::string &line);
     void complete();
     void list(const json_t *found);
     bool confirm(const std::string &question);
@@ -72,7 +72,7 @@ private:
 
     callback running_ = callback::none;
     bool abandoned_ = false; // the callback that runs was abandoned
-    std::wstring hint_;      // behind hint_text_
-    std::wstring hint_text_; // the line that hint_ and hint_known_ are about
+    std::string hint_;       // behind hint_text_
+    std::string hint_text_;  // the line that hint_ and hint_known_ are about
     bool hint_known_ = false;
 };

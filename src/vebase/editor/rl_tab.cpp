@@ -1,6 +1,5 @@
 // Completion and hints on the screen: when the callbacks run, what is done with what they say.
 #include <algorithm>
-#include <cwchar>
 #include <memory>
 #include <vector>
 
@@ -85,14 +84,13 @@ json_t *rl_session::candidates(const std::string &line, size_t cursor_byte)
 }
 
 /// Puts what the candidates say into the line. True when that changed it.
-bool rl_session::insert_candidate(const json_t *found, const std::string &line, size_t cursor_byte)
+bool rl_session::insert_candidate(const json_t *found, const std::string &line)
 {
     const size_t start = rl_set.completion_start;
-    const rl_replacement merged = rl_merge(line, start, cursor_byte, texts_of(found), rl_set.completion_verbatim);
+    const rl_replacement merged = rl_merge(line, start, line_.cursor(), texts_of(found), rl_set.completion_verbatim);
     if (!merged.changes)
         return false;
-    const size_t first = std::min(rl_widen(std::string_view{line}.substr(0, start)).size(), line_.cursor());
-    line_.replace_typed(first, rl_widen(merged.text));
+    line_.replace_typed(start, merged.text);
     return true;
 }
 
@@ -101,13 +99,12 @@ void rl_session::complete()
     if (rl_set.autocomplete == nullptr)
         return rl_ring_bell();
     const bool again = line_.repeated();
-    const std::string line = rl_narrow(line_.text());
-    const size_t cursor_byte = rl_narrow_size(std::wstring_view{line_.text()}.substr(0, line_.cursor()));
-    const json_owner found{candidates(line, cursor_byte)};
+    const std::string line = line_.text();
+    const json_owner found{candidates(line, line_.cursor())};
     if (found == nullptr)
         return;
     const size_t count = json_array_size(found.get());
-    if (insert_candidate(found.get(), line, cursor_byte))
+    if (insert_candidate(found.get(), line))
         return;
     if (count > 1 && again)
         list(found.get());
@@ -118,7 +115,6 @@ void rl_session::complete()
 /// Asks below the line. Keys other than an answer are refused.
 bool rl_session::confirm(const std::string &question)
 {
-    const std::wstring message = rl_widen(question);
     for (;;) {
         serve_outside();
         if (outcome_ != rl_outcome::none)
@@ -129,9 +125,10 @@ bool rl_session::confirm(const std::string &question)
         }
         rl_key key;
         if (keys_.take(&key)) {
-            if (key.c != 0 && wcschr(L"yY ", key.c) != nullptr)
+            if (!key.text.empty() && std::string_view{"yY "}.find(key.text) != std::string_view::npos)
                 return true;
-            if (key.op == nullptr ? key.c == 0 || wcschr(L"nNq", key.c) != nullptr
+            // Nor is a key that means nothing, such as ESC, a wish to see them.
+            if (key.op == nullptr ? std::string_view{"nNq"}.find(key.text) != std::string_view::npos
                                   : key.op == &rl_line::rub || key.op == &rl_line::cancel)
                 return false;
             rl_ring_bell();
@@ -144,7 +141,7 @@ bool rl_session::confirm(const std::string &question)
             }
             continue;
         }
-        draw(message);
+        draw(question);
         wait_for_input(-1);
     }
 }
@@ -174,7 +171,7 @@ void rl_session::list(const json_t *found)
         const bool yes = confirm(question);
         if (outcome_ != rl_outcome::none)
             return;
-        screen_.finish(line_.text(), rl_widen("\n" + question), true);
+        screen_.finish(line_.text(), "\n" + question, true);
         if (!yes)
             return;
     } else {
@@ -211,7 +208,7 @@ void rl_session::forget_hint()
 /// After keys: what of the hint still holds.
 void rl_session::refresh_hint()
 {
-    const std::wstring_view now = line_.text();
+    const std::string_view now = line_.text();
     if (now == hint_text_)
         return;
     // A key that the hint foretold leaves the rest of it standing until the next pause.
@@ -227,14 +224,14 @@ void rl_session::refresh_hint()
 /// Asks for the hint of the line as it is now.
 void rl_session::find_hint()
 {
-    const std::string line = rl_narrow(line_.text());
+    const std::string line = line_.text();
     char *hint = nullptr;
     const bool complete = run_callback(callback::hint, [&] { hint = rl_set.hint(line.c_str()); });
     const std::unique_ptr<char, decltype(&free)> owner{hint, &free};
     hint_text_ = line_.text();
     hint_.clear();
     if (complete && hint != nullptr)
-        hint_ = rl_widen(rl_visible(hint));
+        hint_ = rl_visible(hint);
     // After Ctrl-C the same line is not asked about again.
     hint_known_ = true;
 }
@@ -244,13 +241,13 @@ bool rl_session::accept_hint()
 {
     if (hint_.empty() || hint_text_ != line_.text() || !line_.at_end())
         return false;
-    const std::string line = rl_narrow(line_.text());
-    const std::wstring shown = hint_;
+    const std::string line = line_.text();
+    const std::string shown = hint_;
     if (rl_set.autocomplete != nullptr) {
         const json_owner found{candidates(line, line.size())};
         if (found == nullptr)
             return true;
-        if (json_array_size(found.get()) == 1 && insert_candidate(found.get(), line, line.size()))
+        if (json_array_size(found.get()) == 1 && insert_candidate(found.get(), line))
             return true;
     }
     line_.insert(shown);
