@@ -17,6 +17,7 @@ shell       a terminal that stands at the shell's first prompt  shell(*words, to
 veld        a running daemon with the gateway model
 veld_start  starts further daemons                              veld_start(*options, model=) → Veld
 fake        a daemon that follows a script (lib/fake.py)
+relay_start a wire between a client and a daemon (lib/relay.py)   relay_start(veld) → Relay
 certificate (certificate, key): files of a daemon that speaks TLS as localhost
 fake_start  further ones                                        fake_start("tcp://127.0.0.1:0") → Fake
 private_tmp the directory that the programs of this test see as /tmp (histories)
@@ -35,6 +36,7 @@ import pytest
 from lib import settings
 from lib.fake import Fake
 from lib.program import Program
+from lib.relay import Relay
 from lib.sandbox import BASE, Sandbox
 from lib.terminal import Terminal
 from lib.veld import Veld
@@ -137,6 +139,15 @@ def veld(veld_start):
 def fake_start(sandbox, things):
     def start(address=None):
         things.append(Fake(address or sandbox.new_socket()))
+        return things[-1]
+
+    return start
+
+
+@pytest.fixture
+def relay_start(sandbox, things):
+    def start(to):
+        things.append(Relay(sandbox.new_socket(), to))
         return things[-1]
 
     return start

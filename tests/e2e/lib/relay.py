@@ -1,0 +1,178 @@
+"""A wire between a client and its daemon that a test can hold, cut and spoil.
+
+    relay = relay_start(veld)
+    term = shell(to=relay)
+    relay.hold()                    # answers to requests wait; events still pass
+    term.type("cat Device.Name\\r")
+    relay.wait_held()
+    term.type(Key.CTRL_C)
+    relay.release()
+"""
+
+import json
+import os
+import socket
+import threading
+
+from . import settings
+from .wire import connect
+
+
+class _Line:
+    """One connection of the client, and the one that it has with the daemon."""
+
+    def __init__(self, near, far):
+        self.near, self.far = near, far
+        self.receiver = False
+        self.open = True
+
+    def end(self):
+        self.open = False
+        for link in (self.near, self.far):
+            try:
+                link.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+
+
+class Relay:
+    """Stands at `address` for the daemon at `to`. `requests` is what passed towards it, as messages.
+
+    The connection that reads events also gets those of `group`, which outlives a cut of the others.
+    """
+
+    def __init__(self, address, to, group=12):
+        self.group = group
+        self.address = str(address)
+        self.to = getattr(to, "address", to)
+        self.requests = []
+        self.lines = []
+        self.held = 0
+        self._pass = None  # how many answers may still pass; None: all
+        self._faults = []
+        self._changed = threading.Condition()
+        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self._listener.bind(self.address)
+        self._listener.listen(64)
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    # What a test does
+
+    def hold(self, after=0):
+        """From now on answers wait, but for the next `after` ones."""
+        with self._changed:
+            self._pass = after
+            self.held = 0
+
+    def release(self):
+        with self._changed:
+            self._pass = None
+            self.held = 0
+            self._changed.notify_all()
+
+    def wait_held(self, otherwise=lambda: False):
+        """Waits until an answer is held, or `otherwise` holds; whether one is."""
+        moment = settings.deadline()
+        with self._changed:
+            while not self.held and not otherwise() and settings.remaining(moment):
+                self._changed.wait(0.01)
+            return self.held > 0
+
+    def spoil(self, code, method="GetParameterAttributes"):
+        """The next request for `method` is answered with this error and never reaches the daemon."""
+        with self._changed:
+            self._faults.append((method, code))
+
+    def spare(self):
+        """No more is spoiled. Whether something was still to be."""
+        with self._changed:
+            left, self._faults = self._faults, []
+        return bool(left)
+
+    def cut(self):
+        """Ends the connections on which requests go; the one that reads events stays."""
+        with self._changed:
+            lines = [line for line in self.lines if line.open and not line.receiver]
+            for line in lines:
+                line.end()
+            self._changed.notify_all()
+
+    def close(self):
+        try:
+            self._listener.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self._listener.close()
+        with self._changed:
+            for line in self.lines:
+                line.end()
+            self._changed.notify_all()
+        if os.path.lexists(self.address):
+            os.unlink(self.address)
+
+    def report(self):
+        return "passed on:\n" + "\n".join(json.dumps(request)[:300] for request in self.requests[-40:])
+
+    # Its threads: one that accepts, two for each connection
+
+    def _accept(self):
+        while True:
+            try:
+                near, _ = self._listener.accept()
+            except OSError:
+                return
+            try:
+                far = connect(self.to)
+            except OSError:
+                near.close()
+                continue
+            far.settimeout(None)
+            line = _Line(near, far)
+            with self._changed:
+                self.lines.append(line)
+            threading.Thread(target=self._upwards, args=(line,), daemon=True).start()
+            threading.Thread(target=self._downwards, args=(line,), daemon=True).start()
+
+    def _upwards(self, line):
+        try:
+            for data in line.near.makefile("rb"):
+                message = json.loads(data)
+                with self._changed:
+                    self.requests.append(message)
+                    if (message.get("params") or {}).get("Receiver") is True:
+                        line.receiver = True
+                    fault = next((each for each in self._faults if each[0] == message.get("method")), None)
+                    if fault:
+                        self._faults.remove(fault)
+                if fault:
+                    error = {"code": fault[1], "message": "spoiled"}
+                    self._answer(line, json.dumps({"jsonrpc": "2.0", "id": message["id"], "error": error}).encode() + b"\n")
+                else:
+                    line.far.sendall(data)
+                    if line.receiver and message.get("method") == "JoinGroup":
+                        message["id"], message["params"]["Group"] = "relay", self.group
+                        line.far.sendall(json.dumps(message).encode() + b"\n")
+        except (OSError, ValueError):
+            pass
+        line.end()
+
+    def _downwards(self, line):
+        try:
+            for data in line.far.makefile("rb"):
+                if b'"id":"relay"' not in data:
+                    self._answer(line, data)
+        except (OSError, ValueError):
+            pass
+        line.end()
+        line.near.close()
+
+    def _answer(self, line, data):
+        with self._changed:
+            if not line.receiver and self._pass is not None:
+                if self._pass > 0:
+                    self._pass -= 1
+                else:
+                    self.held += 1
+                    self._changed.notify_all()
+                    self._changed.wait_for(lambda: self._pass is None or not line.open)
+        line.near.sendall(data)
