@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace
 {
@@ -14,6 +15,15 @@ struct line_writer {
     std::string *out;
     size_t end_max; ///< where the line ends at the latest
 };
+
+/// As realloc, without fail.
+char *allocate(char *memory, size_t size)
+{
+    auto *grown = static_cast<char *>(realloc(memory, size));
+    if (grown == nullptr)
+        abort();
+    return grown;
+}
 
 /// Refuses what no longer fits, so that a value which is too long is not written out first.
 int append_chunk(const char *data, size_t size, void *writer)
@@ -45,10 +55,7 @@ char *wire_reader::prepare(size_t *room)
             begin_ = 0;
         } else {
             capacity_ = std::max(capacity_ * 2, 2 * read_room);
-            auto *grown = static_cast<char *>(realloc(data_, capacity_));
-            if (grown == nullptr)
-                abort();
-            data_ = grown;
+            data_ = allocate(data_, capacity_);
         }
     }
     *room = capacity_ - end_;
@@ -84,6 +91,24 @@ wire_reader::state wire_reader::next(std::string_view *line)
     if (begin_ == end_)
         begin_ = scanned_ = end_ = 0;
     return end_ - begin_ > wire_line_max + 1 ? state::too_long : state::more;
+}
+
+wire_memory wire_reader::release(std::string_view *line)
+{
+    // What was received behind the line is moved, or the line, whichever is less.
+    const std::string_view rest(data_ + begin_, end_ - begin_);
+    const std::string_view less = std::min(rest, *line, [](auto a, auto b) { return a.size() < b.size(); });
+    const size_t capacity = less.size() + read_room;
+    char *moved = allocate(nullptr, capacity);
+    memcpy(moved, less.data(), less.size());
+    if (less.data() != rest.data()) {
+        *line = {moved, less.size()};
+        return wire_memory(moved);
+    }
+    begin_ = scanned_ = 0;
+    end_ = rest.size();
+    capacity_ = capacity;
+    return wire_memory(std::exchange(data_, moved));
 }
 
 void wire_reader::clear()

@@ -4,11 +4,19 @@
 #include <jansson.h>
 
 #include <cstddef>
+#include <cstdlib>
+#include <memory>
 #include <string>
 #include <string_view>
 
 /// The longest line, in bytes without its line feed, that either side accepts.
 inline constexpr size_t wire_line_max = size_t{64} << 20;
+
+struct wire_free {
+    void operator()(char *memory) const { free(memory); }
+};
+/// The memory that a line stands in when it is out of its reader.
+using wire_memory = std::unique_ptr<char, wire_free>;
 
 /// Collects received bytes and cuts them into lines. The buffer doubles as it grows, gives its memory back after a
 /// large line, and looks at every byte once, however the bytes are chunked. Not thread-safe.
@@ -33,6 +41,8 @@ public:
     /// The next line, without its line feed and a CR before it; empty lines are passed over. The view holds until the
     /// next call of prepare() or clear().
     state next(std::string_view *line);
+    /// Gives the line that was taken last away; `*line`, which may move, then stands in what is returned.
+    wire_memory release(std::string_view *line);
     /// Forgets everything received.
     void clear();
     /// True when bytes of an unfinished or untaken line are held.

@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <utility>
 
+#include "platform/ve_json_text.h"
+
 struct ve_jrpcmsg;
 
 /// Message kinds.
@@ -58,10 +60,14 @@ json_t *ve_jrpcmsg_json(const ve_jrpcmsg *message);
 const json_t *ve_jrpcmsg_id(const ve_jrpcmsg *message);
 /// The request's "params", made when there are none.
 json_t *ve_jrpcmsg_params(ve_jrpcmsg *message);
-/// The answer's result, or null.
+/// Whether the answer has a result.
+bool ve_jrpcmsg_has_result(const ve_jrpcmsg *message);
+/// The answer's result as a value, made when it is first asked for; or null.
 json_t *ve_jrpcmsg_result(const ve_jrpcmsg *message);
-/// Member "ParameterList" of the result when it is an array, or null.
+/// Member "ParameterList" of that value when it is an array, or null. Long lists are read by their parameters.
 json_t *ve_jrpcmsg_parameter_list(const ve_jrpcmsg *message);
+/// The entries of the answer's "ParameterList" where they stand; none without one.
+ve_parameters ve_jrpcmsg_parameters(const ve_jrpcmsg *message);
 /// 0 when there is no error.
 int ve_jrpcmsg_error_code(const ve_jrpcmsg *message);
 /// Never null.
@@ -80,8 +86,8 @@ json_t *ve_jrpcmsg_event_value(const ve_jrpcmsg *message);
 void ve_jrpcmsg_set_result_new(ve_jrpcmsg *message, json_t *result);
 /// Stores an error; takes over `data` (null: none). The title follows from the code.
 void ve_jrpcmsg_set_error(ve_jrpcmsg *message, int code, const char *text, json_t *data);
-/// Completes `request` with what `answer` holds (new references).
-void ve_jrpcmsg_complete(ve_jrpcmsg *request, const ve_jrpcmsg *answer);
+/// Completes `request` with what `answer` holds, which is empty then.
+void ve_jrpcmsg_complete(ve_jrpcmsg *request, ve_jrpcmsg *answer);
 /// The title of an error code ("Error" for one that has none).
 const char *ve_jrpc_error_title(int code);
 

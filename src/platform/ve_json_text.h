@@ -38,6 +38,7 @@ public:
     void append_to(std::string *out) const;
 
 private:
+    friend class json_walk;
     std::string_view text_;
 };
 
@@ -74,6 +75,8 @@ class ve_parameters
 {
 public:
     explicit ve_parameters(json_piece list) : elements_(list.is_array() ? list : json_piece()) {}
+    /// Whether no entry is left.
+    bool empty() const { return !json_walk(elements_).next(); }
     /// The next entry, an empty one for an element that is no object; false at the end. The name before is gone then.
     bool next(ve_parameter *entry);
 

@@ -1,12 +1,13 @@
 #include "base/utf8.h"
 #include "platform/ve_json_text.h"
 
+#include <bit>
 #include <bitset>
 #include <charconv>
 #include <cstdint>
 #include <cstring>
 
-#include "platform/ve_json.h"
+#include "base/json_ref.h"
 
 namespace
 {
@@ -20,18 +21,25 @@ constexpr size_t real_digits = 300;
 constexpr uint64_t ones = 0x0101010101010101U;
 constexpr uint64_t highs = 0x80 * ones;
 
-/// Whether one of the eight bytes is `byte`.
-bool has(uint64_t bytes, unsigned char byte)
-{
-    const uint64_t differing = bytes ^ (ones * byte);
-    return ((differing - ones) & ~differing & highs) != 0;
-}
-
+/// Eight bytes of which the first one is the lowest.
 uint64_t eight(const char *at)
 {
     uint64_t bytes;
     memcpy(&bytes, at, sizeof bytes);
-    return bytes;
+    return std::endian::native == std::endian::little ? bytes : __builtin_bswap64(bytes);
+}
+
+/// Marks with its high bit the first of the eight bytes that is `byte`, and maybe later ones.
+uint64_t marks(uint64_t bytes, unsigned char byte)
+{
+    const uint64_t differing = bytes ^ (ones * byte);
+    return (differing - ones) & ~differing & highs;
+}
+
+/// The number of bytes before the first marked one.
+int unmarked(uint64_t marked)
+{
+    return std::countr_zero(marked) / 8;
 }
 
 bool is_blank(char c)
@@ -165,12 +173,12 @@ private:
     bool string()
     {
         for (;;) {
-            while (end_ - at_ >= 8) {
+            uint64_t marked = 0;
+            while (end_ - at_ >= 8 && marked == 0) {
                 const uint64_t bytes = eight(at_);
-                const bool ascii = (((bytes - ones * 0x20) | bytes) & highs) == 0; // and no control characters
-                if (!ascii || has(bytes, '"') || has(bytes, '\\'))
-                    break;
-                at_ += 8;
+                // Control characters and what is not ASCII.
+                marked = (((bytes - ones * 0x20) | bytes) & highs) | marks(bytes, '"') | marks(bytes, '\\');
+                at_ += marked != 0 ? unmarked(marked) : 8;
             }
             while (at_ != end_ && is_plain(static_cast<unsigned char>(*at_)))
                 ++at_;
@@ -265,8 +273,11 @@ const char *behind_blanks(const char *at, const char *end)
 const char *behind_string(const char *at, const char *end)
 {
     for (++at;;) {
-        while (end - at >= 8 && !has(eight(at), '"') && !has(eight(at), '\\'))
-            at += 8;
+        uint64_t marked = 0;
+        while (end - at >= 8 && marked == 0) {
+            marked = marks(eight(at), '"') | marks(eight(at), '\\');
+            at += marked != 0 ? unmarked(marked) : 8;
+        }
         while (*at != '"' && *at != '\\')
             ++at;
         if (*at == '"')
@@ -291,11 +302,11 @@ const char *behind_value(const char *at, const char *end)
             at = behind_string(at, end);
             continue;
         }
-        if (*at == '{' || *at == '[')
+        const char byte = *at++;
+        if (byte == '{' || byte == '[')
             ++depth;
-        else if ((*at == '}' || *at == ']') && --depth == 0)
-            return at + 1;
-        ++at;
+        else if ((byte == '}' || byte == ']') && --depth == 0)
+            return at;
     }
 }
 
@@ -411,22 +422,23 @@ bool json_walk::next()
     if (object_) {
         const char *name = at_;
         at_ = behind_string(name, end_);
-        name_ = json_piece({name, at_});
+        name_.text_ = {name, at_};
         at_ = behind_blanks(behind_blanks(at_, end_) + 1, end_); // the colon stands between
     }
     const char *begin = at_;
     at_ = behind_value(begin, end_);
-    value_ = json_piece({begin, at_});
+    value_.text_ = {begin, at_};
     return true;
 }
 
 bool json_walk::is(std::string_view name) const
 {
     const std::string_view written = name_.text();
-    if (written.find('\\') == std::string_view::npos)
-        return written.size() == name.size() + 2 && written.substr(1, name.size()) == name;
+    if (written.size() < name.size() + 2)
+        return false;
+    const bool escaped = written.find('\\') != std::string_view::npos;
     std::string room;
-    return name_.string(&room) == name;
+    return escaped ? name_.string(&room) == name : written.substr(1, written.size() - 2) == name;
 }
 
 bool ve_parameters::next(ve_parameter *entry)

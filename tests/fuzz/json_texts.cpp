@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/ve_json.h"
+#include "base/json_ref.h"
 #include "platform/ve_json_text.h"
 
 static int append(const char *data, size_t size, void *out)
@@ -37,9 +37,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const std::string_view text(reinterpret_cast<const char *>(data), size);
     const json_ref value{json_loadb(text.data(), text.size(), JSON_ALLOW_NUL | JSON_DECODE_ANY, nullptr)};
-    if (json_text_check(text) != static_cast<bool>(value))
+    // Jansson overlooks a NUL byte behind a number.
+    const bool accepted = json_text_check(text);
+    if (accepted != (value && text.find('\0') == std::string_view::npos))
         abort();
-    if (value)
+    if (accepted)
         expect_alike(json_piece(text), value.get());
     return 0;
 }

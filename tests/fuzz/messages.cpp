@@ -2,8 +2,8 @@
 #include <cstdint>
 
 #include "base/framing.h"
+#include "base/json_ref.h"
 #include "platform/ve_jrpcmsg.h"
-#include "platform/ve_json.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -20,5 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     ve_jrpcmsg_complete(request.get(), message.get());
     ve_jrpcmsg_error_title(request.get());
     ve_jrpcmsg_parameter_list(request.get());
+    ve_parameter entry;
+    for (ve_parameters list = ve_jrpcmsg_parameters(request.get()); list.next(&entry);) {
+    }
     return 0;
 }

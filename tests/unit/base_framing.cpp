@@ -5,7 +5,7 @@
 #include <cstring>
 #include <vector>
 
-#include "platform/ve_json.h"
+#include "base/json_ref.h"
 
 namespace
 {
@@ -64,6 +64,28 @@ TEST(WireReader, KeepsAnUnfinishedLineAcrossManyTakenOnes)
         ASSERT_EQ(line, tail + std::to_string(i) + " one");
         ASSERT_EQ(reader.next(&line), state::more);
         tail = std::to_string(i) + " half";
+    }
+}
+
+TEST(WireReader, GivesALineAwayAndGoesOnBehindIt)
+{
+    const std::string large(size_t{1} << 20, 'x');
+    for (const std::string &first : {std::string("a"), large}) {
+        for (const std::string &behind : {std::string(), std::string("half a line"), large}) {
+            wire_reader reader;
+            put(&reader, first + "\nnext\n" + behind);
+            std::string_view line;
+            ASSERT_EQ(reader.next(&line), state::line);
+            const wire_memory memory = reader.release(&line);
+            ASSERT_EQ(line.data(), memory.get());
+            std::string_view following;
+            ASSERT_EQ(reader.next(&following), state::line);
+            EXPECT_EQ(following, "next");
+            put(&reader, " ends\r\n");
+            ASSERT_EQ(reader.next(&following), state::line);
+            EXPECT_EQ(following, behind + " ends");
+            EXPECT_EQ(line, first);
+        }
     }
 }
 

@@ -10,8 +10,8 @@
 #include <pthread.h>
 #include <vector>
 
+#include "base/json_ref.h"
 #include "interrupts.h"
-#include "platform/ve_json.h"
 #include "platform/ve_wait.h"
 #include "vebase_scripted_peer.h"
 
@@ -155,6 +155,34 @@ TEST(JrpcApi, StaysUsableAfterATimeOutAndDropsTheLateAnswer)
     const msg_ref second(ve_jrpcmsg_create_new("Ask", nullptr));
     ASSERT_EQ(ve_jrpcapi_exec(ctx.get(), second.get()), 0);
     EXPECT_STREQ(json_string_value(json_object_get(ve_jrpcmsg_result(second.get()), "Which")), "next");
+}
+
+TEST(JrpcApi, AnAnswerStaysWhatItIsWhileTheLinkGoesOn)
+{
+    const std::string large(size_t{1} << 20, 'x');
+    const std::string sizes[] = {"small", large, "short", large};
+    const scripted_peer peer([&](peer_link &link) {
+        // Behind a small answer stands a large message, behind a large answer a small one.
+        for (const std::string &text : sizes) {
+            const std::string behind = text == large ? "y" : large;
+            const long id = link.request();
+            link.send(peer_link::answer_text(id, R"({"ParameterList":[{"Name":")" + text + R"("}]})") +
+                      R"({"method":"Other","params":{"Text":")" + behind + "\"}}\n");
+        }
+        link.closed();
+    });
+    const context ctx = connected_to(peer);
+    std::vector<msg_ref> messages;
+    for (size_t i = 0; i < std::size(sizes); ++i) {
+        messages.emplace_back(ve_jrpcmsg_create_new("Ask", nullptr));
+        ASSERT_EQ(ve_jrpcapi_exec(ctx.get(), messages.back().get()), 0);
+    }
+    for (size_t i = 0; i < std::size(sizes); ++i) {
+        ve_parameter entry;
+        ASSERT_TRUE(ve_jrpcmsg_has_result(messages[i].get()));
+        ASSERT_TRUE(ve_jrpcmsg_parameters(messages[i].get()).next(&entry));
+        EXPECT_TRUE(entry.name == sizes[i]) << i;
+    }
 }
 
 TEST(JrpcApi, BoundsTheWholeExchangeAgainstAPeerThatNeverStopsSending)

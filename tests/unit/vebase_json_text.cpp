@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/ve_json.h"
+#include "base/json_ref.h"
 
 namespace
 {
@@ -248,6 +248,7 @@ TEST(JsonText, RefusesWhatJanssonRefuses)
                              "{\"a\\u0000\":1}"})
         EXPECT_FALSE(accepted(text)) << text;
     EXPECT_FALSE(accepted(std::string_view("[1]\0", 4)));
+    EXPECT_FALSE(json_text_check(std::string_view("[1\0]", 4))); // which Jansson overlooks
     EXPECT_FALSE(accepted(std::string_view("\"a\0b\"", 5)));
     EXPECT_FALSE(accepted(std::string(400, '1') + ".5"));
 }
@@ -272,6 +273,15 @@ TEST(JsonText, ReadsAnyDocumentAsJanssonDoes)
         ASSERT_FALSE(HasFailure());
     }
     EXPECT_GT(valid, 3000U);
+}
+
+TEST(JsonText, MembersAreFoundByWhatTheirNamesMean)
+{
+    const json_piece object(R"({"\\":1, "\\\\":2, "\"a":3, "\u0041\n":4})");
+    EXPECT_EQ(shown(object.member("\\")), "1");
+    EXPECT_EQ(shown(object.member("\\\\")), "2");
+    EXPECT_EQ(shown(object.member("\"a")), "3");
+    EXPECT_EQ(shown(object.member("A\n")), "4");
 }
 
 TEST(JsonText, MembersGivenTwiceAreTheLastOnes)

@@ -20,6 +20,7 @@ constexpr int blind_wait_ms = 100;
 constexpr int code_too_large = 9004;
 // Events kept while an exchange waits; a flood of them must not fill the memory.
 constexpr size_t early_max = 1024;
+constexpr size_t long_line = size_t{4} << 20;
 
 /// Ends an exchange without an answer. Always returns -1.
 int fail(ve_jrpcapi *ctx, ve_jrpcmsg *message, int error)
@@ -70,14 +71,30 @@ taken take_object(ve_jrpcapi *ctx, json_ref *object)
 taken take_answer(ve_jrpcapi *ctx, ve_jrpcmsg *message)
 {
     for (;;) {
-        json_ref object;
-        if (const taken got = take_object(ctx, &object); got != taken::found)
-            return got;
-        if (json_object_get(object.get(), "method") != nullptr) {
+        std::string_view line;
+        const auto state = ctx->reader.next(&line);
+        if (state == wire_reader::state::more)
+            return taken::nothing;
+        json_piece object;
+        if (state == wire_reader::state::line && json_text_check(line))
+            object = json_piece(line);
+        if (!object.is_object())
+            return taken::garbage;
+        // That took its time. Nobody awaits the answer any more when Ctrl-C came meanwhile.
+        if (line.size() > long_line) {
+            ve_wait_checkpoint();
+            if (ve_wait_interrupted())
+                continue;
+        }
+        const ve_jrpc_parts parts(object);
+        if (parts.method) {
             if ((ctx->flags & ve_jrpcapi_flag_events) != 0 && ctx->early.size() < early_max)
-                ctx->early.push_back(std::move(object));
-        } else if (message != nullptr && ve_jrpcmsg_is_answered_by(message, object.get())) {
-            ve_jrpcmsg_take_answer(message, object.get());
+                ctx->early.emplace_back(object.load());
+        } else if (message != nullptr && ve_jrpcmsg_is_answered_by(message, parts)) {
+            const char *const place = line.data();
+            wire_memory memory = ctx->reader.release(&line);
+            ve_jrpcmsg_take_answer(message, line.data() == place ? parts : ve_jrpc_parts(json_piece(line)),
+                                   std::move(memory));
             return taken::found;
         }
     }

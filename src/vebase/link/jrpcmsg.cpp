@@ -3,6 +3,7 @@
 #include <charconv>
 #include <climits>
 #include <cstring>
+#include <utility>
 
 #include "base/framing.h"
 #include "vebase/link/jrpcmsg_impl.h"
@@ -55,35 +56,31 @@ bool is_id(const json_t *value)
     return json_is_number(value) || json_is_string(value);
 }
 
-/// Result and error of an answer object. Whatever is not shaped like an answer reads as an error, never as a success.
-void read_answer(ve_jrpcmsg *message, json_t *answer)
+void set_result(ve_jrpc_end *end, json_piece result)
 {
-    json_t *result = json_object_get(answer, "result");
-    const json_t *error = json_object_get(answer, "error");
-    message->completed = true;
-    message->answer = json_ref::share(answer);
-    message->result.reset();
-    message->data.reset();
-    message->text.clear();
-    message->code = 0;
-    if (error == nullptr || json_is_null(error)) {
-        if (json_is_object(result)) {
-            message->result = json_ref::share(result);
-            return;
-        }
-        message->code = code_malformed;
-        message->text = "the daemon's answer has no result";
-        return;
-    }
-    const json_t *code = json_object_get(error, "code");
-    const json_int_t number = json_integer_value(code);
-    message->code = number == 0 || number < INT_MIN || number > INT_MAX ? code_malformed : static_cast<int>(number);
-    const json_t *text = json_object_get(error, "message");
-    if (json_is_string(text))
-        message->text.assign(json_string_value(text), json_string_length(text));
-    json_t *data = json_object_get(error, "data");
-    if (json_is_object(data))
-        message->data = json_ref::share(data);
+    end->result = result;
+    const json_piece list = result.member("ParameterList");
+    end->list = list.is_array() ? list : json_piece();
+}
+
+void read_error(ve_jrpc_end *end, json_piece error)
+{
+    const json_ref code(error.member("code").load());
+    const json_int_t number = json_integer_value(code.get());
+    end->code = number == 0 || number < INT_MIN || number > INT_MAX ? code_malformed : static_cast<int>(number);
+    std::string room;
+    end->text = error.member("message").string(&room).value_or("");
+    if (const json_piece data = error.member("data"); data.is_object())
+        end->data.reset(data.load());
+}
+
+/// The value as a text that `memory` holds then.
+json_piece written(const json_t *value, wire_memory *memory)
+{
+    std::string text;
+    append_json(value, &text);
+    memory->reset(strdup(text.c_str())); // JSON holds no NUL byte
+    return json_piece({memory->get(), text.size()});
 }
 
 void read_event(ve_jrpcmsg *message, const json_t *json)
@@ -106,15 +103,15 @@ json_t *made_answer(const ve_jrpcmsg *message)
     set_own(answer, "jsonrpc", json_string("2.0"));
     if (message->id)
         json_object_set(answer, "id", message->id.get());
-    if (message->code == 0) {
-        json_object_set(answer, "result", message->result.get());
+    if (message->end.code == 0) {
+        json_object_set(answer, "result", ve_jrpcmsg_result(message));
         return answer;
     }
     json_t *error = json_object();
-    set_own(error, "code", json_integer(message->code));
-    set_own(error, "message", json_stringn(message->text.data(), message->text.size()));
-    if (message->data)
-        json_object_set(error, "data", message->data.get());
+    set_own(error, "code", json_integer(message->end.code));
+    set_own(error, "message", json_stringn(message->end.text.data(), message->end.text.size()));
+    if (message->end.data)
+        json_object_set(error, "data", message->end.data.get());
     set_own(answer, "error", error);
     return answer;
 }
@@ -143,7 +140,9 @@ ve_jrpcmsg *ve_jrpcmsg_parse_json(json_t *json)
     message->keeps_id = true;
     if (method == nullptr) {
         message->kind = ve_jrpcmsg_answer;
-        read_answer(message, json);
+        wire_memory memory;
+        const ve_jrpc_parts parts(written(json, &memory));
+        ve_jrpcmsg_take_answer(message, parts, std::move(memory));
         return message;
     }
     message->method = json_string_value(method);
@@ -202,8 +201,8 @@ int ve_jrpcmsg_typeof(const ve_jrpcmsg *message)
 
 json_t *ve_jrpcmsg_json(const ve_jrpcmsg *message)
 {
-    if (message->completed)
-        return message->answer ? json_incref(message->answer.get()) : made_answer(message);
+    if (message->end.completed)
+        return message->end.answer ? message->end.answer.load() : made_answer(message);
     if (message->raw)
         return json_incref(message->raw.get());
     json_t *json = json_object();
@@ -233,35 +232,47 @@ json_t *ve_jrpcmsg_params(ve_jrpcmsg *message)
     return message->params.get();
 }
 
+bool ve_jrpcmsg_has_result(const ve_jrpcmsg *message)
+{
+    return static_cast<bool>(message->end.result);
+}
+
 json_t *ve_jrpcmsg_result(const ve_jrpcmsg *message)
 {
-    return message->result.get();
+    if (!message->end.result_value)
+        message->end.result_value.reset(message->end.result.load());
+    return message->end.result_value.get();
 }
 
 json_t *ve_jrpcmsg_parameter_list(const ve_jrpcmsg *message)
 {
-    json_t *list = json_object_get(message->result.get(), "ParameterList");
+    json_t *list = json_object_get(ve_jrpcmsg_result(message), "ParameterList");
     return json_is_array(list) ? list : nullptr;
+}
+
+ve_parameters ve_jrpcmsg_parameters(const ve_jrpcmsg *message)
+{
+    return ve_parameters(message->end.list);
 }
 
 int ve_jrpcmsg_error_code(const ve_jrpcmsg *message)
 {
-    return message->code;
+    return message->end.code;
 }
 
 const char *ve_jrpcmsg_error_title(const ve_jrpcmsg *message)
 {
-    return message->code == 0 ? "" : ve_jrpc_error_title(message->code);
+    return message->end.code == 0 ? "" : ve_jrpc_error_title(message->end.code);
 }
 
 const char *ve_jrpcmsg_error_message(const ve_jrpcmsg *message)
 {
-    return message->text.c_str();
+    return message->end.text.c_str();
 }
 
 json_t *ve_jrpcmsg_error_data(const ve_jrpcmsg *message)
 {
-    return message->data.get();
+    return message->end.data.get();
 }
 
 size_t ve_jrpcmsg_event_id(const ve_jrpcmsg *message)
@@ -276,41 +287,61 @@ json_t *ve_jrpcmsg_event_value(const ve_jrpcmsg *message)
 
 void ve_jrpcmsg_set_result_new(ve_jrpcmsg *message, json_t *result)
 {
-    message->answer.reset();
-    message->result.reset(result);
-    message->data.reset();
-    message->text.clear();
-    message->code = 0;
-    message->completed = result != nullptr;
+    message->end = {};
+    message->end.completed = result != nullptr;
+    const json_ref owned(result);
+    if (result != nullptr)
+        set_result(&message->end, written(result, &message->end.memory));
 }
 
 void ve_jrpcmsg_set_error(ve_jrpcmsg *message, int code, const char *text, json_t *data)
 {
-    ve_jrpcmsg_set_result_new(message, nullptr);
-    message->code = code;
-    message->text = text;
-    message->data.reset(data);
-    message->completed = true;
+    message->end = {};
+    message->end.completed = true;
+    message->end.code = code;
+    message->end.text = text;
+    message->end.data.reset(data);
 }
 
-void ve_jrpcmsg_take_answer(ve_jrpcmsg *request, json_t *answer)
+ve_jrpc_parts::ve_jrpc_parts(json_piece object) : answer(object)
 {
-    read_answer(request, answer);
+    for (json_walk members(object); members.next();) {
+        if (members.is("method"))
+            method = members.value();
+        else if (members.is("id"))
+            id = members.value();
+        else if (members.is("result"))
+            result = members.value();
+        else if (members.is("error"))
+            error = members.value();
+    }
 }
 
-void ve_jrpcmsg_complete(ve_jrpcmsg *request, const ve_jrpcmsg *answer)
+void ve_jrpcmsg_take_answer(ve_jrpcmsg *request, const ve_jrpc_parts &parts, wire_memory memory)
 {
-    request->answer = json_ref::share(answer->answer.get());
-    request->result = json_ref::share(answer->result.get());
-    request->code = answer->code;
-    request->text = answer->text;
-    request->data = json_ref::share(answer->data.get());
-    request->completed = true;
+    request->end = {};
+    request->end.completed = true;
+    request->end.memory = std::move(memory);
+    request->end.answer = parts.answer;
+    // Whatever is not shaped like an answer reads as an error, never as a success.
+    if (parts.error && !parts.error.is_null()) {
+        read_error(&request->end, parts.error);
+    } else if (parts.result.is_object()) {
+        set_result(&request->end, parts.result);
+    } else {
+        request->end.code = code_malformed;
+        request->end.text = "the daemon's answer has no result";
+    }
 }
 
-bool ve_jrpcmsg_is_answered_by(const ve_jrpcmsg *request, const json_t *answer)
+void ve_jrpcmsg_complete(ve_jrpcmsg *request, ve_jrpcmsg *answer)
 {
-    return request->id && json_equal(request->id.get(), json_object_get(answer, "id")) != 0;
+    request->end = std::exchange(answer->end, {});
+}
+
+bool ve_jrpcmsg_is_answered_by(const ve_jrpcmsg *request, const ve_jrpc_parts &parts)
+{
+    return request->id && json_equal(request->id.get(), json_ref(parts.id.load()).get()) != 0;
 }
 
 const char *ve_jrpc_error_title(int code)

@@ -3,8 +3,23 @@
 
 #include <string>
 
+#include "base/framing.h"
+#include "base/json_ref.h"
 #include "platform/ve_jrpcmsg.h"
-#include "platform/ve_json.h"
+#include "platform/ve_json_text.h"
+
+/// How a request ended, what an answer says.
+struct ve_jrpc_end {
+    bool completed = false;
+    wire_memory memory; ///< what the pieces stand in
+    json_piece answer;  ///< the whole answer; none when this stands for an answer that never came
+    json_piece result;  ///< an object, or none
+    json_piece list;    ///< the result's ParameterList: an array, or none
+    int code = 0;
+    std::string text;
+    json_ref data;
+    mutable json_ref result_value; ///< `result`, once somebody asked for it as a value
+};
 
 struct ve_jrpcmsg {
     int kind = ve_jrpcmsg_request;
@@ -17,19 +32,23 @@ struct ve_jrpcmsg {
     size_t event_id = 0;
     json_ref value; // of an event
 
-    // Completion of a request; the content of an answer.
-    bool completed = false;
-    json_ref answer; // the answer object; null when the completion stands for an answer that never came
-    json_ref result;
-    int code = 0;
-    std::string text;
-    json_ref data;
+    ve_jrpc_end end;
 };
 
-/// Completes `request` with the answer object (shared).
-void ve_jrpcmsg_take_answer(ve_jrpcmsg *request, json_t *answer);
-/// True when `answer` (an object without "method") carries the id of `request`.
-bool ve_jrpcmsg_is_answered_by(const ve_jrpcmsg *request, const json_t *answer);
+/// What decides about an object that came in.
+struct ve_jrpc_parts {
+    explicit ve_jrpc_parts(json_piece object);
+
+    json_piece answer; ///< the whole object
+    json_piece method;
+    json_piece id;
+    json_piece result;
+    json_piece error;
+};
+/// Completes `request` with an answer's parts, which stand in `memory`.
+void ve_jrpcmsg_take_answer(ve_jrpcmsg *request, const ve_jrpc_parts &parts, wire_memory memory);
+/// True when `parts` are the answer to `request`.
+bool ve_jrpcmsg_is_answered_by(const ve_jrpcmsg *request, const ve_jrpc_parts &parts);
 /// Appends the message as one line to `*out`. Returns 0, or -1 when it cannot be encoded or is longer than a line may
 /// be; `*out` is then as it was.
 int ve_jrpcmsg_encode(const ve_jrpcmsg *message, std::string *out);
