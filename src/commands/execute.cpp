@@ -3,11 +3,11 @@
 #include <cstring>
 #include <string>
 
+#include "base/json_ref.h"
 #include "commands/handler.h"
 #include "commands/place.h"
 #include "commands/values.h"
 #include "event/request.h"
-#include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "utils/json_util.h"
 
@@ -70,8 +70,8 @@ int process_execute(const char *name, command_args args)
         message = msg_ref(ve_jrpcmsg_cmd_execute(place.path.c_str(), list.release()));
     }
     msg_exec(message.get(), -1);
-    const json_t *output = ve_jrpcmsg_parameter_list(message.get());
-    if (json_array_size(output) > 0) {
+    const ve_parameters output = ve_jrpcmsg_parameters(message.get());
+    if (!output.empty()) {
         values_tree(output, "");
         return 0;
     }

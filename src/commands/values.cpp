@@ -6,12 +6,13 @@
 #include <string_view>
 #include <vector>
 
+#include "base/json_ref.h"
 #include "commands/handler.h"
 #include "commands/place.h"
 #include "event/request.h"
 #include "platform/ve_colors.h"
-#include "platform/ve_json.h"
 #include "platform/ve_out.h"
+#include "platform/ve_wait.h"
 #include "utils/colorscheme.h"
 #include "utils/json_util.h"
 
@@ -26,33 +27,39 @@ std::string query_name(const cdpath &place)
     return parameter ? place.path.text() : place.path.as_object();
 }
 
-/// The entry's name without the query in front, as far as that is there; null for an entry without a name.
-const char *name_below(const json_t *entry, const std::string &query)
+/// The name without the query in front, as far as that is there.
+std::string_view name_below(std::string_view name, const std::string &query)
 {
-    const char *name = json_text(entry, "Name");
-    return name != nullptr && strncmp(name, query.c_str(), query.size()) == 0 ? name + query.size() : name;
+    name = name.substr(0, name.find('\0'));
+    if (name.starts_with(query))
+        name.remove_prefix(query.size());
+    return name;
 }
 
-void print_list(const json_t *list, const std::string &query)
+void print_list(const ve_parameters &list, const std::string &query)
 {
     size_t width = 0;
-    size_t index;
-    json_t *entry;
-    json_array_foreach(list, index, entry)
-    {
-        if (const char *name = name_below(entry, query); name != nullptr)
-            width = std::max(width, strlen(name));
+    ve_parameter entry;
+    ve_wait_loop loop;
+    for (ve_parameters names = list; names.next(&entry) && !loop.interrupted();) {
+        if (entry.name)
+            width = std::max(width, name_below(*entry.name, query).size());
     }
-    json_array_foreach(list, index, entry)
-    {
-        const char *name = name_below(entry, query);
-        if (name == nullptr)
+    std::string text;
+    for (ve_parameters entries = list; entries.next(&entry) && !loop.interrupted();) {
+        if (!entry.name)
             continue;
-        if (*name == '\0') // a single parameter was asked for
-            name = dm_path::last_of(query).data();
-        ve_printf("%-*s = ", static_cast<int>(width), ve_visible(name));
+        text = name_below(*entry.name, query);
+        if (text.empty()) // a single parameter was asked for
+            text = dm_path::last_of(query);
+        const std::string_view shown = ve_visible(text.c_str());
+        ve_out_write(shown.data(), shown.size());
+        text.assign(width > shown.size() ? width - shown.size() : 0, ' ').append(" = ");
+        ve_out_write(text.data(), text.size());
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
-        ve_puts(ve_visible(json_compact(json_object_get(entry, "Value")).c_str()));
+        text.clear();
+        entry.value.append_to(&text);
+        ve_puts(ve_visible(text.c_str()));
         ve_colors_reset();
         ve_out_relieve();
     }
@@ -78,15 +85,14 @@ int print_values(const char *name, const char *path_text, bool tree)
     msg_ref message(ve_jrpcmsg_cmd_get_parameter_values_new(nullptr));
     ve_jrpcmsg_cmd_get_parameter_values_add(message.get(), query.c_str());
     msg_exec(message.get(), -1);
-    if (ve_jrpcmsg_result(message.get()) == nullptr) {
+    if (!ve_jrpcmsg_has_result(message.get())) {
         print_status(message.get());
         return -1;
     }
-    const json_t *list = ve_jrpcmsg_parameter_list(message.get());
     if (tree)
-        values_tree(list, query.c_str());
+        values_tree(ve_jrpcmsg_parameters(message.get()), query);
     else
-        print_list(list, query);
+        print_list(ve_jrpcmsg_parameters(message.get()), query);
     return 0;
 }
 

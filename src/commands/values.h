@@ -3,6 +3,8 @@
 
 #include "commands/handler.h"
 
+#include <string_view>
+
 #include "platform/ve_jrpcmsg.h"
 
 int process_cat(const char *name, command_args args);
@@ -11,5 +13,5 @@ int process_set(const char *name, command_args args);
 
 /// Prints how an executed message ended: "Status: OK", or the error with its data.
 void print_status(const ve_jrpcmsg *message);
-/// Prints `list`, an array of {"Name", "Value"}, as a tree whose root is named `path_text`; names are shown without it.
-void values_tree(const json_t *list, const char *path_text);
+/// Prints the values as a tree whose root is named `path`; names are shown without it. A wait point.
+void values_tree(ve_parameters list, std::string_view path);

@@ -34,6 +34,22 @@ void ve_wait_clear_interrupt();
 void ve_wait_note_end();
 bool ve_wait_ended();
 
+/// For the loops of what computes for long: says in every round whether Ctrl-C was noted, and looks for it in some.
+class ve_wait_loop
+{
+public:
+    bool interrupted()
+    {
+        if (++rounds_ % rounds_per_look == 0)
+            ve_wait_checkpoint();
+        return ve_wait_interrupted();
+    }
+
+private:
+    static constexpr unsigned rounds_per_look = 4096;
+    unsigned rounds_ = 0;
+};
+
 /// Removes a SIGINT that is still pending for this thread (one that came too late for its command).
 void ve_wait_discard_sigint();
 

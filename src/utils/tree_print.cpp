@@ -3,91 +3,170 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
+#include <functional>
+#include <utility>
 
 #include "platform/ve_colors.h"
 #include "platform/ve_out.h"
+#include "platform/ve_wait.h"
 #include "utils/colorscheme.h"
 #include "utils/json_util.h"
 
 namespace
 {
 
-/// The children of one node on the way down, and how far they are printed.
-struct level {
-    std::vector<json_t *> children; // borrowed, in the order to print
-    size_t next = 0;
-    size_t name_width = 0;
+/// So many are gone through faster than looked up.
+constexpr uint32_t few_children = 16;
 
-    bool more() const { return next < children.size(); }
-};
+} // namespace
 
-const char *name_of(const json_t *node)
+drawn_tree::node drawn_tree::make(node parent, std::string_view name)
 {
-    const char *name = json_text(node, "name");
-    return name != nullptr ? name : "";
+    const auto made = static_cast<node>(nodes_.size());
+    nodes_.push_back({.name = static_cast<uint32_t>(names_.size()),
+                      .name_size = static_cast<uint32_t>(name.size()),
+                      .parent = parent,
+                      .value = {}});
+    names_.append(name).push_back('\0');
+    if (made == root)
+        return made;
+    item &above = nodes_[parent];
+    (above.first_child == root ? above.first_child : nodes_[above.last_child].next) = made;
+    above.last_child = made;
+    ++above.children;
+    return made;
 }
 
-level level_of(const json_t *node)
+bool drawn_tree::is_child(node each, node parent, std::string_view wanted) const
+{
+    return nodes_[each].parent == parent && name(each) == wanted;
+}
+
+drawn_tree::slot &drawn_tree::slot_of(node parent, std::string_view wanted)
+{
+    const auto hash = static_cast<uint32_t>(std::hash<std::string_view>()(wanted) ^ (size_t{parent} * 0x9e3779b1U));
+    const size_t mask = index_.size() - 1;
+    size_t at = hash & mask;
+    while (index_[at].found != root && (index_[at].hash != hash || !is_child(index_[at].found, parent, wanted)))
+        at = (at + 1) & mask;
+    index_[at].hash = hash;
+    return index_[at];
+}
+
+void drawn_tree::index_child(node of)
+{
+    if (++indexed_ * 2 >= index_.size()) {
+        std::vector<slot> before(std::max<size_t>(index_.size() * 2, 1024));
+        before.swap(index_);
+        for (const slot &each : before) {
+            if (each.found != root)
+                slot_of(nodes_[each.found].parent, name(each.found)).found = each.found;
+        }
+    }
+    slot_of(nodes_[of].parent, name(of)).found = of;
+}
+
+drawn_tree::node drawn_tree::child(node parent, std::string_view wanted)
+{
+    if (nodes_[parent].children > few_children) {
+        if (const node found = slot_of(parent, wanted).found; found != root)
+            return found;
+    } else {
+        for (node each = nodes_[parent].first_child; each != root; each = nodes_[each].next) {
+            if (name(each) == wanted)
+                return each;
+        }
+    }
+    const node made = make(parent, wanted);
+    if (nodes_[parent].children > few_children + 1)
+        index_child(made);
+    else if (nodes_[parent].children == few_children + 1)
+        for (node each = nodes_[parent].first_child; each != root; each = nodes_[each].next)
+            index_child(each);
+    return made;
+}
+
+drawn_tree::level drawn_tree::level_of(node of) const
 {
     level result;
-    const json_t *content = json_object_get(node, "content");
-    const bool multi = json_is_true(json_object_get(node, "multi"));
+    const bool multi = nodes_[of].multi;
     bool nested = false;
-    size_t index;
-    json_t *child;
-    result.children.reserve(json_array_size(content));
-    json_array_foreach(content, index, child)
-    {
-        result.children.push_back(child);
-        result.name_width = std::max(result.name_width, strlen(name_of(child)));
-        nested = nested || json_object_get(child, "content") != nullptr;
+    for (node each = nodes_[of].first_child; each != root; each = nodes_[each].next) {
+        result.children.emplace_back(multi ? atoi(&names_[nodes_[each].name]) : 0, each);
+        result.name_width = std::max<size_t>(result.name_width, nodes_[each].name_size);
+        nested = nested || nodes_[each].first_child != root;
     }
     if (nested)
         result.name_width = 0;
-    std::stable_sort(result.children.begin(), result.children.end(), [multi](const json_t *a, const json_t *b) {
-        return multi ? atoi(name_of(a)) < atoi(name_of(b)) : strcmp(name_of(a), name_of(b)) < 0;
+    std::stable_sort(result.children.begin(), result.children.end(), [this, multi](const auto &a, const auto &b) {
+        return multi ? a.first < b.first : name(a.second) < name(b.second);
     });
     return result;
 }
 
-void print_line(const json_t *node, size_t name_width)
+void drawn_tree::draw_line(std::string *row, node of, size_t name_width) const
 {
-    const char *name = name_of(node);
-    ve_printf("%s", ve_visible(name));
-    if (const json_t *value = json_object_get(node, "value"); value != nullptr) {
-        const size_t length = strlen(name);
-        ve_printf("%*s = ", static_cast<int>(name_width > length ? name_width - length : 0), "");
+    const item &drawn = nodes_[of];
+    row->append(ve_visible(&names_[drawn.name]));
+    if (drawn.value) {
+        row->append(name_width > drawn.name_size ? name_width - drawn.name_size : 0, ' ').append(" = ");
+        ve_out_write(row->data(), row->size());
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
-        const std::string text = json_compact(value);
-        ve_printf("%s", ve_visible(text.c_str()));
+        row->clear();
+        drawn.value.append_to(row);
+        const char *shown = ve_visible(row->c_str());
+        ve_out_write(shown, strlen(shown));
         ve_colors_reset();
+        row->clear();
     }
-    ve_puts("");
+    row->push_back('\n');
+    ve_out_write(row->data(), row->size());
 }
 
-} // namespace
-
-void json_dump_tree(const json_t *tree)
+void drawn_tree::draw() const
 {
-    print_line(tree, 0);
+    std::string row;
+    std::string indentation;
+    draw_line(&row, root, 0);
     // A tree may be deeper than the call stack is.
     std::vector<level> levels;
-    levels.push_back(level_of(tree));
-    while (!levels.empty()) {
+    levels.push_back(level_of(root));
+    while (!levels.empty() && !ve_wait_interrupted()) {
         level &last = levels.back();
         if (!last.more()) {
             levels.pop_back();
+            if (!levels.empty())
+                indentation.resize(levels.back().indentation);
             continue;
         }
-        const json_t *node = last.children[last.next++];
-        for (size_t above = 0; above + 1 < levels.size(); ++above)
-            ve_printf("%s", levels[above].more() ? "│   " : "    ");
-        ve_printf("%s── ", last.more() ? "├" : "└");
-        print_line(node, last.name_width);
+        const node of = last.children[last.next++].second;
+        const bool more = last.more();
+        row.assign(indentation).append(more ? "├── " : "└── ");
+        draw_line(&row, of, last.name_width);
         ve_out_relieve();
-        if (json_array_size(json_object_get(node, "content")) > 0)
-            levels.push_back(level_of(node));
+        if (nodes_[of].first_child != root) {
+            last.indentation = indentation.size();
+            indentation.append(more ? "│   " : "    ");
+            levels.push_back(level_of(of));
+        }
     }
+}
+
+void json_dump_tree(const json_t *tree)
+{
+    const auto name_of = [](const json_t *described) {
+        const char *name = json_text(described, "name");
+        return name != nullptr ? name : "";
+    };
+    drawn_tree drawn(name_of(tree));
+    std::vector<std::pair<const json_t *, drawn_tree::node>> open{{tree, drawn_tree::root}};
+    while (!open.empty()) {
+        const auto [described, node] = open.back();
+        open.pop_back();
+        size_t index;
+        json_t *below;
+        json_array_foreach(json_object_get(described, "content"), index, below)
+            open.emplace_back(below, drawn.child(node, name_of(below)));
+    }
+    drawn.draw();
 }

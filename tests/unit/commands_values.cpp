@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "platform/ve_json.h"
+#include "base/json_ref.h"
 #include "platform/ve_out.h"
 
 namespace
@@ -30,8 +30,7 @@ std::string status_of(int code, const char *text, const char *data)
 
 std::string tree_of(const char *list, const char *name)
 {
-    const json_ref values(json_loads(list, JSON_ALLOW_NUL, nullptr));
-    return printed([&] { values_tree(values.get(), name); });
+    return printed([&] { values_tree(ve_parameters(json_piece(list)), name); });
 }
 
 } // namespace
@@ -84,7 +83,7 @@ TEST(ValuesTree, WhatIsNoListOrNoNameIsPassedOver)
         tree_of(R"([1, {"Value": 2}, {"Name": 3, "Value": 4}, {"Name": "a.b"}, {"Name": "x\u0000y", "Value": 5}])",
                 "D."),
         "D.\n├── a\n│   └── b\n└── x = 5\n");
-    EXPECT_EQ(printed([] { values_tree(nullptr, "D."); }), "D.\n");
+    EXPECT_EQ(printed([] { values_tree(ve_parameters(json_piece()), "D."); }), "D.\n");
 }
 
 TEST(ValuesTree, AValueBesideAFurtherLevelKeepsBoth)

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/ve_json.h"
+#include "base/json_ref.h"
 #include "platform/ve_out.h"
 #include "utils/tree_print.h"
 
@@ -27,12 +27,26 @@ std::string converted(const char *text, int type)
     return value ? json_compact(value.get()) : "none";
 }
 
-std::string drawn(const char *tree)
+void grow(drawn_tree *tree, drawn_tree::node node, json_piece described)
 {
-    const json_ref value = parse(tree);
+    std::string room;
+    if (described.member("multi"))
+        tree->set_multi(node);
+    if (const json_piece value = described.member("value"))
+        tree->set_value(node, value);
+    for (json_walk children(described.member("content")); children.next();)
+        grow(tree, tree->child(node, *children.value().member("name").string(&room)), children.value());
+}
+
+std::string drawn(const char *text)
+{
+    const json_piece described{text};
+    std::string room;
     testing::internal::CaptureStdout();
     ve_out_reopened();
-    json_dump_tree(value.get());
+    drawn_tree tree(*described.member("name").string(&room));
+    grow(&tree, drawn_tree::root, described);
+    tree.draw();
     ve_out_flush();
     return testing::internal::GetCapturedStdout();
 }
@@ -132,4 +146,27 @@ TEST(DumpTree, InstancesStandInNumericOrder)
 {
     EXPECT_EQ(drawn(R"({"name": "t", "multi": true, "content": [{"name": "10"}, {"name": "2"}, {"name": "1"}]})"),
               "t\n├── 1\n├── 2\n└── 10\n");
+}
+
+TEST(DumpTree, ChildrenAreFoundAgainHoweverManyThereAre)
+{
+    drawn_tree tree("t");
+    std::vector<drawn_tree::node> made;
+    for (int i = 0; i < 20000; ++i)
+        made.push_back(tree.child(i % 3 == 0 ? drawn_tree::root : made[i / 2], std::to_string(i % 1000)));
+    for (int i = 0; i < 20000; ++i)
+        ASSERT_EQ(tree.child(i % 3 == 0 ? drawn_tree::root : made[i / 2], std::to_string(i % 1000)), made[i]);
+}
+
+TEST(DumpTree, TakesTreesDeeperThanTheCallStack)
+{
+    drawn_tree tree("t");
+    drawn_tree::node last = drawn_tree::root;
+    for (int i = 0; i < 3000; ++i)
+        last = tree.child(last, "x");
+    testing::internal::CaptureStdout();
+    ve_out_reopened();
+    tree.draw();
+    ve_out_flush();
+    EXPECT_EQ(testing::internal::GetCapturedStdout().size(), 2U + 3000 * 12 + 4U * 3000 * 2999 / 2);
 }
