@@ -2,6 +2,7 @@
 
 values      result of GetParameterValues of "Device.Bulk.": 10,000 instances of 10 parameters
 answer      the same as a whole answer
+empty       a result of 8 MiB whose list holds empty objects alone
 attributes-root, attributes-device, attributes-bulk     the levels above
 attributes-words        the level "Device.Words." of 100,000 parameters
 rows-N      the three answers behind a listing of "Device.Rows.", a table of N instances: self, names, attributes
@@ -39,6 +40,7 @@ def value(row, field):
 values = {"ParameterList": [{"Name": f"Device.Bulk.Row.{row}.{field}", "Value": value(row, field)}
                             for row in range(1, 10001) for field in FIELDS]}
 write("values", values)
+write("empty", {"ParameterList": [{}] * (8 * 2**20 // 3)})
 write("answer", {"jsonrpc": "2.0", "id": 1, "result": values})
 write("attributes-root", attributes(("Device.", OBJECT)))
 write("attributes-device", attributes(("Device.", OBJECT), ("Device.Bulk.", OBJECT), ("Device.Rows.", TABLE), ("Device.Words.", OBJECT)))

@@ -31,9 +31,11 @@ serve() {
 # title TEXT
 title() { printf '\n%s\n' "$1"; }
 
-# row WHAT MEASURED AGAINST RATIO TARGET: TARGET is "<= N", ">= N" or empty.
+# row WHAT MEASURED AGAINST RATIO TARGET: TARGET is "<= N", ">= N" or empty. The ratio that the row had before comes from before.tsv.
 row() {
-    printf '%-52s %12s %12s %8s %9s' "$1" "$2" "$3" "$4" "$5"
+    local before
+    before=$(awk -F'\t' -v script="$(basename "$0" .sh)" -v what="$1" '$1 == script && $2 == what { print $3 }' bench/before.tsv)
+    printf '%-58s %12s %12s %8s %8s %9s' "$1" "$2" "$3" "$4" "$before" "$5"
     if [ -n "$5" ] && ! awk -v r="$4" -v t="${5#* }" -v o="${5%% *}" 'BEGIN { exit !(o == "<=" ? r + 0 <= t + 0 : r + 0 >= t + 0) }'; then
         printf '  MISSED'
     fi
