@@ -2,11 +2,10 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <memory>
 
+#include "base/json_ref.h"
 #include "event/listener.h"
 #include "event/request.h"
-#include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 
@@ -25,10 +24,10 @@ json_t *decode_argument(command_args params)
 /// "<< " and the value over several lines.
 void print_answer(const json_t *answer)
 {
-    const std::unique_ptr<char, decltype(&ve_json_free)> text(json_dumps(answer, JSON_INDENT(4) | JSON_ENCODE_ANY),
-                                                              &ve_json_free);
+    char *text = json_dumps(answer, JSON_INDENT(4) | JSON_ENCODE_ANY);
     ve_out_write("<< ", 3);
-    ve_puts(ve_visible_lines(text.get()));
+    ve_puts(ve_visible_lines(text));
+    free(text);
 }
 
 void act_stop(int)

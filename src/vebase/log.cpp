@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "platform/ve_json.h"
+#include <jansson.h>
 
 void __ve_log_assert_fmt(const char *expression, const char *unit, int line, const char *function, const char *format,
                          ...)
@@ -44,6 +44,11 @@ void *ve_xcalloc(size_t count, size_t size, const char *function, int line, cons
 namespace
 {
 
+void *json_memory(size_t size)
+{
+    return ve_xmalloc(size, "json", __LINE__, "json");
+}
+
 void out_of_memory()
 {
     __ve_log_assert_fmt("pointer != NULL", "new", __LINE__, "operator new", "xmalloc failed at func %s:%zu (%s)",
@@ -55,5 +60,5 @@ void out_of_memory()
 void ve_log_allocations_are_fatal()
 {
     std::set_new_handler(out_of_memory);
-    ve_json_own_memory();
+    json_set_alloc_funcs(json_memory, free);
 }
