@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "base/json_ref.h"
+#include "base/json_write.h"
 
 namespace
 {
@@ -310,12 +311,6 @@ const char *behind_value(const char *at, const char *end)
     }
 }
 
-int append_chunk(const char *data, size_t size, void *out)
-{
-    static_cast<std::string *>(out)->append(data, size);
-    return 0;
-}
-
 /// Whether Jansson writes the value as it stands.
 bool is_written_alike(std::string_view text)
 {
@@ -382,8 +377,7 @@ void json_piece::append_to(std::string *out) const
         return;
     }
     if (!is_array()) {
-        const json_ref value(load());
-        json_dump_callback(value.get(), append_chunk, out, JSON_ENCODE_ANY);
+        out->append(json_written(json_ref(load()).get(), 0));
         return;
     }
     // Arrays in arrays are gone through once, however deep they are.

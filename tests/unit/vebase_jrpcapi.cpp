@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <vector>
 
 #include "base/json_ref.h"
@@ -183,6 +184,35 @@ TEST(JrpcApi, AnAnswerStaysWhatItIsWhileTheLinkGoesOn)
         ASSERT_TRUE(ve_jrpcmsg_parameters(messages[i].get()).next(&entry));
         EXPECT_TRUE(entry.name == sizes[i]) << i;
     }
+}
+
+TEST(JrpcApi, AListOfEmptyEntriesCostsLittleMoreThanItsLine)
+{
+    constexpr size_t count = (size_t{8} << 20) / 3;
+    const auto peak_bytes = [] {
+        rusage usage;
+        getrusage(RUSAGE_SELF, &usage);
+        return static_cast<size_t>(usage.ru_maxrss) << 10;
+    };
+    std::string list = "{}";
+    list.reserve(3 * count);
+    while (list.size() < 3 * (count - 1))
+        list += ",{}";
+    const scripted_peer peer([&](peer_link &link) {
+        link.answer(link.request(), R"({"ParameterList":[)" + list + "]}");
+        link.closed();
+    });
+    const context ctx = connected_to(peer);
+    const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+    const size_t before = peak_bytes();
+    ASSERT_EQ(ve_jrpcapi_exec(ctx.get(), message.get()), 0);
+    size_t found = 0;
+    ve_parameter entry;
+    for (ve_parameters entries = ve_jrpcmsg_parameters(message.get()); entries.next(&entry);)
+        ++found;
+    EXPECT_EQ(found, count);
+    // The peer in this process holds the line several times, too.
+    EXPECT_LT(peak_bytes() - before, size_t{96} << 20);
 }
 
 TEST(JrpcApi, BoundsTheWholeExchangeAgainstAPeerThatNeverStopsSending)

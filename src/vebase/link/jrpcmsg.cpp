@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "base/framing.h"
+#include "base/json_write.h"
 #include "vebase/link/jrpcmsg_impl.h"
 
 namespace
@@ -77,8 +78,7 @@ void read_error(ve_jrpc_end *end, json_piece error)
 /// The value as a text that `memory` holds then.
 json_piece written(const json_t *value, wire_memory *memory)
 {
-    std::string text;
-    append_json(value, &text);
+    const std::string text = json_written(value, JSON_COMPACT);
     memory->reset(strdup(text.c_str())); // JSON holds no NUL byte
     return json_piece({memory->get(), text.size()});
 }
