@@ -124,13 +124,13 @@ pid_t ve_child_start(const char *command, bool reads, int *fd)
     return -1;
 }
 
-int ve_child_wait(pid_t child)
+int ve_child_wait(pid_t child, int64_t deadline)
 {
     pollfd ended = {static_cast<int>(syscall(SYS_pidfd_open, child, 0)), POLLIN, 0};
-    const bool interrupted = ended.fd >= 0 && ve_wait_poll(&ended, 1, -1) < 0;
+    const bool waited = ended.fd < 0 || ve_wait_poll(&ended, 1, deadline) > 0;
     if (ended.fd >= 0)
         close(ended.fd);
-    if (interrupted) {
+    if (!waited) {
         ve_child_leave(child);
         errno = EINTR;
         return -1;

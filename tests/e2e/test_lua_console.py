@@ -486,6 +486,18 @@ def test_a_child_that_minds_no_ctrl_c_holds_nothing_up(veld, shell, use):
     assert term.run("pwd") == [":"]
 
 
+@pytest.mark.parametrize("use", ["f:read()", "f:close()"])
+def test_a_tab_that_waits_for_a_child_ends_by_itself(veld, shell, use):
+    term = shell(to=veld)
+    term.run("lua")
+    term.run("f = io.popen('sleep 100')")
+    term.run(f"t = setmetatable({{}}, {{__index = function() {use} end}})")
+    term.type("t.x.\ty")
+    term.wait_for(lambda t: t.line(t.cursor[0]).endswith("> t.x.y"))
+    term.type(Key.CTRL_U)
+    assert term.run("1 + 1") == ["_[1] = 2"]
+
+
 def test_ctrl_c_stops_a_statement_of_the_shell(veld, shell):
     term = shell(to=veld)
     for code in ENDLESS[:5] + ENDLESS[-2:]:

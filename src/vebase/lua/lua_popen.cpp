@@ -24,10 +24,16 @@ struct child_pipe {
     bool reads;
 };
 
+/// Where code has a limited time, nothing waits longer.
+int64_t deadline()
+{
+    return ve_wait_deadline(ve_lua_time_left(-1));
+}
+
 bool wait_ready(int fd, short events)
 {
     pollfd end{.fd = fd, .events = events, .revents = 0};
-    const bool ready = ve_wait_poll(&end, 1, -1) >= 0;
+    const bool ready = ve_wait_poll(&end, 1, deadline()) > 0;
     errno = EINTR;
     return ready;
 }
@@ -63,7 +69,7 @@ int pipe_close(void *cookie)
     if (context->in_gc && !context->finishes_children)
         ve_child_leave(pipe->child);
     else
-        context->child_status = ve_child_wait(pipe->child);
+        context->child_status = ve_child_wait(pipe->child, deadline());
     delete pipe;
     return 0;
 }
