@@ -11,6 +11,7 @@ struct hsv_color {
     uint16_t hue;
     uint8_t saturation;
     uint8_t value;
+    bool operator==(const hsv_color &) const = default;
 };
 
 /// Colour 1 errors, 2 success, 3 instance numbers.

@@ -14,13 +14,15 @@ namespace
 constexpr itimerval reminders = {.it_interval = {0, 100'000}, .it_value = {0, 100'000}};
 constexpr int reminders_max = 50;
 
-bool guarded = false;
-volatile sig_atomic_t ended_by = 0;
-volatile sig_atomic_t reminded = 0;
+struct {
+    bool guarded = false;
+    volatile sig_atomic_t ended_by = 0; // the signal
+    volatile sig_atomic_t reminders = 0;
+} session;
 
 void end(int signal)
 {
-    ended_by = signal;
+    session.ended_by = signal;
     end_run();
     ve_wait_note_end();
     setitimer(ITIMER_REAL, &reminders, nullptr);
@@ -28,11 +30,11 @@ void end(int signal)
 
 void remind(int)
 {
-    reminded = reminded + 1;
-    if (reminded < reminders_max)
+    session.reminders = session.reminders + 1;
+    if (session.reminders < reminders_max)
         return;
-    signal(ended_by, SIG_DFL);
-    raise(ended_by);
+    signal(session.ended_by, SIG_DFL);
+    raise(session.ended_by);
 }
 
 /// Unless it is ignored. Calls that wait end.
@@ -49,11 +51,11 @@ void handle(int signal, void (*handler)(int))
 
 } // namespace
 
-session_guard::session_guard() : guards_(!guarded)
+session_guard::session_guard() : guards_(!session.guarded)
 {
     if (!guards_)
         return;
-    guarded = true;
+    session.guarded = true;
     handle(SIGALRM, remind);
     handle(SIGHUP, end);
     handle(SIGTERM, end);
@@ -63,9 +65,9 @@ session_guard::~session_guard()
 {
     if (!guards_)
         return;
-    guarded = false;
+    session.guarded = false;
     for (const int signal : {SIGHUP, SIGTERM})
         handle(signal, SIG_DFL);
-    if (ended_by != 0)
-        raise(ended_by);
+    if (session.ended_by != 0)
+        raise(session.ended_by);
 }

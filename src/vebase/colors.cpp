@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
+#include <utility>
 
 #include "platform/ve_out.h"
 
@@ -125,15 +127,10 @@ void ve_colors_set_hsv2(const hsv_color &color)
     if (!ve_out_is_terminal())
         return;
     // The text of the last colour is kept: a listing sets the same one for every row.
-    static hsv_color last{};
-    static std::string sequence;
-    static bool made = false;
-    if (!made || memcmp(&last, &color, sizeof color) != 0) {
-        sequence = ve_colors_sequence(color);
-        last = color;
-        made = true;
-    }
-    ve_out_write(sequence.data(), sequence.size());
+    static std::optional<std::pair<hsv_color, std::string>> last;
+    if (!last || last->first != color)
+        last = {color, ve_colors_sequence(color)};
+    ve_out_write(last->second.data(), last->second.size());
 }
 
 void ve_colors_reset()

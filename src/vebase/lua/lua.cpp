@@ -21,11 +21,13 @@ constexpr int slow_hook_interval = 1;
 constexpr int64_t slow_ns = 2000000;
 constexpr int quick_looks = 1000;
 
-ve_lua_hooks hooks;
-int64_t time_limit = -1; // a point in time, as ve_wait_deadline gives it
-lua_CFunction xpcall_function = nullptr;
-int64_t last_look = 0; // ns
-int quick = 0;         // looks since calls took long
+struct {
+    ve_lua_hooks hooks;
+    int64_t time_limit = -1; // a point in time, as ve_wait_deadline gives it
+    lua_CFunction xpcall = nullptr;
+    int64_t last_look = 0; // ns
+    int quick = 0;         // looks since calls took long
+} interpreter;
 
 int return_argument(lua_State *)
 {
@@ -43,7 +45,7 @@ void drop_message_handlers(lua_State *L)
     while (frames.next(&frame)) {
         if (lua_getinfo(L, "f", &frame) == 0)
             return;
-        const bool is_xpcall = lua_tocfunction(L, -1) == xpcall_function;
+        const bool is_xpcall = lua_tocfunction(L, -1) == interpreter.xpcall;
         lua_pop(L, 1);
         if (!is_xpcall)
             continue;
@@ -59,10 +61,10 @@ void hook(lua_State *L, lua_Debug *)
     if (ve_lua_stop_is_due())
         ve_lua_check_interrupt(L);
     const int64_t now = monotonic_ns();
-    const bool slow = now - last_look > slow_ns;
-    last_look = now;
-    quick = slow ? 0 : std::min(quick + 1, quick_looks);
-    const int interval = quick >= quick_looks ? hook_interval : slow_hook_interval;
+    const bool slow = now - interpreter.last_look > slow_ns;
+    interpreter.last_look = now;
+    interpreter.quick = slow ? 0 : std::min(interpreter.quick + 1, quick_looks);
+    const int interval = interpreter.quick >= quick_looks ? hook_interval : slow_hook_interval;
     if (lua_gethookcount(L) != interval)
         lua_sethook(L, hook, LUA_MASKCOUNT, interval);
 }
@@ -127,7 +129,7 @@ int error_text(lua_State *L)
 
 void restart_hook(lua_State *L)
 {
-    quick = 0;
+    interpreter.quick = 0;
     if (lua_gethook(L) == hook)
         lua_sethook(L, hook, LUA_MASKCOUNT, slow_hook_interval);
 }
@@ -154,17 +156,17 @@ ve_lua_sigint_blocked::~ve_lua_sigint_blocked()
 
 void ve_lua_set_hooks(const ve_lua_hooks &filled)
 {
-    hooks = filled;
+    interpreter.hooks = filled;
 }
 
 const ve_lua_hooks &ve_lua_installed_hooks()
 {
-    return hooks;
+    return interpreter.hooks;
 }
 
 bool ve_lua_stop_is_due()
 {
-    return ve_wait_interrupted() || (time_limit >= 0 && ve_wait_deadline(0) >= time_limit);
+    return ve_wait_interrupted() || (interpreter.time_limit >= 0 && ve_wait_deadline(0) >= interpreter.time_limit);
 }
 
 void ve_lua_check_interrupt(lua_State *L)
@@ -181,23 +183,23 @@ void ve_lua_check_interrupt(lua_State *L)
 
 void ve_lua_limit_time(lua_State *L, int milliseconds)
 {
-    time_limit = ve_wait_deadline(milliseconds);
+    interpreter.time_limit = ve_wait_deadline(milliseconds);
     if (milliseconds < 0)
         restart_hook(L);
 }
 
 int ve_lua_time_left(int timeout_ms)
 {
-    if (time_limit < 0)
+    if (interpreter.time_limit < 0)
         return timeout_ms;
-    const int64_t left = std::max<int64_t>(time_limit - ve_wait_deadline(0), 0);
+    const int64_t left = std::max<int64_t>(interpreter.time_limit - ve_wait_deadline(0), 0);
     return timeout_ms < 0 ? static_cast<int>(left) : static_cast<int>(std::min<int64_t>(left, timeout_ms));
 }
 
 void ve_lua_open_interrupts(lua_State *L)
 {
     lua_getglobal(L, "xpcall");
-    xpcall_function = lua_tocfunction(L, -1);
+    interpreter.xpcall = lua_tocfunction(L, -1);
     lua_pop(L, 1);
     lua_sethook(L, hook, LUA_MASKCOUNT, slow_hook_interval);
 }
