@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -8,7 +7,6 @@
 #include "cdpath/dm_builder.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
-#include "utils/json_util.h"
 
 namespace
 {
@@ -109,15 +107,13 @@ json_t *cdpath_content(const dm_path &path, const dm_node *node, const char *tex
     const bool ordered = node->is_ordered();
     const msg_ref message(ve_jrpcmsg_cmd_get_parameter_names(path.as_object().c_str(), 1));
     msg_exec(message.get(), -1);
-    if (ve_jrpcmsg_result(message.get()) == nullptr)
+    if (!ve_jrpcmsg_has_result(message.get()))
         return nullptr;
     name_list list(text, flags);
-    size_t index;
-    json_t *entry;
-    json_array_foreach(ve_jrpcmsg_parameter_list(message.get()), index, entry)
-    {
-        const char *spelled = json_text(entry, "Name");
-        const std::string_view name = dm_path::without_dot(path.relative(spelled != nullptr ? spelled : ""));
+    ve_parameter entry;
+    for (ve_parameters entries = ve_jrpcmsg_parameters(message.get()); entries.next(&entry);) {
+        const std::string_view spelled = entry.name.value_or("");
+        const std::string_view name = dm_path::without_dot(path.relative(spelled.substr(0, spelled.find('\0'))));
         if (name.empty())
             continue;
         const bool maximum = name == "max_instance";
@@ -137,16 +133,12 @@ std::shared_ptr<dm_node> cdpath_get_input(const cdpath &place)
     ve_jrpcmsg_cmd_get_parameter_attributes_add(message.get(), place.path.as_object().c_str());
     msg_exec(message.get(), -1);
 
-    const json_ref inputs{json_array()};
-    size_t index;
-    json_t *entry;
-    json_array_foreach(ve_jrpcmsg_parameter_list(message.get()), index, entry)
-    {
-        const char *direction = json_text(json_object_get(entry, "Attributes"), "Direction");
-        if (direction != nullptr && strcmp(direction, "input") == 0)
-            json_array_append(inputs.get(), entry);
-    }
     dm_builder builder(place.path);
-    builder.add(inputs.get());
+    ve_parameter entry;
+    std::string room;
+    for (ve_parameters arguments = ve_jrpcmsg_parameters(message.get()); arguments.next(&entry);) {
+        if (entry.attributes.member("Direction").string(&room) == "input")
+            builder.add(entry);
+    }
     return std::make_shared<dm_node>(builder.take());
 }

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "utils/json_util.h"
+#include "platform/ve_wait.h"
 
 dm_builder::dm_builder(const dm_path &base, size_t room) : base_(base), room_(room)
 {
@@ -32,26 +32,24 @@ bool dm_builder::fits(std::string_view *name, size_t *depth) const
     return true;
 }
 
-void dm_builder::add(const json_t *list)
+void dm_builder::add(ve_parameters list)
 {
-    size_t index;
-    json_t *entry;
-    json_array_foreach(list, index, entry)
-    {
-        const json_t *text = json_object_get(entry, "Name");
-        if (!json_is_string(text))
-            continue;
-        std::string_view name(json_string_value(text), json_string_length(text));
-        size_t depth;
-        if (fits(&name, &depth))
-            add_entry(name, depth, entry);
-    }
+    ve_wait_loop loop;
+    for (ve_parameter entry; list.next(&entry) && !loop.interrupted();)
+        add(entry);
 }
 
-void dm_builder::add_entry(std::string_view name, size_t depth, const json_t *entry)
+void dm_builder::add(const ve_parameter &entry)
 {
-    const json_t *description = json_object_get(entry, "Attributes");
-    dm_attributes_ref attributes = description != nullptr ? dm_attributes_of(json_compact(description)) : nullptr;
+    std::string_view name = entry.name.value_or(std::string_view());
+    size_t depth;
+    if (entry.name && fits(&name, &depth))
+        add_entry(name, depth, entry);
+}
+
+void dm_builder::add_entry(std::string_view name, size_t depth, const ve_parameter &entry)
+{
+    dm_attributes_ref attributes = entry.attributes ? dm_attributes_of(entry.attributes.text()) : nullptr;
     dm_node *node = &root_;
     if (depth == 0) {
         root_.attributes = std::move(attributes);
@@ -68,13 +66,12 @@ void dm_builder::add_entry(std::string_view name, size_t depth, const json_t *en
         if (depth == 1 && tells_all_)
             node_at(above, place)->known = dm_known::known;
     }
-    const json_t *pattern = json_object_get(entry, "Template");
-    if (!json_is_array(pattern) || depth >= room_)
+    if (!entry.pattern.is_array() || depth >= room_)
         return;
     if (node == nullptr)
         node = node_at(open_.back(), open_.back().level->find(name));
     dm_builder inner(dm_path(), room_ - depth - 1);
-    inner.add(pattern);
+    inner.add(ve_parameters(entry.pattern));
     node->instances = std::make_unique<dm_node::table>();
     node->instances->pattern = std::make_shared<const dm_node>(inner.take());
 }

@@ -6,10 +6,9 @@
 #include <string_view>
 #include <vector>
 
-#include <jansson.h>
-
 #include "cdpath/dm_node.h"
 #include "cdpath/dm_path.h"
+#include "platform/ve_json_text.h"
 
 /// Makes a node, and what stands below it, of the entries of one or more lists. Neighbours that look alike share their
 /// levels as soon as the next begins.
@@ -19,9 +18,11 @@ public:
     /// For the node at `base`: what lies elsewhere is passed over.
     explicit dm_builder(const dm_path &base) : dm_builder(base, depth_max) {}
 
-    /// Adds a ParameterList (null: nothing): the attributes and, for tables, the patterns of its entries. Entries that
-    /// do not fit are passed over.
-    void add(const json_t *list);
+    /// Adds an entry of a ParameterList: its attributes and, for a table, its pattern. One that does not fit is passed
+    /// over.
+    void add(const ve_parameter &entry);
+    /// Adds the entries of a whole list; Ctrl-C ends it early.
+    void add(ve_parameters list);
     /// A child of the node that is passed over from here on.
     void leave_out(std::string_view name) { left_out_ = name; }
     /// From here on the entries say all of the node's children that they tell of.
@@ -43,7 +44,7 @@ private:
 
     dm_builder(const dm_path &base, size_t room);
     bool fits(std::string_view *name, size_t *depth) const;
-    void add_entry(std::string_view name, size_t depth, const json_t *entry);
+    void add_entry(std::string_view name, size_t depth, const ve_parameter &entry);
     void enter(size_t depth, std::string_view name);
     void close(size_t depth);
     static size_t place_of(step &above, std::string_view name);

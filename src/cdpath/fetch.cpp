@@ -5,6 +5,7 @@
 #include "cdpath/dm_builder.h"
 #include "event/request.h"
 #include "platform/ve_json.h"
+#include "platform/ve_wait.h"
 
 namespace
 {
@@ -23,7 +24,7 @@ public:
     ve_jrpcmsg *request() { return message_.get(); }
     /// False when no answer came.
     bool ask() { return msg_exec(message_.get(), -1) >= 0; }
-    const json_t *list() const { return ve_jrpcmsg_parameter_list(message_.get()); }
+    ve_parameters list() const { return ve_jrpcmsg_parameters(message_.get()); }
     bool refused() const { return code() == request_denied || code() == invalid_name; }
     bool failed() const { return code() != 0 && !refused(); }
 
@@ -34,16 +35,12 @@ private:
 };
 
 /// The names of an answer's entries, in order.
-json_t *names_of(const json_t *list)
+json_t *names_of(ve_parameters list)
 {
     json_t *names = json_array();
-    size_t index;
-    json_t *entry;
-    json_array_foreach(list, index, entry)
-    {
-        json_t *name = json_object_get(entry, "Name");
-        if (json_is_string(name))
-            json_array_append(names, name);
+    for (ve_parameter entry; list.next(&entry);) {
+        if (entry.name)
+            json_array_append_new(names, json_stringn(entry.name->data(), entry.name->size()));
     }
     return names;
 }
@@ -79,7 +76,7 @@ int cdpath_fetch(cdpath *place)
         builder.tell_all();
         builder.add(instances.list());
     }
-    if (failed)
+    if (failed || ve_wait_interrupted())
         return 0;
 
     // Nothing of the cache was touched so far: what is abandoned or lost leaves no trace.

@@ -2,17 +2,18 @@
 #include <cstdint>
 
 #include "cdpath/dm_builder.h"
-#include "platform/ve_json.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const json_ref list{
-        json_loadb(reinterpret_cast<const char *>(data), size, JSON_ALLOW_NUL | JSON_DECODE_ANY, nullptr)};
+    const std::string_view text(reinterpret_cast<const char *>(data), size);
+    if (!json_text_check(text))
+        return 0;
+    const ve_parameters list{json_piece(text)};
     for (const char *base : {"", "Device.", "Device.Hosts.Host"}) {
         dm_builder builder{dm_path(base)};
-        builder.add(list.get());
+        builder.add(list);
         builder.tell_all();
-        builder.add(list.get());
+        builder.add(list);
         dm_node node = builder.take();
         node.find("Device.Hosts.Host.7.");
         node.known = dm_known::known;

@@ -9,9 +9,8 @@
 /// The node that a ParameterList describes, for what lies below `base`.
 inline dm_node node_of(const std::string &list, const char *base = "")
 {
-    const json_ref parsed(json_loads(list.c_str(), JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr));
     dm_builder builder{dm_path(base)};
-    builder.add(parsed.get());
+    builder.add(ve_parameters(json_text_check(list) ? json_piece(list) : json_piece()));
     return builder.take();
 }
 
