@@ -9,6 +9,7 @@
 #include "event/request.h"
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
+#include "platform/ve_wait.h"
 #include "utils/json_util.h"
 
 namespace
@@ -151,8 +152,9 @@ int show_attrs(const char *name, const char *path_text)
     json_object_set_new(ve_jrpcmsg_params(message.get()), "Depth", json_integer(0));
     msg_exec(message.get(), 1000);
 
-    const json_t *first = json_array_get(ve_jrpcmsg_parameter_list(message.get()), 0);
-    json_ref attributes = json_ref::share(json_object_get(first, "Attributes"));
+    ve_parameter first;
+    ve_jrpcmsg_parameters(message.get()).next(&first);
+    json_ref attributes(first.attributes.load());
     if (!attributes)
         attributes = denied_attributes(place);
     print_attrs(place.path.c_str(), attributes.get());
@@ -184,16 +186,13 @@ int process_get_attrs(const char *name, command_args args)
         ve_printf("%s: ERROR\n", name);
         return -1;
     }
-    const json_t *list = ve_jrpcmsg_parameter_list(message.get());
-    size_t index;
-    json_t *entry;
-    json_array_foreach(list, index, entry)
-    {
-        const char *path = nullptr;
-        json_t *attributes = nullptr;
-        if (json_unpack(entry, "{s : s, s : o}", "Name", &path, "Attributes", &attributes) != 0)
+    ve_parameter entry;
+    ve_wait_loop loop;
+    for (ve_parameters list = ve_jrpcmsg_parameters(message.get()); list.next(&entry) && !loop.interrupted();) {
+        if (!entry.name || !entry.attributes)
             continue;
-        print_attrs(path, attributes);
+        const std::string path(*entry.name);
+        print_attrs(path.c_str(), json_ref(entry.attributes.load()).get());
         ve_puts("");
         ve_out_relieve();
     }

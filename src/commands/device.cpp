@@ -32,7 +32,7 @@ int wait_until_down()
         msg_exec_once(message.get(), poll_timeout_ms);
         if (ve_wait_interrupted())
             return -1;
-        if (ve_jrpcmsg_result(message.get()) == nullptr)
+        if (!ve_jrpcmsg_has_result(message.get()))
             return 0;
         if (ve_wait_sleep_ms(poll_pause_ms) < 0)
             return -1;

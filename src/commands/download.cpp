@@ -154,7 +154,7 @@ void watch_flashing()
         msg_exec_once(poll.get(), 1000);
         if (ve_wait_interrupted())
             return;
-        if (ve_jrpcmsg_result(poll.get()) == nullptr)
+        if (!ve_jrpcmsg_has_result(poll.get()))
             break;
         const json_t *values = ve_jrpcmsg_parameter_list(poll.get());
         if (value_of(values, status_name) < 0)

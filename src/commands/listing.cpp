@@ -5,9 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "base/json_ref.h"
 #include "event/request.h"
 #include "platform/ve_colors.h"
 #include "platform/ve_out.h"
+#include "platform/ve_wait.h"
 #include "utils/colorscheme.h"
 #include "utils/json_util.h"
 
@@ -19,7 +21,7 @@ struct row {
     std::string access;
     std::string perms;
     std::string flags;
-    const char *name; ///< borrowed from the answer
+    std::string name;
 };
 
 /// "%d" of the bound, as far as 32 bits hold it; empty without one.
@@ -70,7 +72,7 @@ std::string shown_text(const json_t *attributes, const char *key, const char *ot
     return text != nullptr ? ve_visible(text) : otherwise;
 }
 
-row make_row(const char *name, const json_t *attributes)
+row make_row(std::string_view name, const json_t *attributes)
 {
     const json_t *access = json_object_get(attributes, "access");
     const char *access_text = json_string_value(access);
@@ -85,30 +87,27 @@ row make_row(const char *name, const json_t *attributes)
     return made;
 }
 
-std::vector<row> make_rows(const json_t *list, const dm_path &path)
+std::vector<row> make_rows(ve_parameters list, const dm_path &path)
 {
     std::vector<row> rows;
-    size_t index;
-    json_t *entry;
-    json_array_foreach(list, index, entry)
-    {
-        const char *name = json_text(entry, "Name");
-        const json_t *attributes = json_object_get(entry, "Attributes");
-        if (name == nullptr || attributes == nullptr)
+    ve_wait_loop loop;
+    for (ve_parameter entry; list.next(&entry) && !loop.interrupted();) {
+        if (!entry.name || !entry.attributes)
             continue;
+        const std::string_view name = entry.name->substr(0, entry.name->find('\0'));
+        const json_ref attributes(entry.attributes.load());
         if (!path.is(name)) {
-            // What stands before the relative name was cut off its front.
-            rows.push_back(make_row(path.relative(name).data(), attributes));
+            rows.push_back(make_row(path.relative(name), attributes.get()));
             continue;
         }
-        const char *type = json_text(attributes, "type");
+        const char *type = json_text(attributes.get(), "type");
         if (type != nullptr && strcmp(type, "object") != 0)
-            return {make_row(name, attributes)}; // a parameter or a method stands for itself
+            return {make_row(name, attributes.get())}; // a parameter or a method stands for itself
     }
     std::stable_sort(rows.begin(), rows.end(), [](const row &a, const row &b) {
         const bool a_first = a.type == "object";
         const bool b_first = b.type == "object";
-        return a_first != b_first ? a_first : strcmp(a.name, b.name) < 0;
+        return a_first != b_first ? a_first : a.name < b.name;
     });
     return rows;
 }
@@ -131,7 +130,7 @@ void print_rows(const std::vector<row> &rows)
         ve_printf("%-*s %-*s %-*s %-*s ", type, each.type.c_str(), access, each.access.c_str(), perms,
                   each.perms.c_str(), flags, each.flags.c_str());
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
-        ve_puts(ve_visible(each.name));
+        ve_puts(ve_visible(each.name.c_str()));
         ve_colors_reset();
         ve_out_relieve();
     }
@@ -145,6 +144,5 @@ void list_long(const dm_path &path)
     ve_jrpcmsg_cmd_get_parameter_values_add(message.get(), path.as_object().c_str());
     json_object_set_new(ve_jrpcmsg_params(message.get()), "Depth", json_integer(1));
     msg_exec(message.get(), 1000);
-    std::vector<row> rows(make_rows(ve_jrpcmsg_parameter_list(message.get()), path));
-    print_rows(rows);
+    print_rows(make_rows(ve_jrpcmsg_parameters(message.get()), path));
 }
