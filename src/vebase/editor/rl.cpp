@@ -89,24 +89,14 @@ char *ve_rl(const char *prompt, int timeout_ms)
             signal = SIGINT;
         if (signal != 0)
             rl_raise(signal);
-        switch (outcome) {
-        case rl_outcome::line:
+        if (outcome == rl_outcome::line)
             return strdup(line.c_str());
-        case rl_outcome::end:
-            ended = true;
+        ended = outcome == rl_outcome::end;
+        if (ended || outcome == rl_outcome::stop || outcome == rl_outcome::timeout)
             return nullptr;
-        case rl_outcome::interrupt:
-            // Nobody noted it: the line is dropped all the same.
-            if (!ve_wait_interrupted())
-                ve_out_draw("\r\n", 2);
-            break;
-        case rl_outcome::none:
-        case rl_outcome::signal:
-            break;
-        case rl_outcome::stop:
-        case rl_outcome::timeout:
-            return nullptr;
-        }
+        // Nobody noted it: the line is dropped all the same.
+        if (outcome == rl_outcome::interrupt && !ve_wait_interrupted())
+            ve_out_draw("\r\n", 2);
     }
     return nullptr;
 }

@@ -29,7 +29,6 @@ public:
     void install();
     /// Brings the dispositions back. Returns a fatal signal that came too late to be handled, or 0.
     int restore();
-    bool installed() const { return installed_; }
     /// True when `signal` has its default disposition outside the read.
     bool is_default(int signal) const;
 

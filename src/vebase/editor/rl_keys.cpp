@@ -131,7 +131,7 @@ void rl_key_decoder::feed(unsigned char byte)
             ready_.emplace_back();
         } else if (byte == '[' || byte == 'O') {
             sequence_.push_back(static_cast<char>(byte));
-            state_ = byte == '[' ? state::csi : state::ss3;
+            state_ = state::sequence;
         } else {
             sequence_.push_back(static_cast<char>(tolower(byte)));
             put_sequence();
@@ -139,8 +139,7 @@ void rl_key_decoder::feed(unsigned char byte)
                 feed(byte);
         }
         break;
-    case state::csi:
-    case state::ss3:
+    case state::sequence:
         if (is_control(byte)) {
             reset();
             feed(byte);
@@ -148,14 +147,9 @@ void rl_key_decoder::feed(unsigned char byte)
         }
         if (sequence_.size() < sequence_max)
             sequence_.push_back(static_cast<char>(byte));
-        if (sequence_ == "\033[[")
-            state_ = state::csi_bracket;
-        else if (byte >= 0x40 && (byte < 0x7f || state_ == state::csi))
+        // "\033[[" and a letter is a function key of the Linux console.
+        if (byte >= 0x40 && sequence_ != "\033[[")
             put_sequence();
-        break;
-    case state::csi_bracket:
-        // A function key of the Linux console.
-        state_ = state::ground;
         break;
     case state::paste:
         if (byte == static_cast<unsigned char>(paste_end[end_matched_])) {

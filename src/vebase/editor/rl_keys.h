@@ -39,7 +39,7 @@ public:
     void reset();
 
 private:
-    enum class state { ground, literal, escape, csi, csi_bracket, ss3, paste };
+    enum class state { ground, literal, escape, sequence, paste };
 
     void put_text(unsigned char byte);
     void put_character();

@@ -180,24 +180,8 @@ size_t rl_line::word_right() const
     return text().size() - rest.size();
 }
 
-rl_done rl_line::older()
-{
-    if (place_ == 0)
-        return rl_done::refused;
-    go_to(place_ - 1);
-    return rl_done::yes;
-}
-
-rl_done rl_line::newer()
-{
-    if (place_ >= history_->size())
-        return rl_done::refused;
-    go_to(place_ + 1);
-    return rl_done::yes;
-}
-
 /// Makes the line that entry of the history, or what it was outside the history. What was changed in an entry is lost.
-void rl_line::go_to(size_t entry)
+rl_done rl_line::go_to(size_t entry)
 {
     const size_t newest = history_->size();
     if (place_ >= newest)
@@ -208,6 +192,7 @@ void rl_line::go_to(size_t entry)
     else
         buffer_.assign(std::string{history_->entry(entry)});
     buffer_.place(text().size());
+    return rl_done::yes;
 }
 
 // --- the search ---

@@ -72,8 +72,8 @@ public:
     rl_done lower() { return change_case(towlower, towlower); }
     rl_done capital() { return change_case(towupper, towlower); }
     rl_done last_word();
-    rl_done older();
-    rl_done newer();
+    rl_done older() { return place_ > 0 ? go_to(place_ - 1) : rl_done::refused; }
+    rl_done newer() { return place_ < history_->size() ? go_to(place_ + 1) : rl_done::refused; }
     rl_done search_back() { return begin_search(true); }
     rl_done search_forward() { return begin_search(false); }
 
@@ -95,7 +95,7 @@ private:
     size_t behind() const { return cursor() + utf8_first({text().data() + cursor(), text().size() - cursor()}).size; }
     size_t word_left() const;
     size_t word_right() const;
-    void go_to(size_t entry);
+    rl_done go_to(size_t entry);
 
     rl_done begin_search(bool backward);
     bool search_key(const rl_key &key, rl_done *done);

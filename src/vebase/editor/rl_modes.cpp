@@ -23,35 +23,20 @@ void restore()
         return;
     reading = 0;
     tcsetattr(STDIN_FILENO, TCSANOW, &before_read);
-    if (write(STDOUT_FILENO, paste_bare, sizeof paste_bare - 1) < 0)
-        return; // nobody is there to be told
-}
-
-/// A failed assertion in a callback: what it says is to be read on a terminal that works.
-void restore_at_abort(int)
-{
-    restore();
-}
-
-/// A callback that calls exit().
-void restore_at_exit()
-{
-    const bool was_reading = reading != 0;
-    restore();
-    if (was_reading && write(STDOUT_FILENO, "\n", 1) < 0)
-        return;
+    if (write(STDOUT_FILENO, paste_bare, sizeof paste_bare - 1) < 0 || write(STDOUT_FILENO, "\n", 1) < 0)
+        return; // nobody is there to see it
 }
 
 } // namespace
 
 void rl_modes::begin()
 {
-    static const int registered = atexit(restore_at_exit);
+    static const int registered = atexit(restore);
     (void)registered;
     tcgetattr(STDIN_FILENO, &original_);
     before_read = original_;
     struct sigaction abandon = {};
-    abandon.sa_handler = restore_at_abort;
+    abandon.sa_handler = [](int) { restore(); }; // a failed assertion in a callback
     abandon.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGABRT, &abandon, &before_abort);
     reading = 1;

@@ -99,21 +99,16 @@ void rl_screen::go_behind_output()
 
 rl_layout rl_screen::lay_out(const content &what, std::string_view suffix) const
 {
-    const std::string_view feed = what.message.empty() ? "" : "\n";
+    const size_t cursor_piece = what.asks ? 6 : suffix.empty() ? 2 : 3;
+    const size_t cursor = what.asks ? what.message.size() : suffix.empty() ? what.cursor : suffix.size();
     return rl_lay_out({{before_, {}},
                        {prompt_, prompt_color_},
                        {what.text, {}},
                        {suffix, {}},
                        {what.hint, hint_color_},
-                       {feed, {}},
+                       {what.message.empty() ? "" : "\n", {}},
                        {what.message, {}}},
-                      what.asks        ? 6
-                      : suffix.empty() ? 2
-                                       : 3,
-                      what.asks        ? what.message.size()
-                      : suffix.empty() ? what.cursor
-                                       : suffix.size(),
-                      size_.columns);
+                      cursor_piece, cursor, size_.columns);
 }
 
 bool rl_screen::draw(const content &what)

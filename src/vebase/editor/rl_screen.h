@@ -44,7 +44,6 @@ public:
     /// The terminal may have another size.
     void resized();
     const rl_size &size() const { return size_; }
-    bool shown() const { return shown_; }
 
 private:
     rl_layout lay_out(const content &what, std::string_view suffix) const;

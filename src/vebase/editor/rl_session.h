@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "base/json_ref.h"
 #include "platform/ve_wait.h"
 #include "vebase/editor/rl_control.h"
 #include "vebase/editor/rl_edit.h"
@@ -44,7 +45,7 @@ private:
     bool serve(const pollfd *fds, unsigned count) override;
 
     // rl_tab.cpp
-    json_t *candidates(const std::string &line, size_t cursor_byte);
+    json_ref candidates(const std::string &line, size_t cursor_byte);
     template <class Call> bool run_callback(callback kind, const Call &call);
     bool insert_candidate(const json_t *found, const std::string &line);
     void complete();

@@ -14,11 +14,6 @@ namespace
 
 constexpr size_t listing_piece = 4096; // bytes of a listing between two looks at the keyboard
 
-struct json_release {
-    void operator()(json_t *value) const { json_decref(value); }
-};
-using json_owner = std::unique_ptr<json_t, json_release>;
-
 std::vector<std::string_view> texts_of(const json_t *found)
 {
     std::vector<std::string_view> texts;
@@ -72,15 +67,15 @@ template <class Call> bool rl_session::run_callback(callback kind, const Call &c
     return !abandoned_ && outcome_ == rl_outcome::none;
 }
 
-/// Candidates for the cursor as a new array, null when the user did not wait for them.
-json_t *rl_session::candidates(const std::string &line, size_t cursor_byte)
+/// Candidates for the cursor as an array, none when the user did not wait for them.
+json_ref rl_session::candidates(const std::string &line, size_t cursor_byte)
 {
-    json_owner found{json_array()};
+    json_ref found{json_array()};
     const bool complete =
         run_callback(callback::complete, [&] { rl_set.autocomplete(line.c_str(), cursor_byte, found.get()); });
     if (!rl_set.completion_start_set || rl_set.completion_start > cursor_byte)
         rl_set.completion_start = default_start(line, cursor_byte);
-    return complete ? found.release() : nullptr;
+    return complete ? std::move(found) : json_ref{};
 }
 
 /// Puts what the candidates say into the line. True when that changed it.
@@ -100,8 +95,8 @@ void rl_session::complete()
         return rl_ring_bell();
     const bool again = line_.repeated();
     const std::string line = line_.text();
-    const json_owner found{candidates(line, line_.cursor())};
-    if (found == nullptr)
+    const json_ref found = candidates(line, line_.cursor());
+    if (!found)
         return;
     const size_t count = json_array_size(found.get());
     if (insert_candidate(found.get(), line))
@@ -244,8 +239,8 @@ bool rl_session::accept_hint()
     const std::string line = line_.text();
     const std::string shown = hint_;
     if (rl_set.autocomplete != nullptr) {
-        const json_owner found{candidates(line, line.size())};
-        if (found == nullptr)
+        const json_ref found = candidates(line, line.size());
+        if (!found)
             return true;
         if (json_array_size(found.get()) == 1 && insert_candidate(found.get(), line))
             return true;

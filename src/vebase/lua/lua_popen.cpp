@@ -21,7 +21,6 @@ struct child_pipe {
     ve_lua_state *context;
     pid_t child;
     int fd;
-    bool reads;
 };
 
 /// Where code has a limited time, nothing waits longer.
@@ -97,7 +96,7 @@ int lua_popen(lua_State *L)
     ve_lua_show_output(ve_lua_of(L));
     fflush(nullptr);
     ve_out_row_unknown(); // from now on
-    auto *pipe = new (std::nothrow) child_pipe{ve_lua_of(L), -1, -1, reads};
+    auto *pipe = new (std::nothrow) child_pipe{ve_lua_of(L), -1, -1};
     if (pipe == nullptr)
         return luaL_error(L, "not enough memory");
     pipe->child = ve_child_start(command, reads, &pipe->fd);
