@@ -77,7 +77,10 @@ void tell_lasting_error(bool *told, const char *before)
     if (*told || !ve_jrpcapi_connect_error_lasts(request_ctx))
         return;
     *told = true;
-    fprintf(stderr, "%skest: %s\n", before, ve_visible(ve_jrpcapi_connect_error(request_ctx)));
+    const std::string message =
+        std::string{before} + "kest: " + ve_visible(ve_jrpcapi_connect_error(request_ctx)) + '\n';
+    fputs(message.c_str(), stderr);
+    ve_out_noted(message.data(), message.size());
 }
 
 } // namespace
