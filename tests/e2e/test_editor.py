@@ -487,10 +487,10 @@ def test_a_long_paste_is_taken(editor, marks):
 
 def test_a_ctrl_c_just_before_the_prompt_is_a_key(editor):
     term = editor()
-    term.type("busy 500" + Key.ENTER)
+    term.type("busy 2000" + Key.ENTER)
     term.wait_for(lambda term: term.echoes)
     term.type(Key.CTRL_C)
-    term.wait_for('got "busy 500"')
+    term.wait_for('got "busy 2000"')
     term.type("alive" + Key.ENTER)
     term.wait_for('got "alive"')
 
