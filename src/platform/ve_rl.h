@@ -18,9 +18,10 @@ enum ve_rl_control : unsigned {
 /// Reads one line without its line feed; the caller frees it. Null at the end of input, after Ctrl-D on an empty line
 /// and after ve_rl_stop. `timeout_ms` -1 waits without limit; otherwise null after that time without a line (what was
 /// typed so far begins the next one). What was printed so far is flushed first. With input or output that is no
-/// terminal: plain lines, no prompt, no echo; a NUL in one becomes \xc0\x80, which is not UTF-8.
-/// Ctrl-C at the prompt drops the line and begins it anew; while SIGINT has a handler, the terminal is brought back and
-/// the signal raised, and null returned when that noted it (ve_wait_note_interrupt). A wait point.
+/// terminal: plain lines, no prompt, no echo; a NUL in one becomes \xc0\x80, which is not UTF-8. A terminal that knows
+/// no escape sequences (TERM) shows the prompt and edits lines itself. Ctrl-C at the prompt drops the line and begins
+/// it anew; while SIGINT has a handler, the terminal is brought back and the signal raised, and null returned when that
+/// noted it (ve_wait_note_interrupt). A wait point.
 char *ve_rl(const char *prompt, int timeout_ms);
 /// True when the last ve_rl ended by Ctrl-D or the end of input.
 bool ve_rl_ctrld_is_pressed();
