@@ -25,7 +25,7 @@ void take_notices()
     if (dm == nullptr)
         return;
     if (changes.too_many())
-        dm->forget_instances();
+        dm->become({}, dm_known::unknown);
     for (const auto &[path, ranges] : changes.tables()) {
         dm_node *table = dm.get();
         for (std::string_view rest = dm_path::without_dot(path); !rest.empty() && table != nullptr;)

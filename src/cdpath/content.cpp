@@ -97,7 +97,7 @@ json_t *cdpath_content(const dm_path &path, const dm_node *node, const char *tex
     if (node == nullptr || !node->is_multi())
         return list_cached(node, text, flags, false);
 
-    const bool of_objects = node->pattern() == nullptr || node->pattern()->is_object();
+    const bool of_objects = node->pattern == nullptr || node->pattern->is_object();
     if (path.last() == "max_instance" || (!of_objects && (flags & CDPATH_OBJECTS_ONLY) != 0))
         return nullptr;
     if ((flags & CDPATH_FILTER_PREFIX) != 0 && text != nullptr && *text != '\0' && *text != '[' &&

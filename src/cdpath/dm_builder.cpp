@@ -72,8 +72,7 @@ void dm_builder::add_entry(std::string_view name, size_t depth, const ve_paramet
         node = node_at(open_.back(), open_.back().level->find(name));
     dm_builder inner(dm_path(), room_ - depth - 1);
     inner.add(ve_parameters(entry.pattern));
-    node->instances = std::make_unique<dm_node::table>();
-    node->instances->pattern = std::make_shared<const dm_node>(inner.take());
+    node->pattern = std::make_shared<const dm_node>(inner.take());
 }
 
 /// Goes on below the child `name` of the last node at the depth before.
@@ -96,12 +95,12 @@ void dm_builder::close(size_t depth)
     for (; open_.size() > depth; open_.pop_back()) {
         const step &last = open_.back();
         step &above = open_[open_.size() - 2];
-        const dm_node *pattern = above.node->pattern();
         if (above.alike && *above.alike == *last.level) {
             last.node->level = above.alike;
             continue;
         }
         last.level->shrink();
+        const dm_node *pattern = above.node->pattern.get();
         const bool as_pattern = pattern != nullptr && pattern->level && *pattern->level == *last.level;
         last.node->level = above.alike = as_pattern ? pattern->level : last.level;
     }

@@ -1,6 +1,7 @@
 #include "cdpath/dm_node.h"
 
 #include <algorithm>
+#include <bit>
 #include <functional>
 #include <numeric>
 #include <unordered_map>
@@ -68,17 +69,33 @@ dm_attributes_ref dm_attributes_of(std::string_view text)
 
 size_t dm_level::find(std::string_view name) const
 {
-    if (slots_.empty()) {
+    if (entries_.size() <= few_names) {
         const auto found =
             std::find_if(entries_.begin(), entries_.end(), [&](const entry &e) { return e.name == name; });
         return found != entries_.end() ? static_cast<size_t>(found - entries_.begin()) : none;
     }
+    index();
     for (size_t slot = hash_of(name);; ++slot) {
         const uint32_t place = slots_[slot & (slots_.size() - 1)];
         if (place == 0)
             return none;
         if (entries_[place - 1].name == name)
             return place - 1;
+    }
+}
+
+/// Gives a slot to every name that has none yet.
+void dm_level::index() const
+{
+    if (slots_.size() < 2 * entries_.size()) {
+        slots_.assign(std::bit_ceil(4 * entries_.size()), 0);
+        indexed_ = 0;
+    }
+    for (; indexed_ < entries_.size(); ++indexed_) {
+        size_t slot = hash_of(entries_[indexed_].name);
+        while (slots_[slot & (slots_.size() - 1)] != 0)
+            ++slot;
+        slots_[slot & (slots_.size() - 1)] = static_cast<uint32_t>(indexed_ + 1);
     }
 }
 
@@ -93,72 +110,45 @@ const std::vector<uint32_t> &dm_level::sorted() const
     return sorted_;
 }
 
-size_t dm_level::append(std::string_view name, dm_attributes_ref attributes)
-{
-    entries_.push_back({std::string(name), std::move(attributes)});
-    if (entries_.size() * 2 <= slots_.size()) {
-        enlist(entries_.size() - 1);
-    } else if (entries_.size() > few_names) {
-        slots_.assign(std::max(slots_.size() * 2, few_names * 4), 0);
-        for (size_t at = 0; at < entries_.size(); ++at)
-            enlist(at);
-    }
-    return entries_.size() - 1;
-}
-
-void dm_level::enlist(size_t at)
-{
-    size_t slot = hash_of(entries_[at].name);
-    while (slots_[slot & (slots_.size() - 1)] != 0)
-        ++slot;
-    slots_[slot & (slots_.size() - 1)] = static_cast<uint32_t>(at + 1);
-}
-
 json_ref dm_node::description() const
 {
     return json_ref(attributes ? json_loadb(attributes->text.data(), attributes->text.size(), JSON_ALLOW_NUL, nullptr)
                                : nullptr);
 }
 
-const dm_attributes_ref &dm_node::attributes_of(size_t at) const
+const dm_attributes_ref &dm_node::attributes_of(size_t place) const
 {
-    return at < below.size() && below[at] ? below[at]->attributes : (*level)[at].attributes;
-}
-
-std::shared_ptr<dm_node> dm_node::at(size_t place)
-{
-    if (below.size() <= place)
-        below.resize(level->size());
-    if (!below[place]) {
-        below[place] = std::make_shared<dm_node>();
-        below[place]->attributes = (*level)[place].attributes;
-    }
-    return below[place];
-}
-
-std::shared_ptr<dm_node> dm_node::child(std::string_view name)
-{
-    if (const size_t place = level ? level->find(name) : dm_level::none; place != dm_level::none)
-        return at(place);
-    if (pattern() == nullptr || !dm_path::is_instance(name))
-        return nullptr;
-    auto &strangers = instances->strangers;
-    auto found = strangers.find(name);
-    if (found == strangers.end()) {
-        found = strangers.emplace(name, pattern()->copy()).first;
-        found->second->known = dm_known::assumed;
-    }
-    return found->second;
+    return place < below.size() && below[place] ? below[place]->attributes : (*level)[place].attributes;
 }
 
 dm_node *dm_node::peek(std::string_view name) const
 {
     if (const size_t place = level ? level->find(name) : dm_level::none; place != dm_level::none)
         return place < below.size() ? below[place].get() : nullptr;
-    if (!instances)
+    const auto stranger = strangers.find(name);
+    return stranger != strangers.end() ? stranger->second.get() : nullptr;
+}
+
+std::shared_ptr<dm_node> dm_node::child(std::string_view name)
+{
+    if (const size_t place = level ? level->find(name) : dm_level::none; place != dm_level::none) {
+        below.resize(size());
+        if (!below[place]) {
+            below[place] = std::make_shared<dm_node>();
+            below[place]->attributes = (*level)[place].attributes;
+        }
+        return below[place];
+    }
+    if (!pattern || !dm_path::is_instance(name))
         return nullptr;
-    const auto stranger = instances->strangers.find(name);
-    return stranger != instances->strangers.end() ? stranger->second.get() : nullptr;
+    std::shared_ptr<dm_node> &stranger = strangers[std::string(name)];
+    if (!stranger) {
+        stranger = std::make_shared<dm_node>();
+        stranger->attributes = pattern->attributes;
+        stranger->level = pattern->level;
+        stranger->known = dm_known::assumed;
+    }
+    return stranger;
 }
 
 std::shared_ptr<dm_node> dm_node::find(std::string_view path)
@@ -182,23 +172,9 @@ void dm_node::become(dm_node &&content, dm_known now)
         attributes = std::move(content.attributes);
     level = std::move(content.level);
     below = std::move(content.below);
-    instances = std::move(content.instances);
+    pattern = std::move(content.pattern);
+    strangers = std::move(content.strangers);
     known = now;
-}
-
-std::shared_ptr<dm_node> dm_node::copy() const
-{
-    auto made = std::make_shared<dm_node>();
-    made->attributes = attributes;
-    made->level = level;
-    for (const std::shared_ptr<dm_node> &node : below)
-        made->below.push_back(node ? node->copy() : nullptr);
-    if (instances) {
-        made->instances = std::make_unique<table>();
-        made->instances->pattern = instances->pattern;
-    }
-    made->known = known;
-    return made;
 }
 
 void dm_node::change_instances(const instance_ranges &changes)
@@ -225,22 +201,9 @@ void dm_node::change_instances(const instance_ranges &changes)
     }
     for (const auto &[first, range] : changes) {
         for (uint64_t number = first; range.added && number <= range.last; ++number)
-            now->append(std::to_string(number), pattern() != nullptr ? pattern()->attributes : nullptr);
+            now->append(std::to_string(number), pattern ? pattern->attributes : nullptr);
     }
     level = now;
     below = std::move(below_now);
-    if (instances)
-        std::erase_if(instances->strangers, [&](const auto &each) { return changed(each.first); });
-}
-
-void dm_node::forget_instances()
-{
-    if (is_multi()) {
-        become({}, dm_known::unknown);
-        return;
-    }
-    for (const std::shared_ptr<dm_node> &node : below) {
-        if (node)
-            node->forget_instances();
-    }
+    std::erase_if(strangers, [&](const auto &each) { return changed(each.first); });
 }

@@ -53,15 +53,20 @@ public:
     const std::vector<uint32_t> &sorted() const;
 
     /// Appends a name that is not there yet. Returns its place.
-    size_t append(std::string_view name, dm_attributes_ref attributes);
+    size_t append(std::string_view name, dm_attributes_ref attributes)
+    {
+        entries_.push_back({std::string(name), std::move(attributes)});
+        return entries_.size() - 1;
+    }
     void set_attributes(size_t at, dm_attributes_ref attributes) { entries_[at].attributes = std::move(attributes); }
     void shrink() { entries_.shrink_to_fit(); }
 
 private:
-    void enlist(size_t at);
+    void index() const;
 
     std::vector<entry> entries_;
-    std::vector<uint32_t> slots_; ///< places plus one, by the hash of the name; empty while there are few
+    mutable std::vector<uint32_t> slots_; ///< places plus one, by the hash of the name
+    mutable size_t indexed_ = 0;          ///< places that have their slots
     mutable std::vector<uint32_t> sorted_;
 };
 
@@ -73,16 +78,12 @@ enum class dm_known : uint8_t {
 };
 
 struct dm_node {
-    struct table {
-        std::shared_ptr<const dm_node> pattern; ///< what every instance looks like; may be null
-        /// Instances that somebody looked at though the daemon never told of them.
-        std::map<std::string, std::shared_ptr<dm_node>, std::less<>> strangers;
-    };
-
     dm_attributes_ref attributes;                ///< null when nothing is known
     std::shared_ptr<const dm_level> level;       ///< null when no child is known
     std::vector<std::shared_ptr<dm_node>> below; ///< by the level's places, as far as more is known than the level says
-    std::unique_ptr<table> instances;            ///< of a table
+    std::shared_ptr<const dm_node> pattern;      ///< of a table: what every instance looks like; null when unknown
+    /// Of a table: instances that somebody looked at though the daemon never told of them.
+    std::map<std::string, std::shared_ptr<dm_node>, std::less<>> strangers;
     dm_known known = dm_known::unknown;
 
     dm_type type() const { return attributes ? attributes->type : dm_type::object; }
@@ -90,25 +91,19 @@ struct dm_node {
     bool is_multi() const { return attributes && attributes->multi; }
     bool is_ordered() const { return attributes && attributes->ordered; }
     bool was_asked() const { return known == dm_known::known || known == dm_known::refused; }
-    const dm_node *pattern() const { return instances ? instances->pattern.get() : nullptr; }
     /// The attributes as a new JSON object; null when nothing is known.
     json_ref description() const;
 
     size_t size() const { return level ? level->size() : 0; }
-    const dm_attributes_ref &attributes_of(size_t at) const;
-    /// The child at a place of the level, made when nothing more was known of it.
-    std::shared_ptr<dm_node> at(size_t place);
-    /// The child of that name; of a table also an instance that the daemon never told of. Null when there is none.
-    std::shared_ptr<dm_node> child(std::string_view name);
+    const dm_attributes_ref &attributes_of(size_t place) const;
     /// The child or the instance of that name when more is known of it than its level says, else null.
     dm_node *peek(std::string_view name) const;
+    /// The child of that name; of a table also an instance that the daemon never told of. Null when there is none.
+    std::shared_ptr<dm_node> child(std::string_view name);
     /// What `path` (dots between names, a final one allowed) leads to below this node, or null.
     std::shared_ptr<dm_node> find(std::string_view path);
     /// Takes the children and, when they are there, the attributes of `content` over.
     void become(dm_node &&content, dm_known now);
-    std::shared_ptr<dm_node> copy() const;
     /// Of a table: instances came and went. What is new is yet to be asked for.
     void change_instances(const instance_ranges &changes);
-    /// Forgets the instances of every table below.
-    void forget_instances();
 };

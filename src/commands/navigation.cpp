@@ -64,7 +64,7 @@ json_t *tree_build(const dm_path &path, const dm_node *node, const char *name, b
 const dm_node *scheme_of(const dm_node &node, const char *name, dm_node *leaf)
 {
     if (node.is_multi())
-        return node.pattern();
+        return node.pattern.get();
     const size_t place = node.level->find(name);
     if (place < node.below.size() && node.below[place] != nullptr)
         return node.below[place].get();

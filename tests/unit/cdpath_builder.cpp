@@ -110,9 +110,9 @@ TEST(Builder, InstancesThatLookAlikeShareWhatTheyLookLike)
         {"Name":"H.1.N","Attributes":{"type":"int"}},{"Name":"H.2.N","Attributes":{"type":"int"}},
         {"Name":"H.3.N","Attributes":{"type":"long"}},{"Name":"H.4.N","Attributes":{"type":"long"}}])",
                             "H.");
-    EXPECT_EQ(table.child("1")->level, table.pattern()->level);
-    EXPECT_EQ(table.child("2")->level, table.pattern()->level);
-    EXPECT_NE(table.child("3")->level, table.pattern()->level);
+    EXPECT_EQ(table.child("1")->level, table.pattern->level);
+    EXPECT_EQ(table.child("2")->level, table.pattern->level);
+    EXPECT_NE(table.child("3")->level, table.pattern->level);
     EXPECT_EQ(table.child("3")->level, table.child("4")->level);
     table.child("1")->child("N")->known = dm_known::refused;
     EXPECT_EQ(shown(table), "<(N:int)>(1:(N:intx) 2:(N:int) 3:(N:long) 4:(N:long))");
@@ -186,13 +186,4 @@ TEST(Instances, NobodyKnowsOfAreEachTheirOwn)
     EXPECT_EQ(shown(*table.child("8")), "objectx");
     EXPECT_EQ(shown(*table.child("7")), "object~(N:object)");
     EXPECT_EQ(shown(table), "?*<object(N:object)>");
-}
-
-TEST(Instances, OfEveryTableCanBeForgotten)
-{
-    dm_node tree =
-        node_of(R"([{"Name":"A.T.","Attributes":{"type":"object","multi":true}},{"Name":"A.T.1"},{"Name":"A.P"}])");
-    tree.known = dm_known::known;
-    tree.forget_instances();
-    EXPECT_EQ(shown(tree), "!(A:(T:object* P:))");
 }

@@ -26,8 +26,8 @@ inline std::string shown(const dm_node &node)
         text += '*';
     text += node.known == dm_known::assumed ? "~" : node.known == dm_known::known ? "!" : "";
     text += node.known == dm_known::refused ? "x" : "";
-    if (node.pattern() != nullptr)
-        text += "<" + shown(*node.pattern()) + ">";
+    if (node.pattern != nullptr)
+        text += "<" + shown(*node.pattern) + ">";
     for (size_t place = 0; place < node.size(); ++place) {
         dm_node leaf;
         leaf.attributes = node.attributes_of(place);
