@@ -7,6 +7,7 @@ from pathlib import Path
 import pytest
 
 from lib import settings
+from lib.fake import Silence
 from lib.terminal import Key
 
 BANNER_END = "Enter 'help' or '?' for help, 'q' for exit.\n"
@@ -538,8 +539,9 @@ def test_ctrl_c_drops_an_unfinished_statement(veld, shell):
 
 
 def test_ctrl_c_ends_a_wait_for_a_silent_daemon(fake, kest_start):
+    fake.on("GetParameterValues", Silence())
     program = kest_start("-r", "lua", "dm.get('Device.X')", to=fake)
-    program.wait_for("dm.get")
+    fake.wait_for("GetParameterValues")
     program.interrupt()
     program.finish()
     assert program.status == -2

@@ -137,7 +137,9 @@ class Program:
 
     def catches(self, number):
         """Whether it has installed a handler of its own for signal `number`; only while it runs."""
-        return bool(int(proc_status(self.pid)["SigCgt"], 16) >> (number - 1) & 1)
+        # What puts it into its sandbox runs before it under the same id, and a shell has handlers too.
+        began = os.readlink(f"/proc/{self.pid}/exe") == os.path.realpath(self.argv[0])
+        return began and bool(int(proc_status(self.pid)["SigCgt"], 16) >> (number - 1) & 1)
 
     def peak_kib(self):
         """Peak resident memory so far, in KiB; only while it runs."""
