@@ -111,7 +111,7 @@ int cdpath_parse(cdpath *place, const char *text, bool quiet)
             break;
         case '-':
             if (!quiet)
-                ve_printf(":%s\n", ve_visible(old_cwd.c_str()));
+                ve_printf(":%s\n", ve_visible(old_cwd.c_str()).c_str());
             *place = place_at(old_cwd);
             followed = cdpath_settle(place);
             break;

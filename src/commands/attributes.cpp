@@ -57,7 +57,7 @@ attributes unpack(json_t *object)
 
 void print_text(const char *label, const char *text)
 {
-    ve_printf("%-20s%s\n", label, text != nullptr ? ve_visible(text) : "(null)");
+    ve_printf("%-20s%s\n", label, text != nullptr ? ve_visible(text).c_str() : "(null)");
 }
 
 void print_json(const char *label, const json_t *value)
@@ -82,7 +82,7 @@ void print_default(const json_t *value)
 {
     if (value == nullptr)
         return;
-    ve_printf("%-20s%s\n", "Default:", ve_visible_lines(json_written(value, JSON_INDENT(4)).c_str()));
+    ve_printf("%-20s%s\n", "Default:", ve_visible_lines(json_written(value, JSON_INDENT(4))).c_str());
 }
 
 void print_enumeration(const json_t *values)
@@ -92,13 +92,13 @@ void print_enumeration(const json_t *values)
     ve_puts("Enum: ");
     size_t index;
     json_t *value;
-    json_array_foreach(values, index, value) ve_printf("  %s\n", ve_visible(json_compact(value).c_str()));
+    json_array_foreach(values, index, value) ve_printf("  %s\n", ve_visible(json_compact(value)).c_str());
 }
 
 void print_attrs(const char *path_text, json_t *object)
 {
     const attributes read = unpack(object);
-    ve_printf("Canonical path:     :%s\n", ve_visible(path_text));
+    ve_printf("Canonical path:     :%s\n", ve_visible(path_text).c_str());
     print_text("Type:", read.type);
     print_text("Access:", read.access);
     print_default(read.standard);

@@ -256,7 +256,7 @@ int process_download(const char *name, command_args args)
     }
     json_ref params{json_pack("{s: s, s: s}", "FileType", type, "URL", url.c_str())};
     if (!params) {
-        ve_printf("%s: %s: the path is not UTF-8.\n", name, ve_visible(file));
+        ve_printf("%s: %s: the path is not UTF-8.\n", name, ve_visible(file).c_str());
         return -1;
     }
     if (unsigned char digest[16]; ve_md5_calculate_from_file(file, digest) == 0)

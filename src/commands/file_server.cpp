@@ -114,7 +114,7 @@ bool file_transfer::open(const char *path, const ve_socket *link, std::string *u
     }
     if (ve_fs_mmap_file(path, &data_, &size_) != 0) {
         data_ = nullptr;
-        ve_printf("Cannot open file (%s), aborting.\n", ve_visible(path));
+        ve_printf("Cannot open file (%s), aborting.\n", ve_visible(path).c_str());
         return false;
     }
     *url = std::string("netcat://") + text + ":" + std::to_string(ntohs(address.sin_port));
@@ -203,7 +203,7 @@ std::shared_ptr<file_transfer> file_server_start(const char *path, const ve_sock
         ve_puts("Cannot create server socket, aborting.");
         return nullptr;
     }
-    ve_printf("Sending file (%s, %zu bytes) via netcat (%s)...\n", ve_visible(path), transfer->size(),
+    ve_printf("Sending file (%s, %zu bytes) via netcat (%s)...\n", ve_visible(path).c_str(), transfer->size(),
               announced.c_str());
     *url = std::move(announced);
     return transfer;

@@ -130,7 +130,7 @@ void print_rows(const std::vector<row> &rows)
         ve_printf("%-*s %-*s %-*s %-*s ", type, each.type.c_str(), access, each.access.c_str(), perms,
                   each.perms.c_str(), flags, each.flags.c_str());
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
-        ve_puts(ve_visible(each.name.c_str()));
+        ve_puts(ve_visible(each.name).c_str());
         ve_colors_reset();
         ve_out_relieve();
     }

@@ -142,7 +142,7 @@ int process_up(const char *name, command_args args)
 
 int process_pwd(const char *, command_args)
 {
-    ve_printf(":%s\n", ve_visible(cwd.c_str()));
+    ve_printf(":%s\n", ve_visible(cwd.c_str()).c_str());
     return 0;
 }
 

@@ -52,14 +52,14 @@ void print_list(const ve_parameters &list, const std::string &query)
         text = name_below(*entry.name, query);
         if (text.empty()) // a single parameter was asked for
             text = dm_path::last_of(query);
-        const std::string_view shown = ve_visible(text.c_str());
+        const std::string shown = ve_visible(text);
         ve_out_write(shown.data(), shown.size());
         text.assign(width > shown.size() ? width - shown.size() : 0, ' ').append(" = ");
         ve_out_write(text.data(), text.size());
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
         text.clear();
         entry.value.append_to(&text);
-        ve_puts(ve_visible(text.c_str()));
+        ve_puts(ve_visible(text).c_str());
         ve_colors_reset();
         ve_out_relieve();
     }
@@ -141,15 +141,15 @@ void print_status(const ve_jrpcmsg *message)
         return;
     }
     ve_colors_set(1);
-    ve_printf("[%d] %s", code, ve_visible(ve_jrpcmsg_error_title(message)));
+    ve_printf("[%d] %s", code, ve_visible(ve_jrpcmsg_error_title(message)).c_str());
     ve_colors_reset();
-    ve_printf(": %s\n", ve_visible(ve_jrpcmsg_error_message(message)));
+    ve_printf(": %s\n", ve_visible(ve_jrpcmsg_error_message(message)).c_str());
     json_t *data = ve_jrpcmsg_error_data(message);
     const char *key;
     json_t *value;
     json_object_foreach(data, key, value)
     {
-        ve_printf("%s: %s\n", ve_visible(key), ve_visible(json_compact(value).c_str()));
+        ve_printf("%s: %s\n", ve_visible(key).c_str(), ve_visible(json_compact(value)).c_str());
         ve_out_relieve();
     }
 }

@@ -26,7 +26,7 @@ void print_answer(const json_t *answer)
 {
     char *text = json_dumps(answer, JSON_INDENT(4) | JSON_ENCODE_ANY);
     ve_out_write("<< ", 3);
-    ve_puts(ve_visible_lines(text));
+    ve_puts(ve_visible_lines(text).c_str());
     free(text);
 }
 

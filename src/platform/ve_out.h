@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 
 /// printf into the buffer.
 void ve_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -51,9 +52,8 @@ void ve_out_direct_rows(const char *data, size_t size);
 /// From now on both leave what nobody reads. Any thread.
 void ve_out_give_up();
 
-/// `text` in the form that is safe to show: on a terminal with visible escapes (base/visible.h) for what would steer
-/// it, hide, or turn the text around; elsewhere it is `text` itself. The result is valid until the eighth call from
-/// now. Null stays null.
-const char *ve_visible(const char *text);
+/// `text` as it is safe to show on the output: on a terminal with visible escapes (base/visible.h) for what would steer
+/// it, hide, or turn the text around; elsewhere as it is.
+std::string ve_visible(std::string_view text);
 /// The same for a text of several lines: its line feeds and tabs stay.
-const char *ve_visible_lines(const char *text);
+std::string ve_visible_lines(std::string_view text);

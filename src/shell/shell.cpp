@@ -98,7 +98,7 @@ std::vector<std::string> split_line(const std::string &line)
 void run_line(std::string &line)
 {
     if (history_expand(shell_history(), line) > 0)
-        ve_puts(ve_visible_lines(line.c_str()));
+        ve_puts(ve_visible_lines(line).c_str());
     const std::vector<std::string> words = split_line(line);
     if (!ve_words_are_utf8(words)) {
         ve_puts("The line is not valid UTF-8 text.");

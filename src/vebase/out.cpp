@@ -380,29 +380,12 @@ void ve_out_row_ended()
     output.end_row();
 }
 
-namespace
+std::string ve_visible(std::string_view text)
 {
-
-/// `text` with visible escapes on a terminal, but for the control characters in `kept`.
-const char *make_visible(const char *text, const char *kept)
-{
-    if (text == nullptr || !ve_out_is_terminal())
-        return text;
-    static std::string results[8];
-    static unsigned next = 0;
-    std::string &result = results[next++ % std::size(results)];
-    result = visible(text, kept);
-    return result.c_str();
+    return ve_out_is_terminal() ? visible(text) : std::string(text);
 }
 
-} // namespace
-
-const char *ve_visible(const char *text)
+std::string ve_visible_lines(std::string_view text)
 {
-    return make_visible(text, "");
-}
-
-const char *ve_visible_lines(const char *text)
-{
-    return make_visible(text, "\t\n");
+    return ve_out_is_terminal() ? visible(text, "\t\n") : std::string(text);
 }

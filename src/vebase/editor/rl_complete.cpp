@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "base/utf8.h"
 #include "platform/ve_words.h"
 
 std::string_view rl_last_word(std::string_view line)
@@ -31,11 +32,7 @@ std::string_view rl_common_beginning(const std::vector<std::string_view> &candid
         common = common.substr(0, same);
     }
     // Never half a character.
-    const std::string_view first = candidates.front();
-    size_t size = common.size();
-    while (size > 0 && size < first.size() && (static_cast<unsigned char>(first[size]) & 0xc0) == 0x80)
-        --size;
-    return first.substr(0, size);
+    return common.substr(0, utf8_cut(candidates.front(), common.size()));
 }
 
 rl_replacement rl_merge(std::string_view line, size_t start, size_t cursor,

@@ -44,15 +44,20 @@ void push_lines(lua_State *L, json_t *data)
     lines.clear();
     json_object_foreach(data, key, value)
     {
-        lines.append("\n").append(ve_visible(key)).append(": ").append(ve_visible(json_written(value, 0).c_str()));
+        lines.append("\n").append(ve_visible(key)).append(": ").append(ve_visible(json_written(value, 0)));
     }
     lua_pushlstring(L, lines.data(), lines.size());
 }
 
+/// Puts a field's text as it is shown in its place, "?" for none.
 const char *shown_field(lua_State *L, int index)
 {
+    static std::string shown; // not a local: the push may raise
     const char *text = lua_tostring(L, index);
-    return text != nullptr ? ve_visible(text) : "?";
+    shown = text != nullptr ? ve_visible(text) : "?";
+    lua_pushlstring(L, shown.data(), shown.size());
+    lua_replace(L, index);
+    return lua_tostring(L, index);
 }
 
 /// "[code] title: message" and a line for every entry of the data, as the shell shows a refusal.
