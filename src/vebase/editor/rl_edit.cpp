@@ -55,6 +55,8 @@ void rl_session::begin_terminal()
     modes_.begin();
     signals_.install();
     rl_control_begin();
+    // A Ctrl-C that is still pending is older than every key that is read from now on.
+    ve_wait_checkpoint();
 }
 
 int rl_session::end_terminal()
