@@ -194,6 +194,8 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
             break;
         screen_.finish(line_.text(), "^C", true);
     }
+    // Before anybody sees that the line has ended: a Ctrl-C that answers to it is a signal, not a key that stays.
+    modes_.let_interrupt(true);
     switch (outcome_) {
     case rl_outcome::line:
         line = line_.text();

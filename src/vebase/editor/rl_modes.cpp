@@ -47,8 +47,8 @@ void rl_modes::begin()
 void rl_modes::end()
 {
     reading = 0;
-    ve_out_draw(paste_bare, sizeof paste_bare - 1);
     tcsetattr(STDIN_FILENO, TCSANOW, &original_);
+    ve_out_draw(paste_bare, sizeof paste_bare - 1);
     sigaction(SIGABRT, &before_abort, nullptr);
 }
 

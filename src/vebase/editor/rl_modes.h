@@ -10,7 +10,7 @@ public:
     /// program exits or aborts meanwhile.
     void begin();
     void end();
-    /// While a callback runs, Ctrl-C is a signal, and what is typed waits in the terminal.
+    /// While a callback runs and when a line has ended, Ctrl-C is a signal, and what is typed waits in the terminal.
     void let_interrupt(bool on);
     /// Whether `byte` is the terminal's control character `index` (VINTR, ...).
     bool is_control_key(unsigned char byte, unsigned index) const;
