@@ -79,8 +79,7 @@ void tell_lasting_error(bool *told, const char *before)
     *told = true;
     const std::string message =
         std::string{before} + "kest: " + ve_visible(ve_jrpcapi_connect_error(request_ctx)) + '\n';
-    fputs(message.c_str(), stderr);
-    ve_out_noted(message.data(), message.size());
+    ve_out_write_error(message.data(), message.size());
 }
 
 } // namespace

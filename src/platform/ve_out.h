@@ -3,6 +3,8 @@
 // threads write their text whole with ve_out_direct.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -34,8 +36,9 @@ std::string ve_out_unfinished_row();
 /// was; ve_out_row_ended says that the cursor stands at the beginning of a row. Any thread.
 void ve_out_draw(const char *data, size_t size);
 void ve_out_row_ended();
-/// Text that went to the terminal by another way (standard error): notes what it makes of the row. Any thread.
-void ve_out_noted(const char *data, size_t size);
+/// One write to standard error, as write(2), between two pieces of the output, whose row it belongs to on a terminal.
+/// Any thread.
+ssize_t ve_out_write_error(const char *data, size_t size);
 /// Bytes that were written or noted so far, but for what was drawn. Any thread.
 size_t ve_out_count();
 /// Another program wrote to the terminal, or what is typed was echoed: nobody knows whether the

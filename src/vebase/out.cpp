@@ -70,7 +70,7 @@ public:
     /// rows.
     void write_now(std::string_view data, row how);
     /// Text that reached the same terminal by another way.
-    void noted(std::string_view data);
+    ssize_t write_error(std::string_view data);
     size_t count();
     std::string unfinished_row();
     void end_row();
@@ -195,10 +195,13 @@ void terminal_output::write_now(std::string_view data, row how)
         note(data);
 }
 
-void terminal_output::noted(std::string_view data)
+ssize_t terminal_output::write_error(std::string_view data)
 {
     const std::scoped_lock lock(lock_);
-    note(data);
+    const ssize_t count = write(STDERR_FILENO, data.data(), data.size());
+    if (count > 0 && isatty(STDERR_FILENO) != 0)
+        note(data.substr(0, static_cast<size_t>(count)));
+    return count;
 }
 
 size_t terminal_output::count()
@@ -353,10 +356,9 @@ void ve_out_draw(const char *data, size_t size)
     output.write_now({data, size}, terminal_output::row::drawn);
 }
 
-void ve_out_noted(const char *data, size_t size)
+ssize_t ve_out_write_error(const char *data, size_t size)
 {
-    if (isatty(STDERR_FILENO) != 0)
-        output.noted({data, size});
+    return output.write_error({data, size});
 }
 
 size_t ve_out_count()

@@ -76,6 +76,8 @@ void rl_screen::begin(std::string_view prompt, const std::string &prompt_color, 
 void rl_screen::go_behind_output()
 {
     forget();
+    drawn_ = false;
+    found_at_ = ve_out_count();
     std::string unfinished = ve_out_mid_line() ? ve_out_unfinished_row() : std::string{};
     if (ve_out_take_row_unknown()) {
         // As many blanks as the row is wide end on the next row unless they began at the beginning of one.
@@ -97,6 +99,17 @@ void rl_screen::go_behind_output()
     }
 }
 
+/// The right to draw. What another thread printed before the first picture is what the line then goes behind.
+bool rl_screen::claim()
+{
+    if (!rl_control_claim_screen())
+        return false;
+    if (!drawn_ && ve_out_count() != found_at_)
+        go_behind_output();
+    drawn_ = true;
+    return true;
+}
+
 rl_layout rl_screen::lay_out(const content &what, std::string_view suffix) const
 {
     const size_t cursor_piece = what.asks ? 6 : suffix.empty() ? 2 : 3;
@@ -113,7 +126,7 @@ rl_layout rl_screen::lay_out(const content &what, std::string_view suffix) const
 
 bool rl_screen::draw(const content &what)
 {
-    if (!rl_control_claim_screen())
+    if (!claim())
         return false;
     const rl_layout layout = lay_out(what, {});
     rl_painted again = painted_;
@@ -147,11 +160,11 @@ void rl_screen::leave()
 
 void rl_screen::finish(std::string_view text, std::string_view suffix, bool new_row)
 {
-    if (!rl_control_claim_screen()) {
+    if (!claim()) {
         erase();
         const int64_t deadline = ve_wait_deadline(patience_ms);
         pollfd wake{.fd = rl_control_fd(), .events = POLLIN, .revents = 0};
-        while (!rl_control_claim_screen()) {
+        while (!claim()) {
             if (ve_wait_poll(&wake, 1, deadline) <= 0)
                 rl_control_unhide();
             rl_control_drain();

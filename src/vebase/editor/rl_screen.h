@@ -46,6 +46,7 @@ public:
     const rl_size &size() const { return size_; }
 
 private:
+    bool claim();
     rl_layout lay_out(const content &what, std::string_view suffix) const;
 
     rl_size size_{80, 24};
@@ -56,4 +57,6 @@ private:
     rl_painted painted_;
     std::string last_; // what the last drawing wrote, when it still stands
     bool shown_ = false;
+    bool drawn_ = false;  // at least once behind what the output's last row held ...
+    size_t found_at_ = 0; // ... when so much had been printed
 };

@@ -256,11 +256,10 @@ void ve_lua_write_error(const char *data, size_t size)
                 return;
         }
         // Where Lua code runs, Ctrl-C also ends a write that the terminal holds up.
-        const ssize_t count = write(STDERR_FILENO, data, size < piece_size ? size : piece_size);
+        const ssize_t count = ve_out_write_error(data, size < piece_size ? size : piece_size);
         if (count < 0 && errno != EINTR && errno != EAGAIN)
             return;
         if (count > 0) {
-            ve_out_noted(data, static_cast<size_t>(count));
             data += count;
             size -= static_cast<size_t>(count);
         }
