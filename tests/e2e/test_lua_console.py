@@ -308,7 +308,7 @@ def test_io_read_takes_one_line_of_what_is_pasted(lua_console):
     term.wait_prompt()
     term.type("\x1b[200~x = io.read()\rlast\x1b[201~")
     term.type(" word\r")
-    term.wait_prompt()
+    term.wait_for(re.compile(r"x = io\.read\(\)(\n[^\n]*)?\nroot@kest-lua:>\s*$"))
     assert term.run("x") == ['_[3] = "last word"']
 
 
