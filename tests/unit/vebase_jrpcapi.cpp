@@ -211,8 +211,12 @@ TEST(JrpcApi, AListOfEmptyEntriesCostsLittleMoreThanItsLine)
     for (ve_parameters entries = ve_jrpcmsg_parameters(message.get()); entries.next(&entry);)
         ++found;
     EXPECT_EQ(found, count);
-    // The peer in this process holds the line several times, too.
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
+    // The peer in this process holds the line several times, too. What the sanitizers keep beside it is not measured.
     EXPECT_LT(peak_bytes() - before, size_t{96} << 20);
+#else
+    (void)before;
+#endif
 }
 
 TEST(JrpcApi, BoundsTheWholeExchangeAgainstAPeerThatNeverStopsSending)
