@@ -67,6 +67,6 @@ int process_reboot(const char *, command_args args)
     ve_out_flush();
     if (wait_until_down() < 0)
         return -1;
-    server_reconnect("Rebooting... ");
+    server_reconnect("Rebooting... ", true);
     return 0;
 }

@@ -168,7 +168,7 @@ void watch_flashing()
     ve_rl_draw_progressbar(100, flashing_label);
     ve_puts("");
     ve_out_flush();
-    server_reconnect("Rebooting... ");
+    server_reconnect("Rebooting... ", true);
 }
 
 enum class next_step { flash, done, abandoned };

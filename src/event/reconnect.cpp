@@ -8,7 +8,9 @@
 #include <string>
 
 #include "base/thread.h"
+#include "event/groups.h"
 #include "event/request.h"
+#include "event/trouble.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
@@ -71,17 +73,6 @@ void spinner_stop()
     reconnect.draw_lock.unlock();
 }
 
-/// Says on standard error why connecting is in vain, once for each reconnect.
-void tell_lasting_error(bool *told, const char *before)
-{
-    if (*told || !ve_jrpcapi_connect_error_lasts(request_ctx))
-        return;
-    *told = true;
-    const std::string message =
-        std::string{before} + "kest: " + ve_visible(ve_jrpcapi_connect_error(request_ctx)) + '\n';
-    ve_out_write_error(message.data(), message.size());
-}
-
 } // namespace
 
 bool reconnect_under_way()
@@ -89,13 +80,14 @@ bool reconnect_under_way()
     return reconnect.under_way;
 }
 
-void server_reconnect(const char *text)
+void server_reconnect(const char *text, bool announced)
 {
     if (ve_wait_interrupted())
         return;
     const reconnect_scope scope;
-    bool told = false;
-    tell_lasting_error(&told, "");
+    void (*const tell)(const ve_jrpcapi *) = announced ? trouble_tell_lasting : trouble_tell;
+    if (ve_jrpcapi_connect_error(request_ctx)[0] != '\0')
+        tell(request_ctx);
     ve_jrpcapi_set_timeout(request_ctx, logout_timeout_ms);
     ve_jrpcapi_logout(request_ctx);
     ve_jrpcapi_set_timeout(request_ctx, usual_timeout_ms);
@@ -107,14 +99,17 @@ void server_reconnect(const char *text)
             continue;
         if (ve_wait_interrupted())
             break;
-        tell_lasting_error(&told, "\n");
+        tell(request_ctx);
     }
     spinner_stop();
+    trouble_over();
     if (ve_wait_interrupted()) {
         ve_jrpcapi_disconnect(request_ctx); // the login that is remembered was the lost link's
         return;
     }
     ve_puts("");
     ve_out_flush();
+    groups_join_again(request_ctx);
+    ve_jrpcapi_set_timeout(request_ctx, usual_timeout_ms);
     kest_update_login(nullptr, nullptr);
 }

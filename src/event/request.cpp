@@ -35,9 +35,8 @@ int refuse(ve_jrpcmsg *msg)
 
 int exchange(ve_jrpcmsg *msg, int timeout_ms)
 {
-    // Nobody at a terminal waits without seeing what was said before.
-    if (ve_out_is_terminal())
-        ve_out_flush();
+    // Nobody waits without seeing what was said before.
+    ve_out_flush();
     ve_jrpcapi_set_timeout(request_ctx, timeout_ms);
     return ve_jrpcapi_exec(request_ctx, msg);
 }

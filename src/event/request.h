@@ -42,9 +42,10 @@ int msg_logout();
 /// Returns what held.
 bool msg_allow_reconnect(bool allowed);
 
-/// Re-establishes the request link, showing `text` and a spinner until the daemon accepts; the client is anonymous then
-/// and the cache reloaded. Ctrl-C leaves the link lost.
-void server_reconnect(const char *text);
+/// Re-establishes the request link, showing `text` and a spinner until the daemon accepts; the groups are joined again
+/// then, the client is anonymous and the cache reloaded. Standard error is told why the daemon does not accept; of a
+/// daemon that said it would go away (`announced`) only what waiting does not cure. Ctrl-C leaves the link lost.
+void server_reconnect(const char *text, bool announced = false);
 
 /// Remembers login and password (null or empty: none), rebuilds the prompt and reloads the scheme cache.
 void kest_update_login(const char *login, const char *password);

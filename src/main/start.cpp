@@ -6,17 +6,21 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "base/clock.h"
 #include "base/fd.h"
 #include "cdpath/cdpath.h"
 #include "cline/cline.h"
 #include "commands/file_server.h"
 #include "dispatch/table.h"
+#include "event/groups.h"
 #include "event/listener.h"
 #include "event/request.h"
+#include "event/trouble.h"
 #include "lua/lua_mode.h"
 #include "main/modes.h"
 #include "main/script.h"
@@ -34,7 +38,7 @@ namespace
 
 constexpr int request_timeout_ms = 5000;
 constexpr int group_timeout_ms = 100;
-constexpr int join_timeout_ms = 1000;
+constexpr int silent_wait_ms = 2000;
 /// The daemon's notices of added and deleted instances.
 constexpr uint32_t instance_group = 4;
 constexpr size_t config_path_size = 256;
@@ -50,17 +54,9 @@ void fill_standard_descriptors()
     }
 }
 
-/// Leaves the context at the time-out of the join.
-int join_group(ve_jrpcapi *ctx, uint32_t group)
-{
-    const msg_ref message(ve_jrpcmsg_cmd_join_group(group, ve_jrpcapi_session(),
-                                                    (ve_jrpcapi_get_flags(ctx) & ve_jrpcapi_flag_events) != 0));
-    ve_jrpcapi_set_timeout(ctx, join_timeout_ms);
-    return ve_jrpcapi_exec(ctx, message.get());
-}
-
-/// Opens both links, joins the groups and starts the listener. A daemon that is not there shows later.
-void open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *group)
+/// Opens both links, joins the groups and starts the listener. A daemon that is not there shows later. Returns 0, or -1
+/// without a listener.
+int open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *group)
 {
     ve_jrpcapi *const both[] = {request, group};
     if (options.ssl != 0) {
@@ -73,14 +69,20 @@ void open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *g
     }
     ve_jrpcapi_set_timeout(request, request_timeout_ms);
     ve_jrpcapi_set_timeout(group, group_timeout_ms);
-    for (ve_jrpcapi *ctx : both)
+    for (ve_jrpcapi *ctx : both) {
+        const int64_t begun = monotonic_ms();
         ve_jrpcapi_connect(ctx);
+        // Whoever was held up for long learns why before the next wait.
+        if (monotonic_ms() - begun > silent_wait_ms)
+            trouble_tell(ctx);
+    }
     ve_jrpcapi_set_flags(group, ve_jrpcapi_get_flags(request) | ve_jrpcapi_flag_events);
-    join_group(group, instance_group);
-    for (uint32_t i = 0; i < options.groups_count; i++)
-        join_group(request, static_cast<uint32_t>(options.groups[i]));
-    if (start_event_handler(request, group) != 0)
-        fprintf(stderr, "Cannot start the event listener.\n");
+    group_join(group, instance_group);
+    groups_join(request, {reinterpret_cast<const uint32_t *>(options.groups), options.groups_count});
+    if (start_event_handler(request, group) == 0)
+        return 0;
+    fprintf(stderr, "Cannot start the event listener.\n");
+    return -1;
 }
 
 const char *home_directory()
@@ -119,13 +121,13 @@ void run_config(const char *path)
     }
 }
 
-int enter_mode(const cline_options &options)
+int enter_mode(const cline_options &options, bool listens)
 {
     switch (options.mode) {
     case mode_raw:
         return mode_run_raw(options.params);
     case mode_listen:
-        return mode_run_listen();
+        return listens ? mode_run_listen() : -1;
     case mode_request:
         return exec_request(options.name, options.params);
     case mode_notify:
@@ -154,6 +156,7 @@ void connect_units()
 int kest_main(int argc, char **argv)
 {
     ve_wait_init();
+    signal(SIGCHLD, SIG_DFL); // children are waited for, whatever the one who started the program ignores
     ve_log_allocations_are_fatal();
     fill_standard_descriptors();
     connect_units();
@@ -165,9 +168,11 @@ int kest_main(int argc, char **argv)
     int result;
     const int parsed = cline_parse(argc, argv, &options);
     if (parsed == 0) {
-        open_links(options, request, group);
+        if (options.mode == mode_raw)
+            mode_reserve_raw_id(request, options.params);
+        const bool listens = open_links(options, request, group) == 0;
         run_config(options.config);
-        result = enter_mode(options);
+        result = enter_mode(options, listens);
         ve_out_flush();
         if (options.mode != mode_interactive)
             file_server_wait_all();

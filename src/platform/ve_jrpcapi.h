@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "platform/ve_jrpcmsg.h"
 #include "platform/ve_socket.h"
@@ -33,10 +34,15 @@ int ve_jrpcapi_connect(ve_jrpcapi *ctx);
 void ve_jrpcapi_disconnect(ve_jrpcapi *ctx);
 /// Why the last connect failed, for people; empty when it did not. Borrowed until the next connect.
 const char *ve_jrpcapi_connect_error(const ve_jrpcapi *ctx);
+/// Why there is no link, or why the last send on it failed, beginning with the address; empty when neither is so.
+std::string ve_jrpcapi_link_error(const ve_jrpcapi *ctx);
 /// True when the last connect failed for a reason that waiting for the daemon does not cure: a destination that makes
 /// no sense, a name nobody knows, a certificate that is not trusted.
 bool ve_jrpcapi_connect_error_lasts(const ve_jrpcapi *ctx);
 
+/// Keeps the id of a message that the user wrote (null: nothing) for that message: none of our own requests gets it, so
+/// that no late answer to one of them can be taken for the answer to his.
+void ve_jrpcapi_reserve_id(ve_jrpcapi *ctx, const json_t *id);
 /// Sends a request and stores its answer into it. Returns 0 when an answer came (an error answer too), else negative,
 /// with the message completed by ve_jrpc_err_timeout or ve_jrpc_err_lost and ve_jrpcapi_get_socket_err telling why.
 /// A late answer of an earlier exchange is dropped. A wait point; after an interrupted exchange the link stays usable.
@@ -45,6 +51,9 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message);
 void ve_jrpcapi_prepare(ve_jrpcapi *ctx, ve_jrpcmsg *message);
 /// Sends without waiting for an answer. Returns 0 or negative. On a link that another thread reads (flag 2) too.
 int ve_jrpcapi_send(ve_jrpcapi *ctx, ve_jrpcmsg *message);
+/// Waits at most `timeout_ms` on a link on which nobody asks, and drops what comes. Returns 0, or negative once the
+/// link is lost. A wait point.
+int ve_jrpcapi_watch(ve_jrpcapi *ctx, int timeout_ms);
 /// The next event or answer, owned by the caller; null when none came (ve_jrpcapi_get_socket_err says why).
 /// Notifications of no known kind are passed over.
 ve_jrpcmsg *ve_jrpcapi_recv(ve_jrpcapi *ctx);

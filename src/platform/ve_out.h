@@ -49,8 +49,7 @@ bool ve_out_take_row_unknown();
 
 /// Any thread: writes `data` to descriptor 1 at once and whole, between two flushed pieces of the buffered output.
 void ve_out_direct(const char *data, size_t size);
-/// The same for whole lines: on a terminal they begin a row of their own, whatever stands unfinished on the current
-/// one.
+/// The same for whole lines: they begin a row of their own, whatever stands unfinished on the current one.
 void ve_out_direct_rows(const char *data, size_t size);
 /// From now on both leave what nobody reads. Any thread.
 void ve_out_give_up();

@@ -60,7 +60,7 @@ void ve_rl_show_list(const json_t *names);
 /// no terminal: one line each ten percent. A bar at 100 stays; the caller ends its line.
 void ve_rl_draw_progressbar(int percent, const char *label);
 /// Draws the next picture of the spinner behind `text`, in place. Any thread (it writes directly). Nothing on an output
-/// that is no terminal but, once per text, the text itself.
+/// that is no terminal.
 void ve_rl_draw_circle_progress(const char *text);
 
 /// Terminal echo on descriptor `fd`. Return 0, negative when it is no terminal. Echo comes back by itself when a signal

@@ -187,9 +187,8 @@ void terminal_output::reopened()
 
 void terminal_output::write_now(std::string_view data, row how)
 {
-    const bool on_terminal = how == row::whole && isatty(STDOUT_FILENO) != 0;
     const std::scoped_lock lock(lock_);
-    if (on_terminal && shows_something(unfinished_) && write_whole("\n"))
+    if (how == row::whole && shows_something(unfinished_) && write_whole("\n"))
         note("\n");
     if (write_whole(data) && how != row::drawn)
         note(data);

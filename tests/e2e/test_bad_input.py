@@ -52,7 +52,7 @@ def term(shell, fake, scheme):
 @pytest.mark.threads
 def test_without_a_daemon_a_request_waits_until_ctrl_c(kest_start, tmp_path):
     run = kest_start("-r", "get", "Device.A", "-u", tmp_path / "none")
-    run.wait_for("Reconnecting... ")
+    run.wait_for(f"kest: {tmp_path / 'none'}: ", stream="err")
     run.interrupt()
     assert run.finish().status == -signal.SIGINT
 
@@ -76,7 +76,7 @@ def test_a_socket_path_that_is_no_socket(kest_start, tmp_path, make):
     else:
         path.symlink_to("nowhere")
     run = kest_start("-r", "get", "Device.A", "-u", path)
-    run.wait_for("Reconnecting... ")
+    run.wait_for(f"kest: {path}: ", stream="err")
     run.interrupt()
     assert run.finish().status != 0
 

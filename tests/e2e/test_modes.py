@@ -245,5 +245,5 @@ def test_a_raw_request_reconnects_once(kest, fake):
     fake.on("Ping", [Close(), {"n": 2}]).serve(MODEL)
     run = kest("--raw", '{"id":1,"method":"Ping"}', to=fake)
     assert run.status == 0
-    assert run.out.startswith("Reconnecting... \n<< {\n")
+    assert run.out.startswith("\n<< {\n")
     assert len(fake.of("Ping")) == 2

@@ -17,6 +17,11 @@ FACTORY_NAME = "My gateway"
 QUESTION = "Reset config[(N)o/(y)es/(c)ancel]"
 
 
+def lines(run):
+    """What it printed, but for the notice of the dropped link, which comes at any time."""
+    return [line for line in run.lines if line != "Connection dropped"]
+
+
 @pytest.fixture
 def device(veld_start, tmp_path):
     return veld_start("--state", tmp_path / "state", "--flash-time", "0.3", "--reboot-time", "0.1")
@@ -93,7 +98,7 @@ def test_a_file_arrives_whole(device, admin, kest, tmp_path, size):
 
 def test_a_failed_flash_leaves_the_version_and_the_link_comes_back(device, admin, image, kest):
     run = kest(*admin, "-r", "upgrade", image("1.2.4 fail=-7"), to=device, timeout=30)
-    assert run.lines[-2:] == ["", "Rebooting... "]
+    assert lines(run)[-3:] == ["Flashing: 100%", "", ""]
     assert run.status == 0
     assert device.value(VERSION) == "1.2.3"
     assert device.value("Device.DeviceInfo.UpgradeStatus") == -7
@@ -129,7 +134,7 @@ def test_a_firmware_is_flashed_over_tcp_and_the_link_comes_back(remote, image):
     run = remote("upgrade", image("1.3.0", os.urandom(3_000_000)))
     assert run.lines[0].startswith("Sending file (")
     assert run.lines[1] == "Minor upgrade..."
-    assert "Flashing: 100%" in run.lines and "Rebooting... " in run.out
+    assert lines(run)[-3:] == ["Flashing: 100%", "", ""]
     assert run.status == 0
     assert remote("get", VERSION).out == 'SoftwareVersion = "1.3.0"\n'
 
@@ -176,7 +181,7 @@ def test_a_configuration_goes_over_tcp(remote, tmp_path):
 def test_an_equal_version_is_flashed_without_a_word(named, admin, image, kest, version):
     run = kest(*admin, "-r", "upgrade", image(version), to=named, timeout=30)
     assert run.lines[0].startswith("Flashing: ")
-    assert "Rebooting... " in run.out
+    assert lines(run)[-2:] == ["", ""]
     assert named.value(VERSION) == version
     assert named.value(NAME) == "mine"
 
@@ -185,7 +190,7 @@ def test_an_equal_version_is_flashed_without_a_word(named, admin, image, kest, v
 def test_another_product_resets_the_configuration(named, admin, image, kest, version):
     run = kest(*admin, "-r", "upgrade", image(version), to=named, timeout=30)
     assert run.lines[:2] == ["Resetting config...", "Status: OK"]
-    assert "Rebooting... " in run.out
+    assert lines(run)[-2:] == ["", ""]
     assert named.value(VERSION) == version
     assert named.value(NAME) == FACTORY_NAME
 
@@ -310,7 +315,6 @@ def test_the_device_goes_down_during_the_transfer(device, admin, kest_start, sou
     place.connected()
     reboot(device)
     run.finish(30)
-    assert "Reconnecting... " in run.out
     assert (run.lines[-1], run.status) == ("[9001] Request denied: only an administrator may do that", 255)
     assert device.value(VERSION) == "1.2.3"
     assert not waiting_images(device)
@@ -342,7 +346,7 @@ def test_the_device_goes_down_while_it_flashes(veld_start, admin, image, kest_st
     run.wait_for("Flashing: ")
     reboot(device)
     run.finish(30)
-    assert "Flashing: 100%\n" in run.out and "Rebooting... " in run.out
+    assert lines(run)[-3:] == ["Flashing: 100%", "", ""]
     assert run.status == 0
     assert device.value(VERSION) == "1.2.3"
     assert device.value("Device.DeviceInfo.UpgradeStatus") == 0
@@ -353,7 +357,7 @@ def test_the_device_stays_away_for_longer(device, admin, image, kest_start):
     run.wait_for("Minor upgrade...\n")
     run.wait_for("Flashing: ")
     device.stop()
-    run.wait_for("Rebooting... ")
+    run.wait_for("Flashing: 100%\n")
     device.start()
     assert run.finish(30).status == 0
     again = kest_start(*admin, "-r", "upgrade", image("1.3.0"), to=device).finish(30)

@@ -217,7 +217,7 @@ TEST(Listener, EndsTheRunWhenTheLinkDrops)
     const running_listener listener(nullptr, group.get());
     EXPECT_TRUE(becomes([] { return !is_running(); }));
     ASSERT_TRUE(output.shows("<stop>"));
-    EXPECT_EQ(output.text(), "<hide>\nEVENT 12:\n<show><hide>Connection dropped\n<stop>");
+    EXPECT_EQ(output.text(), "<hide>\nEVENT 12:\n<show><hide>\nConnection dropped\n<stop>");
 }
 
 TEST(Listener, EndsTheRunAtOnceWhenThereNeverWasALink)
@@ -225,7 +225,7 @@ TEST(Listener, EndsTheRunAtOnceWhenThereNeverWasALink)
     captured_output output;
     const context_ref group = make_group_context("/nonexistent/socket", false);
     const running_listener listener(nullptr, group.get());
-    EXPECT_TRUE(output.shows("<hide>Connection dropped\n<stop>"));
+    EXPECT_TRUE(output.shows("<hide>\nConnection dropped\n<stop>"));
     EXPECT_FALSE(is_running());
 }
 

@@ -303,7 +303,7 @@ TEST(MsgExec, SaysOnceWhyReconnectingIsInVain)
         const nagging ctrl_c(250);
         EXPECT_EQ(ask(), -32002);
     }
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "\nkest: tcp://nowhere: not of the form tcp://HOST:PORT\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "kest: tcp://nowhere: not of the form tcp://HOST:PORT\n");
 }
 
 TEST(MsgExec, SaysFirstWhyTheConnectAtStartUpFailed)

@@ -160,7 +160,10 @@ std::string refusal_of(scripted_peer::script play)
     EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
     EXPECT_EQ(ve_jrpcapi_socket(ctx.get()), nullptr);
     EXPECT_TRUE(ve_jrpcapi_connect_error_lasts(ctx.get()));
-    return ve_jrpcapi_connect_error(ctx.get());
+    const std::string reason = ve_jrpcapi_connect_error(ctx.get());
+    const std::string address = std::string(peer.destination()) + ": ";
+    EXPECT_TRUE(reason.starts_with(address)) << reason;
+    return reason.substr(address.size());
 }
 
 } // namespace

@@ -95,12 +95,10 @@ void ve_rl_draw_progressbar(int percent, const char *label)
 void ve_rl_draw_circle_progress(const char *text)
 {
     static std::atomic<unsigned> turn{0};
-    const bool begun = ve_out_unfinished_row().find(text) != std::string::npos;
-    if (!ve_out_is_terminal()) {
-        if (!begun)
-            ve_out_direct(text, std::char_traits<char>::length(text));
+    // Elsewhere a run that ends while it waits would leave its unfinished row in front of somebody else's.
+    if (!ve_out_is_terminal())
         return;
-    }
+    const bool begun = ve_out_unfinished_row().find(text) != std::string::npos;
     const char picture = "|/-\\"[turn++ % 4];
     if (begun) {
         const char again[] = {'\b', picture};

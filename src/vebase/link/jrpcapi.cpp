@@ -213,10 +213,18 @@ void ve_jrpcapi_prepare(ve_jrpcapi *ctx, ve_jrpcmsg *message)
             ctx->next_id = chosen + 1;
         return;
     }
+    if (ctx->next_id == ctx->reserved_id)
+        ++ctx->next_id;
     if (ctx->next_id == INT64_MAX)
-        ctx->next_id = 1;
+        ctx->next_id = ctx->reserved_id == 1 ? 2 : 1;
     message->id.reset(json_integer(ctx->next_id++));
     message->id_ready = true;
+}
+
+void ve_jrpcapi_reserve_id(ve_jrpcapi *ctx, const json_t *id)
+{
+    const json_int_t number = json_integer_value(id);
+    ctx->reserved_id = number < INT64_MAX ? number : 0;
 }
 
 int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
@@ -289,6 +297,17 @@ int ve_jrpcapi_send(ve_jrpcapi *ctx, ve_jrpcmsg *message)
     }
     ve_jrpcapi_note(ctx, ve_socket_err_none);
     return 0;
+}
+
+int ve_jrpcapi_watch(ve_jrpcapi *ctx, int timeout_ms)
+{
+    if (ctx->socket.state != ve_socket_connected)
+        return -1;
+    pollfd fd{.fd = ctx->socket.fd, .events = POLLIN, .revents = 0};
+    if (ve_wait_poll(&fd, 1, ve_wait_deadline(timeout_ms)) <= 0 || drop_input(ctx))
+        return 0;
+    ve_jrpcapi_note(ctx, ve_socket_err_closed);
+    return ve_link_lose(ctx);
 }
 
 ve_jrpcmsg *ve_jrpcapi_recv(ve_jrpcapi *ctx)

@@ -117,11 +117,11 @@ outcome resolve(ve_jrpcapi *ctx, const std::string &host, int64_t deadline, std:
     }
     ctx->lookup = name_lookup::start(host, AF_UNSPEC);
     if (!ctx->lookup)
-        return failed(ctx, host + ": " + gai_strerror(EAI_AGAIN), true);
+        return failed(ctx, ctx->destination + ": " + gai_strerror(EAI_AGAIN), true);
     if (const outcome waited = wait_for(ctx, ctx->lookup->fd(), POLLIN, deadline); waited != outcome::done)
         return waited;
     *found = ctx->lookup->found();
-    return found->empty() ? failed(ctx, host + ": " + ctx->lookup->error(), true) : outcome::done;
+    return found->empty() ? failed(ctx, ctx->destination + ": " + ctx->lookup->error(), true) : outcome::done;
 }
 
 outcome connect_tcp(ve_jrpcapi *ctx, const host_port &place, int64_t deadline)
@@ -167,14 +167,14 @@ outcome shake_hands(ve_jrpcapi *ctx, int64_t deadline)
 {
     ctx->tls = ve_tls::make(ctx->host, &ctx->tls_error);
     if (!ctx->tls)
-        return failed(ctx, "TLS: " + ctx->tls_error, true);
+        return failed(ctx, ctx->destination + ": TLS: " + ctx->tls_error, true);
     for (;;) {
         const ve_tls::step step = ctx->tls->handshake(&ctx->tls_error);
         // An alert that says why we refuse the peer goes out too.
         if (const outcome moved = move_records(ctx, deadline); moved != outcome::done && step != ve_tls::step::failed)
             return moved;
         if (step == ve_tls::step::failed)
-            return failed(ctx, "TLS: " + ctx->tls_error, true);
+            return failed(ctx, ctx->destination + ": TLS: " + ctx->tls_error, true);
         if (step == ve_tls::step::done)
             return outcome::done;
         if (const outcome waited = wait_for(ctx, ctx->socket.fd, POLLIN, deadline); waited != outcome::done)
@@ -182,7 +182,7 @@ outcome shake_hands(ve_jrpcapi *ctx, int64_t deadline)
         char records[4096];
         const ssize_t count = recv(ctx->socket.fd, records, sizeof records, 0);
         if (count == 0 || (count < 0 && errno == ECONNRESET))
-            return failed(ctx, "TLS: the peer closed the link during the handshake", true);
+            return failed(ctx, ctx->destination + ": TLS: the peer closed the link during the handshake", true);
         if (count > 0)
             ctx->tls->feed(records, static_cast<size_t>(count));
         else if (errno != EINTR && errno != EAGAIN)
@@ -273,6 +273,15 @@ void ve_jrpcapi_disconnect(ve_jrpcapi *ctx)
 const char *ve_jrpcapi_connect_error(const ve_jrpcapi *ctx)
 {
     return ctx->connect_error.c_str();
+}
+
+std::string ve_jrpcapi_link_error(const ve_jrpcapi *ctx)
+{
+    if (!ctx->connect_error.empty())
+        return ctx->connect_error;
+    if (ve_jrpcapi_get_socket_err(ctx) == ve_socket_err_timeout)
+        return ctx->destination + ": the daemon does not read what is sent";
+    return ctx->socket.state != ve_socket_connected ? ctx->destination + ": the daemon closed the link" : std::string();
 }
 
 bool ve_jrpcapi_connect_error_lasts(const ve_jrpcapi *ctx)

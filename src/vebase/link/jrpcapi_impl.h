@@ -34,6 +34,7 @@ struct ve_jrpcapi {
     int timeout_ms = 5000;
     std::string destination{ve_jrpcapi_default_socket};
     int64_t next_id = 1;
+    int64_t reserved_id = 0; // never one of our own; 0 for none
 
     std::mutex lock;
     ve_socket socket;

@@ -1,0 +1,42 @@
+#include "event/trouble.h"
+
+#include <string>
+#include <unistd.h>
+
+#include "platform/ve_out.h"
+
+namespace
+{
+
+bool told = false;
+bool told_lasting = false;
+
+} // namespace
+
+void trouble_tell(const ve_jrpcapi *ctx)
+{
+    const bool lasts = ve_jrpcapi_connect_error_lasts(ctx);
+    if (told && (told_lasting || !lasts))
+        return;
+    const std::string reason = ve_jrpcapi_link_error(ctx);
+    if (reason.empty())
+        return;
+    told = true;
+    told_lasting = lasts;
+    // A spinner leaves the cursor behind its picture.
+    const bool begins_row = isatty(STDERR_FILENO) == 0 || isatty(STDOUT_FILENO) == 0 || ve_out_unfinished_row().empty();
+    const std::string message = (begins_row ? "kest: " : "\nkest: ") + ve_visible(reason) + '\n';
+    ve_out_write_error(message.data(), message.size());
+}
+
+void trouble_tell_lasting(const ve_jrpcapi *ctx)
+{
+    if (ve_jrpcapi_connect_error_lasts(ctx))
+        trouble_tell(ctx);
+}
+
+void trouble_over()
+{
+    told = false;
+    told_lasting = false;
+}

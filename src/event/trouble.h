@@ -1,0 +1,12 @@
+// Why the daemon cannot be had, said on standard error.
+#pragma once
+
+#include "platform/ve_jrpcapi.h"
+
+/// Says why there is no link, or why what was sent on it did not go out. A reason that was said is not said again until
+/// trouble_over(). Main thread only.
+void trouble_tell(const ve_jrpcapi *ctx);
+/// The same, but only of a reason that waiting for the daemon does not cure.
+void trouble_tell_lasting(const ve_jrpcapi *ctx);
+/// There is a link again: what comes now is another trouble.
+void trouble_over();

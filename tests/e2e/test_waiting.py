@@ -1,0 +1,223 @@
+"""Waiting and ending: why nothing happens is said, groups outlive a lost link, and nothing ends without a word."""
+
+import json
+import os
+import resource
+import signal
+import socket
+
+import pytest
+
+from lib.fake import Close, Error, Slow
+
+MODEL = {"Device.": {}, "Device.A": 1}
+
+
+@pytest.fixture
+def listener(kest_start, fake):
+    """A client in listen mode on group 12 whose Ctrl-C is the one of that mode."""
+    run = kest_start("-l", "-g", "12", to=fake)
+    fake.wait_for(lambda fake: len(fake.of("JoinGroup")) == 2)
+    run.wait_for(lambda run: run.catches(signal.SIGINT))
+    return run
+
+
+def request_link(fake):
+    link, = [connection for connection in fake.open_connections if not connection.receiver]
+    return link
+
+
+def joins(fake):
+    """The groups that were joined on request links, with the number of the connection."""
+    return [(request.connection.number, request.params["Group"]) for request in fake.of("JoinGroup")
+            if not request.connection.receiver]
+
+
+# Why nothing happens
+
+
+@pytest.fixture(params=["missing", "not a socket", "refused", "folder"])
+def in_vain(request, tmp_path):
+    """An address without a daemon, and the system's words for it."""
+    path = tmp_path / "socket"
+    if request.param == "not a socket":
+        path.write_text("")
+    elif request.param == "folder":
+        path.mkdir()
+    elif request.param == "refused":
+        with socket.socket(socket.AF_UNIX) as left:
+            left.bind(str(path))
+    return path, "No such file or directory" if request.param == "missing" else "Connection refused"
+
+
+def test_a_request_that_waits_says_why(kest_start, in_vain):
+    path, words = in_vain
+    run = kest_start("-r", "get", "Device.A", to=path)
+    run.wait_for("\n", stream="err")
+    run.interrupt()
+    run.finish()
+    assert (run.err, run.status) == (f"kest: {path}: {words}\n", -signal.SIGINT)
+    assert run.out in ("", "Connection dropped\n")  # of the link that brings events
+
+
+@pytest.mark.parametrize("words", [("-e", "12", "1"), ("--raw", '{"method":"Notice"}')], ids=["event", "notification"])
+def test_a_message_that_does_not_go_out_says_why(kest, in_vain, words):
+    path, reason = in_vain
+    run = kest(*words, to=path)
+    assert (run.err, run.status) == (f"kest: {path}: {reason}\n", 255)
+    assert run.out in ("", "Connection dropped\n")
+
+
+def test_listening_to_nobody_says_why(kest, in_vain):
+    path, words = in_vain
+    run = kest("-l", "-g", "12", to=path)
+    assert (run.out, run.err, run.status) == ("Connection dropped\n", f"kest: {path}: {words}\n", 0)
+
+
+def test_an_untrusted_peer_is_named_with_its_address(kest_start, veld_start, certificate, tmp_path):
+    cert, key = certificate
+    device = veld_start("--listen", "tcp://127.0.0.1:0", "--tls-cert", cert, "--tls-key", key)
+    address = device.tcp_address()
+    run = kest_start("--ssl", "-r", "get", "Device.A", to=address)
+    run.wait_for("\n", stream="err")
+    run.interrupt()
+    run.finish()
+    assert run.err.startswith(f"kest: {address}: TLS: the peer does not prove to be 127.0.0.1: ")
+    assert run.err.count("\n") == 1
+
+
+def test_on_a_terminal_the_reason_and_the_spinner_have_rows_of_their_own(terminal, tmp_path):
+    path = tmp_path / "none"
+    term = terminal("-r", "get", "Device.A", to=path, columns=200)
+    term.wait_for(lambda term: term.lines and term.lines[-1].startswith("Reconnecting... "))
+    assert term.lines.count(f"kest: {path}: No such file or directory") == 1
+
+
+def test_a_daemon_that_goes_away_in_the_middle_is_named_once(kest_start, fake, tmp_path):
+    fake.serve(MODEL)
+    (tmp_path / "script").write_text("get Device.A\necho asked\nsh until test -e on; do sleep 0.01; done\nget Device.A\nget Device.A\n")
+    run = kest_start("-s", "script", to=fake)
+    run.wait_for("asked")
+    fake.go_down()
+    (tmp_path / "on").touch()
+    run.wait_for("\n", stream="err")
+    fake.come_back()
+    run.finish()
+    assert run.err == f"kest: {fake.address}: Connection refused\n"
+    assert run.status == 0
+
+
+# What waits leaves nothing behind
+
+
+def test_where_no_terminal_is_the_spinner_draws_nothing(kest, fake):
+    fake.on("GetParameterValues", [Close(), {"ParameterList": [{"Name": "Device.A", "Value": 1}]}])
+    run = kest("-r", "get", "Device.A", to=fake)
+    assert (run.out, run.err) == ("\nA = 1\n", "")
+
+
+def test_a_dropped_link_begins_a_row_on_pipes_too(kest_start, fake, tmp_path):
+    fake.serve(MODEL)
+    reader, writer = os.pipe()
+    run = kest_start(to=fake, stdin=reader)
+    os.write(writer, b"opt\n")  # its syntax line has no end
+    run.wait_for("syntax: opt autocomplete|hint on|off")
+    fake.drop_all()
+    run.finish()
+    os.close(writer)
+    os.close(reader)
+    assert "Connection dropped" in run.lines
+
+
+def test_answers_that_have_come_go_out_before_the_next_wait(kest_start, fake):
+    answer = {"ParameterList": [{"Name": "Device.A", "Value": 1}]}
+    fake.on("GetParameterValues", [answer, Slow(60, answer)])
+    run = kest_start("-r", "get", "Device.A", "Device.A", to=fake)
+    run.wait_for("A = 1\n")
+    run.interrupt()
+    assert run.finish().out == "A = 1\n"
+
+
+# Groups outlive the link that joined them
+
+
+@pytest.mark.threads
+def test_listening_joins_its_groups_again(listener, fake):
+    request_link(fake).close()
+    fake.wait_for(lambda fake: joins(fake) == [(0, 12), (2, 12)])
+    fake.event(12, "heard")
+    listener.wait_for('\nEVENT 12:\n"heard"\n')
+    listener.interrupt()
+    listener.finish()
+    assert (listener.err, listener.status) == (f"kest: {fake.address}: the daemon closed the link\n", 0)
+
+
+@pytest.mark.threads
+def test_listening_ends_with_a_failure_when_a_group_cannot_be_joined_again(listener, fake):
+    fake.on("JoinGroup", Error(9001, "not you"))
+    request_link(fake).close()
+    listener.finish()
+    assert listener.err == (f"kest: {fake.address}: the daemon closed the link\n"
+                            "kest: group 12 is not joined again: not you\n")
+    assert (listener.out, listener.status) == ("", 255)
+
+
+@pytest.mark.threads
+def test_listening_without_its_request_link_waits_for_the_daemon(listener, fake):
+    fake._run(fake._close_listener)
+    request_link(fake).close()
+    listener.wait_for("Connection refused\n", stream="err")
+    fake.come_back()
+    fake.wait_for(lambda fake: joins(fake) == [(0, 12), (2, 12)])
+    listener.interrupt()
+    assert listener.finish().status == 0
+
+
+@pytest.mark.threads
+def test_a_shell_joins_its_groups_again(shell, fake):
+    fake.on("Login", Error(9001, "who is that"))
+    fake.serve(MODEL)
+    term = shell("-g", "7,9", to=fake)
+    assert joins(fake) == [(0, 7), (0, 9)]
+    request_link(fake).close()
+    assert term.run("cat Device.A")[-1] == "A = 1"
+    assert joins(fake) == [(0, 7), (0, 9), (2, 7), (2, 9)]
+    on_new = [request.method for request in fake.requests if request.connection.number == 2]
+    assert on_new[:3] == ["JoinGroup", "JoinGroup", "GetParameterAttributes"]
+
+
+# Whose answer
+
+
+def test_a_late_answer_is_never_taken_for_the_one_to_a_raw_message(kest, fake):
+    fake.on("JoinGroup", lambda request: Slow(1.3 if request.params["Group"] == 7 else 0, {"late": "join"}))
+    fake.on("Ping", Slow(0.6, {"n": 2}))
+    run = kest("-g", "7", "--raw", '{"id":1,"method":"Ping"}', to=fake)
+    assert json.loads(run.out[3:])["result"] == {"n": 2}
+    assert fake.of("Ping")[0].id == 1
+
+
+# Without a listener
+
+
+def test_listening_fails_without_its_thread(kest, fake):
+    # A thread's stack is as large as the one that the program may have: here no address space holds it.
+    before = resource.getrlimit(resource.RLIMIT_STACK)
+    resource.setrlimit(resource.RLIMIT_STACK, (1 << 47, before[1]))
+    try:
+        run = kest("-l", "-g", "12", to=fake)
+    finally:
+        resource.setrlimit(resource.RLIMIT_STACK, before)
+    assert (run.out, run.err, run.status) == ("", "Cannot start the event listener.\n", 255)
+
+
+# A parent that ignores the end of children
+
+
+def test_a_shell_command_works_for_a_parent_that_ignores_its_children(kest, fake):
+    signal.signal(signal.SIGCHLD, signal.SIG_IGN)
+    try:
+        run = kest("-r", "sh", "echo", "here", to=fake)
+    finally:
+        signal.signal(signal.SIGCHLD, signal.SIG_DFL)
+    assert (run.out, run.err) == ("here\n", "")
