@@ -1,9 +1,10 @@
-# The front door. What a target needs is installed with apt if it is missing.
-PREFIX ?= /usr/local
+# The front door. What a target needs is installed with apt if it is missing, but for `install`, which only installs what was made.
+prefix ?= /usr/local
+PREFIX ?= $(prefix)
 DESTDIR ?=
 BUILD ?= build
 
-.PHONY: all demo test bench install format clean
+.PHONY: all demo test bench install uninstall format clean
 
 all:
 	@scripts/need build
@@ -20,8 +21,11 @@ bench:
 	@scripts/build build-bench -DKEST_BENCH=ON -DKEST_TESTS=OFF
 	@bench/run build-bench
 
-install: all
-	@DESTDIR="$(DESTDIR)" cmake --install $(BUILD) --prefix "$(PREFIX)" --strip
+install:
+	@scripts/install "$(BUILD)" "$(PREFIX)" "$(DESTDIR)"
+
+uninstall:
+	@scripts/uninstall "$(BUILD)" "$(DESTDIR)"
 
 format:
 	@scripts/need test
