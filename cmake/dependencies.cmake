@@ -15,5 +15,5 @@ endfunction()
 
 kest_static_dependency(jansson HEADER jansson.h LIBRARIES jansson)
 kest_static_dependency(lua HEADER lua.h INCLUDE_SUFFIX lua5.3 LIBRARIES lua5.3)
-target_link_libraries(dep_lua INTERFACE m dl)
+target_link_libraries(dep_lua INTERFACE dl)
 kest_static_dependency(md HEADER md5.h LIBRARIES md)

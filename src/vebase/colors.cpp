@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -40,9 +39,9 @@ rgb to_rgb(const hsv_color &color)
     const double value = std::min<int>(color.value, 100) / 100.0;
     const double sector = color.hue % 360 / 60.0;
     const auto channel = [&](int n) {
-        const double k = std::fmod(n + sector, 6.0);
+        const double k = n + sector < 6 ? n + sector : n + sector - 6;
         const double level = value - value * saturation * std::clamp(std::min(k, 4 - k), 0.0, 1.0);
-        return static_cast<int>(std::lround(level * 255));
+        return static_cast<int>(level * 255 + 0.5);
     };
     return {channel(5), channel(3), channel(1)};
 }

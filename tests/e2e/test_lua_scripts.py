@@ -2,6 +2,7 @@
 
 import contextlib
 import json
+import math
 import os
 import re
 import signal
@@ -46,6 +47,18 @@ def test_the_examples_of_the_page_print_what_it_says(script, code, printed):
         pytest.skip("this kernel lets nobody ping")
     assert run.out == printed
     assert run.status == 0
+
+
+def test_lua_calculates_as_the_c_library_does(script):
+    """The library of mathematics is loaded only when Lua first calculates."""
+    names = ["acos", "asin", "cos", "cosh", "exp", "log10", "sin", "sinh", "sqrt", "tan", "tanh"]
+    terms = [f"math.{name}(0.625)" for name in names]
+    terms += ["math.log(0.625)", "math.log(8, 2)", "math.log(0.625, 3)", "math.atan(-2, 3)", "math.fmod(-7.5, 2.0)", "-7.5 % 2", "0.3 ^ 2.5",
+              "math.ldexp(0.75, 5)", "math.frexp(40.0)"]
+    run = script("".join(f"print(string.format('%a', ({term})))\n" for term in terms))
+    expected = [getattr(math, name)(0.625) for name in names]
+    expected += [math.log(0.625), 3.0, math.log(0.625) / math.log(3), math.atan2(-2, 3), -1.5, 0.5, 0.3 ** 2.5, 24.0, 0.625]
+    assert [float.fromhex(line) for line in run.out.splitlines()] == pytest.approx(expected, rel=1e-15)
 
 
 def test_every_binding_has_an_example(kest, veld):

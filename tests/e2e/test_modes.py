@@ -3,6 +3,7 @@
 import json
 import os
 import signal
+from pathlib import Path
 
 import pytest
 
@@ -160,6 +161,19 @@ def test_listening_prints_events_until_interrupted(kest_start, fake):
     run.interrupt()
     assert run.finish(3).status == 0
     assert run.out == "\nEVENT 12:\n\nEVENT 13:\n{\n    \"a\": [\n        1\n    ]\n}\n"
+
+
+def test_a_run_loads_no_library_that_it_may_not_need(kest_start, fake):
+    run = kest_start("-l", "-g", "12", to=fake)
+    fake.event(12)
+    run.wait_for("EVENT 12:\n")
+    mapped = Path(f"/proc/{run.pid}/maps").read_text()
+    if "san.so" in mapped:
+        pytest.skip("sanitizers bring libraries of their own")
+    libraries = {Path(line.split()[-1]).name for line in mapped.splitlines() if ".so" in line}
+    assert {name.split(".so")[0].split("-")[0] for name in libraries} == {"libc", "ld"}
+    run.interrupt()
+    run.finish(3)
 
 
 def test_listening_ends_with_the_link(kest_start, fake):
