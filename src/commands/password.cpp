@@ -24,18 +24,26 @@ public:
     silence &operator=(const silence &) = delete;
 };
 
-/// Reads up to the line feed and not a byte further. False when Ctrl-C ended it.
+/// Reads up to the line feed and not a byte further. False when Ctrl-C or Ctrl-D ended it.
 bool read_terminal(secret_text *line)
 {
     for (;;) {
+        char byte;
+        if (ve_rl_take_ahead(&byte)) {
+            if (byte == '\n')
+                return true;
+            line->add(byte);
+            continue;
+        }
         pollfd input{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
         if (ve_wait_poll(&input, 1, -1) < 0)
             return false;
-        char byte;
         const ssize_t count = read(STDIN_FILENO, &byte, 1);
         if (count < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
-        if (count <= 0 || byte == '\n')
+        if (count <= 0)
+            return false;
+        if (byte == '\n')
             return true;
         line->add(byte);
     }

@@ -20,6 +20,6 @@ private:
     static constexpr size_t first_room = 512;
 };
 
-/// Asks for `user`'s password: a prompt, then a line without echo. An end of the input is an empty password. False when
-/// Ctrl-C ended it . A wait point.
+/// Asks for `user`'s password: a prompt, then a line without echo. The end of an input that is no terminal is an empty
+/// password. False when Ctrl-C ended it, or Ctrl-D on a terminal. A wait point.
 bool password_read(const char *user, secret_text *password);

@@ -26,6 +26,14 @@ char *ve_rl(const char *prompt, int timeout_ms);
 /// True when the last ve_rl ended by Ctrl-D or the end of input.
 bool ve_rl_ctrld_is_pressed();
 
+/// What was typed ahead at the prompt, as far as the terminal does not hold it any more. Takes its next byte; false
+/// when there is none, and the terminal is to be read.
+bool ve_rl_take_ahead(char *byte);
+/// Drops it: Ctrl-C came.
+void ve_rl_drop_ahead();
+/// Puts it back into the terminal, where another program will read it.
+void ve_rl_put_back_ahead();
+
 /// Fills `candidates` (the editor's array) for the word at byte `cursor` of `line`.
 using ve_rl_autocomplete_cb = void (*)(const char *line, size_t cursor, json_t *candidates);
 /// A newly allocated text to show behind the cursor, or null.

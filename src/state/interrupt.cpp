@@ -4,6 +4,7 @@
 
 #include "platform/ve_colors.h"
 #include "platform/ve_out.h"
+#include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 
 namespace
@@ -24,6 +25,7 @@ bool interrupt_arm()
     if (armed != 0 || signal(SIGINT, sigint_handler) != SIG_DFL)
         return false;
     armed = 1;
+    ve_wait_checkpoint(); // a key that came since the line was read ends what it starts before it has begun
     return true;
 }
 
@@ -37,6 +39,7 @@ bool interrupt_land()
     if (!ve_wait_interrupted())
         return false;
     ve_out_land();
+    ve_rl_drop_ahead();
     ve_wait_clear_interrupt();
     ve_colors_reset();
     if (ve_out_is_terminal() && ve_out_mid_line())

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/ve_out.h"
+#include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 
 namespace
@@ -79,6 +80,7 @@ int ve_child_run(const char *command)
         return W_EXITCODE(0, SIGINT);
     }
     // The terminal's Ctrl-C and Ctrl-\ are for the child, as system(3) has it; SIGINT is blocked here anyway.
+    ve_rl_put_back_ahead();
     struct sigaction ignore = {};
     struct sigaction before;
     ignore.sa_handler = SIG_IGN;
@@ -106,6 +108,8 @@ pid_t ve_child_start(const char *command, bool reads, int *fd)
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) < 0)
         return -1;
+    if (reads)
+        ve_rl_put_back_ahead();
     *fd = ends[reads ? 0 : 1];
     const int childs = ends[reads ? 1 : 0];
     posix_spawn_file_actions_t actions;

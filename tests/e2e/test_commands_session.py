@@ -168,6 +168,17 @@ def test_echo_is_back_however_the_question_ends(shell, model, keys):
     assert "-echo " not in "\n".join(term.lines[-3:])
 
 
+def test_ctrl_d_at_the_password_asks_nothing(shell, fake):
+    fake.serve({"Device.": {}, "Device.Name": "box"})
+    term = shell(to=fake)
+    before = len(fake.of("Login"))
+    term.type("login anna\r")
+    wait_for_the_question(term)
+    term.type("\x04")
+    assert term.run("pwd") == [":"]
+    assert len(fake.of("Login")) == before and not fake.of("Logout")
+
+
 def test_ctrl_c_at_the_password_of_a_request_restores_echo(terminal, fake):
     term = terminal("-r", "login", "anna", to=fake)
     wait_for_the_question(term)

@@ -448,6 +448,36 @@ def test_a_paste_whose_end_never_comes_is_over_after_a_pause(editor):
     term.wait_for("> alphabet")
 
 
+@pytest.mark.parametrize("typed, kept", [
+    ("one\r\x03", ""),
+    ("one\rtwo\rthr\x03ee\r", "ee"),
+    ("one\r\x03two\rthree\x03four\r", "four"),
+    ("one\r\x1b[200~two\r\x1b[201~\x03three\r", "three"),
+])
+def test_ctrl_c_in_one_packet_with_enter_drops_all_before_it(editor, typed, kept):
+    term = editor()
+    term.type(typed + "end" + Key.ENTER)
+    term.wait_for('got "end"')
+    got = re.findall('^got "(.*)"', term.text, re.M)
+    assert got == [kept, "end"] if kept else ["end"]
+
+
+@pytest.mark.parametrize("typed", ["one\r\x1b[200~t\x03wo\r\x1b[201~", "one\r\x16\x03\r"])
+def test_ctrl_c_in_a_paste_typed_ahead_is_text(editor, typed):
+    term = editor()
+    term.type(typed + "end" + Key.ENTER)
+    term.wait_for('got "end"')
+    assert 'got "one"' in term.text and "^C" in term.text
+
+
+def test_a_long_paste_of_lines_keeps_their_order(editor):
+    term = editor()
+    lines = [f"line {number}" for number in range(2000)]
+    term.type("\r".join(lines) + "\r")
+    term.wait_for('got "line 1999"')
+    assert re.findall(rb'got "(line \d+)"', term.raw) == [line.encode() for line in lines]
+
+
 def test_pastes_are_marked_only_while_a_line_is_read(editor):
     term = editor()
     term.run("one")
@@ -770,7 +800,21 @@ def test_ctrl_c_while_tab_waits_keeps_the_line(editor):
     term = editor(words=["alphabet"], DEMO_SLOW="30000")
     term.type("al\t")
     term.quiet(0.2).type("x" + Key.CTRL_C + "y")
-    term.wait_for(lambda term: cursor_line(term) == "> alxy")
+    term.wait_for(lambda term: cursor_line(term) == "> aly")
+
+
+def test_ctrl_c_right_behind_a_tab_keeps_the_line(editor):
+    term = editor(words=["alphabet"], DEMO_SLOW="30000")
+    term.type("al\tx" + Key.ENTER + Key.CTRL_C + "y")
+    term.wait_for(lambda term: cursor_line(term) == "> aly")
+
+
+def test_ctrl_c_while_a_hint_is_awaited_drops_the_line(editor):
+    term = editor(words=["alphabet"], DEMO_HINTS="1", DEMO_SLOW="30000")
+    term.type("al")
+    term.wait_for("> al")
+    term.quiet(0.2).type(Key.CTRL_C + "one" + Key.ENTER)
+    term.wait_for(lambda term: term.lines[:3] == ["> al^C", "> one", 'got "one"'])
 
 
 def test_an_event_while_tab_waits_is_printed_at_once(editor):

@@ -297,6 +297,39 @@ def test_a_ctrl_c_storm_hurts_nothing(shell, fake, again):
     assert term.run("cat Device.Name") == ['Name = "box"']
 
 
+@pytest.mark.parametrize("again", range(5))
+def test_ctrl_c_in_one_packet_with_enter_sends_nothing(shell, fake, again):
+    fake.serve(MODEL)
+    term = shell(to=fake)
+    for _ in range(10):
+        term.type("save\r\x03")
+    term.type("save\rsave\r\x03cat Device.Name\r")
+    term.wait_for('Name = "box"')
+    assert not fake.of("SaveConfig")
+
+
+def test_a_line_typed_ahead_of_a_tab_that_is_given_up_does_not_run(shell, fake):
+    fake.serve({"Device.": {}, "Device.Deep.": {}, "Device.Deep.Name": "box"})
+    term = shell(to=fake)
+    term.run("ls Device.")
+    fake.on("GetParameterAttributes", Silence())
+    before = len(fake.requests)
+    term.type("cat Device.Deep.\t")
+    fake.wait_for(lambda fake: len(fake.requests) > before)
+    term.type("save\r").quiet(0.1)
+    term.type("\x03\x15pwd\r")
+    term.wait_for("pwd\n:\n")
+    assert not fake.of("SaveConfig")
+
+
+def test_what_was_typed_ahead_of_the_end_is_left_to_the_next_program(sandbox, fake, terminal):
+    fake.serve(MODEL)
+    command = f'{settings.KEST} -u {fake.address}; read line; echo "next has $line"'
+    term = terminal("-c", command, program="/bin/sh").wait_prompt()
+    term.type("q\rfor the next\r")
+    term.wait_for("next has for the next")
+
+
 def test_ctrl_c_at_the_prompt_drops_the_line(shell, fake):
     fake.serve(MODEL)
     term = shell(to=fake)

@@ -152,6 +152,7 @@ void run(const char *line)
             ve_puts("");
     } else if (strncmp(line, "child ", 6) == 0) {
         ve_out_flush();
+        ve_rl_put_back_ahead();
         if (system(line + 6) != 0)
             ve_puts("failed");
         ve_out_row_unknown();

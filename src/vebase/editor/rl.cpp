@@ -106,6 +106,11 @@ bool ve_rl_ctrld_is_pressed()
     return ended;
 }
 
+bool ve_rl_take_ahead(char *byte)
+{
+    return rl_edit_take_ahead(byte, 1) == 1;
+}
+
 ve_rl_autocomplete_cb ve_rl_set_autocomplete_cb(ve_rl_autocomplete_cb callback)
 {
     return std::exchange(rl_set.autocomplete, callback);

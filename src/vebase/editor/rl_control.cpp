@@ -178,7 +178,6 @@ int rl_signals::restore()
     for (unsigned i = 0; i < count_; ++i)
         sigaction(handled_[i], &before_[i], nullptr);
     installed_ = false;
-    take(typed_interrupt);
     int late = 0;
     for (const int signal : fatal)
         if (take(signal) && late == 0)
@@ -211,6 +210,22 @@ bool rl_signals::take(int signal)
         return false;
     arrived[signal] = 0;
     return true;
+}
+
+bool rl_signals::take_typed_interrupt()
+{
+    sigset_t only;
+    sigemptyset(&only);
+    sigaddset(&only, SIGINT);
+    const timespec none{};
+    siginfo_t info{};
+    bool typed = take(typed_interrupt);
+    if (sigtimedwait(&only, &info, &none) == SIGINT) {
+        typed = typed || info.si_code == SI_KERNEL;
+        if (info.si_code != SI_KERNEL)
+            raise(SIGINT); // somebody's wish to end the program: it waits on
+    }
+    return typed;
 }
 
 void rl_raise(int signal)

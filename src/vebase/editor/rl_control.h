@@ -38,6 +38,8 @@ public:
     /// True once for each arrival of `signal`, or of a Ctrl-C that was typed while the terminal made a signal of it.
     static bool take(int signal);
     static constexpr int typed_interrupt = 0;
+    /// The same of a typed Ctrl-C, delivered or not.
+    static bool take_typed_interrupt();
 
     static constexpr int fatal[] = {SIGHUP, SIGTERM, SIGQUIT, SIGINT};
 

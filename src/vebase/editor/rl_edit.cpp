@@ -38,6 +38,26 @@ size_t rl_edit_take_paste_end(char *data, size_t size)
     return session.take_paste_end(data, size);
 }
 
+size_t rl_edit_take_ahead(char *data, size_t size)
+{
+    return session.ahead().take_line(data, size);
+}
+
+bool rl_edit_has_ahead()
+{
+    return !session.ahead().empty();
+}
+
+void ve_rl_drop_ahead()
+{
+    session.drop_ahead();
+}
+
+void ve_rl_put_back_ahead()
+{
+    session.ahead().put_back();
+}
+
 size_t rl_session::take_paste_end(char *data, size_t size)
 {
     constexpr std::string_view mark = rl_key_decoder::paste_end;
@@ -70,6 +90,7 @@ int rl_session::end_terminal()
 void rl_session::suspend()
 {
     screen_.finish(line_.text(), {}, true);
+    ahead_.put_back();
     modes_.end();
     signals_.restore();
     rl_raise(SIGTSTP);
@@ -190,12 +211,18 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
         keep_text_ = false;
         screen_.begin(prompt != nullptr ? prompt : "", rl_set.prompt_color, rl_set.hint_color);
         edit();
+        // Before anybody sees that the line has ended: a Ctrl-C behind it is a signal, and one that came as a key
+        // already is not left for later.
+        if (outcome_ == rl_outcome::line) {
+            if (look_ahead())
+                outcome_ = rl_outcome::interrupt;
+            modes_.make_ctrl_c(rl_modes::ctrl_c::signal);
+        }
         if (outcome_ != rl_outcome::interrupt || !signals_.is_default(SIGINT))
             break;
+        modes_.make_ctrl_c(rl_modes::ctrl_c::key);
         screen_.finish(line_.text(), "^C", true);
     }
-    // Before anybody sees that the line has ended: a Ctrl-C that answers to it is a signal, not a key that stays.
-    modes_.let_interrupt(true);
     switch (outcome_) {
     case rl_outcome::line:
         line = line_.text();
@@ -216,6 +243,9 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
         break;
     }
     const int late = end_terminal();
+    // Ctrl-C while the end of the line was being drawn: for what the line starts, as when it comes a moment later.
+    if (rl_signals::take(rl_signals::typed_interrupt) && outcome_ == rl_outcome::line)
+        raise(SIGINT);
     *signal = signal_ != 0 ? signal_ : late;
     return outcome_;
 }

@@ -41,6 +41,10 @@ bool rl_edit_possible();
 /// Ctrl-C with the default disposition of SIGINT begins the line anew.
 rl_outcome rl_edit_line(const char *prompt, int64_t deadline, std::string &line, int *signal);
 
+/// What was typed ahead and is not in the terminal any more, for others that read it: at most a line of `size` bytes.
+size_t rl_edit_take_ahead(char *data, size_t size);
+bool rl_edit_has_ahead();
+
 /// Takes the end of a paste, of which the editor read a part, out of what somebody else has read. Returns how many
 /// bytes are left of `data`.
 size_t rl_edit_take_paste_end(char *data, size_t size);

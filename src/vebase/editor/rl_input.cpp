@@ -1,5 +1,8 @@
 // How keys are fetched: from the terminal byte by byte, between them whatever else happens.
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <span>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -8,7 +11,8 @@
 namespace
 {
 
-constexpr int patience_ms = 1000; // how long another thread may keep the screen
+constexpr size_t terminal_size = 4096; // what a terminal holds for its reader at most
+constexpr int patience_ms = 1000;      // how long another thread may keep the screen
 
 } // namespace
 
@@ -26,10 +30,8 @@ void rl_session::serve_outside()
         outcome_ = rl_outcome::signal;
     }
     if (rl_signals::take(rl_signals::typed_interrupt)) {
-        if (running_ != callback::none)
-            abandoned_ = true;
-        else if (outcome_ == rl_outcome::none)
-            outcome_ = rl_outcome::interrupt;
+        drop_ahead();
+        interrupt_typed();
     }
     if (rl_signals::take(SIGWINCH))
         screen_.resized();
@@ -40,10 +42,18 @@ void rl_session::serve_outside()
     } else if (rl_signals::take(SIGCONT)) {
         // Whoever stopped us may have set the terminal up for himself, and read from it.
         forget_input();
-        modes_.let_interrupt(false);
+        modes_.make_ctrl_c(rl_modes::ctrl_c::key);
         screen_.resized();
         screen_.forget();
     }
+}
+
+/// Ctrl-C leaves a Tab that waits. Else it drops the line: a hint is nobody's wish.
+void rl_session::interrupt_typed()
+{
+    abandoned_ = running_ != callback::none;
+    if (running_ != callback::complete && outcome_ == rl_outcome::none)
+        outcome_ = rl_outcome::interrupt;
 }
 
 /// Waits until the other thread gives the screen back.
@@ -94,8 +104,7 @@ bool rl_session::take_byte()
 {
     unsigned char byte = 0;
     if (!ahead_.empty()) {
-        byte = static_cast<unsigned char>(ahead_.front());
-        ahead_.erase(0, 1);
+        byte = static_cast<unsigned char>(ahead_.take());
     } else if (!fetch_byte(&byte)) {
         return outcome_ != rl_outcome::none;
     }
@@ -121,17 +130,49 @@ void rl_session::handle_byte(unsigned char byte)
     }
 }
 
-/// Before a callback runs: a Ctrl-C typed so far abandons it. What follows the end of the line is left to whoever reads
-/// that.
-void rl_session::read_ahead()
+/// Makes Ctrl-C a signal, and takes what the terminal holds out of it, where it still was a key. True when one was
+/// typed; what came before it is dropped.
+bool rl_session::look_ahead()
 {
-    unsigned char byte = 0;
-    while (ahead_.find_first_of("\r\n") == std::string::npos && fetch_byte(&byte)) {
-        if (modes_.is_control_key(byte, VINTR))
-            abandoned_ = true;
-        else
-            ahead_.push_back(static_cast<char>(byte));
+    modes_.make_ctrl_c(rl_modes::ctrl_c::flushing_signal);
+    // By then the terminal holds only what came behind it.
+    bool interrupted = rl_signals::take_typed_interrupt();
+    if (interrupted)
+        drop_ahead();
+    static const int registered = atexit(ve_rl_put_back_ahead);
+    (void)registered;
+    if (ahead_.empty())
+        ahead_keys_ = keys_;
+    unsigned char data[terminal_size];
+    modes_.make_reads_wait(false); // Ctrl-C may empty the terminal at any moment
+    const ssize_t count = read(STDIN_FILENO, data, sizeof data);
+    modes_.make_reads_wait(true);
+    forget_input();
+    for (const unsigned char byte : std::span{data, static_cast<size_t>(std::max<ssize_t>(count, 0))}) {
+        if (!ahead_keys_.wants_text() && modes_.is_control_key(byte, VINTR)) {
+            interrupted = true;
+            drop_ahead();
+            continue;
+        }
+        ahead_.add(static_cast<char>(byte));
+        ahead_keys_.feed(byte);
+        for (rl_key key; ahead_keys_.take(&key);)
+            ;
     }
+    if (rl_signals::take_typed_interrupt()) {
+        interrupted = true;
+        drop_ahead();
+    }
+    return interrupted;
+}
+
+void rl_session::drop_ahead()
+{
+    if (!ahead_.empty())
+        keys_.end_paste();
+    ahead_.clear();
+    ahead_keys_ = keys_;
+    ahead_keys_.reset();
 }
 
 /// Waits for a key, until `until` at most, and notes what came.

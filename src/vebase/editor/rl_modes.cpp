@@ -52,9 +52,19 @@ void rl_modes::end()
     sigaction(SIGABRT, &before_abort, nullptr);
 }
 
-void rl_modes::let_interrupt(bool on)
+void rl_modes::make_ctrl_c(ctrl_c meaning)
 {
-    set(on ? ISIG | NOFLSH : 0);
+    // With the terminal's input its output is emptied too, so not while something is being drawn.
+    set(meaning == ctrl_c::key ? 0 : meaning == ctrl_c::signal ? ISIG | NOFLSH : ISIG);
+}
+
+void rl_modes::make_reads_wait(bool wait)
+{
+    termios modes;
+    if (tcgetattr(STDIN_FILENO, &modes) != 0)
+        return;
+    modes.c_cc[VMIN] = wait ? 1 : 0;
+    tcsetattr(STDIN_FILENO, TCSANOW, &modes);
 }
 
 /// `local`: of the flags that make keys mean something to the terminal itself, those to be on.
@@ -64,7 +74,7 @@ void rl_modes::set(tcflag_t local)
     // Ctrl-S and Ctrl-Q are keys; what stays for the next reader has its line feeds.
     modes.c_iflag &= ~static_cast<tcflag_t>(INLCR | IGNCR | IXON | IXOFF);
     modes.c_oflag |= OPOST | ONLCR;
-    modes.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHONL | ISIG | IEXTEN);
+    modes.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ECHONL | ISIG | IEXTEN | NOFLSH);
     modes.c_lflag |= local;
     modes.c_cc[VMIN] = 1;
     modes.c_cc[VTIME] = 0;

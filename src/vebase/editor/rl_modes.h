@@ -10,8 +10,12 @@ public:
     /// program exits or aborts meanwhile.
     void begin();
     void end();
-    /// While a callback runs and when a line has ended, Ctrl-C is a signal, and what is typed waits in the terminal.
-    void let_interrupt(bool on);
+    /// What Ctrl-C is: a key; a signal; while a callback runs, a signal that also empties the terminal of what was
+    /// typed before it.
+    enum class ctrl_c { key, signal, flushing_signal };
+    void make_ctrl_c(ctrl_c meaning);
+    /// Whether a read of a terminal that holds nothing waits, or returns 0.
+    void make_reads_wait(bool wait);
     /// Whether `byte` is the terminal's control character `index` (VINTR, ...).
     bool is_control_key(unsigned char byte, unsigned index) const;
 

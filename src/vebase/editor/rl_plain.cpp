@@ -67,8 +67,8 @@ ssize_t peek_at_pipe(char *data, size_t size)
 /// What is typed ahead of a command can be several lines, which the terminal gives at once.
 ssize_t read_terminal(char *data, size_t size)
 {
-    size_t count = 0;
-    int more = 1;
+    size_t count = rl_edit_take_ahead(data, size);
+    int more = count > 0 ? 0 : 1;
     while (count < size && more > 0 && (count == 0 || data[count - 1] != '\n')) {
         const ssize_t got = read(STDIN_FILENO, data + count, 1);
         if (got <= 0)
@@ -184,7 +184,7 @@ ssize_t rl_plain_read(char *data, size_t size)
 {
     for (;;) {
         pollfd in{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0};
-        if (ve_wait_poll(&in, 1, -1) < 0) {
+        if (ve_wait_poll(&in, 1, rl_edit_has_ahead() ? ve_wait_deadline(0) : -1) < 0) {
             errno = EINTR;
             return -1;
         }

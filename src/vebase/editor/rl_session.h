@@ -6,6 +6,7 @@
 
 #include "base/json_ref.h"
 #include "platform/ve_wait.h"
+#include "vebase/editor/rl_ahead.h"
 #include "vebase/editor/rl_control.h"
 #include "vebase/editor/rl_edit.h"
 #include "vebase/editor/rl_keys.h"
@@ -18,6 +19,8 @@ class rl_session final : ve_wait_companion
 public:
     rl_outcome read_line(const char *prompt, int64_t deadline, std::string &line, int *signal);
     size_t take_paste_end(char *data, size_t size);
+    rl_ahead &ahead() { return ahead_; }
+    void drop_ahead();
 
 private:
     enum class callback { none, complete, hint };
@@ -34,12 +37,13 @@ private:
 
     // rl_input.cpp
     void serve_outside();
+    void interrupt_typed();
     void wait_hidden();
     void forget_input();
     bool fetch_byte(unsigned char *byte);
     bool take_byte();
     void handle_byte(unsigned char byte);
-    void read_ahead();
+    bool look_ahead();
     void wait_for_input(int64_t until);
     unsigned watch(pollfd *fds) override;
     bool serve(const pollfd *fds, unsigned count) override;
@@ -67,9 +71,10 @@ private:
     int64_t deadline_ = -1;
     bool keep_text_ = false; // the read before timed out
 
-    std::string ahead_;     // bytes that were read before their turn; never beyond the end of a line
-    int pending_ = 0;       // bytes that the terminal is known to hold
-    bool readable_ = false; // the terminal is known to be readable
+    rl_ahead ahead_;            // typed before its turn
+    rl_key_decoder ahead_keys_; // behind what is ahead
+    int pending_ = 0;           // bytes that the terminal is known to hold
+    bool readable_ = false;     // the terminal is known to be readable
 
     callback running_ = callback::none;
     bool abandoned_ = false; // the callback that runs was abandoned

@@ -43,11 +43,11 @@ size_t default_start(const std::string &line, size_t cursor)
 template <class Call> bool rl_session::run_callback(callback kind, const Call &call)
 {
     running_ = kind;
-    abandoned_ = false;
     rl_set.completion_start_set = false;
     rl_set.completion_verbatim = false;
-    modes_.let_interrupt(true);
-    read_ahead();
+    abandoned_ = false;
+    if (look_ahead())
+        interrupt_typed();
     const size_t printed = ve_out_count();
     if (!abandoned_ && outcome_ == rl_outcome::none) {
         ve_wait_set_companion(this);
@@ -56,7 +56,7 @@ template <class Call> bool rl_session::run_callback(callback kind, const Call &c
         ve_wait_checkpoint(); // a Ctrl-C that came while it computed
         serve_outside();
     }
-    modes_.let_interrupt(false);
+    modes_.make_ctrl_c(rl_modes::ctrl_c::key);
     running_ = callback::none;
     ve_wait_clear_interrupt();
     ve_out_flush();
@@ -174,7 +174,7 @@ void rl_session::list(const json_t *found)
     }
     abandoned_ = false;
     running_ = callback::complete;
-    modes_.let_interrupt(true);
+    modes_.make_ctrl_c(rl_modes::ctrl_c::signal);
     std::string out;
     for (size_t row = 0; row < columns.rows(); ++row) {
         out += rl_set.autocomplete_color;
@@ -189,7 +189,7 @@ void rl_session::list(const json_t *found)
         if (pause_listing())
             break;
     }
-    modes_.let_interrupt(false);
+    modes_.make_ctrl_c(rl_modes::ctrl_c::key);
     running_ = callback::none;
 }
 
