@@ -1,6 +1,7 @@
 #include "lua/client.h"
 
 #include "event/request.h"
+#include "lua/printer.h"
 #include "platform/ve_out.h"
 
 namespace
@@ -13,9 +14,9 @@ void change_login(const char *user, const char *password)
 
 } // namespace
 
-lua_client::lua_client(void (*leaving)()) : context_(ve_lua_init(0))
+lua_client::lua_client(void (*leaving)(), bool (*running)()) : context_(ve_lua_init(0))
 {
-    ve_lua_set_hooks({msg_exec, msg_post, change_login, leaving});
+    ve_lua_set_hooks({msg_exec, msg_post, change_login, leaving, running, luap_push_description});
     if (context_ == nullptr)
         ve_puts("LUA ERROR: not enough memory");
     else

@@ -7,8 +7,9 @@
 class lua_client
 {
 public:
-    /// `leaving` is called when code ends the program with os.exit; it stops the listener too.
-    explicit lua_client(void (*leaving)());
+    /// `leaving` is called when code ends the program with os.exit; it stops the listener too. `running` says whether
+    /// somebody waits for the code's end, null: always.
+    explicit lua_client(void (*leaving)(), bool (*running)() = nullptr);
     lua_client(const lua_client &) = delete;
     lua_client &operator=(const lua_client &) = delete;
     ~lua_client() { ve_lua_free(context_); }

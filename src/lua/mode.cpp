@@ -146,7 +146,7 @@ int lua_mode_run()
     console.history.load(history_file);
     console.session_begin = console.history.size();
     {
-        const lua_client client(leave_program);
+        const lua_client client(leave_program, is_running);
         if (client) {
             kest_lua_init(client.get()->state);
             run_lines(client.get()->state);
@@ -172,7 +172,7 @@ int process_lua(const char *, command_args args)
         text.append(word).append(" ");
     ve_puts(text.c_str());
     ve_out_flush();
-    const lua_client client(leave_shell);
+    const lua_client client(leave_shell, is_running);
     if (!client)
         return 0;
     lua_run_begin();

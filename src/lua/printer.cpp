@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include <lua.hpp>
 
@@ -26,16 +27,6 @@ struct open_table {
     const void *identity;
     int index; ///< on the Lua stack
 };
-
-const char *bold()
-{
-    return luap_colours ? "\033[1m" : "";
-}
-
-const char *unbold()
-{
-    return luap_colours ? "\033[22m" : "";
-}
 
 bool is_printable(unsigned char byte)
 {
@@ -74,8 +65,9 @@ bool is_identifier(const char *key, size_t count)
 class printer
 {
 public:
-    void begin()
+    void begin(bool plain)
     {
+        plain_ = plain;
         length_ = 0;
         column_ = 0;
         indent_ = 0;
@@ -89,8 +81,18 @@ public:
     }
     const char *text() const { return text_; }
     size_t size() const { return held_; }
+    void release()
+    {
+        free(text_);
+        text_ = nullptr;
+        capacity_ = 0;
+        held_ = 0;
+    }
 
 private:
+    const char *bold() const { return luap_colours && !plain_ ? "\033[1m" : ""; }
+    const char *unbold() const { return luap_colours && !plain_ ? "\033[22m" : ""; }
+
     /// Characters of a text up to its first NUL; an escape sequence, from ESC to the next "m", counts nothing.
     long visible_length(const char *piece)
     {
@@ -467,6 +469,7 @@ private:
         }
     }
 
+    bool plain_ = false;     // no colours, whatever holds elsewhere
     lua_State *L_ = nullptr; // borrowed while a description is under way
     char *text_ = nullptr;
     size_t length_ = 0;   // of the description under way
@@ -480,6 +483,26 @@ private:
 
 printer description;
 
+constexpr char printer_type[] = "kest.printer";
+
+int release_printer(lua_State *L)
+{
+    static_cast<printer *>(lua_touserdata(L, 1))->release();
+    return 0;
+}
+
+/// Pushes a printer that Lua owns.
+printer *push_printer(lua_State *L)
+{
+    auto *made = new (lua_newuserdata(L, sizeof(printer))) printer;
+    if (luaL_newmetatable(L, printer_type) != 0) {
+        lua_pushcfunction(L, release_printer);
+        lua_setfield(L, -2, "__gc");
+    }
+    lua_setmetatable(L, -2);
+    return made;
+}
+
 } // namespace
 
 void luap_describe_value(lua_State *L, int index)
@@ -489,12 +512,23 @@ void luap_describe_value(lua_State *L, int index)
 
 const char *luap_describe(lua_State *L, int index)
 {
-    description.begin();
+    description.begin(false);
     const bool colours = luap_colours;
     luap_colours = false;
     luap_describe_value(L, index);
     luap_colours = colours;
     return description.text();
+}
+
+void luap_push_description(lua_State *L, int index)
+{
+    index = lua_absindex(L, index);
+    printer *own = push_printer(L);
+    own->begin(true);
+    own->describe(L, index);
+    lua_pushlstring(L, own->text() != nullptr ? own->text() : "", own->size());
+    own->release();
+    lua_remove(L, -2);
 }
 
 const char *luap_describe_text()

@@ -13,6 +13,9 @@ extern bool luap_colours;
 /// described. A value that has no text (a light userdata) gives the text of the description before. Raises what a
 /// metamethod of the value raises, and when Ctrl-C was noted.
 const char *luap_describe(lua_State *L, int index);
+/// Pushes the text of the value at `index` (none for a light userdata), apart from any description under way. Raises as
+/// above.
+void luap_push_description(lua_State *L, int index);
 /// The text that luap_describe returned last, with what was appended since, and its bytes (a text may hold NULs).
 const char *luap_describe_text();
 size_t luap_description_length();

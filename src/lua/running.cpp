@@ -2,6 +2,8 @@
 
 #include <csignal>
 #include <pthread.h>
+#include <string_view>
+#include <unistd.h>
 
 #include "platform/ve_wait.h"
 #include "state/interrupt.h"
@@ -14,6 +16,21 @@ struct {
     struct sigaction action;
     sigset_t mask;
 } before;
+
+/// How often Ctrl-C is pressed before the way out is told that always works.
+constexpr int presses_told = 3;
+constexpr std::string_view way_out = "\r\nThis code cannot be stopped. Ctrl-\\ ends the program.\r\n";
+
+volatile sig_atomic_t presses = 0;
+
+/// Where a loop waits for Ctrl-C: whoever keeps pressing it sees that nothing happens.
+void note_and_tell(int number)
+{
+    before.action.sa_handler(number);
+    presses = presses + 1;
+    if (presses == presses_told) [[maybe_unused]]
+        const ssize_t ignored = write(STDERR_FILENO, way_out.data(), way_out.size());
+}
 
 /// Where no loop waits for Ctrl-C: the second one ends the program at once, should the code not stop.
 void note_or_end(int)
@@ -40,8 +57,11 @@ void lua_run_begin()
     sigaction(SIGINT, nullptr, &before.action);
     struct sigaction action = before.action;
     action.sa_flags &= ~SA_RESTART; // a read of the code's own ends too
+    presses = 0;
     if (before.action.sa_handler == SIG_DFL)
         action.sa_handler = note_or_end;
+    else if (before.action.sa_handler != SIG_IGN)
+        action.sa_handler = note_and_tell;
     sigaction(SIGINT, &action, nullptr);
     const sigset_t sigint = only_sigint();
     pthread_sigmask(SIG_UNBLOCK, &sigint, &before.mask);

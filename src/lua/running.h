@@ -1,7 +1,8 @@
 // Ctrl-C while Lua code runs. Main thread only.
 //
 // SIGINT is unblocked then, since code may compute without ever waiting; its handler notes it, and the note makes the
-// code raise errors until the caller of lua_run_begin is reached, which ends the run.
+// code raise errors until the caller of lua_run_begin is reached, which ends the run. Code that cannot be stopped so is
+// left by Ctrl-\, which the third Ctrl-C says; where no command runs, the second one ends the program.
 #pragma once
 
 /// From here on Ctrl-C is noted at any moment.

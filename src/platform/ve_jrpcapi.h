@@ -18,6 +18,8 @@ inline constexpr char ve_jrpcapi_default_socket[] = "/var/run/veld.sock";
 
 /// A new context, not connected, for the default endpoint. Opens nothing.
 ve_jrpcapi *ve_jrpcapi_init();
+/// A new context for the endpoint of `ctx`, with its time-out and its TLS; not connected.
+ve_jrpcapi *ve_jrpcapi_like(const ve_jrpcapi *ctx);
 /// Closes the link and frees; null is allowed.
 void ve_jrpcapi_deinit(ve_jrpcapi *ctx);
 

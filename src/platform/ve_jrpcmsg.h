@@ -31,6 +31,7 @@ ve_jrpcmsg *ve_jrpcmsg_create_event_new(uint32_t id, json_t *value);
 /// A message from its JSON form (shared, not taken over); null when it is no message. A request keeps its own id.
 ve_jrpcmsg *ve_jrpcmsg_parse_json(json_t *json);
 
+/// `session` null makes the link a session of its own.
 ve_jrpcmsg *ve_jrpcmsg_cmd_join_group(uint32_t group, const char *session, bool receiver);
 ve_jrpcmsg *ve_jrpcmsg_cmd_get_parameter_names(const char *path, int next_level);
 /// Take over `names` (an array of texts; null: an empty one).

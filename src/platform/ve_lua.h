@@ -37,6 +37,9 @@ struct ve_lua_hooks {
     int (*send)(ve_jrpcmsg *message);                              ///< as ve_jrpcapi_send, reconnecting
     void (*login_changed)(const char *user, const char *password); ///< both null after a logout
     void (*leaving)();                                             ///< os.exit is about to end the program
+    bool (*running)() = nullptr;                                   ///< whether somebody still waits for the code
+    /// Pushes the console's text of the value at `index`. May raise.
+    void (*describe)(lua_State *L, int index) = nullptr;
 };
 void ve_lua_set_hooks(const ve_lua_hooks &hooks);
 

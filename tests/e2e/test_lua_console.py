@@ -1,6 +1,7 @@
 """The Lua console: statements, Lua mode on pipes and on a terminal."""
 
 import re
+import signal
 import subprocess
 from pathlib import Path
 
@@ -431,6 +432,9 @@ ENDLESS = [
     "while true do dm.get('Device.DeviceInfo.Manufacturer') end",
     "local function f() f() end while true do pcall(f) end",
     "io.read()",
+    "dm.sleep(math.huge)",
+    "dm.wait(1000)",
+    "table.move({}, 1, 1 << 60, 2)",
     "os.execute('sleep 100') while true do end",
     "io.popen('sleep 100'):read('a') while true do end",
     "io.popen(\"trap '' INT; sleep 100\"):read('a') while true do end",
@@ -456,7 +460,7 @@ def interrupt(term, code, prefix=""):
     term.type(f"{prefix}io.stderr:write('be', 'gun\\n') {code}\r")
     term.wait_for(lambda t: t.raw.count(b"begun") > before)
     moment = settings.deadline()
-    while "sleep" in code and not sleeps(term.pid):
+    while "sleep 100" in code and not sleeps(term.pid):
         assert settings.remaining(moment) > 0, term
         term.read(0.01)
     term.type(Key.CTRL_C)
@@ -474,6 +478,22 @@ def test_ctrl_c_stops_a_statement(veld, shell, code):
     term.run("q")
     term.run("lua")
     assert term.run("1 + 1") == ["_[1] = 2"]
+
+
+def test_the_third_ctrl_c_tells_the_way_out_of_code_that_cannot_be_stopped(veld, shell):
+    term = shell(to=veld)
+    term.run("lua")
+    term.type("io.stderr:write('be', 'gun') string.find(('a'):rep(40), ('a*'):rep(30) .. 'b')\r")
+    term.wait_for("begun")
+    term.type(Key.CTRL_C)
+    term.quiet(0.1)
+    term.type(Key.CTRL_C)
+    term.quiet(0.1)
+    assert not term.find("Ctrl-\\")
+    term.type(Key.CTRL_C)
+    term.wait_for("This code cannot be stopped. Ctrl-\\ ends the program.")
+    term.type("\x1c")
+    assert term.wait_exit() == -signal.SIGQUIT
 
 
 @pytest.mark.parametrize("use", ["f:read()", "f:close()", None])

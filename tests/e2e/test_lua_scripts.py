@@ -10,16 +10,17 @@ import signal
 import pytest
 
 from lib import settings
+from lib.fake import Error
 
 PAGE = settings.SOURCE / "docs" / "lua.md"
 
 
 def examples():
     """The page's examples: the heading above, the code, what it prints."""
-    heading = None
-    for part in re.split(r"^(### .*|```lua\n(?:.*\n)*?```)$", PAGE.read_text(), flags=re.MULTILINE):
-        if part.startswith("### "):
-            heading = part[4:]
+    heading = "?"
+    for part in re.split(r"^(##+ .*|```lua\n(?:.*\n)*?```)$", PAGE.read_text(), flags=re.MULTILINE):
+        if part.startswith("##"):
+            heading = part.lstrip("# ")
         elif part.startswith("```lua"):
             lines = part.splitlines()[1:-1]
             code = [line for line in lines if not line.startswith("--> ")]
@@ -46,7 +47,8 @@ def test_the_examples_of_the_page_print_what_it_says(script, code, printed):
     if "does not let this daemon send ICMP" in run.out:
         pytest.skip("this kernel lets nobody ping")
     assert run.out == printed
-    assert run.status == 0
+    status = re.search(r"os\.exit\((\d+)\)", code)
+    assert run.status == (int(status.group(1)) if status else 0)
 
 
 def test_lua_calculates_as_the_c_library_does(script):
@@ -64,7 +66,7 @@ def test_lua_calculates_as_the_c_library_does(script):
 def test_every_binding_has_an_example(kest, veld):
     names = kest("-r", "lua", "for name in pairs(dm) do print(name) end", to=veld).out.splitlines()[1:]
     text = PAGE.read_text()
-    assert len(names) == 15
+    assert len(names) == 20
     assert [name for name in names if f"dm.{name}" not in text] == []
 
 
@@ -211,7 +213,9 @@ def test_a_table_is_set_as_a_whole_or_not_at_all(script):
 def test_refusals_read_like_the_shells_line(script, kest, veld):
     said = kest("-r", "get", "Device.Nope", to=veld).out.splitlines()[0]
     assert script("print(pcall(dm.get, 'Device.Nope'))").out == f"false\t{said}\n"
-    assert script("dm.get('Device.Nope')").out == f"{said}\n"
+    run = script("\ndm.get('Device.Nope')")
+    assert run.out == f"{run.path}:2: {said}\n"
+    assert kest("-r", "lua", "dm.get('Device.Nope')", to=veld).out.endswith(f'\nLUA ERROR: [string "stdin"]:1: {said}\n')
 
 
 def test_instances_come_and_go(script):
@@ -226,6 +230,51 @@ def test_instances_come_and_go(script):
 def test_a_whole_model_is_got_at_once(script):
     run = script("local all = dm.get(':') print(all['Device.Time.Enable'], all['Device.DNS.SearchDomain.1'])")
     assert run.out == "true\tlan\n"
+
+
+# --- events ---
+
+
+def test_an_event_from_outside_is_waited_for(veld, kest, kest_start, tmp_path):
+    (tmp_path / "s.lua").write_text(
+        "dm.wait({1000, 1001}, 0) io.stderr:write('joined')\n"
+        "print(dm.wait(1001)) local id, value = dm.wait({1000, 1001}) print(id, dm.json(value))\n"
+        "print(dm.wait(1000, 0))"
+    )
+    program = kest_start("-S", "s.lua", to=veld)
+    program.wait_for("joined", stream="err")
+    assert kest("-e", "1000", '{"a": [1, null]}', to=veld).status == 0
+    assert kest("-e", "1001", to=veld).status == 0
+    assert program.finish().out == '1001\tnil\n1000\t{"a":[1,null]}\nnil\n'
+
+
+def test_groups_of_the_command_line_print_their_events_besides(veld, kest, tmp_path):
+    (tmp_path / "s.lua").write_text("dm.wait(1000, 0) dm.event(1000, 'x') print(dm.wait(1000))")
+    run = kest("-g", "1000", "-S", "s.lua", to=veld)
+    # The listener prints whenever it gets there.
+    assert "EVENT 1000:\n" in run.out and "1000\tx\n" in run.out
+
+
+def test_waiting_goes_on_when_the_daemon_is_back(veld, kest, kest_start, tmp_path):
+    (tmp_path / "s.lua").write_text("dm.wait(1000, 0) io.stderr:write('joined') print(dm.wait(1000))")
+    program = kest_start("-S", "s.lua", to=veld)
+    program.wait_for("joined", stream="err")
+    veld.restart()
+    program.wait_for(lambda program: kest("-e", "1000", "1", to=veld).status == 0 and program.ended)
+    assert program.finish().out.endswith("1000\t1\n")
+
+
+def test_a_daemon_that_is_not_there_ends_a_wait(kest, tmp_path):
+    (tmp_path / "s.lua").write_text("print(pcall(dm.wait, 1000, 0)) print(select(2, pcall(dm.wait, 1000, 0)).code)")
+    run = kest("-S", "s.lua", to=tmp_path / "nobody")
+    assert f"false\t[-32002] Connection lost: {tmp_path}/nobody: No such file or directory\n-32002\n" in run.out
+
+
+def test_a_refused_group_is_said(fake, kest, tmp_path):
+    (tmp_path / "s.lua").write_text("dm.wait(1000)")
+    fake.on("JoinGroup", Error(9004, "too many groups"))
+    run = kest("-S", "s.lua", to=fake)
+    assert run.out == "s.lua:1: [9004] Resources exceeded: too many groups\n"
 
 
 # --- scripts that one waits for ---

@@ -195,18 +195,18 @@ TEST_F(VeLua, CarriesTwoThousandLevels)
 TEST_F(VeLua, RefusesWhatHasNoJsonForm)
 {
     const std::pair<const char *, const char *> cases[] = {
-        {"{v = print}", "a function has no JSON form"},
-        {"{v = coroutine.create(print)}", "a coroutine has no JSON form"},
-        {"{v = io.stdout}", "a userdata has no JSON form"},
-        {"{v = 0/0}", "a number that is not finite has no JSON form"},
-        {"{v = '\\200'}", "a text that is not UTF-8 has no JSON form"},
+        {"{v = print}", "v: a function has no JSON form"},
+        {"{v = {coroutine.create(print)}}", "v.1: a coroutine has no JSON form"},
+        {"{v = {w = {io.stdout}}}", "v.w.1: a userdata has no JSON form"},
+        {"{v = 0/0}", "v: a number that is not finite has no JSON form"},
+        {"{v = '\\200'}", "v: a text that is not UTF-8 has no JSON form"},
         {"{['\\200'] = 1}", "a key that is not UTF-8 has no JSON form"},
         {"{['a\\0'] = 1}", "a key that holds a NUL has no JSON form"},
-        {"{v = {1, a = 2}}", "a table whose keys are neither all texts nor 1 to n has no JSON form"},
-        {"{v = {1, nil, 3}}", "a table whose keys are neither all texts nor 1 to n has no JSON form"},
-        {"{v = {[1.5] = 1}}", "a table whose keys are neither all texts nor 1 to n has no JSON form"},
-        {"(function() local t = {} t.t = t return t end)()", "a table that contains itself has no JSON form"},
-        {"(function() local t = {} t.t = {t} return t end)()", "a table that contains itself has no JSON form"},
+        {"{v = {1, a = 2}}", "v: a table whose keys are neither all texts nor 1 to n has no JSON form"},
+        {"{v = {1, nil, 3}}", "v: a table whose keys are neither all texts nor 1 to n has no JSON form"},
+        {"{v = {[1.5] = 1}}", "v: a table whose keys are neither all texts nor 1 to n has no JSON form"},
+        {"(function() local t = {} t.t = t return t end)()", "t: a table that contains itself has no JSON form"},
+        {"(function() local t = {} t.t = {t} return t end)()", "t.1: a table that contains itself has no JSON form"},
         {"{1, 2}", "parameters have names"},
         {"5", "table expected, got number"},
     };
@@ -299,7 +299,7 @@ TEST_F(VeLua, SetsTypedValuesAllAtOnce)
               "ERROR [string \"stdin\"]:1: bad argument #2 to 'set' (nil has no JSON form (use dm.null))");
     EXPECT_EQ(run("dm.set{1}"), "ERROR [string \"stdin\"]:1: bad argument #1 to 'set' (a path is expected)");
     EXPECT_EQ(run("dm.set{a = print}"),
-              "ERROR [string \"stdin\"]:1: bad argument #1 to 'set' (a function has no JSON form)");
+              "ERROR [string \"stdin\"]:1: bad argument #1 to 'set' (a: a function has no JSON form)");
     EXPECT_EQ(run("dm.set('', 1)"), "ERROR [string \"stdin\"]:1: bad argument #1 to 'set' (an empty path)");
     EXPECT_FALSE(asked);
 }
@@ -345,6 +345,26 @@ TEST_F(VeLua, CallsMethodsWithNestedArgumentsAndOutputs)
     EXPECT_NE(request("params").find(R"({"Name":"Opt.Size","Value":3})"), std::string::npos);
     EXPECT_NE(request("params").find(R"({"Name":"Opt.Deep.On","Value":true})"), std::string::npos);
     EXPECT_NE(request("params").find(R"("Path":"Device.M")"), std::string::npos);
+    // Instance numbers are integers there too; a list that is a value has the mark.
+    EXPECT_EQ(run("dm.call('M', {Hop = {{Host = 'a'}, {Host = 'b'}, [7] = {Host = 'c', On = {false}}}})"), "");
+    for (const char *entry : {R"({"Name":"Hop.1.Host","Value":"a"})", R"({"Name":"Hop.2.Host","Value":"b"})",
+                              R"({"Name":"Hop.7.Host","Value":"c"})", R"({"Name":"Hop.7.On.1","Value":false})"})
+        EXPECT_NE(request("params").find(entry), std::string::npos) << entry;
+    EXPECT_EQ(run("dm.call('M', {L = dm.array{1, {a = {}}}, E = {}})"), "");
+    EXPECT_EQ(request("params"), R"({"ParameterList":[{"Name":"L","Value":[1,{"a":{}}]}],"Path":"M"})");
+    EXPECT_EQ(run("local a = {b = {c = {{print}}}} dm.call('M', a)"),
+              "ERROR [string \"stdin\"]:1: bad argument #2 to 'call' (b.c.1.1: a function has no JSON form)");
+    EXPECT_EQ(run("dm.call('M', {a = {[1.5] = 1}})"),
+              "ERROR [string \"stdin\"]:1: bad argument #2 to 'call' (a: keys are names or instance numbers)");
+    EXPECT_EQ(run("dm.call('M', {a = {[0] = 1}})"),
+              "ERROR [string \"stdin\"]:1: bad argument #2 to 'call' (a: keys are names or instance numbers)");
+    EXPECT_EQ(
+        run("local t = {} t.t = {t} dm.call('M', t)"),
+        "ERROR [string \"stdin\"]:1: bad argument #2 to 'call' (t.1: a table that contains itself has no JSON form)");
+    for (const char *list : {"{1, 2}", "dm.array()"}) {
+        EXPECT_EQ(run(std::string("dm.call('M', ") + list + ")"),
+                  "ERROR [string \"stdin\"]:1: bad argument #2 to 'call' (arguments have names)");
+    }
     reply("{}");
     EXPECT_EQ(run("print(next(dm.call('Device.M')))"), "nil\n");
     EXPECT_EQ(request("params"), R"({"ParameterList":[],"Path":"Device.M"})");
@@ -356,19 +376,38 @@ TEST_F(VeLua, RaisesRefusalsAsValues)
     EXPECT_EQ(
         run("local ok, e = pcall(dm.get, 'Device.X') print(ok, e.code, e.title, e.message, e.data, e)"),
         "false\t9005\tInvalid parameter name\twhat is wrong\tnil\t[9005] Invalid parameter name: what is wrong\n");
-    EXPECT_EQ(run("dm.get('Device.X')"), "ERROR [9005] Invalid parameter name: what is wrong");
+    EXPECT_EQ(run("dm.get('Device.X')"), "ERROR [string \"stdin\"]:1: [9005] Invalid parameter name: what is wrong");
     // The entries in the daemon's order, as the shell shows them.
     answer_data = json_ref(
         json_pack("{s:s, s:i, s:[n], s:s}", "Device.D", "bad", "Device.B", 1, "Device.C", "Device.A", "\xc3\xa9\n"));
     EXPECT_EQ(run("local ok, e = pcall(dm.set, 'Device.A', 1) print(e.data['Device.D'], e.data['Device.B'])"),
               "bad\t1\n");
     const std::string lines = "\nDevice.D: \"bad\"\nDevice.B: 1\nDevice.C: [null]\nDevice.A: \"\xc3\xa9\\n\"";
-    EXPECT_EQ(run("dm.set('Device.A', 1)"), "ERROR [9005] Invalid parameter name: what is wrong" + lines);
+    EXPECT_EQ(run("dm.set('Device.A', 1)"),
+              "ERROR [string \"stdin\"]:1: [9005] Invalid parameter name: what is wrong" + lines);
     EXPECT_EQ(
         run("local ok, e = pcall(dm.set, 'Device.A', 1) e.message = 'mine' collectgarbage() io.write(tostring(e))"),
         "[9005] Invalid parameter name: mine" + lines);
     EXPECT_EQ(run("local ok, e = pcall(dm.set, 'Device.A', 1) e.data = {} e.title = nil io.write(tostring(e))"),
               "[9005] ?: what is wrong");
+}
+
+TEST_F(VeLua, SaysWhereARefusalCameFrom)
+{
+    answer_code = 9005;
+    const std::string said = "[9005] Invalid parameter name: what is wrong";
+    EXPECT_EQ(run("local function f()\n dm.get('X')\nend\n f()", "/a/b.lua"), "ERROR /a/b.lua:2: " + said);
+    // What calls the binding may be no Lua code itself.
+    EXPECT_EQ(run("\nlocal _, e = pcall(dm.get, 'X')\nprint(e.where, e)", "/a/b.lua"), "/a/b.lua:2\t" + said + "\n");
+    EXPECT_EQ(run("local _, e = pcall(dm.get, 'X')\n\nerror(e)", "/a/b.lua"), "ERROR /a/b.lua:1: " + said);
+    EXPECT_EQ(run("coroutine.wrap(function()\ndm.get('X') end)()", "/a/b.lua"), "ERROR /a/b.lua:2: " + said);
+    EXPECT_EQ(run("local ok, e = coroutine.resume(coroutine.create(dm.get), 'X') print(e.where, e)"),
+              "nil\t" + said + "\n");
+    EXPECT_EQ(run("local _, e = pcall(dm.get, 'X') e.where = nil error(e)"), "ERROR " + said);
+    EXPECT_EQ(run("local _, e = pcall(dm.get, 'X') print('<' .. e .. '>' .. 1, e .. e == tostring(e):rep(2))"),
+              "<" + said + ">1\ttrue\n");
+    EXPECT_EQ(run("print(xpcall(dm.get, function(e) return e.where .. ': ' .. e end, 'X'))"),
+              "false\t[string \"stdin\"]:1: " + said + "\n");
 }
 
 TEST_F(VeLua, SendsEvents)
@@ -381,14 +420,92 @@ TEST_F(VeLua, SendsEvents)
     EXPECT_EQ(request("params"), R"({"Id":102,"Value":null})");
     EXPECT_EQ(run("dm.event(-1)"), "ERROR [string \"stdin\"]:1: bad argument #1 to 'event' (out of range)");
     answer_code = -1;
-    EXPECT_EQ(run("dm.event(1)"), "ERROR [-32002] Connection lost: the daemon closed the link");
+    EXPECT_EQ(run("dm.event(1)"), "ERROR [string \"stdin\"]:1: [-32002] Connection lost: the daemon closed the link");
     ve_lua_set_hooks({nullptr,
                       [](ve_jrpcmsg *message) {
                           ve_jrpcmsg_set_error(message, 9004, "too long", nullptr);
                           return -1;
                       },
                       nullptr, nullptr});
-    EXPECT_EQ(run("dm.event(1)"), "ERROR [9004] Resources exceeded: too long");
+    EXPECT_EQ(run("dm.event(1)"), "ERROR [string \"stdin\"]:1: [9004] Resources exceeded: too long");
+}
+
+TEST_F(VeLua, TurnsJsonTextsIntoValuesAndBack)
+{
+    EXPECT_EQ(run("print(dm.json{b = 1, a = {dm.null, 1.5, 'x'}, c = dm.array(), d = {}})"),
+              "{\"a\":[null,1.5,\"x\"],\"b\":1,\"c\":[],\"d\":{}}\n");
+    EXPECT_EQ(run("print(dm.json('\\0\\n'), dm.json(1), dm.json(1.0), dm.json(dm.null), dm.json(false))"),
+              "\"\\u0000\\n\"\t1\t1.0\tnull\tfalse\n");
+    EXPECT_EQ(run("local t = dm.parse('{\"a\":[1,2.0,null,{}],\"b\":\"\\\\u0000\"}') "
+                  "print(math.type(t.a[1]), math.type(t.a[2]), t.a[3] == dm.null, next(t.a[4]), #t.b)"),
+              "integer\tfloat\ttrue\tnil\t1\n");
+    EXPECT_EQ(run("print(dm.parse(' 7 '), dm.parse('null'), dm.json(dm.parse('[]')), dm.json(dm.parse('{}')))"),
+              "7\tnull\t[]\t{}\n");
+    EXPECT_EQ(run("dm.json(nil)"),
+              "ERROR [string \"stdin\"]:1: bad argument #1 to 'json' (nil has no JSON form (use dm.null))");
+    EXPECT_EQ(run("dm.json{a = {1, print}}"),
+              "ERROR [string \"stdin\"]:1: bad argument #1 to 'json' (a.2: a function has no JSON form)");
+    EXPECT_TRUE(
+        run("dm.parse('{\"a\":\\n[1,}')")
+            .starts_with("ERROR [string \"stdin\"]:1: bad argument #1 to 'parse' (no JSON: line 2, column 4: "));
+    EXPECT_NE(run("dm.parse('')").find("no JSON: line 1"), std::string::npos);
+    EXPECT_NE(run("dm.parse('1 2')").find("no JSON: line 1"), std::string::npos);
+}
+
+TEST_F(VeLua, Sleeps)
+{
+    EXPECT_EQ(run("print(select('#', dm.sleep(0)), select('#', dm.sleep(0.001)))"), "0\t0\n");
+    for (const char *time : {"-1", "0/0"}) {
+        EXPECT_EQ(run(std::string("dm.sleep(") + time + ")"),
+                  "ERROR [string \"stdin\"]:1: bad argument #1 to 'sleep' (not a time in seconds)");
+    }
+}
+
+TEST_F(VeLua, RepeatsTextsAsLuaDoes)
+{
+    EXPECT_EQ(run("print(('ab'):rep(3), ('ab'):rep(3, ','), ('ab'):rep(1, ','), ('ab'):rep(0) .. ('ab'):rep(-1), "
+                  "(''):rep(5, '-'), #(''):rep(1e9))"),
+              "ababab\tab,ab,ab\tab\t\t----\t0\n");
+    EXPECT_EQ(run("local s = ('abc'):rep(1000003, 'de') print(#s, s:sub(-5), s:sub(1, 6), s:sub(2500001, 2500005) == "
+                  "('abcde'):rep(2):sub(1, 5))"),
+              "5000013\tdeabc\tabcdea\ttrue\n");
+    EXPECT_EQ(run("('xx'):rep(math.maxinteger)"), "ERROR [string \"stdin\"]:1: resulting string too large");
+    EXPECT_EQ(run("string.rep()"),
+              "ERROR [string \"stdin\"]:1: bad argument #1 to 'rep' (string expected, got no value)");
+}
+
+TEST_F(VeLua, MovesElementsAsLuaDoes)
+{
+    const char *same = "local function check(n, f, e, t, ...) local a = {} for i = 1, n do a[i] = i end "
+                       "local b = ... and {} or a local r = table.move(a, f, e, t, ...) "
+                       "for i = f, e do if r[t + i - f] ~= i then return i end end return #r end ";
+    EXPECT_EQ(run(std::string(same) + "print(check(50000, 1, 50000, 1), check(50000, 1, 50000, 7), "
+                                      "check(50000, 11, 50000, 1), check(50000, 1, 50000, 40000), "
+                                      "check(50000, 1, 50000, 3, {}), check(30, 1, 30, 5))"),
+              "50000\t50006\t50000\t89999\t50002\t34\n");
+    EXPECT_EQ(run("table.move({}, -1, math.maxinteger, 2)"),
+              "ERROR [string \"stdin\"]:1: bad argument #3 to 'move' (too many elements to move)");
+    EXPECT_EQ(run("table.move({}, 1, math.maxinteger, 2)"),
+              "ERROR [string \"stdin\"]:1: bad argument #4 to 'move' (destination wrap around)");
+    EXPECT_EQ(run("print(#table.move({}, 2, 1, 1))"), "0\n");
+}
+
+TEST_F(VeLua, StopsLongCallsOfTheLibrary)
+{
+    EXPECT_EQ(run_interrupted("while true do pcall(string.rep, 'x', 1 << 30) end"), "ERROR interrupted");
+    ve_wait_clear_interrupt();
+    EXPECT_EQ(run_interrupted("table.move({}, 1, 1 << 60, 2)"), "ERROR interrupted");
+}
+
+TEST_F(VeLua, RefusesToWaitForNoGroup)
+{
+    for (const char *groups : {"0", "-1", "'x'", "{}", "{1, 'x'}", "1.5", "4294967296", "nil"}) {
+        EXPECT_EQ(run(std::string("dm.wait(") + groups + ")"),
+                  "ERROR [string \"stdin\"]:1: bad argument #1 to 'wait' (not a group or an array of groups)")
+            << groups;
+    }
+    EXPECT_EQ(run("dm.wait(1, -1)"), "ERROR [string \"stdin\"]:1: bad argument #2 to 'wait' (not a time in seconds)");
+    EXPECT_EQ(run("dm.wait(1, 0)"), "ERROR [string \"stdin\"]:1: no link to the daemon");
 }
 
 TEST_F(VeLua, TellsTheClientOfLogins)
@@ -402,7 +519,7 @@ TEST_F(VeLua, TellsTheClientOfLogins)
     EXPECT_EQ(logins, "(admin,secret)(root,-)(-,-)");
     logins.clear();
     answer_code = 9001;
-    EXPECT_EQ(run("dm.login('admin', 'wrong')"), "ERROR [9001] Request denied: what is wrong");
+    EXPECT_EQ(run("dm.login('admin', 'wrong')"), "ERROR [string \"stdin\"]:1: [9001] Request denied: what is wrong");
     EXPECT_EQ(logins, "(-,-)") << "a refused login leaves nobody logged in";
     EXPECT_EQ(run("print(pcall(dm.save))"), "false\t[9001] Request denied: what is wrong\n");
 }

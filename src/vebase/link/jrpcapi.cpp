@@ -162,6 +162,15 @@ ve_jrpcapi *ve_jrpcapi_init()
     return new ve_jrpcapi;
 }
 
+ve_jrpcapi *ve_jrpcapi_like(const ve_jrpcapi *ctx)
+{
+    auto *other = new ve_jrpcapi;
+    other->flags = ctx->flags & ve_jrpcapi_flag_ssl;
+    other->timeout_ms = ctx->timeout_ms;
+    other->destination = ctx->destination;
+    return other;
+}
+
 void ve_jrpcapi_deinit(ve_jrpcapi *ctx)
 {
     if (ctx == nullptr)

@@ -52,7 +52,8 @@ ve_jrpcmsg *ve_jrpcmsg_create_event_new(uint32_t id, json_t *value)
 ve_jrpcmsg *ve_jrpcmsg_cmd_join_group(uint32_t group, const char *session, bool receiver)
 {
     ve_jrpcmsg *message = request_with("JoinGroup", "Group", json_integer(group));
-    json_object_set_new(message->params.get(), "Session", json_string(session));
+    if (session != nullptr)
+        json_object_set_new(message->params.get(), "Session", json_string(session));
     if (receiver)
         json_object_set_new(message->params.get(), "Receiver", json_true());
     return message;

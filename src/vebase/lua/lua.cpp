@@ -9,6 +9,8 @@
 #include "base/clock.h"
 #include "platform/ve_lua_frames.h"
 #include "platform/ve_wait.h"
+#include "vebase/lua/lua_events.h"
+#include "vebase/lua/lua_exchange.h"
 #include "vebase/lua/lua_impl.h"
 
 namespace
@@ -81,6 +83,7 @@ int open_state(lua_State *L)
     luaL_openlibs(L);
     ve_lua_open_interrupts(L);
     ve_lua_open_io(L);
+    ve_lua_open_long(L);
     ve_lua_open_dm(L);
     return 0;
 }
@@ -119,7 +122,7 @@ int run_chunk(lua_State *L)
 /// Message handler: the error value as a text.
 int error_text(lua_State *L)
 {
-    if (lua_isstring(L, 1))
+    if (lua_isstring(L, 1) || ve_lua_push_error_text(L, 1))
         return 1;
     if (luaL_callmeta(L, 1, "__tostring") && lua_isstring(L, -1))
         return 1;
@@ -255,6 +258,7 @@ void ve_lua_free(ve_lua_context *base)
         return;
     if (context->state != nullptr)
         lua_close(context->state);
+    delete context->events;
     ve_lua_close_streams(context);
     delete context;
 }

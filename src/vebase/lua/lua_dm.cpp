@@ -7,7 +7,6 @@
 #include <cstring>
 #include <string>
 
-#include "base/framing.h"
 #include "base/utf8.h"
 #include "platform/ve_json.h"
 #include "platform/ve_string.h"
@@ -63,11 +62,12 @@ const char *push_partial_path(lua_State *L, int index)
     return lua_pushfstring(L, path[size - 1] == '.' ? "%s" : "%s.", path);
 }
 
-/// The value at `index` as JSON (a new reference); raises when it has none, as an error of argument `argument`.
-json_t *json_at(lua_State *L, int index, int argument)
+/// The value at `index` as JSON (a new reference); raises when it has none, as an error of argument `argument`, where
+/// `place` leads to it.
+json_t *json_at(lua_State *L, int index, int argument, const char *place = "")
 {
     const char *problem = nullptr;
-    json_t *value = ve_lua_to_json(L, index, &problem);
+    json_t *value = ve_lua_to_json(L, index, &problem, place);
     if (value == nullptr) {
         ve_lua_check_interrupt(L);
         luaL_argerror(L, argument, problem);
@@ -75,9 +75,8 @@ json_t *json_at(lua_State *L, int index, int argument)
     return value;
 }
 
-/// The table of named values that argument 2 may be, as a JSON object (a new reference); null when there is none.
-/// `problem` is raised of an array.
-json_t *check_named_values(lua_State *L, const char *problem)
+/// The table of parameters that argument 2 may be, as a JSON object (a new reference); null when there is none.
+json_t *check_parameters(lua_State *L)
 {
     if (lua_isnil(L, 2))
         return nullptr;
@@ -85,7 +84,7 @@ json_t *check_named_values(lua_State *L, const char *problem)
     json_t *values = json_at(L, 2, 2);
     if (!json_is_object(values)) {
         json_decref(values);
-        luaL_argerror(L, 2, problem);
+        luaL_argerror(L, 2, "parameters have names");
     }
     return values;
 }
@@ -217,7 +216,7 @@ void add_setting(lua_State *L, json_t *list, int index, int argument)
 {
     luaL_argcheck(L, lua_type(L, index) == LUA_TSTRING, 1, "a path is expected");
     const char *path = path_at(L, index, 1);
-    json_array_append_new(list, name_value(path, json_at(L, index + 1, argument)));
+    json_array_append_new(list, name_value(path, json_at(L, index + 1, argument, argument == 1 ? path : "")));
 }
 
 int dm_set(lua_State *L)
@@ -282,37 +281,6 @@ int dm_save(lua_State *L)
 
 // --- methods ---
 
-/// Appends the values below `group` to `list`, their names joined by dots. Never raises. False when the names take more
-/// than the `*room` bytes that a message has for them.
-bool flatten(json_t *list, const json_t *group, const std::string &prefix, size_t *room)
-{
-    const char *key;
-    json_t *value;
-    json_object_foreach(const_cast<json_t *>(group), key, value)
-    {
-        const std::string name = prefix.empty() ? key : prefix + "." + key;
-        if (name.size() > *room || ve_lua_stop_is_due())
-            return false;
-        if (json_is_object(value)) {
-            if (!flatten(list, value, name, room))
-                return false;
-            continue;
-        }
-        *room -= name.size();
-        json_array_append_new(list, name_value(name.c_str(), json_incref(value)));
-    }
-    return true;
-}
-
-/// The list of a method's arguments (a new reference); null when it is too long for a message. Takes over `arguments`.
-json_t *flattened(json_t *arguments)
-{
-    const json_ref owned(arguments);
-    json_ref list(json_array());
-    size_t room = wire_line_max;
-    return flatten(list.get(), owned.get(), "", &room) ? list.release() : nullptr;
-}
-
 /// Pushes a component of a name: an instance number as an integer.
 void push_component(lua_State *L, const char *component, size_t size)
 {
@@ -354,17 +322,27 @@ void store_output(lua_State *L, const char *name, const json_t *value)
     lua_pop(L, 1);
 }
 
+/// What argument 2 says of a method's arguments (a new reference).
+json_t *check_arguments(lua_State *L)
+{
+    if (lua_isnil(L, 2))
+        return json_array();
+    luaL_checktype(L, 2, LUA_TTABLE);
+    const char *problem = nullptr;
+    json_t *list = ve_lua_to_arguments(L, 2, &problem);
+    if (list == nullptr) {
+        ve_lua_check_interrupt(L);
+        luaL_argerror(L, 2, problem);
+    }
+    return list;
+}
+
 int dm_call(lua_State *L)
 {
     const char *path = check_path(L, 1);
     lua_settop(L, 2);
     ve_lua_box *box = ve_lua_push_box(L);
-    json_t *arguments = flattened(check_named_values(L, "arguments have names"));
-    if (arguments == nullptr) {
-        ve_lua_check_interrupt(L);
-        return luaL_argerror(L, 2, "longer than a message may be");
-    }
-    box->message = ve_jrpcmsg_cmd_execute(path, arguments);
+    box->message = ve_jrpcmsg_cmd_execute(path, check_arguments(L));
     ve_lua_exchange(L, box);
     const json_t *list = ve_jrpcmsg_parameter_list(box->message);
     lua_newtable(L);
@@ -381,7 +359,7 @@ int dm_request(lua_State *L)
     const char *method = check_text(L, 1);
     lua_settop(L, 2);
     ve_lua_box *box = ve_lua_push_box(L);
-    box->message = ve_jrpcmsg_create_new(method, check_named_values(L, "parameters have names"));
+    box->message = ve_jrpcmsg_create_new(method, check_parameters(L));
     ve_lua_exchange(L, box);
     ve_lua_push_json(L, ve_jrpcmsg_result(box->message));
     return ve_lua_finish(box, 1);
@@ -494,5 +472,11 @@ void ve_lua_open_dm(lua_State *L)
     luaL_newlib(L, functions);
     push_null(L);
     lua_setfield(L, -2, "null");
+    ve_lua_open_tools(L);
+    // Where Lua looks for the names of functions that errors speak of.
+    luaL_getsubtable(L, LUA_REGISTRYINDEX, LUA_LOADED_TABLE);
+    lua_pushvalue(L, -2);
+    lua_setfield(L, -2, "dm");
+    lua_pop(L, 1);
     lua_setglobal(L, "dm");
 }

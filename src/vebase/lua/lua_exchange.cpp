@@ -15,6 +15,8 @@ namespace
 
 constexpr char box_type[] = "dm.message";
 constexpr char error_type[] = "dm.error";
+/// Calls of C functions in each other that stand between a binding and the Lua code behind them, at most.
+constexpr int frames_looked_at = 100;
 constexpr char lines_name[] = "dm.error.lines"; // registry: the data of an error → its lines in the error's text
 
 void release(ve_lua_box *box)
@@ -80,6 +82,29 @@ int error_tostring(lua_State *L)
     return 1;
 }
 
+int error_concat(lua_State *L)
+{
+    lua_settop(L, 2);
+    luaL_tolstring(L, 1, nullptr);
+    luaL_tolstring(L, 2, nullptr);
+    lua_concat(L, 2);
+    return 1;
+}
+
+/// Sets the error's field "where" to the innermost line of Lua that led here, if there is any.
+void set_where(lua_State *L)
+{
+    lua_Debug frame;
+    for (int level = 0; level < frames_looked_at && lua_getstack(L, level, &frame) != 0; ++level) {
+        lua_getinfo(L, "Sl", &frame);
+        if (frame.currentline <= 0)
+            continue;
+        lua_pushfstring(L, "%s:%d", frame.short_src, frame.currentline);
+        lua_setfield(L, -2, "where");
+        return;
+    }
+}
+
 /// Sets the error's field "data" and remembers how it reads.
 void set_data(lua_State *L, json_t *data)
 {
@@ -142,9 +167,31 @@ int ve_lua_raise(lua_State *L, ve_lua_box *box)
     set_field(L, "message", ve_jrpcmsg_error_message(box->message));
     if (json_t *data = ve_jrpcmsg_error_data(box->message))
         set_data(L, data);
+    set_where(L);
     luaL_setmetatable(L, error_type);
     release(box);
     return lua_error(L);
+}
+
+bool ve_lua_push_error_text(lua_State *L, int index)
+{
+    if (!lua_istable(L, index) || lua_getmetatable(L, index) == 0)
+        return false;
+    luaL_getmetatable(L, error_type);
+    const bool is_error = lua_rawequal(L, -1, -2) != 0;
+    lua_pop(L, 2);
+    if (!is_error)
+        return false;
+    luaL_tolstring(L, index, nullptr);
+    lua_pushliteral(L, "where");
+    if (lua_rawget(L, index) == LUA_TSTRING) {
+        lua_pushliteral(L, ": ");
+        lua_rotate(L, -3, 2);
+        lua_concat(L, 3);
+    } else {
+        lua_pop(L, 1);
+    }
+    return true;
 }
 
 int ve_lua_transmit(lua_State *L, const ve_lua_box *box, int timeout_ms)
@@ -191,6 +238,8 @@ void ve_lua_open_exchange(lua_State *L)
     luaL_newmetatable(L, error_type);
     lua_pushcfunction(L, error_tostring);
     lua_setfield(L, -2, "__tostring");
+    lua_pushcfunction(L, error_concat);
+    lua_setfield(L, -2, "__concat");
     lua_newtable(L); // forgets the data that nobody holds any more
     lua_createtable(L, 0, 1);
     set_field(L, "__mode", "k");

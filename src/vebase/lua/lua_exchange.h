@@ -24,8 +24,12 @@ void ve_lua_exchange(lua_State *L, ve_lua_box *box, int timeout_ms = -1);
 /// Sends the box's event; raises why it could not be sent.
 void ve_lua_send(lua_State *L, ve_lua_box *box);
 
-/// Raises how the message ended: a table with `code`, `title`, `message` and perhaps `data`. Does not return.
+/// Raises how the message ended: a table with `code`, `title`, `message`, `where` (the line of Lua that asked) and
+/// perhaps `data`. Does not return.
 int ve_lua_raise(lua_State *L, ve_lua_box *box);
+/// Pushes how such an error reads where nobody caught it: as a text with its place in front. False, with nothing
+/// pushed, when the value at `index` (absolute) is none.
+bool ve_lua_push_error_text(lua_State *L, int index);
 
 /// Ends a binding whose message is done with: frees it and returns `results` values from the top.
 int ve_lua_finish(ve_lua_box *box, int results);

@@ -8,6 +8,8 @@
 
 #include "platform/ve_lua.h"
 
+class ve_lua_events;
+
 /// The context as its own library sees it. No code here keeps an owner (a std::string, a message) in a local across a
 /// call that can raise: Lua leaves by longjmp.
 struct ve_lua_state : ve_lua_context {
@@ -17,6 +19,7 @@ struct ve_lua_state : ve_lua_context {
     int child_status = 0;             ///< of the child that was waited for last
     FILE *standard[3] = {};           ///< the streams behind io.stdin, io.stdout and io.stderr; owned
     const void *null_value = nullptr; ///< identity of dm.null
+    ve_lua_events *events = nullptr;  ///< what dm.wait listens on, once it was called; owned
 };
 
 /// The context of a state or of any of its coroutines.
@@ -46,12 +49,17 @@ int ve_lua_time_left(int timeout_ms);
 /// Set-up of a state, in a protected call: may raise.
 void ve_lua_open_interrupts(lua_State *L);
 void ve_lua_open_io(lua_State *L);
+void ve_lua_open_long(lua_State *L);
 /// With the table "io" on top.
 void ve_lua_open_popen(lua_State *L);
 void ve_lua_open_dm(lua_State *L);
+/// With the table "dm" on top.
+void ve_lua_open_tools(lua_State *L);
 
 /// Raises an error while the time that code may run is limited: a child does not end with it.
 void ve_lua_refuse_children(lua_State *L);
+/// What code prints: collected, or written to the terminal.
+void ve_lua_emit(ve_lua_state *context, const char *data, size_t size);
 /// Before somebody else uses the terminal: shows what was printed.
 void ve_lua_show_output(ve_lua_state *context);
 /// Calls the function that is the first upvalue with the same arguments. Returns the number of its results.

@@ -19,19 +19,11 @@ constexpr size_t piece_size = 1024;
 /// What is copied to the output between two looks at Ctrl-C.
 constexpr size_t slice_size = size_t{256} << 10;
 
-void emit(ve_lua_state *context, const char *data, size_t size)
-{
-    if (context->collecting)
-        context->output.append(data, size);
-    else
-        ve_lua_write(data, size);
-}
-
 // --- the streams behind io.stdin, io.stdout, io.stderr ---
 
 ssize_t stream_write(void *cookie, const char *data, size_t size)
 {
-    emit(static_cast<ve_lua_state *>(cookie), data, size);
+    ve_lua_emit(static_cast<ve_lua_state *>(cookie), data, size);
     return static_cast<ssize_t>(size);
 }
 
@@ -85,11 +77,11 @@ int lua_print(lua_State *L)
         if (text == nullptr)
             return luaL_error(L, "'tostring' must return a string to 'print'");
         if (i > 1)
-            emit(context, "\t", 1);
-        emit(context, text, size);
+            ve_lua_emit(context, "\t", 1);
+        ve_lua_emit(context, text, size);
         lua_pop(L, 1);
     }
-    emit(context, "\n", 1);
+    ve_lua_emit(context, "\n", 1);
     return 0;
 }
 
@@ -150,6 +142,14 @@ void ve_lua_refuse_children(lua_State *L)
 {
     if (ve_lua_time_left(-1) >= 0)
         luaL_error(L, "no time to wait for a child");
+}
+
+void ve_lua_emit(ve_lua_state *context, const char *data, size_t size)
+{
+    if (context->collecting)
+        context->output.append(data, size);
+    else
+        ve_lua_write(data, size);
 }
 
 void ve_lua_show_output(ve_lua_state *context)

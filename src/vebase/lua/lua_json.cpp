@@ -3,15 +3,23 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include "base/framing.h"
+#include "base/utf8.h"
 #include "platform/ve_json.h"
+#include "platform/ve_out.h"
 #include "vebase/lua/lua_impl.h"
 
 namespace
 {
+
+/// A place is said up to this many bytes of its keys.
+constexpr size_t shown_place_max = 200;
 
 const char array_mark = 0; // its address is the registry key of the arrays' metatable
 
@@ -25,10 +33,12 @@ struct piece {
 struct conversion {
     lua_State *state;
     const char *problem = nullptr;
-    unsigned depth = 0; ///< tables that enclose the one being converted
+    std::string place = {};  // keys that lead to the problem, joined by dots
+    bool everywhere = false; // the problem is the whole value's
+    unsigned depth = 0;      ///< tables that enclose the one being converted
     /// The tables that were met, one without JSON while it is being converted. One that stands in many places is
     /// converted once, so that a small number of tables does not become a huge number of values.
-    std::unordered_map<const void *, piece> tables;
+    std::unordered_map<const void *, piece> tables = {};
 };
 
 piece convert(conversion *run, int index);
@@ -39,14 +49,31 @@ piece refuse(conversion *run, const char *problem)
     return {};
 }
 
+constexpr char too_deep[] = "tables are nested too deep (more than 2040 levels)";
+constexpr char too_long[] = "longer than a message may be";
+constexpr char stopped[] = "interrupted";
+
+piece refuse_whole(conversion *run, const char *problem)
+{
+    run->everywhere = true;
+    return refuse(run, problem);
+}
+
 piece refuse_depth(conversion *run)
 {
-    return refuse(run, "tables are nested too deep (more than 2040 levels)");
+    return refuse_whole(run, too_deep);
 }
 
 piece refuse_size(conversion *run)
 {
-    return refuse(run, "longer than a message may be");
+    return refuse_whole(run, too_long);
+}
+
+/// Says that what failed stands under `key`.
+piece fail_at(conversion *run, std::string_view key)
+{
+    run->place.insert(0, run->place.empty() ? key : std::string(key) + ".");
+    return {};
 }
 
 bool is_marked(lua_State *L, int index)
@@ -101,7 +128,7 @@ piece convert_array(conversion *run, int table, lua_Integer count)
         piece element = convert(run, lua_gettop(run->state));
         lua_pop(run->state, 1);
         if (!element.json)
-            return element;
+            return fail_at(run, std::to_string(i));
         if (!count_member(&array, element, i > 1 ? 1 : 0))
             return refuse_size(run);
         json_array_append_new(array.json.get(), element.json.release());
@@ -118,7 +145,7 @@ piece convert_member(conversion *run, int key, piece *object)
         return refuse(run, "a key that holds a NUL has no JSON form");
     piece value = convert(run, key + 1);
     if (!value.json)
-        return value;
+        return fail_at(run, {name, size});
     if (!count_member(object, value, size + (object->size > 2 ? 4 : 3)))
         return refuse_size(run);
     if (json_object_set(object->json.get(), name, value.json.get()) != 0)
@@ -195,7 +222,7 @@ piece convert(conversion *run, int index)
 {
     lua_State *L = run->state;
     if (ve_lua_stop_is_due())
-        return refuse(run, "interrupted");
+        return refuse_whole(run, stopped);
     switch (lua_type(L, index)) {
     case LUA_TBOOLEAN:
         return {.json = json_ref(json_boolean(lua_toboolean(L, index))), .size = 4};
@@ -218,6 +245,143 @@ piece convert(conversion *run, int index)
         return refuse(run, "a userdata has no JSON form");
     }
 }
+
+/// The problem and where it is, or null when there is none. Valid until the next conversion.
+const char *said(const conversion &run)
+{
+    static std::string text; // not a local of the caller, who raises it
+    if (run.problem == nullptr)
+        return nullptr;
+    text = run.problem;
+    if (!run.place.empty() && !run.everywhere) {
+        const bool fits = run.place.size() <= shown_place_max;
+        const std::string_view shown = std::string_view(run.place).substr(0, utf8_cut(run.place, shown_place_max));
+        text.insert(0, ve_visible(shown) + (fits ? ": " : "...: "));
+    }
+    return text.c_str();
+}
+
+/// The arguments of a method: what stands below a table, its keys joined by dots to names. The tables that are open
+/// stand on the Lua stack, each below its current key.
+class argument_list
+{
+public:
+    argument_list(lua_State *L, int table) : run_{.state = L}, base_(lua_gettop(L))
+    {
+        if (is_marked(L, table))
+            fail("arguments have names");
+        else
+            open(lua_absindex(L, table));
+    }
+
+    /// The list as a new reference, or null with `*problem` set.
+    json_t *made(const char **problem)
+    {
+        while (run_.problem == nullptr && !open_.empty())
+            step();
+        lua_settop(run_.state, base_);
+        *problem = said(run_);
+        return run_.problem == nullptr ? list_.release() : nullptr;
+    }
+
+private:
+    struct level {
+        const void *table;
+        size_t name_size; ///< of its name in `name_`
+    };
+
+    void fail(const char *problem)
+    {
+        run_.problem = problem;
+        fail_at(&run_, name_);
+    }
+    void fail_whole(const char *problem) { refuse_whole(&run_, problem); }
+
+    void open(int table)
+    {
+        const void *identity = lua_topointer(run_.state, table);
+        const auto same = [identity](const level &other) { return other.table == identity; };
+        if (std::any_of(open_.begin(), open_.end(), same))
+            return fail("a table that contains itself has no JSON form");
+        if (open_.size() >= ve_lua_json_depth_max || lua_checkstack(run_.state, 8) == 0)
+            return fail_whole(too_deep);
+        // The name counts for a table too, so that what has no end is not walked for ever.
+        size_ += name_.size();
+        if (size_ > wire_line_max)
+            return fail_whole(too_long);
+        open_.push_back({identity, name_.size()});
+        lua_pushvalue(run_.state, table);
+        lua_pushnil(run_.state);
+    }
+
+    void step()
+    {
+        lua_State *L = run_.state;
+        name_.resize(open_.back().name_size);
+        if (ve_lua_stop_is_due())
+            return fail_whole(stopped);
+        if (lua_next(L, -2) == 0) {
+            lua_pop(L, 1);
+            open_.pop_back();
+            return;
+        }
+        if (!add_key())
+            return;
+        if (lua_istable(L, -1) && !is_marked(L, -1)) {
+            open(lua_gettop(L));
+            if (run_.problem == nullptr)
+                lua_remove(L, -3); // the table stands below its key now
+        } else {
+            add_value();
+            lua_pop(L, 1);
+        }
+    }
+
+    /// The key below the top becomes the end of the name.
+    bool add_key()
+    {
+        lua_State *L = run_.state;
+        std::string key;
+        if (lua_type(L, -2) == LUA_TSTRING) {
+            size_t size = 0;
+            const char *bytes = lua_tolstring(L, -2, &size);
+            key.assign(bytes, size);
+        } else if (lua_isinteger(L, -2) && lua_tointeger(L, -2) > 0 && open_.size() > 1) {
+            key = std::to_string(lua_tointeger(L, -2));
+        }
+        if (key.empty() || key.find('\0') != std::string::npos || !utf8_valid(key)) {
+            fail(open_.size() > 1 ? "keys are names or instance numbers" : "arguments have names");
+            return false;
+        }
+        if (!name_.empty())
+            name_ += '.';
+        name_ += key;
+        return true;
+    }
+
+    void add_value()
+    {
+        const piece value = convert(&run_, lua_gettop(run_.state));
+        if (!value.json) {
+            fail_at(&run_, name_);
+            return;
+        }
+        size_ += name_.size() + value.size;
+        if (size_ > wire_line_max)
+            return fail_whole(too_long);
+        json_t *entry = json_object();
+        json_object_set_new(entry, "Name", json_string(name_.c_str()));
+        json_object_set(entry, "Value", value.json.get());
+        json_array_append_new(list_.get(), entry);
+    }
+
+    conversion run_;
+    int base_;
+    std::vector<level> open_;
+    std::string name_;
+    size_t size_ = 0; // of the names and values so far, in bytes
+    json_ref list_{json_array()};
+};
 
 void push_array(lua_State *L, const json_t *array)
 {
@@ -275,12 +439,19 @@ void ve_lua_push_json(lua_State *L, const json_t *value)
     }
 }
 
-json_t *ve_lua_to_json(lua_State *L, int index, const char **problem)
+json_t *ve_lua_to_json(lua_State *L, int index, const char **problem, std::string_view place)
 {
-    conversion run{.state = L, .problem = nullptr, .depth = 0, .tables = {}};
+    conversion run{.state = L};
     piece value = convert(&run, lua_absindex(L, index));
-    *problem = run.problem;
+    if (!value.json && !place.empty())
+        fail_at(&run, place);
+    *problem = said(run);
     return value.json.release();
+}
+
+json_t *ve_lua_to_arguments(lua_State *L, int index, const char **problem)
+{
+    return argument_list(L, index).made(problem);
 }
 
 void ve_lua_mark_array(lua_State *L)
