@@ -2,6 +2,7 @@
 #include "veld/firmware/downloads.h"
 #include "veld/import/import.h"
 #include "veld/live/live.h"
+#include "veld/methods/methods.h"
 #include "veld/model/document.h"
 #include "veld/model/populate.h"
 #include "veld/options.h"
@@ -71,19 +72,21 @@ int main(int argc, char **argv)
     if (outcome != options_outcome::run)
         return outcome == options_outcome::done ? EXIT_SUCCESS : 2;
     if (!wanted.import.empty())
-        return import_run(wanted.import.c_str(), wanted.output.empty() ? nullptr : wanted.output.c_str());
+        return import_run(wanted.import.c_str(), wanted.model, wanted.output.empty() ? nullptr : wanted.output.c_str());
     if (!wanted.image_version.empty())
         return image_make(wanted.image_version, wanted.image_payload, wanted.output);
     if (!wanted.log.empty() && !log_open(wanted.log.c_str()))
         return failed(wanted.log + ": " + strerror(errno));
 
     std::string error;
-    json_ref document = document_read(wanted.model, &error);
+    const std::string name = wanted.model.empty() ? "gateway" : wanted.model;
+    json_ref document = document_read(name, &error);
     if (!document)
         return failed(error);
-    std::unique_ptr<tree> model = document_tree(document.get(), {live_value, live_rows}, &error);
+    std::unique_ptr<tree> model = document_tree(
+        document.get(), {live_value, live_rows, {live_value_known, live_rows_known, method_known}}, &error);
     if (!model)
-        return failed(wanted.model + ": " + error);
+        return failed(name + ": " + error);
     document.reset(); // what the model needs of it, it shares
 
     raise_descriptor_limit();

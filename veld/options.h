@@ -15,7 +15,7 @@ struct options {
     std::string import;                   ///< a data model to import instead of serving anything; empty: none
     std::string output;                   ///< the file that an import or an image goes to; empty: standard output
     uint32_t populate = 0, populate_nested = 1;
-    std::string model = "gateway";
+    std::string model; ///< of an import: which of several models; empty: "gateway", or all of them
     std::string log;
     std::string state; ///< directory of what survives a restart; empty: nothing does
     std::string files; ///< directory of downloaded files; empty: below the state's

@@ -3,6 +3,8 @@
 #include "base/json_write.h"
 #include "veld/model/check.h"
 #include "veld/model/password.h"
+#include "veld/model/reference.h"
+#include "veld/model/table_keys.h"
 
 #include <limits>
 #include <unordered_map>
@@ -193,6 +195,11 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
         pending entry{where.at, {}, {}};
         if (problem.code == 0)
             problem = value_check(*where.what, json_object_get(item, "Value"), &entry.value);
+        if (problem.code == 0) {
+            std::string leads = reference_problem(in, who, *where.what, entry.value.get());
+            if (!leads.empty())
+                problem = {code::bad_value, std::move(leads)};
+        }
         if (problem.code == 0 && where.what->handler_set == "password" && !password_possible(entry.value.get()))
             problem = {code::bad_value, "is not possible as a password"};
         if (problem.code == 0 && !named.insert(where.at).second)
@@ -206,6 +213,9 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
     }
     unique_check unique;
     unique.plan(in, entries);
+    key_check keys(in);
+    for (const pending &entry : entries)
+        keys.plan(entry.parameter, entry.value.get());
     for (const pending &entry : entries) {
         bool twice = false;
         const uint32_t holder = unique.conflict(entry, &twice);
@@ -213,6 +223,8 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
             problems.add(entry.name, code::bad_value, "is already used by instance " + std::to_string(holder));
         else if (twice)
             problems.add(entry.name, code::bad_value, "would be used by two instances");
+        else if (const std::string same = keys.problem(entry.parameter); !same.empty())
+            problems.add(entry.name, code::bad_value, same);
     }
     if (!problems.empty())
         return problems.finish();

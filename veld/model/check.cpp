@@ -146,9 +146,59 @@ int64_t measured_length(const scheme &what, std::string_view text)
     return static_cast<int64_t>(text_length(text));
 }
 
-int64_t list_items(std::string_view text)
+int64_t count_items(std::string_view text)
 {
     return text.empty() ? 0 : 1 + std::count(text.begin(), text.end(), ',');
+}
+
+bool one_holds(const alternatives &list, int64_t number)
+{
+    return list.empty() || std::any_of(list.begin(), list.end(), [number](const alternative &one) {
+               if ((one.low && number < *one.low) || (one.high && number > *one.high))
+                   return false;
+               // Of the distance, which may be wider than a signed word.
+               const uint64_t from = static_cast<uint64_t>(number) - static_cast<uint64_t>(one.low.value_or(0));
+               return one.step == 1 ||
+                      (number < one.low.value_or(0) ? (~from + 1) : from) % static_cast<uint64_t>(one.step) == 0;
+           });
+}
+
+// "0, 512 to 1024 in steps of 2, or 4096 and more".
+std::string written(const alternatives &list)
+{
+    std::string out;
+    for (size_t i = 0; i < list.size(); ++i) {
+        const alternative &one = list[i];
+        if (i > 0)
+            out += i + 1 < list.size() ? ", " : " or ";
+        if (one.low && one.high && *one.low == *one.high)
+            out += std::to_string(*one.low);
+        else if (one.low && one.high)
+            out += std::to_string(*one.low) + " to " + std::to_string(*one.high);
+        else if (one.low)
+            out += std::to_string(*one.low) + " and more";
+        else
+            out += one.high ? "up to " + std::to_string(*one.high) : "any";
+        if (one.step > 1)
+            out += " in steps of " + std::to_string(one.step);
+    }
+    return out;
+}
+
+std::string items_problem(const value_rules &rules, std::string_view text)
+{
+    if (rules.item_ranges.empty() && rules.item_lengths.empty())
+        return "";
+    for (const std::string_view item : list_items(text)) {
+        if (!rules.item_ranges.empty()) {
+            const auto number = number_of<int64_t>(item);
+            if (!number || !one_holds(rules.item_ranges, *number))
+                return "must have items of " + written(rules.item_ranges);
+        }
+        if (!one_holds(rules.item_lengths, static_cast<int64_t>(text_length(item))))
+            return "must have items of " + written(rules.item_lengths) + " characters";
+    }
+    return "";
 }
 
 std::string text_problem(const scheme &what, std::string_view text)
@@ -163,13 +213,15 @@ std::string text_problem(const scheme &what, std::string_view text)
         return "must have at least " + std::to_string(*what.min_length) + unit;
     if (what.max_length && length > *what.max_length)
         return "must have at most " + std::to_string(*what.max_length) + unit;
-    if (what.min_count && list_items(text) < *what.min_count)
+    if (what.rules && !one_holds(what.rules->lengths, length))
+        return "must have " + written(what.rules->lengths) + unit;
+    if (what.min_count && count_items(text) < *what.min_count)
         return "must have at least " + std::to_string(*what.min_count) + " items";
-    if (what.max_count && list_items(text) > *what.max_count)
+    if (what.max_count && count_items(text) > *what.max_count)
         return "must have at most " + std::to_string(*what.max_count) + " items";
     if (what.regex && !what.regex->matches(text))
         return "does not match the pattern " + what.regex->expression();
-    return "";
+    return what.rules ? items_problem(*what.rules, text) : "";
 }
 
 std::string range_problem(const scheme &what, const json_t *value)
@@ -191,6 +243,12 @@ std::string range_problem(const scheme &what, const json_t *value)
         return "must be at least " + std::to_string(*what.min_inclusive);
     if (above)
         return "must be at most " + std::to_string(*what.max_inclusive);
+    // What is beyond the signed word is in a range without an end, or in none.
+    const int64_t number = json_is_integer(value)  ? json_integer_value(value)
+                           : json_is_string(value) ? INT64_MAX
+                                                   : static_cast<int64_t>(json_real_value(value));
+    if (what.rules && !one_holds(what.rules->ranges, number))
+        return "must be " + written(what.rules->ranges);
     return "";
 }
 
@@ -240,6 +298,18 @@ json_t *from_digits(std::string_view digits)
 
 } // namespace
 
+std::vector<std::string_view> list_items(std::string_view text)
+{
+    std::vector<std::string_view> items;
+    while (!text.empty()) {
+        std::string_view item = text.substr(0, text.find(','));
+        text.remove_prefix(std::min(item.size() + 1, text.size()));
+        item.remove_prefix(std::min(item.find_first_not_of(' '), item.size()));
+        items.push_back(item.substr(0, item.find_last_not_of(' ') + 1));
+    }
+    return items;
+}
+
 size_t text_length(std::string_view text)
 {
     size_t length = 0;
@@ -281,6 +351,14 @@ bool value_fits_type(const scheme &what, json_t *value, json_ref *kept)
     if (fits)
         *kept = json_ref::share(value);
     return fits;
+}
+
+value_problem factory_value_check(const scheme &what, json_t *value)
+{
+    json_ref kept;
+    if (what.handler_set == "password" || json_equal(what.initial.get(), value) != 0)
+        return {};
+    return value_check(what, value, &kept);
 }
 
 value_problem value_check(const scheme &what, json_t *value, json_ref *kept)

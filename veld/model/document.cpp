@@ -68,7 +68,7 @@ json_ref document_read(const std::string &name, std::string *error)
 
 std::unique_ptr<tree> document_tree(json_t *document, live_source live, std::string *error)
 {
-    std::unique_ptr<scheme> model = scheme_load(document, error);
+    std::unique_ptr<scheme> model = scheme_load(document, error, live.known);
     return model ? tree::make(std::move(model), std::move(live), error) : nullptr;
 }
 

@@ -2,6 +2,7 @@
 
 #include "base/number.h"
 #include "veld/base/log.h"
+#include "veld/model/change.h"
 #include "veld/model/check.h"
 
 #include <algorithm>
@@ -73,8 +74,12 @@ bool applier::parameter(node *of, json_t *value)
     if (kind_ == overlay_kind::factory) {
         if (!value_fits_type(what, value, &kept))
             return fail(of, std::string("the value is no ") + type_name(what.type));
+        if (const value_problem problem = factory_value_check(what, value); problem.code != 0)
+            return fail(of, "the value " + problem.text);
     } else {
-        const value_problem problem = value_check(what, value, &kept);
+        // What is kept of a password is not what the constraints are about.
+        const bool fits = what.handler_set == "password" && value_fits_type(what, value, &kept);
+        const value_problem problem = fits ? value_problem{} : value_check(what, value, &kept);
         if (problem.code != 0)
             return outdated(of, problem.text);
         if (what.runtime || (!what.writable && !of->is_instance()))
@@ -273,6 +278,8 @@ bool overlay_apply(tree *onto, node *of, json_t *overlay, overlay_kind kind, std
 bool factory_instances(tree *fresh, node *of, std::string *error)
 {
     if (of->table) {
+        for (uint32_t i = of->what->fixed_count(); i > 0; --i)
+            settle_instance(fresh, fresh->add(of, last), false);
         json_ref overlay{json_object()};
         if (of->what->instances)
             json_object_set(overlay.get(), "instances", of->what->instances.get());

@@ -5,6 +5,7 @@
 #include "veld/model/pattern.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -47,6 +48,29 @@ enum class source : uint8_t {
     count         ///< the number of instances of the sibling table
 };
 
+/// The integers from `low` to `high`, every `step`th of them; an end that is left out is open.
+struct alternative {
+    std::optional<int64_t> low, high;
+    int64_t step = 1;
+};
+using alternatives = std::vector<alternative>; ///< one of them has to hold; none: anything does
+
+/// What few parameters have: constraints beyond two bounds.
+struct value_rules {
+    alternatives ranges;                    ///< of an integer
+    alternatives lengths;                   ///< of a text
+    alternatives item_ranges, item_lengths; ///< of the items of a list that is kept as one text
+    bool leads = false;               ///< the value, or each item of a list, is a path that must lead to something
+    std::vector<std::string> parents; ///< of what it leads to: objects, "Device.X." or "Device.X.{i}."; empty: anything
+    std::string target; ///< what it leads to: "row", "table", "object", "single", "parameter"; empty: anything
+};
+
+/// Parameters of a table's instances whose values together no two instances have.
+struct table_key {
+    std::vector<uint32_t> parameters; ///< places among the children of the table's element
+    std::optional<uint32_t> enable;   ///< a parameter there: the key holds among instances where it is true
+};
+
 struct scheme {
     std::string name;
     const scheme *parent = nullptr;
@@ -79,6 +103,8 @@ struct scheme {
     std::unique_ptr<pattern> regex;
     json_ref off_value;
     std::string handler_get, handler_set;
+    std::unique_ptr<value_rules> rules; ///< null as a rule
+    std::vector<table_key> keys;        ///< of a table
 
     /// An object's children, a table's own parameters, a method's arguments; in the model's order.
     std::vector<std::unique_ptr<scheme>> children;
@@ -92,13 +118,37 @@ struct scheme {
         const auto found = index.find(child);
         return found == index.end() ? -1 : static_cast<int>(found->second);
     }
+    /// How many instances a table has from the beginning that has always as many: its number can neither grow nor
+    /// shrink. 0 for any other.
+    uint32_t fixed_count() const
+    {
+        return kind == node_kind::table && from == source::stored && !instances && min_count > 0 &&
+                       min_count == max_count
+                   ? static_cast<uint32_t>(*min_count)
+                   : 0;
+    }
     bool is_object() const { return kind == node_kind::object || kind == node_kind::table; }
     /// True when the node and everything else at its place in the model ends in "." when named.
     bool dotted() const { return is_object(); }
 };
 
+/// The names that a model document may use of what is behind it; a function that is not there knows all.
+struct known_names {
+    std::function<bool(std::string_view)> values;  ///< providers of values
+    std::function<bool(std::string_view)> rows;    ///< providers of rows
+    std::function<bool(std::string_view)> methods; ///< implementations of methods
+};
+
+/// How many levels a model may have.
+inline constexpr int scheme_deepest = 64;
+
 /// The scheme that a model document describes; null when it is no model document, `*error` then says what and where.
-std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error);
+std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error, const known_names &known = {});
+
+/// Whether a name can be a node's; an argument's may be a number.
+bool scheme_name_fits(std::string_view name, bool argument);
+/// Whether what a document says of one parameter holds by itself; `*error` says what does not.
+bool scheme_node_holds(json_t *description, std::string *error);
 
 /// The name of a type as the protocol spells it.
 const char *type_name(value_type type);

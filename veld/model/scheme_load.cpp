@@ -1,7 +1,9 @@
 #include "veld/base/log.h"
 #include "veld/model/check.h"
 #include "veld/model/scheme.h"
+#include "veld/model/scheme_rules.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <iterator>
@@ -12,7 +14,7 @@ namespace veld
 namespace
 {
 
-constexpr int deepest = 64;
+constexpr int64_t most_fixed = 4096;
 
 // What a node hands down to the nodes below it.
 struct surroundings {
@@ -29,8 +31,9 @@ struct surroundings {
 class loader
 {
 public:
-    explicit loader(std::string *error) : error_(error) {}
+    loader(const known_names &known, std::string *error) : known_(known), error_(error) {}
 
+    bool known_top(json_t *document);
     bool children(json_t *members, const surroundings &around, scheme *into);
     bool node(json_t *source, const surroundings &around, scheme *into);
 
@@ -41,7 +44,12 @@ private:
             *error_ = (around.path.empty() ? std::string("the root") : around.path) + ": " + what;
         return false;
     }
+    bool known_keys(json_t *source, const surroundings &around, std::initializer_list<std::string_view> keys);
+    bool known_provider(const surroundings &around, const scheme &of, const char *key,
+                        const std::function<bool(std::string_view)> &knows);
     bool flags(json_t *source, surroundings *around, scheme *into);
+    bool values(json_t *source, const surroundings &around, scheme *into);
+    bool events(json_t *source, const surroundings &around);
     bool limits(json_t *source, const surroundings &around, scheme *into);
     bool parameter(json_t *source, const surroundings &around, scheme *into);
     bool table(json_t *source, const surroundings &around, scheme *into);
@@ -52,21 +60,46 @@ private:
     bool level(json_t *source, const surroundings &around, const char *key, role *out);
     void synthetic(scheme *into, const char *name, source from, value_type type, const char *empty);
 
+    const known_names &known_;
     std::string *error_;
 };
 
-// Arguments of methods may be numbered like instances: "Result.1.Status".
-bool good_name(std::string_view name, bool argument)
+// What may stand at every node: the last four are for people.
+constexpr std::string_view common_keys[] = {"type",        "multi",   "access",      "read",        "write",
+                                            "secret",      "runtime", "handler_get", "handler_set", "live",
+                                            "description", "version", "status",      "units"};
+
+bool loader::known_keys(json_t *source, const surroundings &around, std::initializer_list<std::string_view> keys)
 {
-    if (name.empty() || name.size() > 128)
-        return false;
-    if (!argument && isalpha(static_cast<unsigned char>(name[0])) == 0 && name[0] != '_')
-        return false;
-    for (const char c : name) {
-        if (isalnum(static_cast<unsigned char>(c)) == 0 && c != '_' && c != '-')
-            return false;
+    const char *key = nullptr;
+    json_t *value = nullptr;
+    json_object_foreach(source, key, value)
+    {
+        if (std::find(std::begin(common_keys), std::end(common_keys), key) == std::end(common_keys) &&
+            std::find(keys.begin(), keys.end(), key) == keys.end())
+            return fail(around, "unknown key \"" + std::string(key) + "\"");
     }
     return true;
+}
+
+bool loader::known_top(json_t *document)
+{
+    const char *key = nullptr;
+    json_t *value = nullptr;
+    json_object_foreach(document, key, value)
+    {
+        const std::string_view name = key;
+        if (name != "format" && name != "root" && name != "description")
+            return fail({}, "unknown key \"" + std::string(name) + "\" beside it");
+    }
+    return true;
+}
+
+bool loader::known_provider(const surroundings &around, const scheme &of, const char *key,
+                            const std::function<bool(std::string_view)> &knows)
+{
+    return of.provider.empty() || !knows || knows(of.provider) ||
+           fail(around, std::string("\"") + key + "\" names an unknown \"" + of.provider + "\"");
 }
 
 bool loader::boolean(json_t *source, const surroundings &around, const char *key, bool *out)
@@ -151,9 +184,56 @@ bool loader::limits(json_t *source, const surroundings &around, scheme *into)
            integer(source, around, "maxCount", &into->max_count);
 }
 
+// What stands beside a parameter's constraints fulfils them.
+bool loader::values(json_t *source, const surroundings &around, scheme *into)
+{
+    const std::string type = type_name(into->type);
+    if (json_t *list = json_object_get(source, "enum")) {
+        if (!json_is_array(list))
+            return fail(around, "\"enum\" must be an array");
+        size_t i = 0;
+        json_t *item = nullptr;
+        json_ref kept;
+        json_array_foreach(list, i, item) if (!value_fits_type(*into, item, &kept)) return fail(
+            around, "\"enum\" holds what is no " + type);
+        if (json_array_size(list) > 0)
+            into->enumeration = json_ref::share(list);
+    }
+    if (json_t *off = json_object_get(source, "offValue"))
+        if (!value_fits_type(*into, off, &into->off_value))
+            return fail(around, "\"offValue\" is no " + type);
+
+    json_t *initial = json_object_get(source, "default");
+    if (initial == nullptr)
+        return fail(around, "a parameter must have a \"default\"");
+    json_ref kept;
+    if (!value_fits_type(*into, initial, &kept))
+        return fail(around, "\"default\" is no " + type);
+    // Nobody can make up a text that fits a pattern, or a path that leads somewhere: until one is known, it is
+    // empty. And it may be a list of one empty item.
+    const bool unknown = json_is_string(initial) && json_string_length(initial) == 0 && !into->enumeration &&
+                         (into->regex || into->type != value_type::string || (into->rules && into->rules->leads) ||
+                          into->min_count == 1);
+    if (const value_problem problem = value_check(*into, initial, &kept); problem.code != 0 && !unknown)
+        return fail(around, "\"default\" " + problem.text);
+    value_fits_type(*into, initial, &into->initial);
+    if (json_t *factory = json_object_get(source, "value")) {
+        if (!value_fits_type(*into, factory, &into->factory))
+            return fail(around, "\"value\" is no " + type);
+        if (const value_problem problem = factory_value_check(*into, factory); problem.code != 0)
+            return fail(around, "\"value\" " + problem.text);
+    }
+    return true;
+}
+
 bool loader::parameter(json_t *source, const surroundings &around, scheme *into)
 {
     into->kind = node_kind::parameter;
+    if (!known_keys(source, around,
+                    {"default",  "value",      "enum",        "minInclusive", "maxInclusive", "minLength", "maxLength",
+                     "minCount", "maxCount",   "regex",       "offValue",     "unique",       "entries",   "ranges",
+                     "lengths",  "itemRanges", "itemLengths", "targets",      "targetType",   "mandatory"}))
+        return false;
     std::string expression;
     if (!text(source, around, "regex", &expression))
         return false;
@@ -163,30 +243,18 @@ bool loader::parameter(json_t *source, const surroundings &around, scheme *into)
         if (!into->regex)
             return fail(around, "\"regex\": " + why);
     }
-    if (json_t *list = json_object_get(source, "enum")) {
-        if (!json_is_array(list))
-            return fail(around, "\"enum\" must be an array");
-        if (json_array_size(list) > 0)
-            into->enumeration = json_ref::share(list);
-    }
-    if (json_t *off = json_object_get(source, "offValue"))
-        into->off_value = json_ref::share(off);
-
-    json_t *initial = json_object_get(source, "default");
-    if (initial == nullptr)
-        return fail(around, "a parameter must have a \"default\"");
-    if (!value_fits_type(*into, initial, &into->initial))
-        return fail(around, std::string("\"default\" is no ") + type_name(into->type));
-    if (json_t *factory = json_object_get(source, "value")) {
-        if (!value_fits_type(*into, factory, &into->factory))
-            return fail(around, std::string("\"value\" is no ") + type_name(into->type));
-    }
+    if (const std::string problem = rules_load(source, into); !problem.empty())
+        return fail(around, problem);
+    if (!values(source, around, into))
+        return false;
     std::string counted;
     if (!text(source, around, "entries", &counted))
         return false;
     if (!into->provider.empty()) {
         into->from = around.live_row ? source::row_field : source::live;
-    } else if (!counted.empty()) {
+        return around.live_row || known_provider(around, *into, "live", known_.values);
+    }
+    if (!counted.empty()) {
         into->from = source::count;
         into->provider = counted;
     }
@@ -214,6 +282,9 @@ void loader::synthetic(scheme *into, const char *name, enum source from, value_t
 bool loader::table(json_t *source, const surroundings &around, scheme *into)
 {
     into->kind = node_kind::table;
+    if (!known_keys(source, around,
+                    {"template", "instances", "ordered", "order", "minCount", "maxCount", "own", "keys"}))
+        return false;
     json_t *element = json_object_get(source, "template");
     if (!json_is_object(element))
         return fail(around, "a multi-instance object must have a \"template\"");
@@ -223,12 +294,16 @@ bool loader::table(json_t *source, const surroundings &around, scheme *into)
     below.live_row = around.live_row || !into->provider.empty();
     if (!into->provider.empty())
         into->from = around.live_row ? source::row_table : source::live;
+    if (!around.live_row && !known_provider(around, *into, "live", known_.rows))
+        return false;
     into->element = std::make_unique<scheme>();
     into->element->parent = into;
     if (!node(element, below, into->element.get()))
         return false;
     if (into->element->kind == node_kind::table || into->element->kind == node_kind::method)
         return fail(around, "\"template\" must be an object or a parameter");
+    if (const std::string problem = keys_load(source, into); !problem.empty())
+        return fail(around, problem);
     into->deletable = into->element->is_object() ? into->element->writable : into->writable;
 
     if (json_t *own = json_object_get(source, "own")) {
@@ -250,6 +325,8 @@ bool loader::table(json_t *source, const surroundings &around, scheme *into)
             return fail(around, "\"instances\" must be an object");
         into->instances = json_ref::share(instances);
     }
+    if (into->min_count == into->max_count && into->min_count.value_or(0) > most_fixed)
+        return fail(around, "a table has at most " + std::to_string(most_fixed) + " instances from the beginning");
     if (json_t *order = json_object_get(source, "order")) {
         if (!json_is_array(order))
             return fail(around, "\"order\" must be an array");
@@ -261,7 +338,8 @@ bool loader::table(json_t *source, const surroundings &around, scheme *into)
 bool loader::method(json_t *source, const surroundings &around, scheme *into)
 {
     into->kind = node_kind::method;
-    if (!text(source, around, "method", &into->provider))
+    if (!known_keys(source, around, {"method", "input", "output"}) ||
+        !text(source, around, "method", &into->provider) || !known_provider(around, *into, "method", known_.methods))
         return false;
     for (const char *direction : {"input", "output"}) {
         json_t *arguments = json_object_get(source, direction);
@@ -277,10 +355,35 @@ bool loader::method(json_t *source, const surroundings &around, scheme *into)
     return true;
 }
 
+// Events are described for people; they have to be described rightly all the same.
+bool loader::events(json_t *source, const surroundings &around)
+{
+    json_t *members = json_object_get(source, "events");
+    if (members != nullptr && !json_is_object(members))
+        return fail(around, "\"events\" must be an object");
+    const char *key = nullptr;
+    json_t *value = nullptr;
+    json_object_foreach(members, key, value)
+    {
+        surroundings below = around;
+        below.path += std::string(key) + "!";
+        below.argument = true;
+        json_t *arguments = json_object_get(value, "arguments");
+        scheme unserved;
+        if (!scheme_name_fits(key, false) || !json_is_object(value))
+            return fail(below, "no good event");
+        if (!known_keys(value, below, {"arguments"}))
+            return false;
+        if (arguments != nullptr && (!json_is_object(arguments) || !children(arguments, below, &unserved)))
+            return fail(below, "\"arguments\" must be an object of arguments");
+    }
+    return true;
+}
+
 bool loader::node(json_t *source, const surroundings &outer, scheme *into)
 {
     surroundings around = outer;
-    if (around.depth > deepest)
+    if (around.depth > scheme_deepest)
         return fail(around, "nested too deep");
     if (!json_is_object(source))
         return fail(around, "a node must be an object");
@@ -300,6 +403,8 @@ bool loader::node(json_t *source, const surroundings &outer, scheme *into)
             return false;
         if (multi)
             return around.argument ? fail(around, "an argument cannot be multi-instance") : table(source, around, into);
+        if (!known_keys(source, around, {"children", "events"}) || !events(source, around))
+            return false;
         json_t *members = json_object_get(source, "children");
         if (members != nullptr && !json_is_object(members))
             return fail(around, "\"children\" must be an object");
@@ -323,7 +428,7 @@ bool loader::children(json_t *members, const surroundings &around, scheme *into)
         surroundings below = around;
         below.depth += 1;
         below.path += (around.path.empty() || around.path.back() == '.' ? "" : ".") + std::string(key);
-        if (!good_name(key, around.argument))
+        if (!scheme_name_fits(key, around.argument))
             return fail(below, "not a good name for a node");
         if (const int at = into->find(key); at >= 0) {
             // An object of inputs may hold outputs too.
@@ -373,7 +478,7 @@ bool finish(scheme *what, std::string *error)
         what->reach = std::min(what->reach, child->reach);
         what->furnished = what->furnished || child->furnished;
     }
-    what->furnished = what->furnished || what->instances;
+    what->furnished = what->furnished || what->instances || what->fixed_count() > 0;
     if (what->element) {
         if (!finish(what->element.get(), error))
             return false;
@@ -384,7 +489,31 @@ bool finish(scheme *what, std::string *error)
 
 } // namespace
 
-std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error)
+// Arguments of methods may be numbered like instances: "Result.1.Status".
+bool scheme_name_fits(std::string_view name, bool argument)
+{
+    if (name.empty() || name.size() > 128)
+        return false;
+    if (!argument && isalpha(static_cast<unsigned char>(name[0])) == 0 && name[0] != '_')
+        return false;
+    return std::all_of(name.begin(), name.end(),
+                       [](unsigned char c) { return isalnum(c) != 0 || c == '_' || c == '-'; });
+}
+
+bool scheme_node_holds(json_t *description, std::string *error)
+{
+    error->clear();
+    scheme made;
+    const known_names known;
+    surroundings around;
+    around.path = "it";
+    if (loader(known, error).node(description, around, &made))
+        return true;
+    error->erase(0, error->find(": ") + 2);
+    return false;
+}
+
+std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error, const known_names &known)
 {
     error->clear();
     json_t *format = json_object_get(document, "format");
@@ -398,8 +527,8 @@ std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error)
         return nullptr;
     }
     auto root = std::make_unique<scheme>();
-    loader work(error);
-    if (!work.children(members, {}, root.get()))
+    loader work(known, error);
+    if (!work.known_top(document) || !work.children(members, {}, root.get()))
         return nullptr;
     if (!finish(root.get(), error))
         return nullptr;

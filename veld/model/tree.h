@@ -53,6 +53,7 @@ struct place {
 struct live_source {
     std::function<json_t *(std::string_view provider)> value;
     std::function<json_t *(std::string_view provider)> rows;
+    known_names known = {}; ///< what there is
 };
 
 class tree
