@@ -14,9 +14,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (ftruncate(file, 0) != 0 || pwrite(file, data, size, 0) != static_cast<ssize_t>(size))
         abort();
     veld::import_counts counts;
-    std::string warnings;
+    veld::import_warnings warnings;
     std::string error;
-    const json_ref model = veld::import_model(path.c_str(), &counts, &warnings, &error);
+    const json_ref model = veld::import_model(path.c_str(), "", &counts, &warnings, &error);
     if (!model && error.empty())
         abort();
     return 0;

@@ -10,10 +10,11 @@
 namespace veld
 {
 
-/// The integers from `low` to `high`; an end that is left out is open.
+/// The integers from `low` to `high`, every `step`th of them; an end that is left out is open.
 struct interval {
     std::optional<int64_t> low;
     std::optional<int64_t> high;
+    int64_t step = 1;
 };
 
 /// A type element with what restricts it.
@@ -25,6 +26,9 @@ struct type_use {
     std::vector<interval> ranges;
     std::vector<interval> sizes;
     bool path = false; ///< its values are paths of the data model
+    std::string
+        target_parents;      ///< of a path: what it may lead below, relative paths separated by blanks; empty: anywhere
+    std::string target_type; ///< "row", "parameter" …; empty: any
 };
 
 /// A type element, perhaps as the items of a list.
@@ -34,7 +38,7 @@ struct syntax {
     std::vector<interval> list_sizes; ///< of the whole list, in characters
     std::optional<type_use> type;
     std::optional<std::string> initial;
-    bool secured = false;
+    bool secured = false;  ///< reads as nothing
     bool triggers = false; ///< setting it makes the device do something
 };
 
@@ -43,10 +47,20 @@ struct data_type {
     unsigned long line;
 };
 
+/// What is said about a node for people to read.
+struct remarks {
+    std::string description; ///< its text as it stands there, without the common indentation
+    std::string version;     ///< of the model that had the node first
+    std::string status;      ///< "deprecated" or "obsoleted"; empty: current
+    std::string units;
+};
+
 struct parameter_declaration {
     std::string name;
     bool writable = false;
+    bool mandatory = false; ///< an argument that has to be given
     syntax form;
+    remarks about;
     unsigned long line;
 };
 
@@ -60,6 +74,21 @@ struct argument_group {
 struct command_declaration {
     std::string name; ///< without its "()"
     std::vector<argument_group> input, output;
+    remarks about;
+    unsigned long line;
+};
+
+struct event_declaration {
+    std::string name; ///< without its "!"
+    std::vector<argument_group> arguments;
+    remarks about;
+    unsigned long line;
+};
+
+/// Parameters whose values together no two instances of a table have.
+struct key_declaration {
+    std::vector<std::string> parameters;
+    bool functional = true; ///< holds among the enabled instances only
     unsigned long line;
 };
 
@@ -68,20 +97,45 @@ struct object_declaration {
     bool writable = false;
     std::optional<int64_t> min_entries, max_entries; ///< of a table; no upper bound: unbounded
     std::string counter;                             ///< the parameter beside a table that counts its instances
-    std::vector<std::string> unique;                 ///< parameters each of which alone is a key
+    std::string enabler;                             ///< the parameter of a table's instance that enables it
+    std::vector<key_declaration> keys;
     std::vector<parameter_declaration> parameters;
     std::vector<command_declaration> commands;
+    std::vector<event_declaration> events;
+    remarks about;
     unsigned long line;
 };
 
-/// What is marked as deleted, and what stands below it, is not here.
-struct data_model {
-    std::string name; ///< as "Device:2.19"
-    std::unordered_map<std::string, data_type> types;
-    std::vector<object_declaration> objects; ///< in the document's order
+struct model_declaration {
+    std::string name;                              ///< as "Device:2.19"
+    std::vector<parameter_declaration> parameters; ///< beside the roots
+    std::vector<object_declaration> objects;       ///< in the document's order
+    unsigned long line;
 };
 
-/// Reads a document. False when it cannot be read or is no data model; `*error` then says why, with the line.
-bool read_data_model(const char *path, data_model *into, std::string *error);
+/// What is marked as deleted is not here. Names are trimmed.
+struct data_model {
+    std::unordered_map<std::string, data_type> types;
+    std::vector<model_declaration> models; ///< one at least, with an object among them
+};
+
+/// What had to be left out of a document.
+class import_warnings
+{
+public:
+    void add(unsigned long line, const std::string &where, const std::string &what)
+    {
+        lines_.push_back("line " + std::to_string(line) + ": " + where + ": " + what);
+    }
+    const std::vector<std::string> &lines() const { return lines_; }
+
+private:
+    std::vector<std::string> lines_;
+};
+
+/// Reads a document, which may be compressed with gzip. What is wrong with a part of it becomes a warning, and the part
+/// is left out. False when the document cannot be read to its end or is no data model; `*error` then says why, with the
+/// line.
+bool read_data_model(const char *path, data_model *into, import_warnings *warnings, std::string *error);
 
 } // namespace veld

@@ -3,6 +3,7 @@
 #include "base/fd.h"
 #include "base/file.h"
 #include "base/json_write.h"
+#include "base/visible.h"
 #include "veld/import/data_model.h"
 #include "veld/import/types.h"
 #include "veld/model/scheme.h"
@@ -10,12 +11,14 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 namespace veld
 {
@@ -36,34 +39,68 @@ constexpr known_method known_methods[] = {
     {"Device.DNS.Diagnostics.NSLookupDiagnostics", "NSLookup"},
 };
 
+// What the daemon itself looks at in the models: logins, which are for administrators to change.
+constexpr std::string_view users_object = "Users.";
+constexpr std::string_view users_table = "Users.User.{i}.";
+constexpr std::string_view password_name = "Password";
+
+std::string_view root_of(std::string_view path)
+{
+    return path.substr(0, path.find('.') + 1);
+}
+
+// Whether a path is that one below any root.
+bool is_below_root(std::string_view path, std::string_view rest)
+{
+    return path.substr(root_of(path).size()) == rest;
+}
+
 class builder
 {
 public:
-    builder(const data_model &model, import_counts *counts, std::string *warnings, std::string *error)
-        : model_(model), counts_(counts), warnings_(warnings), error_(error)
+    builder(const data_model &model, import_counts *counts, import_warnings *warnings)
+        : model_(model), counts_(counts), warnings_(warnings)
     {
     }
-    json_ref build();
+    json_ref build(const std::vector<const model_declaration *> &chosen);
 
 private:
-    bool add_object(const object_declaration &object);
-    bool add_parameter(json_t *to, const parameter_declaration &parameter, const std::string &path);
-    bool add_command(json_t *to, const command_declaration &command, const std::string &path);
-    bool add_arguments(json_t *to, json_t *beside, const std::vector<argument_group> &groups, const std::string &path,
+    struct holder {
+        json_t *members; // an object's children, or those of a table's template
+        int depth;
+    };
+    // A parameter that leads somewhere, looked at when everything it can lead to is known.
+    struct reference {
+        json_t *node;
+        std::string object;
+        std::string parents;
+        std::string type;
+    };
+
+    bool add_model(const model_declaration &model);
+    void add_object(const object_declaration &object);
+    void add_keys(json_t *node, json_t *members, const object_declaration &object);
+    bool add_parameter(json_t *to, const parameter_declaration &parameter, const std::string &path,
+                       const std::string &object);
+    void add_command(json_t *to, const command_declaration &command, const std::string &path);
+    void add_event(json_t *to, const event_declaration &event, const std::string &path);
+    void add_arguments(json_t *to, json_t *beside, const std::vector<argument_group> &groups, const std::string &path,
                        size_t *counted);
-    json_t *group(json_t *to, const std::string &relative, unsigned long line);
-    bool fail(unsigned long line, const std::string &what)
+    void add_targets(const reference &from);
+    std::string target(std::string_view relative, const std::string &object) const;
+    json_t *group(json_t *to, const argument_group &of, const std::string &path);
+    void warn(unsigned long line, const std::string &where, const std::string &what)
     {
-        *error_ = "line " + std::to_string(line) + ": " + what;
-        return false;
+        warnings_->add(line, where, what);
     }
 
     const data_model &model_;
     import_counts *counts_;
-    std::string *warnings_;
-    std::string *error_;
+    import_warnings *warnings_;
     json_t *root_ = nullptr;
-    std::unordered_map<std::string, json_t *> children_; // of every object so far, by its path
+    std::unordered_map<std::string, holder> objects_;    // by their paths
+    std::unordered_map<std::string, std::string> roots_; // to the model that each is of
+    std::vector<reference> references_;
 };
 
 // A path without its last name, which goes into `*name`; a table's mark is dropped. False when it is no object's path.
@@ -81,28 +118,46 @@ bool split_path(std::string_view path, std::string *parent, std::string *name, b
     return !name->empty();
 }
 
-bool builder::add_object(const object_declaration &object)
+void set_text(json_t *node, const char *key, const std::string &text)
+{
+    if (!text.empty())
+        json_object_set_new(node, key, json_stringn(text.data(), text.size()));
+}
+
+// What people read; the daemon passes it over.
+void set_remarks(json_t *node, const remarks &about)
+{
+    set_text(node, "description", about.description);
+    set_text(node, "version", about.version);
+    set_text(node, "status", about.status);
+    set_text(node, "units", about.units);
+}
+
+void builder::add_object(const object_declaration &object)
 {
     std::string parent;
     std::string name;
     bool table = false;
     if (!split_path(object.path, &parent, &name, &table))
-        return fail(object.line, "\"" + object.path + "\" is no path of an object");
-    auto above = children_.find(parent);
-    if (above == children_.end()) {
-        // Below something that was deleted everything is, marked or not.
-        *warnings_ += object.path + ": is left out, since there is no " + parent + "\n";
-        return true;
-    }
-    if (json_object_get(above->second, name.c_str()) != nullptr)
-        return fail(object.line, object.path + " is declared twice");
+        return warn(object.line, "\"" + object.path + "\"", "is no path of an object; left out");
+    auto above = objects_.find(parent);
+    if (above == objects_.end()) // below something that was deleted everything is, marked or not
+        return warn(object.line, object.path, "there is no " + parent + "; left out");
+    int depth = above->second.depth + (table ? 2 : 1);
+    json_t *beside = above->second.members;
+    if (!scheme_name_fits(name, false))
+        return warn(object.line, object.path, "\"" + name + "\" is no name that can be served; left out");
+    if (depth >= scheme_deepest)
+        return warn(object.line, object.path, "is nested too deep; left out");
+    if (json_object_get(beside, name.c_str()) != nullptr)
+        return warn(object.line, object.path, "is declared twice; left out");
 
     json_t *node = json_object();
-    json_object_set_new(above->second, name.c_str(), node);
+    json_object_set_new(beside, name.c_str(), node);
     json_object_set_new(node, "type", json_string("object"));
-    json_t *holder = node;
+    json_t *element = node;
     if (table) {
-        json_t *element = json_object();
+        element = json_object();
         if (object.writable)
             json_object_set_new(node, "access", json_string("readWrite"));
         json_object_set_new(node, "multi", json_true());
@@ -114,64 +169,163 @@ bool builder::add_object(const object_declaration &object)
         json_object_set_new(element, "type", json_string("object"));
         if (object.writable)
             json_object_set_new(element, "access", json_string("readWrite"));
-        holder = element;
         counts_->tables++;
     }
+    if (is_below_root(object.path, users_object) || is_below_root(object.path, users_table))
+        json_object_set_new(node, "write", json_string("admin"));
+    set_remarks(node, object.about);
     json_t *members = json_object();
-    json_object_set_new(holder, "children", members);
-    children_[object.path] = members;
+    json_object_set_new(element, "children", members);
+    objects_[object.path] = {members, depth};
     counts_->objects++;
 
     if (table && !object.counter.empty())
-        if (json_t *counter = json_object_get(above->second, object.counter.c_str());
+        if (json_t *counter = json_object_get(beside, object.counter.c_str());
             json_is_integer(json_object_get(counter, "default")))
             json_object_set_new(counter, "entries", json_string(name.c_str()));
-    for (const parameter_declaration &parameter : object.parameters) {
-        if (!add_parameter(members, parameter, object.path))
-            return false;
-        counts_->parameters++;
-    }
-    for (const std::string &key : object.unique) {
-        json_t *parameter = json_object_get(members, key.c_str());
-        // Instances begin with the default. Where that is not empty, new ones could not be added beside each other.
-        const char *initial = json_string_value(json_object_get(parameter, "default"));
-        if (table && initial != nullptr && *initial == '\0')
-            json_object_set_new(parameter, "unique", json_true());
-    }
+    for (const parameter_declaration &parameter : object.parameters)
+        counts_->parameters += add_parameter(members, parameter, object.path, object.path) ? 1 : 0;
+    if (table)
+        add_keys(node, members, object);
     for (const command_declaration &command : object.commands)
-        if (!add_command(members, command, object.path))
-            return false;
-    return true;
+        add_command(members, command, object.path);
+    for (const event_declaration &event : object.events)
+        add_event(element, event, object.path);
+    if (json_t *password = json_object_get(members, std::string(password_name).c_str());
+        password != nullptr && is_below_root(object.path, users_table)) {
+        json_object_set_new(password, "secret", json_true());
+        json_object_set_new(password, "handler_set", json_string("password"));
+    }
 }
 
-bool builder::add_parameter(json_t *to, const parameter_declaration &parameter, const std::string &path)
+void builder::add_keys(json_t *node, json_t *members, const object_declaration &object)
+{
+    json_ref several(json_array());
+    for (const key_declaration &key : object.keys) {
+        json_ref names(json_array());
+        for (const std::string &name : key.parameters) {
+            if (!json_is_object(json_object_get(json_object_get(members, name.c_str()), "children")) &&
+                json_object_get(members, name.c_str()) != nullptr)
+                json_array_append_new(names.get(), json_string(name.c_str()));
+            else
+                warn(key.line, object.path, "there is no \"" + name + "\" for a unique key; the key is left out");
+        }
+        if (json_array_size(names.get()) != key.parameters.size())
+            continue;
+        // A text that is empty at first can be unique by itself: new instances can be added beside each other.
+        json_t *alone = key.parameters.size() == 1 ? json_object_get(members, key.parameters[0].c_str()) : nullptr;
+        const char *initial = json_string_value(json_object_get(alone, "default"));
+        if (initial != nullptr && *initial == '\0') {
+            json_object_set_new(alone, "unique", json_true());
+            continue;
+        }
+        json_t *one = json_object();
+        json_object_set_new(one, "parameters", names.release());
+        if (key.functional && json_object_get(members, object.enabler.c_str()) != nullptr)
+            json_object_set_new(one, "enable", json_string(object.enabler.c_str()));
+        json_array_append_new(several.get(), one);
+    }
+    if (json_array_size(several.get()) > 0)
+        json_object_set_new(node, "keys", several.release());
+}
+
+// `path` is what the name stands behind, `object` the object that it is of; empty for what is no parameter of an
+// object.
+bool builder::add_parameter(json_t *to, const parameter_declaration &parameter, const std::string &path,
+                            const std::string &object)
 {
     std::string what = path + parameter.name;
-    if (parameter.name.empty() || parameter.name.find('.') != std::string::npos)
-        return fail(parameter.line, "\"" + parameter.name + "\" is no name of a parameter");
+    auto refuse = [&](const std::string &why) {
+        warn(parameter.line, what, why + "; left out");
+        return false;
+    };
+    if (!scheme_name_fits(parameter.name, object.empty() && !path.empty()))
+        return refuse("\"" + parameter.name + "\" is no name that can be served");
     if (json_object_get(to, parameter.name.c_str()) != nullptr)
-        return fail(parameter.line, what + " is declared twice");
+        return refuse("is declared twice");
     resolved_type type;
     std::string problem;
     if (!resolve_type(model_, parameter.form, &type, &problem))
-        return fail(parameter.line, what + ": " + problem);
-    json_t *node = json_object();
-    json_object_set_new(to, parameter.name.c_str(), node);
-    describe_type(node, type, parameter.form, what, warnings_);
+        return refuse(problem);
+    auto described = [&](bool declared) {
+        json_ref node(json_object());
+        describe_type(node.get(), type, parameter.form, declared, [&](const std::string &why) {
+            if (declared)
+                warn(parameter.line, what, why);
+        });
+        if (type.path && !type.nested && !object.empty()) // filled in when all that it can lead to is known
+            json_object_set_new(node.get(), "targets", json_array());
+        return node;
+    };
+    json_ref node = described(true);
+    if (!scheme_node_holds(node.get(), &problem)) {
+        if (parameter.form.initial)
+            warn(parameter.line, what, problem + "; the default is left out");
+        node = described(false);
+        if (!scheme_node_holds(node.get(), &problem))
+            return refuse(problem);
+    }
     if (parameter.writable)
-        json_object_set_new(node, "access", json_string("readWrite"));
+        json_object_set_new(node.get(), "access", json_string("readWrite"));
+    if (parameter.mandatory)
+        json_object_set_new(node.get(), "mandatory", json_true());
+    set_remarks(node.get(), parameter.about);
+    if (type.path && !type.nested && !object.empty())
+        references_.push_back({node.get(), object, type.target_parents, type.target_type});
+    json_object_set_new(to, parameter.name.c_str(), node.release());
     return true;
 }
 
-// The object of a group of arguments, "Result.{i}.Address.{i}.": a table is its first instance.
-json_t *builder::group(json_t *to, const std::string &relative, unsigned long line)
+// The path that `relative` leads to from an object, "Device.X.{i}."; empty when there is no such object.
+std::string builder::target(std::string_view relative, const std::string &object) const
 {
-    std::string_view rest = relative;
+    std::string path;
+    if (relative.starts_with('.')) { // below the root, or the service that the object is part of
+        path = root_of(object);
+        path += objects_.count(path) == 0 ? instance_mark : "";
+        path += relative.substr(1);
+    } else if (relative.starts_with('#')) {
+        std::string parent = object;
+        std::string name;
+        bool table = false;
+        for (; relative.starts_with('#'); relative.remove_prefix(1))
+            if (std::string up; split_path(parent, &up, &name, &table))
+                parent = up;
+        path = parent + std::string(relative.substr(relative.starts_with('.') ? 1 : 0));
+    } else {
+        path =
+            roots_.count(std::string(root_of(relative))) != 0 ? std::string(relative) : object + std::string(relative);
+    }
+    if (!path.ends_with('.'))
+        path += '.';
+    return objects_.count(path) != 0 || objects_.count(path + std::string(instance_mark)) != 0 ? path : "";
+}
+
+void builder::add_targets(const reference &from)
+{
+    json_t *list = json_array();
+    std::string_view rest = from.parents;
+    while (!rest.empty()) {
+        std::string_view one = rest.substr(0, rest.find(' '));
+        rest.remove_prefix(std::min(one.size() + 1, rest.size()));
+        if (std::string path = target(one, from.object); !path.empty())
+            json_array_append_new(list, json_string(path.c_str()));
+    }
+    json_object_set_new(from.node, "targets", list);
+    for (const char *known : {"parameter", "object", "single", "table", "row"})
+        if (from.type == known)
+            json_object_set_new(from.node, "targetType", json_string(known));
+}
+
+// The object of a group of arguments, "Result.{i}.Address.{i}.": a table is its first instance.
+json_t *builder::group(json_t *to, const argument_group &of, const std::string &path)
+{
+    std::string_view rest = of.path;
     while (!rest.empty()) {
         size_t dot = rest.find('.');
         std::string name(rest.substr(0, dot));
-        if (dot == std::string_view::npos || name.empty()) {
-            fail(line, "\"" + relative + "\" is no path of an object");
+        if (dot == std::string_view::npos || (name != "{i}" && !scheme_name_fits(name, true))) {
+            warn(of.line, path + "." + of.path, "is no path of an object; left out");
             return nullptr;
         }
         rest.remove_prefix(dot + 1);
@@ -184,7 +338,7 @@ json_t *builder::group(json_t *to, const std::string &relative, unsigned long li
         }
         to = json_object_get(node, "children");
         if (to == nullptr) {
-            fail(line, "\"" + relative + "\" is a parameter and an object");
+            warn(of.line, path + "." + of.path, "is a parameter and an object; left out");
             return nullptr;
         }
     }
@@ -192,13 +346,13 @@ json_t *builder::group(json_t *to, const std::string &relative, unsigned long li
 }
 
 // The arguments of one direction. What stands in `beside` already, by the same names, is left out.
-bool builder::add_arguments(json_t *to, json_t *beside, const std::vector<argument_group> &groups,
+void builder::add_arguments(json_t *to, json_t *beside, const std::vector<argument_group> &groups,
                             const std::string &path, size_t *counted)
 {
     for (const argument_group &each : groups) {
-        json_t *members = group(to, each.path, each.line);
+        json_t *members = group(to, each, path);
         if (members == nullptr)
-            return false;
+            continue;
         for (const parameter_declaration &parameter : each.parameters) {
             json_t *other = beside;
             std::string_view rest = each.path;
@@ -206,48 +360,121 @@ bool builder::add_arguments(json_t *to, json_t *beside, const std::vector<argume
                 std::string name(rest.substr(0, rest.find('.')));
                 other = json_object_get(json_object_get(other, name == "{i}" ? "1" : name.c_str()), "children");
             }
-            (*counted)++;
-            if (json_object_get(other, parameter.name.c_str()) == nullptr &&
-                !add_parameter(members, parameter, path + "." + each.path))
-                return false;
+            if (json_object_get(other, parameter.name.c_str()) != nullptr ||
+                add_parameter(members, parameter, path + "." + each.path, ""))
+                (*counted)++;
         }
     }
-    return true;
 }
 
-bool builder::add_command(json_t *to, const command_declaration &command, const std::string &path)
+void builder::add_command(json_t *to, const command_declaration &command, const std::string &path)
 {
     std::string what = path + command.name;
+    if (!scheme_name_fits(command.name, false))
+        return warn(command.line, what, "\"" + command.name + "\" is no name that can be served; left out");
     if (json_object_get(to, command.name.c_str()) != nullptr)
-        return fail(command.line, what + " is declared twice");
+        return warn(command.line, what, "is declared twice; left out");
     json_t *node = json_pack("{s:s, s:{}, s:{}}", "type", "method", "input", "output");
     json_object_set_new(to, command.name.c_str(), node);
     for (const known_method &known : known_methods)
         if (known.path == what)
             json_object_set_new(node, "method", json_string(known.implementation));
+    set_remarks(node, command.about);
     counts_->commands++;
     json_t *input = json_object_get(node, "input");
-    return add_arguments(input, nullptr, command.input, what, &counts_->inputs) &&
-           add_arguments(json_object_get(node, "output"), input, command.output, what, &counts_->outputs);
+    add_arguments(input, nullptr, command.input, what, &counts_->inputs);
+    add_arguments(json_object_get(node, "output"), input, command.output, what, &counts_->outputs);
 }
 
-json_ref builder::build()
+// Events are described, no more: the protocol has no name for them.
+void builder::add_event(json_t *to, const event_declaration &event, const std::string &path)
+{
+    std::string what = path + event.name + "!";
+    if (!scheme_name_fits(event.name, false))
+        return warn(event.line, what, "\"" + event.name + "\" is no name of an event; left out");
+    json_t *events = json_object_get(to, "events");
+    if (events == nullptr) {
+        events = json_object();
+        json_object_set_new(to, "events", events);
+    }
+    if (json_object_get(events, event.name.c_str()) != nullptr)
+        return warn(event.line, what, "is declared twice; left out");
+    json_t *node = json_pack("{s:{}}", "arguments");
+    json_object_set_new(events, event.name.c_str(), node);
+    set_remarks(node, event.about);
+    counts_->events++;
+    size_t counted = 0;
+    add_arguments(json_object_get(node, "arguments"), nullptr, event.arguments, what, &counted);
+}
+
+bool builder::add_model(const model_declaration &model)
+{
+    for (const object_declaration &object : model.objects) {
+        auto taken = roots_.find(std::string(root_of(object.path)));
+        if (taken != roots_.end() && taken->second != model.name) {
+            warn(model.line, model.name,
+                 "its root " + taken->first + " is that of " + taken->second + " already; left out");
+            return false;
+        }
+    }
+    for (const object_declaration &object : model.objects)
+        roots_[std::string(root_of(object.path))] = model.name;
+    for (const parameter_declaration &parameter : model.parameters)
+        counts_->parameters += add_parameter(root_, parameter, "", "") ? 1 : 0;
+    // What stands above is made first.
+    std::vector<const object_declaration *> ordered;
+    for (const object_declaration &object : model.objects)
+        ordered.push_back(&object);
+    auto depth = [](const object_declaration *of) { return std::count(of->path.begin(), of->path.end(), '.'); };
+    std::stable_sort(ordered.begin(), ordered.end(), [&](const auto *a, const auto *b) { return depth(a) < depth(b); });
+    for (const object_declaration *object : ordered)
+        add_object(*object);
+    return true;
+}
+
+json_ref builder::build(const std::vector<const model_declaration *> &chosen)
 {
     json_ref document(json_pack("{s:i, s:{}}", "format", 1, "root"));
     root_ = json_object_get(document.get(), "root");
-    children_[""] = root_;
-    for (const object_declaration &object : model_.objects)
-        if (!add_object(object))
-            return {};
-    if (counts_->objects == 0) {
-        *error_ = "none of its objects stands at the root";
-        return {};
+    objects_[""] = {root_, 0};
+    std::vector<const model_declaration *> served;
+    for (const model_declaration *model : chosen)
+        if (add_model(*model))
+            served.push_back(model);
+    for (const reference &each : references_)
+        add_targets(each);
+    std::string version;
+    for (const model_declaration *model : served)
+        version += (version.empty() ? "" : ",") + model->name;
+    if (served.size() == 1) {
+        size_t colon = version.find(':');
+        version.erase(0, colon == std::string::npos ? version.size() : colon + 1);
     }
-    size_t colon = model_.name.find(':');
-    std::string version = colon == std::string::npos ? "" : model_.name.substr(colon + 1);
     json_object_set_new(root_, "DataModelVersion",
                         json_pack("{s:s, s:s}", "type", "string", "default", version.c_str()));
     return document;
+}
+
+// The models that are to be served: all of them, or the one of that name, with or without its version.
+std::vector<const model_declaration *> choose(const data_model &from, const std::string &name, std::string *error)
+{
+    std::vector<const model_declaration *> all;
+    std::vector<const model_declaration *> named;
+    std::string names;
+    for (const model_declaration &model : from.models) {
+        all.push_back(&model);
+        names += (names.empty() ? "" : ", ") + model.name;
+        if (model.name == name)
+            return {&model};
+        if (model.name.substr(0, model.name.find(':')) == name)
+            named.push_back(&model);
+    }
+    if (name.empty())
+        return all;
+    if (named.size() == 1)
+        return named;
+    *error = (named.empty() ? "holds no model \"" : "holds several models \"") + name + "\"; its models are " + names;
+    return {};
 }
 
 // Either the whole file is there afterwards, or what was there before.
@@ -263,24 +490,32 @@ bool write_file(const std::string &path, std::string_view text)
 
 } // namespace
 
-json_ref import_model(const char *path, import_counts *counts, std::string *warnings, std::string *error)
+json_ref import_model(const char *path, const std::string &name, import_counts *counts, import_warnings *warnings,
+                      std::string *error)
 {
     data_model model;
-    if (!read_data_model(path, &model, error))
+    if (!read_data_model(path, &model, warnings, error))
         return {};
     *counts = {};
-    json_ref document = builder(model, counts, warnings, error).build();
-    if (document && !scheme_load(document.get(), error)) // names that only this daemon does not take
+    std::vector<const model_declaration *> chosen = choose(model, name, error);
+    if (chosen.empty())
+        return {};
+    json_ref document = builder(model, counts, warnings).build(chosen);
+    if (counts->objects == 0) {
+        *error = "none of its objects stands at the root";
+        return {};
+    }
+    if (!scheme_load(document.get(), error))
         document.reset();
     return document;
 }
 
-int import_run(const char *path, const char *output)
+int import_run(const char *path, const std::string &name, const char *output)
 {
     import_counts counts;
-    std::string warnings;
+    import_warnings warnings;
     std::string error;
-    json_ref document = import_model(path, &counts, &warnings, &error);
+    json_ref document = import_model(path, name, &counts, &warnings, &error);
     if (!document) {
         fprintf(stderr, "veld: %s: %s\n", path, error.c_str());
         return EXIT_FAILURE;
@@ -290,11 +525,12 @@ int import_run(const char *path, const char *output)
         fprintf(stderr, "veld: %s: %s\n", output != nullptr ? output : "standard output", strerror(errno));
         return EXIT_FAILURE;
     }
+    for (const std::string &line : warnings.lines())
+        fprintf(stderr, "veld: %s: warning: %s\n", path, visible(line).c_str());
     fprintf(stderr,
-            "%sveld: imported %zu objects (%zu of them tables), %zu parameters, %zu commands with %zu input and %zu "
+            "veld: imported %zu objects (%zu of them tables), %zu parameters, %zu commands with %zu input and %zu "
             "output arguments\n",
-            warnings.c_str(), counts.objects, counts.tables, counts.parameters, counts.commands, counts.inputs,
-            counts.outputs);
+            counts.objects, counts.tables, counts.parameters, counts.commands, counts.inputs, counts.outputs);
     return EXIT_SUCCESS;
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/json_ref.h"
+#include "veld/import/data_model.h"
 
 #include <string>
 
@@ -16,15 +17,18 @@ struct import_counts {
     size_t commands = 0;
     size_t inputs = 0;
     size_t outputs = 0;
+    size_t events = 0;
 };
 
-/// The model document of the XML file `path`, which the daemon can serve; null when there is none, `*error` then says
-/// what is wrong and where. `*warnings` receives what had to be left out, one a line.
-json_ref import_model(const char *path, import_counts *counts, std::string *warnings, std::string *error);
+/// The model document of the XML file `path`, plain or compressed with gzip, which the daemon can serve; null when
+/// there is none, `*error` then says what is wrong and where. `name` chooses one of several models in it, "Device:1.7"
+/// or "Device"; empty: all of them. `*warnings` receives what had to be left out.
+json_ref import_model(const char *path, const std::string &name, import_counts *counts, import_warnings *warnings,
+                      std::string *error);
 
 /// What `veld --import` does: writes the document of the file `path` to the file `output`, or to standard output when
 /// that is null, and what it counted and left out to standard error. Nothing is written unless everything can be.
 /// Returns the exit status.
-int import_run(const char *path, const char *output);
+int import_run(const char *path, const std::string &name, const char *output);
 
 } // namespace veld

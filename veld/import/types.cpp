@@ -34,13 +34,13 @@ std::vector<interval> tidy(std::vector<interval> list)
     std::sort(list.begin(), list.end(), [](const interval &a, const interval &b) { return low_of(a) < low_of(b); });
     std::vector<interval> out;
     for (const interval &each : list) {
-        if (out.empty() ||
+        if (out.empty() || each.step > 1 || out.back().step > 1 ||
             (high_of(out.back()) != std::numeric_limits<int64_t>::max() && low_of(each) > high_of(out.back()) + 1))
             out.push_back(each);
         else if (high_of(each) > high_of(out.back()))
             out.back().high = each.high;
     }
-    if (out.size() == 1 && !out[0].low && !out[0].high)
+    if (out.size() == 1 && !out[0].low && !out[0].high && out[0].step == 1)
         out.clear();
     return out;
 }
@@ -53,7 +53,8 @@ std::vector<interval> intersect(const std::vector<interval> &base, const std::ve
     std::vector<interval> out;
     for (const interval &a : base)
         for (const interval &b : own) {
-            interval both = {low_of(a) > low_of(b) ? a.low : b.low, high_of(a) < high_of(b) ? a.high : b.high};
+            interval both = {low_of(a) > low_of(b) ? a.low : b.low, high_of(a) < high_of(b) ? a.high : b.high,
+                             std::max(a.step, b.step)};
             if (low_of(both) <= high_of(both))
                 out.push_back(both);
         }
@@ -73,8 +74,12 @@ void restrict(resolved_type *into, const type_use &own)
         into->enumeration = own.enumeration;
     if (!own.patterns.empty())
         into->patterns.push_back(own.patterns);
-    if (own.path && into->name == "string")
+    if (own.path && into->name == "string") {
+        into->path = true;
         into->name = "path";
+        into->target_parents = own.target_parents;
+        into->target_type = own.target_type;
+    }
 }
 
 void make_list(resolved_type *into, const syntax &form)
@@ -125,7 +130,7 @@ std::string alternatives(const std::vector<std::string> &list)
 }
 
 // All patterns that hold for one value, as one expression without anchors; empty when none does.
-std::string value_expression(const resolved_type &type, const std::string &what, std::string *warnings)
+std::string value_expression(const resolved_type &type, const complaint &warn)
 {
     std::vector<std::string> parts;
     for (const std::vector<std::string> &step : type.patterns) {
@@ -134,10 +139,7 @@ std::string value_expression(const resolved_type &type, const std::string &what,
             std::optional<std::string> one = translate_pattern(each);
             std::string why;
             if (!one || !pattern::compile(*one, &why)) {
-                warnings->append(what)
-                    .append(": the pattern \"")
-                    .append(each)
-                    .append("\" cannot be understood and is left out\n");
+                warn("the pattern \"" + each + "\" cannot be understood; left out");
                 translated.clear();
                 break;
             }
@@ -152,20 +154,17 @@ std::string value_expression(const resolved_type &type, const std::string &what,
     return out;
 }
 
-// Sizes with gaps between them, for which two limits say too little.
-std::string size_expression(const resolved_type &type, const std::vector<interval> &sizes)
+// Texts of any of these sizes, made of `characters`; empty when that is more than an expression can count.
+std::string size_expression(const std::vector<interval> &sizes, const std::string &characters, int64_t each_takes)
 {
-    if (sizes.size() < 2 || type.name == "base64")
-        return "";
-    bool hex = type.name == "hexBinary";
     std::vector<std::string> list;
     for (const interval &each : sizes) {
-        int64_t low = std::max<int64_t>(low_of(each), 0) * (hex ? 2 : 1);
-        int64_t high = each.high ? *each.high * (hex ? 2 : 1) : 0;
-        if (low > 65535 || high > 65535) // more than an expression can count
+        int64_t low = std::clamp<int64_t>(low_of(each), 0, 65536) * each_takes;
+        int64_t high = each.high ? std::min<int64_t>(*each.high, 65536) * each_takes : 0;
+        if (low > 65535 || high > 65535)
             return "";
         list.push_back(each.high == 0 ? ""
-                                      : std::string(hex ? "[0-9A-Fa-f]" : "[\\s\\S]") + "{" + std::to_string(low) +
+                                      : characters + "{" + std::to_string(low) +
                                             (!each.high    ? ",}"
                                              : low == high ? "}"
                                                            : "," + std::to_string(high) + "}"));
@@ -173,16 +172,41 @@ std::string size_expression(const resolved_type &type, const std::vector<interva
     return alternatives(list);
 }
 
-// What one item of a list looks like.
-std::string item_expression(const resolved_type &type, const std::string &what, std::string *warnings)
+// Sizes with gaps between them, for which two limits say too little.
+std::string size_expression(const resolved_type &type)
 {
+    if (type.sizes.size() < 2 || type.name == "base64")
+        return "";
+    return type.name == "hexBinary" ? size_expression(type.sizes, "[0-9A-Fa-f]", 2)
+                                    : size_expression(type.sizes, "[\\s\\S]", 1);
+}
+
+// What the sizes of an item of a list make of it; empty when that cannot be said by an expression.
+std::string sized_item(const resolved_type &type)
+{
+    const std::vector<interval> &sizes = type.item_sizes;
+    if (sizes.empty() || (sizes.size() == 1 && low_of(sizes[0]) <= 0 && !sizes[0].high))
+        return "";
+    if (sizes.size() == 1) {
+        int64_t low = std::max<int64_t>(low_of(sizes[0]), 0);
+        if (low > 65535 || sizes[0].high > 65535)
+            return "";
+        return "[^,]{" + std::to_string(low) + "," + (sizes[0].high ? std::to_string(*sizes[0].high) : "") + "}";
+    }
+    return size_expression(sizes, "[^,]", 1);
+}
+
+// What one item of a list looks like; `*sized` says whether that holds its sizes.
+std::string item_expression(const resolved_type &type, bool *sized, const complaint &warn)
+{
+    *sized = type.item_sizes.empty() || !type.enumeration.empty();
     if (!type.enumeration.empty()) {
         std::vector<std::string> list;
         for (const std::string &each : type.enumeration)
             list.push_back(escaped(each));
         return alternatives(list);
     }
-    if (std::string out = value_expression(type, what, warnings); !out.empty())
+    if (std::string out = value_expression(type, warn); !out.empty())
         return out;
     if (type.name == "boolean" || type.name == "switch")
         return "(?:true|false|0|1)";
@@ -192,22 +216,24 @@ std::string item_expression(const resolved_type &type, const std::string &what, 
         return "[0-9]+";
     if (type.name == "decimal")
         return "-?[0-9]+(?:\\.[0-9]+)?";
-    if (type.name == "hexBinary" || type.item_sizes.empty())
-        return type.name == "hexBinary" ? "(?:[0-9A-Fa-f]{2})*" : "";
-    int64_t low = std::max<int64_t>(low_of(type.item_sizes[0]), 0);
-    std::optional<int64_t> high = type.item_sizes.back().high;
-    if (low > 65535 || high > 65535 || (low == 0 && !high))
-        return "";
-    return "[^,]{" + std::to_string(low) + "," + (high ? std::to_string(*high) : "") + "}";
+    if (type.name == "hexBinary")
+        return "(?:[0-9A-Fa-f]{2})*";
+    std::string out = type.name == "base64" ? "" : sized_item(type);
+    *sized = *sized || !out.empty();
+    return out;
 }
 
-std::string expression_of(const resolved_type &type, const std::string &what, std::string *warnings)
+// The expression of a value; `*sized` says whether it holds the alternatives of its sizes, or its items' sizes.
+std::string expression_of(const resolved_type &type, bool *sized, const complaint &warn)
 {
     if (!type.list) {
-        std::string out = value_expression(type, what, warnings);
-        return out.empty() ? size_expression(type, type.sizes) : out;
+        std::string out = value_expression(type, warn);
+        std::string size = out.empty() ? size_expression(type) : "";
+        *sized = type.sizes.size() < 2 || !size.empty();
+        return out.empty() ? size : out;
     }
-    std::string item = type.nested ? "" : item_expression(type, what, warnings);
+    *sized = true; // what is in lists of lists is not looked at
+    std::string item = type.nested ? "" : item_expression(type, sized, warn);
     if (item.empty())
         return "";
     std::string list = item + "(?: *, *" + item + ")*";
@@ -242,7 +268,8 @@ interval span_of(const std::string &type)
 bool within(const std::vector<interval> &list, int64_t number)
 {
     return list.empty() || std::any_of(list.begin(), list.end(), [&](const interval &each) {
-               return low_of(each) <= number && number <= high_of(each);
+               return low_of(each) <= number && number <= high_of(each) &&
+                      (each.step == 1 || (number - each.low.value_or(0)) % each.step == 0);
            });
 }
 
@@ -260,6 +287,8 @@ json_t *declared_default(const std::string &type, const std::string &text)
     }
     if (is_integer(type)) {
         std::optional<int64_t> number = declared_number<int64_t>(text);
+        if (!number && type == "unsignedLong" && declared_number<uint64_t>(text))
+            return json_string(std::to_string(*declared_number<uint64_t>(text)).c_str());
         return number && within({span_of(type)}, *number) ? json_integer(*number) : nullptr;
     }
     if (type == "decimal") {
@@ -271,8 +300,8 @@ json_t *declared_default(const std::string &type, const std::string &text)
 
 json_t *made_integer(const resolved_type &type)
 {
-    if (!type.enumeration.empty())
-        if (json_t *first = declared_default(type.name, type.enumeration[0]))
+    for (const std::string &each : type.enumeration)
+        if (json_t *first = declared_default(type.name, each))
             return first;
     if (within(type.ranges, 0))
         return json_integer(0);
@@ -352,7 +381,7 @@ json_t *enumerated(const std::vector<interval> &ranges)
 {
     int64_t count = 0;
     for (const interval &each : ranges) {
-        if (!each.low || !each.high || *each.high - *each.low >= most_enumerated)
+        if (!each.low || !each.high || each.step > 1 || *each.high - *each.low >= most_enumerated)
             return nullptr;
         count += *each.high - *each.low + 1;
     }
@@ -365,12 +394,48 @@ json_t *enumerated(const std::vector<interval> &ranges)
     return list;
 }
 
-void set_enumeration(json_t *node, const resolved_type &type)
+void set_enumeration(json_t *node, const resolved_type &type, const complaint &warn)
 {
     json_ref list(json_array());
     for (const std::string &each : type.enumeration)
-        json_array_append_new(list.get(), declared_default(type.name, each));
-    json_object_set_new(node, "enum", list.release());
+        if (json_t *value = declared_default(type.name, each))
+            json_array_append_new(list.get(), value);
+        else
+            warn("\"" + each + "\" is no value of type " + type.name + "; left out of the enumeration");
+    if (json_array_size(list.get()) > 0)
+        json_object_set_new(node, "enum", list.release());
+}
+
+// Alternatives that two bounds cannot say: [low, high] or [low, high, step], null where an end is open.
+void set_alternatives(json_t *node, const char *key, const std::vector<interval> &list)
+{
+    json_t *all = json_array();
+    for (const interval &each : list) {
+        json_t *one = json_array();
+        json_array_append_new(one, each.low ? json_integer(*each.low) : json_null());
+        json_array_append_new(one, each.high ? json_integer(*each.high) : json_null());
+        if (each.step > 1)
+            json_array_append_new(one, json_integer(each.step));
+        json_array_append_new(all, one);
+    }
+    json_object_set_new(node, key, all);
+}
+
+bool has_gaps(const std::vector<interval> &list)
+{
+    return list.size() > 1 || (!list.empty() && list[0].step > 1);
+}
+
+void set_list(json_t *node, const resolved_type &type, bool sized)
+{
+    if (type.min_items)
+        json_object_set_new(node, "minCount", json_integer(*type.min_items));
+    if (type.max_items)
+        json_object_set_new(node, "maxCount", json_integer(*type.max_items));
+    if (!type.nested && !type.ranges.empty() && is_integer(type.name))
+        set_alternatives(node, "itemRanges", type.ranges);
+    if (!sized)
+        set_alternatives(node, "itemLengths", type.item_sizes);
 }
 
 } // namespace
@@ -460,33 +525,37 @@ bool resolve_type(const data_model &model, const syntax &form, resolved_type *in
     return true;
 }
 
-void describe_type(json_t *node, const resolved_type &type, const syntax &form, const std::string &what,
-                   std::string *warnings)
+void describe_type(json_t *node, const resolved_type &type, const syntax &form, bool declared, const complaint &warn)
 {
     std::string name = type.list ? "string" : form.triggers && type.name == "boolean" ? "switch" : type.name;
-    std::string expression = expression_of(type, what, warnings);
+    bool sized = true;
+    std::string expression = expression_of(type, &sized, warn);
     json_object_set_new(node, "type", json_string(name.c_str()));
 
     json_t *initial = nullptr;
-    if (form.initial)
+    if (form.initial && declared) {
         initial =
             type.list ? json_string(without_brackets(*form.initial).c_str()) : declared_default(name, *form.initial);
+        if (initial == nullptr)
+            warn("the default \"" + *form.initial + "\" is no value of type " + name + "; left out");
+    }
     json_object_set_new(node, "default", initial != nullptr ? initial : made_default(type, expression));
 
     json_t *values = nullptr;
     if (type.list) {
-        if (type.min_items)
-            json_object_set_new(node, "minCount", json_integer(*type.min_items));
-        if (type.max_items)
-            json_object_set_new(node, "maxCount", json_integer(*type.max_items));
+        set_list(node, type, sized);
     } else if (!type.enumeration.empty()) {
-        set_enumeration(node, type);
+        set_enumeration(node, type, warn);
     } else if (type.ranges.size() > 1 && (values = enumerated(type.ranges)) != nullptr) {
         json_object_set_new(node, "enum", values);
     } else {
         set_bounds(node, "minInclusive", "maxInclusive", type.ranges);
+        if (has_gaps(type.ranges))
+            set_alternatives(node, "ranges", type.ranges);
     }
     set_bounds(node, "minLength", "maxLength", type.sizes);
+    if (has_gaps(type.sizes) && (type.list || !sized))
+        set_alternatives(node, "lengths", type.sizes);
     if (!expression.empty())
         json_object_set_new(node, "regex", json_string(("^" + expression + "$").c_str()));
     if (form.secured && json_is_string(json_object_get(node, "default")))

@@ -4,6 +4,7 @@
 #include "base/json_ref.h"
 #include "veld/import/data_model.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,16 +25,21 @@ struct resolved_type {
         false; ///< the items are lists themselves; what they hold is then not looked at, nor how many there are
     std::vector<interval> item_sizes;
     std::optional<int64_t> min_items, max_items;
+    bool path = false;          ///< values, or items, are paths of the data model
+    std::string target_parents; ///< as type_use has them
+    std::string target_type;
 };
+
+/// Says what is wrong with one node, which is known by its line and path.
+using complaint = std::function<void(const std::string &what)>;
 
 /// Follows `form` to the type that it is based on in the end. False when a type is not declared, is based on itself or
 /// is no type at all; `*error` then says which.
 bool resolve_type(const data_model &model, const syntax &form, resolved_type *into, std::string *error);
 
-/// Adds type, constraints and default to `node`. `what` names the parameter in warnings, which go to `*warnings`, one a
-/// line: about a pattern that is left out because it cannot be understood.
-void describe_type(json_t *node, const resolved_type &type, const syntax &form, const std::string &what,
-                   std::string *warnings);
+/// Adds type, constraints and default to `node`. What cannot be kept of them (a pattern that cannot be understood, a
+/// default that is no value of the type) is left out, and said. Without `declared` the default is made up.
+void describe_type(json_t *node, const resolved_type &type, const syntax &form, bool declared, const complaint &warn);
 
 /// A pattern of XML Schema as a Perl-compatible one that means the same; nothing when it uses what that does not have.
 std::optional<std::string> translate_pattern(std::string_view pattern);
