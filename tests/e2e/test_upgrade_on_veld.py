@@ -315,7 +315,7 @@ def test_the_device_goes_down_during_the_transfer(device, admin, kest_start, sou
     place.connected()
     reboot(device)
     run.finish(30)
-    assert (run.lines[-1], run.status) == ("[9001] Request denied: only an administrator may do that", 255)
+    assert (run.lines[-1], run.status) == ("[9001] Request denied: only an administrator may do that: not logged in", 255)
     assert device.value(VERSION) == "1.2.3"
     assert not waiting_images(device)
 

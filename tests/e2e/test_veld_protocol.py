@@ -370,6 +370,35 @@ def test_anonymous_reads_what_is_public_and_changes_nothing(small):
         assert refused(peer, method, **params).code == 9001, method
 
 
+REFUSED = {
+    "GetParameterNames": {"ParameterPath": "Device.Admin.", "NextLevel": True},
+    "GetParameterValues": {"ParameterNames": ["Device.Admin.Secret"]},
+    "GetParameterAttributes": {"ParameterNames": ["Device.Admin."]},
+    "SetParameterValues": {"ParameterList": [{"Name": "Device.Admin.Secret", "Value": "x"}, {"Name": "Device.None", "Value": 1}]},
+    "AddObject": {"ObjectName": "Device.Users.User."},
+    "DeleteObject": {"ObjectName": "Device.Users.User.1."},
+    "ChangeOrder": {"ObjectName": "Device.Search.1", "Order": 1},
+    "Execute": {"Path": "Device.Echo"},
+    "SaveConfig": {},
+    "FactoryReset": {},
+    "Reboot": {"Force": True},
+    "Download": {"FileType": "File", "URL": "file:///none"},
+}
+
+
+@pytest.mark.parametrize("method", REFUSED)
+def test_a_refusal_says_when_nobody_is_logged_in(small, method):
+    peer = small.connect()
+    error = refused(peer, method, **REFUSED[method])
+    assert error.code == (9003 if method == "SetParameterValues" else 9001)
+    assert error.message.endswith(": not logged in")
+    peer.call("Login", User="user", Password="user")
+    try:
+        peer.call(method, **REFUSED[method])
+    except WireError as error:
+        assert not error.message.endswith("not logged in")
+
+
 def test_users_and_administrators(small):
     user = small.connect()
     assert user.call("Login", User="user", Password="user") == {}

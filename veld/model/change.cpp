@@ -29,8 +29,9 @@ struct pending {
 class problem_list
 {
 public:
-    void add(std::string_view name, int code, std::string_view text)
+    void add(std::string_view name, int code, std::string_view text, bool lacks_rights = false)
     {
+        lacks_rights_ = lacks_rights_ || lacks_rights;
         code_ = code_ == 0 || code_ == code ? code : code::bad_arguments;
         if (!named_.insert(std::string(name)).second)
             return;
@@ -40,10 +41,11 @@ public:
         json_write_string(&data_, text);
     }
     bool empty() const { return data_.empty(); }
-    fault finish() { return {code_, "nothing was set", data_ + "}"}; }
+    fault finish() { return {code_, "nothing was set", data_ + "}", lacks_rights_}; }
 
 private:
     int code_ = 0;
+    bool lacks_rights_ = false;
     std::string data_;
     std::unordered_set<std::string> named_;
 };
@@ -119,13 +121,18 @@ value_problem settable(const place &where, role who)
     if (!where.what->writable || !settable_source(*where.what))
         return {code::not_writable, "is not writable"};
     if (who < where.what->write || who < where.what->read)
-        return {code::denied, std::string(refused_role)};
+        return {code::denied, std::string(refused_role), true};
     return {};
 }
 
 fault denied(std::string_view name, std::string_view why)
 {
     return {code::denied, std::string(name) + " " + std::string(why), ""};
+}
+
+fault not_for(std::string_view name)
+{
+    return {code::denied, std::string(name) + " may not be changed by this user", "", true};
 }
 
 fault no_such(std::string_view name)
@@ -142,7 +149,7 @@ fault find_instance(tree *in, role who, std::string_view path, node **found)
     if (where.at->what != where.what || !where.at->is_instance())
         return {code::bad_name, std::string(path) + " is not an instance", ""};
     if (who < where.at->parent->what->write || who < where.at->parent->what->read)
-        return denied(path, "may not be changed by this user");
+        return not_for(path);
     *found = where.at;
     return {};
 }
@@ -205,7 +212,7 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
         if (problem.code == 0 && !named.insert(where.at).second)
             problem = {code::bad_arguments, "is named more than once"};
         if (problem.code != 0) {
-            problems.add(name, problem.code, problem.text);
+            problems.add(name, problem.code, problem.text, problem.lacks_rights);
             continue;
         }
         entry.name = tree::name(where.at);
@@ -254,7 +261,7 @@ fault change_add(tree *in, role who, std::string_view path, uint64_t order, node
     if (!what.writable)
         return denied(path, "takes no new instances");
     if (who < what.write || who < what.read)
-        return denied(path, "may not be changed by this user");
+        return not_for(path);
     if (order != 0 && !what.ordered)
         return {code::bad_arguments, std::string(path) + " is not ordered", ""};
     in->refresh(table);

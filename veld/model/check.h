@@ -13,6 +13,7 @@ namespace veld
 struct value_problem {
     int code = 0;
     std::string text;
+    bool lacks_rights = false; ///< another user may
 };
 
 /// True when `value` has the JSON type of the parameter's values; `*kept` then owns the value as it is to be stored

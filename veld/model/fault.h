@@ -31,6 +31,7 @@ struct fault {
     int code = 0;
     std::string message;
     std::string data;
+    bool lacks_rights = false; ///< somebody else may: whoever has not logged in is told that
 
     explicit operator bool() const { return code != 0; }
 };

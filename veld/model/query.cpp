@@ -136,7 +136,7 @@ fault no_such(std::string_view name)
 
 fault denied(std::string_view name)
 {
-    return {code::denied, std::string(name) + " may not be read by this user", ""};
+    return {code::denied, std::string(name) + " may not be read by this user", "", true};
 }
 
 std::string_view text_of(const json_t *name)

@@ -23,7 +23,7 @@ bool service::refused(const client &from, role needed, const ticket &to)
     answer_fault(
         to, {code::denied,
              needed == role::administrator ? "only an administrator may do that" : "only a logged-in user may do that",
-             ""});
+             "", true});
     return true;
 }
 
@@ -110,7 +110,7 @@ void service::execute(client &from, const json_t *params, const ticket &to)
     if (what.kind != node_kind::method)
         return answer_fault(to, {code::bad_name, path + " is not a method", ""});
     if (from.who.rights < what.read || from.who.rights < what.write)
-        return answer_fault(to, {code::denied, path + " may not be run by this user", ""});
+        return answer_fault(to, {code::denied, path + " may not be run by this user", "", true});
     json_ref input;
     if (const fault problem = arguments_check(what, list, &input))
         return answer_fault(to, problem);

@@ -167,7 +167,9 @@ void service::answer_fault(const ticket &to, const fault &why)
 {
     std::string line = "{\"jsonrpc\":\"2.0\",\"id\":" + to.id + ",\"error\":{\"code\":" + std::to_string(why.code);
     line += ",\"message\":";
-    json_write_string(&line, why.message);
+    const client *asking = find(to.client);
+    const bool unknown = why.lacks_rights && asking != nullptr && asking->who.name.empty();
+    json_write_string(&line, unknown ? why.message + ": not logged in" : why.message);
     if (!why.data.empty() && line.size() + why.data.size() < wire_line_max - 16)
         line += ",\"data\":" + why.data;
     line += "}}\n";
