@@ -14,6 +14,16 @@
 namespace
 {
 
+bool on_error = false; // where the prompt goes
+
+void show(const std::string &text)
+{
+    ve_out_write(text.data(), text.size());
+    ve_out_flush();
+    if (on_error)
+        ve_out_write_error(text.data(), text.size());
+}
+
 /// Keeps the terminal from echoing.
 class silence
 {
@@ -81,15 +91,19 @@ void secret_text::wipe()
     clear();
 }
 
+void password_ask_on_error(bool hidden)
+{
+    on_error = hidden;
+}
+
 bool password_read(const char *user, secret_text *password)
 {
-    ve_printf("[kest] password for %s: ", user);
-    ve_out_flush();
+    show(std::string("[kest] password for ") + user + ": ");
     bool read;
     {
         const silence silent;
         read = isatty(STDIN_FILENO) == 1 ? read_terminal(password) : read_plain(password);
     }
-    ve_puts("");
+    show("\n");
     return read;
 }

@@ -3,6 +3,7 @@
 #include <string>
 #include <unistd.h>
 
+#include "base/visible.h"
 #include "platform/ve_out.h"
 
 namespace
@@ -25,7 +26,8 @@ void trouble_tell(const ve_jrpcapi *ctx)
     told_lasting = lasts;
     // A spinner leaves the cursor behind its picture.
     const bool begins_row = isatty(STDERR_FILENO) == 0 || isatty(STDOUT_FILENO) == 0 || ve_out_unfinished_row().empty();
-    const std::string message = (begins_row ? "kest: " : "\nkest: ") + ve_visible(reason) + '\n';
+    const std::string message =
+        (begins_row ? "kest: " : "\nkest: ") + (isatty(STDERR_FILENO) != 0 ? visible(reason) : reason) + '\n';
     ve_out_write_error(message.data(), message.size());
 }
 

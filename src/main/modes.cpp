@@ -104,7 +104,7 @@ int mode_run_listen()
     sigaction(SIGINT, &action, nullptr);
     if (ve_socket_state(ve_jrpcapi_socket(group_ctx)) != ve_socket_connected)
         trouble_tell(group_ctx);
-    while (is_running()) {
+    while (is_running() && ve_out_error() == 0) {
         if (ve_jrpcapi_watch(request_ctx, listen_poll_ms) < 0 && regain_groups() < 0)
             return -1;
     }

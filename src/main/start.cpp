@@ -1,8 +1,6 @@
 #include "main/start.h"
 
 #include <fcntl.h>
-#include <pwd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,7 +10,6 @@
 #include <cstring>
 
 #include "base/clock.h"
-#include "base/fd.h"
 #include "cdpath/cdpath.h"
 #include "cline/cline.h"
 #include "commands/file_server.h"
@@ -22,6 +19,7 @@
 #include "event/request.h"
 #include "event/trouble.h"
 #include "lua/lua_mode.h"
+#include "main/config.h"
 #include "main/modes.h"
 #include "main/script.h"
 #include "platform/ve_log.h"
@@ -41,7 +39,6 @@ constexpr int group_timeout_ms = 100;
 constexpr int silent_wait_ms = 2000;
 /// The daemon's notices of added and deleted instances.
 constexpr uint32_t instance_group = 4;
-constexpr size_t config_path_size = 256;
 
 /// A descriptor that was closed by whoever started the program must not become a link to the daemon.
 void fill_standard_descriptors()
@@ -83,42 +80,6 @@ int open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *gr
         return 0;
     fprintf(stderr, "Cannot start the event listener.\n");
     return -1;
-}
-
-const char *home_directory()
-{
-    if (const char *home = getenv("HOME"))
-        return home;
-    const passwd *entry = getpwuid(getuid());
-    return entry != nullptr && entry->pw_dir != nullptr ? entry->pw_dir : "";
-}
-
-/// Runs the configuration file, if there is one, with its output hidden.
-void run_config(const char *path)
-{
-    char default_path[config_path_size];
-    if (path == nullptr) {
-        snprintf(default_path, sizeof default_path, "%s/.local/kest/config", home_directory());
-        path = default_path;
-    }
-    struct stat info;
-    if (stat(path, &info) != 0 || !S_ISREG(info.st_mode))
-        return;
-    if (access(path, R_OK) != 0) {
-        fprintf(stderr, "%s: %s\n", path, strerror(errno));
-        return;
-    }
-    ve_out_flush();
-    const fd_owner kept{fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)};
-    const fd_owner hidden{open("/dev/null", O_WRONLY | O_CLOEXEC)};
-    if (kept && hidden) {
-        dup2(hidden.get(), STDOUT_FILENO);
-        ve_out_reopened();
-        run_script(path, 1);
-        ve_out_flush();
-        dup2(kept.get(), STDOUT_FILENO);
-        ve_out_reopened();
-    }
 }
 
 int enter_mode(const cline_options &options, bool listens)
@@ -179,8 +140,10 @@ int kest_main(int argc, char **argv)
         stop_event_handler();
     } else {
         result = parsed == 1 ? EXIT_SUCCESS : EXIT_FAILURE;
+        if (fflush(stdout) != 0)
+            ve_out_fail(errno);
     }
     ve_jrpcapi_deinit(request);
     ve_jrpcapi_deinit(group);
-    return result & 0xff;
+    return ve_out_end_status(result) & 0xff;
 }

@@ -21,6 +21,14 @@ int ve_out_flush();
 /// Flushes when much is buffered: called once a row by what prints long lists, which ends when it returns -1 (nobody
 /// will see more). Else it returns 0. A wait point.
 int ve_out_relieve();
+/// The error that the first failed write to the output met; 0 when there was none. Nothing is written behind it. Any
+/// thread.
+int ve_out_error();
+/// The same error met by who writes to the output by another way.
+void ve_out_fail(int error);
+/// What the program is to end with: `status`, or a failure when the output could not be written, which standard error
+/// is told. Once, at the end.
+int ve_out_end_status(int status);
 /// When Ctrl-C ends a command: drops what is buffered, but for the rest of a line whose beginning was written.
 void ve_out_land();
 /// True when descriptor 1 is a terminal. Asked once; ve_out_reopened() says that the descriptor was replaced.

@@ -75,10 +75,16 @@ public:
     std::string unfinished_row();
     void end_row();
     void give_up() { given_up_ = true; }
+    int error() const { return error_; }
+    void fail(int error)
+    {
+        int none = 0;
+        error_.compare_exchange_strong(none, error);
+    }
 
 private:
     /// What is printed now is lost: the reader is gone, or Ctrl-C has ended what prints.
-    bool is_closed() const { return gone_ || ve_wait_interrupted(); }
+    bool is_closed() const { return error_ != 0 || ve_wait_interrupted(); }
     void drop()
     {
         buffer_.clear();
@@ -92,10 +98,10 @@ private:
 
     std::string buffer_; // not yet written
     size_t written_ = 0; // bytes of the buffer that are out already
-    bool gone_ = false;  // the reader went away
     int terminal_ = -1;  // isatty(1), or -1 when not yet asked
 
     std::atomic<bool> given_up_{false}; // a reader that lets one wait
+    std::atomic<int> error_{0};         // why the output takes no more
 
     std::mutex lock_;        // never held across a wait point
     std::string unfinished_; // the end of what was written since the last line feed
@@ -146,7 +152,7 @@ int terminal_output::flush()
         if (count >= 0) {
             written_ += static_cast<size_t>(count);
         } else if (errno != EINTR && errno != EAGAIN) {
-            gone_ = errno == EPIPE || errno == EBADF || errno == EIO;
+            fail(errno);
             drop();
             return -1;
         }
@@ -182,7 +188,7 @@ void terminal_output::reopened()
     own_fd_ = -1;
     own_tried_ = false;
     terminal_ = -1;
-    gone_ = false;
+    unfinished_.clear(); // that row is elsewhere
 }
 
 void terminal_output::write_now(std::string_view data, row how)
@@ -255,8 +261,10 @@ bool terminal_output::write_whole(std::string_view data)
             continue;
         }
         const ssize_t count = write(descriptor(), data.data(), std::min(data.size(), piece_size));
-        if (count < 0 && errno != EAGAIN && errno != EINTR)
+        if (count < 0 && errno != EAGAIN && errno != EINTR) {
+            fail(errno);
             return false;
+        }
         data.remove_prefix(count > 0 ? static_cast<size_t>(count) : 0);
     }
     return true;
@@ -308,6 +316,28 @@ void ve_printf(const char *format, ...)
 int ve_out_flush()
 {
     return output.flush();
+}
+
+int ve_out_error()
+{
+    return output.error();
+}
+
+void ve_out_fail(int error)
+{
+    output.fail(error);
+}
+
+int ve_out_end_status(int status)
+{
+    const int error = output.error();
+    if (error == 0)
+        return status;
+    char reason[128];
+    const std::string text =
+        std::string("kest: the output cannot be written: ") + strerror_r(error, reason, sizeof reason) + '\n';
+    ve_out_write_error(text.data(), text.size());
+    return (status & 0xff) != 0 ? status : EXIT_FAILURE;
 }
 
 void ve_out_land()

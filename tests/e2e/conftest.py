@@ -192,8 +192,10 @@ def make_certificate(folder):
 
 @pytest.fixture
 def kest_start(sandbox, things):
-    def start(*words, to=None, stdin=None, env=None, name="kest", cwd=None, stdout=None):
+    def start(*words, to=None, stdin=None, env=None, name="kest", cwd=None, stdout=None, ignored=()):
         argv = client_words(words, to, name, sandbox)
+        if ignored:
+            argv = ["/usr/bin/env", "--ignore-signal=" + ",".join(number.name[3:] for number in ignored), *argv]
         things.append(_Ending(argv, sandbox.environment(env), cwd or sandbox.work, stdin, sandbox.wrap, stdout))
         return things[-1]
 
@@ -212,8 +214,8 @@ class _Ending(Program):
 
 @pytest.fixture
 def kest(kest_start):
-    def run(*words, to=None, stdin=None, env=None, name="kest", cwd=None, timeout=None, stdout=None):
-        return kest_start(*words, to=to, stdin=stdin, env=env, name=name, cwd=cwd, stdout=stdout).finish(timeout)
+    def run(*words, timeout=None, **options):
+        return kest_start(*words, **options).finish(timeout)
 
     return run
 

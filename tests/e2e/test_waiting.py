@@ -8,7 +8,7 @@ import socket
 
 import pytest
 
-from lib.fake import Close, Error, Slow
+from lib.fake import Close, Error, Raw, Several, Slow
 
 MODEL = {"Device.": {}, "Device.A": 1}
 
@@ -215,9 +215,107 @@ def test_listening_fails_without_its_thread(kest, fake):
 
 
 def test_a_shell_command_works_for_a_parent_that_ignores_its_children(kest, fake):
-    signal.signal(signal.SIGCHLD, signal.SIG_IGN)
-    try:
-        run = kest("-r", "sh", "echo", "here", to=fake)
-    finally:
-        signal.signal(signal.SIGCHLD, signal.SIG_DFL)
+    run = kest("-r", "sh", "echo", "here", to=fake, ignored=[signal.SIGCHLD])
     assert (run.out, run.err) == ("here\n", "")
+
+
+# The hidden configuration file
+
+
+def test_a_wait_in_the_configuration_says_why(kest_start, tmp_path):
+    (tmp_path / "config").write_text("get Device.A\n")
+    run = kest_start("-c", "config", "-n", "x", to=tmp_path / "none")
+    run.wait_for(f"kest: {tmp_path}/none: No such file or directory\n", stream="err")
+    run.interrupt()
+    run.finish()
+
+
+def test_a_silent_daemon_in_the_configuration_is_told(kest_start, fake, tmp_path):
+    fake.on("GetParameterValues", Slow(60, {}))
+    (tmp_path / "config").write_text("get Device.A\n")
+    run = kest_start("-c", "config", "-n", "x", to=fake)
+    run.wait_for("config: waiting for the daemon\n", stream="err")
+    run.interrupt()
+    assert run.finish().out == ""
+
+
+@pytest.mark.parametrize("where", ["terminal", "pipes"])
+def test_a_password_is_asked_for_in_sight(kest, terminal, fake, tmp_path, where):
+    (tmp_path / "config").write_text("login me\n")
+    words = ("-c", "config", "-n", "x")
+    if where == "terminal":
+        term = terminal(*words, to=fake)
+        term.wait_for("[kest] password for me:")
+        term.type("secret\r")
+        assert term.wait_exit() == 0
+        assert term.lines == ["[kest] password for me:", "Unsupported :("]
+    else:
+        run = kest(*words, to=fake, stdin="secret\n")
+        assert (run.out, run.err) == ("Unsupported :(\n", "[kest] password for me: \n")
+    assert fake.params("Login") == [{"User": "me", "Password": "secret"}]
+
+
+@pytest.mark.parametrize("path, reason", [
+    ("missing", "No such file or directory"), ("folder", "Is a directory"), ("fifo", "not a regular file"), ("/dev/null", None),
+])
+def test_a_configuration_that_is_not_used_is_named(kest, fake, tmp_path, path, reason):
+    (tmp_path / "folder").mkdir()
+    os.mkfifo(tmp_path / "fifo")
+    run = kest("-c", path, "-n", "x", to=fake)
+    assert (run.out, run.status) == ("Unsupported :(\n", 0)
+    assert run.err == (f"{path}: {reason}\n" if reason else "")
+
+
+# Output that cannot be written
+
+FULL = "kest: the output cannot be written: No space left on device\n"
+
+
+@pytest.mark.parametrize("words", [
+    ("-r", "get", "Device.A"), ("-r", "lua", "print(1)"), ("-r", "lua", "print(1) os.exit(true)"), ("-n", "x"),
+    ("--raw", '{"id":1,"method":"Ping"}'), ("-s", "script"), ("-S", "lua"), ("-l",), ("-h",), ("-v",), (),
+])
+def test_output_that_cannot_be_written_is_a_failure(kest, fake, tmp_path, words):
+    fake.serve(MODEL)
+    fake.on("Ping", {}).on("JoinGroup", lambda request: Several([{}, Raw(b'{"method":"Event","params":{"Id":5}}\n')]))
+    (tmp_path / "script").write_text("echo one\nget Device.A\necho two\n")
+    (tmp_path / "lua").write_text("print(1) io.write('x'):flush() print(2)")
+    with open("/dev/full", "w") as full:
+        run = kest(*words, to=fake, stdin="pwd\npwd\n", stdout=full.fileno())
+    assert run.err == FULL
+    assert run.status not in (0, None)
+
+
+def test_a_reader_that_is_gone_is_a_failure_where_sigpipe_is_ignored(kest, fake):
+    fake.serve(MODEL)
+    reader, writer = os.pipe()
+    os.close(reader)
+    run = kest("-r", "get", "Device.A", to=fake, stdout=writer, ignored=[signal.SIGPIPE])
+    os.close(writer)
+    assert (run.err, run.status) == ("kest: the output cannot be written: Broken pipe\n", 1)
+
+
+# What a line means does not depend on the link
+
+
+@pytest.mark.parametrize("config, typed, value", [("", '"b"', "b"), ("login me -p pw\n", "b", "b"), ("login me -p pw\n", '"b"', '"b"')])
+def test_a_reconnect_changes_nothing_about_what_a_line_means(kest, fake, tmp_path, config, typed, value):
+    scheme = fake.serve({"Device.": {}, "Device.Name": "a"})
+    fake.on("Login", {}).on("SetParameterValues", {"Status": 0})
+    fake.on("GetParameterValues", [Close(), scheme.GetParameterValues])
+    (tmp_path / "config").write_text(config)
+    line = f"set Device.Name={typed}\n"
+    (tmp_path / "script").write_text(line + "get Device.Name\n" + line)
+    run = kest("-c", "config", "-s", "script", to=fake)
+    assert (run.out.count("Status: OK\n"), run.status) == (2, 0)
+    first, second = fake.params("SetParameterValues")
+    assert first == second == {"ParameterList": [{"Name": "Device.Name", "Value": value}]}
+
+
+def test_a_reconnect_completes_no_path(kest, fake, tmp_path):
+    scheme = fake.serve({"Device.": {}, "Device.Name": "a"})
+    fake.on("GetParameterValues", [scheme.GetParameterValues, Close(), scheme.GetParameterValues])
+    (tmp_path / "script").write_text("get Device\n" * 3)
+    kest("-s", "script", to=fake)
+    asked = [request["ParameterNames"] for request in fake.params("GetParameterValues")]
+    assert asked == [["Device"]] * 4

@@ -196,6 +196,12 @@ void ve_jrpcapi_set_timeout(ve_jrpcapi *ctx, int timeout_ms)
     ctx->timeout_ms = timeout_ms;
 }
 
+void ve_jrpcapi_tell_slow(ve_jrpcapi *ctx, int after_ms, void (*tell)())
+{
+    ctx->slow_ms = after_ms;
+    ctx->tell_slow = tell;
+}
+
 void ve_jrpcapi_note(ve_jrpcapi *ctx, int error)
 {
     (ctx->receiver == pthread_self() ? ctx->receive_error : ctx->send_error) = error;
@@ -246,6 +252,7 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
         return fail(ctx, message, ve_socket_err_closed);
     if (enqueue(ctx, message) < 0)
         return -1;
+    int64_t slow = ve_wait_deadline(ctx->slow_ms);
     int flushed = ve_link_flush(ctx);
     for (bool first = true;; first = false) {
         // An answer counts even when the link went right behind it.
@@ -266,7 +273,13 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
         }
         pollfd fd{
             .fd = ctx->socket.fd, .events = static_cast<short>(flushed == 0 ? POLLIN | POLLOUT : POLLIN), .revents = 0};
-        const int ready = ve_wait_poll(&fd, 1, deadline);
+        const bool may_be_slow = slow >= 0 && (deadline < 0 || slow < deadline);
+        const int ready = ve_wait_poll(&fd, 1, may_be_slow ? slow : deadline);
+        if (ready == 0 && may_be_slow) {
+            slow = -1;
+            ctx->tell_slow();
+            continue;
+        }
         if (ready <= 0)
             return fail(ctx, message, ready == 0 ? ve_socket_err_timeout : ve_socket_err_interrupted);
         if ((fd.revents & ~POLLOUT) != 0 && ve_link_fill(ctx) < 0)

@@ -32,6 +32,8 @@ struct ve_jrpcapi_queue {
 struct ve_jrpcapi {
     uint32_t flags = 0;
     int timeout_ms = 5000;
+    int slow_ms = -1; // after which a wait for an answer is told to `tell_slow`
+    void (*tell_slow)() = nullptr;
     std::string destination{ve_jrpcapi_default_socket};
     int64_t next_id = 1;
     int64_t reserved_id = 0; // never one of our own; 0 for none

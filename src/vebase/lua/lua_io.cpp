@@ -100,7 +100,7 @@ int lua_exit(lua_State *L)
     ve_out_flush();
     if (ve_lua_installed_hooks().leaving != nullptr)
         ve_lua_installed_hooks().leaving();
-    exit(status);
+    exit(ve_out_end_status(status));
 }
 
 /// Runs a command unless Ctrl-C was pressed before. Returns its status.
