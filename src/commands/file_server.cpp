@@ -150,13 +150,14 @@ bool file_transfer::accept_daemon()
         const int ready = ve_socket_wait(listener_.get(), 1, left < slice_ms ? static_cast<int>(left) : slice_ms);
         if (ready == 0)
             continue;
-        socket_owner peer(ready > 0 ? ve_socket_accept(listener_.get()) : nullptr);
+        sockaddr_storage from{};
+        socket_owner peer(ready > 0 ? ve_socket_accept(listener_.get(), &from) : nullptr);
         if (!peer) {
             say("accept() failed, abort.\n");
             return false;
         }
-        sockaddr_in from{};
-        if (ipv4(ve_socket_get_peer, peer.get(), &from) && from.sin_addr.s_addr == daemon_.s_addr) {
+        if (from.ss_family == AF_INET &&
+            reinterpret_cast<const sockaddr_in *>(&from)->sin_addr.s_addr == daemon_.s_addr) {
             listener_.reset();
             return take_peer(std::move(peer));
         }

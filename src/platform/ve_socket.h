@@ -36,8 +36,9 @@ int ve_socket_bind(ve_socket *socket, const sockaddr *address, socklen_t size);
 int ve_socket_listen(ve_socket *socket, int backlog);
 /// Waits until the socket is readable (`for_read` 1) or writable (0). Returns 1 ready, 0 time-out, negative error.
 int ve_socket_wait(ve_socket *socket, int for_read, int timeout_ms);
-/// The next connection as a new socket owned by the caller, or null.
-ve_socket *ve_socket_accept(ve_socket *listener);
+/// The next connection as a new socket owned by the caller, or null. `*from` receives where it came from, which a peer
+/// that has reset it meanwhile no longer tells.
+ve_socket *ve_socket_accept(ve_socket *listener, sockaddr_storage *from = nullptr);
 /// Sends all of `data`; short sends are continued. `stall_ms` bounds the time without progress (-1 none). Returns the
 /// number of bytes sent (fewer than `size` when the peer went away or stalled), or a negative number.
 ssize_t ve_socket_send(ve_socket *socket, const void *data, size_t size, int stall_ms);

@@ -5,6 +5,7 @@ import os
 import re
 import signal
 import socket
+import struct
 import subprocess
 import threading
 import time
@@ -399,6 +400,21 @@ def test_a_daemon_that_stops_in_the_middle_is_told(remote, kest, tmp_path):
     run = kest("-r", "download", "file", "f.bin", to=remote)
     last = run.lines[-1]
     assert last.startswith("send() failed (expected 30000000 bytes, transferred ") and last.endswith(" bytes), abort.")
+
+
+def test_a_connection_that_is_reset_is_a_failed_send(remote, kest, tmp_path):
+    with open(tmp_path / "f.bin", "wb") as file:
+        file.truncate(50_000_000)
+
+    def download(request):
+        link = connect(request.params["URL"])
+        link.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        link.close()
+        return {"Status": 0}
+
+    remote.on("Download", download)
+    run = kest("-r", "download", "file", "f.bin", to=remote)
+    assert re.search(r"^send\(\) failed \(expected 50000000 bytes, transferred \d+ bytes\), abort\.$", run.out, re.M)
 
 
 def test_strangers_are_turned_away_and_the_daemon_still_served(fake_start, kest, tmp_path):

@@ -110,16 +110,21 @@ int ve_socket_wait(ve_socket *socket, int for_read, int timeout_ms)
     return ready < 0 ? ve_socket_err_interrupted : ready;
 }
 
-ve_socket *ve_socket_accept(ve_socket *listener)
+ve_socket *ve_socket_accept(ve_socket *listener, sockaddr_storage *from)
 {
     if (listener == nullptr)
         return nullptr;
+    sockaddr_storage address;
     int fd;
-    do
-        fd = accept4(listener->fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    while (fd < 0 && (errno == EINTR || errno == ECONNABORTED));
+    do {
+        socklen_t size = sizeof address;
+        address = {};
+        fd = accept4(listener->fd, reinterpret_cast<sockaddr *>(&address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    } while (fd < 0 && (errno == EINTR || errno == ECONNABORTED));
     if (fd < 0)
         return nullptr;
+    if (from != nullptr)
+        *from = address;
     auto *made = new ve_socket;
     made->fd = fd;
     made->kind = listener->kind == ve_socket_unix ? ve_socket_unix : ve_socket_tcp;
