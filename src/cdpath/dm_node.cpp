@@ -175,6 +175,7 @@ void dm_node::become(dm_node &&content, dm_known now)
     pattern = std::move(content.pattern);
     strangers = std::move(content.strangers);
     known = now;
+    denied.reset();
 }
 
 void dm_node::change_instances(const instance_ranges &changes)

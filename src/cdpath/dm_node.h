@@ -85,6 +85,7 @@ struct dm_node {
     /// Of a table: instances that somebody looked at though the daemon never told of them.
     std::map<std::string, std::shared_ptr<dm_node>, std::less<>> strangers;
     dm_known known = dm_known::unknown;
+    std::shared_ptr<const std::string> denied; ///< the daemon's words when it denied this user the node, else null
 
     dm_type type() const { return attributes ? attributes->type : dm_type::object; }
     bool is_object() const { return type() == dm_type::object; }

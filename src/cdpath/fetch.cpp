@@ -26,6 +26,8 @@ public:
     bool ask() { return msg_exec(message_.get(), -1) >= 0; }
     ve_parameters list() const { return ve_jrpcmsg_parameters(message_.get()); }
     bool refused() const { return code() == request_denied || code() == invalid_name; }
+    bool denied() const { return code() == request_denied; }
+    const char *words() const { return ve_jrpcmsg_error_message(message_.get()); }
     bool failed() const { return code() != 0 && !refused(); }
 
 private:
@@ -88,5 +90,7 @@ int cdpath_fetch(cdpath *place)
     if (place->node == nullptr)
         place->node = std::make_shared<dm_node>();
     place->node->become(builder.take(), level.refused() ? dm_known::refused : dm_known::known);
+    if (level.denied())
+        place->node->denied = std::make_shared<const std::string>(level.words());
     return 0;
 }

@@ -9,6 +9,7 @@
 #include "event/request.h"
 #include "platform/ve_colors.h"
 #include "platform/ve_out.h"
+#include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 #include "utils/colorscheme.h"
 #include "utils/json_util.h"
@@ -112,23 +113,37 @@ std::vector<row> make_rows(ve_parameters list, const dm_path &path)
     return rows;
 }
 
-int width_of(const std::vector<row> &rows, std::string row::*column, size_t least)
+size_t width_of(const std::vector<row> &rows, std::string row::*column, size_t least)
 {
     for (const row &each : rows)
-        least = std::max(least, (each.*column).size());
-    return static_cast<int>(least) + 1;
+        least = std::max(least, ve_rl_width(each.*column));
+    return least + 1;
+}
+
+/// `text` and blanks up to the next column.
+void print_column(const std::string &text, size_t width)
+{
+    ve_out_write(text.data(), text.size());
+    const std::string blanks(width - ve_rl_width(text) + 1, ' ');
+    ve_out_write(blanks.data(), blanks.size());
 }
 
 void print_rows(const std::vector<row> &rows)
 {
-    const int type = width_of(rows, &row::type, 4);
-    const int access = width_of(rows, &row::access, 6);
-    const int perms = width_of(rows, &row::perms, 5);
-    const int flags = width_of(rows, &row::flags, 5);
-    ve_printf("%-*s %-*s %-*s %-*s %s\n", type, "Type", access, "Access", perms, "Perms", flags, "Flags", "Name");
+    const size_t type = width_of(rows, &row::type, 4);
+    const size_t access = width_of(rows, &row::access, 6);
+    const size_t perms = width_of(rows, &row::perms, 5);
+    const size_t flags = width_of(rows, &row::flags, 5);
+    const auto print_columns = [&](const row &each) {
+        print_column(each.type, type);
+        print_column(each.access, access);
+        print_column(each.perms, perms);
+        print_column(each.flags, flags);
+    };
+    print_columns({"Type", "Access", "Perms", "Flags", {}});
+    ve_puts("Name");
     for (const row &each : rows) {
-        ve_printf("%-*s %-*s %-*s %-*s ", type, each.type.c_str(), access, each.access.c_str(), perms,
-                  each.perms.c_str(), flags, each.flags.c_str());
+        print_columns(each);
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
         ve_puts(ve_visible(each.name).c_str());
         ve_colors_reset();

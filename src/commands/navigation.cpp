@@ -9,6 +9,7 @@
 #include "commands/handler.h"
 #include "commands/listing.h"
 #include "commands/place.h"
+#include "commands/values.h"
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
@@ -19,7 +20,11 @@
 namespace
 {
 
-enum ls_options : unsigned { ls_long = 1, ls_all = 2 };
+enum ls_options : unsigned {
+    ls_long = 1,
+    ls_all = 2,
+    ls_alone = 4, ///< nothing else is listed
+};
 
 /// A new array of the one text.
 json_t *list_of(const char *text)
@@ -55,6 +60,8 @@ int ls_repack_list(const char *name, const char *path_text, unsigned options)
     }
     json_ref names(short_list(&place, path_text, (options & ls_all) != 0));
     ve_rl_show_list(names.get());
+    if ((options & ls_alone) != 0 && place.node != nullptr && place.node->denied)
+        print_denied(*place.node->denied);
     return 0;
 }
 
@@ -161,7 +168,7 @@ int process_ls(const char *name, command_args args)
             options |= ls_all;
     }
     if (paths.size() < 2)
-        return ls_repack_list(name, paths.empty() ? nullptr : paths[0], options);
+        return ls_repack_list(name, paths.empty() ? nullptr : paths[0], options | ls_alone);
     for (const char *path : paths) {
         ve_printf("%s:\n", path);
         ls_repack_list(name, path, options);

@@ -12,12 +12,15 @@
 #include "event/request.h"
 #include "platform/ve_colors.h"
 #include "platform/ve_out.h"
+#include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 #include "utils/colorscheme.h"
 #include "utils/json_util.h"
 
 namespace
 {
+
+constexpr int request_denied = 9001;
 
 /// The name that the daemon is asked for: an object with its final dot, what belongs to a table itself without.
 std::string query_name(const cdpath &place)
@@ -43,7 +46,7 @@ void print_list(const ve_parameters &list, const std::string &query)
     ve_wait_loop loop;
     for (ve_parameters names = list; names.next(&entry) && !loop.interrupted();) {
         if (entry.name)
-            width = std::max(width, name_below(*entry.name, query).size());
+            width = std::max(width, ve_rl_width(name_below(*entry.name, query)));
     }
     std::string text;
     for (ve_parameters entries = list; entries.next(&entry) && !loop.interrupted();) {
@@ -54,7 +57,8 @@ void print_list(const ve_parameters &list, const std::string &query)
             text = dm_path::last_of(query);
         const std::string shown = ve_visible(text);
         ve_out_write(shown.data(), shown.size());
-        text.assign(width > shown.size() ? width - shown.size() : 0, ' ').append(" = ");
+        const size_t taken = ve_rl_width(text);
+        text.assign(width > taken ? width - taken : 0, ' ').append(" = ");
         ve_out_write(text.data(), text.size());
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
         text.clear();
@@ -127,7 +131,20 @@ json_t *typed_value(const char *name, const char *path, const char *text, std::s
     return value;
 }
 
+void print_error(int code, const char *title, const char *text)
+{
+    ve_colors_set(1);
+    ve_printf("[%d] %s", code, ve_visible(title).c_str());
+    ve_colors_reset();
+    ve_printf(": %s\n", ve_visible(text).c_str());
+}
+
 } // namespace
+
+void print_denied(const std::string &words)
+{
+    print_error(request_denied, "Request denied", words.c_str());
+}
 
 void print_status(const ve_jrpcmsg *message)
 {
@@ -140,10 +157,7 @@ void print_status(const ve_jrpcmsg *message)
         ve_out_flush();
         return;
     }
-    ve_colors_set(1);
-    ve_printf("[%d] %s", code, ve_visible(ve_jrpcmsg_error_title(message)).c_str());
-    ve_colors_reset();
-    ve_printf(": %s\n", ve_visible(ve_jrpcmsg_error_message(message)).c_str());
+    print_error(code, ve_jrpcmsg_error_title(message), ve_jrpcmsg_error_message(message));
     json_t *data = ve_jrpcmsg_error_data(message);
     const char *key;
     json_t *value;

@@ -3,6 +3,8 @@
 // ve_rl_draw_circle_progress.
 #pragma once
 
+#include <string_view>
+
 #include <jansson.h>
 
 #include "platform/ve_colors.h"
@@ -64,6 +66,8 @@ void ve_rl_write_control_char(int fd, unsigned code);
 /// Prints an array of names in columns of the terminal's width; one a line when the output is no terminal.
 void ve_rl_show_list(const json_t *names);
 
+/// Columns that ve_visible(text) takes on a terminal, for texts without line feeds and tabs.
+size_t ve_rl_width(std::string_view text);
 /// Draws or redraws `label`, a percentage (clamped to 0 to 100) and a bar in the terminal's width. On an output that is
 /// no terminal: one line each ten percent. A bar at 100 stays; the caller ends its line.
 void ve_rl_draw_progressbar(int percent, const char *label);

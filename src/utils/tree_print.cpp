@@ -8,6 +8,7 @@
 
 #include "platform/ve_colors.h"
 #include "platform/ve_out.h"
+#include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 #include "utils/colorscheme.h"
 #include "utils/json_util.h"
@@ -93,7 +94,7 @@ drawn_tree::level drawn_tree::level_of(node of) const
     bool nested = false;
     for (node each = nodes_[of].first_child; each != root; each = nodes_[each].next) {
         result.children.emplace_back(multi ? atoi(&names_[nodes_[each].name]) : 0, each);
-        result.name_width = std::max<size_t>(result.name_width, nodes_[each].name_size);
+        result.name_width = std::max(result.name_width, ve_rl_width(name(each)));
         nested = nested || nodes_[each].first_child != root;
     }
     if (nested)
@@ -109,7 +110,8 @@ void drawn_tree::draw_line(std::string *row, node of, size_t name_width) const
     const item &drawn = nodes_[of];
     row->append(ve_visible(&names_[drawn.name]));
     if (drawn.value) {
-        row->append(name_width > drawn.name_size ? name_width - drawn.name_size : 0, ' ').append(" = ");
+        const size_t taken = ve_rl_width(name(of));
+        row->append(name_width > taken ? name_width - taken : 0, ' ').append(" = ");
         ve_out_write(row->data(), row->size());
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
         row->clear();

@@ -279,8 +279,8 @@ def test_nothing_from_the_daemon_hides_or_turns_a_line_around_on_a_terminal(shel
     fake.serve({"Device.": {}, "Device.a\u202eb": "\u200bc\u2066", "Device.d": {"type": "string", "default": ["\ufeff"], "value": ""}})
     refuse_logins(fake)
     term = shell(to=fake)
-    assert term.run("cat Device") == [r'a\u202eb = "\u200bc\u2066"', 'd     = ""']
-    assert term.run("catree Device") == ["Device.", r'├── a\u202eb = "\u200bc\u2066"', '└── d     = ""']
+    assert term.run("cat Device") == [r'a\u202eb = "\u200bc\u2066"', 'd        = ""']
+    assert term.run("catree Device") == ["Device.", r'├── a\u202eb = "\u200bc\u2066"', '└── d        = ""']
     assert term.run("ls Device") == [r"Device.a\u202eb  Device.d"]
     assert term.run("attr Device.d")[3:] == ["Default:            [", r'    "\ufeff"', "]"]
     fake.on("GetParameterValues", Error(9001, "a\u202eb", {"c\u200f": "\u061c"}))
@@ -327,3 +327,31 @@ def test_a_long_listing_is_stopped_by_ctrl_c(shell, fake):
     term.type("\x03")
     term.wait_prompt()
     assert term.run("pwd") == [":"]
+
+
+# Columns are the terminal's, not bytes
+
+WIDE = {"Device.": {}, "Device.Grün": 1, "Device.漢字": 2, "Device.Plain": 3}
+
+
+@pytest.mark.parametrize("command, rows", [
+    ("cat Device", ["Grün  = 1", "漢字  = 2", "Plain = 3"]),
+    ("catree Device", ["Device.", "├── Grün  = 1", "├── Plain = 3", "└── 漢字  = 2"]),
+])
+def test_values_stand_below_each_other(kest, fake, command, rows):
+    fake.serve(WIDE)
+    refuse_logins(fake)
+    assert typed(kest, fake, command).splitlines() == rows
+
+
+def test_a_long_list_stands_below_each_other(kest, fake):
+    fake.serve({"Device.": {}, "Device.A": {"type": "größe", "default": 1}, "Device.B": {"type": "string", "default": ""}})
+    refuse_logins(fake)
+    header, first, second = typed(kest, fake, "ls -l Device").splitlines()
+    assert header.index("Access") == first.index("RO") == second.index("RO") == len("string ") + 1
+
+
+def test_a_denied_object_says_why(kest, veld):
+    for command in ("ls Device.Users", "cat Device.Users", "catree Device.Users"):
+        assert typed(kest, veld, "logout", command) == (
+            "[9001] Request denied: Device.Users. may not be read by this user: not logged in\n")

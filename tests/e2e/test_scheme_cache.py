@@ -152,7 +152,8 @@ def test_what_is_refused_keeps_its_attributes(plain, code):
     plain.fake.on("GetParameterAttributes", lambda request: Error(code, "no") if request.params["ParameterNames"] == ["Device.Time."]
                   else plain.scheme.GetParameterAttributes(request))
     for _ in range(2):
-        assert plain.run("ls Device.Time") == []
+        assert plain.run("ls Device.Time") == (["[9001] Request denied: no"] if code == 9001 else [])
+    assert plain.run("ls Device.Time Device.Time") == ["Device.Time:", "", "Device.Time:", ""]
     assert [params["ParameterNames"] for _, params in plain.asked()] == [["Device."], ["Device.Time."]]
     assert plain.run("attr Device.Time") == ["Canonical path:     :Device.Time", "Type:               object",
                                              "Access:             Denied", "Runtime:            true"]

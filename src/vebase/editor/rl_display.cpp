@@ -42,6 +42,15 @@ void ve_rl_show_list(const json_t *names)
     ve_out_write(out.data(), out.size());
 }
 
+size_t ve_rl_width(std::string_view text)
+{
+    const auto is_plain = [](char byte) { return byte >= ' ' && byte <= '~'; };
+    if (std::all_of(text.begin(), text.end(), is_plain))
+        return text.size();
+    rl_set_locale();
+    return rl_width(ve_visible(text));
+}
+
 namespace
 {
 
