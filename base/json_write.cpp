@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "base/utf8.h"
+
 namespace
 {
 
@@ -11,9 +13,12 @@ int append_chunk(const char *data, size_t size, void *out)
     return 0;
 }
 
+/// What stands for a byte that is part of no character.
+constexpr char32_t replacement = 0xfffd;
+
 bool plain(unsigned char byte)
 {
-    return byte >= 0x20 && byte != '"' && byte != '\\';
+    return byte >= 0x20 && byte != '"' && byte != '\\' && byte < 0x80;
 }
 
 void escaped(std::string *out, unsigned char byte)
@@ -57,8 +62,17 @@ void json_write_string(std::string *out, std::string_view text)
         const auto byte = static_cast<unsigned char>(text[i]);
         if (plain(byte))
             continue;
+        if (byte >= 0x80) {
+            if (const utf8_step step = utf8_first(text.substr(i)); step.well_formed) {
+                i += step.size - 1;
+                continue;
+            }
+        }
         out->append(text, start, i - start);
-        escaped(out, byte);
+        if (byte < 0x80)
+            escaped(out, byte);
+        else
+            utf8_append(out, replacement);
         start = i + 1;
     }
     out->append(text, start, text.size() - start);

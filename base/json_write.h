@@ -7,7 +7,8 @@
 #include <string>
 #include <string_view>
 
-/// Appends `text` (UTF-8, may hold NUL) as a JSON string with its quotes.
+/// Appends `text` (UTF-8, may hold NUL) as a JSON string with its quotes. A byte that is part of no character becomes
+/// U+FFFD, so that what is written is well-formed always.
 void json_write_string(std::string *out, std::string_view text);
 
 void json_write_integer(std::string *out, int64_t number);

@@ -32,4 +32,12 @@ TEST(JsonWrite, ATextWrittenDirectlyReadsBackAsItWas)
     EXPECT_EQ(json_integer_value(json_array_get(read.get(), 1)), INT64_MIN);
 }
 
+TEST(JsonWrite, WhatIsWrittenIsWellFormedAlways)
+{
+    std::string text;
+    json_write_string(&text, "a\xe9z \xc3\xa9 \xf0\x9f\x98 \xed\xa0\x80");
+    EXPECT_EQ(text,
+              "\"a\xef\xbf\xbdz \xc3\xa9 \xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd \xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\"");
+}
+
 } // namespace
