@@ -56,8 +56,10 @@ bool read_all(int fd, size_t limit, std::string *content)
 bool replace_file(const std::string &path, std::string_view content, const file_replacement &how)
 {
     const std::string fresh = path + (how.suffix != nullptr ? how.suffix : "." + random_hex(8));
-    const int if_there = how.suffix != nullptr ? O_TRUNC : O_EXCL;
-    fd_owner file{open(fresh.c_str(), O_WRONLY | O_CREAT | if_there | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC,
+    // What a writer that was killed left there goes, whatever it is: a FIFO would be waited for.
+    if (how.suffix != nullptr)
+        unlink(fresh.c_str());
+    fd_owner file{open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC,
                        how.mode ? *how.mode & 0600 : 0666)};
     if (!file)
         return false;

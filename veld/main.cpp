@@ -9,6 +9,7 @@
 #include "veld/rpc/service.h"
 #include "veld/server/doors.h"
 #include "veld/server/tls.h"
+#include "veld/server/worker.h"
 #include "veld/state/workspace.h"
 
 #include <cerrno>
@@ -75,10 +76,9 @@ int main(int argc, char **argv)
         return import_run(wanted.import.c_str(), wanted.model, wanted.output.empty() ? nullptr : wanted.output.c_str());
     if (!wanted.image_version.empty())
         return image_make(wanted.image_version, wanted.image_payload, wanted.output);
-    if (!wanted.log.empty() && !log_open(wanted.log.c_str()))
-        return failed(wanted.log + ": " + strerror(errno));
-
     std::string error;
+    if (!wanted.log.empty() && !log_open(wanted.log, &error))
+        return failed(error);
     const std::string name = wanted.model.empty() ? "gateway" : wanted.model;
     json_ref document = document_read(name, &error);
     if (!document)
@@ -106,14 +106,18 @@ int main(int argc, char **argv)
     workspace folders;
     if (!folders.open(store.directory(), wanted.files, &error))
         return failed(error);
-    device machine(events, *model, store, wanted.reboot_ms);
-    flasher flash(events, *model, machine, store, wanted.flash_ms);
+    worker disk(events, worker::at_end::finish);
+    device machine(events, *model, store, disk, wanted.reboot_ms);
+    flasher flash(events, *model, machine, wanted.flash_ms);
     model->on_reset([&] {
         if (wanted.populate > 0)
             populate(model.get(), wanted.populate, wanted.populate_nested);
         flash.restore_version();
     });
-    machine.start();
+    // What is there and cannot be read is no reason for a fresh device, which lets in whoever knows the usual
+    // passwords.
+    if (!flash.start(store, &error) || !machine.start(&error))
+        return failed(error);
     downloads fetching(events, machine, flash, folders, {wanted.download_limit, wanted.download_stall_ms});
     service served(events, *model, machine, fetching);
     doors entrances(events, [&](arrival who) {
@@ -121,12 +125,18 @@ int main(int argc, char **argv)
         if (link)
             served.welcome(std::move(who), std::move(link));
     });
+    int status = EXIT_SUCCESS;
     machine.connect({[&](const char *action) { served.announce(action); },
                      [&] {
                          entrances.close();
                          served.part_with_all();
                      },
-                     [&] { entrances.reopen(); }});
+                     [&] { entrances.reopen(); }, [&](node *before) { served.replaced(before); },
+                     [&](const std::string &why) {
+                         LOG_ERROR("cannot come up again: %s", why.c_str());
+                         status = EXIT_FAILURE;
+                         events.stop();
+                     }});
     for (const std::string &address : wanted.sockets)
         entrances.add(address);
     for (const std::string &address : wanted.listen)
@@ -139,7 +149,8 @@ int main(int argc, char **argv)
             printf("listening on %s\n", one->address().c_str());
     }
     fflush(stdout);
+    log_serving();
     events.run();
     LOG_INFO("ends");
-    return EXIT_SUCCESS;
+    return status;
 }

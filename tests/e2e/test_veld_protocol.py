@@ -436,8 +436,9 @@ def test_a_password_is_kept_as_a_salted_hash_and_lets_in(root, small):
     user = "Device.Users.User.4."
     fields = {"Username": "eve", "Password": "pässword", "Enable": True}
     root.call("SetParameterValues", ParameterList=[{"Name": user + k, "Value": v} for k, v in fields.items()])
-    kept = root.call("GetParameterValues", ParameterNames=[user + "Password"])["ParameterList"][0]["Value"]
-    assert kept.startswith("$6$") and "pässword" not in kept
+    # Not even an administrator reads what it was turned into.
+    assert root.call("GetParameterValues", ParameterNames=[user + "Password"])["ParameterList"][0]["Value"] == ""
+    assert root.call("SaveConfig") == {"Status": 0}
     assert small.connect().call("Login", User="eve", Password="pässword") == {}
     assert refused(small.connect(), "Login", User="eve", Password="password").code == 9001
 

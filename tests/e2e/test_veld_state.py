@@ -1,6 +1,9 @@
 """What a device keeps: over a reboot, over a restart, over a kill."""
 
 import json
+import os
+import stat
+import subprocess
 import time
 from pathlib import Path
 
@@ -126,23 +129,76 @@ def test_a_reboot_is_announced_and_takes_its_time(small):
         small.connect().call("SaveConfig")
 
 
-def test_a_damaged_state_is_set_aside(small, state):
+@pytest.mark.parametrize("name", ["config.json", "firmware.json"])
+@pytest.mark.parametrize(
+    "damaged, why",
+    [
+        (b"{", "line 1: "),
+        (b"", "line 1: "),
+        (b"\xff\xfe", "line 1: "),
+        (b"[]", ""),
+        (b'{"veld-config":1,"config":{"Device":{"Host":{"instances":{"0":{}}}}}}', ""),
+    ],
+)
+def test_a_state_that_is_not_understood_stops_the_start_and_stays(small, state, name, damaged, why):
+    small.stop()
+    (state / name).write_bytes(damaged)
+    status, said = refused_start(small)
+    assert status == 1
+    assert said.startswith(f"veld: {state / name}: {why}") and said.count("\n") == 1
+    assert (state / name).read_bytes() == damaged
+    assert {path.name for path in state.iterdir()} <= {name, "files", "spool"}
+
+
+def refused_start(veld):
+    """The exit status of a start that comes to nothing, and what it says."""
+    run = subprocess.run(veld.argv, capture_output=True, text=True, timeout=settings.DEADLINE)
+    return run.returncode, run.stderr
+
+
+@pytest.mark.parametrize("name", ["config.json", "firmware.json"])
+def test_what_is_no_file_is_refused_as_a_state_and_not_waited_for(small, state, name):
+    small.stop()
+    os.mkfifo(state / name)
+    assert refused_start(small) == (1, f"veld: {state / name}: not a regular file\n")
+    assert stat.S_ISFIFO(os.stat(state / name).st_mode)
+
+
+def test_a_state_of_somebody_else_is_left_alone(small, state):
     peer = root(small)
     set_values(peer, Name="mine")
     peer.call("SaveConfig")
-    saved = state / "config.json"
-    whole = saved.read_bytes()
-    for number, damaged in enumerate(
-        [whole[: len(whole) // 2], b"", b"\xff\xfe", b"[]", b'{"veld-config":1,"config":{"Device":{"Host":{"instances":{"0":{}}}}}}'],
-        start=1,
-    ):
-        small.stop()
-        saved.write_bytes(damaged)
-        small.start()
-        assert values(root(small), "Device.Name") == {"Device.Name": "box"}
-        aside = state / f"config.json.damaged-{number}"
-        assert aside.read_bytes() == damaged and not saved.exists()
-        assert str(aside) in small.log
+    small.stop()
+    whole = (state / "config.json").read_bytes()
+    state.chmod(0o755)
+    for folder in [state, *state.parents]:
+        if folder.stat().st_uid == os.getuid() and folder != Path("/"):
+            folder.chmod(folder.stat().st_mode | 0o011)
+    if os.getuid() != 0:
+        (state / "config.json").chmod(0)
+        status, said = refused_start(small)
+    else:
+        run = subprocess.run(
+            ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", settings.VELD, "--listen", "tcp://127.0.0.1:0", "--model", SMALL, "--state", state],
+            capture_output=True, text=True, timeout=settings.DEADLINE,
+        )  # fmt: skip
+        status, said = run.returncode, run.stderr
+    assert (status, said) == (1, f"veld: {state}/config.json: Permission denied\n")
+    if os.getuid() == 0:
+        assert (state / "config.json").read_bytes() == whole
+
+
+def test_a_device_does_not_come_up_again_on_a_state_that_is_not_understood(small, state):
+    peer = root(small)
+    peer.call("SaveConfig")
+    (state / "config.json").write_bytes(b"{")
+    peer.call("Reboot", Force=True)
+    assert small.process.wait(settings.DEADLINE) == 1
+    small.wanted_end = True
+    assert f"{state}/config.json: line 1" in small.log
+    assert (state / "config.json").read_bytes() == b"{"
+    (state / "config.json").unlink()
+    small.start()
 
 
 def test_a_state_of_an_older_model_keeps_what_still_fits(small, state):
@@ -186,8 +242,6 @@ def test_killed_while_saving_the_state_is_the_old_or_the_new_one(small, state):
 
 
 def test_two_daemons_do_not_share_a_state(small, state, tmp_path):
-    import subprocess
-
     run = subprocess.run(
         [settings.VELD, "--socket", Path(tmp_path) / "other", "--model", SMALL, "--state", state],
         capture_output=True,

@@ -81,21 +81,78 @@ TEST(VeldLoginGuard, EachFailureMakesTheNextWaitLonger)
 {
     login_guard guard;
     int64_t now = 1000;
-    EXPECT_EQ(guard.earliest("eve", "uid 5", now), now);
     int64_t last = 0;
     for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(guard.admit("eve", "uid 5", now), now);
         const int64_t delay = guard.failed("eve", "uid 5", now);
         EXPECT_GT(delay, last);
-        EXPECT_EQ(guard.earliest("eve", "uid 5", now), now + delay);
-        now += delay;
+        EXPECT_EQ(guard.admit("eve", "uid 5", now), now + delay);
+        guard.failed("eve", "uid 5", now);
+        now += 2 * delay;
         last = delay;
+        if (last == 4000)
+            break;
     }
-    EXPECT_EQ(guard.failed("eve", "uid 5", now), last);
+    EXPECT_EQ(last, 4000);
     // Trying another name does not help, being somebody else does.
-    EXPECT_GT(guard.earliest("adam", "uid 5", now), now);
-    EXPECT_EQ(guard.earliest("eve", "uid 6", now), now);
-    guard.succeeded("eve", "uid 5");
-    EXPECT_EQ(guard.earliest("eve", "uid 5", now), now);
+    guard.failed("eve", "uid 5", now);
+    EXPECT_GT(guard.admit("adam", "uid 5", now), now);
+    EXPECT_EQ(guard.admit("eve", "uid 6", now), now);
+}
+
+TEST(VeldLoginGuard, TheOwnerWaitsAFewSecondsAtMostWhateverOthersDo)
+{
+    login_guard guard;
+    for (int i = 0; i < 200; ++i)
+        guard.admit("eve", "uid 5", 1000);
+    for (int i = 0; i < 200; ++i)
+        guard.failed("eve", "uid 5", 1000 + i);
+    EXPECT_LE(guard.admit("eve", "uid 5", 1300), 1300 + 4000);
+    EXPECT_LE(guard.admit("eve", "uid 6", 1300), 1300 + 4000);
+}
+
+TEST(VeldLoginGuard, AttemptsAtOnceWaitOneBehindTheOther)
+{
+    login_guard guard;
+    int at_once = 0;
+    for (int i = 0; i < 50; ++i)
+        at_once += guard.admit("eve", "uid 5", 1000) == 1000 ? 1 : 0;
+    EXPECT_LE(at_once, 6);
+}
+
+TEST(VeldLoginGuard, AnAccountIsGuardedOverAllAddresses)
+{
+    login_guard guard;
+    for (int i = 0; i < 40; ++i)
+        guard.failed("eve", "192.0.2." + std::to_string(i), 1000);
+    EXPECT_GT(guard.admit("eve", "192.0.2.200", 1000), 1000);
+    EXPECT_EQ(guard.admit("adam", "192.0.2.200", 1000), 1000);
+}
+
+TEST(VeldLoginGuard, OnesOwnSuccessForgetsNoFailuresOfOthers)
+{
+    login_guard guard;
+    int64_t longest = 0;
+    for (int i = 0; i < 8; ++i) {
+        longest = std::max(longest, guard.failed("admin", "uid 5", 1000));
+        guard.admit("eve", "uid 5", 1000);
+        guard.succeeded("eve", "uid 5");
+    }
+    EXPECT_EQ(longest, 4000);
+    EXPECT_EQ(guard.admit("admin", "uid 5", 1000), 5000);
+    EXPECT_EQ(guard.admit("eve", "uid 5", 1000), 5000);
+    guard.succeeded("admin", "uid 5");
+    EXPECT_EQ(guard.admit("admin", "uid 6", 1000), 1000);
+}
+
+TEST(VeldLoginGuard, ManyNamesPushNoRecordOut)
+{
+    login_guard guard;
+    for (int i = 0; i < 6; ++i)
+        guard.failed("admin", "uid 5", 1000);
+    for (int i = 0; i < 10000; ++i)
+        guard.failed("n" + std::to_string(i), "uid 5", 1001);
+    EXPECT_GT(guard.admit("admin", "uid 5", 1002), 1002);
 }
 
 TEST(VeldLoginGuard, FailuresAreForgottenInTime)

@@ -3,6 +3,8 @@
 #include "veld/base/log.h"
 #include "veld/state/configuration.h"
 
+#include <memory>
+
 namespace veld
 {
 
@@ -14,47 +16,94 @@ constexpr int64_t grace_ms = 1000;
 
 } // namespace
 
-void device::start()
+bool device::restore(const json_t *saved, std::string *error)
 {
-    const json_ref saved = store_.load(configuration_file);
-    std::string error;
-    if (!configuration_restore(&tree_, saved.get(), &error))
-        store_.set_aside(configuration_file, error);
+    std::string problem;
+    if (configuration_restore(&tree_, saved, &problem))
+        return true;
+    *error = store_.place(configuration_file) + ": " + problem;
+    return false;
 }
 
-fault device::save_configuration()
+bool device::start(std::string *error)
 {
-    std::string error;
-    if (store_.save(configuration_file, configuration_of(&tree_).get(), &error))
-        return {};
-    LOG_ERROR("the configuration cannot be saved: %s", error.c_str());
-    return {code::internal, "the configuration cannot be saved: " + error, ""};
+    json_ref saved;
+    return store_.load(configuration_file, &saved, error) && restore(saved.get(), error);
 }
 
-fault device::factory_reset()
+void device::save(const std::string &name, json_ref document, done_handler done)
 {
-    std::string error;
-    if (!store_.remove(configuration_file, &error)) {
-        LOG_ERROR("the saved configuration cannot be removed: %s", error.c_str());
-        return {code::internal, "the saved configuration cannot be removed: " + error, ""};
-    }
-    tree_.reset();
-    LOG_INFO("back in the factory state");
-    around_.announce("FactoryReset");
-    return {};
-}
-
-fault device::replace_configuration(const json_t *document)
-{
-    std::string error;
-    fault unsaved;
-    const auto save = [&] {
-        unsaved = save_configuration();
-        return !unsaved;
+    struct saving {
+        json_ref document;
+        std::string error;
+        bool saved = false;
     };
-    if (configuration_replace(&tree_, document, &error, save))
-        return {};
-    return unsaved ? unsaved : fault{code::bad_file, "the configuration " + error, ""};
+    // The store outlives the disk's thread, this device need not.
+    auto work = std::make_shared<saving>();
+    work->document = std::move(document);
+    disk_.run([&store = store_, work, name] { work->saved = store.save(name, work->document.get(), &work->error); },
+              [work, done = std::move(done)] {
+                  if (work->saved)
+                      return done({});
+                  LOG_ERROR("cannot be saved: %s", work->error.c_str());
+                  done({code::internal, "cannot be saved: " + work->error, ""});
+              });
+}
+
+void device::save_configuration(done_handler done)
+{
+    save(configuration_file, configuration_of(&tree_), [done = std::move(done)](fault problem) {
+        if (problem)
+            problem.message.insert(0, "the configuration ");
+        done(problem);
+    });
+}
+
+void device::factory_reset(done_handler done)
+{
+    struct removal {
+        std::string error;
+        bool removed = false;
+    };
+    auto work = std::make_shared<removal>();
+    disk_.run([&store = store_, work] { work->removed = store.remove(configuration_file, &work->error); },
+              [this, work, done = std::move(done)] {
+                  if (!work->removed) {
+                      LOG_ERROR("the saved configuration cannot be removed: %s", work->error.c_str());
+                      return done({code::internal, "the saved configuration cannot be removed: " + work->error, ""});
+                  }
+                  const tree::snapshot before = tree_.take();
+                  tree_.reset();
+                  LOG_INFO("back in the factory state");
+                  around_.announce("FactoryReset");
+                  around_.replaced(before.get());
+                  done({});
+              });
+}
+
+void device::replace_configuration(json_ref document, done_handler done)
+{
+    std::string error;
+    json_ref whole;
+    if (!up_)
+        return done({code::denied, "the device goes down", ""});
+    if (!configuration_check(&tree_, document.get(), &whole, &error))
+        return done({code::bad_file, "the configuration " + error, ""});
+    // The tree follows when the disk has it: what cannot be saved changes nothing.
+    const std::shared_ptr<json_ref> wanted = std::make_shared<json_ref>(std::move(document));
+    save(configuration_file, std::move(whole), [this, wanted, done = std::move(done)](fault problem) {
+        tree::snapshot before;
+        std::string why;
+        if (problem)
+            problem.message.insert(0, "the configuration ");
+        else if (!up_)
+            problem = {code::denied, "the device goes down", ""};
+        else if (!configuration_replace(&tree_, wanted->get(), &before, &why))
+            problem = {code::bad_file, "the configuration " + why, ""};
+        else
+            around_.replaced(before.get());
+        done(problem);
+    });
 }
 
 void device::reboot(const char *action, bool force)
@@ -89,10 +138,22 @@ void device::go_down()
 
 void device::come_up()
 {
-    start();
-    up_ = true;
-    LOG_INFO("is up again");
-    around_.came_up();
+    struct loading {
+        json_ref saved;
+        std::string error;
+        bool loaded = false;
+    };
+    auto work = std::make_shared<loading>();
+    disk_.run([&store = store_, work] { work->loaded = store.load(configuration_file, &work->saved, &work->error); },
+              [this, work] {
+                  if (!work->loaded || !restore(work->saved.get(), &work->error)) {
+                      around_.broke(work->error);
+                      return;
+                  }
+                  up_ = true;
+                  LOG_INFO("is up again");
+                  around_.came_up();
+              });
 }
 
 } // namespace veld

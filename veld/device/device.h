@@ -4,6 +4,7 @@
 #include "veld/model/fault.h"
 #include "veld/model/tree.h"
 #include "veld/server/loop.h"
+#include "veld/server/worker.h"
 #include "veld/state/store.h"
 
 #include <functional>
@@ -19,32 +20,44 @@ public:
         std::function<void(const char *action)> announce; ///< tell the clients: "Reboot", "FactoryReset", "Upgrade"
         std::function<void()> went_down;                  ///< part with every client
         std::function<void()> came_up;
+        /// The model's nodes are others now; `before` are those that were there until now.
+        std::function<void(node *before)> replaced;
+        /// The device cannot come up again, and why.
+        std::function<void(const std::string &why)> broke;
     };
+    using done_handler = std::function<void(const fault &)>;
 
-    device(loop &events, tree &model, state_store &store, int64_t reboot_ms)
-        : loop_(events), tree_(model), store_(store), reboot_ms_(reboot_ms)
+    /// `disk` does what waits for the disk, in the order in which it is asked to.
+    device(loop &events, tree &model, state_store &store, worker &disk, int64_t reboot_ms)
+        : loop_(events), tree_(model), store_(store), disk_(disk), reboot_ms_(reboot_ms)
     {
     }
     void connect(surroundings around) { around_ = std::move(around); }
 
-    /// Lays the saved configuration over the tree.
-    void start();
+    /// Lays the saved configuration over the tree. False when there is one that cannot be understood: the device must
+    /// not open, it would be a fresh one with everybody's passwords.
+    bool start(std::string *error);
 
-    fault save_configuration();
+    // Each calls `done` once, later, when the disk has it.
+    void save_configuration(done_handler done);
     /// Forgets what was saved and goes back to the factory state; the device stays up.
-    fault factory_reset();
+    void factory_reset(done_handler done);
     /// Replaces the configuration by a document from outside, and saves it.
-    fault replace_configuration(const json_t *document);
+    void replace_configuration(json_ref document, done_handler done);
+    /// Saves a document beside the configuration.
+    void save(const std::string &name, json_ref document, done_handler done);
     /// Says what is coming and goes down: at once, or after a moment in which clients hear of it.
     void reboot(const char *action, bool force);
 
 private:
     void go_down();
     void come_up();
+    bool restore(const json_t *saved, std::string *error);
 
     loop &loop_;
     tree &tree_;
     state_store &store_;
+    worker &disk_;
     int64_t reboot_ms_;
     surroundings around_;
     loop::timer_id grace_ = 0;

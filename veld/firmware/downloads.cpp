@@ -14,7 +14,8 @@ namespace
 {
 
 constexpr size_t transfers_at_once = 8;
-constexpr size_t transfers_of_one_client = 2;
+constexpr size_t transfers_of_users = 6; // the others are the owner's
+constexpr size_t transfers_of_one_user = 2;
 constexpr uint64_t configuration_limit = uint64_t{64} << 20;
 constexpr size_t name_limit = 200;
 constexpr const char *image_name = "firmware.image";
@@ -46,7 +47,8 @@ bool good_file_name(const std::string &name)
 } // namespace
 
 downloads::downloads(loop &events, device &machine, flasher &flash, workspace &folders, download_settings settings)
-    : loop_(events), device_(machine), flash_(flash), folders_(folders), settings_(settings)
+    : loop_(events), device_(machine), flash_(flash), folders_(folders), settings_(settings),
+      reader_(events, worker::at_end::abandon)
 {
     // An image from before a restart waits for nobody any more.
     if (!folders_.spool().empty())
@@ -109,7 +111,7 @@ void downloads::begin_flash()
     flash_.begin(header, [this] { drop_image(); });
 }
 
-void downloads::request(uint64_t client, const download_request &wanted, done_handler done)
+void downloads::request(const download_asker &asker, const download_request &wanted, done_handler done)
 {
     if (wanted.type != "Firmware" && wanted.type != "Config" && wanted.type != "File")
         return done(bad_argument("\"FileType\" must be \"Firmware\", \"Config\" or \"File\""), "");
@@ -120,11 +122,12 @@ void downloads::request(uint64_t client, const download_request &wanted, done_ha
     if (const fault problem = check(wanted, &url, &name))
         return done(problem, "");
     const auto own = std::count_if(transfers_.begin(), transfers_.end(),
-                                   [client](const auto &one) { return one.second.client == client; });
-    if (transfers_.size() >= transfers_at_once || static_cast<size_t>(own) >= transfers_of_one_client)
+                                   [&asker](const auto &one) { return one.second.asker.account == asker.account; });
+    if (transfers_.size() >= (asker.owner ? transfers_at_once : transfers_of_users) ||
+        static_cast<size_t>(own) >= transfers_of_one_user)
         return done({code::resources, "too many transfers are under way", ""}, "");
 
-    transfer fresh{client, wanted, std::make_unique<spool>(), nullptr, std::move(done)};
+    transfer fresh{asker, wanted, std::make_unique<spool>(), nullptr, std::move(done)};
     const bool is_file = wanted.type == "File";
     const uint64_t limit = wanted.type == "Config" ? std::min(configuration_limit, settings_.limit) : settings_.limit;
     std::string error;
@@ -133,8 +136,9 @@ void downloads::request(uint64_t client, const download_request &wanted, done_ha
     if (!fresh.file->create(is_file ? folders_.files() : folders_.spool(), limit))
         return fresh.done({code::internal, fresh.file->error(), ""}, "");
     const uint64_t id = next_++;
-    fresh.source = std::make_unique<fetch>(loop_, std::move(url), *fresh.file, settings_.stall_ms,
-                                           [this, id, name](const fault &problem) { arrived(id, problem, name); });
+    fresh.source =
+        std::make_unique<fetch>(loop_, std::move(url), *fresh.file, fetch_bounds{settings_.stall_ms, asker.uid},
+                                [this, id, name](const fault &problem) { arrived(id, problem, name); });
     fresh.source->start();
     LOG_INFO("fetches %s from %.200s", wanted.type.c_str(), wanted.url.c_str());
     transfers_.emplace(id, std::move(fresh));
@@ -143,39 +147,76 @@ void downloads::request(uint64_t client, const download_request &wanted, done_ha
 void downloads::arrived(uint64_t id, const fault &problem, const std::string &name)
 {
     const auto found = transfers_.find(id);
-    transfer ended = std::move(found->second);
+    const auto ended = std::make_shared<transfer>(std::move(found->second));
     transfers_.erase(found);
     std::string result;
-    const fault outcome = problem ? problem : finish(ended, name, &result);
+    fault outcome = problem ? problem : check_md5(*ended);
+    if (!outcome && ended->wanted.type == "Config")
+        return parse_configuration(ended);
+    if (!outcome)
+        outcome = finish(*ended, name, &result);
+    conclude(*ended, outcome, result);
+}
+
+void downloads::conclude(transfer &what, const fault &outcome, const std::string &result)
+{
     if (outcome)
         LOG_WARNING("a download fails: %s", outcome.message.c_str());
     // Nothing of it is left when the client hears of it.
-    ended.source.reset();
-    ended.file.reset();
-    ended.done(outcome, result);
+    what.source.reset();
+    what.file.reset();
+    what.done(outcome, result);
+}
+
+fault downloads::check_md5(transfer &what)
+{
+    const std::string md5 = what.file->md5();
+    if (what.wanted.md5.empty() || same_digits(md5, what.wanted.md5))
+        return {};
+    if (what.source->confidential())
+        return {code::bad_file, "the MD5 of what arrived is another", ""};
+    return {code::bad_file, "the MD5 of what arrived is " + md5, ""};
+}
+
+// A configuration may be large: it is read beside the loop.
+void downloads::parse_configuration(std::shared_ptr<transfer> what)
+{
+    struct parsing {
+        json_ref document;
+        int line = 0;
+    };
+    const auto work = std::make_shared<parsing>();
+    reader_.run(
+        [what, work] {
+            const std::string text = what->file->content();
+            json_error_t where{};
+            work->document.reset(json_loadb(text.data(), text.size(), JSON_ALLOW_NUL | JSON_REJECT_DUPLICATES, &where));
+            work->line = where.line;
+        },
+        [this, what, work] {
+            // What is said of a file that not everybody may read tells nothing of what is in it.
+            const bool confidential = what->source->confidential();
+            if (!work->document) {
+                const std::string line = confidential ? "" : ": line " + std::to_string(work->line);
+                return conclude(*what, {code::bad_file, "the configuration is not JSON" + line, ""}, "");
+            }
+            device_.replace_configuration(std::move(work->document), [this, what, confidential](fault problem) {
+                if (problem.code == code::bad_file && confidential)
+                    problem.message = "the configuration does not fit";
+                conclude(*what, problem, ok);
+            });
+        });
 }
 
 fault downloads::finish(transfer &what, const std::string &name, std::string *result)
 {
-    const std::string md5 = what.file->md5();
-    if (!what.wanted.md5.empty() && !same_digits(md5, what.wanted.md5))
-        return {code::bad_file, "the MD5 of what arrived is " + md5, ""};
     *result = ok;
     if (what.wanted.type == "Firmware")
         return finish_firmware(what, result);
-    if (what.wanted.type == "File") {
-        if (!what.file->keep_as(name))
-            return {code::transfer_failed, what.file->error(), ""};
-        LOG_INFO("stored %s (%llu bytes)", name.c_str(), static_cast<unsigned long long>(what.file->size()));
-        return {};
-    }
-    const std::string text = what.file->content();
-    json_error_t where{};
-    const json_ref document{json_loadb(text.data(), text.size(), JSON_ALLOW_NUL | JSON_REJECT_DUPLICATES, &where)};
-    if (!document)
-        return {code::bad_file, "the configuration is not JSON: line " + std::to_string(where.line) + ": " + where.text,
-                ""};
-    return device_.replace_configuration(document.get());
+    if (!what.file->keep_as(name))
+        return {code::transfer_failed, what.file->error(), ""};
+    LOG_INFO("stored %s (%llu bytes)", name.c_str(), static_cast<unsigned long long>(what.file->size()));
+    return {};
 }
 
 fault downloads::finish_firmware(transfer &what, std::string *result)
@@ -209,7 +250,7 @@ fault downloads::finish_firmware(transfer &what, std::string *result)
 
 void downloads::end(uint64_t client)
 {
-    std::erase_if(transfers_, [client](const auto &one) { return one.second.client == client; });
+    std::erase_if(transfers_, [client](const auto &one) { return one.second.asker.client == client; });
 }
 
 void downloads::end_all()

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -18,6 +19,14 @@ namespace veld
 struct download_settings {
     uint64_t limit;   ///< bytes of one transfer
     int64_t stall_ms; ///< how long a transfer may stand still
+};
+
+/// Who asks for a download.
+struct download_asker {
+    uint64_t client;
+    std::string account;      ///< whose limits count
+    bool owner;               ///< root, or the user that the daemon runs as
+    std::optional<uid_t> uid; ///< on this machine; nothing for somebody who comes over the network
 };
 
 /// A Download request; texts that were not given are empty.
@@ -38,7 +47,7 @@ public:
     ~downloads();
 
     /// Takes a request of a client; `done` is called once, perhaps much later, or never when the client goes first.
-    void request(uint64_t client, const download_request &wanted, done_handler done);
+    void request(const download_asker &asker, const download_request &wanted, done_handler done);
     /// Ends what is under way for a client that is gone.
     void end(uint64_t client);
     /// The device goes down.
@@ -46,7 +55,7 @@ public:
 
 private:
     struct transfer {
-        uint64_t client;
+        download_asker asker;
         download_request wanted;
         std::unique_ptr<spool> file;
         std::unique_ptr<fetch> source;
@@ -60,7 +69,10 @@ private:
 
     fault decide(const download_request &wanted);
     fault check(const download_request &wanted, source_url *url, std::string *name) const;
+    void parse_configuration(std::shared_ptr<transfer> what);
     void arrived(uint64_t id, const fault &problem, const std::string &name);
+    void conclude(transfer &what, const fault &outcome, const std::string &result);
+    static fault check_md5(transfer &what);
     fault finish(transfer &what, const std::string &name, std::string *result);
     fault finish_firmware(transfer &what, std::string *result);
     void drop_image();
@@ -73,6 +85,7 @@ private:
     download_settings settings_;
     uint64_t next_ = 1;
     std::unordered_map<uint64_t, transfer> transfers_;
+    worker reader_;       // of configurations
     waiting_image image_; // of no path: none waits
 };
 

@@ -1,9 +1,12 @@
 #include "veld/firmware/fetch.h"
 
+#include "base/clock.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -19,7 +22,25 @@ namespace
 
 constexpr size_t block = size_t{256} << 10;
 constexpr int blocks_at_once = 4;
+constexpr int64_t least_per_second = 256;
 constexpr size_t header_limit = size_t{64} << 10;
+
+// Whether a file of this machine is one that `reader` could read as well as this daemon can.
+bool may_read(const struct stat &file, const std::string &path, std::optional<uid_t> reader)
+{
+    if (reader && (*reader == 0 || *reader == geteuid() || *reader == file.st_uid))
+        return true;
+    if ((file.st_mode & S_IROTH) == 0)
+        return false;
+    // What stands in a directory that only some may enter is for those.
+    for (size_t slash = path.rfind('/'); slash != std::string::npos && slash > 0; slash = path.rfind('/', slash - 1)) {
+        struct stat above {
+        };
+        if (stat(path.substr(0, slash).c_str(), &above) != 0 || (above.st_mode & S_IXOTH) == 0)
+            return false;
+    }
+    return true;
+}
 
 // One for all fetches: each uses it within one call only.
 char *buffer()
@@ -30,8 +51,8 @@ char *buffer()
 
 } // namespace
 
-fetch::fetch(loop &events, source_url url, spool &into, int64_t stall_ms, done_handler done)
-    : loop_(events), url_(std::move(url)), into_(into), stall_ms_(stall_ms), done_(std::move(done))
+fetch::fetch(loop &events, source_url url, spool &into, fetch_bounds bounds, done_handler done)
+    : loop_(events), url_(std::move(url)), into_(into), bounds_(bounds), done_(std::move(done))
 {
 }
 
@@ -74,10 +95,27 @@ void fetch::progress()
 {
     if (timer_ != 0)
         loop_.cancel(timer_);
-    timer_ = loop_.after(stall_ms_, [this] {
+    timer_ = loop_.after(bounds_.stall_ms, [this] {
         timer_ = 0;
         stalled();
     });
+}
+
+// More arrived. False when it is so little that it would never end.
+bool fetch::arrived(size_t bytes)
+{
+    progress();
+    const int64_t now = monotonic_ms();
+    if (pace_began_ == 0)
+        pace_began_ = now;
+    pace_bytes_ += bytes;
+    const int64_t passed = now - pace_began_;
+    if (passed < bounds_.stall_ms)
+        return true;
+    const bool enough = static_cast<int64_t>(pace_bytes_) * 1000 >= least_per_second * passed;
+    pace_began_ = now;
+    pace_bytes_ = 0;
+    return enough;
 }
 
 void fetch::stalled()
@@ -106,10 +144,20 @@ void fetch::end(const fault &result)
 
 void fetch::open_file()
 {
-    fd_.reset(open(url_.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    // Links are followed before it is asked where they lead.
+    char *const real = realpath(url_.path.c_str(), nullptr);
+    const std::string path = real != nullptr ? real : url_.path;
+    free(real);
+    fd_.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
     struct stat found {
     };
-    if (!fd_ || fstat(fd_.get(), &found) != 0)
+    const bool opened = fd_ && fstat(fd_.get(), &found) == 0;
+    // Who may not look there learns nothing, not even whether it is there.
+    const bool trusted = bounds_.reader && (*bounds_.reader == 0 || *bounds_.reader == geteuid());
+    if (!trusted && (!opened || !may_read(found, path, bounds_.reader)))
+        return fail(code::transfer_failed, url_.path + ": cannot be read");
+    confidential_ = opened && (found.st_mode & S_IROTH) == 0;
+    if (!opened)
         return fail(code::transfer_failed, url_.path + ": " + strerror(errno));
     if (!S_ISREG(found.st_mode))
         return fail(code::transfer_failed, url_.path + ": not a regular file");
@@ -261,7 +309,10 @@ bool fetch::receive()
         received_all();
         return false;
     }
-    progress();
+    if (!arrived(static_cast<size_t>(count))) {
+        fail(code::transfer_failed, "what arrives is too little for too long");
+        return false;
+    }
     std::string_view bytes{buffer(), static_cast<size_t>(count)};
     std::string rest;
     if (stage_ == stage::header) {

@@ -9,9 +9,17 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <sys/types.h>
 
 namespace veld
 {
+
+/// What a fetch keeps within.
+struct fetch_bounds {
+    int64_t stall_ms;            ///< how long a connect, and every wait for more, may take
+    std::optional<uid_t> reader; ///< whose files of this machine it may read; nothing: those of everybody alone
+};
 
 class fetch
 {
@@ -19,14 +27,16 @@ public:
     using done_handler = std::function<void(const fault &)>;
 
     /// Starts to fetch `url` into `into`, which must outlive the fetch. `done` is called once, never before start()
-    /// returns, and may destroy the fetch. `stall_ms` bounds the connect, and every wait for more.
-    fetch(loop &events, source_url url, spool &into, int64_t stall_ms, done_handler done);
+    /// returns, and may destroy the fetch. What arrives drop by drop ends like what does not arrive.
+    fetch(loop &events, source_url url, spool &into, fetch_bounds bounds, done_handler done);
     fetch(const fetch &) = delete;
     fetch &operator=(const fetch &) = delete;
     /// Gives up what is under way.
     ~fetch();
 
     void start();
+    /// Whether what was fetched is a file of this machine that not everybody may read.
+    bool confidential() const { return confidential_; }
 
 private:
     enum class stage { looking_up, connecting, asking, header, body };
@@ -43,6 +53,7 @@ private:
     bool take_header();
     void received_all();
     void progress();
+    bool arrived(size_t bytes);
     void stalled();
     void watch(uint32_t bits);
     void forget();
@@ -52,7 +63,10 @@ private:
     loop &loop_;
     source_url url_;
     spool &into_;
-    int64_t stall_ms_;
+    fetch_bounds bounds_;
+    bool confidential_ = false;
+    int64_t pace_began_ = 0; // of the time over which the pace is judged
+    size_t pace_bytes_ = 0;  // that arrived in it
     done_handler done_;
     stage stage_ = stage::looking_up;
     std::unique_ptr<name_lookup> lookup_;

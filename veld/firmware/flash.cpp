@@ -4,6 +4,7 @@
 #include "veld/base/log.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace veld
 {
@@ -26,15 +27,17 @@ node *parameter(tree &model, const char *path)
 
 } // namespace
 
-flasher::flasher(loop &events, tree &model, device &machine, state_store &store, int64_t flash_ms)
-    : loop_(events), tree_(model), device_(machine), store_(store), flash_ms_(flash_ms)
+bool flasher::start(const state_store &store, std::string *error)
 {
-    const json_ref saved = store_.load(firmware_file);
+    json_ref saved;
+    if (!store.load(firmware_file, &saved, error))
+        return false;
     const json_t *version = json_object_get(saved.get(), version_key);
     if (json_is_string(version))
         flashed_ = json_string_value(version);
     else if (saved)
-        store_.set_aside(firmware_file, "it names no version");
+        *error = store.place(firmware_file) + ": names no version";
+    return !saved || json_is_string(version);
 }
 
 std::string flasher::version()
@@ -80,22 +83,31 @@ void flasher::step()
         return;
     }
     timer_ = 0;
-    const std::function<void()> finished = std::move(finished_);
-    std::string error;
-    json_ref document{json_object()};
-    json_object_set_new(document.get(), version_key, json_string(image_.version.c_str()));
     if (failed) {
         LOG_ERROR("flashing %s failed", image_.version.c_str());
         show(failing_percent, image_.failure);
-    } else if (!store_.save(firmware_file, document.get(), &error)) {
-        LOG_ERROR("flashing %s failed: %s", image_.version.c_str(), error.c_str());
-        show(percent, -1);
+        std::exchange(finished_, nullptr)();
+        return;
+    }
+    json_ref document{json_object()};
+    json_object_set_new(document.get(), version_key, json_string(image_.version.c_str()));
+    saving_ = true;
+    device_.save(firmware_file, std::move(document), [this](const fault &problem) { ended(problem); });
+}
+
+void flasher::ended(const fault &problem)
+{
+    saving_ = false;
+    if (problem) {
+        LOG_ERROR("flashing %s failed: %s", image_.version.c_str(), problem.message.c_str());
+        show(100, -1);
     } else {
-        show(percent, running);
+        show(100, running);
         flashed_ = image_.version;
         device_.reboot("Upgrade", false);
     }
-    finished();
+    if (finished_)
+        std::exchange(finished_, nullptr)();
 }
 
 void flasher::abort()
@@ -105,8 +117,7 @@ void flasher::abort()
     loop_.cancel(timer_);
     timer_ = 0;
     LOG_WARNING("flashing %s was cut off", image_.version.c_str());
-    const std::function<void()> finished = std::move(finished_);
-    finished();
+    std::exchange(finished_, nullptr)();
 }
 
 } // namespace veld

@@ -80,6 +80,15 @@ void separate_keys(json_t *rows)
     }
 }
 
+// Takes over what was read. A machine that cannot be seen at the moment has not changed: what was read last stays.
+void keep(snapshot *in, json_t *content, int64_t now)
+{
+    json_ref read(content);
+    in->taken = now;
+    if (!sysfile_take_failure())
+        in->content = std::move(read);
+}
+
 bool fresh(const snapshot &of, int64_t now)
 {
     return of.taken != 0 && now - of.taken < snapshot_lifetime_ms;
@@ -93,10 +102,8 @@ json_t *live_value(std::string_view name)
     if (i == std::size(values))
         return nullptr;
     snapshot &last = value_snapshots[i];
-    if (int64_t now = monotonic_ms(); !fresh(last, now)) {
-        last.content.reset(values[i].read());
-        last.taken = now;
-    }
+    if (int64_t now = monotonic_ms(); !fresh(last, now))
+        keep(&last, values[i].read(), now);
     return json_incref(last.content.get());
 }
 
@@ -107,9 +114,9 @@ json_t *live_rows(std::string_view name)
         return nullptr;
     snapshot &last = table_snapshots[i];
     if (int64_t now = monotonic_ms(); !fresh(last, now)) {
-        last.content.reset(tables[i].read());
-        last.taken = now;
-        separate_keys(last.content.get());
+        json_t *rows = tables[i].read();
+        separate_keys(rows);
+        keep(&last, rows, now);
     }
     return json_incref(last.content.get());
 }

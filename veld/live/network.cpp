@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cerrno>
 #include <map>
 #include <vector>
 
@@ -101,8 +102,10 @@ std::vector<interface> read_interfaces()
 {
     std::vector<interface> found;
     ifaddrs *list = nullptr;
-    if (getifaddrs(&list) != 0)
+    if (getifaddrs(&list) != 0) {
+        sysfile_failed(errno);
         return found;
+    }
     for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
         std::string_view name = entry->ifa_name;
         name = name.substr(0, name.find(':')); // an old-style alias is a further address of its interface
@@ -180,8 +183,10 @@ int64_t mtu_of(const interface &of)
     ifreq request = {};
     int mtu = 0;
     const fd_owner fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (!fd)
+    if (!fd) {
+        sysfile_failed(errno);
         return mtu;
+    }
     of.name.copy(request.ifr_name, sizeof request.ifr_name - 1);
     if (ioctl(fd.get(), SIOCGIFMTU, &request) == 0)
         mtu = request.ifr_mtu;

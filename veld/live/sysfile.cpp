@@ -10,15 +10,33 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 namespace veld
 {
+
+namespace
+{
+bool failure = false; // sysfile_failed() sets it, sysfile_take_failure() takes it
+} // namespace
+
+void sysfile_failed(int error)
+{
+    failure = failure || error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+
+bool sysfile_take_failure()
+{
+    return std::exchange(failure, false);
+}
 
 std::string read_sysfile(const char *path, size_t limit)
 {
     std::string text;
     const fd_owner fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat st;
+    if (!fd)
+        sysfile_failed(errno);
     if (fd && fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode))
         (void)!read_all(fd.get(), limit, &text);
     return text;

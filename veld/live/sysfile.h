@@ -15,6 +15,12 @@ namespace veld
 /// The content of a file, at most `limit` bytes; empty when it cannot be read. Never waits: no FIFO, no device.
 std::string read_sysfile(const char *path, size_t limit = size_t{4} << 20);
 
+/// To be told when something of the machine cannot be seen for want of descriptors or memory, by errno; other errors
+/// count for nothing: what is not there is not there.
+void sysfile_failed(int error);
+/// Whether that happened since this was last asked.
+bool sysfile_take_failure();
+
 /// Takes the next line, without its line feed, off the front of `*text`. False at the end.
 bool next_line(std::string_view *text, std::string_view *line);
 /// Takes the next word between blanks off the front of `*line`; empty at the end.

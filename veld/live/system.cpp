@@ -308,8 +308,10 @@ json_t *live_processes()
 {
     json_t *rows = json_array();
     DIR *proc = opendir("/proc");
-    if (proc == nullptr)
+    if (proc == nullptr) {
+        sysfile_failed(errno);
         return rows;
+    }
     while (const dirent *entry = readdir(proc)) {
         if (!number_of<int64_t>(entry->d_name))
             continue;

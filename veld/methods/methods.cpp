@@ -16,7 +16,7 @@ namespace veld
 namespace
 {
 
-constexpr int most_jobs = 64;
+constexpr int most_jobs = 128;
 constexpr int64_t longest_job_us = int64_t{20} * 60 * 1000000;
 int jobs = 0; // how many live
 

@@ -140,6 +140,12 @@ fault no_such(std::string_view name)
     return {code::bad_name, "no such node: " + std::string(name), ""};
 }
 
+json_ref hash_of(const ready_hashes &hashes, const json_t *password)
+{
+    const auto ready = hashes.find({json_string_value(password), json_string_length(password)});
+    return ready == hashes.end() ? password_hash(password) : json_ref::share(ready->second.get());
+}
+
 // An instance number that a client names, or the fault that says why it may not be touched.
 fault find_instance(tree *in, role who, std::string_view path, node **found)
 {
@@ -186,7 +192,8 @@ void settle_instance(tree *in, node *of, bool changed)
     }
 }
 
-fault change_values(tree *in, role who, const json_t *list, std::vector<value_change> *changes)
+fault change_values(tree *in, role who, const json_t *list, std::vector<value_change> *changes,
+                    const ready_hashes &hashes)
 {
     problem_list problems;
     std::vector<pending> entries;
@@ -241,7 +248,7 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
         if (entry.parameter->what->type == value_type::toggle)
             continue; // it acts, and reads as before
         if (entry.parameter->what->handler_set == "password")
-            entry.value = password_hash(entry.value.get());
+            entry.value = hash_of(hashes, entry.value.get());
         in->store(entry.parameter, std::move(entry.value), true);
     }
     for (const pending &entry : entries)

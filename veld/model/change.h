@@ -2,6 +2,7 @@
 #pragma once
 
 #include "veld/model/fault.h"
+#include "veld/model/password.h"
 #include "veld/model/tree.h"
 
 namespace veld
@@ -15,8 +16,10 @@ struct value_change {
 };
 
 /// Sets all the values of `list`, an array of {"Name", "Value"}, or none: the fault's data then names every bad entry.
-/// The parameters that were set are appended to `*changes` in their order.
-fault change_values(tree *in, role who, const json_t *list, std::vector<value_change> *changes);
+/// The parameters that were set are appended to `*changes` in their order. `hashes`: of the passwords among the values,
+/// which take their time to compute.
+fault change_values(tree *in, role who, const json_t *list, std::vector<value_change> *changes,
+                    const ready_hashes &hashes = {});
 
 /// Adds an instance to the table at `path`; `order` counts from 1, 0 is last. `*added` receives the instance.
 fault change_add(tree *in, role who, std::string_view path, uint64_t order, node **added);

@@ -4,6 +4,7 @@
 #include "veld/base/log.h"
 #include "veld/model/change.h"
 #include "veld/model/check.h"
+#include "veld/model/password.h"
 
 #include <algorithm>
 #include <limits>
@@ -82,6 +83,8 @@ bool applier::parameter(node *of, json_t *value)
         const value_problem problem = fits ? value_problem{} : value_check(what, value, &kept);
         if (problem.code != 0)
             return outdated(of, problem.text);
+        if (kind_ == overlay_kind::strict && what.handler_set == "password" && !password_hash_usable(kept.get()))
+            return fail(of, "is not the hash of a password");
         if (what.runtime || (!what.writable && !of->is_instance()))
             return outdated(of, "is not part of the configuration");
     }

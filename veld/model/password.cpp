@@ -12,6 +12,7 @@ namespace
 {
 
 constexpr size_t salt_bytes = 12;
+constexpr std::string_view crypt_letters = "$./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
 // crypt_data is large, and holds the password afterwards: wiped with its owner.
 struct scratch {
@@ -49,6 +50,29 @@ json_ref password_hash(const json_t *password)
     const auto work = std::make_unique<scratch>();
     const char *hash = crypt_rn(json_string_value(password), setting.c_str(), &work->data, sizeof work->data);
     return json_ref{json_string(hash != nullptr && hash[0] == '$' ? hash : "*")};
+}
+
+bool password_hash_usable(const json_t *hash)
+{
+    if (!json_is_string(hash) || strlen(json_string_value(hash)) != json_string_length(hash))
+        return false;
+    const std::string_view text{json_string_value(hash), json_string_length(hash)};
+    if (text.empty())
+        return true;
+    // $KIND$SALT$HASH, where the parts beyond the second may be more; the last is what was computed.
+    static constexpr struct {
+        std::string_view kind;
+        size_t computed;
+    } kinds[] = {{"$6$", 86}, {"$5$", 43}, {"$y$j9T$", 43}};
+    const size_t last = text.rfind('$') + 1;
+    for (const auto &[kind, computed] : kinds) {
+        if (!text.starts_with(kind) || last < kind.size() || text.size() - last != computed)
+            continue;
+        // One that asks for more work than usual would keep the others waiting.
+        return text.find("rounds=") == std::string_view::npos && text.size() < CRYPT_OUTPUT_SIZE &&
+               text.find_first_not_of(crypt_letters) == std::string_view::npos;
+    }
+    return false;
 }
 
 bool password_matches(const std::string &password, const std::string &hash)

@@ -6,7 +6,8 @@
 namespace veld
 {
 
-/// The value as somebody of that role reads it: secrets are empty texts (or defaults) for all but administrators.
+/// The value as somebody of that role reads it: secrets are empty texts (or defaults) for all but administrators,
+/// passwords for everybody.
 json_ref readable_value(tree *from, node *parameter, role who);
 
 } // namespace veld

@@ -10,6 +10,7 @@ namespace
 
 constexpr int64_t event_value_set = 1;
 constexpr int64_t event_instances = 4;
+constexpr size_t passwords_at_once = 256;
 
 } // namespace
 
@@ -48,11 +49,60 @@ void service::set_values(client &from, const json_t *params, const ticket &to)
     const json_t *list = reader.name_values("ParameterList");
     if (reader.problem())
         return answer_fault(to, reader.problem());
+    const std::unordered_set<std::string> passwords = passwords_in(list);
+    if (passwords.size() > passwords_at_once)
+        return answer_fault(to, {code::resources, "too many passwords in one request", ""});
+    if (passwords.empty())
+        return finish_set(from, list, {}, to);
+    from.link->hold();
+    const auto kept = std::make_shared<json_ref>(json_ref::share(const_cast<json_t *>(list)));
+    const auto hashes = std::make_shared<ready_hashes>();
+    for (const std::string &one : passwords)
+        hashes->emplace(one, json_ref{});
+    passwords_.run(
+        [hashes] {
+            for (auto &[password, hash] : *hashes)
+                hash = password_hash(json_ref{json_stringn(password.data(), password.size())}.get());
+        },
+        [this, to, kept, hashes] {
+            client *asking = find(to.client);
+            if (asking == nullptr)
+                return;
+            tree_.begin_request();
+            finish_set(*asking, kept->get(), *hashes, to);
+            asking->link->release();
+        });
+}
+
+// The passwords that a request sets.
+std::unordered_set<std::string> service::passwords_in(const json_t *list)
+{
+    std::unordered_set<std::string> found;
+    size_t i = 0;
+    const json_t *item = nullptr;
+    json_array_foreach(list, i, item)
+    {
+        const json_t *text = json_object_get(item, "Name");
+        const json_t *value = json_object_get(item, "Value");
+        std::string_view name{json_string_value(text), json_string_length(text)};
+        if (!json_is_string(value) || password_names_.count(name.substr(name.rfind('.') + 1)) == 0)
+            continue;
+        const place where = tree_.find(name);
+        if (where && where.what->handler_set == "password")
+            found.emplace(json_string_value(value), json_string_length(value));
+    }
+    return found;
+}
+
+void service::finish_set(client &from, const json_t *list, const ready_hashes &hashes, const ticket &to)
+{
     std::vector<value_change> changes;
-    if (const fault problem = change_values(&tree_, from.who.rights, list, &changes))
+    if (const fault problem = change_values(&tree_, from.who.rights, list, &changes, hashes))
         return answer_fault(to, problem);
     const std::string user = from.who.name;
     answer_result(to, status_ok);
+    event_batch events;
+    bool accounts = false;
     for (const value_change &change : changes) {
         json_ref value{json_object()};
         json_object_set_new(value.get(), "Name", json_string(change.name.c_str()));
@@ -61,8 +111,12 @@ void service::set_values(client &from, const json_t *params, const ticket &to)
         else
             json_object_set(value.get(), "Value", change.value.get());
         json_object_set_new(value.get(), "User", json_stringn(user.data(), user.size()));
-        deliver(event_value_set, value.get(), change.what->read);
+        events.add(event_value_set, value.get(), change.what->read);
+        accounts = accounts || std::string_view(change.name).starts_with(accounts_place);
     }
+    deliver(events);
+    if (accounts)
+        review_logins();
 }
 
 void service::instance_event(const char *action, const node *table, uint32_t number)
@@ -71,7 +125,9 @@ void service::instance_event(const char *action, const node *table, uint32_t num
     json_object_set_new(value.get(), "Action", json_string(action));
     json_object_set_new(value.get(), "Path", json_string(tree::name(table).c_str()));
     json_object_set_new(value.get(), "InstanceNumber", json_integer(number));
-    deliver(event_instances, value.get(), table->what->reach);
+    event_batch events;
+    events.add(event_instances, value.get(), table->what->reach);
+    deliver(events);
 }
 
 void service::add_object(client &from, const json_t *params, const ticket &to)
@@ -100,6 +156,13 @@ void service::delete_object(client &from, const json_t *params, const ticket &to
         return answer_fault(to, problem);
     answer_result(to, status_ok);
     instance_event("Delete", table, number);
+    if (tree::name(table).starts_with(accounts_place))
+        review_logins();
+}
+
+void service::replaced(node *)
+{
+    review_logins();
 }
 
 void service::change_order_of(client &from, const json_t *params, const ticket &to)

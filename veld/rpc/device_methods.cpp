@@ -10,8 +10,6 @@ namespace
 {
 
 constexpr int64_t event_device = 2;
-constexpr size_t methods_of_one_client = 16;
-constexpr size_t methods_at_once = 128;
 constexpr int64_t parting_ms = 500;
 
 } // namespace
@@ -31,18 +29,27 @@ void service::save_config(client &from, const json_t *, const ticket &to)
 {
     if (refused(from, role::user, to))
         return;
-    if (const fault problem = device_.save_configuration())
-        return answer_fault(to, problem);
-    answer_result(to, status_ok);
+    from.link->hold();
+    device_.save_configuration([this, to](const fault &problem) { answer_held(to, problem); });
+}
+
+// The answer to a request that the client's further ones waited for.
+void service::answer_held(const ticket &to, const fault &problem)
+{
+    if (problem)
+        answer_fault(to, problem);
+    else
+        answer_result(to, status_ok);
+    if (client *waiting = find(to.client))
+        waiting->link->release();
 }
 
 void service::factory_reset(client &from, const json_t *, const ticket &to)
 {
     if (refused(from, role::administrator, to))
         return;
-    if (const fault problem = device_.factory_reset())
-        return answer_fault(to, problem);
-    answer_result(to, status_ok);
+    from.link->hold();
+    device_.factory_reset([this, to](const fault &problem) { answer_held(to, problem); });
 }
 
 void service::reboot(client &from, const json_t *params, const ticket &to)
@@ -61,7 +68,9 @@ void service::announce(const char *action)
 {
     json_ref value{json_object()};
     json_object_set_new(value.get(), "Action", json_string(action));
-    deliver(event_device, value.get(), role::anonymous);
+    event_batch events;
+    events.add(event_device, value.get(), role::anonymous);
+    deliver(events);
 }
 
 void service::part_with_all()
@@ -86,7 +95,8 @@ void service::download(client &from, const json_t *params, const ticket &to)
     if (refused(from, role::administrator, to))
         return;
     from.link->expect_answer();
-    downloads_.request(from.link->id(), wanted, [this, to](const fault &problem, const std::string &result) {
+    const download_asker asker{from.link->id(), from.account(), from.who.owner, from.link->uid()};
+    downloads_.request(asker, wanted, [this, to](const fault &problem, const std::string &result) {
         if (problem)
             answer_fault(to, problem);
         else
@@ -117,7 +127,8 @@ void service::execute(client &from, const json_t *params, const ticket &to)
     if (what.provider.empty() || !method_known(what.provider))
         return answer_fault(to, {code::not_supported, path + " is not implemented", ""});
     const uint64_t id = from.link->id();
-    if (executions_.running() >= methods_at_once || executions_.running_for(id) >= methods_of_one_client)
+    const std::string account = from.account();
+    if (!executions_.room_for(account, from.who.rights))
         return answer_fault(to, {code::resources, "too many methods are running", ""});
 
     const role rights = from.who.rights;
@@ -137,7 +148,7 @@ void service::execute(client &from, const json_t *params, const ticket &to)
     if (!job)
         return answer_outcome(to, ended);
     from.link->expect_answer();
-    executions_.run(id, std::move(job), [this, to](method_outcome &outcome) {
+    executions_.run(id, account, std::move(job), [this, to](method_outcome &outcome) {
         answer_outcome(to, outcome);
         if (client *waiting = find(to.client))
             waiting->link->answer_given();

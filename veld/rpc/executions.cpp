@@ -13,6 +13,10 @@ namespace veld
 namespace
 {
 
+constexpr size_t methods_of_one_user = 16;
+constexpr size_t methods_of_users = 96;
+constexpr size_t methods_at_once = 128;
+
 const scheme *find_argument(const scheme &method, std::string_view name)
 {
     const scheme *here = &method;
@@ -91,11 +95,19 @@ fault arguments_check(const scheme &method, const json_t *list, json_ref *input)
     return problem;
 }
 
-void executions::run(uint64_t client, std::unique_ptr<method_job> job, done_handler done)
+bool executions::room_for(const std::string &account, role rights) const
+{
+    const auto own = std::count_if(jobs_.begin(), jobs_.end(),
+                                   [&account](const auto &one) { return one.second.account == account; });
+    return static_cast<size_t>(own) < methods_of_one_user &&
+           jobs_.size() < (rights == role::administrator ? methods_at_once : methods_of_users);
+}
+
+void executions::run(uint64_t client, const std::string &account, std::unique_ptr<method_job> job, done_handler done)
 {
     const uint64_t id = next_++;
     const int fd = job->fd();
-    jobs_[id] = {client, std::move(job), std::move(done)};
+    jobs_[id] = {client, account, std::move(job), std::move(done)};
     loop_.watch(fd, EPOLLIN, [this, id](uint32_t) { step(id); });
 }
 
@@ -108,12 +120,6 @@ void executions::step(uint64_t id)
     entry ended = std::move(found->second);
     jobs_.erase(found);
     ended.done(ended.job->outcome());
-}
-
-size_t executions::running_for(uint64_t client) const
-{
-    return static_cast<size_t>(
-        std::count_if(jobs_.begin(), jobs_.end(), [client](const auto &one) { return one.second.client == client; }));
 }
 
 void executions::end(uint64_t client)

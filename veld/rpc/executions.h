@@ -7,6 +7,7 @@
 #include "veld/server/loop.h"
 
 #include <memory>
+#include <string>
 #include <unordered_map>
 
 namespace veld
@@ -26,10 +27,11 @@ public:
     executions &operator=(const executions &) = delete;
     ~executions() { end_all(); }
 
-    /// Lets a job run to its end for a client, and hands its outcome over.
-    void run(uint64_t client, std::unique_ptr<method_job> job, done_handler done);
-    size_t running_for(uint64_t client) const;
-    size_t running() const { return jobs_.size(); }
+    /// Whether a user may have one more job run: each has so many over all connections, and the last ones are kept for
+    /// administrators.
+    bool room_for(const std::string &account, role rights) const;
+    /// Lets a job run to its end for a client of that user, and hands its outcome over.
+    void run(uint64_t client, const std::string &account, std::unique_ptr<method_job> job, done_handler done);
     /// Ends what runs for a client that is gone.
     void end(uint64_t client);
     void end_all();
@@ -37,6 +39,7 @@ public:
 private:
     struct entry {
         uint64_t client;
+        std::string account;
         std::unique_ptr<method_job> job;
         done_handler done;
     };

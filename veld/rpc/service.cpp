@@ -1,8 +1,14 @@
 #include "veld/rpc/service.h"
 
 #include "base/json_write.h"
+#include "base/utf8.h"
 #include "veld/base/log.h"
 #include "veld/rpc/answer.h"
+#include "veld/rpc/trace.h"
+
+#include <algorithm>
+#include <malloc.h>
+#include <sys/resource.h>
 
 namespace veld
 {
@@ -10,28 +16,97 @@ namespace veld
 namespace
 {
 
-constexpr size_t most_values = size_t{4} << 20;
+// What is parsed on the spot; anything longer is parsed beside the loop.
+constexpr size_t parsed_at_once = size_t{16} << 10;
+// What one message may take as values: one of all brackets and commas would take a hundred times its length.
+constexpr size_t values_limit = size_t{256} << 20;
+// Memory goes back to the system when so much was taken.
+constexpr size_t worth_giving_back = size_t{1} << 20;
+constexpr size_t name_shown = 256;
 
-// A message that is all brackets and commas would take fifty times its length as values.
-bool too_many_values(std::string_view line)
+// The memory that the values of a message will take, roughly: counted without making them.
+size_t size_as_values(std::string_view line)
 {
-    if (line.size() < most_values)
-        return false;
-    size_t values = 0;
+    constexpr size_t object = 240;
+    constexpr size_t array = 128;
+    constexpr size_t entry = 8; // a place in an array
+    constexpr size_t member = 80;
+    constexpr size_t number = 32;
+    constexpr size_t text = 48; // and its bytes
+    size_t size = 0;
+    size_t began = 0;
     bool in_text = false;
+    bool in_number = false;
     for (size_t i = 0; i < line.size(); ++i) {
         const char c = line[i];
-        if (in_text && c == '\\')
-            ++i;
-        else if (c == '"')
-            in_text = !in_text;
-        else if (!in_text && (c == ',' || c == ':' || c == '[' || c == '{'))
-            ++values;
+        if (in_text) {
+            if (c == '\\')
+                ++i;
+            in_text = c != '"';
+            size += in_text ? 0 : text + ((i - began + 23) & ~size_t{15});
+            continue;
+        }
+        const bool digit = (c >= '0' && c <= '9') || c == '-';
+        size += digit && !in_number ? number : 0;
+        in_number = digit || (in_number && (c == '.' || c == 'e' || c == 'E' || c == '+'));
+        switch (c) {
+        case '"':
+            in_text = true;
+            began = i;
+            break;
+        case '{':
+            size += object;
+            break;
+        case '[':
+            size += array;
+            break;
+        case ',':
+            size += entry;
+            break;
+        case ':':
+            size += member;
+            break;
+        default:
+            break;
+        }
     }
-    return values > most_values;
+    return size;
+}
+
+constexpr size_t links_limit = 16384;
+constexpr size_t links_kept_for_owners = 32;
+constexpr size_t descriptors_for_work = 128; // files, methods, downloads
+
+// How many links there are descriptors for.
+size_t links_possible()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur > 2 * links_limit)
+        return links_limit;
+    const auto descriptors = static_cast<size_t>(limit.rlim_cur);
+    return descriptors - std::min(descriptors_for_work, descriptors / 4);
+}
+
+void find_password_names(const scheme &of, std::unordered_set<std::string_view> *found)
+{
+    if (of.handler_set == "password")
+        found->insert(of.name);
+    for (const auto &child : of.children)
+        find_password_names(*child, found);
+    if (of.element)
+        find_password_names(*of.element, found);
 }
 
 } // namespace
+
+/// A line that is parsed beside the loop; all of it is the thread's while it is there.
+struct long_line {
+    uint64_t client;
+    wire_memory memory;
+    std::string_view line;
+    json_ref message;
+    bool too_many = false;
+};
 
 const service::method_entry service::methods[] = {
     {"GetParameterNames", &service::get_names},
@@ -52,12 +127,62 @@ const service::method_entry service::methods[] = {
 };
 
 service::service(loop &events, tree &model, device &machine, downloads &fetching)
-    : loop_(events), tree_(model), device_(machine), downloads_(fetching), executions_(events)
+    : loop_(events), tree_(model), device_(machine), downloads_(fetching),
+      executions_(events), directory_{worker{events, worker::at_end::abandon}, worker{events, worker::at_end::abandon},
+                                      worker{events, worker::at_end::abandon}, worker{events, worker::at_end::abandon}},
+      passwords_(events, worker::at_end::abandon), parser_(events, worker::at_end::abandon),
+      most_links_(links_possible())
 {
+    find_password_names(model.model(), &password_names_);
+}
+
+service::~service() = default;
+
+// Makes one of a peer's links give way: one that nobody has logged in on, that hears no events if there is such a one,
+// and that has been quiet for longest.
+bool service::turn_out(const std::string &peer)
+{
+    connection *quietest = nullptr;
+    bool hears = true;
+    for (const auto &[id, one] : clients_) {
+        if (one.link == nullptr || one.link->over() || one.who.somebody() || one.link->peer() != peer)
+            continue;
+        const bool joined = sessions_.joined(id) > 0;
+        if (quietest == nullptr || (hears && !joined) ||
+            (hears == joined && one.link->last_line() < quietest->last_line())) {
+            quietest = one.link.get();
+            hears = joined;
+        }
+    }
+    if (quietest == nullptr)
+        return false;
+    LOG_WARNING("%s: too many connections: one that is quiet is closed", peer.c_str());
+    quietest->close();
+    return true;
+}
+
+// No peer has all links, and the last ones are for those to whom the device belongs.
+bool service::make_room(const arrival &who)
+{
+    const bool owner = who.identity && (who.identity->uid == 0 || who.identity->uid == geteuid());
+    const size_t kept = std::min(links_kept_for_owners, most_links_ / 8);
+    if (const auto own = links_of_.find(who.peer); own != links_of_.end() && own->second >= most_links_ / 4 * 3)
+        return turn_out(who.peer);
+    if (links_ < most_links_ - (owner ? 0 : kept))
+        return true;
+    const auto most = std::max_element(links_of_.begin(), links_of_.end(),
+                                       [](const auto &a, const auto &b) { return a.second < b.second; });
+    return most != links_of_.end() && turn_out(std::string(most->first));
 }
 
 void service::welcome(arrival who, std::unique_ptr<transport> link)
 {
+    if (!make_room(who)) {
+        LOG_WARNING("%s: too many connections: turned away", who.peer.c_str());
+        return;
+    }
+    ++links_;
+    ++links_of_[who.peer];
     const uint64_t id = next_client_++;
     LOG_DEBUG("client %llu from %s", static_cast<unsigned long long>(id), who.peer.c_str());
     client &fresh = clients_[id];
@@ -69,6 +194,9 @@ void service::connection_over(connection &which)
 {
     const uint64_t id = which.id();
     LOG_DEBUG("client %llu is gone", static_cast<unsigned long long>(id));
+    --links_;
+    if (const auto own = links_of_.find(which.peer()); own != links_of_.end() && --own->second == 0)
+        links_of_.erase(own);
     sessions_.leave(id);
     executions_.end(id);
     downloads_.end(id);
@@ -85,13 +213,65 @@ client *service::find(uint64_t id)
 
 void service::line_received(connection &from, std::string_view line)
 {
-    if (too_many_values(line)) {
-        LOG_WARNING("%s: a message of too many values", from.peer().c_str());
-        from.close();
+    if (line.size() <= parsed_at_once) {
+        const json_ref message{wire_decode(line)};
+        message_received(from, message.get());
         return;
     }
-    json_ref message{wire_decode(line)};
-    if (!message) {
+    auto work = std::make_shared<long_line>();
+    work->client = from.id();
+    work->memory = from.take_line(&line);
+    work->line = line;
+    from.hold();
+    const client *sender = find(from.id());
+    long_lines_[sender != nullptr && sender->who.somebody() ? 0 : 1].push_back(std::move(work));
+    parse_next();
+}
+
+// One long line at a time, so that the values of one are there at most; those of users before those of anybody.
+void service::parse_next()
+{
+    auto &waiting = long_lines_[long_lines_[0].empty() ? 1 : 0];
+    if (parsing_ || waiting.empty())
+        return;
+    parsing_ = true;
+    const std::shared_ptr<long_line> work = std::move(waiting.front());
+    waiting.pop_front();
+    parser_.run(
+        [work] {
+            work->too_many = size_as_values(work->line) > values_limit;
+            if (!work->too_many)
+                work->message.reset(wire_decode(work->line));
+        },
+        [this, work] {
+            if (client *sender = find(work->client)) {
+                if (work->too_many) {
+                    LOG_WARNING("%s: a message of too many values", sender->link->peer().c_str());
+                    sender->link->close();
+                } else {
+                    message_received(*sender->link, work->message.get());
+                    sender->link->release();
+                }
+            }
+            // What took long to make takes long to free.
+            parser_.run(
+                [work] {
+                    work->message.reset();
+                    const bool large = work->line.size() > worth_giving_back;
+                    work->memory.reset();
+                    if (large)
+                        malloc_trim(0);
+                },
+                [this] {
+                    parsing_ = false;
+                    parse_next();
+                });
+        });
+}
+
+void service::message_received(connection &from, json_t *message)
+{
+    if (message == nullptr) {
         LOG_WARNING("%s: sends what is no message", from.peer().c_str());
         from.close();
         return;
@@ -99,9 +279,12 @@ void service::line_received(connection &from, std::string_view line)
     client *sender = find(from.id());
     if (sender == nullptr)
         return;
-    json_t *verb = json_object_get(message.get(), "method");
-    json_t *id = json_object_get(message.get(), "id");
-    json_t *version = json_object_get(message.get(), "jsonrpc");
+    if (log_shows(log_level::debug))
+        LOG_DEBUG("client %llu (%.64s): %s", static_cast<unsigned long long>(from.id()), sender->shown().c_str(),
+                  trace_request(&tree_, message).c_str());
+    json_t *verb = json_object_get(message, "method");
+    json_t *id = json_object_get(message, "id");
+    json_t *version = json_object_get(message, "jsonrpc");
     if (verb == nullptr && id != nullptr)
         return; // an answer that nobody waits for
     std::string id_text = "null";
@@ -119,9 +302,9 @@ void service::line_received(connection &from, std::string_view line)
     }
     const std::string_view name{json_string_value(verb), json_string_length(verb)};
     if (id != nullptr)
-        request(*sender, message.get(), name, std::move(id_text));
+        request(*sender, message, name, std::move(id_text));
     else if (name == "Event")
-        event_received(*sender, json_object_get(message.get(), "params"));
+        event_received(*sender, json_object_get(message, "params"));
 }
 
 void service::request(client &from, json_t *message, std::string_view name, std::string id)
@@ -139,13 +322,19 @@ void service::request(client &from, json_t *message, std::string_view name, std:
         (this->*known.call)(from, params, to);
         return;
     }
-    answer_fault(to, {code::no_method, "unknown method: " + std::string(name.substr(0, 256)), ""});
+    answer_fault(to,
+                 {code::no_method, "unknown method: " + std::string(name.substr(0, utf8_cut(name, name_shown))), ""});
 }
 
 void service::send_to(const ticket &to, std::string message)
 {
-    if (client *waiting = find(to.client))
-        waiting->link->send(std::move(message));
+    client *waiting = find(to.client);
+    if (waiting == nullptr)
+        return;
+    if (log_shows(log_level::debug))
+        LOG_DEBUG("client %llu (%.64s): answer %s", static_cast<unsigned long long>(to.client),
+                  waiting->shown().c_str(), trace_answer(&tree_, message).c_str());
+    waiting->link->send(std::move(message));
 }
 
 void service::answer_result(const ticket &to, std::string_view result)
@@ -180,7 +369,7 @@ void service::answer_fault(const ticket &to, const fault &why)
     send_to(to, std::move(line));
 }
 
-void service::deliver(int64_t group, json_t *value, role least)
+void event_batch::add(int64_t group, const json_t *value, role least)
 {
     std::string line = "{\"jsonrpc\":\"2.0\",\"method\":\"Event\",\"params\":{\"Id\":" + std::to_string(group);
     if (value != nullptr) {
@@ -188,22 +377,66 @@ void service::deliver(int64_t group, json_t *value, role least)
         json_write_value(&line, value);
     }
     line += "}}\n";
-    if (line.size() > wire_line_max + 1)
+    if (line.size() <= wire_line_max + 1)
+        events_.push_back({group, least, std::move(line)});
+}
+
+std::string event_batch::lines(role rights) const
+{
+    std::string text;
+    for (const event &one : events_) {
+        if (rights >= one.least)
+            text += one.line;
+    }
+    return text;
+}
+
+void service::deliver(const event_batch &events)
+{
+    if (events.empty())
         return;
-    std::vector<uint64_t> hearing;
-    sessions_.each_in_group(group, [&](uint64_t hears, const std::vector<uint64_t> &members) {
+    struct hearing {
+        uint64_t client;
+        role rights;
+    };
+    std::vector<hearing> all;
+    sessions_.each_in_group(events.group(), [&](uint64_t hears, const std::vector<uint64_t> &members) {
         role rights = role::anonymous;
         for (const uint64_t member : members) {
             if (const client *one = find(member))
                 rights = std::max(rights, one->who.rights);
         }
-        if (rights >= least)
-            hearing.push_back(hears);
+        all.push_back({hears, rights});
     });
+    // Everybody of the same rights gets the same text, once in memory however many they are.
+    std::array<std::shared_ptr<const std::string>, 3> texts;
     // Sending may end a link, which changes the groups.
-    for (const uint64_t one : hearing) {
-        if (client *listening = find(one))
-            listening->link->send_event(line);
+    for (const hearing &one : all) {
+        auto &text = texts[static_cast<size_t>(one.rights)];
+        if (!text) {
+            auto *made = new std::string(events.lines(one.rights));
+            memory_.output += made->size();
+            text.reset(made, [this](const std::string *gone) {
+                memory_.output -= gone->size();
+                delete gone;
+            });
+        }
+        client *listening = text->empty() ? nullptr : find(one.client);
+        if (listening != nullptr)
+            listening->link->send_event(text);
+    }
+}
+
+void service::review_logins()
+{
+    for (auto &[id, one] : clients_) {
+        if (!one.who.somebody())
+            continue;
+        const login now = login_reviewed(&tree_, one.who);
+        if (now.rights != one.who.rights || now.name != one.who.name)
+            LOG_INFO("%s: the rights of \"%.64s\" have changed", one.link->peer().c_str(), one.who.name.c_str());
+        one.who = now;
+        one.link->known(now.somebody());
     }
 }
 

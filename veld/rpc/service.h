@@ -3,19 +3,24 @@
 
 #include "veld/device/device.h"
 #include "veld/firmware/downloads.h"
+#include "veld/model/change.h"
 #include "veld/model/fault.h"
 #include "veld/model/query.h"
 #include "veld/model/tree.h"
 #include "veld/rpc/executions.h"
 #include "veld/server/connection.h"
 #include "veld/server/listener.h"
+#include "veld/server/worker.h"
 #include "veld/session/accounts.h"
 #include "veld/session/login_guard.h"
 #include "veld/session/sessions.h"
 
+#include <array>
+#include <deque>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 namespace veld
 {
@@ -23,6 +28,31 @@ namespace veld
 struct client {
     std::unique_ptr<connection> link;
     login who;
+
+    /// How the log calls it.
+    const std::string &shown() const { return who.somebody() ? who.name : link->peer(); }
+    /// Whose limits count: the user's, or the peer's where nobody has logged in.
+    std::string account() const { return who.somebody() ? "user " + who.name : link->peer(); }
+};
+
+/// Events that belong together: who may hear of which.
+class event_batch
+{
+public:
+    /// `value` null: none. `least`: the rights that somebody needs to hear of it.
+    void add(int64_t group, const json_t *value, role least);
+    bool empty() const { return events_.empty(); }
+    int64_t group() const { return events_.front().group; }
+    /// The lines for somebody of these rights.
+    std::string lines(role rights) const;
+
+private:
+    struct event {
+        int64_t group;
+        role least;
+        std::string line;
+    };
+    std::vector<event> events_;
 };
 
 /// Where an answer goes: it may come when the client is long gone.
@@ -31,18 +61,27 @@ struct ticket {
     std::string id; ///< the request's id as JSON text
 };
 
+struct long_line;
+
 class service : public connection_owner
 {
 public:
     service(loop &events, tree &model, device &machine, downloads &fetching);
+    service(const service &) = delete;
+    service &operator=(const service &) = delete;
+    ~service() override;
 
-    /// Takes a client that has connected, with its link.
+    /// Takes a client that has connected, with its link; or turns it away, where somebody has too many.
     void welcome(arrival who, std::unique_ptr<transport> link);
 
     /// Tells the clients what the device is about to do.
     void announce(const char *action);
     /// Ends every link, after what is queued on it has been written.
     void part_with_all();
+
+    /// The model's nodes are others now than `before`: clients hear which instances have come and gone, and may have
+    /// lost their rights.
+    void replaced(node *before);
 
     void line_received(connection &from, std::string_view line) override;
     void connection_over(connection &which) override;
@@ -56,6 +95,10 @@ private:
     static const method_entry methods[];
 
     // service.cpp: messages in, answers and events out
+    bool make_room(const arrival &who);
+    bool turn_out(const std::string &peer);
+    void message_received(connection &from, json_t *message);
+    void parse_next();
     void request(client &from, json_t *message, std::string_view name, std::string id);
     void answer_result(const ticket &to, std::string_view result);
     void answer_fault(const ticket &to, const fault &why);
@@ -64,8 +107,9 @@ private:
     client *find(uint64_t id);
     /// Runs `write`, which appends the result to the text it is given, and answers with it or with the fault.
     template <class Write> void answer_written(const ticket &to, Write write);
-    /// Delivers an event to the sessions of its group whose users have these rights at least.
-    void deliver(int64_t group, json_t *value, role least);
+    /// Delivers events of one group to the sessions that have joined it.
+    void deliver(const event_batch &events);
+    void review_logins();
 
     // data_methods.cpp
     void get_names(client &from, const json_t *params, const ticket &to);
@@ -75,6 +119,8 @@ private:
     void add_object(client &from, const json_t *params, const ticket &to);
     void delete_object(client &from, const json_t *params, const ticket &to);
     void change_order_of(client &from, const json_t *params, const ticket &to);
+    std::unordered_set<std::string> passwords_in(const json_t *list);
+    void finish_set(client &from, const json_t *list, const ready_hashes &hashes, const ticket &to);
     void instance_event(const char *action, const node *table, uint32_t number);
 
     // session_methods.cpp
@@ -83,10 +129,12 @@ private:
     void join_group(client &from, const json_t *params, const ticket &to);
     void event_received(client &from, const json_t *params);
     void try_password(const ticket &to, const std::string &user, const std::shared_ptr<std::string> &password);
+    void judge_password(const ticket &to, const std::string &user, const std::string &hash, bool matches);
     void finish_login(const ticket &to, const std::optional<login> &who, const std::string &user);
 
     // device_methods.cpp
     bool refused(const client &from, role needed, const ticket &to);
+    void answer_held(const ticket &to, const fault &problem);
     void save_config(client &from, const json_t *params, const ticket &to);
     void factory_reset(client &from, const json_t *params, const ticket &to);
     void reboot(client &from, const json_t *params, const ticket &to);
@@ -102,6 +150,15 @@ private:
     sessions sessions_;
     login_guard guard_;
     held_memory memory_;
+    std::unordered_set<std::string_view> password_names_; // of the parameters that passwords are kept in
+    std::array<worker, 4> directory_;                     // what hangs in one of them leaves the others
+    worker passwords_;
+    worker parser_;
+    std::array<std::deque<std::shared_ptr<long_line>>, 2> long_lines_; // of those who are logged in, and of the others
+    bool parsing_ = false;
+    size_t most_links_; // what the descriptors are good for
+    size_t links_ = 0;
+    std::unordered_map<std::string, size_t> links_of_; // by peer
     uint64_t next_client_ = 1;
     std::unordered_map<uint64_t, client> clients_;
 };

@@ -1,8 +1,10 @@
 #include "base/clock.h"
 #include "veld/base/log.h"
+#include "veld/model/password.h"
 #include "veld/rpc/answer.h"
 #include "veld/rpc/service.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace veld
@@ -28,34 +30,53 @@ void service::log_in(client &from, const json_t *params, const ticket &to)
     });
     if (reader.problem())
         return answer_fault(to, reader.problem());
-    if (json_object_get(params, "Password") == nullptr) {
-        finish_login(to, login_by_peer(&tree_, user, from.link->identity()), user);
+    from.link->hold();
+    if (json_object_get(params, "Password") != nullptr) {
+        const int64_t now = monotonic_ms();
+        const int64_t when = guard_.admit(user, from.link->peer(), now);
+        const auto attempt = [this, to, user, password] { try_password(to, user, password); };
+        if (when > now)
+            loop_.after(when - now, attempt);
+        else
+            attempt();
         return;
     }
-    from.link->hold();
-    try_password(to, user, password);
+    const auto uid = std::make_shared<std::optional<uid_t>>();
+    worker &free = *std::min_element(directory_.begin(), directory_.end(),
+                                     [](const worker &a, const worker &b) { return a.waiting() < b.waiting(); });
+    free.run([uid, user] { *uid = system_user(user); },
+             [this, to, user, uid] {
+                 client *asking = find(to.client);
+                 if (asking == nullptr)
+                     return;
+                 finish_login(to, login_by_peer(&tree_, user, asking->link->identity(), *uid), user);
+                 asking->link->release();
+             });
 }
 
 void service::try_password(const ticket &to, const std::string &user, const std::shared_ptr<std::string> &password)
 {
+    const std::string hash = login_hash(&tree_, user);
+    const auto matches = std::make_shared<bool>(false);
+    passwords_.run([password, hash, matches] { *matches = password_matches(*password, hash); },
+                   [this, to, user, hash, matches] { judge_password(to, user, hash, *matches); });
+}
+
+void service::judge_password(const ticket &to, const std::string &user, const std::string &hash, bool matches)
+{
     client *asking = find(to.client);
-    if (asking == nullptr)
-        return;
-    const std::string peer = asking->link->peer();
-    const int64_t now = monotonic_ms();
-    const int64_t when = guard_.earliest(user, peer, now);
-    if (when > now) {
-        loop_.after(when - now, [this, to, user, password] { try_password(to, user, password); });
-        return;
-    }
-    const std::optional<login> who = login_by_password(&tree_, user, *password);
-    if (who) {
+    const std::string peer = asking != nullptr ? asking->link->peer() : "";
+    // The user may have lost the account, or the password, meanwhile.
+    const std::optional<login> who = matches ? login_by_hash(&tree_, user, hash) : std::nullopt;
+    if (asking != nullptr && who) {
         guard_.succeeded(user, peer);
         finish_login(to, who, user);
         asking->link->release();
         return;
     }
-    loop_.after(guard_.failed(user, peer, now), [this, to, user] {
+    if (asking == nullptr)
+        return;
+    loop_.after(guard_.failed(user, peer, monotonic_ms()), [this, to, user] {
         finish_login(to, {}, user);
         if (client *refused = find(to.client))
             refused->link->release();
@@ -74,12 +95,14 @@ void service::finish_login(const ticket &to, const std::optional<login> &who, co
     }
     LOG_INFO("%s: logged in as \"%.64s\"", asking->link->peer().c_str(), user.c_str());
     asking->who = *who;
+    asking->link->known(true);
     answer_result(to, "{}");
 }
 
 void service::log_out(client &from, const json_t *, const ticket &to)
 {
     from.who = {};
+    from.link->known(false);
     answer_result(to, "{}");
 }
 
@@ -111,7 +134,9 @@ void service::event_received(client &from, const json_t *params)
         LOG_INFO("%s: event %lld is the daemon's own", from.link->peer().c_str(), static_cast<long long>(group));
         return;
     }
-    deliver(group, json_object_get(params, "Value"), role::anonymous);
+    event_batch events;
+    events.add(group, json_object_get(params, "Value"), role::anonymous);
+    deliver(events);
 }
 
 } // namespace veld

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <sys/epoll.h>
+#include <utility>
 
 namespace veld
 {
@@ -12,12 +13,15 @@ namespace veld
 namespace
 {
 
+// How much of events may pile up unread. What comes in one round of the loop counts for less: nobody could have read
+// it.
 constexpr size_t events_limit = size_t{4} << 20;
+constexpr size_t events_of_a_round = size_t{256} << 10;
 // What one client may take of a round before the others have theirs.
 constexpr int64_t time_at_once_ms = 5;
 constexpr int lines_at_once = 64;
 // What a client may always send, however much the others hold.
-constexpr size_t input_of_everybody = size_t{1} << 20;
+constexpr size_t input_of_everybody = size_t{64} << 10;
 constexpr int reads_at_once = 16;
 constexpr size_t written_at_once = size_t{4} << 20;
 constexpr int64_t greeting_limit_ms = 10000;
@@ -28,7 +32,7 @@ constexpr size_t joined_message = 16384;
 connection::connection(loop &events, uint64_t id, std::unique_ptr<transport> link, std::string peer,
                        std::optional<peer_identity> identity, connection_owner &owner, held_memory &memory)
     : loop_(events), id_(id), link_(std::move(link)), peer_(std::move(peer)), identity_(identity), owner_(owner),
-      memory_(memory), self_(std::make_shared<connection *>(this))
+      memory_(memory), last_line_(monotonic_ms()), self_(std::make_shared<connection *>(this))
 {
     watching_ = EPOLLIN;
     loop_.watch(link_->fd(), watching_, [this](uint32_t bits) { ready(bits); });
@@ -51,52 +55,46 @@ connection::~connection()
 
 void connection::greet()
 {
-    const io_state state = link_->greet();
-    if (state == io_state::want_read || state == io_state::want_write) {
-        write_wants_read_ = state == io_state::want_read;
+    const io_state met = link_->greet();
+    if (met == io_state::want_read || met == io_state::want_write) {
+        write_wants_read_ = met == io_state::want_read;
         update_watch();
         return;
     }
     loop_.cancel(deadline_);
     deadline_ = 0;
-    if (state != io_state::done) {
+    if (met != io_state::done) {
         close();
         return;
     }
-    greeted_ = true;
+    state_ = state::open;
     write_wants_read_ = false;
     update_watch();
 }
 
 void connection::ready(uint32_t events)
 {
-    if (over_)
-        return;
-    if (!greeted_) {
+    if (state_ == state::greeting)
         greet();
-        if (!greeted_ || over_)
-            return;
-    }
-    if ((events & (EPOLLERR | EPOLLHUP)) != 0 && (events & EPOLLIN) == 0 && !blocked()) {
-        close();
+    if (state_ == state::greeting || over())
         return;
-    }
-    if ((events & EPOLLHUP) != 0 && blocked()) {
-        // Nobody is there any more to read what is queued.
+    // Without EPOLLIN, or behind what it would not read: nobody is there any more to read what is queued.
+    if (((events & (EPOLLERR | EPOLLHUP)) != 0 && (events & EPOLLIN) == 0 && !blocked()) ||
+        ((events & EPOLLHUP) != 0 && blocked())) {
         close();
         return;
     }
     flush();
-    if (!over_ && !blocked() && !ended_ && !resuming_)
+    if (reads() && !resuming_)
         receive();
-    if (!over_)
+    if (!over())
         update_watch();
 }
 
 void connection::receive()
 {
     read_wants_write_ = false;
-    for (int i = 0; i < reads_at_once && !blocked() && !over_; ++i) {
+    for (int i = 0; i < reads_at_once && reads(); ++i) {
         size_t room = 0;
         char *into = reader_.prepare(&room);
         const io_result got = link_->read(into, room);
@@ -111,7 +109,7 @@ void connection::receive()
             return;
         }
         if (got.state == io_state::closed) {
-            ended_ = true;
+            state_ = state::drained;
             break;
         }
         reader_.commit(got.bytes);
@@ -121,23 +119,35 @@ void connection::receive()
         if (resuming_)
             break;
     }
-    if (ended_ && !resuming_ && !blocked() && !over_)
+    if (state_ == state::drained && !resuming_ && !blocked())
         finish(greeting_limit_ms, true);
-    else if (!over_ && !blocked() && link_->holds_input())
+    else if (reads() && link_->holds_input())
         resume_later();
 }
 
 void connection::account_input(size_t bytes)
 {
     memory_.input += bytes - unfinished_;
+    if (!known_)
+        memory_.anonymous_input += bytes - unfinished_;
     unfinished_ = bytes;
+}
+
+void connection::known(bool known)
+{
+    const size_t held = unfinished_;
+    account_input(0);
+    known_ = known;
+    account_input(held);
 }
 
 // Accounts for more input. False when everybody together holds too much, and this link is over.
 bool connection::take_input(size_t bytes)
 {
     account_input(unfinished_ + bytes);
-    if (memory_.input <= held_memory::input_limit || unfinished_ <= input_of_everybody)
+    const bool fits = memory_.input <= held_memory::input_limit &&
+                      (known_ || memory_.anonymous_input <= held_memory::anonymous_input_limit);
+    if (fits || unfinished_ <= input_of_everybody)
         return true;
     LOG_WARNING("%s: too much input is held for all clients together", peer_.c_str());
     close();
@@ -147,24 +157,31 @@ bool connection::take_input(size_t bytes)
 void connection::take_lines()
 {
     const int64_t started = monotonic_ms();
-    for (int i = 0; !blocked() && !over_; ++i) {
+    for (int i = 0; !blocked(); ++i) {
         if (i == lines_at_once || (i > 0 && monotonic_ms() - started >= time_at_once_ms)) {
             resume_later();
             return;
         }
         std::string_view line;
-        const wire_reader::state state = reader_.next(&line);
-        if (!reader_.pending())
-            account_input(0);
-        if (state == wire_reader::state::more)
+        const wire_reader::state found = reader_.next(&line);
+        if (found == wire_reader::state::more) {
+            if (!reader_.pending())
+                account_input(0);
             return;
-        if (state == wire_reader::state::too_long) {
+        }
+        if (found == wire_reader::state::too_long) {
             LOG_WARNING("%s: a line over the limit", peer_.c_str());
             close();
             return;
         }
-        account_input(unfinished_ - std::min(unfinished_, line.size() + 1));
+        last_line_ = started;
+        const size_t size = line.size() + 1;
         owner_.line_received(*this, line);
+        // What is worked on elsewhere stays accounted for until the hold is over.
+        if (holds_ > 0)
+            held_line_ = size;
+        else
+            account_input(unfinished_ - std::min(unfinished_, size));
     }
 }
 
@@ -178,23 +195,28 @@ void connection::resume_later()
         if (me == nullptr)
             return;
         me->resuming_ = false;
-        if (me->over_ || me->blocked())
+        if (me->blocked())
             return;
         me->take_lines();
-        if (!me->resuming_ && !me->over_ && !me->blocked()) {
-            if (me->ended_)
+        if (!me->resuming_ && !me->blocked()) {
+            if (me->state_ == state::drained)
                 me->finish(greeting_limit_ms, true);
             else
                 me->receive();
         }
-        if (!me->over_)
+        if (!me->over())
             me->update_watch();
     });
 }
 
 void connection::release()
 {
-    if (holds_ > 0 && --holds_ == 0 && !over_)
+    if (holds_ == 0 || --holds_ > 0 || over())
+        return;
+    account_input(unfinished_ - std::min(unfinished_, std::exchange(held_line_, 0)));
+    if (state_ == state::finishing && all_answered())
+        close();
+    else
         resume_later();
 }
 
@@ -202,42 +224,51 @@ void connection::answer_given()
 {
     if (expected_ == 0)
         return;
-    if (--expected_ == 0 && finishing_ && output_.empty() && holds_ == 0)
+    --expected_;
+    if (state_ == state::finishing && all_answered())
         close();
 }
 
 void connection::send(std::string message)
 {
-    if (over_)
-        return;
-    queued_answers_ = std::min(queued_answers_ + message.size(), 2 * wire_line_max);
-    enqueue(std::move(message));
+    if (!over())
+        enqueue({std::move(message), nullptr});
 }
 
-void connection::enqueue(std::string message)
+void connection::enqueue(outgoing message)
 {
-    queued_ += message.size();
-    memory_.output += message.size();
-    if (!output_.empty() && output_.back().size() + message.size() < joined_message)
-        output_.back() += message;
-    else
+    const size_t size = message.text().size();
+    queued_ += size;
+    // What many get is accounted for by whoever made it.
+    if (!output_.empty() && !output_.back().shared && output_.back().own.size() + size < joined_message) {
+        memory_.output += size;
+        output_.back().own += message.text();
+    } else {
+        memory_.output += message.own.size();
         output_.push_back(std::move(message));
+    }
     if (output_.size() == 1)
         flush();
-    if (!over_)
+    if (!over())
         update_watch();
 }
 
-void connection::send_event(const std::string &message)
+void connection::send_event(const std::shared_ptr<const std::string> &message)
 {
-    if (over_)
+    if (over())
         return;
-    if (queued_ > queued_answers_ + events_limit) {
+    if (unread_ > events_limit || (memory_.output_full() && queued_ > high_water)) {
         LOG_WARNING("%s: does not read its events", peer_.c_str());
         close();
         return;
     }
-    enqueue(message);
+    if (round_ != loop_.round())
+        this_round_ = 0;
+    round_ = loop_.round();
+    const size_t counted = std::min(message->size(), events_of_a_round - this_round_);
+    this_round_ += counted;
+    unread_ += counted;
+    enqueue({{}, message});
 }
 
 void connection::flush()
@@ -245,8 +276,8 @@ void connection::flush()
     const bool was_blocked = blocked();
     write_wants_read_ = false;
     size_t budget = written_at_once;
-    while (greeted_ && !output_.empty() && budget > 0) {
-        std::string &first = output_.front();
+    while (state_ != state::greeting && !output_.empty() && budget > 0) {
+        const std::string &first = output_.front().text();
         const io_result put = link_->write(first.data() + written_, first.size() - written_);
         if (put.state == io_state::want_write)
             break;
@@ -261,15 +292,14 @@ void connection::flush()
         budget -= std::min(budget, put.bytes);
         written_ += put.bytes;
         queued_ -= put.bytes;
-        memory_.output -= put.bytes;
+        memory_.output -= output_.front().shared ? 0 : put.bytes;
+        unread_ -= std::min(unread_, put.bytes);
         if (written_ == first.size()) {
             output_.pop_front();
             written_ = 0;
         }
     }
-    if (output_.empty())
-        queued_answers_ = 0;
-    if (output_.empty() && finishing_ && expected_ == 0)
+    if (state_ == state::finishing && all_answered())
         close();
     else if (was_blocked && !blocked())
         resume_later();
@@ -278,10 +308,10 @@ void connection::flush()
 void connection::update_watch()
 {
     uint32_t wanted = 0;
-    if (!greeted_) {
+    if (state_ == state::greeting) {
         wanted = write_wants_read_ ? EPOLLIN : EPOLLOUT;
     } else {
-        if ((!blocked() && !ended_ && !read_wants_write_) || write_wants_read_)
+        if ((reads() && !read_wants_write_) || write_wants_read_)
             wanted |= EPOLLIN;
         if ((!output_.empty() && !write_wants_read_) || read_wants_write_)
             wanted |= EPOLLOUT;
@@ -294,12 +324,12 @@ void connection::update_watch()
 
 void connection::finish(int64_t within_ms, bool waiting)
 {
-    if (over_)
+    if (over())
         return;
-    finishing_ = true;
+    state_ = state::finishing;
     if (!waiting)
         expected_ = holds_ = 0;
-    if (output_.empty() && holds_ == 0 && expected_ == 0) {
+    if (all_answered()) {
         close();
         return;
     }
@@ -312,15 +342,17 @@ void connection::finish(int64_t within_ms, bool waiting)
 
 void connection::close()
 {
-    if (over_)
+    if (over())
         return;
-    over_ = true;
+    state_ = state::over;
     if (link_) {
         loop_.forget(link_->fd());
         link_.reset();
     }
+    for (const outgoing &message : output_)
+        memory_.output -= message.own.size();
+    memory_.output += std::min(written_, output_.empty() ? 0 : output_.front().own.size());
     output_.clear();
-    memory_.output -= queued_;
     queued_ = 0;
     account_input(0);
     owner_.connection_over(*this);

@@ -22,14 +22,17 @@ struct peer_identity {
 
 class connection;
 
-/// What all connections hold together, so that many clients cannot fill the memory where one could not.
+/// What all connections hold together, so that many clients cannot fill the memory where one could not. Who has not
+/// logged in gets the smallest part of it.
 struct held_memory {
-    size_t input = 0;  ///< bytes of lines that have not arrived whole
-    size_t output = 0; ///< bytes that are not yet written
+    size_t input = 0;           ///< bytes of lines that have not arrived whole, or are not worked on yet
+    size_t anonymous_input = 0; ///< the part of it of those who have not logged in
+    size_t output = 0;          ///< bytes that are not yet written
 
     bool output_full() const { return output > output_limit; }
 
     static constexpr size_t input_limit = size_t{256} << 20;
+    static constexpr size_t anonymous_input_limit = size_t{128} << 20;
     static constexpr size_t output_limit = size_t{512} << 20;
 };
 
@@ -57,11 +60,23 @@ public:
     /// Text for the log and for counting failures: "uid 1000", "192.0.2.7".
     const std::string &peer() const { return peer_; }
     const std::optional<peer_identity> &identity() const { return identity_; }
+    /// The peer's user on this machine; nothing for one that comes over the network.
+    std::optional<uid_t> uid() const { return identity_ ? std::optional(identity_->uid) : std::nullopt; }
+
+    /// Whether somebody has logged in here.
+    void known(bool known);
+    /// When the last line arrived, on the clock of monotonic_ms().
+    int64_t last_line() const { return last_line_; }
 
     /// Queues an answer. No limit: whoever does not read its answers is not read either.
     void send(std::string message);
-    /// Queues what was not asked for. A client that lets too much of it pile up loses its link.
-    void send_event(const std::string &message);
+    /// Queues what was not asked for. A client that lets too much of it pile up without reading loses its link; how
+    /// much comes at once is not its fault.
+    void send_event(const std::shared_ptr<const std::string> &message);
+
+    /// Of the line that was received just now: gives its memory away, `*line` then stands in what is returned. It
+    /// counts as held until the next line is taken, which a hold puts off.
+    wire_memory take_line(std::string_view *line) { return reader_.release(line); }
 
     /// While held, lines that have arrived wait, and no more are read. Holds count.
     void hold() { ++holds_; }
@@ -76,20 +91,38 @@ public:
     void finish(int64_t within_ms, bool waiting);
     /// Ends the link now.
     void close();
-    bool over() const { return over_; }
+    bool over() const { return state_ == state::over; }
 
 private:
+    /// What becomes of a link, in this order; a state may be left out.
+    enum class state {
+        greeting,  ///< the handshake is under way
+        open,      ///< lines come and answers go
+        drained,   ///< the peer sends no more; lines that have arrived are still worked on
+        finishing, ///< nothing more is read; the link ends with the last answer
+        over
+    };
+
+    // A message that waits to be written: its own, or one that many get.
+    struct outgoing {
+        std::string own;
+        std::shared_ptr<const std::string> shared;
+        const std::string &text() const { return shared ? *shared : own; }
+    };
+
     void ready(uint32_t events);
     void receive();
     void account_input(size_t bytes);
     bool take_input(size_t bytes);
     void take_lines();
     void flush();
-    void enqueue(std::string message);
+    void enqueue(outgoing message);
     void update_watch();
     void resume_later();
     void greet();
-    bool blocked() const { return holds_ > 0 || finishing_ || queued_ > high_water; }
+    bool reads() const { return state_ == state::open && holds_ == 0 && queued_ <= high_water; }
+    bool blocked() const { return holds_ > 0 || state_ >= state::finishing || queued_ > high_water; }
+    bool all_answered() const { return output_.empty() && holds_ == 0 && expected_ == 0; }
 
     static constexpr size_t high_water = size_t{256} << 10;
 
@@ -101,18 +134,20 @@ private:
     connection_owner &owner_;
     held_memory &memory_;
     wire_reader reader_;
-    std::deque<std::string> output_;
-    size_t unfinished_ = 0;     // bytes of input that no line has been taken from yet
-    size_t written_ = 0;        // of the first queued message
-    size_t queued_ = 0;         // bytes not yet written
-    size_t queued_answers_ = 0; // bytes of answers queued since the queue was last empty
+    std::deque<outgoing> output_;
+    state state_ = state::greeting;
+    bool known_ = false;
+    int64_t last_line_;
+    size_t unfinished_ = 0; // bytes of input that no line has been taken from yet
+    size_t held_line_ = 0;  // of them, the line that is worked on during a hold
+    size_t written_ = 0;    // of the first queued message
+    size_t queued_ = 0;     // bytes not yet written
+    size_t unread_ = 0;     // of events, what piled up since the peer last read, see send_event()
+    uint64_t round_ = 0;    // of the loop: when an event was last queued
+    size_t this_round_ = 0; // of `unread_`, what was added in it
     uint32_t watching_ = 0;
     int holds_ = 0;
     int expected_ = 0;
-    bool greeted_ = false;
-    bool ended_ = false; // the peer sends no more
-    bool finishing_ = false;
-    bool over_ = false;
     bool resuming_ = false;
     bool read_wants_write_ = false;
     bool write_wants_read_ = false;

@@ -38,6 +38,11 @@ bool is_stale(const sockaddr_un &address)
            errno == ECONNREFUSED;
 }
 
+std::string lock_name(const std::string &path)
+{
+    return path + ".lock";
+}
+
 // A name beside the socket's own; one that is shorter than its own when room is scarce.
 std::string private_name(const std::string &path)
 {
@@ -56,6 +61,35 @@ listener::listener(loop &events, std::string address, accept_handler call)
 listener::~listener()
 {
     close();
+    if (place_)
+        unlink(lock_name(address_).c_str());
+}
+
+// Of several daemons that are started at once for one place, one has it. The lock is on a file beside the socket, which
+// whoever holds it may remove.
+bool listener::take_place(std::string *error)
+{
+    const std::string name = lock_name(address_);
+    while (!place_) {
+        fd_owner fd(::open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600));
+        struct stat locked {
+        };
+        struct stat named {
+        };
+        if (!fd || fstat(fd.get(), &locked) != 0) {
+            *error = because(address_);
+            return false;
+        }
+        if (!S_ISREG(locked.st_mode) || flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+            *error =
+                S_ISREG(locked.st_mode) ? address_ + ": another daemon listens there" : name + ": not a regular file";
+            return false;
+        }
+        // It may have been removed in between, and locked by another under its name.
+        if (stat(name.c_str(), &named) == 0 && named.st_dev == locked.st_dev && named.st_ino == locked.st_ino)
+            place_ = std::move(fd);
+    }
+    return true;
 }
 
 bool listener::open(std::string *error)
@@ -94,6 +128,8 @@ bool listener::open_unix(std::string *error)
         *error = address_ + ": the path is too long for a socket";
         return false;
     }
+    if (!take_place(error))
+        return false;
     struct stat present {
     };
     if (lstat(address_.c_str(), &present) == 0) {

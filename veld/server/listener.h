@@ -39,6 +39,7 @@ public:
     bool is_tcp() const { return address_.starts_with(tcp_scheme); }
 
 private:
+    bool take_place(std::string *error);
     bool open_unix(std::string *error);
     bool open_tcp(std::string *error);
     void arrived();
@@ -47,6 +48,7 @@ private:
     std::string address_;
     accept_handler call_;
     fd_owner fd_;
+    fd_owner place_;   // the lock on the socket's place, held for as long as this listener lives
     fd_owner reserve_; // given up for a moment when descriptors run out, so that clients can be turned away
     bool bound_ = false;
     uint64_t device_ = 0; // of the socket file that is ours

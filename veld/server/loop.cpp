@@ -110,6 +110,7 @@ void loop::run()
     std::array<epoll_event, events_at_once> events{};
     while (!stopped_) {
         const int count = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()), wait_time());
+        ++round_;
         if (count < 0 && errno != EINTR) {
             LOG_ERROR("epoll: %m");
             return;

@@ -35,6 +35,9 @@ public:
     /// Calls before the next wait, after everything that is ready now.
     void post(handler call);
 
+    /// Counts the waits: what happens between two of them has one number.
+    uint64_t round() const { return round_; }
+
     void run();
     void stop() { stopped_ = true; }
 
@@ -50,6 +53,7 @@ private:
     fd_owner epoll_;
     bool stopped_ = false;
     uint32_t generation_ = 0;
+    uint64_t round_ = 0;
     timer_id next_timer_ = 1;
     std::unordered_map<int, watched> watched_;
     std::map<std::pair<int64_t, timer_id>, handler> timers_;

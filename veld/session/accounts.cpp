@@ -48,6 +48,13 @@ std::optional<account> find_account(tree *model, const std::string &user)
     return {};
 }
 
+role rights_of(const account &known)
+{
+    return known.administrator ? role::administrator : role::user;
+}
+
+} // namespace
+
 std::optional<uid_t> system_user(const std::string &user)
 {
     if (user.empty() || user.find('\0') != std::string::npos)
@@ -60,32 +67,47 @@ std::optional<uid_t> system_user(const std::string &user)
     return found->pw_uid;
 }
 
-} // namespace
-
-std::optional<login> login_by_peer(tree *model, const std::string &user, const std::optional<peer_identity> &peer)
+std::optional<login> login_by_peer(tree *model, const std::string &user, const std::optional<peer_identity> &peer,
+                                   const std::optional<uid_t> &uid)
 {
     if (!peer)
         return {};
-    const std::optional<uid_t> uid = system_user(user);
     const std::optional<account> known = find_account(model, user);
     const bool own = uid && *uid == peer->uid;
     const bool by_root = peer->uid == 0 && (uid || (known && known->enabled));
     if (!own && !by_root)
         return {};
     if (uid && (*uid == 0 || *uid == geteuid()))
-        return login{user, role::administrator};
+        return login{user, role::administrator, true, true};
     if (known && !known->enabled)
         return {};
-    return login{user, known && known->administrator ? role::administrator : role::user};
+    return login{user, known ? rights_of(*known) : role::user, uid.has_value(), false};
 }
 
-std::optional<login> login_by_password(tree *model, const std::string &user, const std::string &password)
+std::string login_hash(tree *model, const std::string &user)
 {
     const std::optional<account> known = find_account(model, user);
-    const bool matches = password_matches(password, known ? known->hash : std::string{});
-    if (!known || !known->enabled || !matches)
+    return known && known->enabled ? known->hash : "";
+}
+
+std::optional<login> login_by_hash(tree *model, const std::string &user, const std::string &hash)
+{
+    const std::optional<account> known = find_account(model, user);
+    if (!known || !known->enabled || known->hash != hash || hash.empty())
         return {};
-    return login{user, known->administrator ? role::administrator : role::user};
+    return login{user, rights_of(*known), false, false};
+}
+
+login login_reviewed(tree *model, const login &who)
+{
+    if (!who.somebody() || who.owner)
+        return who;
+    const std::optional<account> known = find_account(model, who.name);
+    if (known ? !known->enabled : !who.of_machine)
+        return {};
+    login now = who;
+    now.rights = known ? rights_of(*known) : role::user;
+    return now;
 }
 
 } // namespace veld

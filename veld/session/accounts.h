@@ -14,12 +14,30 @@ namespace veld
 struct login {
     std::string name;
     role rights = role::anonymous;
+    bool of_machine = false; ///< the machine knows the user: the model need not
+    bool owner = false;      ///< root, or the user that the daemon runs as
+
+    bool somebody() const { return !name.empty(); }
 };
 
-/// A login without a password: the peer's own account, or any known one when the peer is root.
-std::optional<login> login_by_peer(tree *model, const std::string &user, const std::optional<peer_identity> &peer);
+/// The number of a user of the machine. Asks the machine's directory, which may take long; any thread.
+std::optional<uid_t> system_user(const std::string &user);
 
-/// A login with a password, against the model's users. Costs some milliseconds of computing.
-std::optional<login> login_by_password(tree *model, const std::string &user, const std::string &password);
+/// A login without a password: the peer's own account, or any known one when the peer is root. `uid`: what
+/// system_user() said.
+std::optional<login> login_by_peer(tree *model, const std::string &user, const std::optional<peer_identity> &peer,
+                                   const std::optional<uid_t> &uid);
+
+/// The hash that a password of this user has to match; empty when the model has no such user, or does not let it in.
+std::string login_hash(tree *model, const std::string &user);
+
+/// The login of a user whose password matched `hash`. Nothing when that is no longer the hash.
+std::optional<login> login_by_hash(tree *model, const std::string &user, const std::string &hash);
+
+/// What is left of a login, after the users of the model have changed.
+login login_reviewed(tree *model, const login &who);
+
+/// The place below which the model keeps its users.
+inline constexpr std::string_view accounts_place = "Device.Users.";
 
 } // namespace veld

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace veld
 {
@@ -14,55 +15,88 @@ constexpr int64_t first_delay_ms = 250;
 constexpr int64_t longest_delay_ms = 4000;
 constexpr int64_t forgotten_after_ms = 300000;
 constexpr size_t most_records = 4096;
+constexpr size_t name_max = 256;
+// An address may serve many people, an account be in many hands: failures there count from here on only.
+constexpr int free_of_an_address = 2;
+constexpr int free_of_an_account = 10;
+// So many attempts at once are everyday life.
+constexpr int free_at_once = 4;
 
 std::string pair_key(const std::string &user, const std::string &peer)
 {
-    return peer + "\n" + user;
+    return peer + "\n" + user.substr(0, name_max);
 }
 
 } // namespace
 
-int64_t login_guard::earliest(const std::string &user, const std::string &peer, int64_t now) const
+int64_t login_guard::delay_of(const record &one, int free)
 {
-    int64_t time = now;
-    for (const std::string &key : {peer, pair_key(user, peer)}) {
-        const auto known = records_.find(key);
-        if (known != records_.end())
-            time = std::max(time, known->second.allowed);
-    }
-    return time;
+    const int counted = one.failures + std::max(one.pending - free_at_once, 0) - free;
+    return counted <= 0 ? 0 : std::min(first_delay_ms << std::min(counted - 1, 10), longest_delay_ms);
 }
 
-int64_t login_guard::punish(const std::string &key, int64_t now)
+login_guard::record &login_guard::known(records *in, const std::string &key, int64_t now)
 {
-    record &one = records_[key];
-    one.failures = now - one.last > forgotten_after_ms ? 1 : one.failures + 1;
+    if (in->size() >= most_records && in->count(key) == 0)
+        in->erase(std::min_element(in->begin(), in->end(),
+                                   [](const auto &a, const auto &b) { return a.second.last < b.second.last; }));
+    record &one = (*in)[key];
+    if (now - one.last > forgotten_after_ms)
+        one = {};
     one.last = now;
-    const int64_t delay = std::min(first_delay_ms << std::min(one.failures - 1, 10), longest_delay_ms);
-    one.allowed = now + delay;
-    return delay;
+    return one;
+}
+
+int64_t login_guard::admit(const std::string &user, const std::string &peer, int64_t now)
+{
+    record *const judged[] = {&known(&pairs_, pair_key(user, peer), now), &known(&addresses_, peer, now),
+                              &known(&accounts_, user.substr(0, name_max), now)};
+    int64_t when = now;
+    for (const record *one : judged)
+        when = std::max(when, one->allowed);
+    when = std::min(when, now + longest_delay_ms);
+    const int free[] = {0, free_of_an_address, free_of_an_account};
+    for (size_t i = 0; i < std::size(judged); ++i) {
+        ++judged[i]->pending;
+        if (const int64_t delay = delay_of(*judged[i], free[i]); delay > 0)
+            judged[i]->allowed = std::max(judged[i]->allowed, when + delay);
+    }
+    return when;
 }
 
 int64_t login_guard::failed(const std::string &user, const std::string &peer, int64_t now)
 {
-    forget_old(now);
-    // A peer that tries many names is slowed down like one that tries many passwords.
-    return std::max(punish(peer, now), punish(pair_key(user.substr(0, 256), peer), now));
+    record *const judged[] = {&known(&pairs_, pair_key(user, peer), now), &known(&addresses_, peer, now),
+                              &known(&accounts_, user.substr(0, name_max), now)};
+    const int free[] = {0, free_of_an_address, free_of_an_account};
+    int64_t longest = 0;
+    for (size_t i = 0; i < std::size(judged); ++i) {
+        judged[i]->pending = std::max(judged[i]->pending - 1, 0);
+        ++judged[i]->failures;
+        const int64_t delay = delay_of(*judged[i], free[i]);
+        if (delay > 0)
+            judged[i]->allowed = std::max(judged[i]->allowed, now + delay);
+        longest = std::max(longest, delay);
+    }
+    return longest;
 }
 
 void login_guard::succeeded(const std::string &user, const std::string &peer)
 {
-    records_.erase(peer);
-    records_.erase(pair_key(user, peer));
-}
-
-void login_guard::forget_old(int64_t now)
-{
-    if (records_.size() < most_records)
-        return;
-    std::erase_if(records_, [now](const auto &entry) { return now - entry.second.last > forgotten_after_ms; });
-    if (records_.size() >= most_records)
-        records_.clear();
+    const auto own = pairs_.find(pair_key(user, peer));
+    const int failures = own == pairs_.end() ? 0 : own->second.failures;
+    if (own != pairs_.end()) {
+        own->second.failures = 0;
+        own->second.allowed = 0;
+        own->second.pending = std::max(own->second.pending - 1, 0);
+    }
+    for (const auto &[list, key] : {std::pair{&addresses_, peer}, std::pair{&accounts_, user.substr(0, name_max)}}) {
+        const auto found = list->find(key);
+        if (found == list->end())
+            continue;
+        found->second.failures = std::max(found->second.failures - failures, 0);
+        found->second.pending = std::max(found->second.pending - 1, 0);
+    }
 }
 
 } // namespace veld

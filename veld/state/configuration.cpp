@@ -54,18 +54,27 @@ bool configuration_restore(tree *into, const json_t *document, std::string *erro
     return false;
 }
 
-bool configuration_replace(tree *in, const json_t *document, std::string *error, const std::function<bool()> &keep)
+bool configuration_replace(tree *in, const json_t *document, tree::snapshot *before, std::string *error)
 {
     if (!configuration_readable(document, error))
         return false;
     // Tried on a fresh set of nodes, with the old ones at hand for the way back.
-    tree::snapshot before = in->take();
+    *before = in->take();
     in->reset();
-    if (overlay_apply(in, in->root(), json_object_get(document, "config"), overlay_kind::strict, error) &&
-        (!keep || keep()))
+    if (overlay_apply(in, in->root(), json_object_get(document, "config"), overlay_kind::strict, error))
         return true;
-    in->put_back(std::move(before));
+    in->put_back(std::move(*before));
     return false;
+}
+
+bool configuration_check(tree *in, const json_t *document, json_ref *whole, std::string *error)
+{
+    tree::snapshot before;
+    if (!configuration_replace(in, document, &before, error))
+        return false;
+    *whole = configuration_of(in);
+    in->put_back(std::move(before));
+    return true;
 }
 
 } // namespace veld

@@ -3,8 +3,6 @@
 
 #include "veld/model/tree.h"
 
-#include <functional>
-
 namespace veld
 {
 
@@ -18,10 +16,12 @@ bool configuration_readable(const json_t *document, std::string *error);
 /// damaged: the tree is then in the factory state.
 bool configuration_restore(tree *into, const json_t *document, std::string *error);
 
-/// Replaces the tree's configuration by a document from outside, which must fit the model to its last value. False
-/// when it does not, or when `keep`, called with the new configuration in place, does not want it: the tree is then as
-/// it was.
-bool configuration_replace(tree *in, const json_t *document, std::string *error,
-                           const std::function<bool()> &keep = nullptr);
+/// Whether a document from outside fits the model to its last value; the tree stays as it is. `*whole` receives what is
+/// to be saved then.
+bool configuration_check(tree *in, const json_t *document, json_ref *whole, std::string *error);
+
+/// Replaces the tree's configuration by such a document; `*before` receives the nodes from before. False when it does
+/// not fit: the tree is then as it was.
+bool configuration_replace(tree *in, const json_t *document, tree::snapshot *before, std::string *error);
 
 } // namespace veld

@@ -2,7 +2,6 @@
 
 #include "base/file.h"
 #include "base/json_write.h"
-#include "veld/base/log.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -16,6 +15,8 @@ namespace veld
 
 namespace
 {
+
+constexpr off_t largest_document = off_t{256} << 20;
 
 bool fail(std::string *error, const std::string &path)
 {
@@ -61,41 +62,37 @@ bool state_store::open(const std::string &directory, std::string *error)
     return true;
 }
 
-json_ref state_store::load(const std::string &name)
+bool state_store::load(const std::string &name, json_ref *document, std::string *error) const
 {
+    document->reset();
     if (directory_.empty()) {
         const auto found = memory_.find(name);
-        return found == memory_.end() ? json_ref{} : json_ref::share(found->second.get());
+        if (found != memory_.end())
+            *document = json_ref::share(found->second.get());
+        return true;
     }
-    const fd_owner fd(::open(path(name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (!fd) {
-        if (errno != ENOENT)
-            LOG_ERROR("saved state: %s: %m", path(name).c_str());
-        return {};
+    const fd_owner fd(::open(path(name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!fd)
+        return errno == ENOENT || fail(error, path(name));
+    struct stat found {
+    };
+    if (fstat(fd.get(), &found) != 0)
+        return fail(error, path(name));
+    if (!S_ISREG(found.st_mode)) {
+        *error = path(name) + ": not a regular file";
+        return false;
+    }
+    std::string text;
+    if (found.st_size > largest_document || !read_all(fd.get(), static_cast<size_t>(largest_document), &text)) {
+        errno = found.st_size > largest_document ? EFBIG : errno;
+        return fail(error, path(name));
     }
     json_error_t where{};
-    json_ref document{json_loadfd(fd.get(), JSON_ALLOW_NUL | JSON_REJECT_DUPLICATES, &where)};
-    if (!document)
-        set_aside(name, "line " + std::to_string(where.line) + ": " + where.text);
-    return document;
-}
-
-void state_store::set_aside(const std::string &name, const std::string &why)
-{
-    if (directory_.empty()) {
-        memory_.erase(name);
-        LOG_ERROR("saved state: %s: %s", name.c_str(), why.c_str());
-        return;
-    }
-    std::string aside;
-    int number = 1;
-    do
-        aside = path(name) + ".damaged-" + std::to_string(number++);
-    while (access(aside.c_str(), F_OK) == 0);
-    if (rename(path(name).c_str(), aside.c_str()) == 0)
-        LOG_ERROR("saved state: %s is damaged (%s), set aside as %s", path(name).c_str(), why.c_str(), aside.c_str());
-    else
-        LOG_ERROR("saved state: %s is damaged (%s), and cannot be set aside: %m", path(name).c_str(), why.c_str());
+    document->reset(json_loadb(text.data(), text.size(), JSON_ALLOW_NUL | JSON_REJECT_DUPLICATES, &where));
+    if (*document)
+        return true;
+    *error = path(name) + ": line " + std::to_string(where.line) + ": " + where.text;
+    return false;
 }
 
 bool state_store::save(const std::string &name, const json_t *document, std::string *error)

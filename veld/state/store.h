@@ -20,14 +20,14 @@ public:
     /// Uses a directory, which is made if it is missing and locked against other daemons. False on failure.
     bool open(const std::string &directory, std::string *error);
 
-    /// The document saved under a name as a new reference; null when there is none. One that cannot be understood is
-    /// reported and set aside under another name.
-    json_ref load(const std::string &name);
+    /// Reads the document saved under a name into `*document`, which is null when there is none. False when there is
+    /// one that cannot be read or is none: `*error` then says so, and nothing is to be saved under that name.
+    bool load(const std::string &name, json_ref *document, std::string *error) const;
     /// Replaces the document under a name. Survives a kill at any moment: either the old one is there or the new one.
     bool save(const std::string &name, const json_t *document, std::string *error);
     bool remove(const std::string &name, std::string *error);
-    /// Gives a damaged document another name, so that it is not overwritten.
-    void set_aside(const std::string &name, const std::string &why);
+    /// What messages about the document under a name begin with.
+    std::string place(const std::string &name) const { return directory_.empty() ? name : path(name); }
 
     /// The directory, empty when the store lives in memory.
     const std::string &directory() const { return directory_; }

@@ -1,0 +1,45 @@
+// A thread beside the loop, for what may take long: disks, directory services, passwords, large messages.
+#pragma once
+
+#include "veld/server/loop.h"
+
+#include <functional>
+#include <memory>
+#include <pthread.h>
+
+namespace veld
+{
+
+/// Does one piece of work after the other, in the order in which they were given. Loop's thread only.
+class worker
+{
+public:
+    enum class at_end {
+        finish, ///< the destructor waits until everything that was given is done; nobody hears of it any more
+        abandon ///< what is under way, and may hang, is left alone; the rest is dropped
+    };
+
+    worker(loop &events, at_end how);
+    worker(const worker &) = delete;
+    worker &operator=(const worker &) = delete;
+    ~worker();
+
+    /// Calls `work` in the thread, then `after` on the loop. What both share is `work`'s alone until `after` is called.
+    void run(std::function<void()> work, std::function<void()> after = nullptr);
+    /// How many pieces are not done yet.
+    size_t waiting() const { return waiting_; }
+
+private:
+    struct shared;
+    static void serve(const std::shared_ptr<shared> &state);
+    void collect();
+
+    loop &loop_;
+    at_end how_;
+    std::shared_ptr<shared> state_;
+    size_t waiting_ = 0;
+    bool started_ = false;
+    pthread_t thread_ = {};
+};
+
+} // namespace veld
