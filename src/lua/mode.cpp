@@ -34,8 +34,8 @@ struct free_deleter {
 };
 
 struct {
-    ve_history history;       // of all Lua modes
-    size_t session_begin = 0; // the entry with which this one begins
+    ve_history history; // of all Lua modes
+    std::string script; // the statements of this one, as a script that does the same
 } console;
 
 bool is_quit(const char *text)
@@ -56,14 +56,17 @@ void drop_statement(std::string &statement)
 }
 
 /// The statement is done, compiled or not.
-void finish_statement(std::string &statement, bool compiled)
+void finish_statement(lua_State *L, std::string &statement, bool compiled)
 {
     prompt_set_incompleted(0);
     prompt_update_postfix(compiled ? "lua" : "lua(fail)");
-    if (isspace(static_cast<unsigned char>(statement[0])) != 0)
+    if (isspace(static_cast<unsigned char>(statement[0])) != 0) {
         ve_puts(statement.c_str());
-    else
+    } else {
         console.history.add(statement);
+        if (compiled && !kest_lua_failed())
+            kest_lua_record(L, statement, &console.script);
+    }
     statement.clear();
     interrupt_disarm();
     ve_out_flush();
@@ -82,7 +85,7 @@ void run_statement(lua_State *L, std::string &statement)
     else if (result == 1)
         prompt_set_incompleted(1);
     else
-        finish_statement(statement, result == 0);
+        finish_statement(L, statement, result == 0);
 }
 
 /// Runs lines until "q", Ctrl-D or the loss of the daemon.
@@ -118,7 +121,7 @@ void run_lines(lua_State *L)
 void save_session()
 {
     if (record_check())
-        record_commit(console.history.script(console.session_begin));
+        record_commit(console.script);
     console.history.save();
 }
 
@@ -144,7 +147,7 @@ int lua_mode_run()
     kest_readline_cleanup();
     kest_readline_use({lua_autocomplete}, &console.history);
     console.history.load(history_file);
-    console.session_begin = console.history.size();
+    console.script.clear();
     {
         const lua_client client(leave_program, is_running);
         if (client) {

@@ -28,6 +28,7 @@ struct {
     int results = -1;             // reference of the results table, -1: none yet
     unsigned results_count = 0;   // shown so far
     bool owns_underscore = false; // "_" is ours
+    bool failed = false;          // the last piece raised an error
     std::string expression;       // not a local: Lua code can raise
 } session;
 
@@ -103,6 +104,13 @@ int show_result(lua_State *L)
     return 0;
 }
 
+bool compiles(lua_State *L, const std::string &text)
+{
+    const bool good = luaL_loadbufferx(L, text.data(), text.size(), chunk_name, "t") == LUA_OK;
+    lua_pop(L, 1);
+    return good;
+}
+
 bool ends_unfinished(const char *message, size_t size)
 {
     const size_t end = strlen(unfinished_end);
@@ -137,10 +145,32 @@ int luap_call(lua_State *L, int nargs)
     return call_protected(L, nargs, LUA_MULTRET);
 }
 
+bool kest_lua_failed()
+{
+    return session.failed;
+}
+
+void kest_lua_record(lua_State *L, const std::string &text, std::string *script)
+{
+    // In a script something follows, which nothing may that follows a return.
+    if (compiles(L, text + "\ndo end")) {
+        script->append(text.front() == '(' ? ";" : "").append(text).append("\n");
+        return;
+    }
+    const std::string values = text.substr(0, text.find_last_not_of(" \t;") + 1);
+    if (compiles(L, "dm.show(" + values + ")"))
+        script->append("dm.show(").append(values).append(")\n");
+    else if (compiles(L, "dm.show(" + values + "\n)")) // a comment ends it
+        script->append("dm.show(").append(values).append("\n)\n");
+    else
+        script->append("dm.show((function()\n").append(text).append("\nend)())\n");
+}
+
 void kest_lua_run_chunk(lua_State *L)
 {
     const int chunk = lua_gettop(L);
-    if (luap_call(L, 0) == LUA_OK) {
+    session.failed = luap_call(L, 0) != LUA_OK;
+    if (!session.failed) {
         const int last = lua_gettop(L);
         // A description that fails is reported in its place; the others follow.
         for (int i = chunk; i <= last && !ve_wait_interrupted(); ++i) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 struct lua_State;
 
@@ -15,6 +16,11 @@ void kest_lua_cleanup(lua_State *L);
 /// Compiles and runs one piece of text, as an expression list where it is one. Returns 0 when it ran (whether or not it
 /// raised an error), 1 when it is incomplete, -1 when it does not compile.
 int kest_lua_execute(lua_State *L, const char *text, size_t length);
+/// Whether the piece that ran last raised an error.
+bool kest_lua_failed();
+/// Appends a complete piece to a script of such pieces, so that it does there what it did here: what only looked at
+/// values shows them.
+void kest_lua_record(lua_State *L, const std::string &text, std::string *script);
 /// Runs the function on top of the stack; shows every value that it returns and stores it in the results table.
 void kest_lua_run_chunk(lua_State *L);
 

@@ -135,6 +135,9 @@ void read_lines()
             return;
         }
     }
+    // The daemon ended the session, by a reboot perhaps, not the user.
+    if (record_check())
+        record_commit();
 }
 
 } // namespace

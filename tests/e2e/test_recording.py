@@ -1,0 +1,105 @@
+"""Recordings: that they are written when a session ends by itself, and that what they hold does what the session did."""
+
+import os
+
+import pytest
+
+from lib.commands import MODEL, refuse_logins
+
+
+@pytest.fixture
+def model(fake):
+    fake.serve(MODEL)
+    refuse_logins(fake)
+    return fake
+
+
+# record
+
+
+def test_a_reboot_writes_what_was_recorded(shell, veld_start, tmp_path):
+    device = veld_start("--reboot-time", "0", "--state", tmp_path / "state")
+    term = shell(to=device)
+    term.run("record file")
+    term.run("set Device.Time.NTPServer1=mine")
+    term.type("reboot -f\r")
+    assert term.wait_exit() == 0
+    assert (tmp_path / "file").read_text() == "set Device.Time.NTPServer1=mine\nreboot -f\n"
+
+
+def test_a_lost_link_writes_what_was_recorded(shell, model, tmp_path):
+    term = shell(to=model)
+    term.run("record file")
+    term.run("cd Device.Time")
+    model.drop_all()
+    assert term.wait_exit() == 0
+    assert (tmp_path / "file").read_text() == "cd Device.Time\n"
+
+
+def test_a_recording_that_cannot_be_written_says_so(kest_start, model, tmp_path):
+    reader, writer = os.pipe()
+    run = kest_start(to=model, stdin=reader)
+    (tmp_path / "folder").mkdir()
+    os.write(writer, b"record folder/file\npwd\n")
+    run.wait_for("\n:\n")
+    (tmp_path / "folder" / "file").unlink()
+    (tmp_path / "folder").rmdir()
+    model.drop_all()
+    run.finish()
+    os.close(writer)
+    os.close(reader)
+    assert run.err == "folder/file: No such file or directory\n"
+
+
+@pytest.mark.parametrize("line, value", [
+    ('set Device.Time.Zone="a b"', "a b"), ("set 'Device.Time.Zone=a \"b\" # c' # zone", 'a "b" # c'),
+    ("set Device.Time.Zone=a\\\\b", "a\\b"), ('set "Device.Time.Zone= !x"', " !x"),
+])
+def test_a_recorded_line_means_the_same_when_a_shell_reads_the_file(kest, model, tmp_path, line, value):
+    model.on("SetParameterValues", {"Status": 0})
+    kest(to=model, stdin=f"record file\n{line}\nq\n")
+    assert (tmp_path / "file").read_text() == line + "\n"
+    kest(to=model, stdin=(tmp_path / "file").read_text())
+    first, second = model.params("SetParameterValues")
+    assert first == second == {"ParameterList": [{"Name": "Device.Time.Zone", "Value": value}]}
+
+
+# luarecord
+
+
+@pytest.mark.parametrize("lines, recorded, printed", [
+    (["x = 1", "x", "x + 1, 'a'"], "x = 1\ndm.show(x)\ndm.show(x + 1, 'a')\n", '1\n2\n"a"\n'),
+    (["x = 2; -- two", "x -- what is it", "x ;"], "x = 2; -- two\ndm.show(x -- what is it\n)\ndm.show(x)\n", "2\n2\n"),
+    (["print(1)", "= 1", "error('no')", "nothing.here", "print(2)"], "print(1)\nprint(2)\n", "1\n2\n"),
+    (["x = 1", "return x", "x = x + 1 return x", "x"],
+     "x = 1\ndm.show((function()\nreturn x\nend)())\ndm.show((function()\nx = x + 1 return x\nend)())\ndm.show(x)\n", "1\n2\n2\n"),
+    (["f = print", "(f or print)('two')"], "f = print\n;(f or print)('two')\n", "two\n"),
+    (["for i = 1, 2 do", "print(i)", "end", "({ 1,", "2 })"], "for i = 1, 2 do\nprint(i)\nend\ndm.show(({ 1,\n2 }))\n", "1\n2\n{ 1, 2,  }\n"),
+    ([" hidden = 1", "dm.get('Device.Time.Zone')"], "dm.get('Device.Time.Zone')\n", ""),
+])
+def test_a_lua_recording_is_a_script(kest, model, tmp_path, lines, recorded, printed):
+    kest(to=model, stdin="\n".join(["luarecord file", *lines, "q", "q", ""]))
+    assert (tmp_path / "file").read_text() == recorded
+    run = kest("-S", "file", to=model)
+    assert (run.out, run.err, run.status) == (printed, "", 0)
+
+
+# A blank in a value, where quotes are no quotes
+
+
+@pytest.mark.parametrize("words, config", [
+    (("-s", "file"), None), (("-c", "file", "-n", "x"), None), (("-c", "config", "-s", "file"), "login admin -p admin\n"),
+])
+def test_a_value_with_a_blank_is_written_in_lua(kest, model, tmp_path, words, config):
+    model.on("Login", {}).on("SetParameterValues", {"Status": 0})
+    (tmp_path / "config").write_text(config or "")
+    (tmp_path / "file").write_text("lua dm.set(\"Device.Time.Zone\", \"a name\")\n")
+    kest(*words, to=model)
+    assert model.params("SetParameterValues") == [{"ParameterList": [{"Name": "Device.Time.Zone", "Value": "a name"}]}]
+
+
+def test_a_value_with_a_blank_is_a_json_text_in_a_script(kest, model, tmp_path):
+    model.on("SetParameterValues", {"Status": 0})
+    (tmp_path / "file").write_text('set Device.Time.Zone="a\\u0020name"\n')
+    kest("-s", "file", to=model)
+    assert model.params("SetParameterValues") == [{"ParameterList": [{"Name": "Device.Time.Zone", "Value": "a name"}]}]
