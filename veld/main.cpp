@@ -6,6 +6,7 @@
 #include "veld/model/document.h"
 #include "veld/model/populate.h"
 #include "veld/options.h"
+#include "veld/passwords.h"
 #include "veld/rpc/service.h"
 #include "veld/server/doors.h"
 #include "veld/server/tls.h"
@@ -79,6 +80,8 @@ int main(int argc, char **argv)
     std::string error;
     if (!wanted.log.empty() && !log_open(wanted.log, &error))
         return failed(error);
+    if (!passwords_take(std::move(wanted.users), wanted.password_file, &error))
+        return failed(error);
     const std::string name = wanted.model.empty() ? "gateway" : wanted.model;
     json_ref document = document_read(name, &error);
     if (!document)
@@ -109,17 +112,24 @@ int main(int argc, char **argv)
     worker disk(events, worker::at_end::finish);
     device machine(events, *model, store, disk, wanted.reboot_ms);
     flasher flash(events, *model, machine, wanted.flash_ms);
+    bool values_fit = true;
+    std::string values_error;
     model->on_reset([&] {
         if (wanted.populate > 0)
             populate(model.get(), wanted.populate, wanted.populate_nested);
+        first_users_apply(model.get());
+        values_fit = wanted.values.apply(model.get(), &values_error) && values_fit;
         flash.restore_version();
     });
     // What is there and cannot be read is no reason for a fresh device, which lets in whoever knows the usual
     // passwords.
     if (!flash.start(store, &error) || !machine.start(&error))
         return failed(error);
+    if (!values_fit)
+        return failed(values_error);
     downloads fetching(events, machine, flash, folders, {wanted.download_limit, wanted.download_stall_ms});
     service served(events, *model, machine, fetching);
+    served.let_anonymous(wanted.anonymous);
     doors entrances(events, [&](arrival who) {
         auto link = identity ? identity->accept(std::move(who.fd)) : std::make_unique<transport>(std::move(who.fd));
         if (link)

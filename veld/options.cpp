@@ -34,6 +34,11 @@ constexpr const char *usage_text =
     "\t    --download-limit BYTES  The largest download (default is 4294967296).\n"
     "\t    --download-timeout SECONDS  How long a download may stand still (default is 10).\n"
     "\t    --populate N[,M]        Give every table N instances, tables within tables M (default is 1).\n"
+    "\t    --set PATH=VALUE        A factory value of this instance, may be repeated.\n"
+    "\t    --values FILE           Factory values of this instance: lines PATH=VALUE, or a JSON object.\n"
+    "\t    --user NAME:ROLE        A user of the device, \"user\" or \"admin\", may be repeated.\n"
+    "\t    --password-file FILE    Passwords of these users, one a line (default is to ask for them).\n"
+    "\t    --anonymous ROLE        What those may do who have not logged in: public (default), user or admin.\n"
     "\t    --log LEVEL|FILE        Log up to error, warning (default), info or debug on standard error,\n"
     "\t                            or up to info into a file.\n"
     "\t    --import FILE.xml       Turn a Broadband Forum data model into a model document, and end.\n"
@@ -60,7 +65,12 @@ enum option_value {
     option_download_limit,
     option_download_timeout,
     option_make_image,
-    option_payload
+    option_payload,
+    option_set,
+    option_values,
+    option_user,
+    option_password_file,
+    option_anonymous
 };
 
 const option long_options[] = {
@@ -81,6 +91,11 @@ const option long_options[] = {
     {"make-image", required_argument, nullptr, option_make_image},
     {"payload", required_argument, nullptr, option_payload},
     {"output", required_argument, nullptr, option_output},
+    {"set", required_argument, nullptr, option_set},
+    {"values", required_argument, nullptr, option_values},
+    {"user", required_argument, nullptr, option_user},
+    {"password-file", required_argument, nullptr, option_password_file},
+    {"anonymous", required_argument, nullptr, option_anonymous},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'v'},
     {nullptr, 0, nullptr, 0},
@@ -120,6 +135,12 @@ bool two_counts(const char *text, uint32_t *first, uint32_t *second)
     return *text == '\0';
 }
 
+bool role_of(std::string_view text, role *out)
+{
+    *out = text == "admin" ? role::administrator : text == "user" ? role::user : role::anonymous;
+    return *out != role::anonymous || text == "public";
+}
+
 options_outcome wrong(const char *option, const char *text, const char *expected)
 {
     fprintf(stderr, "veld: %s %s: must be %s\n", option, text, expected);
@@ -131,6 +152,7 @@ options_outcome wrong(const char *option, const char *text, const char *expected
 options_outcome options_parse(int argc, char **argv, options *out)
 {
     int found = 0;
+    std::string error;
     while ((found = getopt_long(argc, argv, "hv", long_options, nullptr)) != -1) {
         switch (found) {
         case option_socket:
@@ -190,6 +212,27 @@ options_outcome options_parse(int argc, char **argv, options *out)
             break;
         case option_output:
             out->output = optarg;
+            break;
+        case option_set:
+            if (!out->values.add(optarg, &error))
+                return wrong("--set", optarg, "of the form PATH=VALUE");
+            break;
+        case option_values:
+            if (!out->values.add_file(optarg, &error)) {
+                fprintf(stderr, "veld: --values %s\n", error.c_str());
+                return options_outcome::wrong;
+            }
+            break;
+        case option_user:
+            if (!first_user_parse(optarg, &out->users.emplace_back()))
+                return wrong("--user", optarg, "of the form NAME:ROLE, with \"user\" or \"admin\"");
+            break;
+        case option_password_file:
+            out->password_file = optarg;
+            break;
+        case option_anonymous:
+            if (!role_of(optarg, &out->anonymous))
+                return wrong("--anonymous", optarg, "\"public\", \"user\" or \"admin\"");
             break;
         case 'h':
             fputs(usage_text, stdout);

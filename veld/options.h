@@ -1,6 +1,9 @@
 // The daemon's command line.
 #pragma once
 
+#include "veld/model/given.h"
+#include "veld/session/first_users.h"
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,7 +18,11 @@ struct options {
     std::string import;                   ///< a data model to import instead of serving anything; empty: none
     std::string output;                   ///< the file that an import or an image goes to; empty: standard output
     uint32_t populate = 0, populate_nested = 1;
-    std::string model; ///< of an import: which of several models; empty: "gateway", or all of them
+    std::string model;                ///< of an import: which of several models; empty: "gateway", or all of them
+    role anonymous = role::anonymous; ///< what those may do who have not logged in
+    std::vector<first_user> users;    ///< without their passwords yet
+    std::string password_file;        ///< of these users; empty: the terminal, or standard input
+    given_values values;
     std::string log;
     std::string state; ///< directory of what survives a restart; empty: nothing does
     std::string files; ///< directory of downloaded files; empty: below the state's

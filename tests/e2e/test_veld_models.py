@@ -85,3 +85,171 @@ def test_what_no_default_can_be_made_up_for_is_empty_at_first(sandbox, veld_star
     path.write_text(json.dumps({"format": 1, "root": {"Device": {"children": children}}, "description": "a test"}))
     veld = veld_start(model=path)
     assert [veld.value(f"Device.{name}") for name in children] == [""] * 4
+
+
+# --- one instance of many ---
+
+USERS = {
+    "Serial": {"type": "string", "default": "S0", "minLength": 2},
+    "Level": {"type": "unsignedInt", "access": "readWrite", "default": 5, "maxInclusive": 10},
+    "Big": {"type": "unsignedLong", "default": 0},
+    "Up": {"type": "unsignedInt", "default": 0, "live": "uptime"},
+    "Users": {
+        "write": "admin",
+        "children": {
+            "User": {
+                "multi": True,
+                "access": "readWrite",
+                "template": {
+                    "access": "readWrite",
+                    "children": {
+                        "Enable": {"type": "boolean", "access": "readWrite", "default": False},
+                        "Username": {"type": "string", "access": "readWrite", "default": "", "unique": True},
+                        "Password": {
+                            "type": "string",
+                            "access": "readWrite",
+                            "default": "",
+                            "maxLength": 16,
+                            "secret": True,
+                            "handler_set": "password",
+                        },
+                    },
+                },
+                "instances": {"1": {"Enable": True, "Username": "anna"}},
+            }
+        },
+    },
+}
+
+
+def model_file(sandbox, children, root="Device"):
+    path = sandbox.work / "instance.json"
+    path.write_text(json.dumps({"format": 1, "root": {root: {"children": children}}}))
+    return path
+
+
+def login(veld, user, password):
+    """A connection that has logged in, or the code of the refusal."""
+    peer = veld.connect()
+    answer = peer.answer(peer.request("Login", {"User": user, "Password": password}))
+    return peer if "result" in answer else answer["error"]["code"]
+
+
+def code_of(peer, method, **params):
+    return peer.answer(peer.request(method, params)).get("error", {}).get("code")
+
+
+def set_one(peer, name, value):
+    return code_of(peer, "SetParameterValues", ParameterList=[{"Name": name, "Value": value}])
+
+
+def test_an_instance_has_values_of_its_own_from_the_factory(sandbox, veld_start):
+    (sandbox.work / "box.values").write_text("# this box\n\nDevice.Serial=S=41\nDevice.Level=7\n")
+    (sandbox.work / "box.json").write_text('{"Device.Big": "18446744073709551615", "Device.Level": 8}')
+    veld = veld_start(
+        *("--values", sandbox.work / "box.values", "--values", "box.json", "--set", "Device.Serial=S42", "--set", "Device.Up=3"),
+        *("--reboot-time", "0", "--set", "Device.Users.User.1.Password=secret word"),
+        model=model_file(sandbox, USERS),
+    )
+    values = {"Device.Serial": "S42", "Device.Level": 8, "Device.Big": "18446744073709551615", "Device.Up": 3}
+    assert {name: veld.value(name) for name in values} == values
+    assert login(veld, "anna", "wrong") == 9001
+    assert login(veld, "anna", "secret word") != 9001
+    # They are the factory's: a reset comes back to them, and what was set since is gone.
+    admin = veld.connect()
+    admin.call("Login", User="root")
+    assert set_one(admin, "Device.Level", 2) is None
+    admin.call("FactoryReset")
+    assert {name: veld.value(name) for name in values} == values
+    assert login(veld, "anna", "secret word") != 9001
+
+
+def test_values_that_do_not_fit_stop_the_start(sandbox):
+    path = model_file(sandbox, USERS)
+    (sandbox.work / "bad.values").write_text("Device.Serial=S1\nDevice.Level\n")
+    for options, status, expected in (
+        (["--set", "Device.Serial=1"], 1, "Device.Serial: must have at least 2 characters"),
+        (["--set", "Device.Level=eleven"], 1, 'Device.Level: "eleven" is no value of type unsignedInt'),
+        (["--set", "Device.Level=11"], 1, "Device.Level: must be at most 10"),
+        (["--set", "Device.Serials=S1"], 1, "Device.Serials: no such parameter"),
+        (["--set", "Device.Users.User.2.Enable=true"], 1, "Device.Users.User.2.Enable: no such parameter"),
+        (["--set", "Device.Level"], 2, "--set Device.Level: must be of the form PATH=VALUE"),
+        (["--values", "bad.values"], 2, '--values bad.values:2: "Device.Level" is not of the form PATH=VALUE'),
+        (["--values", "none"], 2, "--values none: No such file or directory"),
+        (["--anonymous", "root"], 2, '--anonymous root: must be "public", "user" or "admin"'),
+        (["--user", "anna"], 2, '--user anna: must be of the form NAME:ROLE, with "user" or "admin"'),
+        (["--user", "anna:admin"], 1, "--user anna: no password"),
+        (["--user", "anna:admin", "--password-file", "none"], 1, "none: No such file or directory"),
+    ):
+        argv = [settings.VELD, "--socket", sandbox.new_socket(), "--model", path, *options]
+        done = subprocess.run(
+            argv,
+            env=sandbox.environment(None),
+            cwd=sandbox.work,
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            timeout=settings.DEADLINE,
+        )
+        assert (done.returncode, done.stderr.decode()) == (status, f"veld: {expected}\n")
+
+
+def test_the_command_line_brings_the_first_administrator(sandbox, veld_start):
+    (sandbox.work / "passwords").write_text("one\ntwo\n")
+    users = ("--user", "boss:admin", "--user", "anna:user", "--password-file", "passwords")
+    state = ("--state", "state", "--reboot-time", "0")
+    veld = veld_start(*users, *state, model=model_file(sandbox, USERS))
+    boss = login(veld, "boss", "one")
+    anna = login(veld, "anna", "two")
+    assert login(veld, "boss", "two") == 9001
+    # The model has no say in who administers it: the command line has.
+    assert set_one(boss, "Device.Users.User.1.Username", "anne") is None
+    assert set_one(anna, "Device.Users.User.2.Username", "me") == 9001
+    assert veld.value("Device.Users.User.2.Username") == "boss"
+    # What is set and saved stands before the command line, and is kept as a hash however short passwords may be.
+    assert set_one(boss, "Device.Users.User.2.Password", "three") is None
+    boss.call("SaveConfig")
+    saved = json.loads((sandbox.work / "state" / "config.json").read_text())
+    assert saved["config"]["Device"]["Users"]["User"]["instances"]["2"]["Password"].startswith("$6$")
+    veld.restart()
+    assert login(veld, "boss", "one") == 9001
+    boss = login(veld, "boss", "three")
+    boss.call("FactoryReset")
+    assert login(veld, "boss", "one") != 9001
+
+
+def test_a_model_without_users_has_those_of_the_command_line(sandbox, veld_start):
+    (sandbox.work / "passwords").write_text("one\n")
+    path = model_file(sandbox, {"Line": {"type": "int", "access": "readWrite", "default": 0}}, root="VoiceService")
+    veld = veld_start("--user", "boss:admin", "--password-file", "passwords", model=path)
+    assert login(veld, "nobody", "one") == 9001
+    boss = login(veld, "boss", "one")
+    assert set_one(boss, "VoiceService.Line", 1) is None
+    assert code_of(boss, "FactoryReset") is None
+
+
+def test_the_password_is_asked_for_on_the_terminal(sandbox, terminal):
+    path = model_file(sandbox, USERS)
+    term = terminal(
+        *("--socket", sandbox.new_socket(), "--listen", "tcp://127.0.0.1:0", "--model", path, "--user", "boss:admin"),
+        program=settings.VELD,
+    )
+    term.wait_for("Password of boss:")
+    term.type("topsecret\r")
+    term.wait_for("listening on tcp://127.0.0.1:")
+    assert "topsecret" not in term.text
+    term.type("\x03")
+    assert term.wait_exit() == 0
+
+
+def test_what_nobody_in_particular_may_do_is_chosen(sandbox, veld_start):
+    path = model_file(sandbox, USERS)
+    for rights, level, user, reset in (("public", 9001, 9001, 9001), ("user", None, 9001, 9001), ("admin", None, None, None)):
+        veld = veld_start("--anonymous", rights, model=path)
+        peer = veld.connect()
+        assert set_one(peer, "Device.Level", 1) == level
+        assert set_one(peer, "Device.Users.User.1.Username", "x") == user
+        assert code_of(peer, "FactoryReset") == reset
+        peer.call("Login", User="root")
+        assert set_one(peer, "Device.Users.User.1.Username", "y") is None
+        peer.call("Logout")
+        assert set_one(peer, "Device.Users.User.1.Username", "z") == user

@@ -129,7 +129,7 @@ json_ref tree::value(node *parameter)
     const scheme &what = *parameter->what;
     switch (what.from) {
     case source::live: {
-        if (parameter->changed)
+        if (parameter->changed || parameter->given)
             break;
         json_ref live{live_.value ? live_.value(what.provider) : nullptr};
         json_ref kept;

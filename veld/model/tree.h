@@ -37,6 +37,7 @@ struct node {
     std::unique_ptr<table_state> table;
     uint32_t number = 0;  ///< of an instance, else 0
     bool changed = false; ///< set since the factory: goes into the saved state
+    bool given = false;   ///< has a factory value of its own, which stands before a live one
 
     bool is_instance() const { return number != 0; }
 };

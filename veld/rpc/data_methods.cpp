@@ -112,7 +112,7 @@ void service::finish_set(client &from, const json_t *list, const ready_hashes &h
             json_object_set(value.get(), "Value", change.value.get());
         json_object_set_new(value.get(), "User", json_stringn(user.data(), user.size()));
         events.add(event_value_set, value.get(), change.what->read);
-        accounts = accounts || std::string_view(change.name).starts_with(accounts_place);
+        accounts = accounts || is_of_accounts(change.name);
     }
     deliver(events);
     if (accounts)
@@ -156,7 +156,7 @@ void service::delete_object(client &from, const json_t *params, const ticket &to
         return answer_fault(to, problem);
     answer_result(to, status_ok);
     instance_event("Delete", table, number);
-    if (tree::name(table).starts_with(accounts_place))
+    if (is_of_accounts(tree::name(table)))
         review_logins();
 }
 

@@ -186,6 +186,7 @@ void service::welcome(arrival who, std::unique_ptr<transport> link)
     const uint64_t id = next_client_++;
     LOG_DEBUG("client %llu from %s", static_cast<unsigned long long>(id), who.peer.c_str());
     client &fresh = clients_[id];
+    fresh.who = nobody_;
     fresh.link =
         std::make_unique<connection>(loop_, id, std::move(link), std::move(who.peer), who.identity, *this, memory_);
 }
@@ -435,7 +436,7 @@ void service::review_logins()
         const login now = login_reviewed(&tree_, one.who);
         if (now.rights != one.who.rights || now.name != one.who.name)
             LOG_INFO("%s: the rights of \"%.64s\" have changed", one.link->peer().c_str(), one.who.name.c_str());
-        one.who = now;
+        one.who = now.somebody() ? now : nobody_;
         one.link->known(now.somebody());
     }
 }

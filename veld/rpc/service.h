@@ -71,6 +71,9 @@ public:
     service &operator=(const service &) = delete;
     ~service() override;
 
+    /// What those may do who have not logged in.
+    void let_anonymous(role rights) { nobody_.rights = rights; }
+
     /// Takes a client that has connected, with its link; or turns it away, where somebody has too many.
     void welcome(arrival who, std::unique_ptr<transport> link);
 
@@ -148,6 +151,7 @@ private:
     downloads &downloads_;
     executions executions_;
     sessions sessions_;
+    login nobody_; // whom a connection belongs to before a login
     login_guard guard_;
     held_memory memory_;
     std::unordered_set<std::string_view> password_names_; // of the parameters that passwords are kept in

@@ -101,7 +101,7 @@ void service::finish_login(const ticket &to, const std::optional<login> &who, co
 
 void service::log_out(client &from, const json_t *, const ticket &to)
 {
-    from.who = {};
+    from.who = nobody_;
     from.link->known(false);
     answer_result(to, "{}");
 }

@@ -1,7 +1,9 @@
 #include "veld/session/accounts.h"
 
 #include "veld/model/password.h"
+#include "veld/session/first_users.h"
 
+#include <algorithm>
 #include <pwd.h>
 #include <unistd.h>
 
@@ -28,24 +30,36 @@ std::string text(const json_ref &value)
     return {json_string_value(value.get()), json_string_length(value.get())};
 }
 
+account account_of(tree *model, node *instance, const std::string &user)
+{
+    account found;
+    found.enabled = json_is_true(member(model, instance, "Enable").get());
+    const json_ref administrator = member(model, instance, "X_VELD_Administrator");
+    const first_user *brought = first_user_find(user);
+    // Where the model has no say in who administers the device, the command line has.
+    found.administrator = administrator ? json_is_true(administrator.get())
+                                        : brought != nullptr && brought->rights == role::administrator;
+    const json_ref hash = member(model, instance, "Password");
+    if (json_is_string(hash.get()))
+        found.hash = text(hash);
+    return found;
+}
+
 std::optional<account> find_account(tree *model, const std::string &user)
 {
-    const place table = model->find("Device.Users.User.");
-    if (!table || table.at->what != table.what || !table.at->table || user.empty())
+    if (user.empty())
         return {};
-    for (const auto &one : table.at->table->instances) {
-        const json_ref name = member(model, one.get(), "Username");
-        if (!json_is_string(name.get()) || text(name) != user)
-            continue;
-        account found;
-        found.enabled = json_is_true(member(model, one.get(), "Enable").get());
-        found.administrator = json_is_true(member(model, one.get(), "X_VELD_Administrator").get());
-        const json_ref hash = member(model, one.get(), "Password");
-        if (json_is_string(hash.get()))
-            found.hash = text(hash);
-        return found;
-    }
-    return {};
+    const std::vector<node *> tables = user_tables(model);
+    for (node *table : tables)
+        for (const auto &one : table->table->instances)
+            if (const json_ref name = member(model, one.get(), "Username");
+                json_is_string(name.get()) && text(name) == user)
+                return account_of(model, one.get(), user);
+    // A model without users may have those of the command line all the same.
+    const first_user *brought = tables.empty() ? first_user_find(user) : nullptr;
+    if (brought == nullptr)
+        return {};
+    return account{true, brought->rights == role::administrator, json_string_value(brought->hash.get())};
 }
 
 role rights_of(const account &known)
@@ -96,6 +110,12 @@ std::optional<login> login_by_hash(tree *model, const std::string &user, const s
     if (!known || !known->enabled || known->hash != hash || hash.empty())
         return {};
     return login{user, rights_of(*known), false, false};
+}
+
+bool is_of_accounts(std::string_view name)
+{
+    name.remove_prefix(std::min(name.find('.'), name.size()));
+    return name.starts_with(".Users.");
 }
 
 login login_reviewed(tree *model, const login &who)

@@ -37,7 +37,7 @@ std::optional<login> login_by_hash(tree *model, const std::string &user, const s
 /// What is left of a login, after the users of the model have changed.
 login login_reviewed(tree *model, const login &who);
 
-/// The place below which the model keeps its users.
-inline constexpr std::string_view accounts_place = "Device.Users.";
+/// Whether a name is of something below which a model keeps its users: "Device.Users.".
+bool is_of_accounts(std::string_view name);
 
 } // namespace veld
