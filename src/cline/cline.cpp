@@ -15,7 +15,7 @@ namespace
 {
 
 constexpr char program[] = "kest";
-constexpr char version[] = "0.2.1";
+constexpr char version[] = KEST_VERSION;
 
 constexpr int option_raw = 1;
 constexpr int option_ssl = 2;

@@ -2,6 +2,8 @@
 
 import pytest
 
+from lib import settings
+
 VALUE = {"ParameterList": [{"Name": "Device.A", "Value": 1}]}
 USAGE = """Veltro Management System client.
 Usage: kest [options]
@@ -36,7 +38,7 @@ def test_the_usage_names_the_program_not_its_link(kest):
 @pytest.mark.parametrize("option", ["-v", "--version"])
 def test_version(kest, option):
     run = kest(option)
-    assert (run.out, run.err, run.status) == ("Veltro Management System client.\nkest version 0.2.1\n", "", 0)
+    assert (run.out, run.err, run.status) == (f"Veltro Management System client.\nkest version {settings.VERSION}\n", "", 0)
 
 
 @pytest.mark.parametrize("words", [["-x"], ["--none"], ["-r"], ["-i"], ["-i", "1"], ["--groups"]])

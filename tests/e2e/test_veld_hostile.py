@@ -325,7 +325,7 @@ def test_a_model_that_is_none_is_refused_with_the_place(tmp_path, text, error):
 
 def test_help_version_and_wrong_options():
     run = subprocess.run([settings.VELD, "--version"], capture_output=True, text=True, timeout=settings.DEADLINE)
-    assert (run.returncode, run.stdout, run.stderr) == (0, "veld version 0.2.1\n", "")
+    assert (run.returncode, run.stdout, run.stderr) == (0, f"veld version {settings.VERSION}\n", "")
     run = subprocess.run([settings.VELD, "--help"], capture_output=True, text=True, timeout=settings.DEADLINE)
     assert run.returncode == 0 and run.stdout.startswith("Veltro Management System daemon.\nUsage: veld [options]\n")
     assert refused_start("--nothing")[0] == 2

@@ -93,7 +93,7 @@ TEST(ClineParse, VersionIsTwoLines)
     for (const char *option : {"-v", "--version"}) {
         const parsed run({option});
         EXPECT_EQ(run.result, 1);
-        EXPECT_EQ(run.out, "Veltro Management System client.\nkest version 0.2.1\n");
+        EXPECT_EQ(run.out, "Veltro Management System client.\nkest version " KEST_VERSION "\n");
     }
 }
 

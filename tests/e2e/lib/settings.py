@@ -6,6 +6,7 @@ KEST_PATIENCE   factor on every deadline; sanitizer builds are several times slo
 """
 
 import os
+import re
 import time
 from pathlib import Path
 
@@ -14,6 +15,7 @@ BUILD = Path(os.environ.get("KEST_BUILD", SOURCE / "build")).resolve()
 KEST = BUILD / "bin" / "kest"
 VELD = Path(os.environ.get("KEST_VELD", BUILD / "bin" / "veld")).resolve()
 MODELS = SOURCE / "models"
+VERSION = re.search(r"^project\(kest VERSION (\S+)", (SOURCE / "CMakeLists.txt").read_text(), re.M)[1]
 
 PATIENCE = float(os.environ.get("KEST_PATIENCE", "1"))
 DEADLINE = 10.0 * PATIENCE  # seconds that one wait may take
