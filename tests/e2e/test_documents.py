@@ -1,0 +1,135 @@
+"""The documents: their examples print what they say, and nothing is missing from them."""
+
+import re
+import subprocess
+
+import pytest
+
+from lib import pages, picture, settings
+from lib.program import Program
+
+MANUALS = sorted(pages.DOCS.glob("*.[18]"))
+
+
+@pytest.fixture
+def bin(sandbox, veld):
+    """A folder of programs for which the default daemon is this test's."""
+    folder = sandbox.root / "bin"
+    folder.mkdir()
+    for name in ("kest", "kest_lua", "kest_interpreter"):
+        (folder / name).write_text(f'#!/bin/bash\nexec -a {name} {settings.KEST} -u {veld.address} "$@"\n')
+        (folder / name).chmod(0o755)
+    (folder / "veld").write_text(f'#!/bin/bash\nexec {settings.VELD} --model {settings.MODELS}/gateway.json "$@"\n')
+    (folder / "veld").chmod(0o755)
+    return folder
+
+
+def pages_with_examples():
+    """A fleet is too much work for the programs that sanitizers slow down."""
+    for page in pages.documents():
+        yield pytest.param(page, id=page.name, marks=[pytest.mark.load] if "fleet" in page.read_text() else [])
+
+
+@pytest.mark.parametrize("page", pages_with_examples())
+def test_the_examples_print_what_the_page_says(page, sandbox, bin):
+    steps = pages.sessions(page)
+    for name, content in pages.shown_files(steps).items():
+        (sandbox.work / name).write_text(content)
+    script = sandbox.root / "examples"
+    script.write_text(pages.shell_script(steps))
+    env = sandbox.environment()
+    env["PATH"] = f"{bin}:{env['PATH']}"
+    env["DEVICES"] = "4"
+    # In one stream, as on a terminal.
+    argv = sandbox.wrap(["/bin/bash", "-c", f"exec 2>&1; . {script}"])
+    run = Program(argv, env, sandbox.work).finish(30)
+    printed = run.out.split(pages.MARK + "\n")[1:]
+    assert len(printed) == len(steps), run.report()
+    for (command, expected), shown in zip(steps, printed):
+        assert (command, pages.comparable(shown)) == (command, pages.comparable("\n".join(expected)))
+
+
+@pytest.mark.parametrize("page", MANUALS, ids=lambda page: page.name)
+def test_a_manual_page_is_well_formed(page):
+    level = "style" if page.name == "kest.1" else "warning"
+    checked = subprocess.run(["mandoc", "-Tlint", "-W", level, page.name], cwd=page.parent, capture_output=True, text=True)
+    assert (checked.stdout, checked.stderr, checked.returncode) == ("", "", 0)
+
+
+def manual(name):
+    page = subprocess.run(["mandoc", "-Tutf8", pages.DOCS / name], capture_output=True, check=True).stdout
+    return re.sub(r".\x08", "", page.decode())
+
+
+def section(page, title):
+    return re.search(rf"^{title}\n(.*?)(?=^\S)", page, re.M | re.S)[1]
+
+
+def test_the_picture_shows_what_the_shell_shows(sandbox, veld_start):
+    """When it does not: run scripts/picture."""
+    assert picture.PICTURE.read_text() == picture.current(sandbox, veld_start("--listen", "tcp://127.0.0.1:0"))
+
+
+def command_names():
+    """All of the table, since the line of `sh` in the help does not name it."""
+    table = (settings.SOURCE / "src/dispatch/table.cpp").read_text()
+    names = re.findall(r'^    \{"(\w+)",', table, re.M)
+    assert len(names) == 33
+    return names
+
+
+def request_exists(name):
+    row = re.search(rf'^    \{{"{name}", [^,]+, process_\w+, (\w+),', (settings.SOURCE / "src/dispatch/table.cpp").read_text(), re.M)
+    return row[1] != "nullptr"
+
+
+def test_the_manual_has_every_command():
+    commands = section(manual("kest.1"), "COMMANDS")
+    assert [name for name in command_names() if not re.search(rf"(^ {{7}}|, ){name}\b", commands, re.M)] == []
+
+
+@pytest.mark.parametrize("program, page", [(settings.KEST, "kest.1"), (settings.VELD, "veld.8")])
+def test_the_manual_has_every_option(program, page):
+    usage = subprocess.run([program, "--help"], capture_output=True, text=True, check=True).stdout
+    options = section(manual(page), "OPTIONS")
+    names = re.findall(r"--[a-z-]+", usage)
+    assert names
+    assert [name for name in names if not re.search(rf"{name}\b", options)] == []
+
+
+def test_the_manual_has_the_exit_status_of_every_request():
+    table = section(manual("kest.1"), "EXIT STATUS")
+    requests = [name for name in command_names() if request_exists(name)]
+    assert len(requests) == 21
+    assert [name for name in requests if not re.search(rf"^ +(\S+, )*{name}\b", table, re.M)] == []
+
+
+def test_the_version_stands_in_one_place():
+    written = re.compile(rf"(?<![\d.]){re.escape(settings.VERSION)}(?!\d)")
+    places = []
+    for folder in ("base", "completion", "docs", "scripts", "src", "tests", "veld"):
+        for path in (settings.SOURCE / folder).rglob("*"):
+            if path.is_file() and path.suffix not in (".pyc", ".svg") and written.search(path.read_text(errors="replace")):
+                places.append(str(path.relative_to(settings.SOURCE)))
+    assert places == []
+
+
+def test_the_changelog_begins_with_what_is_to_come_and_this_version():
+    text = (settings.SOURCE / "CHANGELOG.md").read_text()
+    versions = re.findall(r"^## \[(.*?)\](?: - (\d{4}-\d\d-\d\d))?$", text, re.M)
+    assert versions[0] == ("Unreleased", "")
+    assert versions[1][0] == settings.VERSION
+    assert all(date for _, date in versions[1:])
+    assert set(re.findall(r"^### (.*)$", text, re.M)) <= {"Added", "Changed", "Deprecated", "Removed", "Fixed", "Security"}
+
+
+def test_every_document_is_named_where_one_looks_for_it():
+    readme = (settings.SOURCE / "README.md").read_text()
+    for page in pages.DOCS.glob("*.md"):
+        assert f"docs/{page.name}" in readme, page.name
+
+
+def test_links_between_documents_lead_somewhere():
+    for page in (*pages.DOCS.glob("*.md"), *settings.SOURCE.glob("*.md")):
+        for target in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", page.read_text()):
+            assert (page.parent / target).exists(), f"{page.name}: {target}"
