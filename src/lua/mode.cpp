@@ -185,9 +185,8 @@ int process_lua(const char *, command_args args)
         return 0;
     }
     if (status != 0) {
-        ve_printf("LUA ERROR: ");
-        ve_out_write(client.get()->error.data(), client.get()->error.size());
-        ve_puts("");
+        const std::string said = "LUA ERROR: " + ve_visible_lines(client.get()->error) + "\n";
+        ve_out_write(said.data(), said.size());
     } else {
         ve_out_write(client.get()->output.data(), client.get()->output.size());
     }

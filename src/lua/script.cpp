@@ -60,9 +60,8 @@ int run_lua_script(const char *path, command_args params)
         lua_run_deliver();
         return 0;
     }
-    const std::string &result = status != 0 ? client.get()->error : client.get()->output;
-    ve_out_write(result.data(), result.size());
-    if (status != 0)
-        ve_out_write("\n", 1);
+    const std::string &output = client.get()->output;
+    const std::string result = status != 0 ? ve_visible_lines(client.get()->error) + "\n" : std::string();
+    ve_out_write(status != 0 ? result.data() : output.data(), status != 0 ? result.size() : output.size());
     return 0;
 }

@@ -30,13 +30,20 @@ struct {
     bool owns_underscore = false; // "_" is ours
     bool failed = false;          // the last piece raised an error
     std::string expression;       // not a local: Lua code can raise
+    std::string shown;            // of a message; neither
 } session;
 
-/// Writes the error message on top and takes it off. Nothing after Ctrl-C: its error was made to stop the code.
-void report_error(lua_State *L)
+/// Writes the error message on top and takes it off; the handler has seen to those that it made. Nothing after Ctrl-C:
+/// its error was made to stop the code.
+void report_error(lua_State *L, bool from_handler = false)
 {
     size_t size = 0;
     const char *message = lua_tolstring(L, -1, &size);
+    if (message != nullptr && !from_handler) {
+        session.shown = luap_error_visible({message, size});
+        message = session.shown.data();
+        size = session.shown.size();
+    }
     if (!ve_wait_interrupted()) {
         const bool colours = luap_error_colours();
         if (colours)
@@ -57,7 +64,7 @@ int call_protected(lua_State *L, int nargs, int nresults)
     lua_insert(L, base);
     const int status = lua_pcallk(L, nargs, nresults, base, 0, nullptr);
     if (status != LUA_OK)
-        report_error(L);
+        report_error(L, status == LUA_ERRRUN);
     lua_remove(L, base);
     return status;
 }

@@ -7,6 +7,7 @@
 
 #include <lua.hpp>
 
+#include "base/visible.h"
 #include "lua/printer.h"
 #include "platform/ve_lua_frames.h"
 #include "platform/ve_wait.h"
@@ -34,26 +35,34 @@ const char *unbold()
 void make_message(lua_State *L)
 {
     lua_settop(L, 1);
-    if (lua_isstring(L, 1))
+    if (!lua_isstring(L, 1)) {
+        if (lua_isnil(L, 1) || luaL_callmeta(L, 1, "__tostring") == 0 || lua_isstring(L, -1) == 0)
+            lua_pushliteral(L, "(no error message)");
+        lua_replace(L, 1);
+        lua_settop(L, 1);
+    }
+    if (isatty(STDERR_FILENO) != 1)
         return;
-    if (lua_isnil(L, 1) || luaL_callmeta(L, 1, "__tostring") == 0 || lua_isstring(L, -1) == 0)
-        lua_pushliteral(L, "(no error message)");
+    size_t size = 0;
+    const char *message = lua_tolstring(L, 1, &size);
+    trace = luap_error_visible({message, size});
+    lua_pushlstring(L, trace.data(), trace.size());
     lua_replace(L, 1);
-    lua_settop(L, 1);
 }
 
 void add_name(const char *name, const char *on, const char *off)
 {
     trace += name != nullptr ? "'" : "";
     trace += on;
-    trace += name != nullptr ? name : "?";
+    trace += name != nullptr ? luap_error_visible(name) : "?";
     trace += off;
     trace += name != nullptr ? "'\n" : "\n";
 }
 
 void add_frame(const lua_Debug &frame, int level, const char *on, const char *off)
 {
-    char place[LUA_IDSIZE + 64];
+    char place[64 + 10 * LUA_IDSIZE]; // an escape takes up to ten bytes
+    const std::string source = luap_error_visible(frame.short_src);
     if (frame.istailcall)
         trace += "\t... tail calls\n";
     if (*frame.what == 'C') {
@@ -61,11 +70,11 @@ void add_frame(const lua_Debug &frame, int level, const char *on, const char *of
         trace += place;
         add_name(frame.name, on, off);
     } else if (*frame.what == 'm') {
-        snprintf(place, sizeof place, "\t#%d %s%s:%d:%s in the main chunk\n", level, on, frame.short_src,
+        snprintf(place, sizeof place, "\t#%d %s%s:%d:%s in the main chunk\n", level, on, source.c_str(),
                  frame.currentline, off);
         trace += place;
     } else if (*frame.what == 'L') {
-        snprintf(place, sizeof place, "\t#%d %s%s:%d:%s in function ", level, on, frame.short_src, frame.currentline,
+        snprintf(place, sizeof place, "\t#%d %s%s:%d:%s in function ", level, on, source.c_str(), frame.currentline,
                  off);
         trace += place;
         add_name(frame.name, on, off);
@@ -77,6 +86,11 @@ void add_frame(const lua_Debug &frame, int level, const char *on, const char *of
 bool luap_error_colours()
 {
     return luap_colours && isatty(STDERR_FILENO) == 1;
+}
+
+std::string luap_error_visible(std::string_view text)
+{
+    return isatty(STDERR_FILENO) == 1 ? visible(text, "\t\n") : std::string(text);
 }
 
 int luap_traceback(lua_State *L)

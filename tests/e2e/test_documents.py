@@ -24,6 +24,27 @@ def bin(sandbox, veld):
     return folder
 
 
+@pytest.mark.parametrize(
+    "line, words",
+    [
+        ("#!/usr/bin/env kest_lua", ["a", "--", "-n", "5"]),
+        ("#!/usr/bin/env -S kest_lua --", ["a", "-n", "5"]),
+        ("#!/usr/bin/env -S kest -c login.conf -S", ["a", "--", "-n", "5"]),
+        ("#!/usr/bin/env -S kest -c login.conf -S", ["--", "a", "-n", "5"]),
+    ],
+)
+def test_a_script_is_run_as_a_program_with_words_that_look_like_options(sandbox, bin, line, words):
+    (sandbox.work / "login.conf").write_text("login\n")
+    script = sandbox.work / "script"
+    script.write_text(f"{line}\nprint(...) print(pcall(dm.save)) os.exit(7)")
+    script.chmod(0o755)
+    env = sandbox.environment()
+    env["PATH"] = f"{bin}:{env['PATH']}"
+    run = Program(sandbox.wrap(["./script", *words]), env, sandbox.work).finish()
+    saved = "true\ttrue" if "login" in line else "false\t[9001]"
+    assert (run.out.startswith(f"a\t-n\t5\n{saved}"), run.err, run.status) == (True, "", 7)
+
+
 def pages_with_examples():
     """A fleet is too much work for the programs that sanitizers slow down."""
     for page in pages.documents():

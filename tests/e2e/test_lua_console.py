@@ -422,6 +422,39 @@ def test_tab_on_code_that_exits_leaves_the_terminal_as_it_was(veld, terminal, sa
     assert term.raw.rindex(b"\x1b[?2004l") > term.raw.rindex(b"\x1b[?2004h")
 
 
+# --- what reaches a terminal ---
+
+
+def test_errors_steer_no_terminal(veld, shell, kest, tmp_path, terminal):
+    code = "error('red \\27[31mtext\\n\\tend', 0)"
+    term = shell(to=veld)
+    term.run("lua")
+    term.run(code)
+    assert term.find("red \\x1b[31mtext")
+    term.run("local t = {['\\27]0;title\\7'] = function() error() end} t['\\27]0;title\\7']()")
+    assert term.find("in function '\\x1b]0;title\\x07'")
+    term.run("load('x = = 1', '=\\27[35m')() error(select(2, load('x = = 1', '=\\27[35m')), 0)")
+    term.run("q")
+    term.run("lua " + code)
+    assert term.find("LUA ERROR: red \\x1b[31mtext")
+    assert b"\x1b[31mtext" not in term.raw and b"\x1b]0;" not in term.raw and b"\x1b[35m" not in term.raw
+    (tmp_path / "s.lua").write_text(code)
+    script = terminal("-S", "s.lua", to=veld)
+    assert script.wait_exit() == 0
+    assert script.lines[0] == "red \\x1b[31mtext"
+    # Elsewhere the message is what it is.
+    assert kest("-S", "s.lua", to=veld).out == "red \x1b[31mtext\n\tend\n"
+    run = lua_mode(kest, veld, code)
+    assert run.err.startswith("red \x1b[31mtext\n\tend\n\nStack trace:\n")
+
+
+def test_print_is_the_scripts_own(veld, terminal, tmp_path):
+    (tmp_path / "s.lua").write_text("print('\\27[31mred')")
+    script = terminal("-S", "s.lua", to=veld)
+    assert script.wait_exit() == 0
+    assert b"\x1b[31mred" in script.raw
+
+
 # --- Ctrl-C ---
 
 ENDLESS = [
