@@ -2,6 +2,7 @@
 
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 #include "base/visible.h"
 #include "platform/ve_out.h"
@@ -11,6 +12,16 @@ namespace
 
 bool told = false;
 bool told_lasting = false;
+bool told_slow = false;
+
+void say(const std::string &reason)
+{
+    // A spinner leaves the cursor behind its picture.
+    const bool begins_row = isatty(STDERR_FILENO) == 0 || isatty(STDOUT_FILENO) == 0 || ve_out_unfinished_row().empty();
+    const std::string message =
+        (begins_row ? "kest: " : "\nkest: ") + (isatty(STDERR_FILENO) != 0 ? visible(reason) : reason) + '\n';
+    ve_out_write_error(message.data(), message.size());
+}
 
 } // namespace
 
@@ -24,17 +35,19 @@ void trouble_tell(const ve_jrpcapi *ctx)
         return;
     told = true;
     told_lasting = lasts;
-    // A spinner leaves the cursor behind its picture.
-    const bool begins_row = isatty(STDERR_FILENO) == 0 || isatty(STDOUT_FILENO) == 0 || ve_out_unfinished_row().empty();
-    const std::string message =
-        (begins_row ? "kest: " : "\nkest: ") + (isatty(STDERR_FILENO) != 0 ? visible(reason) : reason) + '\n';
-    ve_out_write_error(message.data(), message.size());
+    say(reason);
 }
 
 void trouble_tell_lasting(const ve_jrpcapi *ctx)
 {
     if (ve_jrpcapi_connect_error_lasts(ctx))
         trouble_tell(ctx);
+}
+
+void trouble_tell_slow(const ve_jrpcapi *ctx)
+{
+    if (!std::exchange(told_slow, true))
+        say(std::string(ve_jrpcapi_destination(ctx)) + ": waiting for the daemon");
 }
 
 void trouble_over()

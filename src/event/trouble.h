@@ -8,5 +8,7 @@
 void trouble_tell(const ve_jrpcapi *ctx);
 /// The same, but only of a reason that waiting for the daemon does not cure.
 void trouble_tell_lasting(const ve_jrpcapi *ctx);
+/// Says, once, that the daemon lets one wait.
+void trouble_tell_slow(const ve_jrpcapi *ctx);
 /// There is a link again: what comes now is another trouble.
 void trouble_over();

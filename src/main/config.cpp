@@ -26,7 +26,7 @@ constexpr int slow_ms = 2000;
 
 std::string running; // the path of the file that runs
 
-void tell_slow()
+void tell_slow(const ve_jrpcapi *)
 {
     const std::string text = running + ": waiting for the daemon\n";
     ve_out_write_error(text.data(), text.size());

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/clock.h"
 #include "cdpath/cdpath.h"
 #include "cline/cline.h"
 #include "commands/file_server.h"
@@ -36,7 +35,8 @@ namespace
 
 constexpr int request_timeout_ms = 5000;
 constexpr int group_timeout_ms = 100;
-constexpr int silent_wait_ms = 2000;
+/// A connect that takes longer is worth a word.
+constexpr int slow_ms = 2000;
 /// The daemon's notices of added and deleted instances.
 constexpr uint32_t instance_group = 4;
 
@@ -67,11 +67,9 @@ int open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *gr
     ve_jrpcapi_set_timeout(request, request_timeout_ms);
     ve_jrpcapi_set_timeout(group, group_timeout_ms);
     for (ve_jrpcapi *ctx : both) {
-        const int64_t begun = monotonic_ms();
+        ve_jrpcapi_tell_slow(ctx, slow_ms, trouble_tell_slow);
         ve_jrpcapi_connect(ctx);
-        // Whoever was held up for long learns why before the next wait.
-        if (monotonic_ms() - begun > silent_wait_ms)
-            trouble_tell(ctx);
+        ve_jrpcapi_tell_slow(ctx, -1, nullptr);
     }
     ve_jrpcapi_set_flags(group, ve_jrpcapi_get_flags(request) | ve_jrpcapi_flag_events);
     group_join(group, instance_group);

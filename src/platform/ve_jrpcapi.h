@@ -30,8 +30,10 @@ void ve_jrpcapi_set_destination(ve_jrpcapi *ctx, const char *address, const char
 /// Bounds a whole exchange or receive, in milliseconds; -1 waits without limit.
 void ve_jrpcapi_set_timeout(ve_jrpcapi *ctx, int timeout_ms);
 
-/// Calls `tell` once in each exchange that waits longer than `after_ms` for its answer; -1: never.
-void ve_jrpcapi_tell_slow(ve_jrpcapi *ctx, int after_ms, void (*tell)());
+/// Calls `tell` once in each connect and each exchange that waits longer than `after_ms`; -1: never.
+void ve_jrpcapi_tell_slow(ve_jrpcapi *ctx, int after_ms, void (*tell)(const ve_jrpcapi *ctx));
+/// Where it connects to, borrowed until the next ve_jrpcapi_set_destination.
+const char *ve_jrpcapi_destination(const ve_jrpcapi *ctx);
 
 /// Returns 0, or negative; a failed connect holds no descriptor, and returns no sooner than 50 ms after the last failed
 /// one began. A wait point.

@@ -319,3 +319,11 @@ def test_a_reconnect_completes_no_path(kest, fake, tmp_path):
     kest("-s", "script", to=fake)
     asked = [request["ParameterNames"] for request in fake.params("GetParameterValues")]
     assert asked == [["Device"]] * 4
+
+
+def test_a_silent_peer_does_not_go_unseen(kest_start):
+    with socket.create_server(("127.0.0.1", 0)) as silent:
+        address = f"tcp://127.0.0.1:{silent.getsockname()[1]}"
+        run = kest_start("--ssl", "-r", "get", "Device.A", to=address)
+        run.wait_for("\n", stream="err")
+        assert run.err == f"kest: {address}: waiting for the daemon\n"

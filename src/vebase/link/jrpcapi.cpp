@@ -196,10 +196,21 @@ void ve_jrpcapi_set_timeout(ve_jrpcapi *ctx, int timeout_ms)
     ctx->timeout_ms = timeout_ms;
 }
 
-void ve_jrpcapi_tell_slow(ve_jrpcapi *ctx, int after_ms, void (*tell)())
+void ve_jrpcapi_tell_slow(ve_jrpcapi *ctx, int after_ms, void (*tell)(const ve_jrpcapi *))
 {
     ctx->slow_ms = after_ms;
     ctx->tell_slow = tell;
+}
+
+int ve_link_wait(ve_jrpcapi *ctx, pollfd *fd, int64_t deadline)
+{
+    if (ctx->slow_at >= 0 && (deadline < 0 || ctx->slow_at < deadline)) {
+        if (const int ready = ve_wait_poll(fd, 1, ctx->slow_at); ready != 0)
+            return ready;
+        ctx->slow_at = -1;
+        ctx->tell_slow(ctx);
+    }
+    return ve_wait_poll(fd, 1, deadline);
 }
 
 void ve_jrpcapi_note(ve_jrpcapi *ctx, int error)
@@ -252,7 +263,7 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
         return fail(ctx, message, ve_socket_err_closed);
     if (enqueue(ctx, message) < 0)
         return -1;
-    int64_t slow = ve_wait_deadline(ctx->slow_ms);
+    ctx->slow_at = ve_wait_deadline(ctx->slow_ms);
     int flushed = ve_link_flush(ctx);
     for (bool first = true;; first = false) {
         // An answer counts even when the link went right behind it.
@@ -273,13 +284,7 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
         }
         pollfd fd{
             .fd = ctx->socket.fd, .events = static_cast<short>(flushed == 0 ? POLLIN | POLLOUT : POLLIN), .revents = 0};
-        const bool may_be_slow = slow >= 0 && (deadline < 0 || slow < deadline);
-        const int ready = ve_wait_poll(&fd, 1, may_be_slow ? slow : deadline);
-        if (ready == 0 && may_be_slow) {
-            slow = -1;
-            ctx->tell_slow();
-            continue;
-        }
+        const int ready = ve_link_wait(ctx, &fd, deadline);
         if (ready <= 0)
             return fail(ctx, message, ready == 0 ? ve_socket_err_timeout : ve_socket_err_interrupted);
         if ((fd.revents & ~POLLOUT) != 0 && ve_link_fill(ctx) < 0)

@@ -47,7 +47,7 @@ outcome timed_out(ve_jrpcapi *ctx)
 outcome wait_for(ve_jrpcapi *ctx, int descriptor, short events, int64_t deadline)
 {
     pollfd fd{.fd = descriptor, .events = events, .revents = 0};
-    const int ready = ve_wait_poll(&fd, 1, deadline);
+    const int ready = ve_link_wait(ctx, &fd, deadline);
     return ready > 0 ? outcome::done : ready == 0 ? timed_out(ctx) : outcome::interrupted;
 }
 
@@ -236,6 +236,7 @@ int ve_jrpcapi_connect(ve_jrpcapi *ctx)
     ctx->connect_error_lasts = false;
     // Counts as failed until it succeeds, so that one which Ctrl-C leaves is paced too.
     ctx->failed_at = monotonic_ms();
+    ctx->slow_at = ve_wait_deadline(ctx->slow_ms);
     const outcome opened = open_link(ctx);
     ctx->lookup.reset();
     if (opened != outcome::done) {
@@ -268,6 +269,11 @@ void ve_jrpcapi_disconnect(ve_jrpcapi *ctx)
     ctx->queue = {};
     ctx->reader.clear();
     ctx->early.clear();
+}
+
+const char *ve_jrpcapi_destination(const ve_jrpcapi *ctx)
+{
+    return ctx->destination.c_str();
 }
 
 const char *ve_jrpcapi_connect_error(const ve_jrpcapi *ctx)
