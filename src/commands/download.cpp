@@ -171,6 +171,16 @@ void watch_flashing()
     server_reconnect("Rebooting... ", true);
 }
 
+/// Gives a file that the daemon fetched from here, and therefore knows no name of, its name.
+void name_file(const char *path, const json_t *result)
+{
+    const char *slash = strrchr(path, '/');
+    const json_ref params{json_pack("{s: s, s: s, s: O}", "FileType", "File", "TargetFileName",
+                                    slash != nullptr ? slash + 1 : path, "TransactionID",
+                                    json_object_get(result, "TransactionID"))};
+    send_download(params.get());
+}
+
 enum class next_step { flash, done, abandoned };
 
 /// What the change of version asks for before the flash is confirmed.
@@ -280,7 +290,11 @@ int process_download(const char *name, command_args args)
         print_status(message.get());
         return -1;
     }
-    return strcmp(type, "Firmware") == 0 ? upgrade_with(result, params.get()) : 0;
+    if (strcmp(type, "Firmware") == 0)
+        return upgrade_with(result, params.get());
+    if (transfer && json_text(result, "TransactionID") != nullptr)
+        name_file(file, result);
+    return 0;
 }
 
 int process_upgrade(const char *, command_args args)

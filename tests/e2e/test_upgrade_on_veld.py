@@ -130,6 +130,15 @@ def test_a_file_arrives_whole_over_tcp(remote, tmp_path, size):
     assert filecmp.cmp(tmp_path / "state" / "files" / "stored.bin", tmp_path / "f.bin", shallow=False)
 
 
+def test_a_file_keeps_its_name_over_tcp(remote, tmp_path):
+    (tmp_path / "folder").mkdir()
+    (tmp_path / "folder" / "f.bin").write_bytes(b"content")
+    run = remote("download", "file", "folder/f.bin")
+    assert (len(run.lines), run.status) == (1, 0)
+    stored = tmp_path / "state" / "files"
+    assert {entry.name: entry.read_bytes() for entry in stored.iterdir()} == {"f.bin": b"content"}
+
+
 def test_a_firmware_is_flashed_over_tcp_and_the_link_comes_back(remote, image):
     run = remote("upgrade", image("1.3.0", os.urandom(3_000_000)))
     assert run.lines[0].startswith("Sending file (")

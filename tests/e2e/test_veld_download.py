@@ -151,6 +151,19 @@ def test_without_a_target_the_url_names_the_file(peer, state, tmp_path, serve):
     assert sorted(entry.name for entry in (state / "files").iterdir()) == ["download", "named.cfg"]
 
 
+def test_a_file_without_a_name_may_be_given_one(peer, state, serve):
+    url = f"netcat://127.0.0.1:{serve(b'y')}"
+    result = peer.call("Download", FileType="File", URL=url)
+    assert result["Status"] == 0
+    for name in ("", ".hidden", "a/b"):
+        assert refused(peer, FileType="File", TransactionID=result["TransactionID"], TargetFileName=name).code == 9003
+    assert refused(peer, FileType="File", TransactionID="other", TargetFileName="x").code == 9003
+    named = {"FileType": "File", "TransactionID": result["TransactionID"], "TargetFileName": "mine"}
+    assert peer.call("Download", **named) == {"Status": 0}
+    assert {entry.name: entry.read_bytes() for entry in (state / "files").iterdir()} == {"mine": b"y"}
+    assert refused(peer, **named).code == 9003
+
+
 @pytest.mark.parametrize("name", ["what?.txt", "a?b=c&d", "50%25", "#1", "ein Blatt.txt", "grün"])
 def test_the_name_of_a_local_file_is_taken_as_it_is(peer, state, tmp_path, name):
     folder = tmp_path / "is it?"

@@ -6,6 +6,10 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/stat.h>
 
 namespace veld
 {
@@ -19,6 +23,7 @@ constexpr size_t transfers_of_one_user = 2;
 constexpr uint64_t configuration_limit = uint64_t{64} << 20;
 constexpr size_t name_limit = 200;
 constexpr const char *image_name = "firmware.image";
+constexpr const char *nameless = "download";
 constexpr const char *ok = "{\"Status\":0}";
 
 fault bad_argument(const std::string &what)
@@ -82,13 +87,15 @@ fault downloads::check(const download_request &wanted, source_url *url, std::str
     if (wanted.type == "File" && !wanted.target.empty() && !good_file_name(wanted.target))
         return bad_argument("\"TargetFileName\" must be a plain file name");
     if (wanted.type == "File" && wanted.target.empty() && !good_file_name(*name))
-        *name = "download";
+        *name = nameless;
     return {};
 }
 
-// The second request about an image that waits: flash it, or drop it.
+// The second request about an image that waits, to flash it or to drop it, or about a file that has no name yet.
 fault downloads::decide(const download_request &wanted)
 {
+    if (wanted.type == "File" && !nameless_.transaction.empty() && wanted.transaction == nameless_.transaction)
+        return name_file(wanted.target);
     if (wanted.type != "Firmware")
         return bad_argument("only a firmware has a transaction");
     if (image_.path.empty() || wanted.transaction != image_.transaction)
@@ -102,6 +109,31 @@ fault downloads::decide(const download_request &wanted)
         return bad_argument("\"URL\" must be the saved firmware");
     begin_flash();
     return {};
+}
+
+fault downloads::name_file(const std::string &name)
+{
+    if (!good_file_name(name))
+        return bad_argument("\"TargetFileName\" must be a plain file name");
+    const std::string stored = folders_.files() + "/" + nameless;
+    struct stat now;
+    if (lstat(stored.c_str(), &now) != 0 || now.st_dev != nameless_.device || now.st_ino != nameless_.number)
+        return bad_argument("no such transaction");
+    if (rename(stored.c_str(), (folders_.files() + "/" + name).c_str()) != 0)
+        return {code::transfer_failed, name + ": " + strerror(errno), ""};
+    nameless_.transaction.clear();
+    return {};
+}
+
+// A URL of a file server holds no name: whoever serves the file may give it one in a second request.
+void downloads::offer_name(std::string *result)
+{
+    struct stat now;
+    if (lstat((folders_.files() + "/" + nameless).c_str(), &now) != 0)
+        return;
+    nameless_ = {random_hex(16), now.st_dev, now.st_ino};
+    if (!nameless_.transaction.empty())
+        *result = "{\"Status\":0,\"TransactionID\":\"" + nameless_.transaction + "\"}";
 }
 
 void downloads::begin_flash()
@@ -215,6 +247,8 @@ fault downloads::finish(transfer &what, const std::string &name, std::string *re
         return finish_firmware(what, result);
     if (!what.file->keep_as(name))
         return {code::transfer_failed, what.file->error(), ""};
+    if (what.wanted.target.empty() && name == nameless)
+        offer_name(result);
     LOG_INFO("stored %s (%llu bytes)", name.c_str(), static_cast<unsigned long long>(what.file->size()));
     return {};
 }

@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <unordered_map>
 
 namespace veld
@@ -67,7 +68,15 @@ private:
         std::string transaction;
     };
 
+    struct nameless_file {
+        std::string transaction; ///< empty: there is none
+        dev_t device;
+        ino_t number;
+    };
+
     fault decide(const download_request &wanted);
+    fault name_file(const std::string &name);
+    void offer_name(std::string *result);
     fault check(const download_request &wanted, source_url *url, std::string *name) const;
     void parse_configuration(std::shared_ptr<transfer> what);
     void arrived(uint64_t id, const fault &problem, const std::string &name);
@@ -85,8 +94,9 @@ private:
     download_settings settings_;
     uint64_t next_ = 1;
     std::unordered_map<uint64_t, transfer> transfers_;
-    worker reader_;       // of configurations
-    waiting_image image_; // of no path: none waits
+    worker reader_;            // of configurations
+    waiting_image image_;      // of no path: none waits
+    nameless_file nameless_{}; // the file stored last whose request held no name for it
 };
 
 } // namespace veld
