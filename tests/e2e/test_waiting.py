@@ -246,6 +246,7 @@ def test_a_password_is_asked_for_in_sight(kest, terminal, fake, tmp_path, where)
     if where == "terminal":
         term = terminal(*words, to=fake)
         term.wait_for("[kest] password for me:")
+        term.wait_for(lambda term: not term.echoes)
         term.type("secret\r")
         assert term.wait_exit() == 0
         assert term.lines == ["[kest] password for me:", "Unsupported :("]
