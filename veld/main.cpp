@@ -9,6 +9,8 @@
 #include "veld/passwords.h"
 #include "veld/rpc/service.h"
 #include "veld/server/doors.h"
+#include "veld/server/privileges.h"
+#include "veld/server/service_manager.h"
 #include "veld/server/tls.h"
 #include "veld/server/worker.h"
 #include "veld/state/workspace.h"
@@ -17,7 +19,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <functional>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
@@ -39,12 +41,12 @@ fd_owner signals()
     return fd_owner(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-void signal_arrived(loop *events, int fd)
+void signal_arrived(loop *events, int fd, const std::function<void()> &reload)
 {
     signalfd_siginfo info{};
     while (read(fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
         if (info.ssi_signo == SIGHUP)
-            log_reopen();
+            reload();
         else
             events->stop();
     }
@@ -63,6 +65,36 @@ int failed(const std::string &why)
 {
     fprintf(stderr, "veld: %s\n", why.c_str());
     return EXIT_FAILURE;
+}
+
+// A hang-up: the log and the certificate are those that are there now.
+void reload(service_manager *manager, const options &wanted, std::unique_ptr<tls_identity> *identity)
+{
+    manager->reloading();
+    log_reopen();
+    std::string error;
+    if (*identity) {
+        std::unique_ptr<tls_identity> fresh = tls_identity::load(wanted.tls_certificate, wanted.tls_key, &error);
+        if (fresh)
+            *identity = std::move(fresh);
+        else
+            LOG_ERROR("the certificate stays as it was: %s", error.c_str());
+    }
+    manager->ready();
+}
+
+// What was opened as root is open; from here on root's rights are not needed.
+bool drop_rights(const options &wanted, const state_store &store, std::string *error)
+{
+    system_account account;
+    if (!find_account(wanted.run_as, &account, error))
+        return false;
+    if (geteuid() != 0) {
+        *error = "only root can run as " + account.name;
+        return account.user == geteuid();
+    }
+    return (store.directory().empty() || give_away(store.directory(), account, error)) &&
+           (wanted.files.empty() || give_away(wanted.files, account, error)) && become(account, error);
 }
 
 } // namespace
@@ -94,13 +126,16 @@ int main(int argc, char **argv)
 
     raise_descriptor_limit();
     loop events;
+    service_manager manager(events);
     const fd_owner signal_fd = signals();
-    events.watch(signal_fd.get(), EPOLLIN, [&](uint32_t) { signal_arrived(&events, signal_fd.get()); });
+    std::unique_ptr<tls_identity> identity;
+    events.watch(signal_fd.get(), EPOLLIN, [&](uint32_t) {
+        signal_arrived(&events, signal_fd.get(), [&] { reload(&manager, wanted, &identity); });
+    });
 
     state_store store;
     if (!wanted.state.empty() && !store.open(wanted.state, &error))
         return failed(error);
-    std::unique_ptr<tls_identity> identity;
     if (!wanted.tls_certificate.empty()) {
         identity = tls_identity::load(wanted.tls_certificate, wanted.tls_key, &error);
         if (!identity)
@@ -130,7 +165,10 @@ int main(int argc, char **argv)
     downloads fetching(events, machine, flash, folders, {wanted.download_limit, wanted.download_stall_ms});
     service served(events, *model, machine, fetching);
     served.let_anonymous(wanted.anonymous);
-    doors entrances(events, [&](arrival who) {
+    socket_rights rights{wanted.socket_mode};
+    if (!wanted.socket_group.empty() && !find_group(wanted.socket_group, &rights.group.emplace(), &error))
+        return failed(error);
+    doors entrances(events, rights, [&](arrival who) {
         auto link = identity ? identity->accept(std::move(who.fd)) : std::make_unique<transport>(std::move(who.fd));
         if (link)
             served.welcome(std::move(who), std::move(link));
@@ -141,12 +179,17 @@ int main(int argc, char **argv)
                          entrances.close();
                          served.part_with_all();
                      },
-                     [&] { entrances.reopen(); }, [&](node *before) { served.replaced(before); },
+                     [&] { entrances.reopen(); }, [&](const node *before) { served.replaced(before); },
                      [&](const std::string &why) {
                          LOG_ERROR("cannot come up again: %s", why.c_str());
                          status = EXIT_FAILURE;
                          events.stop();
                      }});
+    std::vector<fd_owner> handed_over = manager.take_sockets();
+    if (wanted.sockets.empty() && wanted.listen.empty() && handed_over.empty())
+        wanted.sockets.emplace_back(default_socket);
+    for (fd_owner &opened : handed_over)
+        entrances.add(std::move(opened));
     for (const std::string &address : wanted.sockets)
         entrances.add(address);
     for (const std::string &address : wanted.listen)
@@ -160,7 +203,14 @@ int main(int argc, char **argv)
     }
     fflush(stdout);
     log_serving();
+    if (!wanted.run_as.empty()) {
+        if (!drop_rights(wanted, store, &error))
+            return failed(error);
+        entrances.keep();
+    }
+    manager.ready();
     events.run();
+    manager.stopping();
     LOG_INFO("ends");
     return status;
 }

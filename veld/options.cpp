@@ -14,8 +14,6 @@ namespace veld
 namespace
 {
 
-constexpr const char *default_socket = "/var/run/veld.sock";
-
 constexpr const char *usage_text =
     "Veltro Management System daemon.\n"
     "Usage: veld [options]\n"
@@ -23,11 +21,14 @@ constexpr const char *usage_text =
     "Options:\n"
     "\t    --socket PATH           UNIX socket to serve (default is \"/var/run/veld.sock\").\n"
     "\t    --listen tcp://HOST:PORT  TCP address to serve, may be repeated; port 0 lets the system choose.\n"
+    "\t    --socket-mode MODE      Rights of the UNIX socket (default is 0666).\n"
+    "\t    --socket-group GROUP    Group of the UNIX socket (default is the daemon's own).\n"
     "\t    --tls-cert FILE         Certificate chain (PEM): all sockets speak TLS.\n"
     "\t    --tls-key FILE          Private key (PEM) of the certificate.\n"
     "\t    --model FILE            Model document to serve (default is \"gateway\");\n"
     "\t                            with --import: which of several models (default is all).\n"
     "\t    --state DIR             Directory of what survives a restart (default is none).\n"
+    "\t    --run-as USER           Become that user when the sockets and the state are open.\n"
     "\t    --reboot-time SECONDS   How long a reboot takes (default is 3).\n"
     "\t    --flash-time SECONDS    How long flashing a firmware takes (default is 5).\n"
     "\t    --files DIR             Directory of downloaded files (default is below that of the state).\n"
@@ -70,7 +71,10 @@ enum option_value {
     option_values,
     option_user,
     option_password_file,
-    option_anonymous
+    option_anonymous,
+    option_run_as,
+    option_socket_mode,
+    option_socket_group
 };
 
 const option long_options[] = {
@@ -79,6 +83,9 @@ const option long_options[] = {
     {"state", required_argument, nullptr, option_state},
     {"reboot-time", required_argument, nullptr, option_reboot_time},
     {"listen", required_argument, nullptr, option_listen},
+    {"socket-mode", required_argument, nullptr, option_socket_mode},
+    {"socket-group", required_argument, nullptr, option_socket_group},
+    {"run-as", required_argument, nullptr, option_run_as},
     {"tls-cert", required_argument, nullptr, option_tls_cert},
     {"tls-key", required_argument, nullptr, option_tls_key},
     {"populate", required_argument, nullptr, option_populate},
@@ -119,6 +126,12 @@ bool bytes(const char *text, uint64_t *out)
     return number.has_value();
 }
 
+bool mode(const char *text, uint32_t *out)
+{
+    const auto end = std::from_chars(text, text + strlen(text), *out, 8);
+    return end.ec == std::errc{} && *end.ptr == '\0' && *out <= 0777;
+}
+
 bool count(const char **text, uint32_t *out)
 {
     const auto end = std::from_chars(*text, *text + strlen(*text), *out);
@@ -157,6 +170,16 @@ options_outcome options_parse(int argc, char **argv, options *out)
         switch (found) {
         case option_socket:
             out->sockets.emplace_back(optarg);
+            break;
+        case option_socket_mode:
+            if (!mode(optarg, &out->socket_mode))
+                return wrong("--socket-mode", optarg, "octal digits, like 0660");
+            break;
+        case option_socket_group:
+            out->socket_group = optarg;
+            break;
+        case option_run_as:
+            out->run_as = optarg;
             break;
         case option_model:
             out->model = optarg;
@@ -253,8 +276,6 @@ options_outcome options_parse(int argc, char **argv, options *out)
         fputs("veld: --tls-cert and --tls-key belong together\n", stderr);
         return options_outcome::wrong;
     }
-    if (out->sockets.empty() && out->listen.empty())
-        out->sockets.emplace_back(default_socket);
     return options_outcome::run;
 }
 

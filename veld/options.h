@@ -31,7 +31,12 @@ struct options {
     int64_t flash_ms = 5000;
     std::string image_version, image_payload; ///< a firmware image to make instead of serving anything
     int64_t reboot_ms = 3000;
+    std::string run_as, socket_group; ///< empty: no other than it is started as
+    uint32_t socket_mode = 0666;
 };
+
+/// The socket that is served when no other is named or handed over.
+inline constexpr const char *default_socket = "/var/run/veld.sock";
 
 enum class options_outcome { run, done, wrong };
 

@@ -21,7 +21,7 @@ public:
         std::function<void()> went_down;                  ///< part with every client
         std::function<void()> came_up;
         /// The model's nodes are others now; `before` are those that were there until now.
-        std::function<void(node *before)> replaced;
+        std::function<void(const node *before)> replaced;
         /// The device cannot come up again, and why.
         std::function<void(const std::string &why)> broke;
     };

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace veld
@@ -107,6 +108,12 @@ public:
     /// Called by reset() when the factory instances have been made: what else belongs to a fresh device.
     void on_reset(std::function<void()> call) { on_reset_ = std::move(call); }
 
+    /// Called when the machine has added or deleted a row of a live table that somebody has looked at before.
+    using live_change_handler = std::function<void(const node *table, uint32_t number, bool added)>;
+    void on_live_change(live_change_handler call) { on_live_change_ = std::move(call); }
+    /// Brings the live tables up to date that somebody has looked at.
+    void refresh_known();
+
     /// The full name of a place as answers spell it.
     static std::string name(const node *of);
 
@@ -114,8 +121,9 @@ private:
     tree() = default;
 
     std::unique_ptr<node> make_node(const scheme &what, node *parent);
-    void sync_rows(node *table, json_t *rows);
-    void sync_fields(node *of, json_t *row);
+    // `tells`: what comes and goes is a change.
+    void sync_rows(node *table, json_t *rows, bool tells);
+    void sync_fields(node *of, json_t *row, bool tells);
     void index_value(node *parameter, bool add);
     void index_subtree(node *of, bool add);
 
@@ -124,6 +132,8 @@ private:
     live_source live_;
     std::function<void()> on_reset_;
     uint64_t epoch_ = 1;
+    live_change_handler on_live_change_;
+    std::unordered_set<std::string> live_tables_; // names of those that were looked at
 };
 
 /// The table whose instance `of` stands in (or is), and nothing when it stands in none.

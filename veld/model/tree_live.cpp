@@ -4,6 +4,7 @@
 
 #include <limits>
 #include <unordered_set>
+#include <utility>
 
 namespace veld
 {
@@ -12,12 +13,28 @@ void tree::refresh(node *table)
 {
     if (!table->table || table->what->from != source::live || table->table->epoch == epoch_)
         return;
-    table->table->epoch = epoch_;
+    const bool known = std::exchange(table->table->epoch, epoch_) != 0;
+    if (!known)
+        live_tables_.insert(name(table));
     json_ref rows{live_.rows ? live_.rows(table->what->provider) : nullptr};
-    sync_rows(table, rows.get());
+    sync_rows(table, rows.get(), known);
 }
 
-void tree::sync_rows(node *table, json_t *rows)
+void tree::refresh_known()
+{
+    begin_request();
+    // Looking for one may find others.
+    const std::vector<std::string> names(live_tables_.begin(), live_tables_.end());
+    for (const std::string &one : names) {
+        const place where = find(one);
+        if (where && where.at->table && where.at->what == where.what)
+            refresh(where.at);
+        else
+            live_tables_.erase(one);
+    }
+}
+
+void tree::sync_rows(node *table, json_t *rows, bool tells)
 {
     table_state &state = *table->table;
     std::unordered_set<std::string> present;
@@ -33,24 +50,30 @@ void tree::sync_rows(node *table, json_t *rows)
             continue;
         const auto known = state.rows.find(text);
         node *one = known == state.rows.end() ? nullptr : instance(table, known->second);
-        if (one == nullptr) {
+        const bool is_new = one == nullptr;
+        if (is_new) {
             one = add(table, std::numeric_limits<size_t>::max());
             state.rows[text] = one->number;
         }
-        sync_fields(one, row);
+        sync_fields(one, row, tells && !is_new);
+        if (is_new && tells && on_live_change_)
+            on_live_change_(table, one->number, true);
     }
     for (auto known = state.rows.begin(); known != state.rows.end();) {
         if (present.count(known->first) != 0) {
             ++known;
             continue;
         }
-        if (node *gone = instance(table, known->second))
+        if (node *gone = instance(table, known->second)) {
             remove(gone);
+            if (tells && on_live_change_)
+                on_live_change_(table, known->second, false);
+        }
         known = state.rows.erase(known);
     }
 }
 
-void tree::sync_fields(node *of, json_t *row)
+void tree::sync_fields(node *of, json_t *row, bool tells)
 {
     const scheme &what = *of->what;
     if (what.from == source::row_field) {
@@ -60,11 +83,11 @@ void tree::sync_fields(node *of, json_t *row)
             store(of, std::move(kept), false);
     } else if (what.from == source::row_table) {
         const std::string rows = "#rows:" + what.provider;
-        sync_rows(of, json_object_getn(row, rows.data(), rows.size()));
+        sync_rows(of, json_object_getn(row, rows.data(), rows.size()), tells);
     }
     if (what.kind == node_kind::object)
         for (const auto &child : of->children)
-            sync_fields(child.get(), row);
+            sync_fields(child.get(), row, tells);
 }
 
 } // namespace veld

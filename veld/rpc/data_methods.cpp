@@ -10,6 +10,8 @@ namespace
 
 constexpr int64_t event_value_set = 1;
 constexpr int64_t event_instances = 4;
+constexpr int64_t machine_looked_at_ms = 1000;
+constexpr int64_t machine_told_ms = 500;
 constexpr size_t passwords_at_once = 256;
 
 } // namespace
@@ -119,15 +121,38 @@ void service::finish_set(client &from, const json_t *list, const ready_hashes &h
         review_logins();
 }
 
-void service::instance_event(const char *action, const node *table, uint32_t number)
+void service::tell_instances(const std::vector<instance_change> &changes)
 {
-    json_ref value{json_object()};
-    json_object_set_new(value.get(), "Action", json_string(action));
-    json_object_set_new(value.get(), "Path", json_string(tree::name(table).c_str()));
-    json_object_set_new(value.get(), "InstanceNumber", json_integer(number));
     event_batch events;
-    events.add(event_instances, value.get(), table->what->reach);
+    for (const instance_change &one : changes) {
+        json_ref value{json_object()};
+        json_object_set_new(value.get(), "Action", json_string(one.added ? "Add" : "Delete"));
+        json_object_set_new(value.get(), "Path", json_string(one.table.c_str()));
+        json_object_set_new(value.get(), "InstanceNumber", json_integer(one.number));
+        events.add(event_instances, value.get(), one.least);
+    }
     deliver(events);
+}
+
+// Rows of the machine come and go whether anybody asks for them or not; who listens hears of those that were looked at.
+void service::watch_machine()
+{
+    loop_.after(machine_looked_at_ms, [this] {
+        if (sessions_.heard(event_instances))
+            tree_.refresh_known();
+        watch_machine();
+    });
+}
+
+void service::machine_changed(const node *table, uint32_t number, bool added)
+{
+    machine_changes_.add({tree::name(table), number, added, table->what->reach});
+    if (std::exchange(telling_, true))
+        return;
+    loop_.after(machine_told_ms, [this] {
+        telling_ = false;
+        tell_instances(machine_changes_.take());
+    });
 }
 
 void service::add_object(client &from, const json_t *params, const ticket &to)
@@ -141,7 +166,7 @@ void service::add_object(client &from, const json_t *params, const ticket &to)
     if (const fault problem = change_add(&tree_, from.who.rights, path, static_cast<uint64_t>(order), &added))
         return answer_fault(to, problem);
     answer_result(to, "{\"InstanceNumber\":" + std::to_string(added->number) + ",\"Status\":0}");
-    instance_event("Add", added->parent, added->number);
+    tell_instances({{tree::name(added->parent), added->number, true, added->parent->what->reach}});
 }
 
 void service::delete_object(client &from, const json_t *params, const ticket &to)
@@ -155,13 +180,15 @@ void service::delete_object(client &from, const json_t *params, const ticket &to
     if (const fault problem = change_delete(&tree_, from.who.rights, path, &table, &number))
         return answer_fault(to, problem);
     answer_result(to, status_ok);
-    instance_event("Delete", table, number);
-    if (is_of_accounts(tree::name(table)))
+    const std::string name = tree::name(table);
+    tell_instances({{name, number, false, table->what->reach}});
+    if (is_of_accounts(name))
         review_logins();
 }
 
-void service::replaced(node *)
+void service::replaced(const node *before)
 {
+    tell_instances(instance_changes(&tree_, before));
     review_logins();
 }
 

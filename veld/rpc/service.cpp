@@ -134,9 +134,15 @@ service::service(loop &events, tree &model, device &machine, downloads &fetching
       most_links_(links_possible())
 {
     find_password_names(model.model(), &password_names_);
+    tree_.on_live_change(
+        [this](const node *table, uint32_t number, bool added) { machine_changed(table, number, added); });
+    watch_machine();
 }
 
-service::~service() = default;
+service::~service()
+{
+    tree_.on_live_change(nullptr);
+}
 
 // Makes one of a peer's links give way: one that nobody has logged in on, that hears no events if there is such a one,
 // and that has been quiet for longest.

@@ -7,6 +7,7 @@
 #include "veld/model/fault.h"
 #include "veld/model/query.h"
 #include "veld/model/tree.h"
+#include "veld/rpc/coalesced.h"
 #include "veld/rpc/executions.h"
 #include "veld/server/connection.h"
 #include "veld/server/listener.h"
@@ -84,7 +85,7 @@ public:
 
     /// The model's nodes are others now than `before`: clients hear which instances have come and gone, and may have
     /// lost their rights.
-    void replaced(node *before);
+    void replaced(const node *before);
 
     void line_received(connection &from, std::string_view line) override;
     void connection_over(connection &which) override;
@@ -124,7 +125,9 @@ private:
     void change_order_of(client &from, const json_t *params, const ticket &to);
     std::unordered_set<std::string> passwords_in(const json_t *list);
     void finish_set(client &from, const json_t *list, const ready_hashes &hashes, const ticket &to);
-    void instance_event(const char *action, const node *table, uint32_t number);
+    void tell_instances(const std::vector<instance_change> &changes);
+    void watch_machine();
+    void machine_changed(const node *table, uint32_t number, bool added);
 
     // session_methods.cpp
     void log_in(client &from, const json_t *params, const ticket &to);
@@ -160,7 +163,9 @@ private:
     worker parser_;
     std::array<std::deque<std::shared_ptr<long_line>>, 2> long_lines_; // of those who are logged in, and of the others
     bool parsing_ = false;
-    size_t most_links_; // what the descriptors are good for
+    coalesced_changes machine_changes_;
+    bool telling_ = false; // when the machine's changes have been collected for a moment
+    size_t most_links_;    // what the descriptors are good for
     size_t links_ = 0;
     std::unordered_map<std::string, size_t> links_of_; // by peer
     uint64_t next_client_ = 1;

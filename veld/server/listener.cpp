@@ -21,7 +21,6 @@ namespace
 
 constexpr int backlog = 4096; // the system cuts it to what it allows
 constexpr int accepts_at_once = 32;
-constexpr mode_t socket_mode = 0666;
 
 std::string because(const std::string &what)
 {
@@ -53,13 +52,35 @@ std::string private_name(const std::string &path)
 
 } // namespace
 
-listener::listener(loop &events, std::string address, accept_handler call)
-    : loop_(events), address_(std::move(address)), call_(std::move(call))
+listener::listener(loop &events, std::string address, socket_rights rights, accept_handler call)
+    : loop_(events), address_(std::move(address)), rights_(rights), call_(std::move(call))
 {
+}
+
+listener::listener(loop &events, fd_owner opened, accept_handler call)
+    : loop_(events), call_(std::move(call)), fd_(std::move(opened)), kept_(true), turning_away_(true)
+{
+    host_address own;
+    own.length = sizeof own.bytes;
+    if (getsockname(fd_.get(), reinterpret_cast<sockaddr *>(&own.bytes), &own.length) != 0)
+        return;
+    if (own.bytes.ss_family != AF_UNIX)
+        address_ = std::string(tcp_scheme) + host_port_text({address_text(own), own.port()});
+    else if (own.length > sizeof(sa_family_t))
+        address_ = reinterpret_cast<const sockaddr_un *>(&own.bytes)->sun_path;
+    watch();
+}
+
+void listener::watch()
+{
+    if (!reserve_)
+        reserve_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    loop_.watch(fd_.get(), EPOLLIN, [this](uint32_t) { arrived(); });
 }
 
 listener::~listener()
 {
+    kept_ = false;
     close();
     if (place_)
         unlink(lock_name(address_).c_str());
@@ -94,19 +115,24 @@ bool listener::take_place(std::string *error)
 
 bool listener::open(std::string *error)
 {
+    if (fd_ && turning_away_) {
+        turning_away_ = false;
+        return true;
+    }
     if (!(is_tcp() ? open_tcp(error) : open_unix(error))) {
         fd_.reset();
         return false;
     }
-    if (!reserve_)
-        reserve_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    loop_.watch(fd_.get(), EPOLLIN, [this](uint32_t) { arrived(); });
+    watch();
     return true;
 }
 
 void listener::close()
 {
     if (!fd_)
+        return;
+    turning_away_ = kept_;
+    if (kept_)
         return;
     loop_.forget(fd_.get());
     fd_.reset();
@@ -152,7 +178,8 @@ bool listener::open_unix(std::string *error)
         return false;
     }
     if (listen(fd_.get(), backlog) != 0 || lstat(fresh.c_str(), &present) != 0 ||
-        chmod(fresh.c_str(), socket_mode) != 0 || rename(fresh.c_str(), address_.c_str()) != 0) {
+        (rights_.group && chown(fresh.c_str(), static_cast<uid_t>(-1), *rights_.group) != 0) ||
+        chmod(fresh.c_str(), rights_.mode) != 0 || rename(fresh.c_str(), address_.c_str()) != 0) {
         *error = because(address_);
         unlink(fresh.c_str());
         return false;
@@ -170,12 +197,16 @@ bool listener::open_tcp(std::string *error)
         *error = address_ + ": an address has the form tcp://HOST:PORT";
         return false;
     }
+    // A name is looked up at the start alone: later that would keep the clients waiting.
     std::vector<host_address> found;
-    if (const int outcome = addresses_of(place->host, AF_UNSPEC, &found); outcome != 0 || found.empty()) {
-        *error = address_ + ": " + gai_strerror(outcome);
-        return false;
+    if (!own_) {
+        if (const int outcome = addresses_of(place->host, AF_UNSPEC, &found); outcome != 0 || found.empty()) {
+            *error = address_ + ": " + gai_strerror(outcome);
+            return false;
+        }
+        own_ = found.front();
     }
-    host_address &own = found.front();
+    host_address &own = *own_;
     own.set_port(place->port);
     const int on = 1;
     fd_.reset(socket(own.bytes.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
@@ -211,6 +242,8 @@ void listener::arrived()
             continue;
         if (!fd)
             return;
+        if (turning_away_)
+            continue;
         arrival who;
         if (is_tcp()) {
             const int on = 1;

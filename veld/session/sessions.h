@@ -28,6 +28,9 @@ public:
     using visitor = std::function<void(connection_id hears, const std::vector<connection_id> &members)>;
     void each_in_group(int64_t group, const visitor &call) const;
 
+    /// Whether anybody has joined a group.
+    bool heard(int64_t group) const { return groups_.count(group) != 0; }
+
     /// The number of groups that a connection has joined.
     size_t joined(connection_id who) const;
 
