@@ -19,7 +19,8 @@ def bin(sandbox, veld):
     for name in ("kest", "kest_lua", "kest_interpreter"):
         (folder / name).write_text(f'#!/bin/bash\nexec -a {name} {settings.KEST} -u {veld.address} "$@"\n')
         (folder / name).chmod(0o755)
-    (folder / "veld").write_text(f'#!/bin/bash\nexec {settings.VELD} --model {settings.MODELS}/gateway.json "$@"\n')
+    served = f'[[ $1 == --socket ]] && set -- --model {settings.MODELS}/gateway.json "$@"'
+    (folder / "veld").write_text(f'#!/bin/bash\n{served}\nexec {settings.VELD} "$@"\n')
     (folder / "veld").chmod(0o755)
     return folder
 
