@@ -627,6 +627,21 @@ def test_an_event_reconnects_too(fake_start, kest_start, tmp_path, address):
     fake.wait_for(lambda fake: fake.params("Event") == [{"Id": 100, "Value": "x"}])
 
 
+@pytest.mark.parametrize("comes_back", [False, True])
+def test_a_wait_for_events_ends_with_the_session(veld, shell, comes_back):
+    term = shell(to=veld)
+    term.run("lua")
+    term.type("dm.wait(1000, 0) io.stderr:write('be', 'gun') dm.wait(1000)\r")
+    term.wait_for("begun")
+    if comes_back:
+        veld.restart()
+    else:
+        veld.stop()
+    assert term.wait_exit() == 0
+    assert term.find("Connection dropped")
+    assert term.find("[-32002] Connection lost: ")
+
+
 # --- login ---
 
 

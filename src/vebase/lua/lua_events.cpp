@@ -124,7 +124,7 @@ ve_lua_events::outcome ve_lua_events::wait(std::span<const uint32_t> groups, int
             groups_.push_back(group);
     }
     for (bool was_lost = false; !ve_wait_interrupted(); was_lost = true) {
-        if (was_lost && is_over(deadline)) {
+        if (was_lost && (is_over(deadline) || (keeps_on != nullptr && !keeps_on()))) {
             *message = lost("");
             return outcome::failed;
         }
