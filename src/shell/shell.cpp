@@ -31,6 +31,8 @@ namespace
 
 constexpr char lua_prefix[] = "lua ";
 constexpr size_t passwd_buffer_size = 16384;
+constexpr int listener_ms = 500;
+constexpr int listener_poll_ms = 5;
 
 struct free_deleter {
     void operator()(void *memory) const { free(memory); }
@@ -116,13 +118,24 @@ bool is_quit(const char *line)
     return strcmp(line, "q") == 0 || strcmp(line, "quit") == 0;
 }
 
+/// Whether the daemon has ended the session. Where the input ends right behind a reboot, the listener may just be about
+/// to say so.
+bool daemon_has_left()
+{
+    for (int waited_ms = 0; is_running() && waited_ms < listener_ms; waited_ms += listener_poll_ms) {
+        if (ve_socket_wait(ve_jrpcapi_socket(group_ctx), 1, 0) <= 0 || ve_wait_sleep_ms(listener_poll_ms) < 0)
+            return !is_running();
+    }
+    return !is_running();
+}
+
 void read_lines()
 {
     std::string text;
     while (is_running()) {
         complete_program_forget(); // new ones may be there
         const text_ptr line(ve_rl(prompt_get(), -1));
-        if (ve_rl_ctrld_is_pressed())
+        if (ve_rl_ctrld_is_pressed() && !daemon_has_left())
             return;
         if (!line || line.get()[0] == '\0')
             continue;

@@ -27,6 +27,12 @@ def test_a_reboot_writes_what_was_recorded(shell, veld_start, tmp_path):
     assert (tmp_path / "file").read_text() == "set Device.Time.NTPServer1=mine\nreboot -f\n"
 
 
+def test_a_reboot_at_the_end_of_the_input_writes_what_was_recorded(kest, veld_start, tmp_path):
+    device = veld_start("--reboot-time", "0", "--state", tmp_path / "state")
+    kest(to=device, stdin="record file\nset Device.Time.NTPServer1=mine\nreboot -f\n")
+    assert (tmp_path / "file").read_text() == "set Device.Time.NTPServer1=mine\nreboot -f\n"
+
+
 def test_a_lost_link_writes_what_was_recorded(shell, model, tmp_path):
     term = shell(to=model)
     term.run("record file")
