@@ -12,6 +12,7 @@
 #include "lua/client.h"
 #include "lua/complete.h"
 #include "lua/lua_mode.h"
+#include "lua/recording.h"
 #include "lua/running.h"
 #include "lua/session.h"
 #include "lua/traceback.h"
@@ -34,8 +35,8 @@ struct free_deleter {
 };
 
 struct {
-    ve_history history; // of all Lua modes
-    std::string script; // the statements of this one, as a script that does the same
+    ve_history history;   // of all Lua modes
+    lua_recording script; // of this one
 } console;
 
 bool is_quit(const char *text)
@@ -55,8 +56,8 @@ void drop_statement(std::string &statement)
     ve_out_flush();
 }
 
-/// The statement is done, compiled or not.
-void finish_statement(lua_State *L, std::string &statement, bool compiled)
+/// The statement is done, compiled or not. `first` is the number of the first value that it showed.
+void finish_statement(lua_State *L, std::string &statement, unsigned first, bool compiled)
 {
     prompt_set_incompleted(0);
     prompt_update_postfix(compiled ? "lua" : "lua(fail)");
@@ -65,7 +66,7 @@ void finish_statement(lua_State *L, std::string &statement, bool compiled)
     } else {
         console.history.add(statement);
         if (compiled && !kest_lua_failed())
-            kest_lua_record(L, statement, &console.script);
+            console.script.add(L, statement, first);
     }
     statement.clear();
     interrupt_disarm();
@@ -77,6 +78,7 @@ void run_statement(lua_State *L, std::string &statement)
 {
     lua_run_begin();
     kest_lua_prepare(L);
+    const unsigned first = kest_lua_shown() + 1;
     const int result = kest_lua_execute(L, statement.data(), statement.size());
     if (result != 1)
         kest_lua_cleanup(L);
@@ -85,7 +87,7 @@ void run_statement(lua_State *L, std::string &statement)
     else if (result == 1)
         prompt_set_incompleted(1);
     else
-        finish_statement(L, statement, result == 0);
+        finish_statement(L, statement, first, result == 0);
 }
 
 /// Runs lines until "q", Ctrl-D or the loss of the daemon.
@@ -121,7 +123,7 @@ void run_lines(lua_State *L)
 void save_session()
 {
     if (record_check())
-        record_commit(console.script);
+        record_commit(console.script.script());
     console.history.save();
 }
 

@@ -111,13 +111,6 @@ int show_result(lua_State *L)
     return 0;
 }
 
-bool compiles(lua_State *L, const std::string &text)
-{
-    const bool good = luaL_loadbufferx(L, text.data(), text.size(), chunk_name, "t") == LUA_OK;
-    lua_pop(L, 1);
-    return good;
-}
-
 bool ends_unfinished(const char *message, size_t size)
 {
     const size_t end = strlen(unfinished_end);
@@ -157,20 +150,9 @@ bool kest_lua_failed()
     return session.failed;
 }
 
-void kest_lua_record(lua_State *L, const std::string &text, std::string *script)
+unsigned kest_lua_shown()
 {
-    // In a script something follows, which nothing may that follows a return.
-    if (compiles(L, text + "\ndo end")) {
-        script->append(text.front() == '(' ? ";" : "").append(text).append("\n");
-        return;
-    }
-    const std::string values = text.substr(0, text.find_last_not_of(" \t;") + 1);
-    if (compiles(L, "dm.show(" + values + ")"))
-        script->append("dm.show(").append(values).append(")\n");
-    else if (compiles(L, "dm.show(" + values + "\n)")) // a comment ends it
-        script->append("dm.show(").append(values).append("\n)\n");
-    else
-        script->append("dm.show((function()\n").append(text).append("\nend)())\n");
+    return session.results_count;
 }
 
 void kest_lua_run_chunk(lua_State *L)

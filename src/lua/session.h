@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstddef>
-#include <string>
 
 struct lua_State;
 
@@ -18,9 +17,8 @@ void kest_lua_cleanup(lua_State *L);
 int kest_lua_execute(lua_State *L, const char *text, size_t length);
 /// Whether the piece that ran last raised an error.
 bool kest_lua_failed();
-/// Appends a complete piece to a script of such pieces, so that it does there what it did here: what only looked at
-/// values shows them.
-void kest_lua_record(lua_State *L, const std::string &text, std::string *script);
+/// How many values were shown in the session so far: their numbers in "_".
+unsigned kest_lua_shown();
 /// Runs the function on top of the stack; shows every value that it returns and stores it in the results table.
 void kest_lua_run_chunk(lua_State *L);
 

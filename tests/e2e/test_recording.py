@@ -90,6 +90,14 @@ def test_a_lua_recording_is_a_script(kest, model, tmp_path, lines, recorded, pri
     assert (run.out, run.err, run.status) == (printed, "", 0)
 
 
+def test_a_lua_recording_keeps_results_that_are_used(kest, model, tmp_path):
+    lines = ["40", "x = 1", "tostring(true), nil", "error('no')", " 'unseen'", "print(_[1] + 2, _[2], _[3], _[5])", "_[1] + x"]
+    shown = kest(to=model, stdin="\n".join(["luarecord file", *lines, "q", "q", ""]))
+    assert "\n42\ttrue\tnil\tnil\n_[5] = 41\n" in shown.out
+    run = kest("-S", "file", to=model)
+    assert (run.out, run.err, run.status) == ('40\n"true"\nnil\n42\ttrue\tnil\tnil\n41\n', "", 0)
+
+
 # A blank in a value, where quotes are no quotes
 
 
