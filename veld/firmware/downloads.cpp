@@ -53,7 +53,7 @@ bool good_file_name(const std::string &name)
 
 downloads::downloads(loop &events, device &machine, flasher &flash, workspace &folders, download_settings settings)
     : loop_(events), device_(machine), flash_(flash), folders_(folders), settings_(settings),
-      reader_(events, worker::at_end::abandon)
+      files_(events, worker::at_end::abandon), reader_(events, worker::at_end::abandon)
 {
     // An image from before a restart waits for nobody any more.
     if (!folders_.spool().empty())
@@ -169,7 +169,7 @@ void downloads::request(const download_asker &asker, const download_request &wan
         return fresh.done({code::internal, fresh.file->error(), ""}, "");
     const uint64_t id = next_++;
     fresh.source =
-        std::make_unique<fetch>(loop_, std::move(url), *fresh.file, fetch_bounds{settings_.stall_ms, asker.uid},
+        std::make_unique<fetch>(loop_, files_, std::move(url), *fresh.file, fetch_bounds{settings_.stall_ms, asker.uid},
                                 [this, id, name](const fault &problem) { arrived(id, problem, name); });
     fresh.source->start();
     LOG_INFO("fetches %s from %.200s", wanted.type.c_str(), wanted.url.c_str());

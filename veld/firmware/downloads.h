@@ -92,9 +92,10 @@ private:
     flasher &flash_;
     workspace &folders_;
     download_settings settings_;
+    worker files_;  // reads those of this machine
+    worker reader_; // reads configurations
     uint64_t next_ = 1;
     std::unordered_map<uint64_t, transfer> transfers_;
-    worker reader_;            // of configurations
     waiting_image image_;      // of no path: none waits
     nameless_file nameless_{}; // the file stored last whose request held no name for it
 };

@@ -21,6 +21,7 @@ namespace
 {
 
 constexpr size_t block = size_t{256} << 10;
+constexpr size_t block_of_file = size_t{1} << 20;
 constexpr int blocks_at_once = 4;
 constexpr int64_t least_per_second = 256;
 constexpr size_t header_limit = size_t{64} << 10;
@@ -51,8 +52,8 @@ char *buffer()
 
 } // namespace
 
-fetch::fetch(loop &events, source_url url, spool &into, fetch_bounds bounds, done_handler done)
-    : loop_(events), url_(std::move(url)), into_(into), bounds_(bounds), done_(std::move(done))
+fetch::fetch(loop &events, worker &disk, source_url url, spool &into, fetch_bounds bounds, done_handler done)
+    : loop_(events), disk_(disk), url_(std::move(url)), into_(into), bounds_(bounds), done_(std::move(done))
 {
 }
 
@@ -142,45 +143,84 @@ void fetch::end(const fault &result)
 
 // --- files ---
 
-void fetch::open_file()
+struct fetch::file_reading {
+    std::string path;
+    std::optional<uid_t> reader;
+    fd_owner fd;
+    std::string block; // what was read last; empty at the end
+    std::string error;
+    bool confidential = false;
+
+    void open();
+    void read();
+};
+
+void fetch::file_reading::open()
 {
     // Links are followed before it is asked where they lead.
-    char *const real = realpath(url_.path.c_str(), nullptr);
-    const std::string path = real != nullptr ? real : url_.path;
+    char *const real = realpath(path.c_str(), nullptr);
+    const std::string place = real != nullptr ? real : path;
     free(real);
-    fd_.reset(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
+    fd.reset(::open(place.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
     struct stat found {
     };
-    const bool opened = fd_ && fstat(fd_.get(), &found) == 0;
+    const bool opened = fd && fstat(fd.get(), &found) == 0;
+    const int problem = errno;
     // Who may not look there learns nothing, not even whether it is there.
-    const bool trusted = bounds_.reader && (*bounds_.reader == 0 || *bounds_.reader == geteuid());
-    if (!trusted && (!opened || !may_read(found, path, bounds_.reader)))
-        return fail(code::transfer_failed, url_.path + ": cannot be read");
-    confidential_ = opened && (found.st_mode & S_IROTH) == 0;
-    if (!opened)
-        return fail(code::transfer_failed, url_.path + ": " + strerror(errno));
-    if (!S_ISREG(found.st_mode))
-        return fail(code::transfer_failed, url_.path + ": not a regular file");
-    read_file();
+    const bool trusted = reader && (*reader == 0 || *reader == geteuid());
+    confidential = opened && (found.st_mode & S_IROTH) == 0;
+    if (!trusted && (!opened || !may_read(found, place, reader)))
+        error = path + ": cannot be read";
+    else if (!opened)
+        error = path + ": " + strerror(problem);
+    else if (!S_ISREG(found.st_mode))
+        error = path + ": not a regular file";
 }
 
-void fetch::read_file()
+void fetch::file_reading::read()
 {
-    for (int i = 0; i < blocks_at_once; ++i) {
-        const ssize_t count = read(fd_.get(), buffer(), block);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return fail(code::transfer_failed, url_.path + ": " + strerror(errno));
-        if (count == 0)
-            return end({});
-        if (!into_.append({buffer(), static_cast<size_t>(count)}))
-            return fail(code::transfer_failed, into_.error());
-    }
-    loop_.post([this, alive = alive_] {
-        if (*alive)
-            read_file();
-    });
+    block.resize(block_of_file);
+    ssize_t count = 0;
+    do
+        count = ::read(fd.get(), block.data(), block.size());
+    while (count < 0 && errno == EINTR);
+    if (count < 0)
+        error = path + ": " + strerror(errno);
+    block.resize(count > 0 ? static_cast<size_t>(count) : 0);
+}
+
+// The disk may be slow, or on another machine: it is waited for beside the loop.
+void fetch::open_file()
+{
+    file_ = std::make_shared<file_reading>();
+    file_->path = url_.path;
+    file_->reader = bounds_.reader;
+    disk_.run(
+        [file = file_] {
+            file->open();
+            if (file->error.empty())
+                file->read();
+        },
+        [this, alive = alive_] {
+            if (*alive)
+                take_block();
+        });
+}
+
+void fetch::take_block()
+{
+    confidential_ = file_->confidential;
+    if (!file_->error.empty())
+        return fail(code::transfer_failed, file_->error);
+    if (file_->block.empty())
+        return end({});
+    if (!into_.append(file_->block))
+        return fail(code::transfer_failed, into_.error());
+    disk_.run([file = file_] { file->read(); },
+              [this, alive = alive_] {
+                  if (*alive)
+                      take_block();
+              });
 }
 
 // --- the network ---

@@ -6,6 +6,7 @@
 #include "veld/firmware/spool.h"
 #include "veld/model/fault.h"
 #include "veld/server/loop.h"
+#include "veld/server/worker.h"
 
 #include <functional>
 #include <memory>
@@ -28,7 +29,8 @@ public:
 
     /// Starts to fetch `url` into `into`, which must outlive the fetch. `done` is called once, never before start()
     /// returns, and may destroy the fetch. What arrives drop by drop ends like what does not arrive.
-    fetch(loop &events, source_url url, spool &into, fetch_bounds bounds, done_handler done);
+    /// `disk` reads files of this machine; it outlives the fetch.
+    fetch(loop &events, worker &disk, source_url url, spool &into, fetch_bounds bounds, done_handler done);
     fetch(const fetch &) = delete;
     fetch &operator=(const fetch &) = delete;
     /// Gives up what is under way.
@@ -41,8 +43,10 @@ public:
 private:
     enum class stage { looking_up, connecting, asking, header, body };
 
+    struct file_reading;
+
     void open_file();
-    void read_file();
+    void take_block();
     void look_up();
     void looked_up();
     void connect_next();
@@ -61,10 +65,12 @@ private:
     void fail(int code, const std::string &what) { end({code, what, ""}); }
 
     loop &loop_;
+    worker &disk_;
     source_url url_;
     spool &into_;
     fetch_bounds bounds_;
     bool confidential_ = false;
+    std::shared_ptr<file_reading> file_; // shared with the thread that reads
     int64_t pace_began_ = 0; // of the time over which the pace is judged
     size_t pace_bytes_ = 0;  // that arrived in it
     done_handler done_;

@@ -22,6 +22,8 @@ constexpr size_t parsed_at_once = size_t{16} << 10;
 constexpr size_t values_limit = size_t{256} << 20;
 // Memory goes back to the system when so much was taken.
 constexpr size_t worth_giving_back = size_t{1} << 20;
+constexpr size_t links_worth_giving_back = 100;
+constexpr int64_t give_back_after_ms = 1000;
 constexpr size_t name_shown = 256;
 
 // The memory that the values of a message will take, roughly: counted without making them.
@@ -207,8 +209,17 @@ void service::connection_over(connection &which)
     sessions_.leave(id);
     executions_.end(id);
     downloads_.end(id);
+    if (++left_ == links_worth_giving_back)
+        loop_.after(give_back_after_ms, [this] { give_memory_back(); });
     // The connection may be in the middle of a call of its own.
     loop_.post([this, id] { clients_.erase(id); });
+}
+
+// What a crowd has left behind goes back to the system, beside the loop.
+void service::give_memory_back()
+{
+    left_ = 0;
+    parser_.run([] { malloc_trim(0); });
 }
 
 client *service::find(uint64_t id)

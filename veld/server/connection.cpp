@@ -18,7 +18,7 @@ namespace
 constexpr size_t events_limit = size_t{4} << 20;
 constexpr size_t events_of_a_round = size_t{256} << 10;
 // What one client may take of a round before the others have theirs.
-constexpr int64_t time_at_once_ms = 5;
+constexpr int64_t time_at_once_us = 1000;
 constexpr int lines_at_once = 64;
 // What a client may always send, however much the others hold.
 constexpr size_t input_of_everybody = size_t{64} << 10;
@@ -156,9 +156,9 @@ bool connection::take_input(size_t bytes)
 
 void connection::take_lines()
 {
-    const int64_t started = monotonic_ms();
+    const int64_t started = monotonic_us();
     for (int i = 0; !blocked(); ++i) {
-        if (i == lines_at_once || (i > 0 && monotonic_ms() - started >= time_at_once_ms)) {
+        if (i == lines_at_once || (i > 0 && monotonic_us() - started >= time_at_once_us)) {
             resume_later();
             return;
         }
@@ -174,7 +174,7 @@ void connection::take_lines()
             close();
             return;
         }
-        last_line_ = started;
+        last_line_ = started / 1000;
         const size_t size = line.size() + 1;
         owner_.line_received(*this, line);
         // What is worked on elsewhere stays accounted for until the hold is over.
