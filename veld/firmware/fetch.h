@@ -71,8 +71,8 @@ private:
     fetch_bounds bounds_;
     bool confidential_ = false;
     std::shared_ptr<file_reading> file_; // shared with the thread that reads
-    int64_t pace_began_ = 0; // of the time over which the pace is judged
-    size_t pace_bytes_ = 0;  // that arrived in it
+    int64_t pace_began_ = 0;             // of the time over which the pace is judged
+    size_t pace_bytes_ = 0;              // that arrived in it
     done_handler done_;
     stage stage_ = stage::looking_up;
     std::unique_ptr<name_lookup> lookup_;

@@ -16,6 +16,8 @@ namespace veld
 namespace
 {
 
+// What a table takes from clients where its model sets no limit.
+constexpr int64_t instances_without_limit = 65535;
 constexpr int tries_for_a_free_number = 10000;
 constexpr std::string_view refused_role = "may not be written by this user";
 
@@ -273,9 +275,8 @@ fault change_add(tree *in, role who, std::string_view path, uint64_t order, node
         return {code::bad_arguments, std::string(path) + " is not ordered", ""};
     in->refresh(table);
     const auto count = static_cast<int64_t>(table->table->instances.size());
-    if (what.max_count && count >= *what.max_count)
-        return {code::resources, std::string(path) + " takes at most " + std::to_string(*what.max_count) + " instances",
-                ""};
+    if (const int64_t most = what.max_count.value_or(instances_without_limit); count >= most)
+        return {code::resources, std::string(path) + " takes at most " + std::to_string(most) + " instances", ""};
     if (table->table->highest == std::numeric_limits<uint32_t>::max())
         return {code::resources, std::string(path) + " has no instance numbers left", ""};
     *added = in->add(table, order == 0 ? std::numeric_limits<size_t>::max() : static_cast<size_t>(order - 1));

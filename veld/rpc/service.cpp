@@ -23,6 +23,7 @@ constexpr size_t values_limit = size_t{256} << 20;
 // Memory goes back to the system when so much was taken.
 constexpr size_t worth_giving_back = size_t{1} << 20;
 constexpr size_t links_worth_giving_back = 100;
+constexpr size_t answer_worth_giving_back = size_t{4} << 20;
 constexpr int64_t give_back_after_ms = 1000;
 constexpr size_t name_shown = 256;
 
@@ -209,17 +210,22 @@ void service::connection_over(connection &which)
     sessions_.leave(id);
     executions_.end(id);
     downloads_.end(id);
-    if (++left_ == links_worth_giving_back)
-        loop_.after(give_back_after_ms, [this] { give_memory_back(); });
+    if (++left_ >= links_worth_giving_back)
+        give_memory_back_soon();
     // The connection may be in the middle of a call of its own.
     loop_.post([this, id] { clients_.erase(id); });
 }
 
-// What a crowd has left behind goes back to the system, beside the loop.
-void service::give_memory_back()
+// What a crowd has left behind, or a large answer, goes back to the system, beside the loop.
+void service::give_memory_back_soon()
 {
-    left_ = 0;
-    parser_.run([] { malloc_trim(0); });
+    if (std::exchange(giving_back_, true))
+        return;
+    loop_.after(give_back_after_ms, [this] {
+        giving_back_ = false;
+        left_ = 0;
+        parser_.run([] { malloc_trim(0); });
+    });
 }
 
 client *service::find(uint64_t id)
@@ -352,6 +358,8 @@ void service::send_to(const ticket &to, std::string message)
     if (log_shows(log_level::debug))
         LOG_DEBUG("client %llu (%.64s): answer %s", static_cast<unsigned long long>(to.client),
                   waiting->shown().c_str(), trace_answer(&tree_, message).c_str());
+    if (message.size() > answer_worth_giving_back)
+        give_memory_back_soon();
     waiting->link->send(std::move(message));
 }
 

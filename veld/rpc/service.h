@@ -100,7 +100,7 @@ private:
 
     // service.cpp: messages in, answers and events out
     bool make_room(const arrival &who);
-    void give_memory_back();
+    void give_memory_back_soon();
     bool turn_out(const std::string &peer);
     void message_received(connection &from, json_t *message);
     void parse_next();
@@ -165,9 +165,10 @@ private:
     std::array<std::deque<std::shared_ptr<long_line>>, 2> long_lines_; // of those who are logged in, and of the others
     bool parsing_ = false;
     coalesced_changes machine_changes_;
-    size_t left_ = 0; // links that ended since memory was last given back
-    bool telling_ = false; // when the machine's changes have been collected for a moment
-    size_t most_links_;    // what the descriptors are good for
+    size_t left_ = 0;          // links that ended since memory was last given back
+    bool giving_back_ = false; // memory, in a moment
+    bool telling_ = false;     // when the machine's changes have been collected for a moment
+    size_t most_links_;        // what the descriptors are good for
     size_t links_ = 0;
     std::unordered_map<std::string, size_t> links_of_; // by peer
     uint64_t next_client_ = 1;

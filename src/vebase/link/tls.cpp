@@ -18,38 +18,32 @@ namespace
 
 constexpr char library_name[] = "libssl.so.3";
 
+// What is used of the library: the name here and the name there.
+#define TLS_FUNCTIONS(function)                                                                                        \
+    function(client_method, TLS_client_method) function(ctx_new, SSL_CTX_new) function(ctx_ctrl, SSL_CTX_ctrl)         \
+        function(ctx_set_options, SSL_CTX_set_options) function(ctx_set_verify, SSL_CTX_set_verify)                    \
+            function(ctx_set_default_verify_paths,                                                                     \
+                     SSL_CTX_set_default_verify_paths) function(ssl_new, SSL_new) function(ssl_free, SSL_free)         \
+                function(ssl_ctrl, SSL_ctrl) function(get0_param, SSL_get0_param) function(set_bio, SSL_set_bio)       \
+                    function(set_connect_state, SSL_set_connect_state) function(do_handshake, SSL_do_handshake)        \
+                        function(read, SSL_read) function(write, SSL_write) function(shutdown, SSL_shutdown)           \
+                            function(get_error, SSL_get_error) function(get_verify_result, SSL_get_verify_result)      \
+                                function(param_set1_host, X509_VERIFY_PARAM_set1_host)                                 \
+                                    function(param_set1_ip, X509_VERIFY_PARAM_set1_ip_asc)                             \
+                                        function(param_set_hostflags, X509_VERIFY_PARAM_set_hostflags)                 \
+                                            function(verify_error_string, X509_verify_cert_error_string)               \
+                                                function(bio_new, BIO_new) function(bio_s_mem, BIO_s_mem)              \
+                                                    function(bio_read, BIO_read) function(bio_write, BIO_write)        \
+                                                        function(bio_pending, BIO_ctrl_pending)                        \
+                                                            function(clear_error, ERR_clear_error)                     \
+                                                                function(get_queued_error, ERR_get_error)              \
+                                                                    function(reason_string, ERR_reason_error_string)
+
 /// The functions of the loaded library, and the one context that all sessions of the process share.
 struct openssl {
-    decltype(&::TLS_client_method) client_method;
-    decltype(&::SSL_CTX_new) ctx_new;
-    decltype(&::SSL_CTX_ctrl) ctx_ctrl;
-    decltype(&::SSL_CTX_set_options) ctx_set_options;
-    decltype(&::SSL_CTX_set_verify) ctx_set_verify;
-    decltype(&::SSL_CTX_set_default_verify_paths) ctx_set_default_verify_paths;
-    decltype(&::SSL_new) ssl_new;
-    decltype(&::SSL_free) ssl_free;
-    decltype(&::SSL_ctrl) ssl_ctrl;
-    decltype(&::SSL_get0_param) get0_param;
-    decltype(&::SSL_set_bio) set_bio;
-    decltype(&::SSL_set_connect_state) set_connect_state;
-    decltype(&::SSL_do_handshake) do_handshake;
-    decltype(&::SSL_read) read;
-    decltype(&::SSL_write) write;
-    decltype(&::SSL_shutdown) shutdown;
-    decltype(&::SSL_get_error) get_error;
-    decltype(&::SSL_get_verify_result) get_verify_result;
-    decltype(&::X509_VERIFY_PARAM_set1_host) param_set1_host;
-    decltype(&::X509_VERIFY_PARAM_set1_ip_asc) param_set1_ip;
-    decltype(&::X509_VERIFY_PARAM_set_hostflags) param_set_hostflags;
-    decltype(&::X509_verify_cert_error_string) verify_error_string;
-    decltype(&::BIO_new) bio_new;
-    decltype(&::BIO_s_mem) bio_s_mem;
-    decltype(&::BIO_read) bio_read;
-    decltype(&::BIO_write) bio_write;
-    decltype(&::BIO_ctrl_pending) bio_pending;
-    decltype(&::ERR_clear_error) clear_error;
-    decltype(&::ERR_get_error) get_queued_error;
-    decltype(&::ERR_reason_error_string) reason_string;
+#define TLS_MEMBER(name, symbol) decltype(&::symbol) name;
+    TLS_FUNCTIONS(TLS_MEMBER)
+#undef TLS_MEMBER
 
     SSL_CTX *context = nullptr;
     std::string failure; // why there is no context
@@ -63,29 +57,9 @@ template <class Function> bool look_up(void *library, const char *name, Function
 
 bool look_all_up(void *library, openssl *ssl)
 {
-    return look_up(library, "TLS_client_method", &ssl->client_method) &&
-           look_up(library, "SSL_CTX_new", &ssl->ctx_new) && look_up(library, "SSL_CTX_ctrl", &ssl->ctx_ctrl) &&
-           look_up(library, "SSL_CTX_set_options", &ssl->ctx_set_options) &&
-           look_up(library, "SSL_CTX_set_verify", &ssl->ctx_set_verify) &&
-           look_up(library, "SSL_CTX_set_default_verify_paths", &ssl->ctx_set_default_verify_paths) &&
-           look_up(library, "SSL_new", &ssl->ssl_new) && look_up(library, "SSL_free", &ssl->ssl_free) &&
-           look_up(library, "SSL_ctrl", &ssl->ssl_ctrl) && look_up(library, "SSL_get0_param", &ssl->get0_param) &&
-           look_up(library, "SSL_set_bio", &ssl->set_bio) &&
-           look_up(library, "SSL_set_connect_state", &ssl->set_connect_state) &&
-           look_up(library, "SSL_do_handshake", &ssl->do_handshake) && look_up(library, "SSL_read", &ssl->read) &&
-           look_up(library, "SSL_write", &ssl->write) && look_up(library, "SSL_shutdown", &ssl->shutdown) &&
-           look_up(library, "SSL_get_error", &ssl->get_error) &&
-           look_up(library, "SSL_get_verify_result", &ssl->get_verify_result) &&
-           look_up(library, "X509_VERIFY_PARAM_set1_host", &ssl->param_set1_host) &&
-           look_up(library, "X509_VERIFY_PARAM_set1_ip_asc", &ssl->param_set1_ip) &&
-           look_up(library, "X509_VERIFY_PARAM_set_hostflags", &ssl->param_set_hostflags) &&
-           look_up(library, "X509_verify_cert_error_string", &ssl->verify_error_string) &&
-           look_up(library, "BIO_new", &ssl->bio_new) && look_up(library, "BIO_s_mem", &ssl->bio_s_mem) &&
-           look_up(library, "BIO_read", &ssl->bio_read) && look_up(library, "BIO_write", &ssl->bio_write) &&
-           look_up(library, "BIO_ctrl_pending", &ssl->bio_pending) &&
-           look_up(library, "ERR_clear_error", &ssl->clear_error) &&
-           look_up(library, "ERR_get_error", &ssl->get_queued_error) &&
-           look_up(library, "ERR_reason_error_string", &ssl->reason_string);
+#define TLS_LOOK_UP(name, symbol) &&look_up(library, #symbol, &ssl->name)
+    return library != nullptr TLS_FUNCTIONS(TLS_LOOK_UP);
+#undef TLS_LOOK_UP
 }
 
 openssl load()
