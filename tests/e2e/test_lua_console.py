@@ -468,6 +468,7 @@ ENDLESS = [
     "dm.sleep(math.huge)",
     "dm.wait(1000)",
     "table.move({}, 1, 1 << 60, 2)",
+    "debug.sethook(function() end, 'c') while true do end",
     "os.execute('sleep 100') while true do end",
     "io.popen('sleep 100'):read('a') while true do end",
     "io.popen(\"trap '' INT; sleep 100\"):read('a') while true do end",

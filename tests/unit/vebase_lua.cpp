@@ -497,6 +497,43 @@ TEST_F(VeLua, StopsLongCallsOfTheLibrary)
     EXPECT_EQ(run_interrupted("table.move({}, 1, 1 << 60, 2)"), "ERROR interrupted");
 }
 
+TEST_F(VeLua, CallsHooksOfTheScriptsOwnAsLuaDoes)
+{
+    EXPECT_EQ(run("local lines = {} debug.sethook(function(event, line) lines[#lines + 1] = event .. line end, 'l')\n"
+                  "local a\n"
+                  "a = 1\n"
+                  "debug.sethook() print(table.concat(lines, ' ')) print(debug.gethook())"),
+              "line2 line3 line4\nnil\t\t0\n");
+    EXPECT_EQ(run("local function f() end debug.sethook(f, 'cr', 5000) local g, mask, count = debug.gethook() "
+                  "debug.sethook() print(f == g, mask, count)"),
+              "true\tcr\t5000\n");
+    EXPECT_EQ(run("local function f() end debug.sethook(f, 'l') local g, mask, count = debug.gethook() "
+                  "debug.sethook() print(f == g, mask, count)"),
+              "true\tl\t0\n");
+    EXPECT_EQ(
+        run("local n = 0 debug.sethook(function() n = n + 1 end, '', 100) for i = 1, 10000 do end debug.sethook() "
+            "print(n >= 99 and n <= 110)"),
+        "true\n");
+    EXPECT_EQ(
+        run("local n = 0 debug.sethook(function() n = n + 1 end, '', 4000) for i = 1, 40000 do end debug.sethook() "
+            "print(n >= 9 and n <= 11)"),
+        "true\n");
+    EXPECT_EQ(run("local co = coroutine.create(function() end) debug.sethook(co, print, 'c') "
+                  "print(debug.gethook(co) == print, debug.gethook())"),
+              "true\tnil\t\t0\n");
+}
+
+TEST_F(VeLua, StopsCodeThatHasAHookOfItsOwn)
+{
+    for (const char *set : {"debug.sethook(function() end, 'c')", "debug.sethook(function() end, '', 1000000000)",
+                            "debug.sethook(function() end, 'l', 7)", "debug.sethook()"}) {
+        EXPECT_EQ(run_interrupted(std::string(set) + " while true do end"), "ERROR interrupted") << set;
+        ve_wait_clear_interrupt();
+    }
+    EXPECT_TRUE(run_interrupted("coroutine.wrap(function() debug.sethook(print, 'r') while true do end end)()")
+                    .ends_with("interrupted"));
+}
+
 TEST_F(VeLua, RefusesToWaitForNoGroup)
 {
     for (const char *groups : {"0", "-1", "'x'", "{}", "{1, 'x'}", "1.5", "4294967296", "nil"}) {

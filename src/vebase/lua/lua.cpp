@@ -84,6 +84,7 @@ int open_state(lua_State *L)
     ve_lua_open_interrupts(L);
     ve_lua_open_io(L);
     ve_lua_open_long(L);
+    ve_lua_open_hook(L);
     ve_lua_open_dm(L);
     return 0;
 }
@@ -182,6 +183,12 @@ void ve_lua_check_interrupt(lua_State *L)
     drop_message_handlers(L);
     lua_pushliteral(L, "interrupted");
     lua_error(L);
+}
+
+void ve_lua_watch(lua_State *L)
+{
+    interpreter.quick = 0;
+    lua_sethook(L, hook, LUA_MASKCOUNT, slow_hook_interval);
 }
 
 void ve_lua_limit_time(lua_State *L, int milliseconds)

@@ -46,10 +46,14 @@ bool ve_lua_stop_is_due();
 /// `timeout_ms` (-1 none), shortened to the time that code may still run.
 int ve_lua_time_left(int timeout_ms);
 
+/// Lets our hook look for Ctrl-C in a thread that has no other.
+void ve_lua_watch(lua_State *L);
+
 /// Set-up of a state, in a protected call: may raise.
 void ve_lua_open_interrupts(lua_State *L);
 void ve_lua_open_io(lua_State *L);
 void ve_lua_open_long(lua_State *L);
+void ve_lua_open_hook(lua_State *L);
 /// With the table "io" on top.
 void ve_lua_open_popen(lua_State *L);
 void ve_lua_open_dm(lua_State *L);
