@@ -24,7 +24,7 @@ bool compiles(lua_State *L, const std::string &text)
 /// The expression list that `text` is, as it can stand between parentheses; empty when it is none.
 std::string values_of(lua_State *L, const std::string &text)
 {
-    const std::string values = text.substr(0, text.find_last_not_of(" \t;") + 1);
+    std::string values = text.substr(0, text.find_last_not_of(" \t;") + 1);
     if (compiles(L, "dm.show(" + values + ")"))
         return values;
     return compiles(L, "dm.show(" + values + "\n)") ? values + "\n" : ""; // a comment ends it
