@@ -26,7 +26,7 @@ char *allocate(char *memory, size_t size)
 }
 
 /// Refuses what no longer fits, so that a value which is too long is not written out first.
-int append_chunk(const char *data, size_t size, void *writer)
+int append_to_line(const char *data, size_t size, void *writer)
 {
     const auto *line = static_cast<line_writer *>(writer);
     if (size > line->end_max - line->out->size())
@@ -132,7 +132,7 @@ int wire_encode(const json_t *message, std::string *out)
 {
     const size_t before = out->size();
     line_writer line = {.out = out, .end_max = before + wire_line_max};
-    if (json_dump_callback(message, append_chunk, &line, JSON_COMPACT) != 0) {
+    if (json_dump_callback(message, append_to_line, &line, JSON_COMPACT) != 0) {
         out->resize(before);
         return -1;
     }

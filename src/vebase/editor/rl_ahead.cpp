@@ -9,7 +9,7 @@
 namespace
 {
 
-constexpr size_t terminal_size = 4095; // what a terminal holds for its reader
+constexpr size_t queue_size = 4095; // what a terminal holds for its reader
 
 } // namespace
 
@@ -59,7 +59,7 @@ void rl_ahead::put_back()
         if (got <= 0)
             break;
     }
-    for (size_t room = terminal_size; room > 0 && !empty() && ioctl(STDIN_FILENO, TIOCSTI, &text_[at_]) == 0; --room)
+    for (size_t room = queue_size; room > 0 && !empty() && ioctl(STDIN_FILENO, TIOCSTI, &text_[at_]) == 0; --room)
         ++at_;
     if (empty())
         clear();

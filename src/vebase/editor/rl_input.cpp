@@ -12,7 +12,6 @@ namespace
 {
 
 constexpr size_t terminal_size = 4096; // what a terminal holds for its reader at most
-constexpr int patience_ms = 1000;      // how long another thread may keep the screen
 
 } // namespace
 
@@ -60,7 +59,7 @@ void rl_session::interrupt_typed()
 void rl_session::wait_hidden()
 {
     pollfd fds[] = {{rl_control_fd(), POLLIN, 0}, {rl_signals::fd(), POLLIN, 0}};
-    const int64_t deadline = ve_wait_deadline(patience_ms);
+    const int64_t deadline = ve_wait_deadline(rl_screen_patience_ms);
     while (rl_control_hidden() && outcome_ == rl_outcome::none) {
         if (ve_wait_poll(fds, 2, deadline) <= 0) {
             rl_control_unhide();

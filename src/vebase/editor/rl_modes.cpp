@@ -13,15 +13,15 @@ constexpr char paste_marked[] = "\033[?2004h"; // a paste comes with marks aroun
 constexpr char paste_bare[] = "\033[?2004l";
 
 // For those who end the program in the middle of a read.
-volatile sig_atomic_t reading = 0;
+volatile sig_atomic_t in_read = 0;
 termios before_read;
 struct sigaction before_abort;
 
 void restore()
 {
-    if (reading == 0)
+    if (in_read == 0)
         return;
-    reading = 0;
+    in_read = 0;
     tcsetattr(STDIN_FILENO, TCSANOW, &before_read);
     if (write(STDOUT_FILENO, paste_bare, sizeof paste_bare - 1) < 0 || write(STDOUT_FILENO, "\n", 1) < 0)
         return; // nobody is there to see it
@@ -39,14 +39,14 @@ void rl_modes::begin()
     abandon.sa_handler = [](int) { restore(); }; // a failed assertion in a callback
     abandon.sa_flags = static_cast<int>(SA_RESETHAND);
     sigaction(SIGABRT, &abandon, &before_abort);
-    reading = 1;
+    in_read = 1;
     set(0);
     ve_out_draw(paste_marked, sizeof paste_marked - 1);
 }
 
 void rl_modes::end()
 {
-    reading = 0;
+    in_read = 0;
     tcsetattr(STDIN_FILENO, TCSANOW, &original_);
     ve_out_draw(paste_bare, sizeof paste_bare - 1);
     sigaction(SIGABRT, &before_abort, nullptr);

@@ -13,7 +13,6 @@ namespace
 {
 
 constexpr size_t before_max = 4096; // bytes of an unfinished row that a prompt follows
-constexpr int patience_ms = 1000;   // how long another thread may keep the screen
 
 /// The characters of an output row as they stand on the screen: no escape sequences, nothing before a CR.
 std::string plain_row(std::string_view all)
@@ -162,7 +161,7 @@ void rl_screen::finish(std::string_view text, std::string_view suffix, bool new_
 {
     if (!claim()) {
         erase();
-        const int64_t deadline = ve_wait_deadline(patience_ms);
+        const int64_t deadline = ve_wait_deadline(rl_screen_patience_ms);
         pollfd wake{.fd = rl_control_fd(), .events = POLLIN, .revents = 0};
         while (!claim()) {
             if (ve_wait_poll(&wake, 1, deadline) <= 0)

@@ -15,6 +15,9 @@ rl_size rl_terminal_size();
 
 void rl_ring_bell();
 
+/// How long another thread may keep the screen.
+constexpr int rl_screen_patience_ms = 1000;
+
 class rl_screen
 {
 public:

@@ -14,7 +14,7 @@ namespace
 {
 
 /// A pipe that polls writable takes this much without blocking.
-constexpr size_t piece_size = 4096;
+constexpr size_t pipe_piece = 4096;
 
 /// What is behind the stream of a child.
 struct child_pipe {
@@ -50,7 +50,7 @@ ssize_t pipe_write(void *cookie, const char *data, size_t size)
     const ve_lua_sigint_blocked blocked;
     size_t written = 0;
     while (written < size && wait_ready(fd, POLLOUT)) {
-        const ssize_t count = write(fd, data + written, std::min(size - written, piece_size));
+        const ssize_t count = write(fd, data + written, std::min(size - written, pipe_piece));
         if (count < 0)
             break;
         written += static_cast<size_t>(count);
