@@ -6,8 +6,17 @@
 #include <cstddef>
 #include <functional>
 
-/// Runs `body` in a detached thread with a stack of `stack_size` bytes (0: the system's usual size). False when there
+/// What the deepest value that is sent over the wire takes, with room to spare.
+constexpr size_t thread_stack_size = size_t{2} << 20;
+
+/// Runs `body` in a detached thread with a stack of `stack_size` bytes (0: thread_stack_size, whatever is usual on
+/// the system). False when there
 /// is no thread; `body` then does not run.
 [[nodiscard]] bool thread_start(size_t stack_size, std::function<void()> body);
 /// The same, but the caller joins `*thread`.
 [[nodiscard]] bool thread_start_joinable(pthread_t *thread, size_t stack_size, std::function<void()> body);
+
+/// Runs `body` on a stack of at least thread_stack_size: the caller's, or where the limits of the process make that
+/// smaller (ulimit -s), that of a thread which stands for the caller: it has his signals, while he only waits. Returns
+/// what `body` does.
+int run_with_stack(std::function<int()> body);

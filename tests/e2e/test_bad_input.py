@@ -5,11 +5,13 @@ import itertools
 import os
 import signal
 import subprocess
+import sys
 
 import pytest
 
 from lib import settings
 from lib.fake import Answer, Close, Error, Raw, Silence
+from lib.program import Program
 from lib.terminal import Key
 
 MODEL = {
@@ -429,3 +431,51 @@ def test_a_hundred_thousand_words(kest, fake, scheme):
     run = kest(to=fake, stdin="set" + " x" * 100_000 + "\n", timeout=30)
     assert run.out.count("set: x: no value.\n") == 100_000
     assert run.out.endswith("set: no argument.\n")
+
+
+# Small stacks
+
+DEEP = "[" * 2030 + "]" * 2030
+
+
+@pytest.fixture
+def cramped(sandbox, fake):
+    """Runs the client with little room for its stack, as on systems whose threads have 128 KiB."""
+    sys.setrecursionlimit(20000)  # the fake reads what is sent
+    if b"__asan_init" in settings.KEST.read_bytes() or b"__tsan_init" in settings.KEST.read_bytes():
+        pytest.skip("the sanitizers need more themselves")
+
+    def run(*words):
+        command = f'ulimit -s 128; exec {settings.KEST} -u {fake.address} "$@"'
+        return Program(["/bin/sh", "-c", command, "sh", *words], sandbox.environment(), sandbox.work)
+
+    return run
+
+
+@pytest.mark.parametrize("words", [
+    ("-r", "get", "Device.A"), ("-r", "cat", "Device."), ("--raw", '{"id":7,"method":"Ask","params":{"X":%s}}' % DEEP),
+    ("-e", "4", DEEP), ("-r", "set", f"Device.A={DEEP}"), ("-n", "Tell", '{"X":%s}' % DEEP),
+    ("-r", "lua", "local t = {} for i = 1, 2030 do t = {t} end dm.event(4, t) print('sent')"),
+    ("-r", "lua", "print(dm.get('Device.A') ~= nil)"),
+], ids=["get", "cat", "raw", "event", "set", "notify", "lua event", "lua get"])
+def test_a_deep_value_needs_no_large_stack(cramped, fake, words):
+    fake.on("GetParameterValues", lambda request: Raw(
+        b'{"id":%d,"result":{"ParameterList":[{"Name":"Device.A","Value":%b}]}}\n' % (request.id, DEEP.encode())))
+    fake.on("Ask", lambda request: Raw(b'{"id":%d,"error":{"code":9002,"message":"no","data":%b}}\n' % (request.id, DEEP.encode())))
+    run = cramped(*words).finish()
+    assert run.status >= 0
+    if words[1] in ("get", "cat") or words[0] == "--raw":
+        assert run.out.count("[") >= 2030
+    if words[1] == "lua":
+        assert run.out.endswith(("\ntrue\n", "\nsent\n"))
+
+
+def test_a_deep_event_needs_no_large_stack(cramped, fake):
+    listener = cramped("-l", "-g", "12")
+    for connection in fake.wait_for(lambda fake: fake.receivers()):
+        connection.send_raw(b'{"method":"Event","params":{"Id":12,"Value":%b}}\n' % DEEP[1400:-1400].encode())
+    fake.event(13)
+    listener.wait_for("EVENT 13:\n")
+    assert listener.out.count("[") == 630
+    listener.interrupt()
+    assert listener.finish().status == 0
