@@ -49,6 +49,10 @@ ve_jrpcmsg *ve_jrpcmsg_cmd_change_order(const char *path, uint32_t order);
 /// Takes over `arguments`, an array of {"Name", "Value"}.
 ve_jrpcmsg *ve_jrpcmsg_cmd_execute(const char *path, json_t *arguments);
 
+/// All of the request's answer will be taken as JSON values, its ParameterList too: an answer of which they would take
+/// too much memory (json_text_is_bloated) then is an error. A raw request wants them anyway.
+void ve_jrpcmsg_want_values(ve_jrpcmsg *request);
+
 /// Frees; null is allowed.
 void ve_jrpcmsg_free(ve_jrpcmsg *message);
 

@@ -11,6 +11,9 @@
 /// Whether `text` is one JSON value, scalars too: UTF-8, texts with "\u0000" (but no names), integers of 64 bits, reals
 /// that are finite, at most 2048 levels.
 bool json_text_check(std::string_view text);
+/// Whether a text, JSON or not, would take too much memory as a Jansson value: more than eight times its own size, and
+/// more than 16 MiB. So many values can stand in a line only by malice.
+bool json_text_is_bloated(std::string_view text);
 
 /// One value of a checked text, borrowed from it; or none.
 class json_piece
@@ -32,7 +35,7 @@ public:
     json_piece member(std::string_view name) const;
     /// What a string holds, NUL bytes too; nothing of anything else. Kept in `*room` when it is written with escapes.
     std::optional<std::string_view> string(std::string *room) const;
-    /// A new Jansson value; null for none.
+    /// A new Jansson value; null for none, and for one that would be bloated.
     json_t *load() const;
     /// Appends the value as Jansson writes it (JSON_ENCODE_ANY); nothing for none.
     void append_to(std::string *out) const;

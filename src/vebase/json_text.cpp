@@ -18,6 +18,8 @@ constexpr unsigned depth_max = 2048;
 // A number of so few digits is no overflow, whatever it is.
 constexpr size_t integer_digits = 18;
 constexpr size_t real_digits = 300;
+constexpr size_t bloat_factor = 8;
+constexpr size_t bloat_allowed = size_t{16} << 20;
 
 constexpr uint64_t ones = 0x0101010101010101U;
 constexpr uint64_t highs = 0x80 * ones;
@@ -336,6 +338,41 @@ bool json_text_check(std::string_view text)
     return checker(text).run();
 }
 
+bool json_text_is_bloated(std::string_view text)
+{
+    // What Jansson allocates for each, by and large.
+    constexpr size_t object_cost = 240;
+    constexpr size_t array_cost = 120;
+    constexpr size_t string_cost = 80; // names, too
+    constexpr size_t element_cost = 40;
+    const size_t allowed = std::max(bloat_factor * text.size(), bloat_allowed);
+    // Nothing costs more than an object, which is two bytes.
+    if (text.size() / 2 * object_cost <= allowed)
+        return false;
+    size_t cost = text.size();
+    for (size_t at = 0; at < text.size() && cost <= allowed; ++at) {
+        switch (text[at]) {
+        case '{':
+            cost += object_cost;
+            break;
+        case '[':
+            cost += array_cost;
+            break;
+        case ',':
+            cost += element_cost;
+            break;
+        case '"':
+            cost += string_cost;
+            while (++at < text.size() && text[at] != '"')
+                at += text[at] == '\\' ? 1 : 0;
+            break;
+        default:
+            break;
+        }
+    }
+    return cost > allowed;
+}
+
 json_piece::json_piece(std::string_view checked) : text_(checked)
 {
     while (!text_.empty() && is_blank(text_.front()))
@@ -367,7 +404,7 @@ std::optional<std::string_view> json_piece::string(std::string *room) const
 
 json_t *json_piece::load() const
 {
-    return text_.empty() ? nullptr : load_text(text_);
+    return text_.empty() || json_text_is_bloated(text_) ? nullptr : load_text(text_);
 }
 
 void json_piece::append_to(std::string *out) const
@@ -377,7 +414,8 @@ void json_piece::append_to(std::string *out) const
         return;
     }
     if (!is_array()) {
-        out->append(json_written(json_ref(load()).get(), 0));
+        const json_ref value(load());
+        out->append(value ? json_written(value.get(), 0) : std::string(text_));
         return;
     }
     // Arrays in arrays are gone through once, however deep they are.

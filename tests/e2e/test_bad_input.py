@@ -14,6 +14,8 @@ from lib.fake import Answer, Close, Error, Raw, Silence
 from lib.program import Program
 from lib.terminal import Key
 
+SANITIZED = any(name in settings.KEST.read_bytes() for name in (b"__asan_init", b"__tsan_init"))  # they keep what is freed
+
 MODEL = {
     "DataModelVersion": "2",
     "Device.": {},
@@ -440,13 +442,13 @@ DEEP = "[" * 2030 + "]" * 2030
 
 @pytest.fixture
 def cramped(sandbox, fake):
-    """Runs the client with little room for its stack, as on systems whose threads have 128 KiB."""
+    """Runs the client with less of something (an option of `ulimit`): a small stack, as on systems whose threads have 128 KiB."""
     sys.setrecursionlimit(20000)  # the fake reads what is sent
-    if b"__asan_init" in settings.KEST.read_bytes() or b"__tsan_init" in settings.KEST.read_bytes():
+    if SANITIZED:
         pytest.skip("the sanitizers need more themselves")
 
-    def run(*words):
-        command = f'ulimit -s 128; exec {settings.KEST} -u {fake.address} "$@"'
+    def run(*words, limit="-s 128"):
+        command = f'ulimit {limit}; exec {settings.KEST} -u {fake.address} "$@"'
         return Program(["/bin/sh", "-c", command, "sh", *words], sandbox.environment(), sandbox.work)
 
     return run
@@ -479,3 +481,31 @@ def test_a_deep_event_needs_no_large_stack(cramped, fake):
     assert listener.out.count("[") == 630
     listener.interrupt()
     assert listener.finish().status == 0
+
+
+# Lines of little that become much
+
+BLOATED = b"[" + b"{}," * (1 << 20) + b"{}]"  # 3 MiB, which would take 250
+MEMORY = f"-d {8 * len(BLOATED) // 1024 + 16 * 1024}"
+
+
+@pytest.mark.parametrize("words, said", [
+    (("-r", "get", "Device.A"), "A = [{}, {}, "),
+    (("--raw", '{"id":7,"method":"GetParameterValues"}'), "would take too much memory"),
+    (("-r", "lua", "print(dm.get('Device.A'))"), "would take too much memory"),
+    (("-r", "set", "Device.A=1"), "would take too much memory"),
+], ids=["get", "raw", "lua", "set"])
+def test_a_line_costs_no_more_than_it_may(cramped, fake, words, said):
+    listed = b'{"id":%d,"result":{"ParameterList":[{"Name":"Device.A","Value":%b}]}}\n'
+    fake.on("GetParameterValues", lambda request: Raw(listed % (request.id, BLOATED)))
+    failed = b'{"id":%d,"error":{"code":9002,"message":"no","data":{"a":%b}}}\n'
+    fake.on("SetParameterValues", lambda request: Raw(failed % (request.id, BLOATED)))
+    run = cramped(*words, limit=MEMORY).finish()
+    assert said in run.out
+
+
+def test_an_event_costs_no_more_than_it_may(cramped, fake):
+    run = cramped("-l", "-g", "12", limit=MEMORY)
+    for connection in fake.wait_for(lambda fake: fake.receivers()):
+        connection.send_raw(b'{"method":"Event","params":{"Id":12,"Value":%b}}\n' % BLOATED)
+    assert run.finish().out == "Connection dropped\n"

@@ -62,7 +62,7 @@ taken take_object(ve_jrpcapi *ctx, json_ref *object)
     const auto state = ctx->reader.next(&line);
     if (state == wire_reader::state::more)
         return taken::nothing;
-    object->reset(state == wire_reader::state::line ? wire_decode(line) : nullptr);
+    object->reset(state == wire_reader::state::line && !json_text_is_bloated(line) ? wire_decode(line) : nullptr);
     return *object ? taken::found : taken::garbage;
 }
 

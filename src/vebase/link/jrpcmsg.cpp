@@ -64,6 +64,15 @@ void set_result(ve_jrpc_end *end, json_piece result)
     end->list = list.is_array() ? list : json_piece();
 }
 
+/// Whether the values of an answer do, but for those in `left`, a part of it that is read entry by entry.
+bool takes_too_much(std::string_view answer, std::string_view left)
+{
+    if (left.empty())
+        return json_text_is_bloated(answer);
+    const std::string_view before(answer.data(), static_cast<size_t>(left.data() - answer.data()));
+    return json_text_is_bloated(before) || json_text_is_bloated(answer.substr(before.size() + left.size()));
+}
+
 void read_error(ve_jrpc_end *end, json_piece error)
 {
     const json_ref code(error.member("code").load());
@@ -232,6 +241,11 @@ json_t *ve_jrpcmsg_params(ve_jrpcmsg *message)
     return message->params.get();
 }
 
+void ve_jrpcmsg_want_values(ve_jrpcmsg *request)
+{
+    request->wants_values = true;
+}
+
 bool ve_jrpcmsg_has_result(const ve_jrpcmsg *message)
 {
     return static_cast<bool>(message->end.result);
@@ -323,6 +337,14 @@ void ve_jrpcmsg_take_answer(ve_jrpcmsg *request, const ve_jrpc_parts &parts, wir
     request->end.completed = true;
     request->end.memory = std::move(memory);
     request->end.answer = parts.answer;
+    const json_piece list = parts.result.member("ParameterList");
+    const size_t listed = list.is_array() && !request->raw && !request->wants_values ? list.text().size() : 0;
+    if (takes_too_much(parts.answer.text(), list.text().substr(0, listed))) {
+        request->end.answer = {};
+        request->end.code = code_malformed;
+        request->end.text = "the daemon's answer would take too much memory";
+        return;
+    }
     // Whatever is not shaped like an answer reads as an error, never as a success.
     if (parts.error && !parts.error.is_null()) {
         read_error(&request->end, parts.error);

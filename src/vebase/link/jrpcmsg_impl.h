@@ -23,10 +23,11 @@ struct ve_jrpc_end {
 
 struct ve_jrpcmsg {
     int kind = ve_jrpcmsg_request;
-    json_ref raw;          // the JSON form that it was parsed from; null for a message that was built
-    json_ref id;           // null until the request is sent for the first time
-    bool keeps_id = false; // the user gave the id
-    bool id_ready = false; // ve_jrpcapi_prepare gave it the id that the next send uses
+    bool wants_values = false; // of its answer, all of it
+    json_ref raw;              // the JSON form that it was parsed from; null for a message that was built
+    json_ref id;               // null until the request is sent for the first time
+    bool keeps_id = false;     // the user gave the id
+    bool id_ready = false;     // ve_jrpcapi_prepare gave it the id that the next send uses
     std::string method;
     json_ref params;
     size_t event_id = 0;

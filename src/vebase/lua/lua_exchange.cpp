@@ -122,6 +122,7 @@ int exchange(const ve_lua_state *context, ve_jrpcmsg *message, int timeout_ms)
     const ve_lua_sigint_blocked blocked;
     const ve_lua_hooks &hooks = ve_lua_installed_hooks();
     timeout_ms = ve_lua_time_left(timeout_ms);
+    ve_jrpcmsg_want_values(message);
     if (hooks.exec != nullptr)
         return hooks.exec(message, timeout_ms);
     if (context->request_ctx == nullptr) {
