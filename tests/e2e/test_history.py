@@ -105,6 +105,26 @@ def test_a_full_disk_loses_nothing_that_was_there(sandbox, model, history, priva
 
 # Recordings
 
+@pytest.mark.parametrize("kept", [False, True])
+def test_what_a_killed_save_left_goes_with_the_next(kest, model, history, private_tmp, kept):
+    left = private_tmp / f".kest.hist.{'0123456789abcdef' if not kept else '0123456789abcdeg'}"
+    left.write_text("half of it")
+    typed(kest, model, "pwd")
+    assert left.exists() == kept
+    assert history.read_text() == "pwd\n"
+
+
+@pytest.mark.parametrize("before", [None, 0o644, 0o755])
+def test_a_recording_is_its_owners_alone(kest, model, tmp_path, before):
+    path = tmp_path / "script"
+    if before:
+        path.touch()
+        path.chmod(before)
+    typed(kest, model, f"record {path}", "login anna -p secret", "q")
+    assert "login anna -p secret" in path.read_text()
+    assert path.stat().st_mode & 0o777 == (0o600 if before is None else before & 0o700)
+
+
 def test_a_recording_that_passes_through_lua_mode_keeps_its_own_lines(kest, model, tmp_path, lua_history, history):
     lua_history.write_text("earlier()\nolder()\n")
     typed(kest, model, "cd", "record file", "pwd", "cd Device", "lua", "x = 1", " y = 2", "for i = 1, 2 do", "x = i", "end", "q",

@@ -74,6 +74,8 @@ int ve_history::save()
     if (path_.empty())
         return -1;
     const history_lock lock(path_.c_str());
+    if (lock.is_held())
+        history_remove_leftovers(path_.c_str());
     std::string content;
     const char *reason = nullptr;
     if (!history_read(path_.c_str(), content, &reason)) {

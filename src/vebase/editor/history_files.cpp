@@ -5,7 +5,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -35,7 +37,7 @@ const char *refusal(const struct stat &info)
 
 bool write_in_place(const char *path, std::string_view content)
 {
-    fd_owner file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0666));
+    fd_owner file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
     if (file.get() < 0)
         return false;
     if (write_all(file.get(), content) && file.reset() == 0)
@@ -57,8 +59,9 @@ bool write_script(const char *path, std::string_view content)
         return write_in_place(path, content);
     if (exists && access(path, W_OK) < 0)
         return false;
+    // Passwords may stand in it.
+    const mode_t mode = exists ? info.st_mode & 0700 : 0600;
     // A directory that takes no new file may hold one that can be written.
-    const std::optional<mode_t> mode = exists ? std::optional(info.st_mode & 0777) : std::nullopt;
     return replace_file(path, content, {.mode = mode}) ||
            ((errno == EACCES || errno == EPERM || errno == EROFS) && write_in_place(path, content));
 }
@@ -80,7 +83,8 @@ history_lock::history_lock(const char *path)
             return;
         const bool locked = flock(file_.get(), LOCK_EX | LOCK_NB) == 0;
         // Who held it may have put another file in its place.
-        if (locked && is_named(info, path))
+        held_ = locked && is_named(info, path);
+        if (held_)
             return;
         if (!locked)
             nanosleep(&lock_pause, nullptr);
@@ -106,6 +110,26 @@ bool history_read(const char *path, std::string &content, const char **reason)
 bool history_replace(const char *path, std::string_view content)
 {
     return replace_file(path, content, {.mode = 0600});
+}
+
+void history_remove_leftovers(const char *path)
+{
+    // As replace_file names a new file: the name, a dot, digits.
+    constexpr size_t digits = 16;
+    const char *slash = strrchr(path, '/');
+    const std::string name = std::string(slash != nullptr ? slash + 1 : path) + ".";
+    const std::string folder = slash != nullptr ? std::string(path, slash) + "/" : "./";
+    const std::unique_ptr<DIR, int (*)(DIR *)> entries(opendir(folder.c_str()), closedir);
+    while (const dirent *entry = entries ? readdir(entries.get()) : nullptr) {
+        const std::string_view each = entry->d_name;
+        if (each.size() != name.size() + digits || !each.starts_with(name) ||
+            each.find_first_not_of("0123456789abcdef", name.size()) != std::string_view::npos)
+            continue;
+        const std::string leftover = folder + entry->d_name;
+        struct stat info;
+        if (lstat(leftover.c_str(), &info) == 0 && refusal(info) == nullptr)
+            unlink(leftover.c_str());
+    }
 }
 
 int ve_history_write_script(const char *path, std::string_view script)

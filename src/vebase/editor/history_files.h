@@ -16,15 +16,21 @@ bool history_read(const char *path, std::string &content, const char **reason);
 /// Replaces the history file in one step: what was there stays whole until the new one is complete. False with errno.
 bool history_replace(const char *path, std::string_view content);
 
+/// Removes what saves that were killed have left of this user beside the file. Only while the lock is held: nobody else
+/// saves then.
+void history_remove_leftovers(const char *path);
+
 /// Held while the file is read and replaced, so that sessions which end at once do so one behind the other. Creates a
 /// missing file. Who does not let go in time, or cannot be asked, is not waited for.
 class history_lock
 {
 public:
     explicit history_lock(const char *path);
+    bool is_held() const { return held_; }
 
 private:
     fd_owner file_;
+    bool held_ = false;
 };
 
 /// Appends `entry` as a line of a history file, its line feed included.

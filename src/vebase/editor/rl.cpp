@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "platform/ve_log.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 #include "vebase/editor/rl_control.h"
@@ -89,8 +90,10 @@ char *ve_rl(const char *prompt, int timeout_ms)
             signal = SIGINT;
         if (signal != 0)
             rl_raise(signal);
-        if (outcome == rl_outcome::line)
-            return strdup(line.c_str());
+        if (outcome == rl_outcome::line) {
+            auto *const copy = static_cast<char *>(ve_xmalloc(line.size() + 1, "ve_rl", __LINE__, "editor"));
+            return static_cast<char *>(memcpy(copy, line.c_str(), line.size() + 1));
+        }
         ended = outcome == rl_outcome::end;
         if (ended || outcome == rl_outcome::stop || outcome == rl_outcome::timeout)
             return nullptr;

@@ -7,6 +7,7 @@
 
 #include "base/framing.h"
 #include "base/json_write.h"
+#include "platform/ve_log.h"
 #include "vebase/link/jrpcmsg_impl.h"
 
 namespace
@@ -88,7 +89,8 @@ void read_error(ve_jrpc_end *end, json_piece error)
 json_piece written(const json_t *value, wire_memory *memory)
 {
     const std::string text = json_written(value, JSON_COMPACT);
-    memory->reset(strdup(text.c_str())); // JSON holds no NUL byte
+    memory->reset(static_cast<char *>(ve_xmalloc(text.size() + 1, "written", __LINE__, "jrpcmsg")));
+    memcpy(memory->get(), text.c_str(), text.size() + 1);
     return json_piece({memory->get(), text.size()});
 }
 
