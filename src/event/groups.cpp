@@ -52,7 +52,8 @@ int groups_join_again(ve_jrpcapi *ctx)
         if (join(ctx, message.get()) == 0 || ve_wait_interrupted())
             continue;
         const std::string text = "kest: group " + std::to_string(group) +
-                                 " is not joined again: " + ve_visible(ve_jrpcmsg_error_message(message.get())) + '\n';
+                                 " is not joined again: " + ve_visible_error(ve_jrpcmsg_error_message(message.get())) +
+                                 '\n';
         ve_out_write_error(text.data(), text.size());
         result = -1;
     }

@@ -4,7 +4,6 @@
 #include <unistd.h>
 #include <utility>
 
-#include "base/visible.h"
 #include "platform/ve_out.h"
 
 namespace
@@ -19,7 +18,7 @@ void say(const std::string &reason)
     // A spinner leaves the cursor behind its picture.
     const bool begins_row = isatty(STDERR_FILENO) == 0 || isatty(STDOUT_FILENO) == 0 || ve_out_unfinished_row().empty();
     const std::string message =
-        (begins_row ? "kest: " : "\nkest: ") + (isatty(STDERR_FILENO) != 0 ? visible(reason) : reason) + '\n';
+        (begins_row ? "kest: " : "\nkest: ") + ve_visible_error(reason) + '\n';
     ve_out_write_error(message.data(), message.size());
 }
 

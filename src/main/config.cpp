@@ -28,7 +28,7 @@ std::string running; // the path of the file that runs
 
 void tell_slow(const ve_jrpcapi *)
 {
-    const std::string text = running + ": waiting for the daemon\n";
+    const std::string text = ve_visible_error(running) + ": waiting for the daemon\n";
     ve_out_write_error(text.data(), text.size());
 }
 

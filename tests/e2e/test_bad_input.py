@@ -509,3 +509,16 @@ def test_an_event_costs_no_more_than_it_may(cramped, fake):
     for connection in fake.wait_for(lambda fake: fake.receivers()):
         connection.send_raw(b'{"method":"Event","params":{"Id":12,"Value":%b}}\n' % BLOATED)
     assert run.finish().out == "Connection dropped\n"
+
+
+# What reaches a terminal by the other stream
+
+@pytest.mark.parametrize("line", ["dm.set{['Device.A'] = 1}", "error('\\27[31mhostile')", "x = \x02 hostile"])
+def test_errors_on_a_terminal_are_escaped_though_the_output_goes_elsewhere(terminal, scheme, fake, line):
+    fake.on("SetParameterValues", Error(9001, "\x1b[31mhostile"))
+    term = terminal("-c", f"{settings.KEST} -u {fake.address} | cat", program="/bin/sh")
+    term.type("lua\r")
+    term.type(line + "\r")
+    term.wait_for("hostile")
+    term.type("q\rq\r")
+    assert b"\x1b[31mhostile" not in term.raw and b"\x02 hostile" not in term.raw.replace(line.encode(), b"")

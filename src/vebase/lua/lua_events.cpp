@@ -64,7 +64,7 @@ bool ve_lua_events::connect(int64_t deadline, bool (*keeps_on)(), ve_jrpcmsg **f
             return false;
         }
         if (first) {
-            const std::string text = "kest: " + ve_visible(reason) + "\n";
+            const std::string text = "kest: " + ve_visible_error(reason) + "\n";
             ve_lua_write_error(text.data(), text.size());
         }
     }
