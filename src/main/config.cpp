@@ -40,20 +40,35 @@ const char *home_directory()
     return entry != nullptr && entry->pw_dir != nullptr ? entry->pw_dir : "";
 }
 
-/// Whether it can be run; when it was asked for and cannot, says why.
-bool usable(const char *path, bool asked_for)
+/// Why the commands in it may be somebody else's, or null.
+const char *foreign(const struct stat &info)
 {
-    struct stat info;
+    if (info.st_uid != geteuid() && info.st_uid != 0)
+        return "not run: it belongs to another user";
+    return (info.st_mode & S_IWOTH) != 0 ? "not run: everybody may write it" : nullptr;
+}
+
+/// The file, if it is one and can be run. Says why not where it was asked for, and where the usual one is foreign.
+fd_owner open_config(const char *path, bool asked_for)
+{
+    // What is looked at is what is run. A FIFO is not waited for.
+    fd_owner file{open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+    struct stat info = {};
     const char *reason = nullptr;
-    if (stat(path, &info) != 0)
-        reason = asked_for ? strerror(errno) : nullptr;
+    const int error = errno;
+    if (!file || fstat(file.get(), &info) != 0)
+        reason = asked_for || access(path, F_OK) == 0 ? strerror(error) : "";
     else if (S_ISREG(info.st_mode))
-        reason = access(path, R_OK) != 0 ? strerror(errno) : "";
+        reason = asked_for ? nullptr : foreign(info);
     else if (asked_for && !S_ISCHR(info.st_mode)) // /dev/null is as good as an empty one
         reason = S_ISDIR(info.st_mode) ? strerror(EISDIR) : "not a regular file";
-    if (reason != nullptr && *reason != '\0')
+    else
+        reason = "";
+    if (reason == nullptr)
+        return file;
+    if (*reason != '\0')
         fprintf(stderr, "%s: %s\n", path, reason);
-    return reason != nullptr && *reason == '\0';
+    return {};
 }
 
 } // namespace
@@ -66,7 +81,8 @@ void run_config(const char *path)
         snprintf(default_path, sizeof default_path, "%s/.local/kest/config", home_directory());
         path = default_path;
     }
-    if (!usable(path, asked_for))
+    fd_owner file = open_config(path, asked_for);
+    if (!file)
         return;
     ve_out_flush();
     const fd_owner kept{fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)};
@@ -78,7 +94,7 @@ void run_config(const char *path)
     running = path;
     password_ask_on_error(true);
     ve_jrpcapi_tell_slow(request_ctx, slow_ms, tell_slow);
-    run_script(path, 1);
+    run_script(ve_input(std::move(file)), path, 1);
     ve_out_flush();
     ve_jrpcapi_tell_slow(request_ctx, -1, nullptr);
     password_ask_on_error(false);

@@ -1,5 +1,6 @@
 #include "main/script.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -87,7 +88,11 @@ void run_line(const std::string &line, int flags, const char *path, size_t numbe
 
 int run_script(const char *path, int flags)
 {
-    ve_input reader(path);
+    return run_script(ve_input(path), path, flags);
+}
+
+int run_script(ve_input reader, const char *path, int flags)
+{
     if (!reader.is_open()) {
         ve_printf("Cannot open script file %s\n", path != nullptr ? path : "(null)");
         return -1;
@@ -96,7 +101,8 @@ int run_script(const char *path, int flags)
     std::string pending;
     bool is_pending = false;
     int result = 0;
-    for (size_t number = 1; result >= 0 && reader.next(line); number++) {
+    size_t number = 1;
+    for (; result >= 0 && reader.next(line); number++) {
         ve_wait_checkpoint();
         if (line.find('\0') != std::string::npos) {
             result = refuse(path, number);
@@ -119,7 +125,10 @@ int run_script(const char *path, int flags)
         pending.clear();
         is_pending = false;
     }
-    if (reader.error() != 0) {
+    if (reader.error() == EMSGSIZE) {
+        fprintf(stderr, "%s: line %zu is too long.\n", path, number);
+        result = -1;
+    } else if (reader.error() != 0) {
         fprintf(stderr, "%s: the script cannot be read to its end.\n", path);
         result = -1;
     }

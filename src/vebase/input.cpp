@@ -15,7 +15,12 @@ constexpr size_t block_size = 65536;
 
 } // namespace
 
-ve_input::ve_input(const char *path) : fd_(path != nullptr ? open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1)
+ve_input::ve_input(const char *path)
+    : ve_input(fd_owner{path != nullptr ? open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY) : -1})
+{
+}
+
+ve_input::ve_input(fd_owner fd) : fd_(std::move(fd))
 {
     struct stat info;
     if (fd_ && (fstat(fd_.get(), &info) != 0 || S_ISDIR(info.st_mode)))
@@ -33,6 +38,10 @@ bool ve_input::next(std::string &line)
             position_ = end + 1;
             return true;
         }
+        if (line.size() > size_max) {
+            error_ = EMSGSIZE;
+            return false;
+        }
         if (!fill())
             return !line.empty();
     }
@@ -40,9 +49,11 @@ bool ve_input::next(std::string &line)
 
 void ve_input::rest(std::string &text)
 {
-    do
+    do {
         text.append(block_, position_, std::string::npos);
-    while (fill());
+        if (text.size() > size_max)
+            error_ = EMSGSIZE;
+    } while (error_ == 0 && fill());
 }
 
 bool ve_input::fill()
@@ -50,8 +61,11 @@ bool ve_input::fill()
     block_.resize(block_size);
     position_ = 0;
     ssize_t count = -1;
+    // What never lets one wait has to be left all the same.
+    ve_wait_checkpoint();
+    errno = EINTR;
     // A FIFO that nobody has opened for writing yet would read as ended.
-    if (!std::exchange(await_writer_, false) || wait()) {
+    if (!ve_wait_interrupted() && (!std::exchange(await_writer_, false) || wait())) {
         while ((count = read(fd_.get(), block_.data(), block_size)) < 0 && (errno == EAGAIN || errno == EINTR) &&
                wait())
             ;

@@ -217,6 +217,39 @@ def test_a_configuration_that_is_no_regular_file_is_passed_over(kest, fake, tmp_
         assert (run.out, run.status) == ("Unsupported :(\n", 0)
 
 
+@pytest.mark.skipif(os.geteuid() != 0, reason="only root can give files away")
+def test_a_configuration_of_another_user_is_refused_aloud(kest, fake, home):
+    path = home / ".local" / "kest" / "config"
+    path.parent.mkdir(parents=True)
+    path.write_text("login admin -p secret")
+    os.chown(path, 12345, 12345)
+    run = kest("-n", "x", to=fake)
+    assert run.err == f"{path}: not run: it belongs to another user\n"
+    assert not fake.of("Login")
+    kest("-n", "x", "-c", path, to=fake)
+    assert fake.of("Login")
+
+
+def test_a_configuration_that_everybody_may_write_is_refused_aloud(kest, fake, home):
+    path = home / ".local" / "kest" / "config"
+    path.parent.mkdir(parents=True)
+    path.write_text("login admin -p secret")
+    path.chmod(0o666)
+    run = kest("-n", "x", to=fake)
+    assert run.err == f"{path}: not run: everybody may write it\n"
+    assert not fake.of("Login")
+    path.chmod(0o664)
+    assert kest("-n", "x", to=fake).err == ""
+    assert fake.of("Login")
+
+
+@pytest.mark.parametrize("mode, said", [("-s", "/dev/zero: line 1 is too long.\n"), ("-S", "Cannot open script file /dev/zero\n")])
+def test_a_script_has_an_end(kest, fake, mode, said):
+    run = kest(mode, "/dev/zero", to=fake)
+    assert said in run.err + run.out
+    assert run.status != 0
+
+
 def test_a_configuration_of_bytes_stops_nothing(kest, fake, tmp_path):
     (tmp_path / "binary").write_bytes(b"\x7fELF\0\0\1\2\n" * 100)
     (tmp_path / "latin").write_bytes(b"echo\nlogin M\xfcller\n")
