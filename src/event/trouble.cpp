@@ -1,6 +1,7 @@
 #include "event/trouble.h"
 
 #include <string>
+#include <string_view>
 #include <unistd.h>
 #include <utility>
 
@@ -17,8 +18,7 @@ void say(const std::string &reason)
 {
     // A spinner leaves the cursor behind its picture.
     const bool begins_row = isatty(STDERR_FILENO) == 0 || isatty(STDOUT_FILENO) == 0 || ve_out_unfinished_row().empty();
-    const std::string message =
-        (begins_row ? "kest: " : "\nkest: ") + ve_visible_error(reason) + '\n';
+    const std::string message = (begins_row ? "kest: " : "\nkest: ") + ve_visible_error(reason) + '\n';
     ve_out_write_error(message.data(), message.size());
 }
 
@@ -47,6 +47,12 @@ void trouble_tell_slow(const ve_jrpcapi *ctx)
 {
     if (!std::exchange(told_slow, true))
         say(std::string(ve_jrpcapi_destination(ctx)) + ": waiting for the daemon");
+}
+
+void trouble_tell_tls()
+{
+    constexpr std::string_view message = "kest: the daemon closes links without a word: if it speaks TLS, try --ssl\n";
+    ve_out_write_error(message.data(), message.size());
 }
 
 void trouble_over()

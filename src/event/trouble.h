@@ -10,5 +10,7 @@ void trouble_tell(const ve_jrpcapi *ctx);
 void trouble_tell_lasting(const ve_jrpcapi *ctx);
 /// Says, once, that the daemon lets one wait.
 void trouble_tell_slow(const ve_jrpcapi *ctx);
+/// Says what may help with a daemon that closes every link without a word.
+void trouble_tell_tls();
 /// There is a link again: what comes now is another trouble.
 void trouble_over();

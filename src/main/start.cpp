@@ -136,6 +136,8 @@ int kest_main(int argc, char **argv)
         if (options.mode != mode_interactive)
             file_server_wait_all();
         stop_event_handler();
+        if (ve_jrpcapi_may_need_tls(request, group))
+            trouble_tell_tls();
     } else {
         result = parsed == 1 ? EXIT_SUCCESS : EXIT_FAILURE;
         if (fflush(stdout) != 0)

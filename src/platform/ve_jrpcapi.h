@@ -46,6 +46,8 @@ std::string ve_jrpcapi_link_error(const ve_jrpcapi *ctx);
 /// True when the last connect failed for a reason that waiting for the daemon does not cure: a destination that makes
 /// no sense, a name nobody knows, a certificate that is not trusted.
 bool ve_jrpcapi_connect_error_lasts(const ve_jrpcapi *ctx);
+/// True when the peer of the two links has closed one of them, or both, and never said a word without TLS.
+bool ve_jrpcapi_may_need_tls(const ve_jrpcapi *one, const ve_jrpcapi *other);
 
 /// Keeps the id of a message that the user wrote (null: nothing) for that message: none of our own requests gets it, so
 /// that no late answer to one of them can be taken for the answer to his.

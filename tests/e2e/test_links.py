@@ -392,3 +392,15 @@ def test_a_daemon_that_does_not_read_can_be_left(term, fake, scheme):
     term.quiet(0.2)
     term.type(Key.CTRL_C)
     term.wait_prompt("kest:> ")
+
+
+# Reasons that last
+
+@pytest.mark.parametrize("words", [("-r", "get", "Device.DeviceInfo.Uptime"), ("--raw", '{"id":7,"method":"Ask"}'), ("-l",)])
+def test_a_plain_client_of_a_tls_daemon_is_told_what_to_try(kest_start, veld_start, certificate, words):
+    veld = veld_start("--tls-cert", certificate[0], "--tls-key", certificate[1])
+    run = kest_start(*words, to=veld)
+    run.finish()
+    said = "kest: the daemon closes links without a word: if it speaks TLS, try --ssl\n"
+    assert run.err.endswith(said) and run.err.count("--ssl") == 1
+    assert run.err.count("--ssl") == 1

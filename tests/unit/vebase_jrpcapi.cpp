@@ -339,6 +339,16 @@ TEST(JrpcApi, PacesFailedConnectsButNotTheFirstOneAndHoldsNoDescriptor)
     EXPECT_EQ(open_descriptors(), before);
 }
 
+TEST(JrpcApi, PacesFailuresThatLastEverMoreSlowly)
+{
+    const context ctx = context_for("tcp://nowhere");
+    const auto start = clock_type::now();
+    for (int i = 0; i < 4; ++i)
+        EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
+    EXPECT_TRUE(ve_jrpcapi_connect_error_lasts(ctx.get()));
+    EXPECT_GE(milliseconds_since(start), 50 + 100 + 200 - 10);
+}
+
 TEST(JrpcApi, ClosesItsDescriptorsOnExecAndAtTheEnd)
 {
     const scripted_peer peer([](peer_link &link) { link.closed(); });

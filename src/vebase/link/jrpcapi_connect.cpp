@@ -15,8 +15,10 @@
 namespace
 {
 
-// A failed connect returns no sooner than this after the last failed one began.
+// A failed connect returns no sooner than this after the last failed one began; where the reason lasts, twice as long
+// with each failure.
 constexpr int pace_ms = 50;
+constexpr int slowest_pace_ms = 5000;
 // How long a connect may take, whatever the context's time-out for exchanges is.
 constexpr int connect_limit_ms = 10000;
 // A UNIX socket whose queue is full says so at once instead of connecting later.
@@ -35,7 +37,8 @@ outcome failed(ve_jrpcapi *ctx, std::string reason, bool lasts)
 outcome failed_errno(ve_jrpcapi *ctx, int number)
 {
     char text[128];
-    return failed(ctx, ctx->destination + ": " + strerror_r(number, text, sizeof text), false);
+    const bool lasts = number == EACCES || number == EPERM;
+    return failed(ctx, ctx->destination + ": " + strerror_r(number, text, sizeof text), lasts);
 }
 
 outcome timed_out(ve_jrpcapi *ctx)
@@ -226,12 +229,13 @@ int ve_jrpcapi_connect(ve_jrpcapi *ctx)
 {
     ve_jrpcapi_disconnect(ctx);
     if (ctx->failed_at >= 0) {
-        const int64_t left = ctx->failed_at + pace_ms - monotonic_ms();
+        const int64_t left = ctx->failed_at + ctx->pace_ms - monotonic_ms();
         if (left > 0 && ve_wait_sleep_ms(static_cast<int>(left)) < 0) {
             ve_jrpcapi_note(ctx, ve_socket_err_interrupted);
             return -1;
         }
     }
+    ctx->pace_ms = ctx->connect_error_lasts ? std::min(2 * ctx->pace_ms, slowest_pace_ms) : pace_ms;
     ctx->connect_error.clear();
     ctx->connect_error_lasts = false;
     // Counts as failed until it succeeds, so that one which Ctrl-C leaves is paced too.
@@ -251,6 +255,11 @@ int ve_jrpcapi_connect(ve_jrpcapi *ctx)
     if (ctx->tls && ve_link_fill(ctx) < 0)
         ve_link_lose(ctx);
     return 0;
+}
+
+bool ve_jrpcapi_may_need_tls(const ve_jrpcapi *one, const ve_jrpcapi *other)
+{
+    return (one->closed_unheard || other->closed_unheard) && !one->heard && !other->heard;
 }
 
 void ve_jrpcapi_disconnect(ve_jrpcapi *ctx)

@@ -64,6 +64,9 @@ struct ve_jrpcapi {
     int64_t failed_at = -1; // when the last failed connect began; -1 when the last one did not fail
     std::string connect_error;
     bool connect_error_lasts = false;
+    int pace_ms = 50;            // between failed connects
+    bool heard = false;          // the peer has said something without TLS, on some link
+    bool closed_unheard = false; // and before that it closed one
 };
 
 /// Remembers the outcome of the calling thread's operation.

@@ -1,6 +1,7 @@
 // The transport of a context: bytes in and out, in clear or through TLS.
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
 
 #include "vebase/link/jrpcapi_impl.h"
 
@@ -41,6 +42,13 @@ ssize_t receive_some(int fd, char *data, size_t room)
         if (errno != EINTR)
             return errno == EAGAIN ? 0 : -1;
     }
+}
+
+/// What a TLS server says to a peer that speaks without.
+bool is_tls_alert(std::string_view bytes)
+{
+    constexpr std::string_view alert = "\x15\x03";
+    return bytes.starts_with(alert);
 }
 
 /// Sends the records that TLS has made. As ve_link_flush.
@@ -149,9 +157,14 @@ int ve_link_fill(ve_jrpcapi *ctx)
     size_t room = 0;
     char *place = ctx->reader.prepare(&room);
     const ssize_t count = receive_some(ctx->socket.fd, place, room);
-    if (count > 0)
+    if (count > 0) {
+        ctx->heard = !is_tls_alert({place, static_cast<size_t>(count)});
         ctx->reader.commit(static_cast<size_t>(count));
-    return count < 0 ? -1 : 0;
+    }
+    if (count >= 0)
+        return 0;
+    ctx->closed_unheard = !ctx->heard;
+    return -1;
 }
 
 int ve_link_lose(ve_jrpcapi *ctx)
