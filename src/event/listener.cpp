@@ -28,15 +28,17 @@ namespace
 
 constexpr size_t event_instance_changed = 4;
 
-std::atomic<int> running{1};
-std::atomic<bool> started{false}; // the thread is there to be joined
-pthread_t thread_id;
-int pipe_fds[2] = {-1, -1};
-std::mutex aside_lock; // one text at a time between the editor's stepping aside and its return
+struct {
+    std::atomic<int> running{1};
+    std::atomic<bool> started{false}; // the thread is there to be joined
+    pthread_t thread{};
+    int pipe_fds[2] = {-1, -1};
+    std::mutex aside_lock; // one text at a time between the editor's stepping aside and its return
 
-std::atomic<bool> notices_wanted{false};
-std::mutex add_del_queue_lock;
-instance_changes add_del_queue; // guarded by add_del_queue_lock
+    std::atomic<bool> notices_wanted{false};
+    std::mutex changes_lock;
+    instance_changes changes; // guarded by changes_lock
+} listener;
 
 void print_event(const ve_jrpcmsg *event)
 {
@@ -47,10 +49,10 @@ void print_event(const ve_jrpcmsg *event)
         text += json_written(value, JSON_INDENT(4)) + "\n";
     if (isatty(STDOUT_FILENO) != 0)
         text = visible(text, "\t\n");
-    const std::scoped_lock lock(aside_lock);
-    ve_rl_write_control_char(pipe_fds[1], ve_rl_hide);
+    const std::scoped_lock lock(listener.aside_lock);
+    ve_rl_write_control_char(listener.pipe_fds[1], ve_rl_hide);
     ve_out_direct(text.data(), text.size());
-    ve_rl_write_control_char(pipe_fds[1], ve_rl_show);
+    ve_rl_write_control_char(listener.pipe_fds[1], ve_rl_show);
 }
 
 void queue_instance(const json_t *value)
@@ -59,24 +61,24 @@ void queue_instance(const json_t *value)
     const char *path = json_string_value(json_object_get(value, "Path"));
     // Zero when it is no number.
     const json_int_t number = json_integer_value(json_object_get(value, "InstanceNumber"));
-    if (!notices_wanted || action == nullptr || path == nullptr || number < 1 || number > UINT32_MAX)
+    if (!listener.notices_wanted || action == nullptr || path == nullptr || number < 1 || number > UINT32_MAX)
         return;
-    const std::scoped_lock lock(add_del_queue_lock);
-    add_del_queue.note(path, static_cast<uint32_t>(number), strcmp(action, "Add") == 0);
+    const std::scoped_lock lock(listener.changes_lock);
+    listener.changes.note(path, static_cast<uint32_t>(number), strcmp(action, "Add") == 0);
 }
 
 void link_dropped()
 {
     constexpr std::string_view text = "Connection dropped\n";
-    const std::scoped_lock lock(aside_lock);
-    if (running.exchange(0) == 0) {
+    const std::scoped_lock lock(listener.aside_lock);
+    if (listener.running.exchange(0) == 0) {
         ve_out_direct_rows(text.data(), text.size());
         return;
     }
-    ve_rl_write_control_char(pipe_fds[1], ve_rl_hide);
+    ve_rl_write_control_char(listener.pipe_fds[1], ve_rl_hide);
     // A spinner or a progress bar leaves the cursor behind its picture.
     ve_out_direct_rows(text.data(), text.size());
-    ve_rl_write_control_char(pipe_fds[1], ve_rl_stop);
+    ve_rl_write_control_char(listener.pipe_fds[1], ve_rl_stop);
 }
 
 void event_thread()
@@ -86,7 +88,7 @@ void event_thread()
     sigemptyset(&pipe);
     sigaddset(&pipe, SIGPIPE);
     pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
-    while (running != 0) {
+    while (listener.running != 0) {
         msg_ref message(ve_jrpcapi_recv(group_ctx));
         if (!message) {
             const int error = ve_jrpcapi_get_socket_err(group_ctx);
@@ -111,10 +113,10 @@ void event_thread()
 void close_pipe()
 {
     // Whoever still writes, to a terminal that takes nothing perhaps, keeps it to the end of the program.
-    const std::unique_lock lock(aside_lock, std::try_to_lock);
+    const std::unique_lock lock(listener.aside_lock, std::try_to_lock);
     if (!lock.owns_lock())
         return;
-    for (int &fd : pipe_fds) {
+    for (int &fd : listener.pipe_fds) {
         if (fd >= 0)
             close(fd);
         fd = -1;
@@ -127,10 +129,10 @@ void join_thread()
     timespec limit;
     clock_gettime(CLOCK_REALTIME, &limit);
     limit.tv_sec += 1;
-    if (pthread_timedjoin_np(thread_id, nullptr, &limit) != ETIMEDOUT)
+    if (pthread_timedjoin_np(listener.thread, nullptr, &limit) != ETIMEDOUT)
         return;
     ve_out_give_up();
-    pthread_join(thread_id, nullptr);
+    pthread_join(listener.thread, nullptr);
 }
 
 } // namespace
@@ -139,18 +141,18 @@ int start_event_handler(ve_jrpcapi *request, ve_jrpcapi *group)
 {
     request_ctx = request;
     group_ctx = group;
-    running = 1;
-    if (pipe2(pipe_fds, O_CLOEXEC | O_NONBLOCK) == 0)
-        ve_rl_set_control_fd(pipe_fds[0]);
-    started = thread_start_joinable(&thread_id, 0, event_thread);
-    return started ? 0 : -1;
+    listener.running = 1;
+    if (pipe2(listener.pipe_fds, O_CLOEXEC | O_NONBLOCK) == 0)
+        ve_rl_set_control_fd(listener.pipe_fds[0]);
+    listener.started = thread_start_joinable(&listener.thread, 0, event_thread);
+    return listener.started ? 0 : -1;
 }
 
 void stop_event_handler()
 {
-    running = 0;
-    notices_wanted = false;
-    if (!started.exchange(false))
+    listener.running = 0;
+    listener.notices_wanted = false;
+    if (!listener.started.exchange(false))
         return;
     ve_jrpcapi_wake(group_ctx);
     join_thread();
@@ -160,29 +162,29 @@ void stop_event_handler()
 
 void end_run()
 {
-    running = 0;
+    listener.running = 0;
 }
 
 bool is_running()
 {
-    return running != 0;
+    return listener.running != 0;
 }
 
 void print_aside(const char *text, size_t size)
 {
-    const std::scoped_lock lock(aside_lock);
-    ve_rl_write_control_char(pipe_fds[1], ve_rl_hide);
+    const std::scoped_lock lock(listener.aside_lock);
+    ve_rl_write_control_char(listener.pipe_fds[1], ve_rl_hide);
     ve_out_direct_rows(text, size);
-    ve_rl_write_control_char(pipe_fds[1], ve_rl_show);
+    ve_rl_write_control_char(listener.pipe_fds[1], ve_rl_show);
 }
 
 void keep_instance_notices()
 {
-    notices_wanted = true;
+    listener.notices_wanted = true;
 }
 
 instance_changes fetch_instance_queue()
 {
-    const std::unique_lock lock(add_del_queue_lock, std::try_to_lock);
-    return lock.owns_lock() ? std::exchange(add_del_queue, {}) : instance_changes();
+    const std::unique_lock lock(listener.changes_lock, std::try_to_lock);
+    return lock.owns_lock() ? std::exchange(listener.changes, {}) : instance_changes();
 }

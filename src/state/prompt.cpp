@@ -12,36 +12,39 @@ namespace
 
 // Too long a login, path or mode word is cut here, for the eye only.
 constexpr size_t prompt_size = 383;
-std::string prompt = "kest:> ";
-char prompt_postfix[16];
+
+struct {
+    std::string text = "kest:> ";
+    char postfix[16] = "";
+} prompt;
 
 } // namespace
 
 void prompt_update_path()
 {
     const std::string &user = saved_login().user;
-    prompt = user + (user.empty() ? "kest" : "@kest") + prompt_postfix + ":" + cwd.text() + "> ";
-    prompt.resize(utf8_cut(prompt, prompt_size));
+    prompt.text = user + (user.empty() ? "kest" : "@kest") + prompt.postfix + ":" + cwd.text() + "> ";
+    prompt.text.resize(utf8_cut(prompt.text, prompt_size));
 }
 
 void prompt_update_postfix(const char *word)
 {
     if (word != nullptr)
-        snprintf(prompt_postfix, sizeof prompt_postfix, "-%s", word);
+        snprintf(prompt.postfix, sizeof prompt.postfix, "-%s", word);
     else
-        prompt_postfix[0] = '\0';
+        prompt.postfix[0] = '\0';
     prompt_update_path();
 }
 
 void prompt_set_incompleted(int flag)
 {
     if (flag != 0)
-        prompt = "> ";
+        prompt.text = "> ";
     else
         prompt_update_path();
 }
 
 const char *prompt_get()
 {
-    return prompt.c_str();
+    return prompt.text.c_str();
 }

@@ -15,16 +15,18 @@ namespace
 constexpr unsigned companion_fds_max = 4;
 constexpr unsigned fds_max = 16;
 
-std::atomic<bool> interrupt_noted{false};
-std::atomic<bool> end_noted{false};
-ve_wait_companion *companion = nullptr;
-sigset_t wait_mask; // the main thread's mask inside a wait: SIGINT unblocked
-pthread_t main_thread;
-bool initialised = false;
+struct {
+    std::atomic<bool> interrupted{false};
+    std::atomic<bool> ended{false};
+    ve_wait_companion *companion = nullptr;
+    sigset_t mask{}; // the main thread's inside a wait: SIGINT unblocked
+    pthread_t main_thread{};
+    bool initialised = false;
+} waiting;
 
 bool on_main_thread()
 {
-    return initialised && pthread_equal(pthread_self(), main_thread) != 0;
+    return waiting.initialised && pthread_equal(pthread_self(), waiting.main_thread) != 0;
 }
 
 /// One ppoll; `deadline` as in ve_wait_poll. -1 with errno as ppoll sets it.
@@ -45,10 +47,10 @@ void ve_wait_init()
     sigset_t blocked;
     sigemptyset(&blocked);
     sigaddset(&blocked, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &blocked, &wait_mask);
-    sigdelset(&wait_mask, SIGINT);
-    main_thread = pthread_self();
-    initialised = true;
+    pthread_sigmask(SIG_BLOCK, &blocked, &waiting.mask);
+    sigdelset(&waiting.mask, SIGINT);
+    waiting.main_thread = pthread_self();
+    waiting.initialised = true;
 }
 
 int64_t ve_wait_deadline(int timeout_ms)
@@ -68,23 +70,23 @@ int ve_wait_poll(pollfd *fds, unsigned count, int64_t deadline)
     pollfd all[fds_max];
     const unsigned own = std::min(count, fds_max - companion_fds_max);
     for (;;) {
-        if (interrupt_noted.load(std::memory_order_relaxed))
+        if (waiting.interrupted.load(std::memory_order_relaxed))
             return -1;
         std::copy_n(fds, own, all);
-        const unsigned guests = companion != nullptr ? companion->watch(all + own) : 0;
-        const int ready = poll_once(all, own + guests, deadline, &wait_mask);
+        const unsigned guests = waiting.companion != nullptr ? waiting.companion->watch(all + own) : 0;
+        const int ready = poll_once(all, own + guests, deadline, &waiting.mask);
         if (ready < 0 && errno != EINTR)
             return -1;
         if (ready <= 0) {
             if (ready == 0)
-                return interrupt_noted.load(std::memory_order_relaxed) ? -1 : 0;
+                return waiting.interrupted.load(std::memory_order_relaxed) ? -1 : 0;
             continue;
         }
         // What is ready at once keeps ppoll from delivering a signal that is pending. What came before it is served.
         ve_wait_checkpoint();
         const auto is_ready = [](const pollfd &fd) { return fd.revents != 0; };
         const auto guests_ready = std::count_if(all + own, all + own + guests, is_ready);
-        if (guests_ready > 0 && companion != nullptr && companion->serve(all + own, guests))
+        if (guests_ready > 0 && waiting.companion != nullptr && waiting.companion->serve(all + own, guests))
             return -1;
         const auto own_ready = static_cast<int>(std::count_if(all, all + own, is_ready));
         if (own_ready > 0) {
@@ -104,33 +106,33 @@ void ve_wait_checkpoint()
     if (!on_main_thread())
         return;
     const timespec none{};
-    ppoll(nullptr, 0, &none, &wait_mask);
+    ppoll(nullptr, 0, &none, &waiting.mask);
 }
 
 void ve_wait_note_interrupt()
 {
-    interrupt_noted.store(true, std::memory_order_relaxed);
+    waiting.interrupted.store(true, std::memory_order_relaxed);
 }
 
 void ve_wait_note_end()
 {
-    end_noted.store(true, std::memory_order_relaxed);
+    waiting.ended.store(true, std::memory_order_relaxed);
     ve_wait_note_interrupt();
 }
 
 bool ve_wait_ended()
 {
-    return end_noted.load(std::memory_order_relaxed);
+    return waiting.ended.load(std::memory_order_relaxed);
 }
 
 bool ve_wait_interrupted()
 {
-    return interrupt_noted.load(std::memory_order_relaxed);
+    return waiting.interrupted.load(std::memory_order_relaxed);
 }
 
 void ve_wait_clear_interrupt()
 {
-    interrupt_noted.store(ve_wait_ended(), std::memory_order_relaxed);
+    waiting.interrupted.store(ve_wait_ended(), std::memory_order_relaxed);
 }
 
 void ve_wait_discard_sigint()
@@ -145,5 +147,5 @@ void ve_wait_discard_sigint()
 
 void ve_wait_set_companion(ve_wait_companion *guest)
 {
-    companion = guest;
+    waiting.companion = guest;
 }

@@ -15,15 +15,19 @@ namespace
 
 constexpr std::chrono::milliseconds hide_wait{200};
 
-// The codes themselves are here; the pipe only wakes the reader, so that a full pipe loses nothing.
-std::mutex lock;
+/// What the threads agree on about the screen. The codes themselves are here; the pipe only wakes the reader, so that a
+/// full pipe loses nothing.
+struct screen_claims {
+    std::mutex lock;
+    std::condition_variable released;
+    bool reading = false;     // a read is under way
+    bool on_screen = false;   // and its line is on the screen
+    bool hide_wanted = false; // another thread wants the screen
+    bool stop_wanted = false; // ve_rl_stop, until a read ended by it
+    int control_fd = -1;      // main thread only
+};
 // Never destroyed: another thread may wait while the program exits.
-std::condition_variable &released = *new std::condition_variable;
-bool reading = false;     // a read is under way
-bool on_screen = false;   // and its line is on the screen
-bool hide_wanted = false; // another thread wants the screen
-bool stop_wanted = false; // ve_rl_stop, until a read ended by it
-int control_fd = -1;      // main thread only
+screen_claims &claims = *new screen_claims;
 
 void set_nonblocking(int fd)
 {
@@ -45,7 +49,7 @@ void drain_fd(int fd)
 
 void ve_rl_set_control_fd(int fd)
 {
-    control_fd = fd;
+    claims.control_fd = fd;
     if (fd >= 0)
         set_nonblocking(fd);
 }
@@ -53,11 +57,11 @@ void ve_rl_set_control_fd(int fd)
 void ve_rl_write_control_char(int fd, unsigned code)
 {
     {
-        const std::scoped_lock guard(lock);
+        const std::scoped_lock guard(claims.lock);
         if (code == ve_rl_stop)
-            stop_wanted = true;
+            claims.stop_wanted = true;
         else
-            hide_wanted = code == ve_rl_hide;
+            claims.hide_wanted = code == ve_rl_hide;
     }
     if (fd >= 0) {
         set_nonblocking(fd);
@@ -65,72 +69,72 @@ void ve_rl_write_control_char(int fd, unsigned code)
         while (write(fd, &wake, 1) < 0 && errno == EINTR)
             ;
     }
-    std::unique_lock guard(lock);
+    std::unique_lock guard(claims.lock);
     if (code == ve_rl_hide)
-        released.wait_for(guard, hide_wait, [] { return !reading || !on_screen; });
+        claims.released.wait_for(guard, hide_wait, [] { return !claims.reading || !claims.on_screen; });
 }
 
 void rl_control_begin()
 {
-    const std::scoped_lock guard(lock);
-    reading = true;
+    const std::scoped_lock guard(claims.lock);
+    claims.reading = true;
 }
 
 void rl_control_end()
 {
-    const std::scoped_lock guard(lock);
-    reading = false;
-    on_screen = false;
-    released.notify_all();
+    const std::scoped_lock guard(claims.lock);
+    claims.reading = false;
+    claims.on_screen = false;
+    claims.released.notify_all();
 }
 
 int rl_control_fd()
 {
-    return control_fd;
+    return claims.control_fd;
 }
 
 void rl_control_drain()
 {
-    if (control_fd >= 0)
-        drain_fd(control_fd);
+    if (claims.control_fd >= 0)
+        drain_fd(claims.control_fd);
 }
 
 bool rl_control_claim_screen()
 {
-    const std::scoped_lock guard(lock);
-    if (hide_wanted)
+    const std::scoped_lock guard(claims.lock);
+    if (claims.hide_wanted)
         return false;
-    on_screen = true;
+    claims.on_screen = true;
     return true;
 }
 
 void rl_control_release_screen()
 {
-    const std::scoped_lock guard(lock);
-    on_screen = false;
-    released.notify_all();
+    const std::scoped_lock guard(claims.lock);
+    claims.on_screen = false;
+    claims.released.notify_all();
 }
 
 bool rl_control_hidden()
 {
-    const std::scoped_lock guard(lock);
-    return hide_wanted;
+    const std::scoped_lock guard(claims.lock);
+    return claims.hide_wanted;
 }
 
 void rl_control_unhide()
 {
-    const std::scoped_lock guard(lock);
-    hide_wanted = false;
+    const std::scoped_lock guard(claims.lock);
+    claims.hide_wanted = false;
 }
 
 bool rl_control_take_stop()
 {
-    const std::scoped_lock guard(lock);
-    const bool stop = stop_wanted;
-    stop_wanted = false;
+    const std::scoped_lock guard(claims.lock);
+    const bool stop = claims.stop_wanted;
+    claims.stop_wanted = false;
     // Who hid the line to end the read does not show it again.
     if (stop)
-        hide_wanted = false;
+        claims.hide_wanted = false;
     return stop;
 }
 
