@@ -16,7 +16,8 @@ public:
     /// Takes over a descriptor that does not block; none is an input that is not open.
     explicit ve_input(fd_owner fd);
 
-    /// More than this in a line, or in what is left, is an error: no request could be made of it.
+    /// More than this in a line is an error: no request could be made of it. So is more than this at once of what is no
+    /// regular file, and may never end.
     static constexpr size_t size_max = wire_line_max;
 
     bool is_open() const { return static_cast<bool>(fd_); }
@@ -34,6 +35,7 @@ private:
     fd_owner fd_;
     int error_ = 0;
     bool await_writer_ = false;
+    bool ends_ = false;
     std::string block_;
     size_t position_ = 0; // of what was not handed out yet
 };

@@ -26,6 +26,7 @@ ve_input::ve_input(fd_owner fd) : fd_(std::move(fd))
     if (fd_ && (fstat(fd_.get(), &info) != 0 || S_ISDIR(info.st_mode)))
         fd_.reset();
     await_writer_ = fd_ && S_ISFIFO(info.st_mode);
+    ends_ = fd_ && S_ISREG(info.st_mode);
 }
 
 bool ve_input::next(std::string &line)
@@ -51,7 +52,7 @@ void ve_input::rest(std::string &text)
 {
     do {
         text.append(block_, position_, std::string::npos);
-        if (text.size() > size_max)
+        if (text.size() > size_max && !ends_)
             error_ = EMSGSIZE;
     } while (error_ == 0 && fill());
 }
