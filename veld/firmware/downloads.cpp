@@ -211,7 +211,7 @@ fault downloads::check_md5(transfer &what)
 }
 
 // A configuration may be large: it is read beside the loop.
-void downloads::parse_configuration(std::shared_ptr<transfer> what)
+void downloads::parse_configuration(const std::shared_ptr<transfer> &what)
 {
     struct parsing {
         json_ref document;

@@ -78,7 +78,7 @@ private:
     fault name_file(const std::string &name);
     void offer_name(std::string *result);
     fault check(const download_request &wanted, source_url *url, std::string *name) const;
-    void parse_configuration(std::shared_ptr<transfer> what);
+    void parse_configuration(const std::shared_ptr<transfer> &what);
     void arrived(uint64_t id, const fault &problem, const std::string &name);
     void conclude(transfer &what, const fault &outcome, const std::string &result);
     static fault check_md5(transfer &what);

@@ -31,6 +31,7 @@ struct worker::shared {
     std::deque<piece> given;                  // guarded by `lock`, like the next two
     std::vector<std::function<void()>> ready; // what is to be called on the loop
     bool ends = false;
+    bool abandoned = false;
     fd_owner bell{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)}; // rung when something is ready
 };
 
@@ -49,7 +50,8 @@ worker::~worker()
     {
         const std::lock_guard guard(state_->lock);
         state_->ends = true;
-        if (how_ == at_end::abandon)
+        state_->abandoned = how_ == at_end::abandon;
+        if (state_->abandoned)
             state_->given.clear();
     }
     state_->more.notify_one();
@@ -68,6 +70,14 @@ void worker::serve(const std::shared_ptr<shared> &state)
         state->given.pop_front();
         guard.unlock();
         next.work();
+        guard.lock();
+        // The process ends, and what this piece holds belongs to parts that are gone: it is not touched any more.
+        while (state->abandoned) {
+            guard.unlock();
+            pause();
+            guard.lock();
+        }
+        guard.unlock();
         next.work = nullptr; // what it holds may take long to free, too
         guard.lock();
         state->ready.push_back(std::move(next.after));
