@@ -301,6 +301,18 @@ def test_one_user_cannot_deny_methods_to_another(veld):
         assert refused(root(veld), "Execute", **quick).code != 9004
 
 
+def test_one_user_cannot_deny_downloads_to_another(veld):
+    with socket.create_server(("127.0.0.1", 0), backlog=16) as silent:
+        request = {"FileType": "File", "URL": f"netcat://127.0.0.1:{silent.getsockname()[1]}"}
+        others = [veld.connect() for _ in range(2)]
+        for peer in others:
+            peer.call("Login", User="admin", Password="admin")
+            peer.request("Download", request)
+        for peer in others:
+            assert refused(peer, "Download", **request).code == 9004
+        assert refused(root(veld), "Download", FileType="File", URL="file:///nowhere/at-all").code == 9010
+
+
 def test_a_transfer_that_drips_ends(veld_start):
     peer = root(veld_start("--download-timeout", "0.3"))
     with socket.create_server(("127.0.0.1", 0)) as server:

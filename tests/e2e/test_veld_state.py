@@ -208,6 +208,23 @@ def test_a_state_of_an_older_model_keeps_what_still_fits(small, state):
     small.start()
     assert values(root(small), "Device.Name", "Device.Level") == {"Device.Name": "kept", "Device.Level": 5}
     assert 'Device.: has no "Gone"' in small.log
+    # What was left out is not lost with the next save.
+    for name in ("other", "third"):
+        set_values(root(small), Name=name)
+        root(small).call("SaveConfig")
+    assert json.loads((state / "config.json.kept-1").read_text()) == document
+    assert json.loads((state / "config.json").read_text())["config"]["Device"]["Name"] == "third"
+    assert not (state / "config.json.kept-2").exists()
+
+
+def test_a_state_that_is_understood_is_replaced_by_the_next_save(small, state):
+    change_much(root(small))
+    set_values(root(small), Ratio=0.25, Big="18446744073709551615", Key="s", Offset=-3, Blob="YQ==", Ref="Device.Host.1.")
+    root(small).call("SaveConfig")
+    small.restart()
+    set_values(root(small), Name="second")
+    root(small).call("SaveConfig")
+    assert {path.name for path in state.iterdir()} == {"config.json", "files", "spool"}
 
 
 def test_a_save_that_fails_keeps_the_old_state_and_says_so(small, state):

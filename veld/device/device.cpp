@@ -19,8 +19,12 @@ constexpr int64_t grace_ms = 1000;
 bool device::restore(const json_t *saved, std::string *error)
 {
     std::string problem;
-    if (configuration_restore(&tree_, saved, &problem))
+    if (configuration_restore(&tree_, saved, &problem)) {
+        const json_ref now = configuration_of(&tree_);
+        partly_understood_ =
+            saved != nullptr && json_equal(json_object_get(saved, "config"), json_object_get(now.get(), "config")) == 0;
         return true;
+    }
     *error = store_.place(configuration_file) + ": " + problem;
     return false;
 }
@@ -36,18 +40,27 @@ void device::save(const std::string &name, json_ref document, done_handler done)
     struct saving {
         json_ref document;
         std::string error;
+        bool keeps;
         bool saved = false;
     };
     // The store outlives the disk's thread, this device need not.
     auto work = std::make_shared<saving>();
     work->document = std::move(document);
-    disk_.run([&store = store_, work, name] { work->saved = store.save(name, work->document.get(), &work->error); },
-              [work, done = std::move(done)] {
-                  if (work->saved)
-                      return done({});
-                  LOG_ERROR("cannot be saved: %s", work->error.c_str());
-                  done({code::internal, "cannot be saved: " + work->error, ""});
-              });
+    // What was left out of the saved one is still somewhere afterwards.
+    work->keeps = name == configuration_file && partly_understood_;
+    disk_.run(
+        [&store = store_, work, name] {
+            work->saved = (!work->keeps || store.keep(name, &work->error)) &&
+                          store.save(name, work->document.get(), &work->error);
+        },
+        [this, work, done = std::move(done)] {
+            if (work->saved) {
+                partly_understood_ = partly_understood_ && !work->keeps;
+                return done({});
+            }
+            LOG_ERROR("cannot be saved: %s", work->error.c_str());
+            done({code::internal, "cannot be saved: " + work->error, ""});
+        });
 }
 
 void device::save_configuration(done_handler done)

@@ -62,6 +62,7 @@ private:
     surroundings around_;
     loop::timer_id grace_ = 0;
     bool up_ = true;
+    bool partly_understood_ = false; // the saved configuration holds what the model does not know
 };
 
 } // namespace veld

@@ -16,6 +16,7 @@ namespace veld
 namespace
 {
 
+constexpr int most_kept = 1000;
 constexpr off_t largest_document = off_t{256} << 20;
 
 bool fail(std::string *error, const std::string &path)
@@ -108,6 +109,19 @@ bool state_store::save(const std::string &name, const json_t *document, std::str
     }
     return replace_file(path(name), content, {.mode = 0600, .durable = true, .suffix = ".new"}) ||
            fail(error, path(name));
+}
+
+bool state_store::keep(const std::string &name, std::string *error)
+{
+    if (directory_.empty())
+        return true;
+    for (int number = 1; number <= most_kept; ++number) {
+        if (link(path(name).c_str(), (path(name) + ".kept-" + std::to_string(number)).c_str()) == 0 || errno == ENOENT)
+            return true;
+        if (errno != EEXIST)
+            break;
+    }
+    return fail(error, path(name) + ".kept");
 }
 
 bool state_store::remove(const std::string &name, std::string *error)

@@ -26,6 +26,8 @@ public:
     /// Replaces the document under a name. Survives a kill at any moment: either the old one is there or the new one.
     bool save(const std::string &name, const json_t *document, std::string *error);
     bool remove(const std::string &name, std::string *error);
+    /// Gives the document that is there a second name, which stays when it is replaced. True when none is there.
+    bool keep(const std::string &name, std::string *error);
     /// What messages about the document under a name begin with.
     std::string place(const std::string &name) const { return directory_.empty() ? name : path(name); }
 
