@@ -18,60 +18,71 @@ namespace
 
 constexpr char library_name[] = "libssl.so.3";
 
-// What is used of the library: the name here and the name there.
-#define TLS_FUNCTIONS(function)                                                                                        \
-    function(client_method, TLS_client_method) function(ctx_new, SSL_CTX_new) function(ctx_ctrl, SSL_CTX_ctrl)         \
-        function(ctx_set_options, SSL_CTX_set_options) function(ctx_set_verify, SSL_CTX_set_verify)                    \
-            function(ctx_set_default_verify_paths,                                                                     \
-                     SSL_CTX_set_default_verify_paths) function(ssl_new, SSL_new) function(ssl_free, SSL_free)         \
-                function(ssl_ctrl, SSL_ctrl) function(get0_param, SSL_get0_param) function(set_bio, SSL_set_bio)       \
-                    function(set_connect_state, SSL_set_connect_state) function(do_handshake, SSL_do_handshake)        \
-                        function(read, SSL_read) function(write, SSL_write) function(shutdown, SSL_shutdown)           \
-                            function(get_error, SSL_get_error) function(get_verify_result, SSL_get_verify_result)      \
-                                function(param_set1_host, X509_VERIFY_PARAM_set1_host)                                 \
-                                    function(param_set1_ip, X509_VERIFY_PARAM_set1_ip_asc)                             \
-                                        function(param_set_hostflags, X509_VERIFY_PARAM_set_hostflags)                 \
-                                            function(verify_error_string, X509_verify_cert_error_string)               \
-                                                function(bio_new, BIO_new) function(bio_s_mem, BIO_s_mem)              \
-                                                    function(bio_read, BIO_read) function(bio_write, BIO_write)        \
-                                                        function(bio_pending, BIO_ctrl_pending)                        \
-                                                            function(clear_error, ERR_clear_error)                     \
-                                                                function(get_queued_error, ERR_get_error)              \
-                                                                    function(reason_string, ERR_reason_error_string)
+/// An address in a library, to be taken for what stands there.
+struct symbol {
+    void *address;
+
+    template <class Function> operator Function *() const { return reinterpret_cast<Function *>(address); }
+};
 
 /// The functions of the loaded library, and the one context that all sessions of the process share.
 struct openssl {
-#define TLS_MEMBER(name, symbol) decltype(&::symbol) name;
-    TLS_FUNCTIONS(TLS_MEMBER)
-#undef TLS_MEMBER
+    explicit openssl(void *loaded) : library(loaded), complete(loaded != nullptr) {}
+
+    symbol find(const char *name)
+    {
+        void *const address = library != nullptr ? dlsym(library, name) : nullptr;
+        complete = complete && address != nullptr;
+        return {address};
+    }
+
+    void *library;
+    bool complete; // every function was found
+    decltype(&::TLS_client_method) client_method = find("TLS_client_method");
+    decltype(&::SSL_CTX_new) ctx_new = find("SSL_CTX_new");
+    decltype(&::SSL_CTX_ctrl) ctx_ctrl = find("SSL_CTX_ctrl");
+    decltype(&::SSL_CTX_set_options) ctx_set_options = find("SSL_CTX_set_options");
+    decltype(&::SSL_CTX_set_verify) ctx_set_verify = find("SSL_CTX_set_verify");
+    decltype(&::SSL_CTX_set_default_verify_paths) ctx_set_default_verify_paths =
+        find("SSL_CTX_set_default_verify_paths");
+    decltype(&::SSL_new) ssl_new = find("SSL_new");
+    decltype(&::SSL_free) ssl_free = find("SSL_free");
+    decltype(&::SSL_ctrl) ssl_ctrl = find("SSL_ctrl");
+    decltype(&::SSL_get0_param) get0_param = find("SSL_get0_param");
+    decltype(&::SSL_set_bio) set_bio = find("SSL_set_bio");
+    decltype(&::SSL_set_connect_state) set_connect_state = find("SSL_set_connect_state");
+    decltype(&::SSL_do_handshake) do_handshake = find("SSL_do_handshake");
+    decltype(&::SSL_read) read = find("SSL_read");
+    decltype(&::SSL_write) write = find("SSL_write");
+    decltype(&::SSL_shutdown) shutdown = find("SSL_shutdown");
+    decltype(&::SSL_get_error) get_error = find("SSL_get_error");
+    decltype(&::SSL_get_verify_result) get_verify_result = find("SSL_get_verify_result");
+    decltype(&::X509_VERIFY_PARAM_set1_host) param_set1_host = find("X509_VERIFY_PARAM_set1_host");
+    decltype(&::X509_VERIFY_PARAM_set1_ip_asc) param_set1_ip = find("X509_VERIFY_PARAM_set1_ip_asc");
+    decltype(&::X509_VERIFY_PARAM_set_hostflags) param_set_hostflags = find("X509_VERIFY_PARAM_set_hostflags");
+    decltype(&::X509_verify_cert_error_string) verify_error_string = find("X509_verify_cert_error_string");
+    decltype(&::BIO_new) bio_new = find("BIO_new");
+    decltype(&::BIO_s_mem) bio_s_mem = find("BIO_s_mem");
+    decltype(&::BIO_read) bio_read = find("BIO_read");
+    decltype(&::BIO_write) bio_write = find("BIO_write");
+    decltype(&::BIO_ctrl_pending) bio_pending = find("BIO_ctrl_pending");
+    decltype(&::ERR_clear_error) clear_error = find("ERR_clear_error");
+    decltype(&::ERR_get_error) get_queued_error = find("ERR_get_error");
+    decltype(&::ERR_reason_error_string) reason_string = find("ERR_reason_error_string");
 
     SSL_CTX *context = nullptr;
     std::string failure; // why there is no context
 };
 
-template <class Function> bool look_up(void *library, const char *name, Function *function)
-{
-    *function = reinterpret_cast<Function>(dlsym(library, name));
-    return *function != nullptr;
-}
-
-bool look_all_up(void *library, openssl *ssl)
-{
-#define TLS_LOOK_UP(name, symbol) &&look_up(library, #symbol, &ssl->name)
-    return library != nullptr TLS_FUNCTIONS(TLS_LOOK_UP);
-#undef TLS_LOOK_UP
-}
-
 openssl load()
 {
-    openssl ssl{};
-    void *const library = dlopen(library_name, RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
+    openssl ssl(dlopen(library_name, RTLD_NOW | RTLD_LOCAL));
+    if (ssl.library == nullptr) {
         const char *const reason = dlerror();
         ssl.failure = reason != nullptr ? reason : library_name;
         return ssl;
     }
-    if (!look_all_up(library, &ssl)) {
+    if (!ssl.complete) {
         ssl.failure = std::string(library_name) + ": not the expected library";
         return ssl;
     }
