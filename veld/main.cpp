@@ -1,8 +1,10 @@
+#include "veld/backend/backends.h"
 #include "veld/base/log.h"
+#include "veld/behaviour/behaviour.h"
 #include "veld/firmware/downloads.h"
 #include "veld/import/import.h"
-#include "veld/live/live.h"
-#include "veld/methods/methods.h"
+#include "veld/machine/machine.h"
+#include "veld/model/change.h"
 #include "veld/model/document.h"
 #include "veld/model/populate.h"
 #include "veld/options.h"
@@ -59,6 +61,34 @@ void raise_descriptor_limit()
         limit.rlim_cur = limit.rlim_max;
         setrlimit(RLIMIT_NOFILE, &limit);
     }
+}
+
+// What a behaviour may do to the device. The clients hear of it after the request that it happens in.
+behaviour_host host_of(loop *events, tree *model, service *served)
+{
+    behaviour_host host;
+    host.begin = [model] { model->begin_request(); };
+    host.get = [model](const std::string &path) { return value_at(model, path); };
+    host.set = [=](const std::string &path, json_t *value) {
+        value_change change;
+        std::string problem = value_put(model, path, value, &change);
+        if (problem.empty())
+            events->post([served, name = change.name, what = change.what,
+                          stored = std::make_shared<json_ref>(std::move(change.value))] {
+                served->value_changed(name, *what, stored->get());
+            });
+        return problem;
+    };
+    host.event = [=](int64_t group, json_t *value) {
+        events->post([served, group, kept = std::make_shared<json_ref>(json_ref::share(value))] {
+            served->send_event(group, kept->get());
+        });
+    };
+    host.after = [events](int64_t milliseconds, std::function<void()> call) {
+        return events->after(milliseconds, std::move(call));
+    };
+    host.cancel = [events](uint64_t timer) { events->cancel(timer); };
+    return host;
 }
 
 int failed(const std::string &why)
@@ -118,14 +148,25 @@ int main(int argc, char **argv)
     json_ref document = document_read(name, &error);
     if (!document)
         return failed(error);
-    std::unique_ptr<tree> model = document_tree(
-        document.get(), {live_value, live_rows, {live_value_known, live_rows_known, method_known}}, &error);
+    loop events;
+    machine_backend own;
+    std::unique_ptr<behaviour> filed; // a device in a file goes before the machine
+    std::vector<device_backend *> each{&own};
+    if (!wanted.behaviour.empty()) {
+        filed = behaviour::load(wanted.behaviour, wanted.trust_behaviour, &error);
+        if (!filed)
+            return failed(error);
+        each.insert(each.begin(), filed.get());
+    }
+    backends behind(std::move(each));
+    std::unique_ptr<tree> model = document_tree(document.get(), &behind, &error);
     if (!model)
         return failed(name + ": " + error);
+    if (filed && !filed->fits(&error))
+        return failed(error);
     document.reset(); // what the model needs of it, it shares
 
     raise_descriptor_limit();
-    loop events;
     service_manager manager(events);
     const fd_owner signal_fd = signals();
     std::unique_ptr<tls_identity> identity;
@@ -174,7 +215,10 @@ int main(int argc, char **argv)
             served.welcome(std::move(who), std::move(link));
     });
     int status = EXIT_SUCCESS;
-    machine.connect({[&](const char *action) { served.announce(action); },
+    machine.connect({[&](const char *action) {
+                         behind.announced(action);
+                         served.announce(action);
+                     },
                      [&] {
                          entrances.close();
                          served.part_with_all();
@@ -202,6 +246,8 @@ int main(int argc, char **argv)
             printf("listening on %s\n", one->address().c_str());
     }
     fflush(stdout);
+    if (filed)
+        filed->connect(host_of(&events, model.get(), &served));
     log_serving();
     if (!wanted.run_as.empty()) {
         if (!drop_rights(wanted, store, &error))

@@ -40,6 +40,8 @@ constexpr const char *usage_text =
     "\t    --user NAME:ROLE        A user of the device, \"user\" or \"admin\", may be repeated.\n"
     "\t    --password-file FILE    Passwords of these users, one a line (default is to ask for them).\n"
     "\t    --anonymous ROLE        What those may do who have not logged in: public (default), user or admin.\n"
+    "\t    --behaviour FILE.lua    What the device does when it is read, set and called.\n"
+    "\t    --trust-behaviour       Let that file use all of Lua's libraries.\n"
     "\t    --log LEVEL|FILE        Log up to error, warning (default), info or debug on standard error,\n"
     "\t                            or up to info into a file.\n"
     "\t    --import FILE.xml       Turn a Broadband Forum data model into a model document, and end.\n"
@@ -74,7 +76,9 @@ enum option_value {
     option_anonymous,
     option_run_as,
     option_socket_mode,
-    option_socket_group
+    option_socket_group,
+    option_behaviour,
+    option_trust_behaviour
 };
 
 const option long_options[] = {
@@ -103,6 +107,8 @@ const option long_options[] = {
     {"user", required_argument, nullptr, option_user},
     {"password-file", required_argument, nullptr, option_password_file},
     {"anonymous", required_argument, nullptr, option_anonymous},
+    {"behaviour", required_argument, nullptr, option_behaviour},
+    {"trust-behaviour", no_argument, nullptr, option_trust_behaviour},
     {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, 'v'},
     {nullptr, 0, nullptr, 0},
@@ -252,6 +258,12 @@ options_outcome options_parse(int argc, char **argv, options *out)
             break;
         case option_password_file:
             out->password_file = optarg;
+            break;
+        case option_behaviour:
+            out->behaviour = optarg;
+            break;
+        case option_trust_behaviour:
+            out->trust_behaviour = true;
             break;
         case option_anonymous:
             if (!role_of(optarg, &out->anonymous))

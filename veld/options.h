@@ -23,6 +23,8 @@ struct options {
     std::vector<first_user> users;    ///< without their passwords yet
     std::string password_file;        ///< of these users; empty: the terminal, or standard input
     given_values values;
+    std::string behaviour; ///< a file with what the device does; empty: the machine alone
+    bool trust_behaviour = false;
     std::string log;
     std::string state; ///< directory of what survives a restart; empty: nothing does
     std::string files; ///< directory of downloaded files; empty: below the state's

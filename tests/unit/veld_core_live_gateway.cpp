@@ -1,6 +1,7 @@
 // The gateway's model: whole, consistent in itself, and true to the providers and methods that it names.
 #include "platform/ve_json.h"
 #include "veld/live/live.h"
+#include "veld/machine/machine.h"
 #include "veld/methods/methods.h"
 #include "veld/model/check.h"
 #include "veld/model/document.h"
@@ -160,7 +161,8 @@ TEST_F(Gateway, DefaultsAndOffValuesFulfilTheirConstraints)
 
 TEST_F(Gateway, FactoryValuesFulfilTheirConstraints)
 {
-    std::unique_ptr<tree> fresh = document_tree(document.get(), {live_value, live_rows}, &error);
+    machine_backend own;
+    std::unique_ptr<tree> fresh = document_tree(document.get(), &own, &error);
     ASSERT_TRUE(fresh) << error;
     int seen = 0;
     std::function<void(node *)> check = [&](node *of) {
@@ -269,7 +271,8 @@ TEST_F(Gateway, TheFactoryLoginsWork)
 
 TEST_F(Gateway, HostsCanBeAddedBeforeTheyAreFilledIn)
 {
-    std::unique_ptr<tree> fresh = document_tree(document.get(), {live_value, live_rows}, &error);
+    machine_backend own;
+    std::unique_ptr<tree> fresh = document_tree(document.get(), &own, &error);
     ASSERT_TRUE(fresh) << error;
     for (const char *path :
          {"Device.Hosts.Host.", "Device.NAT.PortMapping.", "Device.Users.User.", "Device.DNS.SearchDomain."}) {

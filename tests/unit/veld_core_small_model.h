@@ -44,12 +44,50 @@ inline constexpr const char *small_model = R"json({
   }
 })json";
 
-inline std::unique_ptr<veld::tree> make_tree(veld::live_source live = {}, const char *model = small_model)
+/// Where live values come from in a test. Both return new references; null when there is nothing to tell.
+struct live_source {
+    std::function<json_t *(std::string_view provider)> value;
+    std::function<json_t *(std::string_view provider)> rows;
+};
+
+class live_backend : public veld::device_backend
 {
+public:
+    explicit live_backend(live_source live) : live_(std::move(live)) {}
+    bool knows(veld::backend_use, std::string_view) const override { return true; }
+    veld::backend_part serves(veld::backend_use, const veld::scheme &, const std::string &) override
+    {
+        return veld::backend_part::none; // what the model names is enough
+    }
+    json_ref read(const veld::scheme &what, const std::string &) override
+    {
+        return json_ref{live_.value ? live_.value(what.provider) : nullptr};
+    }
+    json_ref rows(const veld::scheme &what, const std::string &) override
+    {
+        return json_ref{live_.rows ? live_.rows(what.provider) : nullptr};
+    }
+    bool apply(const std::vector<veld::backend_change> &, veld::backend_refusal *) override { return true; }
+    std::unique_ptr<veld::method_job> run(const veld::scheme &, const std::string &, const json_t *,
+                                          const std::function<std::string(std::string_view)> &,
+                                          veld::method_outcome *) override
+    {
+        return nullptr;
+    }
+    void announced(const std::string &) override {}
+
+private:
+    live_source live_;
+};
+
+inline std::unique_ptr<veld::tree> make_tree(live_source live = {}, const char *model = small_model)
+{
+    static std::unique_ptr<live_backend> behind; // of the tree that was made last
+    behind = std::make_unique<live_backend>(std::move(live));
     std::string error;
     const json_ref document{json_loads(model, 0, nullptr)};
     EXPECT_TRUE(document);
-    std::unique_ptr<veld::tree> made = veld::document_tree(document.get(), std::move(live), &error);
+    std::unique_ptr<veld::tree> made = veld::document_tree(document.get(), behind.get(), &error);
     EXPECT_EQ(error, "");
     return made;
 }

@@ -27,7 +27,4 @@ struct method_call {
 std::unique_ptr<method_job> make_ipping(const method_call &call);
 std::unique_ptr<method_job> make_nslookup(const method_call &call);
 
-/// Appends one output argument; takes over `value`.
-void add_output(json_t *list, const std::string &name, json_t *value);
-
 } // namespace veld

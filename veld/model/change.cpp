@@ -114,6 +114,22 @@ private:
     std::unordered_map<std::string, int> wanted_;
 };
 
+// What is behind the model acts on the values that concern it, on all or none.
+void act(tree *in, const std::vector<pending> &entries, problem_list *problems)
+{
+    std::vector<backend_change> changes;
+    std::vector<json_ref> before;
+    for (const pending &entry : entries) {
+        if (!entry.parameter->what->acts)
+            continue;
+        before.push_back(in->value(entry.parameter));
+        changes.push_back({entry.parameter->what, &entry.name, entry.value.get(), before.back().get()});
+    }
+    backend_refusal why;
+    if (!changes.empty() && !in->behind()->apply(changes, &why))
+        problems->add(*changes[why.which].path, why.code, why.text);
+}
+
 value_problem settable(const place &where, role who)
 {
     if (!where)
@@ -242,6 +258,8 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
         else if (const std::string same = keys.problem(entry.parameter); !same.empty())
             problems.add(entry.name, code::bad_value, same);
     }
+    if (problems.empty())
+        act(in, entries, &problems);
     if (!problems.empty())
         return problems.finish();
 
@@ -256,6 +274,32 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
     for (const pending &entry : entries)
         in->reindex(entry.parameter);
     return {};
+}
+
+json_ref value_at(tree *in, const std::string &path)
+{
+    const place where = in->find(path);
+    const bool there = where && where.at->what == where.what && where.what->kind == node_kind::parameter;
+    return there ? in->value(where.at) : json_ref{};
+}
+
+std::string value_put(tree *in, const std::string &path, json_t *value, value_change *done)
+{
+    const place where = in->find(path);
+    if (!where || where.at->what != where.what || where.what->kind != node_kind::parameter)
+        return "no such parameter";
+    if (where.what->from != source::stored && where.what->from != source::live)
+        return "has no value of its own";
+    if (where.what->handler_set == "password")
+        return "is a password";
+    json_ref kept;
+    if (const value_problem problem = value_check(*where.what, value, &kept); problem.code != 0)
+        return problem.text;
+    if (const uint32_t other = in->taken(where.at, kept.get()))
+        return "is already used by instance " + std::to_string(other);
+    *done = {tree::name(where.at), json_ref::share(kept.get()), where.what};
+    in->store(where.at, std::move(kept), false);
+    return "";
 }
 
 fault change_add(tree *in, role who, std::string_view path, uint64_t order, node **added)

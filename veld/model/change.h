@@ -21,6 +21,13 @@ struct value_change {
 fault change_values(tree *in, role who, const json_t *list, std::vector<value_change> *changes,
                     const ready_hashes &hashes = {});
 
+/// The value at a path, as the device itself sees it; null when there is no parameter.
+json_ref value_at(tree *in, const std::string &path);
+
+/// Stores a value of the device's own, which fits the model but need not be writable; it is not part of what is saved.
+/// Returns what is wrong with it, or an empty text.
+std::string value_put(tree *in, const std::string &path, json_t *value, value_change *done);
+
 /// Adds an instance to the table at `path`; `order` counts from 1, 0 is last. `*added` receives the instance.
 fault change_add(tree *in, role who, std::string_view path, uint64_t order, node **added);
 

@@ -66,10 +66,12 @@ json_ref document_read(const std::string &name, std::string *error)
     return {};
 }
 
-std::unique_ptr<tree> document_tree(json_t *document, live_source live, std::string *error)
+std::unique_ptr<tree> document_tree(json_t *document, device_backend *behind, std::string *error)
 {
-    std::unique_ptr<scheme> model = scheme_load(document, error, live.known);
-    return model ? tree::make(std::move(model), std::move(live), error) : nullptr;
+    std::unique_ptr<scheme> model = scheme_load(document, error, behind);
+    if (model && behind != nullptr)
+        scheme_bind(model.get(), behind);
+    return model ? tree::make(std::move(model), behind, error) : nullptr;
 }
 
 } // namespace veld

@@ -14,6 +14,7 @@ namespace veld
 json_ref document_read(const std::string &name, std::string *error);
 
 /// The tree in its factory state that a document describes; null when it is no model, `*error` then says why.
-std::unique_ptr<tree> document_tree(json_t *document, live_source live, std::string *error);
+/// `behind` is what stands behind it, borrowed; null: nothing.
+std::unique_ptr<tree> document_tree(json_t *document, device_backend *behind, std::string *error);
 
 } // namespace veld

@@ -2,10 +2,10 @@
 #pragma once
 
 #include "base/json_ref.h"
+#include "veld/backend/backend.h"
 #include "veld/model/pattern.h"
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -89,6 +89,9 @@ struct scheme {
     bool argument = false;  ///< belongs to a method's arguments
     bool output = false;    ///< an argument that the method gives back
     bool furnished = false; ///< a new node of it comes with instances: tables below it have factory ones
+    bool asked = false;     ///< source::live: the backend is asked even when the parameter has been set
+    bool acts = false;      ///< a backend acts when the parameter is set
+    bool runs = false;      ///< a method that a backend runs
     bool deletable = false; ///< on a table: its instances may be deleted
     std::string provider;   ///< of live values; of a method: what implements it
     size_t counted = 0;     ///< source::count: the index of the sibling table
@@ -132,18 +135,15 @@ struct scheme {
     bool dotted() const { return is_object(); }
 };
 
-/// The names that a model document may use of what is behind it; a function that is not there knows all.
-struct known_names {
-    std::function<bool(std::string_view)> values;  ///< providers of values
-    std::function<bool(std::string_view)> rows;    ///< providers of rows
-    std::function<bool(std::string_view)> methods; ///< implementations of methods
-};
-
 /// How many levels a model may have.
 inline constexpr int scheme_deepest = 64;
 
 /// The scheme that a model document describes; null when it is no model document, `*error` then says what and where.
-std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error, const known_names &known = {});
+/// `behind` knows the names that it may use of what is behind it; without one, all are good.
+std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error, const device_backend *behind = nullptr);
+
+/// Asks what is behind the model which nodes it serves, and marks them.
+void scheme_bind(scheme *model, device_backend *behind);
 
 /// Whether a name can be a node's; an argument's may be a number.
 bool scheme_name_fits(std::string_view name, bool argument);

@@ -31,7 +31,7 @@ struct surroundings {
 class loader
 {
 public:
-    loader(const known_names &known, std::string *error) : known_(known), error_(error) {}
+    loader(const device_backend *behind, std::string *error) : behind_(behind), error_(error) {}
 
     bool known_top(json_t *document);
     bool children(json_t *members, const surroundings &around, scheme *into);
@@ -45,8 +45,7 @@ private:
         return false;
     }
     bool known_keys(json_t *source, const surroundings &around, std::initializer_list<std::string_view> keys);
-    bool known_provider(const surroundings &around, const scheme &of, const char *key,
-                        const std::function<bool(std::string_view)> &knows);
+    bool known_provider(const surroundings &around, const scheme &of, const char *key, backend_use use);
     bool flags(json_t *source, surroundings *around, scheme *into);
     bool values(json_t *source, const surroundings &around, scheme *into);
     bool events(json_t *source, const surroundings &around);
@@ -60,7 +59,7 @@ private:
     bool level(json_t *source, const surroundings &around, const char *key, role *out);
     void synthetic(scheme *into, const char *name, source from, value_type type, const char *empty);
 
-    const known_names &known_;
+    const device_backend *behind_; // null: all names are good
     std::string *error_;
 };
 
@@ -95,10 +94,9 @@ bool loader::known_top(json_t *document)
     return true;
 }
 
-bool loader::known_provider(const surroundings &around, const scheme &of, const char *key,
-                            const std::function<bool(std::string_view)> &knows)
+bool loader::known_provider(const surroundings &around, const scheme &of, const char *key, backend_use use)
 {
-    return of.provider.empty() || !knows || knows(of.provider) ||
+    return of.provider.empty() || behind_ == nullptr || behind_->knows(use, of.provider) ||
            fail(around, std::string("\"") + key + "\" names an unknown \"" + of.provider + "\"");
 }
 
@@ -252,7 +250,7 @@ bool loader::parameter(json_t *source, const surroundings &around, scheme *into)
         return false;
     if (!into->provider.empty()) {
         into->from = around.live_row ? source::row_field : source::live;
-        return around.live_row || known_provider(around, *into, "live", known_.values);
+        return around.live_row || known_provider(around, *into, "live", backend_use::read);
     }
     if (!counted.empty()) {
         into->from = source::count;
@@ -294,7 +292,7 @@ bool loader::table(json_t *source, const surroundings &around, scheme *into)
     below.live_row = around.live_row || !into->provider.empty();
     if (!into->provider.empty())
         into->from = around.live_row ? source::row_table : source::live;
-    if (!around.live_row && !known_provider(around, *into, "live", known_.rows))
+    if (!around.live_row && !known_provider(around, *into, "live", backend_use::list))
         return false;
     into->element = std::make_unique<scheme>();
     into->element->parent = into;
@@ -339,7 +337,7 @@ bool loader::method(json_t *source, const surroundings &around, scheme *into)
 {
     into->kind = node_kind::method;
     if (!known_keys(source, around, {"method", "input", "output"}) ||
-        !text(source, around, "method", &into->provider) || !known_provider(around, *into, "method", known_.methods))
+        !text(source, around, "method", &into->provider) || !known_provider(around, *into, "method", backend_use::run))
         return false;
     for (const char *direction : {"input", "output"}) {
         json_t *arguments = json_object_get(source, direction);
@@ -504,16 +502,15 @@ bool scheme_node_holds(json_t *description, std::string *error)
 {
     error->clear();
     scheme made;
-    const known_names known;
     surroundings around;
     around.path = "it";
-    if (loader(known, error).node(description, around, &made))
+    if (loader(nullptr, error).node(description, around, &made))
         return true;
     error->erase(0, error->find(": ") + 2);
     return false;
 }
 
-std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error, const known_names &known)
+std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error, const device_backend *behind)
 {
     error->clear();
     json_t *format = json_object_get(document, "format");
@@ -527,7 +524,7 @@ std::unique_ptr<scheme> scheme_load(json_t *document, std::string *error, const 
         return nullptr;
     }
     auto root = std::make_unique<scheme>();
-    loader work(known, error);
+    loader work(behind, error);
     if (!work.known_top(document) || !work.children(members, {}, root.get()))
         return nullptr;
     if (!finish(root.get(), error))

@@ -31,11 +31,11 @@ bool before(const std::unique_ptr<node> &instance, uint32_t number)
 
 } // namespace
 
-std::unique_ptr<tree> tree::make(std::unique_ptr<scheme> model, live_source live, std::string *error)
+std::unique_ptr<tree> tree::make(std::unique_ptr<scheme> model, device_backend *behind, std::string *error)
 {
     std::unique_ptr<tree> made(new tree);
     made->model_ = std::move(model);
-    made->live_ = std::move(live);
+    made->behind_ = behind;
     made->root_ = made->make_node(*made->model_, nullptr);
     if (!factory_check(made.get(), error))
         return nullptr;
@@ -129,9 +129,9 @@ json_ref tree::value(node *parameter)
     const scheme &what = *parameter->what;
     switch (what.from) {
     case source::live: {
-        if (parameter->changed || parameter->given)
+        if (!what.asked && (parameter->changed || parameter->given))
             break;
-        json_ref live{live_.value ? live_.value(what.provider) : nullptr};
+        json_ref live = behind_ != nullptr ? behind_->read(what, name(parameter)) : json_ref{};
         json_ref kept;
         return live && value_fits_type(what, live.get(), &kept) ? std::move(kept) : json_ref::share(what.initial.get());
     }

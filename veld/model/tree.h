@@ -51,21 +51,15 @@ struct place {
     explicit operator bool() const { return what != nullptr; }
 };
 
-/// Where live values come from. Both return new references; null when there is nothing to tell.
-struct live_source {
-    std::function<json_t *(std::string_view provider)> value;
-    std::function<json_t *(std::string_view provider)> rows;
-    known_names known = {}; ///< what there is
-};
-
 class tree
 {
 public:
     /// The tree in its factory state. Null when factory values do not fit the model; `*error` says where.
-    static std::unique_ptr<tree> make(std::unique_ptr<scheme> model, live_source live, std::string *error);
+    static std::unique_ptr<tree> make(std::unique_ptr<scheme> model, device_backend *behind, std::string *error);
 
     node *root() { return root_.get(); }
     const scheme &model() const { return *model_; }
+    device_backend *behind() { return behind_; }
 
     /// Begins a request: within one, live tables are brought up to date once.
     void begin_request() { ++epoch_; }
@@ -129,7 +123,7 @@ private:
 
     std::unique_ptr<scheme> model_;
     std::unique_ptr<node> root_;
-    live_source live_;
+    device_backend *behind_ = nullptr; // null: nothing
     std::function<void()> on_reset_;
     uint64_t epoch_ = 1;
     live_change_handler on_live_change_;

@@ -16,7 +16,7 @@ void tree::refresh(node *table)
     const bool known = std::exchange(table->table->epoch, epoch_) != 0;
     if (!known)
         live_tables_.insert(name(table));
-    json_ref rows{live_.rows ? live_.rows(table->what->provider) : nullptr};
+    json_ref rows = behind_ != nullptr ? behind_->rows(*table->what, name(table)) : json_ref{};
     sync_rows(table, rows.get(), known);
 }
 

@@ -12,6 +12,19 @@ constexpr int64_t event_value_set = 1;
 constexpr int64_t event_instances = 4;
 constexpr int64_t machine_looked_at_ms = 1000;
 constexpr int64_t machine_told_ms = 500;
+
+// What an event says of a parameter that was set; `user` empty: by nobody who has logged in.
+json_ref set_event(const std::string &name, const scheme &what, const json_t *value, const std::string &user)
+{
+    json_ref said{json_object()};
+    json_object_set_new(said.get(), "Name", json_string(name.c_str()));
+    if (what.secret)
+        json_object_set_new(said.get(), "Value", json_string(""));
+    else
+        json_object_set(said.get(), "Value", const_cast<json_t *>(value));
+    json_object_set_new(said.get(), "User", json_stringn(user.data(), user.size()));
+    return said;
+}
 constexpr size_t passwords_at_once = 256;
 
 } // namespace
@@ -106,19 +119,27 @@ void service::finish_set(client &from, const json_t *list, const ready_hashes &h
     event_batch events;
     bool accounts = false;
     for (const value_change &change : changes) {
-        json_ref value{json_object()};
-        json_object_set_new(value.get(), "Name", json_string(change.name.c_str()));
-        if (change.what->secret)
-            json_object_set_new(value.get(), "Value", json_string(""));
-        else
-            json_object_set(value.get(), "Value", change.value.get());
-        json_object_set_new(value.get(), "User", json_stringn(user.data(), user.size()));
-        events.add(event_value_set, value.get(), change.what->read);
+        events.add(event_value_set, set_event(change.name, *change.what, change.value.get(), user).get(),
+                   change.what->read);
         accounts = accounts || is_of_accounts(change.name);
     }
     deliver(events);
     if (accounts)
         review_logins();
+}
+
+void service::value_changed(const std::string &name, const scheme &what, const json_t *value)
+{
+    event_batch events;
+    events.add(event_value_set, set_event(name, what, value, "").get(), what.read);
+    deliver(events);
+}
+
+void service::send_event(int64_t group, const json_t *value)
+{
+    event_batch events;
+    events.add(group, value, role::anonymous);
+    deliver(events);
 }
 
 void service::tell_instances(const std::vector<instance_change> &changes)

@@ -124,7 +124,7 @@ void service::execute(client &from, const json_t *params, const ticket &to)
     json_ref input;
     if (const fault problem = arguments_check(what, list, &input))
         return answer_fault(to, problem);
-    if (what.provider.empty() || !method_known(what.provider))
+    if (!what.runs)
         return answer_fault(to, {code::not_supported, path + " is not implemented", ""});
     const uint64_t id = from.link->id();
     const std::string account = from.account();
@@ -144,7 +144,7 @@ void service::execute(client &from, const json_t *params, const ticket &to)
         return text;
     };
     method_outcome ended;
-    std::unique_ptr<method_job> job = method_start(what.provider, input.get(), text_of, &ended);
+    std::unique_ptr<method_job> job = tree_.behind()->run(what, tree::name(where.at), input.get(), text_of, &ended);
     if (!job)
         return answer_outcome(to, ended);
     from.link->expect_answer();

@@ -1,7 +1,7 @@
 // Calls of the model's methods that are under way.
 #pragma once
 
-#include "veld/methods/methods.h"
+#include "veld/backend/job.h"
 #include "veld/model/fault.h"
 #include "veld/model/tree.h"
 #include "veld/server/loop.h"

@@ -78,6 +78,11 @@ public:
     /// Takes a client that has connected, with its link; or turns it away, where somebody has too many.
     void welcome(arrival who, std::unique_ptr<transport> link);
 
+    /// Tells the clients of a value that the device itself has set.
+    void value_changed(const std::string &name, const scheme &what, const json_t *value);
+    /// Sends an event of the device's own; `value` null: none.
+    void send_event(int64_t group, const json_t *value);
+
     /// Tells the clients what the device is about to do.
     void announce(const char *action);
     /// Ends every link, after what is queued on it has been written.

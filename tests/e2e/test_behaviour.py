@@ -1,0 +1,217 @@
+"""veld --behaviour: a device in a file. The examples of docs/behaviour.md, as printed, and what a file cannot do."""
+
+import json
+import re
+import subprocess
+
+import pytest
+
+from lib import settings
+
+DOCUMENT = (settings.SOURCE / "docs" / "behaviour.md").read_text()
+
+
+def example(sandbox, name):
+    """Writes an example's two files as the page prints them, and returns their paths."""
+    paths = []
+    for file in (f"{name}.json", f"{name}.lua"):
+        found = re.search(rf"`{re.escape(file)}`[^`]*```(?:json|lua)\n(.*?)```", DOCUMENT, re.S)
+        paths.append(sandbox.work / file)
+        paths[-1].write_text(found[1])
+    return paths
+
+
+@pytest.fixture
+def device(sandbox, veld_start):
+    def start(model, behaviour, *options):
+        return veld_start("--behaviour", behaviour, "--anonymous", "admin", *options, model=model)
+
+    return start
+
+
+MODEL = {
+    "A": {"type": "int", "access": "readWrite", "default": 1},
+    "B": {"type": "int", "access": "readWrite", "default": 2},
+    "C": {"type": "string", "access": "readWrite", "default": "c"},
+    "Log": {"type": "string", "default": ""},
+    "Run": {"type": "method", "input": {"What": {"type": "string", "default": ""}}, "output": {"R": {"type": "string", "default": ""}}},
+    "T": {"multi": True, "template": {"children": {"N": {"type": "int", "default": 0}}}},
+}
+
+
+@pytest.fixture
+def filed(sandbox, device):
+    """A daemon of a small model with a behaviour that is given as text."""
+
+    def start(text, *options):
+        (sandbox.work / "model.json").write_text(json.dumps({"format": 1, "root": {"Device": {"children": MODEL}}}))
+        (sandbox.work / "b.lua").write_text(text)
+        return device(sandbox.work / "model.json", sandbox.work / "b.lua", *options)
+
+    return start
+
+
+def error_of(peer, method, **params):
+    error = peer.answer(peer.request(method, params)).get("error")
+    return error and (error["code"], list(error["data"].values())[0] if "data" in error else error["message"])
+
+
+def set_error(peer, values):
+    return error_of(peer, "SetParameterValues", ParameterList=[{"Name": name, "Value": values[name]} for name in values])
+
+
+def execute(peer, path, **arguments):
+    entries = [{"Name": name, "Value": value} for name, value in arguments.items()]
+    return peer.request("Execute", {"Path": path, "ParameterList": entries})
+
+
+def outputs(answer):
+    return {entry["Name"]: entry["Value"] for entry in answer["result"]["ParameterList"]}
+
+
+# --- the page ---
+
+
+def test_a_switch_acts(sandbox, device):
+    veld = device(*example(sandbox, "switch"), "--log", "info")
+    peer = veld.connect()
+    assert veld.value("Device.Lamp.Power") == 0
+    assert set_error(peer, {"Device.Lamp.On": True}) is None
+    assert veld.value("Device.Lamp.Power") == 6.5
+    peer.join(1)
+    assert set_error(peer, {"Device.Lamp.Toggle": True}) is None
+    assert [peer.event()[1]["Name"] for _ in range(2)] == ["Device.Lamp.Toggle", "Device.Lamp.On"]
+    assert veld.value("Device.Lamp.On") is False
+    assert set_error(peer, {"Device.Lamp.Level": 0}) is None
+    assert set_error(peer, {"Device.Lamp.On": True}) == (9001, "the lamp is dimmed to nothing")
+    assert veld.value("Device.Lamp.On") is False
+    assert "switch.lua: the lamp goes on" in veld.log
+
+
+def test_a_table_of_counters_lives(sandbox, device):
+    veld = device(*example(sandbox, "ports"))
+    peer = veld.connect()
+    peer.join(12)
+    assert peer.event() == (12, {"Port": "usb1"})
+    assert [veld.value(f"Device.Port.{i}.Name") for i in (1, 2, 3)] == ["lan1", "lan2", "usb1"]
+    assert veld.value("Device.PortNumberOfEntries") == 3
+    before = veld.value("Device.Port.1.Stats.Sent")
+    assert set_error(peer, {"Device.Port.3.Note": "mine"}) is None
+    moment = settings.deadline()
+    while veld.value("Device.Port.1.Stats.Sent") == before:
+        assert settings.remaining(moment)
+    assert veld.value("Device.Port.3.Note") == "mine"
+
+
+def test_a_method_takes_its_time_and_reports(sandbox, device):
+    veld = device(*example(sandbox, "selftest"))
+    peer, other = veld.connect(), veld.connect()
+    peer.join(1)
+    first = execute(peer, "Device.SelfTest.Run", Seconds=0.2)
+    assert peer.event()[1] == {"Name": "Device.SelfTest.Progress", "Value": 10, "User": ""}
+    second = execute(other, "Device.SelfTest.Run")
+    assert other.answer(second)["error"] == {"code": 9004, "message": "a test is running"}
+    assert outputs(peer.answer(first)) == {"Status": "Complete", "Part.1.Name": "memory", "Part.2.Name": "radio"}
+    assert veld.value("Device.SelfTest.Progress") == 100
+
+
+# --- sequences ---
+
+
+def test_a_refusal_takes_back_what_was_done_before_it(filed):
+    veld = filed("""
+        local done = ""
+        local function note(path, value) done = done .. path:sub(8) .. "=" .. tostring(value) .. " "; set("Device.Log", done) end
+        on_set("Device.A", note)
+        on_set("Device.B", note)
+        on_set("Device.C", function(path, value) if value == "no" then refuse("not that", 9007) end error("broken") end)
+    """)
+    peer = veld.connect()
+    assert set_error(peer, {"Device.A": 5, "Device.B": 6, "Device.C": "no"}) == (9007, "not that")
+    assert veld.value("Device.Log") == "A=5 B=6 B=2 A=1 "
+    assert [veld.value(f"Device.{name}") for name in "ABC"] == [1, 2, "c"]
+    code, text = set_error(peer, {"Device.C": "yes"})
+    assert code == 9002 and "b.lua:6: broken" in text
+    # What does not fit the model never comes as far.
+    assert set_error(peer, {"Device.A": 7, "Device.B": "x"})[0] == 9006
+    assert veld.value("Device.Log") == "A=5 B=6 B=2 A=1 "
+
+
+def test_what_fails_is_the_default_and_leaves_the_rest_alone(filed):
+    veld = filed("""
+        on_get("Device.A", function() return "text" end)
+        on_get("Device.B", function() error("oh") end)
+        on_get("Device.C", function() return get("Device.C") end)
+        on_rows("Device.T", function() return {{key = "x", N = 3.0}, {N = "no"}, 7} end)
+        on_call("Device.Run", function(input)
+            if input.What == "bad" then return {R = print} end
+            if input.What == "long" then sleep(1000) end
+            return {R = input.What}
+        end)
+    """)
+    assert [veld.value(f"Device.{name}") for name in "ABC"] == [1, 2, "c"]
+    assert [veld.value(f"Device.T.{i}.N") for i in (1, 2)] == [3, 0]
+    assert "Device.B: b.lua:3: oh" in veld.log
+    peer = veld.connect()
+    assert outputs(peer.answer(execute(peer, "Device.Run", What="x"))) == {"R": "x"}
+    assert peer.answer(execute(peer, "Device.Run", What="bad"))["error"]["code"] == 9002
+    # A call that sleeps ends with its client, and with the daemon.
+    execute(peer, "Device.Run", What="long")
+    with veld.connect() as leaving:
+        execute(leaving, "Device.Run", What="long")
+        leaving.call("GetParameterValues", ParameterNames=["Device.A"])
+    assert veld.value("Device.A") == 1
+
+
+HOSTILE = {
+    "while true do end": "takes too long",
+    "while true do pcall(function() while true do end end) end": "takes too long",
+    "local t = {} while true do t[#t + 1] = {} end": "not enough memory",
+    "local s = 'x' while true do s = s .. s end": "not enough memory",
+    "local s = 'x' while true do s:rep(1000000) end": "",
+    "('a'):rep(5000):find(('.-'):rep(20) .. 'b')": "takes too long",
+    "local function f() return f() + 1 end f()": "not enough memory",
+    "return ('').rep('', 1e9)": None,
+    "setmetatable({}, {__gc = function() while true do end end})": "__gc is not allowed",
+    "table.insert(setmetatable({}, {__len = function() return 1e15 end}), 1, 1)": "must not have a metatable",
+    "return io.open('/etc/passwd')": "nil value (global 'io')",
+    "return os.execute('true')": "nil value (field 'execute')",
+    "return load('return 1')": "nil value (global 'load')",
+    "return require('io')": "nil value (global 'require')",
+    "sleep(1)": "only a call can sleep()",
+}
+
+
+def test_no_file_holds_up_the_daemon_or_gets_out(filed):
+    handlers = "".join(f"[{i}] = function() {text} end,\n" for i, text in enumerate(HOSTILE, 1))
+    veld = filed(f"local all = {{{handlers}}}\non_set('Device.A', function(path, value) all[value]() end)")
+    peer = veld.connect()
+    for i, (text, expected) in enumerate(HOSTILE.items(), 1):
+        refused = set_error(peer, {"Device.A": i})
+        if expected is None:
+            assert refused is None, text
+        else:
+            assert refused[0] == 9002 and expected in refused[1], (text, refused)
+    assert veld.peak_kib() < 64 * 1024 or settings.PATIENCE > 1
+
+
+@pytest.mark.parametrize(
+    "text, expected",
+    (
+        ("on_get('Device.X', print)", "veld: b.lua: on_get: the model has no parameter Device.X\n"),
+        ("on_rows('Device.A', print)", "veld: b.lua: on_rows: the model has no table Device.A\n"),
+        ("on_set('Device.Log', print)", "veld: b.lua: on_set: the model has no writable parameter Device.Log\n"),
+        ("on_call('Device.T', print)", "veld: b.lua: on_call: the model has no method Device.T\n"),
+        ("x = = 1", "veld: b.lua:1: unexpected symbol near '='\n"),
+        ("while true do end", "veld: b.lua:1: takes too long\n"),
+        ("get('Device.A')", "veld: b.lua:1: get() is not for the beginning\n"),
+        (None, "veld: b.lua: No such file or directory\n"),
+    ),
+)
+def test_a_file_that_does_not_fit_stops_the_start(sandbox, text, expected):
+    (sandbox.work / "model.json").write_text(json.dumps({"format": 1, "root": {"Device": {"children": MODEL}}}))
+    if text:
+        (sandbox.work / "b.lua").write_text(text)
+    argv = [settings.VELD, "--socket", sandbox.new_socket(), "--model", "model.json", "--behaviour", "b.lua"]
+    done = subprocess.run(argv, env=sandbox.environment(None), cwd=sandbox.work, capture_output=True, timeout=settings.DEADLINE)
+    assert (done.returncode, done.stderr.decode()) == (1, expected)

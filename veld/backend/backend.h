@@ -1,0 +1,80 @@
+// What stands behind the model: a machine, a device in a file, a real device. The core asks, a backend answers.
+#pragma once
+
+#include "base/json_ref.h"
+#include "veld/backend/job.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veld
+{
+
+struct scheme;
+
+/// What a backend can do for a node of the model.
+enum class backend_use {
+    read, ///< tell a parameter's value
+    list, ///< tell a table's rows
+    set,  ///< act when a parameter is set
+    run   ///< run a method
+};
+
+/// Whether it does.
+enum class backend_part {
+    none,
+    until_set, ///< until somebody sets the parameter
+    always
+};
+
+/// A value that is about to be stored. All are borrowed.
+struct backend_change {
+    const scheme *what;
+    const std::string *path;
+    json_t *value;
+    json_t *before;
+};
+
+/// Why a change is refused: a code of the protocol and a phrase for the parameter at that place of the list.
+struct backend_refusal {
+    int code = 0;
+    size_t which = 0;
+    std::string text;
+};
+
+/// Daemon's thread only. What it is asked it answers at once: nothing waits meanwhile.
+class device_backend
+{
+public:
+    device_backend() = default;
+    device_backend(const device_backend &) = delete;
+    device_backend &operator=(const device_backend &) = delete;
+    virtual ~device_backend() = default;
+
+    /// Whether a model document may name this for that use: a provider of values or of rows, an implementation.
+    virtual bool knows(backend_use use, std::string_view name) const = 0;
+    /// Asked once for every node when the model is made. `path` is a name with "{i}" for each instance number.
+    virtual backend_part serves(backend_use use, const scheme &what, const std::string &path) = 0;
+
+    /// The value at the moment: null when there is nothing to tell, the parameter then has its default.
+    virtual json_ref read(const scheme &what, const std::string &path) = 0;
+    /// An array of objects {field: value}. Each has "#key", a text that no other row of the table has and that stays
+    /// with the row as long as it exists; a table nested in it is "#rows:NAME".
+    virtual json_ref rows(const scheme &what, const std::string &path) = 0;
+    /// Acts on the values of one request, before they are stored and acknowledged: on all of them or, when one is
+    /// refused, on none. Returns whether it has.
+    virtual bool apply(const std::vector<backend_change> &changes, backend_refusal *why) = 0;
+    /// Starts a call. `input` holds all arguments, nested as the model nests them, already checked; it is not kept.
+    /// `text_of` gives the text of a parameter, and is called before run() returns only. Returns the job, which is
+    /// cancelled by destroying it; or null when the call ended at once, `*ended` then tells how.
+    virtual std::unique_ptr<method_job> run(const scheme &what, const std::string &path, const json_t *input,
+                                            const std::function<std::string(std::string_view)> &text_of,
+                                            method_outcome *ended) = 0;
+    /// The device is about to do this: "Reboot", "FactoryReset", "Upgrade".
+    virtual void announced(const std::string &action) = 0;
+};
+
+} // namespace veld

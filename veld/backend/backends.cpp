@@ -1,0 +1,88 @@
+#include "veld/backend/backends.h"
+
+#include <algorithm>
+
+namespace veld
+{
+
+bool backends::knows(backend_use use, std::string_view name) const
+{
+    return std::any_of(each_.begin(), each_.end(), [&](const device_backend *one) { return one->knows(use, name); });
+}
+
+backend_part backends::serves(backend_use use, const scheme &what, const std::string &path)
+{
+    for (device_backend *one : each_) {
+        const backend_part part = one->serves(use, what, path);
+        if (part == backend_part::none)
+            continue;
+        behind_[{&what, use}] = one;
+        return part;
+    }
+    return backend_part::none;
+}
+
+device_backend *backends::behind(backend_use use, const scheme &what) const
+{
+    const auto found = behind_.find({&what, use});
+    return found == behind_.end() ? nullptr : found->second;
+}
+
+json_ref backends::read(const scheme &what, const std::string &path)
+{
+    device_backend *one = behind(backend_use::read, what);
+    return one != nullptr ? one->read(what, path) : json_ref{};
+}
+
+json_ref backends::rows(const scheme &what, const std::string &path)
+{
+    device_backend *one = behind(backend_use::list, what);
+    return one != nullptr ? one->rows(what, path) : json_ref{};
+}
+
+// One after the other; those that have acted take it back when a later one refuses.
+bool backends::apply(const std::vector<backend_change> &changes, backend_refusal *why)
+{
+    std::vector<std::vector<backend_change>> done;
+    for (device_backend *one : each_) {
+        std::vector<backend_change> own;
+        std::vector<size_t> places;
+        for (size_t i = 0; i < changes.size(); ++i) {
+            if (behind(backend_use::set, *changes[i].what) != one)
+                continue;
+            own.push_back(changes[i]);
+            places.push_back(i);
+        }
+        if (!own.empty() && !one->apply(own, why)) {
+            why->which = places[std::min(why->which, places.size() - 1)];
+            for (size_t back = done.size(); back > 0; --back) {
+                backend_refusal nobody_hears;
+                each_[back - 1]->apply(done[back - 1], &nobody_hears);
+            }
+            return false;
+        }
+        for (backend_change &change : own)
+            std::swap(change.value, change.before);
+        done.push_back(std::move(own));
+    }
+    return true;
+}
+
+std::unique_ptr<method_job> backends::run(const scheme &what, const std::string &path, const json_t *input,
+                                          const std::function<std::string(std::string_view)> &text_of,
+                                          method_outcome *ended)
+{
+    if (device_backend *one = behind(backend_use::run, what))
+        return one->run(what, path, input, text_of, ended);
+    ended->code = 9000;
+    ended->message = "this device does not implement the method";
+    return nullptr;
+}
+
+void backends::announced(const std::string &action)
+{
+    for (device_backend *one : each_)
+        one->announced(action);
+}
+
+} // namespace veld

@@ -1,0 +1,56 @@
+#include "veld/machine/machine.h"
+
+#include "veld/live/live.h"
+#include "veld/methods/methods.h"
+#include "veld/model/scheme.h"
+
+namespace veld
+{
+
+bool machine_backend::knows(backend_use use, std::string_view name) const
+{
+    switch (use) {
+    case backend_use::read:
+        return live_value_known(name);
+    case backend_use::list:
+        return live_rows_known(name);
+    case backend_use::run:
+        return method_known(name);
+    case backend_use::set:
+        break;
+    }
+    return false;
+}
+
+// The model names what it wants of the machine.
+backend_part machine_backend::serves(backend_use use, const scheme &what, const std::string &)
+{
+    const bool wanted = use == backend_use::run ? what.kind == node_kind::method : what.from == source::live;
+    return wanted && knows(use, what.provider) ? backend_part::until_set : backend_part::none;
+}
+
+json_ref machine_backend::read(const scheme &what, const std::string &)
+{
+    return json_ref{live_value(what.provider)};
+}
+
+json_ref machine_backend::rows(const scheme &what, const std::string &)
+{
+    return json_ref{live_rows(what.provider)};
+}
+
+bool machine_backend::apply(const std::vector<backend_change> &, backend_refusal *)
+{
+    return true;
+}
+
+std::unique_ptr<method_job> machine_backend::run(const scheme &what, const std::string &, const json_t *input,
+                                                 const std::function<std::string(std::string_view)> &text_of,
+                                                 method_outcome *ended)
+{
+    return method_start(what.provider, input, text_of, ended);
+}
+
+void machine_backend::announced(const std::string &) {}
+
+} // namespace veld
