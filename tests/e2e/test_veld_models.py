@@ -253,3 +253,12 @@ def test_what_nobody_in_particular_may_do_is_chosen(sandbox, veld_start):
         assert set_one(peer, "Device.Users.User.1.Username", "y") is None
         peer.call("Logout")
         assert set_one(peer, "Device.Users.User.1.Username", "z") == user
+
+
+def test_the_firmware_is_that_of_whatever_root_there_is(sandbox, veld_start):
+    children = {"DeviceInfo": {"children": {"SoftwareVersion": {"type": "string", "default": "1.0.0"}}}}
+    image = sandbox.work / "image"
+    subprocess.run([settings.VELD, "--make-image", "BOX-1.2.0", "--output", image], check=True, env=sandbox.environment(None))
+    veld = veld_start("--anonymous", "admin", model=model_file(sandbox, children, root="InternetGatewayDevice"))
+    answer = veld.call("Download", FileType="Firmware", URL=f"file://{image}")
+    assert (answer["CurrentVersion"], answer["NewVersion"]) == ("1.0.0", "BOX-1.2.0")

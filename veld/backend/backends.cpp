@@ -48,7 +48,8 @@ bool backends::apply(const std::vector<backend_change> &changes, backend_refusal
         std::vector<backend_change> own;
         std::vector<size_t> places;
         for (size_t i = 0; i < changes.size(); ++i) {
-            if (behind(backend_use::set, *changes[i].what) != one)
+            const device_backend *serving = behind(backend_use::set, *changes[i].what);
+            if (serving == nullptr || serving != one)
                 continue;
             own.push_back(changes[i]);
             places.push_back(i);

@@ -4,6 +4,8 @@
 #include "veld/base/log.h"
 
 #include <algorithm>
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace veld
@@ -13,16 +15,21 @@ namespace
 {
 
 constexpr const char *firmware_file = "firmware.json";
-constexpr const char *version_path = "Device.DeviceInfo.SoftwareVersion";
+constexpr std::string_view version_path = "DeviceInfo.SoftwareVersion";
 constexpr const char *version_key = "SoftwareVersion";
 constexpr int64_t step_ms = 50;
 constexpr int64_t running = 1;
 constexpr int64_t failing_percent = 50;
 
-node *parameter(tree &model, const char *path)
+// The parameter at a path below the first root that has it.
+node *parameter(tree &model, std::string_view path)
 {
-    const place found = model.find(path);
-    return found && found.at->what == found.what && found.what->kind == node_kind::parameter ? found.at : nullptr;
+    for (const auto &root : model.root()->children) {
+        const place found = model.find(root->what->name + "." + std::string(path));
+        if (found && found.at->what == found.what && found.what->kind == node_kind::parameter)
+            return found.at;
+    }
+    return nullptr;
 }
 
 } // namespace
@@ -57,9 +64,9 @@ void flasher::restore_version()
 
 void flasher::show(int64_t percent, int64_t status)
 {
-    if (node *progress = parameter(tree_, "Device.DeviceInfo.UpgradeProgress"))
+    if (node *progress = parameter(tree_, "DeviceInfo.UpgradeProgress"))
         tree_.store(progress, json_ref{json_integer(percent)}, false);
-    if (node *state = parameter(tree_, "Device.DeviceInfo.UpgradeStatus"))
+    if (node *state = parameter(tree_, "DeviceInfo.UpgradeStatus"))
         tree_.store(state, json_ref{json_integer(status)}, false);
 }
 
