@@ -163,6 +163,21 @@ def test_what_fails_is_the_default_and_leaves_the_rest_alone(filed):
     assert veld.value("Device.A") == 1
 
 
+def test_rows_stay_when_they_cannot_be_told(filed):
+    veld = filed("""
+        local broken = false
+        on_set("Device.A", function() broken = true end)
+        on_rows("Device.T", function() if broken then error("oh") end return {{key = "b", N = 1}, {key = "a", N = 2}} end)
+        function on_reboot(action) broken = action ~= "FactoryReset" end
+    """)
+    assert [veld.value(f"Device.T.{i}.N") for i in (1, 2)] == [1, 2]
+    assert set_error(veld.connect(), {"Device.A": 2}) is None
+    assert [veld.value(f"Device.T.{i}.N") for i in (1, 2)] == [1, 2]
+    assert "Device.T.: b.lua:4: oh" in veld.log
+    veld.call("FactoryReset")
+    assert [veld.value(f"Device.T.{i}.N") for i in (1, 2)] == [1, 2]
+
+
 HOSTILE = {
     "while true do end": "takes too long",
     "while true do pcall(function() while true do end end) end": "takes too long",

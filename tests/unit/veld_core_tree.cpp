@@ -174,7 +174,10 @@ TEST(VeldTree, LiveRowsKeepTheirNumbersWhileTheyExist)
     model->find("Device.Link.3.Name");
     EXPECT_EQ(asked, before + 1);
 
+    // What cannot be told now is as it was.
     rows.reset();
+    EXPECT_EQ(numbers(model.get(), "Device.Link"), (std::vector<uint32_t>{2, 3}));
+    rows = json("[]");
     EXPECT_EQ(numbers(model.get(), "Device.Link"), std::vector<uint32_t>{});
 }
 

@@ -62,7 +62,8 @@ public:
     /// The value at the moment: null when there is nothing to tell, the parameter then has its default.
     virtual json_ref read(const scheme &what, const std::string &path) = 0;
     /// An array of objects {field: value}. Each has "#key", a text that no other row of the table has and that stays
-    /// with the row as long as it exists; a table nested in it is "#rows:NAME".
+    /// with the row as long as it exists; a table nested in it is "#rows:NAME". Null when there
+    /// is nothing to tell: the rows stay as they were.
     virtual json_ref rows(const scheme &what, const std::string &path) = 0;
     /// Acts on the values of one request, before they are stored and acknowledged: on all of them or, when one is
     /// refused, on none. Returns whether it has.

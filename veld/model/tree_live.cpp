@@ -17,7 +17,8 @@ void tree::refresh(node *table)
     if (!known)
         live_tables_.insert(name(table));
     json_ref rows = behind_ != nullptr ? behind_->rows(*table->what, name(table)) : json_ref{};
-    sync_rows(table, rows.get(), known);
+    if (rows) // what cannot be told now is as it was
+        sync_rows(table, rows.get(), known);
 }
 
 void tree::refresh_known()
