@@ -4,7 +4,7 @@ PREFIX ?= $(prefix)
 DESTDIR ?=
 BUILD ?= build
 
-.PHONY: all demo test bench install uninstall format clean
+.PHONY: all demo test bench torture install uninstall format clean
 
 all:
 	@scripts/need build
@@ -20,6 +20,10 @@ bench:
 	@scripts/need bench
 	@scripts/build build-bench -DKEST_BENCH=ON -DKEST_TESTS=OFF
 	@bench/run build-bench
+
+torture: all
+	@scripts/need proof
+	@KEST_BUILD=$(BUILD) tests/torture/run $(if $(SAMPLE),--sample $(SAMPLE)) --seed $(or $(SEED),1)
 
 install:
 	@scripts/install "$(BUILD)" "$(PREFIX)" "$(DESTDIR)"

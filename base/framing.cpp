@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 
 namespace
@@ -20,8 +21,12 @@ struct line_writer {
 char *allocate(char *memory, size_t size)
 {
     auto *grown = static_cast<char *>(realloc(memory, size));
-    if (grown == nullptr)
+    if (grown == nullptr) {
+        // The program's own end, with its text.
+        if (const std::new_handler end = std::get_new_handler())
+            end();
         abort();
+    }
     return grown;
 }
 

@@ -1,6 +1,7 @@
 #include "veld/backend/backends.h"
 #include "veld/base/log.h"
 #include "veld/behaviour/behaviour.h"
+#include "veld/base/memory.h"
 #include "veld/firmware/downloads.h"
 #include "veld/import/import.h"
 #include "veld/machine/machine.h"
@@ -131,6 +132,7 @@ bool drop_rights(const options &wanted, const state_store &store, std::string *e
 
 int main(int argc, char **argv)
 {
+    allocations_are_fatal();
     options wanted;
     const options_outcome outcome = options_parse(argc, argv, &wanted);
     if (outcome != options_outcome::run)

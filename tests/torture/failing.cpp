@@ -1,0 +1,128 @@
+// Preloaded into a program under torture: one call of the C library fails, or moves one byte only.
+//
+//   TORTURE_ALLOCATION=N   the N-th malloc, calloc or realloc finds no memory
+//   TORTURE_SHORT=N        the N-th transfer of more than one byte (read, write, send, recv) is of one byte
+//   TORTURE_COUNTERS=FILE  where the calls are counted: three 64-bit numbers (allocations, transfers, failed), to be
+//   read
+//                          even when the program was killed
+//
+// What the program starts itself is spared.
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+extern "C" {
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *memory, size_t size);
+}
+
+namespace
+{
+
+struct counters {
+    std::atomic<uint64_t> allocations, transfers, failed;
+};
+
+counters own;
+counters *counted = &own;
+uint64_t failing_allocation, short_transfer;
+bool running;
+
+uint64_t number_in(const char *name)
+{
+    const char *text = getenv(name);
+    return text != nullptr ? strtoull(text, nullptr, 10) : 0;
+}
+
+__attribute__((constructor)) void begin()
+{
+    failing_allocation = number_in("TORTURE_ALLOCATION");
+    short_transfer = number_in("TORTURE_SHORT");
+    if (const char *path = getenv("TORTURE_COUNTERS")) {
+        const int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd >= 0 && ftruncate(fd, sizeof(counters)) == 0) {
+            void *shared = mmap(nullptr, sizeof(counters), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+            if (shared != MAP_FAILED)
+                counted = static_cast<counters *>(shared);
+        }
+        close(fd);
+    }
+    for (const char *name : {"LD_PRELOAD", "TORTURE_ALLOCATION", "TORTURE_SHORT", "TORTURE_COUNTERS"})
+        unsetenv(name);
+    running = true;
+}
+
+bool no_memory()
+{
+    if (!running || counted->allocations.fetch_add(1) + 1 != failing_allocation)
+        return false;
+    counted->failed.fetch_add(1);
+    errno = ENOMEM;
+    return true;
+}
+
+/// How much of `size` bytes this transfer may move.
+size_t share(size_t size)
+{
+    if (!running || size <= 1 || counted->transfers.fetch_add(1) + 1 != short_transfer)
+        return size;
+    counted->failed.fetch_add(1);
+    return 1;
+}
+
+template <class function> function *real(const char *name)
+{
+    return reinterpret_cast<function *>(dlsym(RTLD_NEXT, name));
+}
+
+} // namespace
+
+extern "C" {
+
+void *malloc(size_t size)
+{
+    return no_memory() ? nullptr : __libc_malloc(size);
+}
+
+void *calloc(size_t count, size_t size)
+{
+    return no_memory() ? nullptr : __libc_calloc(count, size);
+}
+
+void *realloc(void *memory, size_t size)
+{
+    return no_memory() ? nullptr : __libc_realloc(memory, size);
+}
+
+ssize_t read(int fd, void *data, size_t size)
+{
+    static auto *const next = real<ssize_t(int, void *, size_t)>("read");
+    return next(fd, data, share(size));
+}
+
+ssize_t write(int fd, const void *data, size_t size)
+{
+    static auto *const next = real<ssize_t(int, const void *, size_t)>("write");
+    return next(fd, data, share(size));
+}
+
+ssize_t send(int fd, const void *data, size_t size, int flags)
+{
+    static auto *const next = real<ssize_t(int, const void *, size_t, int)>("send");
+    return next(fd, data, share(size), flags);
+}
+
+ssize_t recv(int fd, void *data, size_t size, int flags)
+{
+    static auto *const next = real<ssize_t(int, void *, size_t, int)>("recv");
+    return next(fd, data, share(size), flags);
+}
+}
