@@ -4,7 +4,7 @@ PREFIX ?= $(prefix)
 DESTDIR ?=
 BUILD ?= build
 
-.PHONY: all demo test bench torture install uninstall format clean
+.PHONY: all demo test bench torture fuzz coverage mutants soak install uninstall format clean
 
 all:
 	@scripts/need build
@@ -25,6 +25,22 @@ torture: all
 	@scripts/need proof
 	@KEST_BUILD=$(BUILD) tests/torture/run $(if $(SAMPLE),--sample $(SAMPLE)) --seed $(or $(SEED),1)
 
+fuzz:
+	@scripts/need proof
+	@scripts/fuzz $(or $(SECONDS),5) $(TARGETS)
+
+coverage:
+	@scripts/need proof
+	@scripts/coverage
+
+mutants:
+	@scripts/need proof
+	@/usr/bin/python3 tests/tools/mutants --seed $(or $(SEED),1) --count $(or $(COUNT),300)
+
+soak: all
+	@scripts/need proof
+	@KEST_BUILD=$(BUILD) /usr/bin/python3 tests/tools/soak --seed $(or $(SEED),1) --minutes $(or $(MINUTES),30)
+
 install:
 	@scripts/install "$(BUILD)" "$(PREFIX)" "$(DESTDIR)"
 
@@ -36,4 +52,4 @@ format:
 	@scripts/format
 
 clean:
-	rm -rf build build-asan build-tsan build-tidy build-bench
+	rm -rf build build-asan build-tsan build-tidy build-bench build-fuzz build-coverage build-mutants

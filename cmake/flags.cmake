@@ -11,3 +11,7 @@ else()
   add_link_options(-fsanitize=${KEST_SANITIZE})
 endif()
 set(KEST_NO_EXCEPTIONS $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>)
+if(KEST_FUZZ)
+  # The fuzzer sees which of our code it reaches. Warnings are judged by the compiler that the programs are built with.
+  add_compile_options(-fsanitize=fuzzer-no-link -Wno-error -Wno-format-nonliteral)
+endif()

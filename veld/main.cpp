@@ -1,7 +1,7 @@
 #include "veld/backend/backends.h"
 #include "veld/base/log.h"
-#include "veld/behaviour/behaviour.h"
 #include "veld/base/memory.h"
+#include "veld/behaviour/behaviour.h"
 #include "veld/firmware/downloads.h"
 #include "veld/import/import.h"
 #include "veld/machine/machine.h"
@@ -171,6 +171,8 @@ int main(int argc, char **argv)
     raise_descriptor_limit();
     service_manager manager(events);
     const fd_owner signal_fd = signals();
+    if (!signal_fd)
+        return failed(std::string("cannot wait for signals: ") + strerror(errno));
     std::unique_ptr<tls_identity> identity;
     events.watch(signal_fd.get(), EPOLLIN, [&](uint32_t) {
         signal_arrived(&events, signal_fd.get(), [&] { reload(&manager, wanted, &identity); });

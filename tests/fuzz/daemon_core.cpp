@@ -103,9 +103,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (holds(value.get(), true))
         change(value.get());
     // What was taken can be written down and taken again.
-    if (configuration_replace(model(), value.get(), &error)) {
+    tree::snapshot before;
+    if (configuration_replace(model(), value.get(), &before, &error)) {
         const json_ref saved = configuration_of(model());
-        if (!configuration_replace(model(), saved.get(), &error))
+        if (!configuration_replace(model(), saved.get(), &before, &error))
             abort();
     }
     document_tree(value.get(), {}, &error);

@@ -6,7 +6,8 @@
 //   read
 //                          even when the program was killed
 //
-// What the program starts itself is spared.
+// What the program starts itself is spared, and so is the C library: its name service ends by a signal when it has no
+// memory.
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
@@ -60,9 +61,19 @@ __attribute__((constructor)) void begin()
     running = true;
 }
 
-bool no_memory()
+bool of_c_library(void *caller)
 {
-    if (!running || counted->allocations.fetch_add(1) + 1 != failing_allocation)
+    static const void *const library = [] {
+        Dl_info info{};
+        return dladdr(reinterpret_cast<void *>(&getenv), &info) != 0 ? info.dli_fbase : nullptr;
+    }();
+    Dl_info info{};
+    return dladdr(caller, &info) != 0 && info.dli_fbase == library;
+}
+
+bool no_memory(void *caller)
+{
+    if (!running || of_c_library(caller) || counted->allocations.fetch_add(1) + 1 != failing_allocation)
         return false;
     counted->failed.fetch_add(1);
     errno = ENOMEM;
@@ -89,17 +100,17 @@ extern "C" {
 
 void *malloc(size_t size)
 {
-    return no_memory() ? nullptr : __libc_malloc(size);
+    return no_memory(__builtin_return_address(0)) ? nullptr : __libc_malloc(size);
 }
 
 void *calloc(size_t count, size_t size)
 {
-    return no_memory() ? nullptr : __libc_calloc(count, size);
+    return no_memory(__builtin_return_address(0)) ? nullptr : __libc_calloc(count, size);
 }
 
 void *realloc(void *memory, size_t size)
 {
-    return no_memory() ? nullptr : __libc_realloc(memory, size);
+    return no_memory(__builtin_return_address(0)) ? nullptr : __libc_realloc(memory, size);
 }
 
 ssize_t read(int fd, void *data, size_t size)

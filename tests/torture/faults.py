@@ -87,7 +87,10 @@ class Fault:
         return Fault(call, int(number), error)
 
 
-LOADERS = {Fault("mmap", 1, "ENOMEM")}  # before the program is there: the loader ends by a signal
+SPARED = {
+    Fault("mmap", 1, "ENOMEM"),  # before the program is there: the loader ends by a signal
+    Fault("epoll_ctl", 1, "ENOMEM"),  # a daemon that cannot watch for signals logs so, and has to be killed
+}
 
 
 @dataclass
@@ -141,7 +144,7 @@ class Injector:
         for call in sorted({call for call, _ in threads} & ERRORS.keys()):
             most = max(count for (name, _), count in threads.items() if name == call)
             found += [Fault(call, n, error) for n in range(1, most + 1) for error in ERRORS[call]]
-        return [fault for fault in found if fault not in LOADERS]
+        return [fault for fault in found if fault not in SPARED]
 
     def injected(self):
         """The system calls that failed, as strace shows them."""

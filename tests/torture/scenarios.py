@@ -60,10 +60,10 @@ class Client:
             stdin=subprocess.DEVNULL if self.stdin is None else subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
         )  # fmt: skip
         done = Run(*finish(process, BOUND, self.stdin and self.stdin.encode()), injector.injected())
-        done.problem = self.files_problem(box, before, fault) or self.value_problem(place, done)
+        done.problem = self.files_problem(box, before, fault, done) or self.value_problem(place, done)
         return done
 
-    def files_problem(self, box, before, fault):
+    def files_problem(self, box, before, fault, done):
         places = {name: box.work / name for name in self.whole}
         if self.history:
             places["history"] = box.tmp / ".kest.hist"
@@ -74,6 +74,7 @@ class Client:
             elif content not in (before.get(name), self.finished[name], self.begun.get(name, before.get(name))) and not (
                 name == "history" and self.is_history(content, before[name])
             ):
+                done.excusable = done.status == 0
                 return f"{name} is neither old nor new: {content!r}"
         return ""
 
