@@ -221,6 +221,7 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
         if (outcome_ != rl_outcome::interrupt || !signals_.is_default(SIGINT))
             break;
         modes_.make_ctrl_c(rl_modes::ctrl_c::key);
+        (void)rl_signals::take_typed_interrupt(); // the same again
         screen_.finish(line_.text(), "^C", true);
     }
     switch (outcome_) {

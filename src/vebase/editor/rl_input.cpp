@@ -134,19 +134,21 @@ void rl_session::handle_byte(unsigned char byte)
 bool rl_session::look_ahead()
 {
     modes_.make_ctrl_c(rl_modes::ctrl_c::flushing_signal);
-    // By then the terminal holds only what came behind it.
-    bool interrupted = rl_signals::take_typed_interrupt();
-    if (interrupted)
-        drop_ahead();
     static const int registered = atexit(ve_rl_put_back_ahead);
     (void)registered;
-    if (ahead_.empty())
-        ahead_keys_ = keys_;
     unsigned char data[terminal_size];
     modes_.make_reads_wait(false); // Ctrl-C may empty the terminal at any moment
+    // By then the terminal holds only what came behind it.
+    bool interrupted = rl_signals::take_typed_interrupt();
     const ssize_t count = read(STDIN_FILENO, data, sizeof data);
+    // One that came while it was read: nobody knows on which side of what.
+    const bool late = rl_signals::take_typed_interrupt();
     modes_.make_reads_wait(true);
     forget_input();
+    if (interrupted)
+        drop_ahead();
+    if (ahead_.empty())
+        ahead_keys_ = keys_;
     for (const unsigned char byte : std::span{data, static_cast<size_t>(std::max<ssize_t>(count, 0))}) {
         if (!ahead_keys_.wants_text() && modes_.is_control_key(byte, VINTR)) {
             interrupted = true;
@@ -158,11 +160,9 @@ bool rl_session::look_ahead()
         for (rl_key key; ahead_keys_.take(&key);)
             ;
     }
-    if (rl_signals::take_typed_interrupt()) {
-        interrupted = true;
+    if (late)
         drop_ahead();
-    }
-    return interrupted;
+    return interrupted || late;
 }
 
 void rl_session::drop_ahead()

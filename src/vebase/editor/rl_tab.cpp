@@ -53,10 +53,11 @@ template <class Call> bool rl_session::run_callback(callback kind, const Call &c
         ve_wait_set_companion(this);
         call();
         ve_wait_set_companion(nullptr);
-        ve_wait_checkpoint(); // a Ctrl-C that came while it computed
-        serve_outside();
     }
     modes_.make_ctrl_c(rl_modes::ctrl_c::key);
+    // A Ctrl-C that came while it computed is older than every key that is read from now on.
+    ve_wait_checkpoint();
+    serve_outside();
     running_ = callback::none;
     ve_wait_clear_interrupt();
     ve_out_flush();
