@@ -120,17 +120,17 @@ void add_module(lua_State *L, const module_search *search, const char *path, siz
 }
 
 struct glob_owner {
-    glob64_t found;
+    glob_t found;
 };
 
 int release_glob(lua_State *L)
 {
-    globfree64(&static_cast<glob_owner *>(lua_touserdata(L, 1))->found);
+    globfree(&static_cast<glob_owner *>(lua_touserdata(L, 1))->found);
     return 0;
 }
 
 /// Pushes an empty result of glob, which Lua releases.
-glob64_t *push_glob(lua_State *L)
+glob_t *push_glob(lua_State *L)
 {
     auto *owner = static_cast<glob_owner *>(lua_newuserdata(L, sizeof(glob_owner)));
     memset(owner, 0, sizeof *owner);
@@ -151,8 +151,8 @@ void search_template(lua_State *L, const module_search *search)
     if (mark == nullptr)
         return;
     const char *files = luaL_gsub(L, text, search->mark, search->pattern);
-    glob64_t *found = push_glob(L);
-    if (glob64(files, 0, nullptr, found) == 0) {
+    glob_t *found = push_glob(L);
+    if (glob(files, 0, nullptr, found) == 0) {
         const int first = lua_gettop(L);
         for (size_t i = 0; i < found->gl_pathc; ++i) {
             add_module(L, search, found->gl_pathv[i], static_cast<size_t>(mark - text), size);
@@ -160,7 +160,7 @@ void search_template(lua_State *L, const module_search *search)
             ve_lua_check_interrupt(L);
         }
     }
-    globfree64(found);
+    globfree(found);
     memset(found, 0, sizeof *found);
     lua_settop(L, top);
 }

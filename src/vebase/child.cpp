@@ -77,7 +77,7 @@ int ve_child_run(const char *command)
     if (sigint_is_pending()) {
         // A key that came before there was a child cannot reach what that starts.
         ve_wait_discard_sigint();
-        return W_EXITCODE(0, SIGINT);
+        return SIGINT; // the status of a child that it ended
     }
     // The terminal's Ctrl-C and Ctrl-\ are for the child, as system(3) has it; SIGINT is blocked here anyway.
     ve_rl_put_back_ahead();

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 
@@ -52,17 +51,12 @@ bool spool::create(const std::string &directory, uint64_t limit)
     if (!fd_)
         return fail(directory);
     flock(fd_.get(), LOCK_EX | LOCK_NB);
-    digest_ = EVP_MD_CTX_new();
-    if (digest_ == nullptr || EVP_DigestInit_ex(digest_, EVP_md5(), nullptr) != 1) {
-        error_ = "no MD5 here";
-        return false;
-    }
+    MD5Init(&digest_);
     return true;
 }
 
 spool::~spool()
 {
-    EVP_MD_CTX_free(digest_);
     if (fd_ && !path_.empty())
         unlink(path_.c_str());
 }
@@ -73,7 +67,7 @@ bool spool::append(std::string_view bytes)
         error_ = "larger than " + std::to_string(limit_) + " bytes";
         return false;
     }
-    EVP_DigestUpdate(digest_, bytes.data(), bytes.size());
+    MD5Update(&digest_, reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size());
     if (!write_all(fd_.get(), bytes))
         return fail("the file cannot be stored");
     size_ += bytes.size();
@@ -82,11 +76,9 @@ bool spool::append(std::string_view bytes)
 
 std::string spool::md5()
 {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int size = 0;
-    if (EVP_DigestFinal_ex(digest_, digest, &size) != 1)
-        return {};
-    return hex_of(digest, size);
+    uint8_t digest[MD5_DIGEST_LENGTH];
+    MD5Final(digest, &digest_);
+    return hex_of(digest, sizeof digest);
 }
 
 std::string spool::first_line(size_t most) const

@@ -4,10 +4,9 @@
 #include "base/fd.h"
 
 #include <cstdint>
+#include <md5.h>
 #include <string>
 #include <string_view>
-
-struct evp_md_ctx_st;
 
 namespace veld
 {
@@ -50,7 +49,7 @@ private:
     std::string error_;
     uint64_t limit_ = 0;
     uint64_t size_ = 0;
-    evp_md_ctx_st *digest_ = nullptr;
+    MD5_CTX digest_{};
 };
 
 } // namespace veld

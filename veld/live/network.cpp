@@ -17,6 +17,7 @@
 #include <array>
 #include <bit>
 #include <cerrno>
+#include <cstring>
 #include <map>
 #include <vector>
 
@@ -71,25 +72,39 @@ int64_t prefix_length(const in6_addr &mask)
     return bits;
 }
 
+/// The address as what its family makes of it. Nothing says that it lies where such a structure could.
+template <typename T> T address_as(const sockaddr *address)
+{
+    T as;
+    memcpy(&as, address, sizeof as);
+    return as;
+}
+
 void add_address(interface *to, const ifaddrs &from)
 {
     switch (from.ifa_addr->sa_family) {
     case AF_PACKET: {
-        const auto &link = *reinterpret_cast<const sockaddr_ll *>(from.ifa_addr);
+        const auto link = address_as<sockaddr_ll>(from.ifa_addr);
         to->hardware = link.sll_hatype;
         to->mac = mac_text(link);
         break;
     }
     case AF_INET: {
-        const auto *mask = reinterpret_cast<const sockaddr_in *>(from.ifa_netmask);
-        to->ipv4.push_back({address_text(AF_INET, &reinterpret_cast<const sockaddr_in *>(from.ifa_addr)->sin_addr),
-                            mask != nullptr ? address_text(AF_INET, &mask->sin_addr) : "255.255.255.255", 32});
+        const auto own = address_as<sockaddr_in>(from.ifa_addr).sin_addr;
+        std::string mask = "255.255.255.255";
+        if (from.ifa_netmask != nullptr) {
+            const auto bits = address_as<sockaddr_in>(from.ifa_netmask).sin_addr;
+            mask = address_text(AF_INET, &bits);
+        }
+        to->ipv4.push_back({address_text(AF_INET, &own), mask, 32});
         break;
     }
     case AF_INET6: {
-        const auto *mask = reinterpret_cast<const sockaddr_in6 *>(from.ifa_netmask);
-        to->ipv6.push_back({address_text(AF_INET6, &reinterpret_cast<const sockaddr_in6 *>(from.ifa_addr)->sin6_addr),
-                            "", mask != nullptr ? prefix_length(mask->sin6_addr) : 128});
+        const auto own = address_as<sockaddr_in6>(from.ifa_addr).sin6_addr;
+        int64_t prefix = 128;
+        if (from.ifa_netmask != nullptr)
+            prefix = prefix_length(address_as<sockaddr_in6>(from.ifa_netmask).sin6_addr);
+        to->ipv6.push_back({address_text(AF_INET6, &own), "", prefix});
         break;
     }
     default:

@@ -13,6 +13,11 @@ namespace
 
 constexpr size_t salt_bytes = 12;
 constexpr std::string_view crypt_letters = "$./0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+#ifdef CRYPT_MAX_PASSPHRASE_SIZE
+constexpr size_t password_room = CRYPT_MAX_PASSPHRASE_SIZE;
+#else
+constexpr size_t password_room = 256; // C libraries that hash themselves
+#endif
 
 // crypt_data is large, and holds the password afterwards: wiped with its owner.
 struct scratch {
@@ -32,7 +37,7 @@ bool same(std::string_view a, std::string_view b)
 
 bool password_possible(const json_t *password)
 {
-    return json_string_length(password) < CRYPT_MAX_PASSPHRASE_SIZE &&
+    return json_string_length(password) < password_room &&
            json_string_length(password) == strlen(json_string_value(password));
 }
 
@@ -48,7 +53,7 @@ json_ref password_hash(const json_t *password)
     for (const unsigned char byte : random)
         setting += letters[byte & 63];
     const auto work = std::make_unique<scratch>();
-    const char *hash = crypt_rn(json_string_value(password), setting.c_str(), &work->data, sizeof work->data);
+    const char *hash = crypt_r(json_string_value(password), setting.c_str(), &work->data);
     return json_ref{json_string(hash != nullptr && hash[0] == '$' ? hash : "*")};
 }
 
@@ -81,7 +86,7 @@ bool password_matches(const std::string &password, const std::string &hash)
     static const std::string nobody = "$6$000000000000$";
     const bool usable = hash.size() > 3 && hash[0] == '$' && password.find('\0') == std::string::npos;
     const auto work = std::make_unique<scratch>();
-    const char *made = crypt_rn(password.c_str(), (usable ? hash : nobody).c_str(), &work->data, sizeof work->data);
+    const char *made = crypt_r(password.c_str(), (usable ? hash : nobody).c_str(), &work->data);
     return usable && made != nullptr && made[0] == '$' && same(made, hash);
 }
 

@@ -36,9 +36,8 @@ outcome failed(ve_jrpcapi *ctx, std::string reason, bool lasts)
 
 outcome failed_errno(ve_jrpcapi *ctx, int number)
 {
-    char text[128];
     const bool lasts = number == EACCES || number == EPERM;
-    return failed(ctx, ctx->destination + ": " + strerror_r(number, text, sizeof text), lasts);
+    return failed(ctx, ctx->destination + ": " + strerror(number), lasts);
 }
 
 outcome timed_out(ve_jrpcapi *ctx)

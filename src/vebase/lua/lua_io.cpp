@@ -45,7 +45,7 @@ ssize_t stream_read(void *cookie, char *data, size_t size)
 }
 
 /// Only where descriptor 0 is a file.
-int stream_seek(void *, off64_t *offset, int whence)
+int stream_seek(void *, off_t *offset, int whence)
 {
     const off_t reached = lseek(STDIN_FILENO, *offset, whence);
     if (reached < 0)
