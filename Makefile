@@ -4,7 +4,7 @@ PREFIX ?= $(prefix)
 DESTDIR ?=
 BUILD ?= build
 
-.PHONY: all demo test bench torture fuzz coverage mutants soak install uninstall format clean
+.PHONY: all demo test bench torture fuzz coverage mutants soak install uninstall deb package-test cross release sizes format clean
 
 all:
 	@scripts/need build
@@ -47,9 +47,31 @@ install:
 uninstall:
 	@scripts/uninstall "$(BUILD)" "$(DESTDIR)"
 
+# The Debian packages, into dist/; and their trial in fresh systems.
+deb:
+	@scripts/need deb
+	@scripts/deb
+
+package-test: deb
+	@scripts/need package-test
+	@scripts/package-test
+
+# make cross TARGET=arm64|armhf|mipsel|riscv64|s390x|musl
+cross:
+	@scripts/cross "$(TARGET)"
+
+# make release VERSION=1.2.3
+release:
+	@scripts/need deb
+	@scripts/release "$(VERSION)"
+
+sizes:
+	@scripts/need build
+	@scripts/sizes
+
 format:
 	@scripts/need test
 	@scripts/format
 
 clean:
-	rm -rf build build-asan build-tsan build-tidy build-bench build-fuzz build-coverage build-mutants
+	rm -rf build build-* dist

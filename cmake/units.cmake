@@ -1,9 +1,9 @@
 # kest_unit(name [FOLDERS ...] [DEPENDS ...] [LINKS ...]): every .cpp of the current folder, and of its FOLDERS, as the static
 # library `name`. A folder is a unit. DEPENDS names what it is built on: libraries, and the units that it may include from, which
 # stand on lower floors, so they were added before it. The build fails where it includes anything else of this project.
-# LINKS names units of which it only needs the code, behind headers of others.
+# LINKS names units of which it only needs the code, behind headers of others. Sources that match an EXCEPT are left out.
 function(kest_unit name)
-  cmake_parse_arguments(ARG "" "" "FOLDERS;DEPENDS;LINKS" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "FOLDERS;DEPENDS;LINKS;EXCEPT" ${ARGN})
   set(folders ${CMAKE_CURRENT_SOURCE_DIR})
   foreach(folder IN LISTS ARG_FOLDERS)
     list(APPEND folders ${CMAKE_CURRENT_SOURCE_DIR}/${folder})
@@ -15,6 +15,9 @@ function(kest_unit name)
   kest_check_includes(${name} FOLDERS ${folders} DEPENDS ${ARG_DEPENDS} FILES ${sources} ${headers})
 
   list(FILTER sources EXCLUDE REGEX "/main\\.cpp$")
+  foreach(pattern IN LISTS ARG_EXCEPT)
+    list(FILTER sources EXCLUDE REGEX ${pattern})
+  endforeach()
   if(sources)
     add_library(${name} STATIC ${sources})
     target_compile_options(${name} PRIVATE ${KEST_NO_EXCEPTIONS})

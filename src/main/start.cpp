@@ -126,7 +126,10 @@ int kest_main(int argc, char **argv)
 
     int result;
     const int parsed = cline_parse(argc, argv, &options);
-    if (parsed == 0) {
+    if (parsed == 0 && options.ssl != 0 && !KEST_TLS) {
+        fprintf(stderr, "--ssl: kest was built without TLS.\n");
+        result = EXIT_FAILURE;
+    } else if (parsed == 0) {
         if (options.mode == mode_raw)
             mode_reserve_raw_id(request, options.params);
         const bool listens = open_links(options, request, group) == 0;

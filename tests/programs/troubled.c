@@ -9,6 +9,7 @@
 //   TROUBLE_ARMED=FILE     nothing counts, fails or takes long before that file exists
 // Both names of open() are defined here, so that neither may stand for the other.
 #undef _FILE_OFFSET_BITS
+#undef _TIME_BITS
 #undef _FORTIFY_SOURCE
 #include <dlfcn.h>
 #include <errno.h>

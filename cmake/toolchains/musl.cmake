@@ -1,0 +1,10 @@
+# A C++ compiler for musl, as musl-cross builds it (x86_64-linux-musl-g++), with the libraries in its sysroot.
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_SYSTEM_PROCESSOR x86_64)
+set(CMAKE_C_COMPILER x86_64-linux-musl-gcc)
+set(CMAKE_CXX_COMPILER x86_64-linux-musl-g++)
+execute_process(COMMAND x86_64-linux-musl-g++ -print-sysroot OUTPUT_VARIABLE sysroot OUTPUT_STRIP_TRAILING_WHITESPACE)
+set(CMAKE_FIND_ROOT_PATH ${sysroot})
+set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
+set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+set(ENV{PKG_CONFIG_LIBDIR} ${sysroot}/lib/pkgconfig)
