@@ -207,6 +207,8 @@ int main(int argc, char **argv)
         return failed(error);
     if (!values_fit)
         return failed(values_error);
+    if (!administrator_has_password(model.get()))
+        LOG_WARNING("no administrator can log in with a password: --user NAME:admin makes the first one");
     downloads fetching(events, machine, flash, folders, {wanted.download_limit, wanted.download_stall_ms});
     service served(events, *model, machine, fetching);
     served.let_anonymous(wanted.anonymous);

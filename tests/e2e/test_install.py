@@ -26,7 +26,7 @@ def files_of(folder):
     return sorted(path.relative_to(folder) for path in folder.rglob("*") if path.is_symlink() or not path.is_dir())
 
 
-def test_install_builds_and_fetches_nothing_and_uninstall_takes_it_all_back(tmp_path, terminal):
+def test_install_builds_and_fetches_nothing_and_uninstall_takes_it_all_back(tmp_path, terminal, veld_start):
     tools = tmp_path / "tools"
     tools.mkdir()
     for name in FORBIDDEN:
@@ -49,6 +49,13 @@ def test_install_builds_and_fetches_nothing_and_uninstall_takes_it_all_back(tmp_
         assert os.readlink(root / "bin" / name) == "kest"
         assert os.readlink(root / "share/man/man1" / (name + ".1")) == "kest.1"
 
+    # No password that stands in these sources opens an installed daemon.
+    models = list((root / "share/kest/models").glob("*.json"))
+    assert models and '"Password": "$' in (settings.MODELS / "gateway.json").read_text()
+    for model in models:
+        assert '"Password": "$' not in model.read_text(), model
+    assert f"ExecStart=/usr/local/sbin/veld " in (root / "lib/systemd/system/veld.service").read_text()
+
     # What is there is what the manifest lists.
     manifest = (settings.BUILD / "install_manifest.txt").read_text().split("\n")
     assert sorted(line.removeprefix("/") for line in manifest if line) == [str(path) for path in files_of(destination)]
@@ -60,6 +67,18 @@ def test_install_builds_and_fetches_nothing_and_uninstall_takes_it_all_back(tmp_
         term = terminal("--noprofile", "--rcfile", rc, "-i", program="/bin/bash", env={"XDG_DATA_DIRS": str(root / "share")})
         term.wait_prompt("% ").type("kest_lua --unixp" + Key.TAB)
         term.wait_for("kest_lua --unixpath")
+
+    # So the daemon says that the first administrator is missing, until there is one.
+    said = "no administrator can log in with a password: --user NAME:admin makes the first one"
+    installed = veld_start(model=root / "share/kest/models/gateway.json")
+    assert said in installed.log
+    password = tmp_path / "password"
+    password.write_text("a long one\n")
+    password.chmod(0o600)
+    installed = veld_start("--user", "chief:admin", "--password-file", password, model=root / "share/kest/models/gateway.json")
+    assert said not in installed.log
+    with installed.connect() as peer:
+        peer.call("Login", User="chief", Password="a long one")
 
     other = destination / "usr/local/bin/other"
     other.touch()

@@ -80,6 +80,24 @@ void first_users_apply(tree *onto)
             make(onto, table, who);
 }
 
+bool administrator_has_password(tree *of)
+{
+    const std::vector<node *> tables = user_tables(of);
+    const auto is_true = [of](node *instance, const char *name) {
+        node *found = parameter(of, instance, name);
+        return found != nullptr && json_is_true(of->value(found).get());
+    };
+    for (node *table : tables) {
+        for (const auto &one : table->table->instances) {
+            node *password = parameter(of, one.get(), "Password");
+            if (password != nullptr && json_string_length(of->value(password).get()) > 0 &&
+                is_true(one.get(), "Enable") && is_true(one.get(), "X_VELD_Administrator"))
+                return true;
+        }
+    }
+    return tables.empty();
+}
+
 const first_user *first_user_find(const std::string &name)
 {
     const auto found =

@@ -26,6 +26,9 @@ void first_user_add(first_user who);
 /// is enabled and has its password.
 void first_users_apply(tree *onto);
 
+/// Whether some administrator can log in with a password; true too where a model has no users.
+bool administrator_has_password(tree *of);
+
 /// The user of that name; null when there is none.
 const first_user *first_user_find(const std::string &name);
 
