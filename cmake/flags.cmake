@@ -98,9 +98,10 @@ if(KEST_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link -Wno-error -Wno-format-nonliteral)
 endif()
 
-# kest_make_small(target...): these are made small rather than fast, unless somebody else has chosen.
+# kest_make_small(target...): these are made small rather than fast, unless somebody else has chosen. Headers that are compiled
+# ahead go with one choice for all.
 function(kest_make_small)
-  if(KEST_CHOOSES_OPTIMISATION)
+  if(KEST_CHOOSES_OPTIMISATION AND NOT KEST_PCH)
     foreach(target IN LISTS ARGN)
       target_compile_options(${target} PRIVATE -Os)
     endforeach()
