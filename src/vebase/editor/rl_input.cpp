@@ -1,8 +1,6 @@
 // How keys are fetched: from the terminal byte by byte, between them whatever else happens.
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <span>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -11,7 +9,7 @@
 namespace
 {
 
-constexpr size_t terminal_size = 4096; // what a terminal holds for its reader at most
+constexpr int look_tries = 16; // a paste may bring more and more
 
 } // namespace
 
@@ -129,27 +127,13 @@ void rl_session::handle_byte(unsigned char byte)
     }
 }
 
-/// Makes Ctrl-C a signal, and takes what the terminal holds out of it, where it still was a key. True when one was
-/// typed; what came before it is dropped.
-bool rl_session::look_ahead()
+/// Takes out of the terminal what it holds, while Ctrl-C is a key. True when that was typed; what came before it is
+/// dropped.
+bool rl_session::take_ahead()
 {
-    modes_.make_ctrl_c(rl_modes::ctrl_c::flushing_signal);
-    static const int registered = atexit(ve_rl_put_back_ahead);
-    (void)registered;
-    unsigned char data[terminal_size];
-    modes_.make_reads_wait(false); // Ctrl-C may empty the terminal at any moment
-    // By then the terminal holds only what came behind it.
-    bool interrupted = rl_signals::take_typed_interrupt();
-    const ssize_t count = read(STDIN_FILENO, data, sizeof data);
-    // One that came while it was read: nobody knows on which side of what.
-    const bool late = rl_signals::take_typed_interrupt();
-    modes_.make_reads_wait(true);
-    forget_input();
-    if (interrupted)
-        drop_ahead();
-    if (ahead_.empty())
-        ahead_keys_ = keys_;
-    for (const unsigned char byte : std::span{data, static_cast<size_t>(std::max<ssize_t>(count, 0))}) {
+    bool interrupted = false;
+    unsigned char byte = 0;
+    while (fetch_byte(&byte)) {
         if (!ahead_keys_.wants_text() && modes_.is_control_key(byte, VINTR)) {
             interrupted = true;
             drop_ahead();
@@ -160,9 +144,37 @@ bool rl_session::look_ahead()
         for (rl_key key; ahead_keys_.take(&key);)
             ;
     }
-    if (late)
-        drop_ahead();
-    return interrupted || late;
+    return interrupted;
+}
+
+/// Makes Ctrl-C a signal. True when it was typed as a key before; what came before it is dropped.
+bool rl_session::look_ahead()
+{
+    static const int registered = atexit(ve_rl_put_back_ahead);
+    (void)registered;
+    if (ahead_.empty())
+        ahead_keys_ = keys_;
+    forget_input();
+    const rl_outcome outcome = outcome_;
+    bool interrupted = false;
+    for (int tries = 0; tries < look_tries; ++tries) {
+        interrupted = take_ahead() || interrupted;
+        modes_.make_ctrl_c(rl_modes::ctrl_c::flushing_signal);
+        // From now on it is a signal, and before it was nothing more.
+        if (ioctl(STDIN_FILENO, FIONREAD, &pending_) < 0 || pending_ == 0)
+            break;
+        modes_.make_ctrl_c(rl_modes::ctrl_c::key);
+        forget_input();
+        // One that was a signal in between has emptied the terminal of what came before it.
+        if (rl_signals::take_typed_interrupt()) {
+            interrupted = true;
+            drop_ahead();
+        }
+    }
+    modes_.make_ctrl_c(rl_modes::ctrl_c::flushing_signal);
+    forget_input();
+    outcome_ = outcome; // whoever reads next meets the end, too
+    return interrupted;
 }
 
 void rl_session::drop_ahead()

@@ -58,15 +58,6 @@ void rl_modes::make_ctrl_c(ctrl_c meaning)
     set(meaning == ctrl_c::key ? 0 : meaning == ctrl_c::signal ? ISIG | NOFLSH : ISIG);
 }
 
-void rl_modes::make_reads_wait(bool wait)
-{
-    termios modes;
-    if (tcgetattr(STDIN_FILENO, &modes) != 0)
-        return;
-    modes.c_cc[VMIN] = wait ? 1 : 0;
-    tcsetattr(STDIN_FILENO, TCSANOW, &modes);
-}
-
 /// `local`: of the flags that make keys mean something to the terminal itself, those to be on.
 void rl_modes::set(tcflag_t local)
 {

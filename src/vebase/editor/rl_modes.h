@@ -14,8 +14,6 @@ public:
     /// typed before it.
     enum class ctrl_c { key, signal, flushing_signal };
     void make_ctrl_c(ctrl_c meaning);
-    /// Whether a read of a terminal that holds nothing waits, or returns 0.
-    void make_reads_wait(bool wait);
     /// Whether `byte` is the terminal's control character `index` (VINTR, ...).
     bool is_control_key(unsigned char byte, unsigned index) const;
 

@@ -43,6 +43,7 @@ private:
     bool fetch_byte(unsigned char *byte);
     bool take_byte();
     void handle_byte(unsigned char byte);
+    bool take_ahead();
     bool look_ahead();
     void wait_for_input(int64_t until);
     unsigned watch(pollfd *fds) override;
