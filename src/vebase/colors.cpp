@@ -41,7 +41,8 @@ rgb to_rgb(const hsv_color &color)
     const auto channel = [&](int n) {
         const double k = n + sector < 6 ? n + sector : n + sector - 6;
         const double level = value - value * saturation * std::clamp(std::min(k, 4 - k), 0.0, 1.0);
-        return static_cast<int>(level * 255 + 0.5);
+        const int whole = static_cast<int>(level * 255);
+        return level * 255 - whole < 0.5 ? whole : whole + 1;
     };
     return {channel(5), channel(3), channel(1)};
 }

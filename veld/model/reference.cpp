@@ -57,7 +57,7 @@ std::string reference_problem(tree *in, role who, const scheme &what, const json
     const std::vector<std::string_view> paths =
         what.type == value_type::path ? std::vector<std::string_view>{text} : list_items(text);
     for (const std::string_view path : paths) {
-        const std::string problem = path.empty() ? "" : path_problem(in, who, *what.rules, path);
+        std::string problem = path.empty() ? "" : path_problem(in, who, *what.rules, path);
         if (!problem.empty())
             return problem;
     }

@@ -82,7 +82,7 @@ std::string key_load(const json_t *source, const scheme &element, table_key *out
     if (json_array_size(names) == 0 || json_object_size(source) != (enable == nullptr ? 1U : 2U))
         return "\"keys\" must be an array of {\"parameters\": [...]}, perhaps with \"enable\"";
     for (size_t i = 0; i < json_array_size(names); ++i) {
-        const std::string problem = place_load(json_array_get(names, i), element, &out->parameters.emplace_back());
+        std::string problem = place_load(json_array_get(names, i), element, &out->parameters.emplace_back());
         if (!problem.empty())
             return problem;
     }
@@ -123,7 +123,7 @@ std::string keys_load(json_t *source, scheme *into)
     if (list != nullptr && (!json_is_array(list) || !into->element->is_object()))
         return "\"keys\" must be an array, of a table of objects";
     for (size_t i = 0; i < json_array_size(list); ++i) {
-        const std::string problem = key_load(json_array_get(list, i), *into->element, &into->keys.emplace_back());
+        std::string problem = key_load(json_array_get(list, i), *into->element, &into->keys.emplace_back());
         if (!problem.empty())
             return problem;
     }
