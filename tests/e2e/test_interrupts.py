@@ -66,6 +66,8 @@ class Storm:
     def settle(self):
         """All keys so far were taken, and the prompt stands: what is typed behind them appears on it."""
         try:
+            if settings.PATIENCE >= 4:  # so slow that the terminal may empty itself of keys right behind Ctrl-C
+                self.term.wait_for(self.at_prompt)
             self.term.type("settled")
             self.term.wait_for(self.typed)
             self.term.type(Key.CTRL_U)

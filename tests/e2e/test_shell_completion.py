@@ -12,6 +12,9 @@ from lib.terminal import Key
 FILES = settings.BUILD / "completion"
 PROMPT = "% "
 
+# The shells wait for kest, and not for long.
+pytestmark = pytest.mark.load
+
 
 class Bash:
     program = "/bin/bash"
