@@ -6,12 +6,11 @@
 #include <cstddef>
 #include <functional>
 
-/// What the deepest value that is sent over the wire takes, with room to spare.
-constexpr size_t thread_stack_size = size_t{2} << 20;
+/// Room to read and print a value as deep as the wire allows, whatever the system's usual size is.
+constexpr size_t thread_stack_size = size_t{8} << 20;
 
-/// Runs `body` in a detached thread with a stack of `stack_size` bytes (0: thread_stack_size, whatever is usual on
-/// the system). False when there
-/// is no thread; `body` then does not run.
+/// Runs `body` in a detached thread with a stack of `stack_size` bytes (0: thread_stack_size). False when there is no
+/// thread; `body` then does not run.
 [[nodiscard]] bool thread_start(size_t stack_size, std::function<void()> body);
 /// The same, but the caller joins `*thread`.
 [[nodiscard]] bool thread_start_joinable(pthread_t *thread, size_t stack_size, std::function<void()> body);

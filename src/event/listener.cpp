@@ -27,8 +27,6 @@ namespace
 {
 
 constexpr size_t event_instance_changed = 4;
-/// Room to read and print a value as deep as the protocol allows, whatever the system's usual size is.
-constexpr size_t stack_size = size_t{8} << 20;
 
 struct {
     std::atomic<int> running{1};
@@ -146,7 +144,7 @@ int start_event_handler(ve_jrpcapi *request, ve_jrpcapi *group)
     listener.running = 1;
     if (pipe2(listener.pipe_fds, O_CLOEXEC | O_NONBLOCK) == 0)
         ve_rl_set_control_fd(listener.pipe_fds[0]);
-    listener.started = thread_start_joinable(&listener.thread, stack_size, event_thread);
+    listener.started = thread_start_joinable(&listener.thread, 0, event_thread);
     return listener.started ? 0 : -1;
 }
 

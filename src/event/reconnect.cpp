@@ -18,7 +18,6 @@
 namespace
 {
 
-constexpr int usual_timeout_ms = 5000;
 constexpr int logout_timeout_ms = 1000;
 constexpr long spinner_pause_ns = 250'000'000;
 constexpr size_t spinner_stack_size = size_t{128} << 10;

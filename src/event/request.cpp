@@ -13,8 +13,6 @@ ve_jrpcapi *group_ctx = nullptr;
 namespace
 {
 
-constexpr int usual_timeout_ms = 5000;
-
 struct {
     request_hooks hooks{};
     bool reconnect_allowed = true;

@@ -13,6 +13,9 @@ struct login_words {
 };
 const login_words &saved_login();
 
+/// How long an exchange on the request link may take, in milliseconds, where nobody says otherwise.
+constexpr int usual_timeout_ms = 5000;
+
 /// The two links; set by start_event_handler.
 extern ve_jrpcapi *request_ctx;
 extern ve_jrpcapi *group_ctx;

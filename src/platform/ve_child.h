@@ -5,7 +5,8 @@
 
 #include <cstdint>
 
-/// Runs `command` in the terminal's foreground and waits for its end. Ctrl-C and Ctrl-\ meanwhile are the child's.
+/// Runs `command` in the terminal's foreground, where it finds what was typed ahead, and waits for its end. Ctrl-C and
+/// Ctrl-\ meanwhile are the child's.
 /// Returns its status as waitpid gives it, or -1 with errno when it could not be started. A Ctrl-C that came before is
 /// used up: nothing is started then, and the status is that of a command which it ended. Call it with SIGINT blocked.
 int ve_child_run(const char *command);

@@ -35,8 +35,8 @@ void ve_jrpcapi_tell_slow(ve_jrpcapi *ctx, int after_ms, void (*tell)(const ve_j
 /// Where it connects to, borrowed until the next ve_jrpcapi_set_destination.
 const char *ve_jrpcapi_destination(const ve_jrpcapi *ctx);
 
-/// Returns 0, or negative; a failed connect holds no descriptor, and returns no sooner than 50 ms after the last failed
-/// one began. A wait point.
+/// Returns 0, or negative; a failed connect holds no descriptor. After a failed one it begins no sooner than 50 ms
+/// after that did; where the reason lasts, twice as late each time, up to 5 s. A wait point.
 int ve_jrpcapi_connect(ve_jrpcapi *ctx);
 void ve_jrpcapi_disconnect(ve_jrpcapi *ctx);
 /// Why the last connect failed, for people; empty when it did not. Borrowed until the next connect.
@@ -44,7 +44,7 @@ const char *ve_jrpcapi_connect_error(const ve_jrpcapi *ctx);
 /// Why there is no link, or why the last send on it failed, beginning with the address; empty when neither is so.
 std::string ve_jrpcapi_link_error(const ve_jrpcapi *ctx);
 /// True when the last connect failed for a reason that waiting for the daemon does not cure: a destination that makes
-/// no sense, a name nobody knows, a certificate that is not trusted.
+/// no sense, a name nobody knows, a certificate that is not trusted, a right that is missing.
 bool ve_jrpcapi_connect_error_lasts(const ve_jrpcapi *ctx);
 /// True when the peer of the two links has closed one of them, or both, and never said a word without TLS.
 bool ve_jrpcapi_may_need_tls(const ve_jrpcapi *one, const ve_jrpcapi *other);

@@ -2,7 +2,6 @@
 // a destructor where Lua may raise.
 #include <algorithm>
 #include <climits>
-#include <cmath>
 #include <new>
 #include <string>
 #include <vector>
@@ -29,7 +28,10 @@ int check_seconds(lua_State *L, int index, bool may_be_nil)
         return -1;
     const lua_Number seconds = luaL_checknumber(L, index);
     luaL_argcheck(L, seconds >= 0, index, "not a time in seconds"); // NaN neither
-    return seconds < INT_MAX / 1000 ? static_cast<int>(std::ceil(seconds * 1000)) : INT_MAX;
+    if (seconds >= INT_MAX / 1000)
+        return INT_MAX;
+    const auto whole = static_cast<int>(seconds * 1000);
+    return whole < seconds * 1000 ? whole + 1 : whole; // a call of ceil would have libm loaded at every start
 }
 
 // --- waiting ---
