@@ -27,7 +27,7 @@ KEST_CONF_OPTS += -DKEST_TLS=OFF
 endif
 
 ifeq ($(BR2_PACKAGE_KEST_VELD),y)
-KEST_DEPENDENCIES += expat pcre2 zlib $(if $(BR2_PACKAGE_LIBXCRYPT),libxcrypt)
+KEST_DEPENDENCIES += c-ares expat pcre2 zlib $(if $(BR2_PACKAGE_LIBXCRYPT),libxcrypt)
 KEST_CONF_OPTS += -DKEST_DAEMON=ON
 else
 KEST_CONF_OPTS += -DKEST_DAEMON=OFF

@@ -4,7 +4,7 @@ LIC_FILES_CHKSUM = "file://LICENSE;md5=d4a3f2fa0ae80c200990f3514138fcba"
 
 SRC_URI = "file://kest-${PV}.tar.xz"
 
-DEPENDS = "jansson libmd expat libpcre2 libxcrypt zlib"
+DEPENDS = "jansson libmd c-ares expat libpcre2 libxcrypt zlib"
 
 inherit cmake pkgconfig systemd useradd
 

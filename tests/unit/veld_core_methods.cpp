@@ -164,6 +164,17 @@ public:
     std::function<std::string(const std::string &)> over_tcp;
     int asked = 0;
 
+    // From now on nobody listens for streams, and nobody else can take the port.
+    void deaf_to_streams()
+    {
+        close(tcp_);
+        tcp_ = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        const int on = 1;
+        EXPECT_EQ(setsockopt(tcp_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), 0);
+        const sockaddr_in here = loopback(port_);
+        EXPECT_EQ(bind(tcp_, reinterpret_cast<const sockaddr *>(&here), sizeof here), 0);
+    }
+
     void serve()
     {
         char bytes[4096];
@@ -523,6 +534,72 @@ TEST(NSLookup, WhatIsCutOffIsFetchedOverTcp)
     EXPECT_TRUE(addresses.ends_with(",10.0.0.100")) << addresses;
 }
 
+TEST(NSLookup, WhatIsNoAnswerOverTcpIsNotBelieved)
+{
+    // Nothing, less than a head, an echo of the question, another question's answer: nobody waits longer for them.
+    for (int kind = 0; kind < 4; kind++) {
+        name_server server([](const std::string &question) { return answer_to(question, {}, 0, 0x86); });
+        server.over_tcp = [kind](const std::string &question) {
+            std::string good = answer_to(question, {{1, asked_name, std::string("\xc0\0\2\7", 4)}});
+            if (kind == 3)
+                good[0] = char(good[0] ^ 0x55);
+            return kind == 0 ? "" : kind == 1 ? good.substr(0, 5) : kind == 2 ? question : good;
+        };
+        json_ref input = lookup_input(server);
+        json_object_set_new(input.get(), "Timeout", json_integer(300));
+        method_outcome outcome = run("NSLookup", input, [&] { server.serve(); });
+        EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_Timeout") << kind;
+    }
+}
+
+TEST(NSLookup, WhereNobodyAnswersOverTcpTheTimeRunsOut)
+{
+    name_server server([](const std::string &question) { return answer_to(question, {}, 0, 0x86); });
+    server.deaf_to_streams();
+    json_ref input = lookup_input(server);
+    json_object_set_new(input.get(), "Timeout", json_integer(300));
+    method_outcome outcome = run("NSLookup", input, [&] { server.serve(); });
+    EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_Timeout");
+}
+
+TEST(NSLookup, AServerThatKnowsNoExtensionsIsAskedWithoutThem)
+{
+    name_server server([](const std::string &question) {
+        if (question[11] != 0)
+            return answer_to(question, {}, 1);
+        return answer_to(question, type_of(question) == 1
+                                       ? std::vector<record>{{1, asked_name, std::string("\xc0\0\2\7", 4)}}
+                                       : std::vector<record>{});
+    });
+    method_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+    EXPECT_EQ(text(outcome, "Result.1.Status"), "Success");
+    EXPECT_EQ(text(outcome, "Result.1.IPAddresses"), "192.0.2.7");
+}
+
+TEST(NSLookup, AServerThatFailsOrRefusesIsSaidSo)
+{
+    for (const int code : {2, 4, 5}) {
+        name_server server([code](const std::string &question) { return answer_to(question, {}, code); });
+        method_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+        EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_Other") << code;
+        EXPECT_EQ(text(outcome, "Result.1.AnswerType"), "Authoritative") << code;
+        EXPECT_EQ(server.asked, 2) << code;
+    }
+}
+
+TEST(NSLookup, AnswersLargerThanAskedForAreTaken)
+{
+    name_server server([](const std::string &question) {
+        std::vector<record> records;
+        for (int i = 1; i <= 120; i++)
+            records.push_back({1, asked_name, std::string({char(10), 0, 0, char(i)})});
+        return answer_to(question, type_of(question) == 1 ? records : std::vector<record>{});
+    });
+    method_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+    std::string addresses = text(outcome, "Result.1.IPAddresses");
+    EXPECT_TRUE(addresses.ends_with(",10.0.0.120")) << addresses;
+}
+
 TEST(NSLookup, AServerThatIsNotThereIsSaidSo)
 {
     // A socket that hears one peer alone keeps its port from others and refuses everybody else.
@@ -599,7 +676,7 @@ TEST(DnsMessage, ParsingSurvivesEveryMutilation)
     std::string good =
         answer_to(question, {{1, asked_name, std::string("\xc0\0\2\7", 4)}, {5, asked_name, "\xc0\x0c"}});
     auto read = [](const std::string &bytes) {
-        return dns_parse(reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size(), 0x1234, "HOST.example.",
+        return dns_parse(reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size(), "HOST.example.",
                          dns_type::a);
     };
     ASSERT_TRUE(read(good).has_value());

@@ -1,5 +1,6 @@
 #include "veld/methods/dns_message.h"
 
+#include <ares.h>
 #include <arpa/inet.h>
 #include <arpa/nameser.h>
 #include <netinet/in.h>
@@ -13,36 +14,15 @@ namespace veld
 namespace
 {
 
-constexpr uint16_t udp_room = 1232; // what fits into a packet on every path
+constexpr int udp_room = 1232; // what fits into a packet on every path
 
-void put16(std::vector<unsigned char> *out, unsigned value)
+// c-ares would take backslashes for escapes, and blanks for themselves.
+bool spelt_like_a_host(std::string_view name)
 {
-    out->push_back(static_cast<unsigned char>(value >> 8));
-    out->push_back(static_cast<unsigned char>(value & 0xFF));
-}
-
-// The name as labels; false when it is none.
-bool put_name(std::vector<unsigned char> *out, std::string_view name)
-{
-    if (name.ends_with('.'))
-        name.remove_suffix(1);
-    if (name.empty() || name.size() > 253)
-        return false;
-    while (true) {
-        std::string_view label = name.substr(0, name.find('.'));
-        if (label.empty() || label.size() > 63)
+    for (char c : name)
+        if (isalnum(static_cast<unsigned char>(c)) == 0 && c != '-' && c != '_' && c != '.')
             return false;
-        for (char c : label)
-            if (isalnum(static_cast<unsigned char>(c)) == 0 && c != '-' && c != '_')
-                return false;
-        out->push_back(static_cast<unsigned char>(label.size()));
-        out->insert(out->end(), label.begin(), label.end());
-        if (label.size() == name.size())
-            break;
-        name.remove_prefix(label.size() + 1);
-    }
-    out->push_back(0);
-    return true;
+    return !name.empty() && name != "." && name.size() - (name.ends_with('.') ? 1 : 0) <= 253;
 }
 
 std::string_view without_dot(std::string_view name)
@@ -78,22 +58,14 @@ std::string name_record(const ns_msg &message, const ns_rr &record)
 
 std::vector<unsigned char> dns_query(uint16_t id, const std::string &name, dns_type type)
 {
-    std::vector<unsigned char> out;
-    put16(&out, id);
-    put16(&out, 0x0100); // a question, recursion wanted
-    put16(&out, 1);
-    put16(&out, 0);
-    put16(&out, 0);
-    put16(&out, 1); // the record that tells how much we take
-    if (!put_name(&out, name))
+    unsigned char *bytes = nullptr;
+    int size = 0;
+    constexpr int recursion_wanted = 1;
+    if (!spelt_like_a_host(name) || ares_create_query(name.c_str(), ns_c_in, int(type), id, recursion_wanted, &bytes,
+                                                      &size, udp_room) != ARES_SUCCESS)
         return {};
-    put16(&out, unsigned(type));
-    put16(&out, ns_c_in);
-    out.push_back(0);
-    put16(&out, ns_t_opt);
-    put16(&out, udp_room);
-    for (int i = 0; i < 3; i++)
-        put16(&out, 0);
+    std::vector<unsigned char> out(bytes, bytes + size);
+    ares_free_string(bytes);
     return out;
 }
 
@@ -116,21 +88,18 @@ std::string dns_reverse_name(const std::string &text)
     return name + "ip6.arpa";
 }
 
-std::optional<dns_answer> dns_parse(const unsigned char *bytes, size_t size, uint16_t id, const std::string &name,
-                                    dns_type type)
+std::optional<dns_answer> dns_parse(const unsigned char *bytes, size_t size, const std::string &name, dns_type type)
 {
     ns_msg message;
     ns_rr record;
-    if (size > 65535 || ns_initparse(bytes, int(size), &message) != 0 || ns_msg_id(message) != id ||
-        ns_msg_getflag(message, ns_f_qr) == 0 || ns_msg_count(message, ns_s_qd) != 1 ||
-        ns_parserr(&message, ns_s_qd, 0, &record) != 0 || !same_name(ns_rr_name(record), name) ||
-        ns_rr_type(record) != int(type))
+    if (size > 65535 || ns_initparse(bytes, int(size), &message) != 0 || ns_msg_getflag(message, ns_f_qr) == 0 ||
+        ns_msg_count(message, ns_s_qd) != 1 || ns_parserr(&message, ns_s_qd, 0, &record) != 0 ||
+        !same_name(ns_rr_name(record), name) || ns_rr_type(record) != int(type))
         return std::nullopt;
 
     dns_answer answer;
     answer.code = ns_msg_getflag(message, ns_f_rcode);
     answer.authoritative = ns_msg_getflag(message, ns_f_aa) != 0;
-    answer.truncated = ns_msg_getflag(message, ns_f_tc) != 0;
     answer.name = without_dot(name);
     for (int i = 0; i < ns_msg_count(message, ns_s_an); i++) {
         if (ns_parserr(&message, ns_s_an, i, &record) != 0)

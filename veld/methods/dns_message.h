@@ -22,13 +22,11 @@ std::string dns_reverse_name(const std::string &text);
 struct dns_answer {
     int code = 0; ///< the server's: 0 no error, 2 it failed, 3 no such name, 5 it refused
     bool authoritative = false;
-    bool truncated = false;
     std::string name;                 ///< the name that the records belong to, after all aliases
     std::vector<std::string> records; ///< addresses, or the names that a PTR question found
 };
 
-/// Reads an answer to exactly that question; nothing when the bytes are anything else.
-std::optional<dns_answer> dns_parse(const unsigned char *bytes, size_t size, uint16_t id, const std::string &name,
-                                    dns_type type);
+/// Reads an answer to that question, whatever its number; nothing when the bytes are anything else.
+std::optional<dns_answer> dns_parse(const unsigned char *bytes, size_t size, const std::string &name, dns_type type);
 
 } // namespace veld

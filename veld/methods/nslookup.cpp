@@ -1,19 +1,14 @@
-// NSLookup: asks name servers over UDP, and over TCP for what UDP cut off.
+// NSLookup: asks name servers, one after the other.
 #include "base/clock.h"
 #include "base/name_lookup.h"
 #include "veld/live/live.h"
 #include "veld/live/sysfile.h"
-#include "veld/methods/dns_message.h"
+#include "veld/methods/dns_question.h"
 #include "veld/methods/job.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/epoll.h>
-#include <sys/random.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <vector>
 
 namespace veld
@@ -24,18 +19,6 @@ namespace
 
 constexpr int64_t lookup_limit_ms = 10000;
 constexpr size_t most_servers = 3; // as many as the system's resolver asks
-
-// One question of a round: for the IPv4 addresses, the IPv6 addresses, or the name of an address.
-struct question {
-    dns_type type;
-    uint16_t id = 0;
-    std::vector<unsigned char> bytes;
-    std::optional<dns_answer> answer;
-    bool over_tcp = false;
-    fd_owner stream; // while it is asked again over TCP
-    size_t written = 0;
-    std::vector<unsigned char> collected; // what came over the stream
-};
 
 class nslookup : public method_job
 {
@@ -57,11 +40,9 @@ private:
     void begin();
     void start_round();
     void ask_server();
-    bool send_questions();
+    void ask();
     void receive();
-    void read_stream(question *of);
-    void open_stream(question *of);
-    void close_sockets();
+    bool failed();
     bool all_answered() const;
     void try_next_server(const char *verdict);
     void judge();
@@ -73,8 +54,8 @@ private:
 
     phase phase_ = phase::start;
     std::unique_ptr<name_lookup> lookup_;
-    fd_owner socket_;
-    std::vector<question> questions_;
+    // Of this round to this server: for the IPv4 and the IPv6 addresses, or for the name of an address.
+    std::vector<std::unique_ptr<dns_question>> questions_;
     size_t server_ = 0; // the one that is being asked
     int64_t asked_at_ = 0;
     bool repeated_ = false; // the questions went out a second time
@@ -140,58 +121,48 @@ void nslookup::ask_server()
     servers[server_] = target;
 
     questions_.clear();
-    for (dns_type type : asked_types) {
-        question &each = questions_.emplace_back();
-        each.type = type;
-        if (getrandom(&each.id, sizeof each.id, 0) != sizeof each.id)
-            return fail(9002, "no random numbers on this machine");
-        each.bytes = dns_query(each.id, asked_name, type);
-    }
+    for (dns_type type : asked_types)
+        questions_.push_back(
+            std::make_unique<dns_question>(asked_name, type, target, interface, [this](int fd, uint32_t events) {
+                unwatch(fd);
+                return events == 0 || watch(fd, events);
+            }));
     asked_at_ = monotonic_us();
     repeated_ = false;
-    socket_.reset(socket(target.bytes.ss_family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (socket_ && !interface.empty() &&
-        setsockopt(socket_.get(), SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(), socklen_t(interface.size() + 1)) != 0)
-        return fail(9002, "cannot use the interface " + interface);
-    if (!socket_ || connect(socket_.get(), reinterpret_cast<const sockaddr *>(&target.bytes), target.length) != 0 ||
-        !watch(socket_.get(), EPOLLIN) || !send_questions())
-        return try_next_server("Error_DNSServerNotAvailable");
-    wake_in(std::max<int64_t>(share_ms() / 2, 1));
+    ask();
+    if (!failed())
+        wake_in(std::max<int64_t>(share_ms() / 2, 1));
 }
 
-bool nslookup::send_questions()
+void nslookup::ask()
 {
-    for (const question &each : questions_)
-        if (!each.answer && !each.over_tcp &&
-            send(socket_.get(), each.bytes.data(), each.bytes.size(), MSG_NOSIGNAL) < 0 && errno != EAGAIN)
-            return false;
-    return true;
+    for (const auto &each : questions_)
+        if (!each->answer())
+            each->ask();
+}
+
+// Whether the server cannot be asked; the next step has then been taken.
+bool nslookup::failed()
+{
+    for (const auto &each : questions_) {
+        if (each->no_interface()) {
+            fail(9002, "cannot use the interface " + interface);
+            return true;
+        }
+        if (each->unreachable()) {
+            try_next_server("Error_DNSServerNotAvailable");
+            return true;
+        }
+    }
+    return false;
 }
 
 void nslookup::receive()
 {
-    unsigned char bytes[4096];
-    for (int i = 0; i < 64; i++) { // what is still there then wakes the loop again
-        ssize_t got = recv(socket_.get(), bytes, sizeof bytes, 0);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got < 0 && errno != EAGAIN) // nobody listens there
-            return try_next_server("Error_DNSServerNotAvailable");
-        if (got < 0)
-            break;
-        for (question &each : questions_) {
-            if (each.answer || each.over_tcp)
-                continue;
-            std::optional<dns_answer> answer = dns_parse(bytes, size_t(got), each.id, asked_name, each.type);
-            if (answer && answer->truncated)
-                open_stream(&each);
-            else if (answer)
-                each.answer = std::move(answer);
-        }
-    }
-    for (question &each : questions_)
-        if (each.stream)
-            read_stream(&each);
+    for (const auto &each : questions_)
+        each->proceed();
+    if (failed())
+        return;
     if (all_answered())
         return judge();
 
@@ -200,76 +171,17 @@ void nslookup::receive()
         return try_next_server("Error_Timeout");
     if (waited_ms >= share_ms() / 2 && !repeated_) {
         repeated_ = true;
-        if (!send_questions())
-            return try_next_server("Error_DNSServerNotAvailable");
+        ask();
+        if (failed())
+            return;
     }
     wake_in(std::max<int64_t>((repeated_ ? share_ms() : share_ms() / 2) - waited_ms, 1));
-}
-
-// Asks again over TCP. Where that fails, the answer stays away and the time runs out.
-void nslookup::open_stream(question *of)
-{
-    const host_address &target = servers[server_];
-    of->over_tcp = true;
-    of->written = 0;
-    of->collected.clear();
-    of->stream.reset(socket(target.bytes.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!of->stream)
-        return;
-    if (!interface.empty())
-        setsockopt(of->stream.get(), SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(), socklen_t(interface.size() + 1));
-    if ((connect(of->stream.get(), reinterpret_cast<const sockaddr *>(&target.bytes), target.length) != 0 &&
-         errno != EINPROGRESS) ||
-        !watch(of->stream.get(), EPOLLIN | EPOLLOUT | EPOLLET))
-        of->stream.reset();
-}
-
-void nslookup::read_stream(question *of)
-{
-    // Each message on the stream is preceded by its length.
-    std::vector<unsigned char> wanted = {static_cast<unsigned char>(of->bytes.size() >> 8),
-                                         static_cast<unsigned char>(of->bytes.size())};
-    wanted.insert(wanted.end(), of->bytes.begin(), of->bytes.end());
-    while (of->written < wanted.size()) {
-        ssize_t sent = send(of->stream.get(), wanted.data() + of->written, wanted.size() - of->written, MSG_NOSIGNAL);
-        if (sent < 0) {
-            if (errno != EAGAIN && errno != EINPROGRESS && errno != ENOTCONN)
-                of->stream.reset();
-            return;
-        }
-        of->written += size_t(sent);
-    }
-    unsigned char bytes[4096];
-    while (true) {
-        ssize_t got = recv(of->stream.get(), bytes, sizeof bytes, 0);
-        if (got < 0 && errno == EAGAIN)
-            return;
-        if (got <= 0) {
-            of->stream.reset();
-            return;
-        }
-        of->collected.insert(of->collected.end(), bytes, bytes + got);
-        if (of->collected.size() < 2)
-            continue;
-        size_t length = size_t{of->collected[0]} << 8 | of->collected[1];
-        if (of->collected.size() < length + 2)
-            continue;
-        of->answer = dns_parse(of->collected.data() + 2, length, of->id, asked_name, of->type);
-        of->stream.reset();
-        return;
-    }
-}
-
-void nslookup::close_sockets()
-{
-    socket_.reset(); // what is closed is no longer waited for
-    questions_.clear();
 }
 
 bool nslookup::all_answered() const
 {
     return std::all_of(questions_.begin(), questions_.end(),
-                       [](const question &each) { return each.answer.has_value(); });
+                       [](const auto &each) { return each->answer().has_value(); });
 }
 
 void nslookup::try_next_server(const char *verdict)
@@ -291,13 +203,13 @@ void nslookup::judge()
     bool authoritative = true;
     bool unknown = false;
     bool failed = false;
-    for (const question &each : questions_) {
-        const dns_answer &answer = *each.answer;
+    for (const auto &each : questions_) {
+        const dns_answer &answer = *each->answer();
         authoritative = authoritative && answer.authoritative;
         unknown = unknown || answer.code == 3 || answer.code == 0;
         failed = failed || (answer.code != 0 && answer.code != 3);
         for (const std::string &record : answer.records) {
-            bool reverse = each.type == dns_type::ptr;
+            bool reverse = each->type() == dns_type::ptr;
             host = reverse ? record : answer.name;
             const std::string &address = reverse ? name : record;
             if (addresses.empty() || !reverse)
@@ -326,7 +238,7 @@ void nslookup::end_round(const char *status, const char *answer_type, const std:
     add_output(list, prefix + "IPAddresses", json_clean_text(addresses, size_t{64} << 10));
     add_output(list, prefix + "DNSServerIP", json_string(address_text(servers[server_]).c_str()));
     add_output(list, prefix + "ResponseTime", json_integer(time_ms));
-    close_sockets();
+    questions_.clear();
     if (rounds_ == repetitions)
         return finish("Complete");
     start_round();
