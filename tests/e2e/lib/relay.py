@@ -24,6 +24,7 @@ class _Line:
     def __init__(self, near, far):
         self.near, self.far = near, far
         self.receiver = False
+        self.joins = []  # what made it one that reads events
         self.open = True
 
     def end(self):
@@ -49,12 +50,10 @@ class Relay:
         self.lines = []
         self.held = 0
         self._pass = None  # how many answers may still pass; None: all
+        self._absent = False  # the daemon is between its end and its next beginning
         self._faults = []
         self._changed = threading.Condition()
-        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self._listener.bind(self.address)
-        self._listener.listen(64)
-        threading.Thread(target=self._accept, daemon=True).start()
+        self._listen()
 
     # What a test does
 
@@ -97,28 +96,55 @@ class Relay:
                 line.end()
             self._changed.notify_all()
 
+    def leave(self):
+        """The daemon is about to end: who reads events does not notice, the other connections end with it."""
+        with self._changed:
+            self._absent = True
+        self._stop_listening()
+
+    def come_back(self):
+        """The daemon is there again: whoever reads events reads those of the new one."""
+        with self._changed:
+            self._absent = False
+            for line in self.lines:
+                if line.open and line.receiver:
+                    line.far = connect(self.to)
+                    line.far.settimeout(None)
+                    line.far.sendall(b"".join(line.joins))
+            self._changed.notify_all()
+        self._listen()
+
     def close(self):
+        self._stop_listening()
+        with self._changed:
+            for line in self.lines:
+                line.end()
+            self._changed.notify_all()
+
+    def report(self):
+        return "passed on:\n" + "\n".join(json.dumps(request)[:300] for request in self.requests[-40:])
+
+    def _listen(self):
+        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self._listener.bind(self.address)
+        self._listener.listen(64)
+        threading.Thread(target=self._accept, args=(self._listener,), daemon=True).start()
+
+    def _stop_listening(self):
         try:
             self._listener.shutdown(socket.SHUT_RDWR)
         except OSError:
             pass
         self._listener.close()
-        with self._changed:
-            for line in self.lines:
-                line.end()
-            self._changed.notify_all()
         if os.path.lexists(self.address):
             os.unlink(self.address)
 
-    def report(self):
-        return "passed on:\n" + "\n".join(json.dumps(request)[:300] for request in self.requests[-40:])
-
     # Its threads: one that accepts, two for each connection
 
-    def _accept(self):
+    def _accept(self, listener):
         while True:
             try:
-                near, _ = self._listener.accept()
+                near, _ = listener.accept()
             except OSError:
                 return
             try:
@@ -141,6 +167,8 @@ class Relay:
                     self.requests.append(message)
                     if (message.get("params") or {}).get("Receiver") is True:
                         line.receiver = True
+                    if line.receiver and message.get("method") == "JoinGroup":
+                        line.joins += [self._join(message, message["params"]["Group"]), self._join(message, self.group)]
                     fault = next((each for each in self._faults if each[0] == message.get("method")), None)
                     if fault:
                         self._faults.remove(fault)
@@ -150,19 +178,30 @@ class Relay:
                 else:
                     line.far.sendall(data)
                     if line.receiver and message.get("method") == "JoinGroup":
-                        message["id"], message["params"]["Group"] = "relay", self.group
-                        line.far.sendall(json.dumps(message).encode() + b"\n")
+                        line.far.sendall(line.joins[-1])
         except (OSError, ValueError):
             pass
         line.end()
 
+    @staticmethod
+    def _join(message, group):
+        """The same of our own, whose answer is not passed on."""
+        own = {**message, "id": "relay", "params": {**message["params"], "Group": group}}
+        return json.dumps(own).encode() + b"\n"
+
     def _downwards(self, line):
-        try:
-            for data in line.far.makefile("rb"):
-                if b'"id":"relay"' not in data:
-                    self._answer(line, data)
-        except (OSError, ValueError):
-            pass
+        far = None
+        while far is not line.far:
+            far = line.far
+            try:
+                for data in far.makefile("rb"):
+                    if b'"id":"relay"' not in data:
+                        self._answer(line, data)
+            except (OSError, ValueError):
+                pass
+            if line.receiver:
+                with self._changed:
+                    self._changed.wait_for(lambda: not self._absent or not line.open)
         line.end()
         line.near.close()
 
