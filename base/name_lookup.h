@@ -1,11 +1,15 @@
 // Finding the addresses of a host without waiting for it: the system's own resolver, in a thread of its own.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "base/endpoint.h"
+
+/// How long whoever needs an address waits for it, in milliseconds.
+constexpr int64_t name_lookup_limit_ms = 10000;
 
 /// One look-up. A resolver that hangs outlives the object that asked for it, and its answer is then thrown away.
 class name_lookup

@@ -8,6 +8,8 @@
 void trouble_tell(const ve_jrpcapi *ctx);
 /// The same, but only of a reason that waiting for the daemon does not cure.
 void trouble_tell_lasting(const ve_jrpcapi *ctx);
+/// How long a daemon may let one wait before that is said, in milliseconds.
+constexpr int trouble_slow_ms = 2000;
 /// Says, once, that the daemon lets one wait.
 void trouble_tell_slow(const ve_jrpcapi *ctx);
 /// Says what may help with a daemon that closes every link without a word.

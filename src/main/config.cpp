@@ -14,6 +14,7 @@
 #include "base/fd.h"
 #include "commands/password.h"
 #include "event/request.h"
+#include "event/trouble.h"
 #include "main/script.h"
 #include "platform/ve_out.h"
 
@@ -22,7 +23,6 @@ namespace
 
 constexpr size_t default_path_size = 256;
 /// An answer that takes longer is worth a word to whoever sees nothing else.
-constexpr int slow_ms = 2000;
 
 std::string running; // the path of the file that runs
 
@@ -93,7 +93,7 @@ void run_config(const char *path)
     ve_out_reopened();
     running = path;
     password_ask_on_error(true);
-    ve_jrpcapi_tell_slow(request_ctx, slow_ms, tell_slow);
+    ve_jrpcapi_tell_slow(request_ctx, trouble_slow_ms, tell_slow);
     run_script(ve_input(std::move(file)), path, 1);
     ve_out_flush();
     ve_jrpcapi_tell_slow(request_ctx, -1, nullptr);

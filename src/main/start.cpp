@@ -36,7 +36,6 @@ namespace
 constexpr int request_timeout_ms = 5000;
 constexpr int group_timeout_ms = 100;
 /// A connect that takes longer is worth a word.
-constexpr int slow_ms = 2000;
 /// The daemon's notices of added and deleted instances.
 constexpr uint32_t instance_group = 4;
 
@@ -67,7 +66,7 @@ int open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *gr
     ve_jrpcapi_set_timeout(request, request_timeout_ms);
     ve_jrpcapi_set_timeout(group, group_timeout_ms);
     for (ve_jrpcapi *ctx : both) {
-        ve_jrpcapi_tell_slow(ctx, slow_ms, trouble_tell_slow);
+        ve_jrpcapi_tell_slow(ctx, trouble_slow_ms, trouble_tell_slow);
         ve_jrpcapi_connect(ctx);
         ve_jrpcapi_tell_slow(ctx, -1, nullptr);
     }

@@ -11,7 +11,7 @@ namespace veld
 namespace
 {
 
-constexpr int deepest = 16;
+constexpr int deepest_value = 16;
 
 json_t *take(lua_State *from, int at, int depth, const char **problem);
 
@@ -94,7 +94,7 @@ json_t *take(lua_State *from, int at, int depth, const char **problem)
         return value;
     }
     case LUA_TTABLE:
-        if (depth >= deepest || lua_checkstack(from, 4) == 0) {
+        if (depth >= deepest_value || lua_checkstack(from, 4) == 0) {
             *problem = "a table that is nested too deep";
             return nullptr;
         }

@@ -21,7 +21,6 @@ namespace veld
 namespace
 {
 
-constexpr int64_t lookup_limit_ms = 10000;
 constexpr int64_t spacing_us = 100000; // between two requests at the least
 
 // Both families' echo messages begin alike; the kernel fills in the checksum and the identifier.
@@ -86,7 +85,7 @@ void ipping::proceed()
                 return finish("Error_CannotResolveHostName");
             target_ = found[0];
             open_socket();
-        } else if (monotonic_us() - sent_at_ >= lookup_limit_ms * 1000) {
+        } else if (monotonic_us() - sent_at_ >= name_lookup_limit_ms * 1000) {
             finish("Error_CannotResolveHostName");
         }
         return;
@@ -106,7 +105,7 @@ void ipping::find_host()
     phase_ = phase::lookup;
     sent_at_ = monotonic_us();
     watch(lookup_->fd(), EPOLLIN);
-    wake_in(lookup_limit_ms);
+    wake_in(name_lookup_limit_ms);
 }
 
 void ipping::open_socket()

@@ -17,7 +17,6 @@ namespace veld
 namespace
 {
 
-constexpr int64_t lookup_limit_ms = 10000;
 constexpr size_t most_servers = 3; // as many as the system's resolver asks
 
 class nslookup : public method_job
@@ -81,7 +80,7 @@ void nslookup::proceed()
                 return finish("Error_DNSServerNotResolved");
             phase_ = phase::ask;
             start_round();
-        } else if (monotonic_us() - asked_at_ >= lookup_limit_ms * 1000) {
+        } else if (monotonic_us() - asked_at_ >= name_lookup_limit_ms * 1000) {
             finish("Error_DNSServerNotResolved");
         }
         return;
@@ -104,7 +103,7 @@ void nslookup::begin()
     phase_ = phase::lookup;
     asked_at_ = monotonic_us();
     watch(lookup_->fd(), EPOLLIN);
-    wake_in(lookup_limit_ms);
+    wake_in(name_lookup_limit_ms);
 }
 
 void nslookup::start_round()

@@ -153,11 +153,6 @@ fault not_for(std::string_view name)
     return {code::denied, std::string(name) + " may not be changed by this user", "", true};
 }
 
-fault no_such(std::string_view name)
-{
-    return {code::bad_name, "no such node: " + std::string(name), ""};
-}
-
 json_ref hash_of(const ready_hashes &hashes, const json_t *password)
 {
     const auto ready = hashes.find({json_string_value(password), json_string_length(password)});
@@ -169,7 +164,7 @@ fault find_instance(tree *in, role who, std::string_view path, node **found)
 {
     const place where = in->find(path);
     if (!where)
-        return no_such(path);
+        return no_such_node(path);
     if (where.at->what != where.what || !where.at->is_instance())
         return {code::bad_name, std::string(path) + " is not an instance", ""};
     if (who < where.at->parent->what->write || who < where.at->parent->what->read)
@@ -306,7 +301,7 @@ fault change_add(tree *in, role who, std::string_view path, uint64_t order, node
 {
     const place where = in->find(path);
     if (!where)
-        return no_such(path);
+        return no_such_node(path);
     if (where.at->what != where.what || !where.at->table)
         return {code::bad_name, std::string(path) + " is not a multi-instance object", ""};
     node *table = where.at;

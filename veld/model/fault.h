@@ -36,4 +36,9 @@ struct fault {
     explicit operator bool() const { return code != 0; }
 };
 
+inline fault no_such_node(std::string_view name)
+{
+    return {code::bad_name, "no such node: " + std::string(name), ""};
+}
+
 } // namespace veld

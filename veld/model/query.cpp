@@ -129,11 +129,6 @@ bool may_read(const scheme &what, role who)
     return who >= (what.is_object() ? what.reach : what.read);
 }
 
-fault no_such(std::string_view name)
-{
-    return {code::bad_name, "no such node: " + std::string(name), ""};
-}
-
 fault denied(std::string_view name)
 {
     return {code::denied, std::string(name) + " may not be read by this user", "", true};
@@ -193,7 +188,7 @@ fault query_names(tree *from, role who, std::string_view path, bool next_level, 
 {
     const place start = from->find(path);
     if (!start)
-        return no_such(path);
+        return no_such_node(path);
     if (!may_read(*start.what, who))
         return denied(path);
     list_writer list(answer);
@@ -218,7 +213,7 @@ fault query_values(tree *from, role who, const json_t *names, answer_text answer
         const place start = from->find(name);
         fault problem;
         if (!start)
-            problem = no_such(name);
+            problem = no_such_node(name);
         else if (start.what->kind == node_kind::method || start.at->what != start.what)
             problem = {code::bad_name, std::string(name) + " has no value", ""};
         else if (!may_read(*start.what, who))
@@ -255,7 +250,7 @@ fault query_attributes(tree *from, role who, const json_t *names, int64_t depth,
         const place start = from->find(name);
         if (!start || !may_read(*start.what, who)) {
             if (single)
-                return start ? denied(name) : no_such(name);
+                return start ? denied(name) : no_such_node(name);
             continue;
         }
         const bool whole = start.what->kind == node_kind::method;

@@ -92,7 +92,7 @@ place tree::find(std::string_view name)
 {
     if (name.ends_with('.'))
         name.remove_suffix(1);
-    place here{root_.get(), model_.get()};
+    place here{root_.get(), &model()};
     if (name.empty())
         return here;
     while (true) {

@@ -115,7 +115,7 @@ void service::execute(client &from, const json_t *params, const ticket &to)
         return answer_fault(to, reader.problem());
     const place where = tree_.find(path);
     if (!where)
-        return answer_fault(to, {code::bad_name, "no such node: " + path, ""});
+        return answer_fault(to, no_such_node(path));
     const scheme &what = *where.what;
     if (what.kind != node_kind::method)
         return answer_fault(to, {code::bad_name, path + " is not a method", ""});

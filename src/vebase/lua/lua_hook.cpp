@@ -18,7 +18,7 @@ struct {
     int interval = looks_interval;
 } script;
 
-void hook(lua_State *L, lua_Debug *event)
+void script_hook(lua_State *L, lua_Debug *event)
 {
     if (event->event == LUA_HOOKCOUNT) {
         if (ve_lua_stop_is_due())
@@ -49,7 +49,7 @@ int set_hook(lua_State *L)
     script.count = (mask & LUA_MASKCOUNT) != 0 ? lua_gethookcount(thread) : 0;
     script.seen = 0;
     script.interval = script.count == 0 ? looks_interval : std::min(script.count, looks_interval);
-    lua_sethook(thread, hook, mask | LUA_MASKCOUNT, script.interval);
+    lua_sethook(thread, script_hook, mask | LUA_MASKCOUNT, script.interval);
     return 0;
 }
 
@@ -60,7 +60,7 @@ int get_hook(lua_State *L)
     const lua_Hook set = lua_gethook(thread);
     const int mask = lua_gethookmask(thread);
     const int count = lua_gethookcount(thread);
-    if (set == hook)
+    if (set == script_hook)
         lua_sethook(thread, script.call, script.count == 0 ? mask & ~LUA_MASKCOUNT : mask, script.count);
     else
         lua_sethook(thread, nullptr, 0, 0);

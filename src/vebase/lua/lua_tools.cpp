@@ -192,7 +192,7 @@ int dm_show(lua_State *L)
     return 0;
 }
 
-const luaL_Reg functions[] = {
+const luaL_Reg tools[] = {
     {"wait", dm_wait},   {"sleep", dm_sleep}, {"json", dm_json},
     {"parse", dm_parse}, {"show", dm_show},   {nullptr, nullptr},
 };
@@ -205,5 +205,5 @@ void ve_lua_open_tools(lua_State *L)
     lua_pushcfunction(L, release_value);
     lua_setfield(L, -2, "__gc");
     lua_pop(L, 1);
-    luaL_setfuncs(L, functions, 0);
+    luaL_setfuncs(L, tools, 0);
 }
