@@ -1,6 +1,7 @@
 #include "veld/backend/backends.h"
 #include "veld/base/log.h"
 #include "veld/base/memory.h"
+#include "veld/base/worker.h"
 #include "veld/behaviour/behaviour.h"
 #include "veld/firmware/downloads.h"
 #include "veld/import/import.h"
@@ -15,7 +16,6 @@
 #include "veld/server/privileges.h"
 #include "veld/server/service_manager.h"
 #include "veld/server/tls.h"
-#include "veld/server/worker.h"
 #include "veld/state/workspace.h"
 
 #include <cerrno>
@@ -174,9 +174,11 @@ int main(int argc, char **argv)
     if (!signal_fd)
         return failed(std::string("cannot wait for signals: ") + strerror(errno));
     std::unique_ptr<tls_identity> identity;
-    events.watch(signal_fd.get(), EPOLLIN, [&](uint32_t) {
+    const loop::watch_id signals_watched = events.watch(signal_fd.get(), EPOLLIN, [&](uint32_t) {
         signal_arrived(&events, signal_fd.get(), [&] { reload(&manager, wanted, &identity); });
     });
+    if (signals_watched == 0)
+        return failed(std::string("cannot wait for signals: ") + strerror(errno));
 
     state_store store;
     if (!wanted.state.empty() && !store.open(wanted.state, &error))

@@ -4,7 +4,7 @@
 #include "veld/model/change.h"
 #include "veld/model/document.h"
 #include "veld/model/query.h"
-#include "veld/rpc/executions.h"
+#include "veld/rpc/arguments.h"
 #include "veld/state/configuration.h"
 
 #include <cstdint>

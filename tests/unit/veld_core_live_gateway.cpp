@@ -152,9 +152,9 @@ TEST_F(Gateway, DefaultsAndOffValuesFulfilTheirConstraints)
         if (each.kind != node_kind::parameter || each.from == source::max_instance || each.from == source::order)
             return;
         json_ref kept;
-        EXPECT_EQ(value_check(each, each.initial.get(), &kept).text, "") << path;
+        EXPECT_EQ(value_check(each, each.initial.get(), &kept).message, "") << path;
         if (each.off_value) {
-            EXPECT_EQ(value_check(each, each.off_value.get(), &kept).text, "") << path;
+            EXPECT_EQ(value_check(each, each.off_value.get(), &kept).message, "") << path;
         }
     });
 }
@@ -168,7 +168,7 @@ TEST_F(Gateway, FactoryValuesFulfilTheirConstraints)
     std::function<void(node *)> check = [&](node *of) {
         if (of->what->kind == node_kind::parameter && of->value) {
             json_ref kept;
-            EXPECT_EQ(value_check(*of->what, of->value.get(), &kept).text, "") << tree::name(of);
+            EXPECT_EQ(value_check(*of->what, of->value.get(), &kept).message, "") << tree::name(of);
             seen++;
         }
         for (const auto &child : of->children)
@@ -210,7 +210,7 @@ TEST_F(Gateway, LiveValuesHaveTheTypesOfTheirParameters)
                 json_t *value = json_object_get(row, of.provider.c_str());
                 ASSERT_NE(value, nullptr) << path << ": no field " << of.provider;
                 json_ref kept;
-                EXPECT_EQ(value_check(of, value, &kept).text, "") << path;
+                EXPECT_EQ(value_check(of, value, &kept).message, "") << path;
             } else if (of.from == source::row_table) {
                 json_t *rows = json_object_get(row, ("#rows:" + of.provider).c_str());
                 ASSERT_TRUE(json_is_array(rows)) << path;
@@ -229,7 +229,7 @@ TEST_F(Gateway, LiveValuesHaveTheTypesOfTheirParameters)
         if (each.kind == node_kind::parameter) {
             json_ref value(live_value(each.provider));
             if (value) {
-                EXPECT_EQ(value_check(each, value.get(), &kept).text, "") << path;
+                EXPECT_EQ(value_check(each, value.get(), &kept).message, "") << path;
             }
             return;
         }

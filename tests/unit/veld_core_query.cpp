@@ -2,7 +2,7 @@
 
 #include "veld/model/change.h"
 #include "veld/model/query.h"
-#include "veld/rpc/executions.h"
+#include "veld/rpc/arguments.h"
 
 using namespace veld;
 using namespace veld_test;
@@ -27,14 +27,14 @@ std::vector<std::string> list_names(tree *model, role who, const char *path, boo
 {
     std::string text;
     const fault problem = query_names(model, who, path, next_level, {&text, plenty});
-    return problem ? std::vector<std::string>{std::to_string(problem.code)} : names_in(text);
+    return problem ? std::vector<std::string>{std::to_string(wire_number(problem.code))} : names_in(text);
 }
 
 std::string values(tree *model, role who, const char *names)
 {
     std::string text;
     const fault problem = query_values(model, who, json(names).get(), {&text, plenty});
-    return problem ? std::to_string(problem.code) : text;
+    return problem ? std::to_string(wire_number(problem.code)) : text;
 }
 
 std::vector<std::string> attribute_names(tree *model, const char *name, int64_t depth)
@@ -42,7 +42,7 @@ std::vector<std::string> attribute_names(tree *model, const char *name, int64_t 
     std::string text;
     const fault problem = query_attributes(
         model, role::administrator, json((std::string("[\"") + name + "\"]").c_str()).get(), depth, {&text, plenty});
-    return problem ? std::vector<std::string>{std::to_string(problem.code)} : names_in(text);
+    return problem ? std::vector<std::string>{std::to_string(wire_number(problem.code))} : names_in(text);
 }
 
 using list = std::vector<std::string>;
@@ -105,12 +105,14 @@ TEST(VeldQuery, AnAnswerOverTheLimitIsRefusedEarly)
 {
     const auto model = make_tree();
     std::string text;
-    EXPECT_EQ(query_values(model.get(), role::administrator, json(R"(["."])").get(), {&text, 100}).code, 9004);
+    EXPECT_EQ(query_values(model.get(), role::administrator, json(R"(["."])").get(), {&text, 100}).code,
+              code::resources);
     EXPECT_LT(text.size(), 300U);
     text.clear();
-    EXPECT_EQ(query_names(model.get(), role::administrator, ".", false, {&text, 100}).code, 9004);
+    EXPECT_EQ(query_names(model.get(), role::administrator, ".", false, {&text, 100}).code, code::resources);
     text.clear();
-    EXPECT_EQ(query_attributes(model.get(), role::administrator, json(R"(["."])").get(), 9, {&text, 100}).code, 9004);
+    EXPECT_EQ(query_attributes(model.get(), role::administrator, json(R"(["."])").get(), 9, {&text, 100}).code,
+              code::resources);
 }
 
 TEST(VeldQuery, ArgumentsAreCompletedWithTheirDefaults)
@@ -128,7 +130,7 @@ TEST(VeldQuery, ArgumentsAreCompletedWithTheirDefaults)
             R"([{"Name":"Options.Count","Value":0},{"Name":"Host","Value":"a"},{"Name":"Host","Value":"b"},{"Name":"Options","Value":1}])")
             .get(),
         &input);
-    EXPECT_EQ(problem.code, 9003);
+    EXPECT_EQ(problem.code, code::bad_arguments);
     EXPECT_EQ(
         problem.data,
         R"({"Options.Count":"must be at least 1","Host":"is given more than once","Options":"is not an input argument"})");
@@ -141,19 +143,19 @@ TEST(VeldQuery, ChangesNeedTheRightRole)
     EXPECT_EQ(
         change_values(model.get(), role::anonymous, json(R"([{"Name":"Device.Name","Value":"x"}])").get(), &changes)
             .code,
-        9001);
+        code::denied);
     EXPECT_EQ(
         change_values(model.get(), role::user, json(R"([{"Name":"Device.Admin.Hidden","Value":1}])").get(), &changes)
             .code,
-        9001);
+        code::denied);
     EXPECT_EQ(
         change_values(model.get(), role::user, json(R"([{"Name":"Device.Ping.Host","Value":"x"}])").get(), &changes)
             .code,
-        9005);
+        code::bad_name);
     node *added = nullptr;
-    EXPECT_EQ(change_add(model.get(), role::anonymous, "Device.Host.", 0, &added).code, 9001);
-    EXPECT_EQ(change_add(model.get(), role::user, "Device.Link.", 0, &added).code, 9001);
-    EXPECT_EQ(change_order(model.get(), role::anonymous, "Device.Search.1", 1).code, 9001);
+    EXPECT_EQ(change_add(model.get(), role::anonymous, "Device.Host.", 0, &added).code, code::denied);
+    EXPECT_EQ(change_add(model.get(), role::user, "Device.Link.", 0, &added).code, code::denied);
+    EXPECT_EQ(change_order(model.get(), role::anonymous, "Device.Search.1", 1).code, code::denied);
     EXPECT_TRUE(changes.empty());
 }
 

@@ -1,6 +1,6 @@
 // The server's parts on pairs of sockets, without a network.
+#include "veld/base/worker.h"
 #include "veld/server/connection.h"
-#include "veld/server/worker.h"
 
 #include <gtest/gtest.h>
 

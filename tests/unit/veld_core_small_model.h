@@ -67,10 +67,9 @@ public:
     {
         return json_ref{live_.rows ? live_.rows(what.provider) : nullptr};
     }
-    bool apply(const std::vector<veld::backend_change> &, veld::backend_refusal *) override { return true; }
-    std::unique_ptr<veld::method_job> run(const veld::scheme &, const std::string &, const json_t *,
-                                          const std::function<std::string(std::string_view)> &,
-                                          veld::method_outcome *) override
+    veld::fault apply(const std::vector<veld::backend_change> &, size_t *) override { return {}; }
+    std::unique_ptr<veld::job> run(const veld::scheme &, const std::string &, const json_t *,
+                                   const std::function<std::string(std::string_view)> &, veld::job_outcome *) override
     {
         return nullptr;
     }

@@ -83,21 +83,21 @@ TEST(VeldTree, MovesInstancesWithinTheOrder)
 TEST(VeldTree, KeepsUniqueValuesApart)
 {
     const auto model = make_tree();
-    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"two"}])").code, 9007);
+    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"two"}])").code, code::bad_value);
     EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"two"},
                                    {"Name":"Device.Host.2.Alias","Value":"one"}])")
                   .code,
-              0);
-    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"one"}])").code, 9007);
-    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.2.Alias","Value":""}])").code, 0);
-    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"one"}])").code, 0);
+              code::none);
+    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"one"}])").code, code::bad_value);
+    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.2.Alias","Value":""}])").code, code::none);
+    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"one"}])").code, code::none);
     // A chain: each takes what the next gives up.
     EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.2.Alias","Value":"one"},
                                    {"Name":"Device.Host.1.Alias","Value":"new"}])")
                   .code,
-              0);
+              code::none);
     model->remove(model->find("Device.Host.2").at);
-    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"one"}])").code, 0);
+    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"one"}])").code, code::none);
 }
 
 TEST(VeldTree, GivesNewInstancesFreeUniqueNumbers)
@@ -199,7 +199,7 @@ TEST(VeldTree, ASavedConfigurationRestoresExactlyWhatWasThere)
     EXPECT_EQ(text_of(configuration_of(model.get())), text_of(json_ref::share(saved.get())));
     EXPECT_EQ(numbers(model.get(), "Device.Search"), (std::vector<uint32_t>{1, 2}));
     EXPECT_EQ(value_at(model.get(), "Device.Host.1.Alias"), "\"two\"");
-    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"one"}])").code, 9007);
+    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"one"}])").code, code::bad_value);
 }
 
 TEST(VeldTree, AnUntouchedTreeHasNothingToSave)

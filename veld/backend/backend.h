@@ -38,13 +38,6 @@ struct backend_change {
     json_t *before;
 };
 
-/// Why a change is refused: a code of the protocol and a phrase for the parameter at that place of the list.
-struct backend_refusal {
-    int code = 0;
-    size_t which = 0;
-    std::string text;
-};
-
 /// Daemon's thread only. What it is asked it answers at once: nothing waits meanwhile.
 class device_backend
 {
@@ -66,14 +59,14 @@ public:
     /// is nothing to tell: the rows stay as they were.
     virtual json_ref rows(const scheme &what, const std::string &path) = 0;
     /// Acts on the values of one request, before they are stored and acknowledged: on all of them or, when one is
-    /// refused, on none. Returns whether it has.
-    virtual bool apply(const std::vector<backend_change> &changes, backend_refusal *why) = 0;
-    /// Starts a call. `input` holds all arguments, nested as the model nests them, already checked; it is not kept.
-    /// `text_of` gives the text of a parameter, and is called before run() returns only. Returns the job, which is
-    /// cancelled by destroying it; or null when the call ended at once, `*ended` then tells how.
-    virtual std::unique_ptr<method_job> run(const scheme &what, const std::string &path, const json_t *input,
-                                            const std::function<std::string(std::string_view)> &text_of,
-                                            method_outcome *ended) = 0;
+    /// refused, on none. The fault is a phrase about the parameter at the place `*which` of the list.
+    virtual fault apply(const std::vector<backend_change> &changes, size_t *which) = 0;
+    /// A call, which the caller begins. `input` holds all arguments, nested as the model nests them, already checked;
+    /// it is not kept. `text_of` gives the text of a parameter, and is called before run() returns only. Returns the
+    /// job, or null when the call ended at once, `*ended` then tells how.
+    virtual std::unique_ptr<job> run(const scheme &what, const std::string &path, const json_t *input,
+                                     const std::function<std::string(std::string_view)> &text_of,
+                                     job_outcome *ended) = 0;
     /// The device is about to do this: "Reboot", "FactoryReset", "Upgrade".
     virtual void announced(const std::string &action) = 0;
 };

@@ -41,7 +41,7 @@ json_ref backends::rows(const scheme &what, const std::string &path)
 }
 
 // One after the other; those that have acted take it back when a later one refuses.
-bool backends::apply(const std::vector<backend_change> &changes, backend_refusal *why)
+fault backends::apply(const std::vector<backend_change> &changes, size_t *which)
 {
     std::vector<std::vector<backend_change>> done;
     for (device_backend *one : each_) {
@@ -54,29 +54,27 @@ bool backends::apply(const std::vector<backend_change> &changes, backend_refusal
             own.push_back(changes[i]);
             places.push_back(i);
         }
-        if (!own.empty() && !one->apply(own, why)) {
-            why->which = places[std::min(why->which, places.size() - 1)];
+        if (fault refusal = own.empty() ? fault{} : one->apply(own, which)) {
+            *which = places[std::min(*which, places.size() - 1)];
             for (size_t back = done.size(); back > 0; --back) {
-                backend_refusal nobody_hears;
-                each_[back - 1]->apply(done[back - 1], &nobody_hears);
+                size_t nobody_asks = 0;
+                each_[back - 1]->apply(done[back - 1], &nobody_asks);
             }
-            return false;
+            return refusal;
         }
         for (backend_change &change : own)
             std::swap(change.value, change.before);
         done.push_back(std::move(own));
     }
-    return true;
+    return {};
 }
 
-std::unique_ptr<method_job> backends::run(const scheme &what, const std::string &path, const json_t *input,
-                                          const std::function<std::string(std::string_view)> &text_of,
-                                          method_outcome *ended)
+std::unique_ptr<job> backends::run(const scheme &what, const std::string &path, const json_t *input,
+                                   const std::function<std::string(std::string_view)> &text_of, job_outcome *ended)
 {
     if (device_backend *one = behind(backend_use::run, what))
         return one->run(what, path, input, text_of, ended);
-    ended->code = 9000;
-    ended->message = "this device does not implement the method";
+    ended->problem = {code::not_supported, "this device does not implement the method"};
     return nullptr;
 }
 

@@ -188,10 +188,10 @@ int behaviour::lua_refuse(lua_State *in)
     behaviour *here = self(in);
     size_t length = 0;
     const char *text = luaL_checklstring(in, 1, &length);
-    const lua_Integer code = luaL_optinteger(in, 2, 9001);
-    luaL_argcheck(in, code >= 9000 && code <= 9999, 2, "no code of a refusal");
-    here->refusal_.code = static_cast<int>(code);
-    here->refusal_.text.assign(text, length);
+    const code why = code_of_device(luaL_optinteger(in, 2, wire_number(code::denied)));
+    luaL_argcheck(in, why != code::none, 2, "no code of a refusal");
+    here->refusal_.code = why;
+    here->refusal_.message.assign(text, length);
     lua_pushlightuserdata(in, const_cast<char *>(&refused));
     return lua_error(in);
 }
@@ -265,7 +265,7 @@ bool behaviour::run_file(const std::string &path, std::string *error)
 std::string behaviour::error_of(lua_State *in)
 {
     if (lua_touserdata(in, -1) == &refused)
-        return refusal_.text;
+        return refusal_.message;
     size_t length = 0;
     const char *text = lua_type(in, -1) == LUA_TSTRING ? lua_tolstring(in, -1, &length) : nullptr;
     return text != nullptr ? std::string(text, length) : name_ + ": raised what is no text";
@@ -286,7 +286,7 @@ bool behaviour::protect(int arguments, std::string *error)
         return true;
     *error = error_of(in);
     if (lua_touserdata(in, -1) != &refused)
-        refusal_ = {9002, 0, "the behaviour failed: " + *error};
+        refusal_ = {code::internal, "the behaviour failed: " + *error};
     lua_pop(in, 1);
     return false;
 }
@@ -309,7 +309,7 @@ bool behaviour::invoke(int function, const std::string *path, const json_t *valu
 {
     if (lua_checkstack(current_, 4) == 0) {
         *error = "not enough memory";
-        refusal_ = {9002, 0, "the behaviour failed: " + *error};
+        refusal_ = {code::internal, "the behaviour failed: " + *error};
         return false;
     }
     invocation one{function, path, value, nullptr, nullptr};
@@ -321,7 +321,7 @@ bool behaviour::invoke(int function, const std::string *path, const json_t *valu
     if (one.problem == nullptr)
         return true;
     *error = name_ + ": gave back " + one.problem;
-    refusal_ = {9002, 0, "the behaviour failed: " + *error};
+    refusal_ = {code::internal, "the behaviour failed: " + *error};
     return false;
 }
 
@@ -449,7 +449,7 @@ json_ref behaviour::rows(const scheme &, const std::string &path)
 }
 
 // One after the other; when one refuses, those before get their values back.
-bool behaviour::apply(const std::vector<backend_change> &changes, backend_refusal *why)
+fault behaviour::apply(const std::vector<backend_change> &changes, size_t *which)
 {
     auto &handlers = handlers_[static_cast<size_t>(backend_use::set)];
     for (size_t i = 0; i < changes.size(); ++i) {
@@ -458,27 +458,25 @@ bool behaviour::apply(const std::vector<backend_change> &changes, backend_refusa
         handler &one = handlers.at(pattern_of(*changes[i].path));
         if (invoke(one.function, changes[i].path, changes[i].value, &nothing, &error))
             continue;
-        *why = refusal_;
-        why->which = i;
-        if (refusal_.code == 9002)
+        fault refusal = refusal_;
+        *which = i;
+        if (refusal.code == code::internal)
             LOG_WARNING("%s: %s", changes[i].path->c_str(), error.c_str());
         while (i-- > 0) {
             handler &before = handlers.at(pattern_of(*changes[i].path));
             if (!invoke(before.function, changes[i].path, changes[i].before, &nothing, &error))
                 LOG_WARNING("%s: cannot be set back: %s", changes[i].path->c_str(), error.c_str());
         }
-        return false;
+        return refusal;
     }
-    return true;
+    return {};
 }
 
-std::unique_ptr<method_job> behaviour::run(const scheme &, const std::string &path, const json_t *input,
-                                           const std::function<std::string(std::string_view)> &, method_outcome *ended)
+std::unique_ptr<job> behaviour::run(const scheme &, const std::string &path, const json_t *input,
+                                    const std::function<std::string(std::string_view)> &, job_outcome *)
 {
-    if (!job_possible(ended))
-        return nullptr;
     const handler &one = handlers_[static_cast<size_t>(backend_use::run)].at(pattern_of(path));
-    return job_begin(std::make_unique<behaviour_call>(this, one.function, path, input), ended);
+    return std::make_unique<behaviour_call>(this, one.function, path, input);
 }
 
 void behaviour::announced(const std::string &action)

@@ -37,10 +37,9 @@ public:
     backend_part serves(backend_use use, const scheme &what, const std::string &path) override;
     json_ref read(const scheme &what, const std::string &path) override;
     json_ref rows(const scheme &what, const std::string &path) override;
-    bool apply(const std::vector<backend_change> &changes, backend_refusal *why) override;
-    std::unique_ptr<method_job> run(const scheme &what, const std::string &path, const json_t *input,
-                                    const std::function<std::string(std::string_view)> &text_of,
-                                    method_outcome *ended) override;
+    fault apply(const std::vector<backend_change> &changes, size_t *which) override;
+    std::unique_ptr<job> run(const scheme &what, const std::string &path, const json_t *input,
+                             const std::function<std::string(std::string_view)> &text_of, job_outcome *ended) override;
     void announced(const std::string &action) override;
 
 private:
@@ -103,7 +102,7 @@ private:
     json_ref scratch_; // what a Lua function is about to push, kept where raising does not lose it
     std::string path_;
     std::string text_;
-    backend_refusal refusal_;
+    fault refusal_;
     int64_t sleep_ms_ = -1; // what the call that runs has asked for
 };
 

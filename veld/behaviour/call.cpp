@@ -73,14 +73,14 @@ int behaviour_call::start(lua_State *in)
 void behaviour_call::end(int status)
 {
     if (status != LUA_OK) {
-        const bool refused = behaviour_->refusal_.code != 0 && lua_islightuserdata(thread_, -1);
         const std::string error = behaviour_->error_of(thread_);
-        if (!refused)
-            LOG_WARNING("%s: %s", path_.c_str(), error.c_str());
-        return fail(refused ? behaviour_->refusal_.code : 9002, refused ? error : "the behaviour failed: " + error);
+        if (behaviour_->refusal_ && lua_islightuserdata(thread_, -1))
+            return fail(behaviour_->refusal_.code, error);
+        LOG_WARNING("%s: %s", path_.c_str(), error.c_str());
+        return fail(code::internal, "the behaviour failed: " + error);
     }
     if (one_.problem != nullptr)
-        return fail(9002, std::string("the behaviour failed: it gave back ") + one_.problem);
+        return fail(code::internal, std::string("the behaviour failed: it gave back ") + one_.problem);
     json_ref list{json_array()};
     if (json_is_object(one_.result))
         flatten(list.get(), "", one_.result);
@@ -96,7 +96,7 @@ void behaviour_call::proceed()
         lua_pushcfunction(behaviour_->current_, make);
         lua_pushlightuserdata(behaviour_->current_, this);
         if (!behaviour_->protect(1, &error))
-            return fail(9004, "the behaviour has no memory left");
+            return fail(code::resources, "the behaviour has no memory left");
         lua_pushcfunction(thread_, start);
         lua_pushlightuserdata(thread_, this);
     } else {

@@ -1,10 +1,10 @@
 // The device that the model stands for: it is up or down, and it keeps its configuration.
 #pragma once
 
-#include "veld/model/fault.h"
+#include "veld/base/fault.h"
+#include "veld/base/loop.h"
+#include "veld/base/worker.h"
 #include "veld/model/tree.h"
-#include "veld/server/loop.h"
-#include "veld/server/worker.h"
 #include "veld/state/store.h"
 
 #include <functional>

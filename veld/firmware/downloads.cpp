@@ -17,18 +17,27 @@ namespace veld
 namespace
 {
 
-constexpr size_t transfers_at_once = 8;
-constexpr size_t transfers_of_users = 6; // the others are the owner's
-constexpr size_t transfers_of_one_user = 2;
 constexpr uint64_t configuration_limit = uint64_t{64} << 20;
 constexpr size_t name_limit = 200;
 constexpr const char *image_name = "firmware.image";
 constexpr const char *nameless = "download";
-constexpr const char *ok = "{\"Status\":0}";
 
 fault bad_argument(const std::string &what)
 {
-    return {code::bad_arguments, what, ""};
+    return {code::bad_arguments, what};
+}
+
+// A path may be no UTF-8.
+json_t *json_text(const std::string &text)
+{
+    std::string written;
+    json_write_string(&written, text);
+    return json_loadb(written.data(), written.size(), JSON_DECODE_ANY | JSON_ALLOW_NUL, nullptr);
+}
+
+json_ref status(int number)
+{
+    return json_ref{json_pack("{s:i}", "Status", number)};
 }
 
 bool is_md5(const std::string &text)
@@ -126,14 +135,13 @@ fault downloads::name_file(const std::string &name)
 }
 
 // A URL of a file server holds no name: whoever serves the file may give it one in a second request.
-void downloads::offer_name(std::string *result)
+std::string downloads::offer_name()
 {
     struct stat now;
     if (lstat((folders_.files() + "/" + nameless).c_str(), &now) != 0)
-        return;
+        return {};
     nameless_ = {random_hex(16), now.st_dev, now.st_ino};
-    if (!nameless_.transaction.empty())
-        *result = "{\"Status\":0,\"TransactionID\":\"" + nameless_.transaction + "\"}";
+    return nameless_.transaction;
 }
 
 void downloads::begin_flash()
@@ -143,153 +151,187 @@ void downloads::begin_flash()
     flash_.begin(header, [this] { drop_image(); });
 }
 
-void downloads::request(const download_asker &asker, const download_request &wanted, done_handler done)
+// One transfer: it fetches, checks what has arrived, and hands it on.
+class downloads::transfer : public job
 {
-    if (wanted.type != "Firmware" && wanted.type != "Config" && wanted.type != "File")
-        return done(bad_argument("\"FileType\" must be \"Firmware\", \"Config\" or \"File\""), "");
-    if (!wanted.transaction.empty())
-        return done(decide(wanted), ok);
-    source_url url;
-    std::string name;
-    if (const fault problem = check(wanted, &url, &name))
-        return done(problem, "");
-    const auto own = std::count_if(transfers_.begin(), transfers_.end(),
-                                   [&asker](const auto &one) { return one.second.asker.account == asker.account; });
-    if (transfers_.size() >= (asker.owner ? transfers_at_once : transfers_of_users) ||
-        static_cast<size_t>(own) >= transfers_of_one_user)
-        return done({code::resources, "too many transfers are under way", ""}, "");
+public:
+    transfer(downloads *of, download_request wanted, source_url url, std::string name)
+        : downloads_(*of), wanted_(std::move(wanted)), url_(std::move(url)), name_(std::move(name))
+    {
+    }
 
-    transfer fresh{asker, wanted, std::make_unique<spool>(), nullptr, std::move(done)};
-    const bool is_file = wanted.type == "File";
-    const uint64_t limit = wanted.type == "Config" ? std::min(configuration_limit, settings_.limit) : settings_.limit;
+    // What has arrived may be on its way into the device.
+    bool can_be_cut_off() const override { return !arrived_; }
+
+protected:
+    void proceed() override;
+
+private:
+    fault open();
+    void arrived(const fault &problem);
+    fault check_md5();
+    void parse_configuration();
+    void take_configuration(json_ref document, int line);
+    void conclude(fault outcome, json_ref result);
+
+    downloads &downloads_;
+    download_request wanted_;
+    source_url url_;
+    std::string name_;
+    std::shared_ptr<spool> file_ = std::make_shared<spool>(); // shared with the thread that reads it
+    std::unique_ptr<fetch> source_;
+    bool arrived_ = false;
+};
+
+void downloads::transfer::proceed()
+{
+    if (fault problem = open())
+        return fail(std::move(problem));
+    LOG_INFO("fetches %s from %.200s", wanted_.type.c_str(), wanted_.url.c_str());
+    source_ = std::make_unique<fetch>(events(), downloads_.files_, std::move(url_), *file_,
+                                      fetch_bounds{downloads_.settings_.stall_ms, wanted_.reader},
+                                      [this](const fault &problem) { arrived(problem); });
+    source_->start();
+}
+
+fault downloads::transfer::open()
+{
+    workspace &folders = downloads_.folders_;
+    const uint64_t most = downloads_.settings_.limit;
     std::string error;
-    if (!folders_.prepare(&error))
-        return fresh.done({code::internal, error, ""}, "");
-    if (!fresh.file->create(is_file ? folders_.files() : folders_.spool(), limit))
-        return fresh.done({code::internal, fresh.file->error(), ""}, "");
-    const uint64_t id = next_++;
-    fresh.source =
-        std::make_unique<fetch>(loop_, files_, std::move(url), *fresh.file, fetch_bounds{settings_.stall_ms, asker.uid},
-                                [this, id, name](const fault &problem) { arrived(id, problem, name); });
-    fresh.source->start();
-    LOG_INFO("fetches %s from %.200s", wanted.type.c_str(), wanted.url.c_str());
-    transfers_.emplace(id, std::move(fresh));
+    if (!folders.prepare(&error))
+        return {code::internal, error};
+    if (!file_->create(wanted_.type == "File" ? folders.files() : folders.spool(),
+                       wanted_.type == "Config" ? std::min(configuration_limit, most) : most))
+        return {code::internal, file_->error()};
+    return {};
 }
 
-void downloads::arrived(uint64_t id, const fault &problem, const std::string &name)
+void downloads::transfer::arrived(const fault &problem)
 {
-    const auto found = transfers_.find(id);
-    const auto ended = std::make_shared<transfer>(std::move(found->second));
-    transfers_.erase(found);
-    std::string result;
-    fault outcome = problem ? problem : check_md5(*ended);
-    if (!outcome && ended->wanted.type == "Config")
-        return parse_configuration(ended);
-    if (!outcome)
-        outcome = finish(*ended, name, &result);
-    conclude(*ended, outcome, result);
+    arrived_ = true;
+    json_ref result = status(0);
+    fault outcome = problem ? problem : check_md5();
+    if (!outcome && wanted_.type == "Config")
+        return parse_configuration();
+    if (!outcome && wanted_.type == "Firmware")
+        outcome = downloads_.keep_image(file_.get(), &result);
+    else if (!outcome)
+        outcome = downloads_.keep_file(file_.get(), name_, !wanted_.target.empty(), &result);
+    conclude(std::move(outcome), std::move(result));
 }
 
-void downloads::conclude(transfer &what, const fault &outcome, const std::string &result)
+fault downloads::transfer::check_md5()
 {
-    if (outcome)
-        LOG_WARNING("a download fails: %s", outcome.message.c_str());
-    // Nothing of it is left when the client hears of it.
-    what.source.reset();
-    what.file.reset();
-    what.done(outcome, result);
-}
-
-fault downloads::check_md5(transfer &what)
-{
-    const std::string md5 = what.file->md5();
-    if (what.wanted.md5.empty() || same_digits(md5, what.wanted.md5))
+    const std::string md5 = file_->md5();
+    if (wanted_.md5.empty() || same_digits(md5, wanted_.md5))
         return {};
-    if (what.source->confidential())
-        return {code::bad_file, "the MD5 of what arrived is another", ""};
-    return {code::bad_file, "the MD5 of what arrived is " + md5, ""};
+    if (source_->confidential())
+        return {code::bad_file, "the MD5 of what arrived is another"};
+    return {code::bad_file, "the MD5 of what arrived is " + md5};
 }
 
 // A configuration may be large: it is read beside the loop.
-void downloads::parse_configuration(const std::shared_ptr<transfer> &what)
+void downloads::transfer::parse_configuration()
 {
     struct parsing {
         json_ref document;
         int line = 0;
     };
     const auto work = std::make_shared<parsing>();
-    reader_.run(
-        [what, work] {
-            const std::string text = what->file->content();
+    downloads_.reader_.run(
+        [file = file_, work] {
+            const std::string text = file->content();
             json_error_t where{};
             work->document.reset(json_loadb(text.data(), text.size(), JSON_ALLOW_NUL | JSON_REJECT_DUPLICATES, &where));
             work->line = where.line;
         },
-        [this, what, work] {
-            // What is said of a file that not everybody may read tells nothing of what is in it.
-            const bool confidential = what->source->confidential();
-            if (!work->document) {
-                const std::string line = confidential ? "" : ": line " + std::to_string(work->line);
-                return conclude(*what, {code::bad_file, "the configuration is not JSON" + line, ""}, "");
-            }
-            device_.replace_configuration(std::move(work->document), [this, what, confidential](fault problem) {
-                if (problem.code == code::bad_file && confidential)
-                    problem.message = "the configuration does not fit";
-                conclude(*what, problem, ok);
-            });
-        });
+        [this, work] { take_configuration(std::move(work->document), work->line); });
 }
 
-fault downloads::finish(transfer &what, const std::string &name, std::string *result)
+void downloads::transfer::take_configuration(json_ref document, int line)
 {
-    *result = ok;
-    if (what.wanted.type == "Firmware")
-        return finish_firmware(what, result);
-    if (!what.file->keep_as(name))
-        return {code::transfer_failed, what.file->error(), ""};
-    if (what.wanted.target.empty() && name == nameless)
-        offer_name(result);
-    LOG_INFO("stored %s (%llu bytes)", name.c_str(), static_cast<unsigned long long>(what.file->size()));
+    // What is said of a file that not everybody may read tells nothing of what is in it.
+    const bool confidential = source_->confidential();
+    if (!document) {
+        const std::string place = confidential ? "" : ": line " + std::to_string(line);
+        return conclude({code::bad_file, "the configuration is not JSON" + place}, {});
+    }
+    downloads_.device_.replace_configuration(std::move(document), [this, confidential](fault problem) {
+        if (problem.code == code::bad_file && confidential)
+            problem.message = "the configuration does not fit";
+        conclude(std::move(problem), status(0));
+    });
+}
+
+void downloads::transfer::conclude(fault outcome, json_ref result)
+{
+    if (!outcome)
+        return succeed(std::move(result));
+    LOG_WARNING("a download fails: %s", outcome.message.c_str());
+    fail(std::move(outcome));
+}
+
+std::unique_ptr<job> downloads::request(const download_request &wanted, job_outcome *ended)
+{
+    const auto refuse = [ended](fault problem) {
+        ended->problem = std::move(problem);
+        return nullptr;
+    };
+    if (wanted.type != "Firmware" && wanted.type != "Config" && wanted.type != "File")
+        return refuse(bad_argument("\"FileType\" must be \"Firmware\", \"Config\" or \"File\""));
+    if (!wanted.transaction.empty()) {
+        ended->output = status(0);
+        return refuse(decide(wanted));
+    }
+    source_url url;
+    std::string name;
+    if (fault problem = check(wanted, &url, &name))
+        return refuse(std::move(problem));
+    return std::make_unique<transfer>(this, wanted, std::move(url), std::move(name));
+}
+
+fault downloads::keep_file(spool *file, const std::string &name, bool named, json_ref *result)
+{
+    if (!file->keep_as(name))
+        return {code::transfer_failed, file->error()};
+    if (!named && name == nameless) {
+        if (const std::string transaction = offer_name(); !transaction.empty())
+            json_object_set_new(result->get(), "TransactionID", json_string(transaction.c_str()));
+    }
+    LOG_INFO("stored %s (%llu bytes)", name.c_str(), static_cast<unsigned long long>(file->size()));
     return {};
 }
 
-fault downloads::finish_firmware(transfer &what, std::string *result)
+fault downloads::keep_image(spool *file, json_ref *result)
 {
     image_header header;
     std::string error;
-    if (!image_header_parse(what.file->first_line(image_header_max + 1), &header, &error))
-        return {code::bad_file, error, ""};
+    if (!image_header_parse(file->first_line(image_header_max + 1), &header, &error))
+        return {code::bad_file, error};
     if (flash_.busy())
-        return {code::denied, "a firmware is being flashed", ""};
+        return {code::denied, "a firmware is being flashed"};
     const std::string current = flash_.version();
     const std::string transaction = random_hex(16);
     if (transaction.empty())
-        return {code::internal, "no randomness for a transaction", ""};
+        return {code::internal, "no randomness for a transaction"};
     drop_image();
-    if (!what.file->keep_as(image_name))
-        return {code::internal, what.file->error(), ""};
+    if (!file->keep_as(image_name))
+        return {code::internal, file->error()};
     image_ = {header, folders_.spool() + "/" + image_name, transaction};
     const bool same = same_version(header.version, current);
-    *result = same ? "{\"Status\":0,\"CurrentVersion\":" : "{\"Status\":1,\"CurrentVersion\":";
-    json_write_string(result, current);
-    *result += ",\"NewVersion\":";
-    json_write_string(result, header.version);
-    *result += ",\"SavedFirmware\":";
-    json_write_string(result, image_.path);
-    *result += ",\"TransactionID\":\"" + transaction + "\"}";
+    *result = status(same ? 0 : 1);
+    json_object_set_new(result->get(), "CurrentVersion", json_text(current));
+    json_object_set_new(result->get(), "NewVersion", json_text(header.version));
+    json_object_set_new(result->get(), "SavedFirmware", json_text(image_.path));
+    json_object_set_new(result->get(), "TransactionID", json_text(transaction));
     if (same)
         begin_flash();
     return {};
 }
 
-void downloads::end(uint64_t client)
-{
-    std::erase_if(transfers_, [client](const auto &one) { return one.second.asker.client == client; });
-}
-
 void downloads::end_all()
 {
-    transfers_.clear();
     flash_.abort();
     drop_image();
 }

@@ -1,18 +1,16 @@
 // Firmware, configurations and files that clients have the device fetch.
 #pragma once
 
+#include "veld/base/fault.h"
 #include "veld/device/device.h"
 #include "veld/firmware/fetch.h"
 #include "veld/firmware/flash.h"
-#include "veld/model/fault.h"
 #include "veld/state/workspace.h"
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <sys/types.h>
-#include <unordered_map>
 
 namespace veld
 {
@@ -22,46 +20,29 @@ struct download_settings {
     int64_t stall_ms; ///< how long a transfer may stand still
 };
 
-/// Who asks for a download.
-struct download_asker {
-    uint64_t client;
-    std::string account;      ///< whose limits count
-    bool owner;               ///< root, or the user that the daemon runs as
-    std::optional<uid_t> uid; ///< on this machine; nothing for somebody who comes over the network
-};
-
 /// A Download request; texts that were not given are empty.
 struct download_request {
     std::string type, url, md5, target, transaction;
+    std::optional<uid_t> reader; ///< who asks for it on this machine; nothing for somebody who comes over the network
 };
 
 class downloads
 {
 public:
-    /// The fault, or the result as JSON text.
-    using done_handler = std::function<void(const fault &, const std::string &result)>;
-
     /// Images wait for their confirmation in the spool of `folders`, files are stored in its directory of files.
     downloads(loop &events, device &machine, flasher &flash, workspace &folders, download_settings settings);
     downloads(const downloads &) = delete;
     downloads &operator=(const downloads &) = delete;
     ~downloads();
 
-    /// Takes a request of a client; `done` is called once, perhaps much later, or never when the client goes first.
-    void request(const download_asker &asker, const download_request &wanted, done_handler done);
-    /// Ends what is under way for a client that is gone.
-    void end(uint64_t client);
-    /// The device goes down.
+    /// What a request asks for: a transfer, which the caller begins and which is gone before this object; or null when
+    /// it ended at once, `*ended` then tells how. What comes of it is the result of the answer.
+    std::unique_ptr<job> request(const download_request &wanted, job_outcome *ended);
+    /// The device goes down, and no transfer is left but those that cannot be cut off.
     void end_all();
 
 private:
-    struct transfer {
-        download_asker asker;
-        download_request wanted;
-        std::unique_ptr<spool> file;
-        std::unique_ptr<fetch> source;
-        done_handler done;
-    };
+    class transfer;
     struct waiting_image {
         image_header header;
         std::string path;
@@ -76,14 +57,10 @@ private:
 
     fault decide(const download_request &wanted);
     fault name_file(const std::string &name);
-    void offer_name(std::string *result);
+    std::string offer_name();
     fault check(const download_request &wanted, source_url *url, std::string *name) const;
-    void parse_configuration(const std::shared_ptr<transfer> &what);
-    void arrived(uint64_t id, const fault &problem, const std::string &name);
-    void conclude(transfer &what, const fault &outcome, const std::string &result);
-    static fault check_md5(transfer &what);
-    fault finish(transfer &what, const std::string &name, std::string *result);
-    fault finish_firmware(transfer &what, std::string *result);
+    fault keep_file(spool *file, const std::string &name, bool named, json_ref *result);
+    fault keep_image(spool *file, json_ref *result);
     void drop_image();
     void begin_flash();
 
@@ -92,10 +69,8 @@ private:
     flasher &flash_;
     workspace &folders_;
     download_settings settings_;
-    worker files_;  // reads those of this machine
-    worker reader_; // reads configurations
-    uint64_t next_ = 1;
-    std::unordered_map<uint64_t, transfer> transfers_;
+    worker files_;             // reads those of this machine
+    worker reader_;            // reads configurations
     waiting_image image_;      // of no path: none waits
     nameless_file nameless_{}; // the file stored last whose request held no name for it
 };

@@ -78,18 +78,19 @@ void fetch::start()
     });
 }
 
-void fetch::watch(uint32_t bits)
+// Where that is not possible everything is over (the object may then be gone).
+void fetch::watch(int fd, uint32_t bits)
 {
     forget();
-    watched_ = fd_.get();
-    loop_.watch(watched_, bits, [this](uint32_t) { ready(); });
+    watch_ = loop_.watch(fd, bits, [this](uint32_t) { ready(); });
+    if (watch_ == 0)
+        fail(code::resources, url_.host + ": " + strerror(errno));
 }
 
 void fetch::forget()
 {
-    if (watched_ >= 0)
-        loop_.forget(watched_);
-    watched_ = -1;
+    loop_.forget(watch_);
+    watch_ = 0;
 }
 
 void fetch::progress()
@@ -237,8 +238,7 @@ void fetch::look_up()
     lookup_ = name_lookup::start(url_.host, AF_UNSPEC);
     if (!lookup_)
         return fail(code::resources, "too many names are being resolved");
-    watched_ = lookup_->fd();
-    loop_.watch(watched_, EPOLLIN, [this](uint32_t) { ready(); });
+    watch(lookup_->fd(), EPOLLIN);
 }
 
 void fetch::looked_up()
@@ -265,7 +265,7 @@ void fetch::connect_next()
         if (fd_ && (connect(fd_.get(), reinterpret_cast<sockaddr *>(&address.bytes), address.length) == 0 ||
                     errno == EINPROGRESS)) {
             progress();
-            watch(EPOLLOUT);
+            watch(fd_.get(), EPOLLOUT);
             return;
         }
         problem = errno;
@@ -288,7 +288,7 @@ void fetch::connected()
     progress();
     if (url_.scheme == source_scheme::netcat) {
         stage_ = stage::body;
-        watch(EPOLLIN);
+        watch(fd_.get(), EPOLLIN);
         return;
     }
     const std::string place = host_port_text({url_.host, url_.port});
@@ -312,7 +312,7 @@ void fetch::send_request()
         request_.erase(0, static_cast<size_t>(count));
     }
     stage_ = stage::header;
-    watch(EPOLLIN);
+    watch(fd_.get(), EPOLLIN);
 }
 
 void fetch::ready()

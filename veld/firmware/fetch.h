@@ -2,11 +2,11 @@
 #pragma once
 
 #include "base/name_lookup.h"
+#include "veld/base/fault.h"
+#include "veld/base/loop.h"
+#include "veld/base/worker.h"
 #include "veld/firmware/source_url.h"
 #include "veld/firmware/spool.h"
-#include "veld/model/fault.h"
-#include "veld/server/loop.h"
-#include "veld/server/worker.h"
 
 #include <functional>
 #include <memory>
@@ -59,10 +59,10 @@ private:
     void progress();
     bool arrived(size_t bytes);
     void stalled();
-    void watch(uint32_t bits);
+    void watch(int fd, uint32_t bits);
     void forget();
     void end(const fault &result);
-    void fail(int code, const std::string &what) { end({code, what, ""}); }
+    void fail(code why, const std::string &what) { end({why, what}); }
 
     loop &loop_;
     worker &disk_;
@@ -79,7 +79,7 @@ private:
     std::vector<host_address> addresses_;
     size_t next_address_ = 0;
     fd_owner fd_;
-    int watched_ = -1;
+    loop::watch_id watch_ = 0;
     loop::timer_id timer_ = 0;
     std::string request_;    // what is still to be sent
     std::string header_;     // an HTTP header under way

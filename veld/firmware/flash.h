@@ -1,10 +1,10 @@
 // Flashing: the new firmware gets into the device over some seconds, which clients can watch.
 #pragma once
 
+#include "veld/base/loop.h"
 #include "veld/device/device.h"
 #include "veld/firmware/image.h"
 #include "veld/model/tree.h"
-#include "veld/server/loop.h"
 
 namespace veld
 {

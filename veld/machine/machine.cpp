@@ -39,14 +39,14 @@ json_ref machine_backend::rows(const scheme &what, const std::string &)
     return json_ref{live_rows(what.provider)};
 }
 
-bool machine_backend::apply(const std::vector<backend_change> &, backend_refusal *)
+fault machine_backend::apply(const std::vector<backend_change> &, size_t *)
 {
-    return true;
+    return {};
 }
 
-std::unique_ptr<method_job> machine_backend::run(const scheme &what, const std::string &, const json_t *input,
-                                                 const std::function<std::string(std::string_view)> &text_of,
-                                                 method_outcome *ended)
+std::unique_ptr<job> machine_backend::run(const scheme &what, const std::string &, const json_t *input,
+                                          const std::function<std::string(std::string_view)> &text_of,
+                                          job_outcome *ended)
 {
     return method_start(what.provider, input, text_of, ended);
 }

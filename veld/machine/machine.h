@@ -13,10 +13,9 @@ public:
     backend_part serves(backend_use use, const scheme &what, const std::string &path) override;
     json_ref read(const scheme &what, const std::string &path) override;
     json_ref rows(const scheme &what, const std::string &path) override;
-    bool apply(const std::vector<backend_change> &changes, backend_refusal *why) override;
-    std::unique_ptr<method_job> run(const scheme &what, const std::string &path, const json_t *input,
-                                    const std::function<std::string(std::string_view)> &text_of,
-                                    method_outcome *ended) override;
+    fault apply(const std::vector<backend_change> &changes, size_t *which) override;
+    std::unique_ptr<job> run(const scheme &what, const std::string &path, const json_t *input,
+                             const std::function<std::string(std::string_view)> &text_of, job_outcome *ended) override;
     void announced(const std::string &action) override;
 };
 

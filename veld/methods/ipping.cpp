@@ -101,10 +101,11 @@ void ipping::find_host()
         return open_socket();
     lookup_ = name_lookup::start(host, family);
     if (!lookup_)
-        return fail(9004, "too many name look-ups are under way");
+        return fail(code::resources, "too many name look-ups are under way");
     phase_ = phase::lookup;
     sent_at_ = monotonic_us();
-    watch(lookup_->fd(), EPOLLIN);
+    if (!watch(lookup_->fd(), EPOLLIN))
+        return fail(code::resources, std::string("cannot wait for the look-up: ") + strerror(errno));
     wake_in(name_lookup_limit_ms);
 }
 
@@ -115,15 +116,15 @@ void ipping::open_socket()
                          v6 ? int{IPPROTO_ICMPV6} : int{IPPROTO_ICMP}));
     if (!socket_) {
         if (errno == EACCES || errno == EPERM)
-            return fail(9001,
+            return fail(code::denied,
                         "the kernel does not let this daemon send ICMP echo requests (see net.ipv4.ping_group_range)");
         if (errno == EAFNOSUPPORT || errno == EPROTONOSUPPORT)
             return finish("Error_NoRouteToHost");
-        return fail(9002, std::string("cannot open an ICMP socket: ") + strerror(errno));
+        return fail(code::internal, std::string("cannot open an ICMP socket: ") + strerror(errno));
     }
     if (!interface.empty() &&
         setsockopt(socket_.get(), SOL_SOCKET, SO_BINDTODEVICE, interface.c_str(), socklen_t(interface.size() + 1)) != 0)
-        return fail(9002, "cannot use the interface " + interface + ": " + strerror(errno));
+        return fail(code::internal, "cannot use the interface " + interface + ": " + strerror(errno));
     int traffic_class = dscp << 2;
     int on = 1;
     if (v6) {
@@ -137,7 +138,7 @@ void ipping::open_socket()
     for (size_t i = 0; i < block_size; i++)
         packet_[sizeof(echo_header) + i] = char(i);
     if (!watch(socket_.get(), EPOLLIN))
-        return fail(9002, std::string("cannot wait for answers: ") + strerror(errno));
+        return fail(code::internal, std::string("cannot wait for answers: ") + strerror(errno));
     phase_ = phase::echo;
     next();
 }

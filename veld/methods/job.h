@@ -12,7 +12,7 @@ namespace veld
 struct method_call {
     const json_t *input;
     const std::function<std::string(std::string_view path)> &text_of;
-    method_outcome *refused;
+    job_outcome *refused;
 
     std::string text(const char *argument) const;
     /// An integer argument, brought into the bounds.

@@ -1,5 +1,6 @@
 #include "veld/methods/methods.h"
 
+#include "base/json_write.h"
 #include "veld/methods/job.h"
 
 #include <algorithm>
@@ -57,9 +58,9 @@ bool method_call::interface(std::string *name) const
 
 std::unique_ptr<method_job> method_call::refuse(const char *argument, const std::string &what) const
 {
-    refused->code = 9003;
-    refused->message = std::string(argument) + ": " + what;
-    refused->data.reset(json_pack("{s:s}", argument, what.c_str()));
+    const json_ref wrong{json_pack("{s:s}", argument, what.c_str())};
+    refused->problem = {code::bad_arguments, std::string(argument) + ": " + what};
+    json_write_value(&refused->problem.data, wrong.get());
     return nullptr;
 }
 
@@ -70,18 +71,14 @@ bool method_known(std::string_view name)
 
 std::unique_ptr<method_job> method_start(std::string_view name, const json_t *input,
                                          const std::function<std::string(std::string_view path)> &text_of,
-                                         method_outcome *ended)
+                                         job_outcome *ended)
 {
     const implementation *found = find_implementation(name);
     if (found == nullptr) {
-        ended->code = 9000;
-        ended->message = "this device does not implement the method";
+        ended->problem = {code::not_supported, "this device does not implement the method"};
         return nullptr;
     }
-    if (!job_possible(ended))
-        return nullptr;
-    std::unique_ptr<method_job> job = found->make({input, text_of, ended});
-    return job ? job_begin(std::move(job), ended) : nullptr;
+    return found->make({input, text_of, ended});
 }
 
 } // namespace veld

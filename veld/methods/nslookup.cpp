@@ -9,6 +9,8 @@
 #include <sys/epoll.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <vector>
 
 namespace veld
@@ -99,10 +101,11 @@ void nslookup::begin()
         return finish("Error_DNSServerNotResolved");
     lookup_ = name_lookup::start(server, AF_UNSPEC);
     if (!lookup_)
-        return fail(9004, "too many name look-ups are under way");
+        return fail(code::resources, "too many name look-ups are under way");
     phase_ = phase::lookup;
     asked_at_ = monotonic_us();
-    watch(lookup_->fd(), EPOLLIN);
+    if (!watch(lookup_->fd(), EPOLLIN))
+        return fail(code::resources, std::string("cannot wait for the look-up: ") + strerror(errno));
     wake_in(name_lookup_limit_ms);
 }
 
@@ -145,7 +148,7 @@ bool nslookup::failed()
 {
     for (const auto &each : questions_) {
         if (each->no_interface()) {
-            fail(9002, "cannot use the interface " + interface);
+            fail(code::internal, "cannot use the interface " + interface);
             return true;
         }
         if (each->unreachable()) {

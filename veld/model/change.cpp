@@ -31,22 +31,22 @@ struct pending {
 class problem_list
 {
 public:
-    void add(std::string_view name, int code, std::string_view text, bool lacks_rights = false)
+    void add(std::string_view name, const fault &what)
     {
-        lacks_rights_ = lacks_rights_ || lacks_rights;
-        code_ = code_ == 0 || code_ == code ? code : code::bad_arguments;
+        lacks_rights_ = lacks_rights_ || what.lacks_rights;
+        code_ = code_ == code::none || code_ == what.code ? what.code : code::bad_arguments;
         if (!named_.insert(std::string(name)).second)
             return;
         data_ += data_.empty() ? "{" : ",";
         json_write_string(&data_, name);
         data_ += ':';
-        json_write_string(&data_, text);
+        json_write_string(&data_, what.message);
     }
     bool empty() const { return data_.empty(); }
     fault finish() { return {code_, "nothing was set", data_ + "}", lacks_rights_}; }
 
 private:
-    int code_ = 0;
+    code code_ = code::none;
     bool lacks_rights_ = false;
     std::string data_;
     std::unordered_set<std::string> named_;
@@ -125,12 +125,14 @@ void act(tree *in, const std::vector<pending> &entries, problem_list *problems)
         before.push_back(in->value(entry.parameter));
         changes.push_back({entry.parameter->what, &entry.name, entry.value.get(), before.back().get()});
     }
-    backend_refusal why;
-    if (!changes.empty() && !in->behind()->apply(changes, &why))
-        problems->add(*changes[why.which].path, why.code, why.text);
+    size_t which = 0;
+    if (changes.empty())
+        return;
+    if (const fault refusal = in->behind()->apply(changes, &which))
+        problems->add(*changes[which].path, refusal);
 }
 
-value_problem settable(const place &where, role who)
+fault settable(const place &where, role who)
 {
     if (!where)
         return {code::bad_name, "no such parameter"};
@@ -139,7 +141,7 @@ value_problem settable(const place &where, role who)
     if (!where.what->writable || !settable_source(*where.what))
         return {code::not_writable, "is not writable"};
     if (who < where.what->write || who < where.what->read)
-        return {code::denied, std::string(refused_role), true};
+        return {code::denied, std::string(refused_role), "", true};
     return {};
 }
 
@@ -196,7 +198,7 @@ void settle_instance(tree *in, node *of, bool changed)
     json_ref kept;
     for (int tries = 0; tries < tries_for_a_free_number; ++tries, ++number) {
         json_ref value{json_integer(number)};
-        if (value_check(*of->what, value.get(), &kept).code != 0)
+        if (value_check(*of->what, value.get(), &kept))
             return;
         if (in->taken(of, value.get()) == 0) {
             in->store(of, std::move(value), changed);
@@ -218,21 +220,21 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
         const json_t *text = json_object_get(item, "Name");
         const std::string_view name{json_string_value(text), json_string_length(text)};
         const place where = in->find(name);
-        value_problem problem = settable(where, who);
+        fault problem = settable(where, who);
         pending entry{where.at, {}, {}};
-        if (problem.code == 0)
+        if (!problem)
             problem = value_check(*where.what, json_object_get(item, "Value"), &entry.value);
-        if (problem.code == 0) {
+        if (!problem) {
             std::string leads = reference_problem(in, who, *where.what, entry.value.get());
             if (!leads.empty())
                 problem = {code::bad_value, std::move(leads)};
         }
-        if (problem.code == 0 && where.what->handler_set == "password" && !password_possible(entry.value.get()))
+        if (!problem && where.what->handler_set == "password" && !password_possible(entry.value.get()))
             problem = {code::bad_value, "is not possible as a password"};
-        if (problem.code == 0 && !named.insert(where.at).second)
+        if (!problem && !named.insert(where.at).second)
             problem = {code::bad_arguments, "is named more than once"};
-        if (problem.code != 0) {
-            problems.add(name, problem.code, problem.text, problem.lacks_rights);
+        if (problem) {
+            problems.add(name, problem);
             continue;
         }
         entry.name = tree::name(where.at);
@@ -247,11 +249,11 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
         bool twice = false;
         const uint32_t holder = unique.conflict(entry, &twice);
         if (holder != 0)
-            problems.add(entry.name, code::bad_value, "is already used by instance " + std::to_string(holder));
+            problems.add(entry.name, {code::bad_value, "is already used by instance " + std::to_string(holder)});
         else if (twice)
-            problems.add(entry.name, code::bad_value, "would be used by two instances");
+            problems.add(entry.name, {code::bad_value, "would be used by two instances"});
         else if (const std::string same = keys.problem(entry.parameter); !same.empty())
-            problems.add(entry.name, code::bad_value, same);
+            problems.add(entry.name, {code::bad_value, same});
     }
     if (problems.empty())
         act(in, entries, &problems);
@@ -288,8 +290,8 @@ std::string value_put(tree *in, const std::string &path, json_t *value, value_ch
     if (where.what->handler_set == "password")
         return "is a password";
     json_ref kept;
-    if (const value_problem problem = value_check(*where.what, value, &kept); problem.code != 0)
-        return problem.text;
+    if (const fault problem = value_check(*where.what, value, &kept))
+        return problem.message;
     if (const uint32_t other = in->taken(where.at, kept.get()))
         return "is already used by instance " + std::to_string(other);
     *done = {tree::name(where.at), json_ref::share(kept.get()), where.what};

@@ -1,7 +1,7 @@
 // Changes that clients ask for: values, instances and their order. Each is done as a whole or not at all.
 #pragma once
 
-#include "veld/model/fault.h"
+#include "veld/base/fault.h"
 #include "veld/model/password.h"
 #include "veld/model/tree.h"
 

@@ -353,7 +353,7 @@ bool value_fits_type(const scheme &what, json_t *value, json_ref *kept)
     return fits;
 }
 
-value_problem factory_value_check(const scheme &what, json_t *value)
+fault factory_value_check(const scheme &what, json_t *value)
 {
     json_ref kept;
     if (what.handler_set == "password" || json_equal(what.initial.get(), value) != 0)
@@ -361,10 +361,10 @@ value_problem factory_value_check(const scheme &what, json_t *value)
     return value_check(what, value, &kept);
 }
 
-value_problem value_check(const scheme &what, json_t *value, json_ref *kept)
+fault value_check(const scheme &what, json_t *value, json_ref *kept)
 {
     if (!value_fits_type(what, value, kept))
-        return {9006, expected(what.type)};
+        return {code::bad_type, expected(what.type)};
     const json_t *fitting = kept->get();
     if (what.off_value && json_equal(what.off_value.get(), fitting) != 0)
         return {};
@@ -372,14 +372,14 @@ value_problem value_check(const scheme &what, json_t *value, json_ref *kept)
         const span_of_type limits = span(what.type);
         const int64_t number = json_integer_value(fitting);
         if (number < limits.low)
-            return {9007, "must be at least " + std::to_string(limits.low)};
+            return {code::bad_value, "must be at least " + std::to_string(limits.low)};
         if (number > limits.high)
-            return {9007, "must be at most " + std::to_string(limits.high)};
+            return {code::bad_value, "must be at most " + std::to_string(limits.high)};
     }
     if (what.enumeration) {
         std::string problem = enumeration_problem(what.enumeration.get(), fitting);
         if (!problem.empty())
-            return {9007, problem};
+            return {code::bad_value, problem};
     }
     std::string problem;
     if (is_integer(what.type) || what.type == value_type::decimal)
@@ -388,7 +388,7 @@ value_problem value_check(const scheme &what, json_t *value, json_ref *kept)
              (what.type == value_type::string || json_equal(what.initial.get(), fitting) == 0))
         problem = text_problem(what, view(fitting));
     if (!problem.empty())
-        return {9007, problem};
+        return {code::bad_value, problem};
     return {};
 }
 

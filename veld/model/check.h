@@ -1,6 +1,7 @@
 // Whether a value fits what the model says about its parameter.
 #pragma once
 
+#include "veld/base/fault.h"
 #include "veld/model/scheme.h"
 
 #include <string>
@@ -9,24 +10,17 @@
 namespace veld
 {
 
-/// What is wrong with a value: the protocol's error code and a phrase; code 0 when nothing is.
-struct value_problem {
-    int code = 0;
-    std::string text;
-    bool lacks_rights = false; ///< another user may
-};
-
 /// True when `value` has the JSON type of the parameter's values; `*kept` then owns the value as it is to be stored
 /// (an integer given for a decimal becomes a real one, digits that fit a signed word become an integer).
 bool value_fits_type(const scheme &what, json_t *value, json_ref *kept);
 
 /// Checks everything that one value alone can violate: type, enumeration, range, length, pattern and the type's own
-/// form.
-value_problem value_check(const scheme &what, json_t *value, json_ref *kept);
+/// form. The message is a phrase about the parameter.
+fault value_check(const scheme &what, json_t *value, json_ref *kept);
 
 /// Checks a factory value, which fulfils the constraints like any; the default needs no second look, and a password's
 /// hash is no password.
-value_problem factory_value_check(const scheme &what, json_t *value);
+fault factory_value_check(const scheme &what, json_t *value);
 
 /// The items of a list that is kept as one text, without the blanks around them; none of an empty text.
 std::vector<std::string_view> list_items(std::string_view text);

@@ -111,9 +111,8 @@ std::string given_values::put(tree *onto, entry *one)
     if (one->hashed) {
         kept = json_ref::share(one->value.get());
     } else {
-        const value_problem problem = value_check(what, one->value.get(), &kept);
-        if (problem.code != 0)
-            return problem.text;
+        if (const fault problem = value_check(what, one->value.get(), &kept))
+            return problem.message;
         if (what.handler_set == "password") {
             if (!password_possible(kept.get()))
                 return "is not possible as a password";

@@ -75,14 +75,13 @@ bool applier::parameter(node *of, json_t *value)
     if (kind_ == overlay_kind::factory) {
         if (!value_fits_type(what, value, &kept))
             return fail(of, std::string("the value is no ") + type_name(what.type));
-        if (const value_problem problem = factory_value_check(what, value); problem.code != 0)
-            return fail(of, "the value " + problem.text);
+        if (const fault problem = factory_value_check(what, value))
+            return fail(of, "the value " + problem.message);
     } else {
         // What is kept of a password is not what the constraints are about.
         const bool fits = what.handler_set == "password" && value_fits_type(what, value, &kept);
-        const value_problem problem = fits ? value_problem{} : value_check(what, value, &kept);
-        if (problem.code != 0)
-            return outdated(of, problem.text);
+        if (const fault problem = fits ? fault{} : value_check(what, value, &kept))
+            return outdated(of, problem.message);
         if (kind_ == overlay_kind::strict && what.handler_set == "password" && !password_hash_usable(kept.get()))
             return fail(of, "is not the hash of a password");
         if (what.runtime || (!what.writable && !of->is_instance()))

@@ -1,7 +1,7 @@
 // The three questions about a model: which names, which values, which attributes.
 #pragma once
 
-#include "veld/model/fault.h"
+#include "veld/base/fault.h"
 #include "veld/model/tree.h"
 
 namespace veld

@@ -212,14 +212,14 @@ bool loader::values(json_t *source, const surroundings &around, scheme *into)
     const bool unknown = json_is_string(initial) && json_string_length(initial) == 0 && !into->enumeration &&
                          (into->regex || into->type != value_type::string || (into->rules && into->rules->leads) ||
                           into->min_count == 1);
-    if (const value_problem problem = value_check(*into, initial, &kept); problem.code != 0 && !unknown)
-        return fail(around, "\"default\" " + problem.text);
+    if (const fault problem = value_check(*into, initial, &kept); problem && !unknown)
+        return fail(around, "\"default\" " + problem.message);
     value_fits_type(*into, initial, &into->initial);
     if (json_t *factory = json_object_get(source, "value")) {
         if (!value_fits_type(*into, factory, &into->factory))
             return fail(around, "\"value\" is no " + type);
-        if (const value_problem problem = factory_value_check(*into, factory); problem.code != 0)
-            return fail(around, "\"value\" " + problem.text);
+        if (const fault problem = factory_value_check(*into, factory))
+            return fail(around, "\"value\" " + problem.message);
     }
     return true;
 }

@@ -69,23 +69,22 @@ void service::set_values(client &from, const json_t *params, const ticket &to)
         return answer_fault(to, {code::resources, "too many passwords in one request", ""});
     if (passwords.empty())
         return finish_set(from, list, {}, to);
-    from.link->hold();
+    if (!admitted(operation_kind::work, from, to))
+        return;
     const auto kept = std::make_shared<json_ref>(json_ref::share(const_cast<json_t *>(list)));
     const auto hashes = std::make_shared<ready_hashes>();
     for (const std::string &one : passwords)
         hashes->emplace(one, json_ref{});
-    passwords_.run(
-        [hashes] {
-            for (auto &[password, hash] : *hashes)
-                hash = password_hash(json_ref{json_stringn(password.data(), password.size())}.get());
-        },
-        [this, to, kept, hashes] {
-            client *asking = find(to.client);
-            if (asking == nullptr)
-                return;
+    const auto hash = [hashes] {
+        for (auto &[password, hashed] : *hashes)
+            hashed = password_hash(json_ref{json_stringn(password.data(), password.size())}.get());
+    };
+    do_held(
+        from, to,
+        [this, hash](errand::done_handler done) { passwords_.run(hash, [done = std::move(done)] { done({}); }); },
+        [this, to, kept, hashes](client &asking) {
             tree_.begin_request();
-            finish_set(*asking, kept->get(), *hashes, to);
-            asking->link->release();
+            finish_set(asking, kept->get(), *hashes, to);
         });
 }
 

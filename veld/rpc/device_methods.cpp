@@ -1,6 +1,6 @@
-#include "base/json_write.h"
 #include "veld/model/secret.h"
 #include "veld/rpc/answer.h"
+#include "veld/rpc/arguments.h"
 #include "veld/rpc/service.h"
 
 namespace veld
@@ -25,31 +25,64 @@ bool service::refused(const client &from, role needed, const ticket &to)
     return true;
 }
 
-void service::save_config(client &from, const json_t *, const ticket &to)
+// Whether one more may begin for this client; otherwise it has been answered.
+bool service::admitted(operation_kind kind, const client &from, const ticket &to)
 {
-    if (refused(from, role::user, to))
-        return;
-    from.link->hold();
-    device_.save_configuration([this, to](const fault &problem) { answer_held(to, problem); });
+    const fault full = operations_.admits(kind, from.asker());
+    if (full)
+        answer_fault(to, full);
+    return !full;
 }
 
-// The answer to a request that the client's further ones waited for.
-void service::answer_held(const ticket &to, const fault &problem)
+// Runs a job whose outcome is the answer; `result` makes the result of it.
+void service::run(operation_kind kind, client &from, const ticket &to, std::unique_ptr<job> what,
+                  std::function<json_ref(job_outcome &)> result)
 {
-    if (problem)
-        answer_fault(to, problem);
-    else
-        answer_result(to, status_ok);
-    if (client *waiting = find(to.client))
-        waiting->link->release();
+    from.link->expect_answer();
+    operations_.run(kind, from.asker(), std::move(what), [this, to, result = std::move(result)](job_outcome &outcome) {
+        if (outcome.problem)
+            answer_fault(to, outcome.problem);
+        else
+            answer_object(to, result(outcome).get());
+        if (client *waiting = find(to.client))
+            waiting->link->answer_given();
+    });
+}
+
+// Work that the client's further requests wait for; `then` answers when it has succeeded.
+void service::do_held(client &from, const ticket &to, std::function<void(errand::done_handler)> work,
+                      std::function<void(client &)> then)
+{
+    from.link->hold();
+    operations_.run(operation_kind::work, from.asker(), std::make_unique<errand>(std::move(work)),
+                    [this, to, then = std::move(then)](job_outcome &outcome) {
+                        client *waiting = find(to.client);
+                        if (waiting == nullptr)
+                            return;
+                        if (outcome.problem)
+                            answer_fault(to, outcome.problem);
+                        else
+                            then(*waiting);
+                        waiting->link->release();
+                    });
+}
+
+void service::save_config(client &from, const json_t *, const ticket &to)
+{
+    if (refused(from, role::user, to) || !admitted(operation_kind::work, from, to))
+        return;
+    do_held(
+        from, to, [this](errand::done_handler done) { device_.save_configuration(std::move(done)); },
+        [this, to](client &) { answer_result(to, status_ok); });
 }
 
 void service::factory_reset(client &from, const json_t *, const ticket &to)
 {
-    if (refused(from, role::administrator, to))
+    if (refused(from, role::administrator, to) || !admitted(operation_kind::work, from, to))
         return;
-    from.link->hold();
-    device_.factory_reset([this, to](const fault &problem) { answer_held(to, problem); });
+    do_held(
+        from, to, [this](errand::done_handler done) { device_.factory_reset(std::move(done)); },
+        [this, to](client &) { answer_result(to, status_ok); });
 }
 
 void service::reboot(client &from, const json_t *params, const ticket &to)
@@ -75,7 +108,7 @@ void service::announce(const char *action)
 
 void service::part_with_all()
 {
-    executions_.end_all();
+    operations_.end_all();
     downloads_.end_all();
     for (auto &[id, one] : clients_)
         one.link->finish(parting_ms, false);
@@ -94,16 +127,17 @@ void service::download(client &from, const json_t *params, const ticket &to)
         return answer_fault(to, reader.problem());
     if (refused(from, role::administrator, to))
         return;
-    from.link->expect_answer();
-    const download_asker asker{from.link->id(), from.account(), from.who.owner, from.link->uid()};
-    downloads_.request(asker, wanted, [this, to](const fault &problem, const std::string &result) {
-        if (problem)
-            answer_fault(to, problem);
-        else
-            answer_result(to, result);
-        if (client *waiting = find(to.client))
-            waiting->link->answer_given();
-    });
+    wanted.reader = from.link->uid();
+    job_outcome ended;
+    std::unique_ptr<job> transfer = downloads_.request(wanted, &ended);
+    if (!transfer && ended.problem)
+        return answer_fault(to, ended.problem);
+    if (!transfer)
+        return answer_object(to, ended.output.get());
+    if (!admitted(operation_kind::transfer, from, to))
+        return;
+    run(operation_kind::transfer, from, to, std::move(transfer),
+        [](job_outcome &outcome) { return std::move(outcome.output); });
 }
 
 void service::execute(client &from, const json_t *params, const ticket &to)
@@ -126,10 +160,8 @@ void service::execute(client &from, const json_t *params, const ticket &to)
         return answer_fault(to, problem);
     if (!what.runs)
         return answer_fault(to, {code::not_supported, path + " is not implemented", ""});
-    const uint64_t id = from.link->id();
-    const std::string account = from.account();
-    if (!executions_.room_for(account, from.who.rights))
-        return answer_fault(to, {code::resources, "too many methods are running", ""});
+    if (!admitted(operation_kind::method, from, to))
+        return;
 
     const role rights = from.who.rights;
     const auto text_of = [this, rights](std::string_view name) {
@@ -143,30 +175,20 @@ void service::execute(client &from, const json_t *params, const ticket &to)
         }
         return text;
     };
-    method_outcome ended;
-    std::unique_ptr<method_job> job = tree_.behind()->run(what, tree::name(where.at), input.get(), text_of, &ended);
-    if (!job)
-        return answer_outcome(to, ended);
-    from.link->expect_answer();
-    executions_.run(id, account, std::move(job), [this, to](method_outcome &outcome) {
-        answer_outcome(to, outcome);
-        if (client *waiting = find(to.client))
-            waiting->link->answer_given();
-    });
-}
-
-void service::answer_outcome(const ticket &to, method_outcome &outcome)
-{
-    if (outcome.code != 0) {
-        fault problem{outcome.code, outcome.message, ""};
-        if (outcome.data)
-            json_write_value(&problem.data, outcome.data.get());
-        return answer_fault(to, problem);
-    }
-    json_ref result{json_object()};
-    if (outcome.output)
-        json_object_set(result.get(), "ParameterList", outcome.output.get());
-    answer_object(to, result.get());
+    job_outcome ended;
+    std::unique_ptr<job> call = tree_.behind()->run(what, tree::name(where.at), input.get(), text_of, &ended);
+    const auto result = [](job_outcome &outcome) {
+        json_ref whole{json_object()};
+        if (outcome.output)
+            json_object_set(whole.get(), "ParameterList", outcome.output.get());
+        return whole;
+    };
+    if (call)
+        run(operation_kind::method, from, to, std::move(call), result);
+    else if (ended.problem)
+        answer_fault(to, ended.problem);
+    else
+        answer_object(to, result(ended).get());
 }
 
 } // namespace veld

@@ -131,7 +131,7 @@ const service::method_entry service::methods[] = {
 
 service::service(loop &events, tree &model, device &machine, downloads &fetching)
     : loop_(events), tree_(model), device_(machine), downloads_(fetching),
-      executions_(events), directory_{worker{events, worker::at_end::abandon}, worker{events, worker::at_end::abandon},
+      operations_(events), directory_{worker{events, worker::at_end::abandon}, worker{events, worker::at_end::abandon},
                                       worker{events, worker::at_end::abandon}, worker{events, worker::at_end::abandon}},
       passwords_(events, worker::at_end::abandon), parser_(events, worker::at_end::abandon),
       most_links_(links_possible())
@@ -208,8 +208,7 @@ void service::connection_over(connection &which)
     if (const auto own = links_of_.find(which.peer()); own != links_of_.end() && --own->second == 0)
         links_of_.erase(own);
     sessions_.leave(id);
-    executions_.end(id);
-    downloads_.end(id);
+    operations_.end(id);
     if (++left_ >= links_worth_giving_back)
         give_memory_back_soon();
     // The connection may be in the middle of a call of its own.
@@ -380,7 +379,8 @@ void service::answer_object(const ticket &to, json_t *result)
 
 void service::answer_fault(const ticket &to, const fault &why)
 {
-    std::string line = "{\"jsonrpc\":\"2.0\",\"id\":" + to.id + ",\"error\":{\"code\":" + std::to_string(why.code);
+    std::string line =
+        "{\"jsonrpc\":\"2.0\",\"id\":" + to.id + ",\"error\":{\"code\":" + std::to_string(wire_number(why.code));
     line += ",\"message\":";
     const client *asking = find(to.client);
     const bool unknown = why.lacks_rights && asking != nullptr && asking->who.name.empty();
@@ -390,8 +390,8 @@ void service::answer_fault(const ticket &to, const fault &why)
     line += "}}\n";
     // A request can be so long that what is wrong with it does not fit into a message.
     if (line.size() > wire_line_max)
-        line = "{\"jsonrpc\":\"2.0\",\"id\":" + to.id + ",\"error\":{\"code\":" + std::to_string(why.code) +
-               ",\"message\":\"\"}}\n";
+        line = "{\"jsonrpc\":\"2.0\",\"id\":" + to.id +
+               ",\"error\":{\"code\":" + std::to_string(wire_number(why.code)) + ",\"message\":\"\"}}\n";
     send_to(to, std::move(line));
 }
 

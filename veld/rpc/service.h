@@ -1,17 +1,17 @@
 // What the daemon does with its clients' messages.
 #pragma once
 
+#include "veld/base/fault.h"
+#include "veld/base/worker.h"
 #include "veld/device/device.h"
 #include "veld/firmware/downloads.h"
 #include "veld/model/change.h"
-#include "veld/model/fault.h"
 #include "veld/model/query.h"
 #include "veld/model/tree.h"
 #include "veld/rpc/coalesced.h"
-#include "veld/rpc/executions.h"
+#include "veld/rpc/operations.h"
 #include "veld/server/connection.h"
 #include "veld/server/listener.h"
-#include "veld/server/worker.h"
 #include "veld/session/accounts.h"
 #include "veld/session/login_guard.h"
 #include "veld/session/sessions.h"
@@ -34,6 +34,7 @@ struct client {
     const std::string &shown() const { return who.somebody() ? who.name : link->peer(); }
     /// Whose limits count: the user's, or the peer's where nobody has logged in.
     std::string account() const { return who.somebody() ? "user " + who.name : link->peer(); }
+    operation_asker asker() const { return {link->id(), account(), who.rights == role::administrator, who.owner}; }
 };
 
 /// Events that belong together: who may hear of which.
@@ -146,19 +147,22 @@ private:
 
     // device_methods.cpp
     bool refused(const client &from, role needed, const ticket &to);
-    void answer_held(const ticket &to, const fault &problem);
     void save_config(client &from, const json_t *params, const ticket &to);
     void factory_reset(client &from, const json_t *params, const ticket &to);
     void reboot(client &from, const json_t *params, const ticket &to);
     void download(client &from, const json_t *params, const ticket &to);
     void execute(client &from, const json_t *params, const ticket &to);
-    void answer_outcome(const ticket &to, method_outcome &outcome);
+    void run(operation_kind kind, client &from, const ticket &to, std::unique_ptr<job> what,
+             std::function<json_ref(job_outcome &)> result);
+    bool admitted(operation_kind kind, const client &from, const ticket &to);
+    void do_held(client &from, const ticket &to, std::function<void(errand::done_handler)> work,
+                 std::function<void(client &)> then);
 
     loop &loop_;
     tree &tree_;
     device &device_;
     downloads &downloads_;
-    executions executions_;
+    operations operations_;
     sessions sessions_;
     login nobody_; // whom a connection belongs to before a login
     login_guard guard_;

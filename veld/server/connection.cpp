@@ -35,7 +35,11 @@ connection::connection(loop &events, uint64_t id, std::unique_ptr<transport> lin
       memory_(memory), last_line_(monotonic_ms()), self_(std::make_shared<connection *>(this))
 {
     watching_ = EPOLLIN;
-    loop_.watch(link_->fd(), watching_, [this](uint32_t bits) { ready(bits); });
+    watch_ = loop_.watch(link_->fd(), watching_, [this](uint32_t bits) { ready(bits); });
+    if (watch_ == 0) {
+        unwatchable();
+        return;
+    }
     deadline_ = loop_.after(greeting_limit_ms, [this] {
         deadline_ = 0;
         LOG_INFO("%s: no handshake in time", peer_.c_str());
@@ -49,8 +53,7 @@ connection::~connection()
     *self_ = nullptr;
     if (deadline_ != 0)
         loop_.cancel(deadline_);
-    if (link_)
-        loop_.forget(link_->fd());
+    loop_.forget(watch_);
 }
 
 void connection::greet()
@@ -316,10 +319,18 @@ void connection::update_watch()
         if ((!output_.empty() && !write_wants_read_) || read_wants_write_)
             wanted |= EPOLLOUT;
     }
-    if (wanted != watching_) {
-        watching_ = wanted;
-        loop_.change(link_->fd(), wanted);
-    }
+    if (wanted == watching_)
+        return;
+    watching_ = wanted;
+    if (!loop_.change(watch_, wanted))
+        unwatchable();
+}
+
+// Without being told what happens on it the link would hang for ever.
+void connection::unwatchable()
+{
+    LOG_ERROR("%s: the link cannot be waited for: %m", peer_.c_str());
+    close();
 }
 
 void connection::finish(int64_t within_ms, bool waiting)
@@ -345,10 +356,8 @@ void connection::close()
     if (over())
         return;
     state_ = state::over;
-    if (link_) {
-        loop_.forget(link_->fd());
-        link_.reset();
-    }
+    loop_.forget(watch_);
+    link_.reset();
     for (const outgoing &message : output_)
         memory_.output -= message.own.size();
     memory_.output += std::min(written_, output_.empty() ? 0 : output_.front().own.size());

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "base/framing.h"
-#include "veld/server/loop.h"
+#include "veld/base/loop.h"
 #include "veld/server/transport.h"
 
 #include <deque>
@@ -118,6 +118,7 @@ private:
     void flush();
     void enqueue(outgoing message);
     void update_watch();
+    void unwatchable();
     void resume_later();
     void greet();
     bool reads() const { return state_ == state::open && holds_ == 0 && queued_ <= high_water; }
@@ -145,7 +146,8 @@ private:
     size_t unread_ = 0;     // of events, what piled up since the peer last read, see send_event()
     uint64_t round_ = 0;    // of the loop: when an event was last queued
     size_t this_round_ = 0; // of `unread_`, what was added in it
-    uint32_t watching_ = 0;
+    loop::watch_id watch_ = 0;
+    uint32_t watching_ = 0; // for which of epoll's events
     int holds_ = 0;
     int expected_ = 0;
     bool resuming_ = false;

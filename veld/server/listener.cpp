@@ -68,14 +68,17 @@ listener::listener(loop &events, fd_owner opened, accept_handler call)
         address_ = std::string(tcp_scheme) + host_port_text({address_text(own), own.port()});
     else if (own.length > sizeof(sa_family_t))
         address_ = reinterpret_cast<const sockaddr_un *>(&own.bytes)->sun_path;
-    watch();
 }
 
-void listener::watch()
+bool listener::watch(std::string *error)
 {
     if (!reserve_)
         reserve_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    loop_.watch(fd_.get(), EPOLLIN, [this](uint32_t) { arrived(); });
+    if (watch_ == 0)
+        watch_ = loop_.watch(fd_.get(), EPOLLIN, [this](uint32_t) { arrived(); });
+    if (watch_ == 0)
+        *error = because(address_);
+    return watch_ != 0;
 }
 
 listener::~listener()
@@ -116,15 +119,13 @@ bool listener::take_place(std::string *error)
 bool listener::open(std::string *error)
 {
     if (fd_ && turning_away_) {
-        turning_away_ = false;
+        turning_away_ = !watch(error);
+        return !turning_away_;
+    }
+    if ((is_tcp() ? open_tcp(error) : open_unix(error)) && watch(error))
         return true;
-    }
-    if (!(is_tcp() ? open_tcp(error) : open_unix(error))) {
-        fd_.reset();
-        return false;
-    }
-    watch();
-    return true;
+    remove();
+    return false;
 }
 
 void listener::close()
@@ -132,9 +133,14 @@ void listener::close()
     if (!fd_)
         return;
     turning_away_ = kept_;
-    if (kept_)
-        return;
-    loop_.forget(fd_.get());
+    if (!kept_)
+        remove();
+}
+
+void listener::remove()
+{
+    loop_.forget(watch_);
+    watch_ = 0;
     fd_.reset();
     struct stat now {
     };

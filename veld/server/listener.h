@@ -52,7 +52,8 @@ public:
     bool is_tcp() const { return address_.starts_with(tcp_scheme); }
 
 private:
-    void watch();
+    bool watch(std::string *error);
+    void remove();
     bool take_place(std::string *error);
     bool open_unix(std::string *error);
     bool open_tcp(std::string *error);
@@ -64,6 +65,7 @@ private:
     std::optional<host_address> own_; // of a TCP socket: looked up once
     accept_handler call_;
     fd_owner fd_;
+    loop::watch_id watch_ = 0;
     fd_owner place_;   // the lock on the socket's place, held for as long as this listener lives
     fd_owner reserve_; // given up for a moment when descriptors run out, so that clients can be turned away
     bool bound_ = false;

@@ -2,7 +2,7 @@
 // opened for the daemon. Without such an environment nothing happens.
 #pragma once
 
-#include "veld/server/loop.h"
+#include "veld/base/loop.h"
 
 #include <string>
 #include <vector>

@@ -1,10 +1,8 @@
-#include "veld/rpc/executions.h"
+#include "veld/rpc/arguments.h"
 
 #include "base/json_write.h"
 #include "veld/model/check.h"
 
-#include <algorithm>
-#include <sys/epoll.h>
 #include <unordered_set>
 
 namespace veld
@@ -12,10 +10,6 @@ namespace veld
 
 namespace
 {
-
-constexpr size_t methods_of_one_user = 16;
-constexpr size_t methods_of_users = 96;
-constexpr size_t methods_at_once = 128;
 
 const scheme *find_argument(const scheme &method, std::string_view name)
 {
@@ -63,8 +57,8 @@ fault arguments_check(const scheme &method, const json_t *list, json_ref *input)
     input->reset(defaults(method));
     fault problem;
     std::unordered_set<const scheme *> named;
-    const auto refuse = [&problem](std::string_view name, int code, std::string_view text) {
-        problem.code = problem.code == 0 || problem.code == code ? code : code::bad_arguments;
+    const auto refuse = [&problem](std::string_view name, code why, std::string_view text) {
+        problem.code = !problem || problem.code == why ? why : code::bad_arguments;
         problem.message = "the method was not run";
         problem.data += problem.data.empty() ? "{" : ",";
         json_write_string(&problem.data, name);
@@ -83,9 +77,8 @@ fault arguments_check(const scheme &method, const json_t *list, json_ref *input)
             refuse(name, code::bad_arguments, what == nullptr ? "no such argument" : "is not an input argument");
         } else if (!named.insert(what).second) {
             refuse(name, code::bad_arguments, "is given more than once");
-        } else if (const value_problem wrong = value_check(*what, json_object_get(item, "Value"), &kept);
-                   wrong.code != 0) {
-            refuse(name, wrong.code, wrong.text);
+        } else if (const fault wrong = value_check(*what, json_object_get(item, "Value"), &kept)) {
+            refuse(name, wrong.code, wrong.message);
         } else {
             set_argument(input->get(), what, kept.get());
         }
@@ -93,50 +86,6 @@ fault arguments_check(const scheme &method, const json_t *list, json_ref *input)
     if (problem)
         problem.data += '}';
     return problem;
-}
-
-bool executions::room_for(const std::string &account, role rights) const
-{
-    const auto own = std::count_if(jobs_.begin(), jobs_.end(),
-                                   [&account](const auto &one) { return one.second.account == account; });
-    return static_cast<size_t>(own) < methods_of_one_user &&
-           jobs_.size() < (rights == role::administrator ? methods_at_once : methods_of_users);
-}
-
-void executions::run(uint64_t client, const std::string &account, std::unique_ptr<method_job> job, done_handler done)
-{
-    const uint64_t id = next_++;
-    const int fd = job->fd();
-    jobs_[id] = {client, account, std::move(job), std::move(done)};
-    loop_.watch(fd, EPOLLIN, [this, id](uint32_t) { step(id); });
-}
-
-void executions::step(uint64_t id)
-{
-    const auto found = jobs_.find(id);
-    if (found == jobs_.end() || !found->second.job->step())
-        return;
-    loop_.forget(found->second.job->fd());
-    entry ended = std::move(found->second);
-    jobs_.erase(found);
-    ended.done(ended.job->outcome());
-}
-
-void executions::end(uint64_t client)
-{
-    std::erase_if(jobs_, [this, client](const auto &one) {
-        if (one.second.client != client)
-            return false;
-        loop_.forget(one.second.job->fd());
-        return true;
-    });
-}
-
-void executions::end_all()
-{
-    for (const auto &one : jobs_)
-        loop_.forget(one.second.job->fd());
-    jobs_.clear();
 }
 
 } // namespace veld

@@ -1,4 +1,4 @@
-#include "veld/server/loop.h"
+#include "veld/base/loop.h"
 
 #include "base/clock.h"
 #include "veld/base/log.h"
@@ -18,9 +18,9 @@ namespace
 
 constexpr size_t events_at_once = 64;
 
-uint64_t tag(int fd, uint32_t generation)
+int descriptor(loop::watch_id of)
 {
-    return (static_cast<uint64_t>(generation) << 32) | static_cast<uint32_t>(fd);
+    return static_cast<int>(of & 0xffffffffU);
 }
 
 } // namespace
@@ -33,32 +33,34 @@ loop::loop() : epoll_(epoll_create1(EPOLL_CLOEXEC))
     }
 }
 
-void loop::watch(int fd, uint32_t events, fd_handler call)
+loop::watch_id loop::watch(int fd, uint32_t events, fd_handler call)
 {
-    const uint32_t generation = ++generation_;
-    watched_[fd] = {generation, std::make_shared<fd_handler>(std::move(call))};
+    const watch_id id = (static_cast<watch_id>(++generation_) << 32) | static_cast<uint32_t>(fd);
     epoll_event event{};
     event.events = events;
-    event.data.u64 = tag(fd, generation);
+    event.data.u64 = id;
     if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) != 0)
-        LOG_ERROR("epoll: cannot watch a descriptor: %m");
+        return 0;
+    watched_[fd] = {id, std::make_shared<fd_handler>(std::move(call))};
+    return id;
 }
 
-void loop::change(int fd, uint32_t events)
+bool loop::change(watch_id which, uint32_t events)
 {
-    const auto found = watched_.find(fd);
-    if (found == watched_.end())
-        return;
     epoll_event event{};
     event.events = events;
-    event.data.u64 = tag(fd, found->second.generation);
-    epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event);
+    event.data.u64 = which;
+    return epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, descriptor(which), &event) == 0;
 }
 
-void loop::forget(int fd)
+void loop::forget(watch_id which)
 {
-    if (watched_.erase(fd) > 0)
-        epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+    // The descriptor may have been closed, and its number be that of another one.
+    const auto found = watched_.find(descriptor(which));
+    if (found == watched_.end() || found->second.id != which)
+        return;
+    watched_.erase(found);
+    epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, descriptor(which), nullptr);
 }
 
 loop::timer_id loop::after(int64_t milliseconds, handler call)
@@ -117,9 +119,9 @@ void loop::run()
         }
         for (int i = 0; i < count && !stopped_; ++i) {
             const epoll_event &event = events[static_cast<size_t>(i)];
-            const auto found = watched_.find(static_cast<int>(event.data.u64 & 0xffffffffU));
+            const auto found = watched_.find(descriptor(event.data.u64));
             // An earlier handler of this round may have closed the descriptor, and another may have got its number.
-            if (found == watched_.end() || found->second.generation != event.data.u64 >> 32)
+            if (found == watched_.end() || found->second.id != event.data.u64)
                 continue;
             const std::shared_ptr<fd_handler> call = found->second.call;
             (*call)(event.events);

@@ -1,7 +1,7 @@
 // A thread beside the loop, for what may take long: disks, directory services, passwords, large messages.
 #pragma once
 
-#include "veld/server/loop.h"
+#include "veld/base/loop.h"
 
 #include <functional>
 #include <memory>
@@ -19,6 +19,7 @@ public:
         abandon ///< what is under way, and may hang, is left alone; the rest is dropped
     };
 
+    /// At the start of the program: without descriptors it ends.
     worker(loop &events, at_end how);
     worker(const worker &) = delete;
     worker &operator=(const worker &) = delete;
@@ -36,6 +37,7 @@ private:
 
     loop &loop_;
     at_end how_;
+    loop::watch_id watch_ = 0;
     std::shared_ptr<shared> state_;
     size_t waiting_ = 0;
     bool started_ = false;

@@ -1,4 +1,4 @@
-#include "veld/server/worker.h"
+#include "veld/base/worker.h"
 
 #include "base/thread.h"
 #include "veld/base/log.h"
@@ -41,12 +41,16 @@ worker::worker(loop &events, at_end how) : loop_(events), how_(how), state_(std:
         LOG_ERROR("eventfd: %m");
         exit(EXIT_FAILURE);
     }
-    loop_.watch(state_->bell.get(), EPOLLIN, [this](uint32_t) { collect(); });
+    watch_ = loop_.watch(state_->bell.get(), EPOLLIN, [this](uint32_t) { collect(); });
+    if (watch_ == 0) {
+        LOG_ERROR("epoll: %m");
+        exit(EXIT_FAILURE);
+    }
 }
 
 worker::~worker()
 {
-    loop_.forget(state_->bell.get());
+    loop_.forget(watch_);
     {
         const std::lock_guard guard(state_->lock);
         state_->ends = true;
