@@ -31,7 +31,7 @@ bool ve_rl_ctrld_is_pressed();
 /// What was typed ahead at the prompt, as far as the terminal does not hold it any more. Takes its next byte; false
 /// when there is none, and the terminal is to be read.
 bool ve_rl_take_ahead(char *byte);
-/// Drops it: Ctrl-C came.
+/// Drops what of it was typed before the Ctrl-C that has come.
 void ve_rl_drop_ahead();
 /// Puts it back into the terminal, where another program will read it.
 void ve_rl_put_back_ahead();

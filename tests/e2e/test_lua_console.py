@@ -600,6 +600,19 @@ def test_ctrl_c_drops_an_unfinished_statement(veld, shell):
     assert term.run("pwd")[-1] == ":"
 
 
+def test_what_is_typed_behind_a_ctrl_c_behind_enter_stays(veld, shell):
+    term = shell(to=veld)
+    term.run("lua")
+    term.type("do\r")
+    term.wait_prompt("> ")
+    term.type(Key.CTRL_C)
+    term.wait_prompt()
+    # All of it is there before the line has ended.
+    term.type("1 + 1\r2 + 2\r" + Key.CTRL_C + "q" + Key.ENTER + "pwd" + Key.ENTER)
+    term.wait_for(lambda term: ":" in term.lines)
+    assert not term.find("_[")
+
+
 def test_ctrl_c_ends_a_wait_for_a_silent_daemon(fake, kest_start):
     fake.on("GetParameterValues", Silence())
     program = kest_start("-r", "lua", "dm.get('Device.X')", to=fake)

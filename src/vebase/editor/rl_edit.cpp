@@ -50,7 +50,7 @@ bool rl_edit_has_ahead()
 
 void ve_rl_drop_ahead()
 {
-    session.drop_ahead();
+    session.drop_ahead_of_interrupt();
 }
 
 void ve_rl_put_back_ahead()

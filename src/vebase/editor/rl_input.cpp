@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utility>
 
 #include "vebase/editor/rl_session.h"
 
@@ -174,6 +175,7 @@ bool rl_session::look_ahead()
     modes_.make_ctrl_c(rl_modes::ctrl_c::flushing_signal);
     forget_input();
     outcome_ = outcome; // whoever reads next meets the end, too
+    ahead_is_newer_ = interrupted;
     return interrupted;
 }
 
@@ -184,6 +186,12 @@ void rl_session::drop_ahead()
     ahead_.clear();
     ahead_keys_ = keys_;
     ahead_keys_.reset();
+}
+
+void rl_session::drop_ahead_of_interrupt()
+{
+    if (!std::exchange(ahead_is_newer_, false))
+        drop_ahead();
 }
 
 /// Waits for a key, until `until` at most, and notes what came.

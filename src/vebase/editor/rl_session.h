@@ -21,6 +21,9 @@ public:
     size_t take_paste_end(char *data, size_t size);
     rl_ahead &ahead() { return ahead_; }
     void drop_ahead();
+    /// The same for a Ctrl-C that is known to the whole program by now, unless it was found ahead itself: what is there
+    /// then was typed behind it.
+    void drop_ahead_of_interrupt();
 
 private:
     enum class callback { none, complete, hint };
@@ -72,10 +75,11 @@ private:
     int64_t deadline_ = -1;
     bool keep_text_ = false; // the read before timed out
 
-    rl_ahead ahead_;            // typed before its turn
-    rl_key_decoder ahead_keys_; // behind what is ahead
-    int pending_ = 0;           // bytes that the terminal is known to hold
-    bool readable_ = false;     // the terminal is known to be readable
+    rl_ahead ahead_;              // typed before its turn
+    rl_key_decoder ahead_keys_;   // behind what is ahead
+    bool ahead_is_newer_ = false; // than the Ctrl-C that look_ahead() found
+    int pending_ = 0;             // bytes that the terminal is known to hold
+    bool readable_ = false;       // the terminal is known to be readable
 
     callback running_ = callback::none;
     bool abandoned_ = false; // the callback that runs was abandoned
