@@ -18,9 +18,9 @@ std::string directory_of(const std::string &path)
     return slash == std::string::npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
 }
 
-bool fill(fd_owner file, std::string_view content, const file_replacement &how)
+bool fill(fd_owner file, const std::function<bool(int fd)> &write, const file_replacement &how)
 {
-    return write_all(file.get(), content) && (!how.mode || fchmod(file.get(), *how.mode) == 0) &&
+    return write(file.get()) && (!how.mode || fchmod(file.get(), *how.mode) == 0) &&
            (!how.durable || fsync(file.get()) == 0) && file.reset() == 0;
 }
 
@@ -55,6 +55,12 @@ bool read_all(int fd, size_t limit, std::string *content)
 
 bool replace_file(const std::string &path, std::string_view content, const file_replacement &how)
 {
+    return replace_file(
+        path, [content](int fd) { return write_all(fd, content); }, how);
+}
+
+bool replace_file(const std::string &path, const std::function<bool(int fd)> &write, const file_replacement &how)
+{
     const std::string fresh = path + (how.suffix != nullptr ? how.suffix : "." + random_hex(8));
     // What a writer that was killed left there goes, whatever it is: a FIFO would be waited for.
     if (how.suffix != nullptr)
@@ -63,12 +69,23 @@ bool replace_file(const std::string &path, std::string_view content, const file_
                        how.mode ? *how.mode & 0600 : 0666)};
     if (!file)
         return false;
-    if (fill(std::move(file), content, how) && rename(fresh.c_str(), path.c_str()) == 0)
+    if (fill(std::move(file), write, how) && rename(fresh.c_str(), path.c_str()) == 0)
         return !how.durable || sync_directory(directory_of(path));
     const int error = errno;
     unlink(fresh.c_str());
     errno = error;
     return false;
+}
+
+bool write_result(const std::string &path, const std::function<bool(int fd)> &write)
+{
+    if (path.empty())
+        return write(STDOUT_FILENO);
+    struct stat there;
+    if (stat(path.c_str(), &there) != 0 || S_ISREG(there.st_mode))
+        return replace_file(path, write, {.durable = true});
+    const fd_owner direct{open(path.c_str(), O_WRONLY | O_CLOEXEC)};
+    return direct && write(direct.get());
 }
 
 bool sync_directory(const std::string &path)

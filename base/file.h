@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,6 +25,14 @@ struct file_replacement {
 /// Makes `content` the file `path` in one step: at any moment that name holds all of the old content or all of the new.
 /// Nothing is left behind when that fails. A symbolic link is itself replaced.
 [[nodiscard]] bool replace_file(const std::string &path, std::string_view content, const file_replacement &how);
+/// The same for what `write` writes to the descriptor that it is given; it returns false, with the reason in errno,
+/// when that fails.
+[[nodiscard]] bool replace_file(const std::string &path, const std::function<bool(int fd)> &write,
+                                const file_replacement &how);
+
+/// For a result that goes where a user has said: replaces a regular file, writes to whatever else is there (a pipe, a
+/// terminal, /dev/null), and to standard output when `path` is empty.
+[[nodiscard]] bool write_result(const std::string &path, const std::function<bool(int fd)> &write);
 
 /// Puts on the disk which names a directory holds.
 [[nodiscard]] bool sync_directory(const std::string &path);

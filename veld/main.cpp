@@ -4,7 +4,9 @@
 #include "veld/base/worker.h"
 #include "veld/behaviour/behaviour.h"
 #include "veld/firmware/downloads.h"
+#include "veld/firmware/upgrade.h"
 #include "veld/import/import.h"
+#include "veld/machine/image.h"
 #include "veld/machine/machine.h"
 #include "veld/model/change.h"
 #include "veld/model/document.h"
@@ -138,7 +140,7 @@ int main(int argc, char **argv)
     if (outcome != options_outcome::run)
         return outcome == options_outcome::done ? EXIT_SUCCESS : 2;
     if (!wanted.import.empty())
-        return import_run(wanted.import.c_str(), wanted.model, wanted.output.empty() ? nullptr : wanted.output.c_str());
+        return import_run(wanted.import.c_str(), wanted.model, wanted.output);
     if (!wanted.image_version.empty())
         return image_make(wanted.image_version, wanted.image_payload, wanted.output);
     std::string error;
@@ -192,8 +194,12 @@ int main(int argc, char **argv)
     if (!folders.open(store.directory(), wanted.files, &error))
         return failed(error);
     worker disk(events, worker::at_end::finish);
-    device machine(events, *model, store, disk, wanted.reboot_ms);
-    flasher flash(events, *model, machine, wanted.flash_ms);
+    // What is there and cannot be read is no reason for a fresh device, which lets in whoever knows the usual
+    // passwords.
+    if (!own.open(store, disk, {wanted.flash_ms, wanted.reboot_ms}, &error))
+        return failed(error);
+    device machine(events, *model, store, disk);
+    upgrade flash(events, *model, machine);
     bool values_fit = true;
     std::string values_error;
     model->on_reset([&] {
@@ -203,9 +209,7 @@ int main(int argc, char **argv)
         values_fit = wanted.values.apply(model.get(), &values_error) && values_fit;
         flash.restore_version();
     });
-    // What is there and cannot be read is no reason for a fresh device, which lets in whoever knows the usual
-    // passwords.
-    if (!flash.start(store, &error) || !machine.start(&error))
+    if (!machine.start(&error))
         return failed(error);
     if (!values_fit)
         return failed(values_error);

@@ -7,6 +7,7 @@ import subprocess
 import pytest
 
 from lib import settings
+from lib.wire import Closed
 
 DOCUMENT = (settings.SOURCE / "docs" / "behaviour.md").read_text()
 
@@ -208,6 +209,98 @@ def test_no_file_holds_up_the_daemon_or_gets_out(filed):
         else:
             assert refused[0] == 9002 and expected in refused[1], (text, refused)
     assert veld.peak_kib() < 64 * 1024 or settings.PATIENCE > 1
+
+
+# --- the device as a whole ---
+
+INFO = "Device.DeviceInfo."
+FIRMWARE = {"DeviceInfo": {"children": {
+    "SoftwareVersion": {"type": "string", "default": "1.0.0"},
+    "UpgradeProgress": {"type": "unsignedInt", "default": 0},
+    "UpgradeStatus": {"type": "int", "default": 0}}},
+    "Go": {"type": "boolean", "access": "readWrite", "default": False},
+    "Log": {"type": "string", "default": ""}}  # fmt: skip
+
+
+@pytest.fixture
+def upgradable(sandbox, device):
+    """A daemon of a model with a firmware, and what to download into it."""
+
+    def start(text, image="VELD-FIRMWARE 1 2.0.0\n", *options):
+        (sandbox.work / "model.json").write_text(json.dumps({"format": 1, "root": {"Device": {"children": FIRMWARE}}}))
+        (sandbox.work / "b.lua").write_text(text)
+        path = sandbox.work / "image"
+        path.write_text(image)
+        veld = device(sandbox.work / "model.json", sandbox.work / "b.lua", "--reboot-time", "0.1", "--flash-time", "0", *options)
+        return veld, path
+
+    return start
+
+
+def offer(peer, path):
+    return peer.request("Download", {"FileType": "Firmware", "URL": f"file://{path}"})
+
+
+def confirm(peer, offered):
+    url = f"file://{offered['SavedFirmware']}"
+    return peer.call("Download", FileType="Firmware", URL=url, TransactionID=offered["TransactionID"])
+
+
+def restarted(veld, peer):
+    """Returns when the device is back; `peer` has joined group 2."""
+    assert peer.event() == (2, {"Action": "Upgrade"})
+    with pytest.raises(Closed):
+        peer.receive()
+    veld.wait_until_up()
+
+
+def test_a_file_flashes_and_restarts(upgradable):
+    veld, path = upgradable("""
+        function on_image(beginning)
+          if beginning:sub(1, 3) ~= "BOX" then refuse("not for this box", 9018) end
+          return beginning:match("^BOX (%S+)")
+        end
+        function on_flash(image)
+          progress(30)
+          while not get("Device.Go") do sleep(0.01) end
+          log("flashes " .. image.version .. (image.path:match("/firmware.image$") and " from the spool" or ""))
+        end
+        function on_reboot(action) log("hears of " .. action) end
+        function on_restart(action) log("restarts for " .. action); sleep(0.05); log("is back") end
+    """, "BOX 7.0.1 rest", "--log", "info")  # fmt: skip
+    peer = veld.connect()
+    offered = peer.answer(offer(peer, path))["result"]
+    assert (offered["Status"], offered["CurrentVersion"], offered["NewVersion"]) == (1, "1.0.0", "7.0.1")
+    assert confirm(peer, offered) == {"Status": 0}
+    assert [veld.value(INFO + name) for name in ("UpgradeProgress", "UpgradeStatus")] == [30, 1]
+    peer.join(2)
+    assert set_error(peer, {"Device.Go": True}) is None
+    restarted(veld, peer)
+    assert [veld.value(INFO + name) for name in ("SoftwareVersion", "UpgradeStatus")] == ["7.0.1", 0]
+    told = re.findall(r"b\.lua: (.*)", veld.log)
+    assert told == ["flashes 7.0.1 from the spool", "hears of Upgrade", "restarts for Upgrade", "is back"]
+    path.write_text("PK")
+    peer = veld.connect()
+    assert peer.answer(offer(peer, path))["error"] == {"code": 9018, "message": "not for this box"}
+
+
+def test_a_flash_that_a_file_refuses_fails(upgradable):
+    veld, path = upgradable("function on_flash(image) progress(60) refuse('the flash is worn out') end")
+    peer = veld.connect()
+    assert confirm(peer, peer.answer(offer(peer, path))["result"]) == {"Status": 0}
+    assert [veld.value(INFO + name) for name in ("UpgradeProgress", "UpgradeStatus")] == [60, -1]
+    assert veld.value(INFO + "SoftwareVersion") == "1.0.0"
+    assert "flashing 2.0.0 failed: the flash is worn out" in veld.log
+
+
+def test_what_a_file_does_not_do_the_machine_does(upgradable):
+    veld, path = upgradable("on_get('Device.Log', function() progress(1) end)")
+    peer = veld.connect()
+    peer.join(2)
+    assert confirm(peer, peer.answer(offer(peer, path))["result"]) == {"Status": 0}
+    restarted(veld, peer)
+    assert veld.value(INFO + "SoftwareVersion") == "2.0.0"
+    assert veld.value("Device.Log") == "" and "only on_flash() can report progress()" in veld.log
 
 
 @pytest.mark.parametrize(

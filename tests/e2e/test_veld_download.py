@@ -563,6 +563,22 @@ def test_images_are_made_by_the_daemon_itself(peer, tmp_path):
     assert bad.returncode == 1 and bad.stdout == ""
 
 
+def test_an_image_that_cannot_be_made_leaves_what_was_there(tmp_path):
+    made = Path(tmp_path) / "made.img"
+    made.write_text("old")
+    # What can be opened and not read.
+    command = [settings.VELD, "--make-image", "BOX-2.0.1", "--payload", tmp_path, "--output", made]
+    done = subprocess.run(command, capture_output=True, text=True, timeout=settings.DEADLINE)
+    assert (done.returncode, done.stderr) == (1, f"veld: {tmp_path}: Is a directory\n")
+    assert made.read_text() == "old" and [each.name for each in Path(tmp_path).iterdir()] == ["made.img"]
+    # What is no file is written to, not replaced.
+    os.mkfifo(Path(tmp_path) / "pipe")
+    reader = subprocess.Popen(["cat", Path(tmp_path) / "pipe"], stdout=subprocess.PIPE)
+    command = [settings.VELD, "--make-image", "BOX-2.0.1", "--output", Path(tmp_path) / "pipe"]
+    subprocess.run(command, check=True, timeout=settings.DEADLINE)
+    assert reader.communicate(timeout=settings.DEADLINE)[0] == b"VELD-FIRMWARE 1 BOX-2.0.1\n"
+
+
 @pytest.mark.load
 def test_a_large_image_needs_no_memory(veld, peer, tmp_path):
     _, url, md5 = image(tmp_path, size=100 << 20)

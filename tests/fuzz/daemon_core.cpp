@@ -1,6 +1,7 @@
 // What clients and files hand to the daemon's core: questions, values to set, configurations, model documents, images.
-#include "veld/firmware/image.h"
 #include "veld/firmware/source_url.h"
+#include "veld/firmware/upgrade.h"
+#include "veld/machine/image.h"
 #include "veld/model/change.h"
 #include "veld/model/document.h"
 #include "veld/model/query.h"

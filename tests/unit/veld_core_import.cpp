@@ -700,15 +700,15 @@ TEST(Import, AFailureWritesNothing)
     std::string bad = temporary.file("bad.xml", with_syntax("<dataType ref=\"Nobody\">"));
     std::string output = temporary.file("out.json", "what was there");
     testing::internal::CaptureStderr();
-    EXPECT_NE(import_run(bad.c_str(), "", output.c_str()), 0);
+    EXPECT_NE(import_run(bad.c_str(), "", output), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "veld: " + bad + ": line 3: mismatched tag\n");
     EXPECT_EQ(read_file(output), "what was there");
     testing::internal::CaptureStdout();
-    EXPECT_NE(import_run(bad.c_str(), "", nullptr), 0);
+    EXPECT_NE(import_run(bad.c_str(), "", ""), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 
     testing::internal::CaptureStderr();
-    EXPECT_EQ(import_run(good.c_str(), "", output.c_str()), 0);
+    EXPECT_EQ(import_run(good.c_str(), "", output), 0);
     EXPECT_EQ(
         testing::internal::GetCapturedStderr(),
         "veld: imported 2 objects (0 of them tables), 1 parameters, 0 commands with 0 input and 0 output arguments\n");
@@ -725,7 +725,7 @@ TEST(Import, FilesThatCannotBeReadOrWrittenAreNamed)
     std::string good = temporary.file("good.xml", with_syntax("<string/>"));
     auto said = [&](const std::string &from, const std::string &to) {
         testing::internal::CaptureStderr();
-        EXPECT_NE(import_run(from.c_str(), "", to.c_str()), 0);
+        EXPECT_NE(import_run(from.c_str(), "", to), 0);
         return testing::internal::GetCapturedStderr();
     };
     EXPECT_EQ(said(temporary.path + "/none.xml", "/dev/null"),

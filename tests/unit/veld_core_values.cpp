@@ -1,6 +1,7 @@
 #include "base/json_write.h"
-#include "veld/firmware/image.h"
 #include "veld/firmware/source_url.h"
+#include "veld/firmware/upgrade.h"
+#include "veld/machine/image.h"
 #include "veld/model/password.h"
 #include "veld/model/pattern.h"
 

@@ -30,6 +30,25 @@ enum class backend_part {
     always
 };
 
+/// What a device does as a whole. Each is done by the first backend that does it.
+enum class backend_deed {
+    examine, ///< tell what an image of a firmware is
+    flash,   ///< put it into the device
+    reboot
+};
+
+/// The file that an image of a firmware has arrived in.
+struct firmware_image {
+    std::string path;      ///< stays there until the image has been flashed, or is dropped
+    std::string beginning; ///< its first bytes, at most so many
+    std::string version;   ///< as examine() has found it
+
+    static constexpr size_t beginning_max = 4096;
+};
+
+/// Hears how far something has got, from 0 to 100.
+using progress_handler = std::function<void(int percent)>;
+
 /// A value that is about to be stored. All are borrowed.
 struct backend_change {
     const scheme *what;
@@ -69,6 +88,22 @@ public:
                                      job_outcome *ended) = 0;
     /// The device is about to do this: "Reboot", "FactoryReset", "Upgrade".
     virtual void announced(const std::string &action) = 0;
+
+    // What is done only by backends that say so.
+    virtual bool does(backend_deed) const { return false; }
+    /// Of whoever flashes: the version that it has put into the device; empty where the model's own still runs.
+    virtual std::string flashed_version() { return {}; }
+    /// Whether this is an image for the device; finds out its version.
+    virtual fault examine(firmware_image *) { return no_firmware(); }
+    /// Flashes an image that has been examined; the caller begins the job. Breaking it off leaves the old version. The
+    /// output of a job that fails may be an integer below 0, which UpgradeStatus then shows. The device reboots after
+    /// it.
+    virtual std::unique_ptr<job> flash(const firmware_image &, progress_handler) { return ended_job(no_firmware()); }
+    /// Reboots the device, whose clients have been parted with: the job, which the caller begins, ends when it is back.
+    virtual std::unique_ptr<job> reboot(const std::string &) { return ended_job({}); }
+
+private:
+    static fault no_firmware() { return {code::not_supported, "this device takes no firmware"}; }
 };
 
 } // namespace veld

@@ -84,4 +84,34 @@ void backends::announced(const std::string &action)
         one->announced(action);
 }
 
+device_backend *backends::doer(backend_deed deed) const
+{
+    const auto found = std::find_if(each_.begin(), each_.end(), [deed](const auto *one) { return one->does(deed); });
+    return found == each_.end() ? nullptr : *found;
+}
+
+std::string backends::flashed_version()
+{
+    device_backend *one = doer(backend_deed::flash);
+    return one != nullptr ? one->flashed_version() : std::string{};
+}
+
+fault backends::examine(firmware_image *image)
+{
+    device_backend *one = doer(backend_deed::examine);
+    return one != nullptr ? one->examine(image) : device_backend::examine(image);
+}
+
+std::unique_ptr<job> backends::flash(const firmware_image &image, progress_handler progress)
+{
+    device_backend *one = doer(backend_deed::flash);
+    return one != nullptr ? one->flash(image, std::move(progress)) : device_backend::flash(image, std::move(progress));
+}
+
+std::unique_ptr<job> backends::reboot(const std::string &action)
+{
+    device_backend *one = doer(backend_deed::reboot);
+    return one != nullptr ? one->reboot(action) : device_backend::reboot(action);
+}
+
 } // namespace veld

@@ -22,9 +22,15 @@ public:
     std::unique_ptr<job> run(const scheme &what, const std::string &path, const json_t *input,
                              const std::function<std::string(std::string_view)> &text_of, job_outcome *ended) override;
     void announced(const std::string &action) override;
+    bool does(backend_deed deed) const override { return doer(deed) != nullptr; }
+    std::string flashed_version() override;
+    fault examine(firmware_image *image) override;
+    std::unique_ptr<job> flash(const firmware_image &image, progress_handler progress) override;
+    std::unique_ptr<job> reboot(const std::string &action) override;
 
 private:
     device_backend *behind(backend_use use, const scheme &what) const;
+    device_backend *doer(backend_deed deed) const;
 
     std::vector<device_backend *> each_;
     std::map<std::pair<const scheme *, backend_use>, device_backend *> behind_;

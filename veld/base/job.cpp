@@ -5,6 +5,34 @@
 namespace veld
 {
 
+namespace
+{
+
+class instant_job : public job
+{
+public:
+    explicit instant_job(fault problem) : problem_(std::move(problem)) {}
+
+protected:
+    void proceed() override
+    {
+        if (problem_)
+            fail(std::move(problem_));
+        else
+            succeed({});
+    }
+
+private:
+    fault problem_;
+};
+
+} // namespace
+
+std::unique_ptr<job> ended_job(fault problem)
+{
+    return std::make_unique<instant_job>(std::move(problem));
+}
+
 void job::begin(loop &events, ended_handler ended)
 {
     loop_ = &events;
@@ -74,16 +102,6 @@ void job::wake_in(int64_t milliseconds)
         timer_ = 0;
         step();
     });
-}
-
-void job::succeed(json_ref output)
-{
-    finish({{}, std::move(output)});
-}
-
-void job::fail(fault problem)
-{
-    finish({std::move(problem), {}});
 }
 
 void job::finish(job_outcome outcome)

@@ -19,7 +19,7 @@ namespace veld
 /// How a job ended: with a problem, or with what came of it.
 struct job_outcome {
     fault problem;
-    json_ref output; ///< what it is, the kind of job says
+    json_ref output = {}; ///< what it is, the kind of job says
 };
 
 /// Destroying a job ends it, whatever it was waiting for, and nobody hears of it. Daemon's thread only.
@@ -54,8 +54,8 @@ protected:
     void wake_in(int64_t milliseconds);
 
     // The end. Outside of proceed() the job may be gone when they return.
-    void succeed(json_ref output);
-    void fail(fault problem);
+    void succeed(json_ref output) { finish({{}, std::move(output)}); }
+    void fail(fault problem, json_ref output = {}) { finish({std::move(problem), std::move(output)}); }
     void fail(code why, std::string message) { fail(fault{why, std::move(message)}); }
 
 private:
@@ -75,6 +75,9 @@ private:
     job_outcome outcome_;
     ended_handler ended_;
 };
+
+/// A job that ends as soon as it has begun.
+std::unique_ptr<job> ended_job(fault problem);
 
 /// What somebody else does for a client (the disk, a thread), and cannot be broken off: a job that waits for it.
 class errand : public job

@@ -207,6 +207,17 @@ int behaviour::lua_sleep(lua_State *in)
     return lua_yield(in, 0);
 }
 
+int behaviour::lua_progress(lua_State *in)
+{
+    const behaviour *here = self(in);
+    const lua_Number percent = luaL_checknumber(in, 1);
+    luaL_argcheck(in, percent >= 0 && percent <= 100, 1, "no number of percent");
+    if (here->progress_ == nullptr)
+        return luaL_error(in, "only on_flash() can report progress()");
+    (*here->progress_)(static_cast<int>(percent));
+    return 0;
+}
+
 int behaviour::open(lua_State *in)
 {
     for (int i = 0; i < 4; ++i) {
@@ -220,8 +231,9 @@ int behaviour::open(lua_State *in)
         lua_setglobal(in, again ? "every" : "after");
     }
     static constexpr luaL_Reg functions[] = {
-        {"cancel", lua_cancel}, {"get", lua_get},   {"set", lua_set},       {"event", lua_event},
-        {"log", lua_log},       {"print", lua_log}, {"refuse", lua_refuse}, {"sleep", lua_sleep},
+        {"cancel", lua_cancel}, {"get", lua_get},     {"set", lua_set},
+        {"event", lua_event},   {"log", lua_log},     {"print", lua_log},
+        {"refuse", lua_refuse}, {"sleep", lua_sleep}, {"progress", lua_progress},
     };
     for (const luaL_Reg &one : functions) {
         lua_pushcfunction(in, one.func);
@@ -233,9 +245,15 @@ int behaviour::open(lua_State *in)
     if (luaL_loadbufferx(in, text->data(), text->size(), lua_tostring(in, -1), "t") != LUA_OK)
         return lua_error(in);
     lua_call(in, 0, 0);
-    lua_getglobal(in, "on_reboot");
-    if (lua_isfunction(in, -1))
-        here->on_reboot_ = luaL_ref(in, LUA_REGISTRYINDEX);
+    const std::pair<const char *, int *> hooks[] = {{"on_reboot", &here->on_reboot_},
+                                                    {"on_restart", &here->on_restart_},
+                                                    {"on_image", &here->on_image_},
+                                                    {"on_flash", &here->on_flash_}};
+    for (const auto &[name, reference] : hooks) {
+        lua_getglobal(in, name);
+        if (lua_isfunction(in, -1))
+            *reference = luaL_ref(in, LUA_REGISTRYINDEX);
+    }
     return 0;
 }
 
@@ -476,7 +494,48 @@ std::unique_ptr<job> behaviour::run(const scheme &, const std::string &path, con
                                     const std::function<std::string(std::string_view)> &, job_outcome *)
 {
     const handler &one = handlers_[static_cast<size_t>(backend_use::run)].at(pattern_of(path));
-    return std::make_unique<behaviour_call>(this, one.function, path, input);
+    return std::make_unique<behaviour_call>(this, one.function, path, json_ref::share(const_cast<json_t *>(input)));
+}
+
+bool behaviour::does(backend_deed deed) const
+{
+    switch (deed) {
+    case backend_deed::examine:
+        return on_image_ != 0;
+    case backend_deed::flash:
+        return on_flash_ != 0;
+    case backend_deed::reboot:
+        break;
+    }
+    return on_restart_ != 0;
+}
+
+fault behaviour::examine(firmware_image *image)
+{
+    json_ref version;
+    std::string error;
+    if (!invoke(on_image_, &image->beginning, nullptr, &version, &error)) {
+        if (refusal_.code == code::internal)
+            LOG_WARNING("on_image: %s", error.c_str());
+        return refusal_;
+    }
+    if (!json_is_string(version.get()))
+        return {code::internal, "the behaviour failed: " + name_ + ": on_image gave back no version"};
+    image->version = json_string_value(version.get());
+    return {};
+}
+
+std::unique_ptr<job> behaviour::flash(const firmware_image &image, progress_handler progress)
+{
+    json_ref what{json_object()};
+    json_object_set_new(what.get(), "version", json_string(image.version.c_str()));
+    json_object_set_new(what.get(), "path", json_string(image.path.c_str()));
+    return std::make_unique<behaviour_call>(this, on_flash_, "on_flash", std::move(what), std::move(progress));
+}
+
+std::unique_ptr<job> behaviour::reboot(const std::string &action)
+{
+    return std::make_unique<behaviour_call>(this, on_restart_, "on_restart", json_ref{json_string(action.c_str())});
 }
 
 void behaviour::announced(const std::string &action)

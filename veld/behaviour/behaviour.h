@@ -41,6 +41,10 @@ public:
     std::unique_ptr<job> run(const scheme &what, const std::string &path, const json_t *input,
                              const std::function<std::string(std::string_view)> &text_of, job_outcome *ended) override;
     void announced(const std::string &action) override;
+    bool does(backend_deed deed) const override;
+    fault examine(firmware_image *image) override;
+    std::unique_ptr<job> flash(const firmware_image &image, progress_handler progress) override;
+    std::unique_ptr<job> reboot(const std::string &action) override;
 
 private:
     friend class behaviour_call;
@@ -87,6 +91,7 @@ private:
     static int lua_log(lua_State *in);
     static int lua_refuse(lua_State *in);
     static int lua_sleep(lua_State *in);
+    static int lua_progress(lua_State *in);
     static int open(lua_State *in);
 
     std::string name_; // of the file, as the log calls it
@@ -96,14 +101,19 @@ private:
     bool connected_ = false;
     int nested_ = 0;
     std::map<std::string, handler> handlers_[4]; // by use, then by path with "{i}"
+    // Global functions, as references; 0: the file has none.
     int on_reboot_ = 0;
+    int on_restart_ = 0;
+    int on_image_ = 0;
+    int on_flash_ = 0;
     std::map<int, timer> timers_;
     int next_timer_ = 1;
     json_ref scratch_; // what a Lua function is about to push, kept where raising does not lose it
     std::string path_;
     std::string text_;
     fault refusal_;
-    int64_t sleep_ms_ = -1; // what the call that runs has asked for
+    int64_t sleep_ms_ = -1;                      // what the call that runs has asked for
+    const progress_handler *progress_ = nullptr; // of the call that runs; null: nobody wants to hear of it
 };
 
 } // namespace veld

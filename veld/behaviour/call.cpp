@@ -30,10 +30,10 @@ void flatten(json_t *list, const std::string &name, json_t *value)
 
 } // namespace
 
-behaviour_call::behaviour_call(behaviour *of, int function, std::string path, const json_t *input)
-    : behaviour_(of), path_(std::move(path)), input_(json_ref::share(const_cast<json_t *>(input)))
+behaviour_call::behaviour_call(behaviour *of, int function, std::string name, json_ref input, progress_handler progress)
+    : behaviour_(of), name_(std::move(name)), input_(std::move(input)), progress_(std::move(progress))
 {
-    one_ = {function, &path_, input_.get(), nullptr, nullptr};
+    one_ = {function, &name_, input_.get(), nullptr, nullptr};
 }
 
 behaviour_call::~behaviour_call()
@@ -65,7 +65,7 @@ int behaviour_call::start(lua_State *in)
     lua_settop(in, 0);
     lua_rawgeti(in, LUA_REGISTRYINDEX, self->one_.function);
     values_push(in, self->one_.value);
-    lua_pushlstring(in, self->path_.data(), self->path_.size());
+    lua_pushlstring(in, self->name_.data(), self->name_.size());
     lua_callk(in, 2, 1, reinterpret_cast<intptr_t>(self), finish);
     return finish(in, LUA_OK, reinterpret_cast<intptr_t>(self));
 }
@@ -76,7 +76,7 @@ void behaviour_call::end(int status)
         const std::string error = behaviour_->error_of(thread_);
         if (behaviour_->refusal_ && lua_islightuserdata(thread_, -1))
             return fail(behaviour_->refusal_.code, error);
-        LOG_WARNING("%s: %s", path_.c_str(), error.c_str());
+        LOG_WARNING("%s: %s", name_.c_str(), error.c_str());
         return fail(code::internal, "the behaviour failed: " + error);
     }
     if (one_.problem != nullptr)
@@ -106,12 +106,14 @@ void behaviour_call::proceed()
     behaviour_->current_ = thread_;
     behaviour_->refusal_ = {};
     behaviour_->sleep_ms_ = 0;
+    behaviour_->progress_ = progress_ ? &progress_ : nullptr;
     behaviour_->nested_++;
     behaviour_->box_.enter(thread_);
     const int status = lua_resume(thread_, nullptr, begun_ ? 0 : 1);
     behaviour_->box_.leave(thread_);
     behaviour_->nested_--;
     behaviour_->current_ = before;
+    behaviour_->progress_ = nullptr;
     begun_ = true;
     if (status != LUA_YIELD)
         return end(status);

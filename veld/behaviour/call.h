@@ -1,4 +1,4 @@
-// A method that a behaviour runs: a coroutine, which sleeps between its steps.
+// What a behaviour runs and takes its time: a coroutine, which sleeps between its steps.
 #pragma once
 
 #include "veld/behaviour/behaviour.h"
@@ -9,7 +9,8 @@ namespace veld
 class behaviour_call : public method_job
 {
 public:
-    behaviour_call(behaviour *of, int function, std::string path, const json_t *input);
+    /// Calls the function with `input` and `name`, which is the path of a method, or what the log calls it.
+    behaviour_call(behaviour *of, int function, std::string name, json_ref input, progress_handler progress = nullptr);
     ~behaviour_call() override;
 
 protected:
@@ -22,8 +23,9 @@ private:
     void end(int status);
 
     behaviour *behaviour_;
-    std::string path_;
+    std::string name_;
     json_ref input_;
+    progress_handler progress_; // none: nobody wants to hear of it
     behaviour::invocation one_{};
     lua_State *thread_ = nullptr; // null before it begins, and when there is no memory for it
     int thread_reference_ = 0;

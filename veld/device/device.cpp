@@ -35,23 +35,23 @@ bool device::start(std::string *error)
     return store_.load(configuration_file, &saved, error) && restore(saved.get(), error);
 }
 
-void device::save(const std::string &name, json_ref document, done_handler done)
+void device::save(json_ref document, done_handler done)
 {
     struct saving {
         json_ref document;
         std::string error;
-        bool keeps;
+        bool keeps = false;
         bool saved = false;
     };
     // The store outlives the disk's thread, this device need not.
     auto work = std::make_shared<saving>();
     work->document = std::move(document);
     // What was left out of the saved one is still somewhere afterwards.
-    work->keeps = name == configuration_file && partly_understood_;
+    work->keeps = partly_understood_;
     disk_.run(
-        [&store = store_, work, name] {
-            work->saved = (!work->keeps || store.keep(name, &work->error)) &&
-                          store.save(name, work->document.get(), &work->error);
+        [&store = store_, work] {
+            work->saved = (!work->keeps || store.keep(configuration_file, &work->error)) &&
+                          store.save(configuration_file, work->document.get(), &work->error);
         },
         [this, work, done = std::move(done)] {
             if (work->saved) {
@@ -59,17 +59,13 @@ void device::save(const std::string &name, json_ref document, done_handler done)
                 return done({});
             }
             LOG_ERROR("cannot be saved: %s", work->error.c_str());
-            done({code::internal, "cannot be saved: " + work->error, ""});
+            done({code::internal, "the configuration cannot be saved: " + work->error});
         });
 }
 
 void device::save_configuration(done_handler done)
 {
-    save(configuration_file, configuration_of(&tree_), [done = std::move(done)](fault problem) {
-        if (problem)
-            problem.message.insert(0, "the configuration ");
-        done(problem);
-    });
+    save(configuration_of(&tree_), std::move(done));
 }
 
 void device::factory_reset(done_handler done)
@@ -104,12 +100,12 @@ void device::replace_configuration(json_ref document, done_handler done)
         return done({code::bad_file, "the configuration " + error, ""});
     // The tree follows when the disk has it: what cannot be saved changes nothing.
     const std::shared_ptr<json_ref> wanted = std::make_shared<json_ref>(std::move(document));
-    save(configuration_file, std::move(whole), [this, wanted, done = std::move(done)](fault problem) {
+    save(std::move(whole), [this, wanted, done = std::move(done)](fault problem) {
         tree::snapshot before;
         std::string why;
         if (problem)
-            problem.message.insert(0, "the configuration ");
-        else if (!up_)
+            return done(problem);
+        if (!up_)
             problem = {code::denied, "the device goes down", ""};
         else if (!configuration_replace(&tree_, wanted->get(), &before, &why))
             problem = {code::bad_file, "the configuration " + why, ""};
@@ -125,6 +121,7 @@ void device::reboot(const char *action, bool force)
         return;
     if (grace_ == 0)
         around_.announce(action);
+    action_ = action;
     if (force) {
         // The answer to whoever asked is written first.
         loop_.post([this] { go_down(); });
@@ -146,7 +143,13 @@ void device::go_down()
     up_ = false;
     LOG_INFO("goes down");
     around_.went_down();
-    loop_.after(reboot_ms_, [this] { come_up(); });
+    rebooting_ = tree_.behind()->reboot(action_);
+    rebooting_->begin(loop_, [this](job_outcome &outcome) {
+        if (outcome.problem)
+            LOG_ERROR("the reboot: %s", outcome.problem.message.c_str());
+        rebooting_.reset();
+        come_up();
+    });
 }
 
 void device::come_up()

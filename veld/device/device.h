@@ -2,12 +2,15 @@
 #pragma once
 
 #include "veld/base/fault.h"
+#include "veld/base/job.h"
 #include "veld/base/loop.h"
 #include "veld/base/worker.h"
 #include "veld/model/tree.h"
 #include "veld/state/store.h"
 
 #include <functional>
+#include <memory>
+#include <string>
 
 namespace veld
 {
@@ -28,8 +31,8 @@ public:
     using done_handler = std::function<void(const fault &)>;
 
     /// `disk` does what waits for the disk, in the order in which it is asked to.
-    device(loop &events, tree &model, state_store &store, worker &disk, int64_t reboot_ms)
-        : loop_(events), tree_(model), store_(store), disk_(disk), reboot_ms_(reboot_ms)
+    device(loop &events, tree &model, state_store &store, worker &disk)
+        : loop_(events), tree_(model), store_(store), disk_(disk)
     {
     }
     void connect(surroundings around) { around_ = std::move(around); }
@@ -44,12 +47,12 @@ public:
     void factory_reset(done_handler done);
     /// Replaces the configuration by a document from outside, and saves it.
     void replace_configuration(json_ref document, done_handler done);
-    /// Saves a document beside the configuration.
-    void save(const std::string &name, json_ref document, done_handler done);
-    /// Says what is coming and goes down: at once, or after a moment in which clients hear of it.
+    /// Says what is coming and goes down: at once, or after a moment in which clients hear of it. What is behind the
+    /// model then reboots.
     void reboot(const char *action, bool force);
 
 private:
+    void save(json_ref document, done_handler done);
     void go_down();
     void come_up();
     bool restore(const json_t *saved, std::string *error);
@@ -58,9 +61,10 @@ private:
     tree &tree_;
     state_store &store_;
     worker &disk_;
-    int64_t reboot_ms_;
     surroundings around_;
     loop::timer_id grace_ = 0;
+    std::string action_;             // of the reboot
+    std::unique_ptr<job> rebooting_; // while the device is down
     bool up_ = true;
     bool partly_understood_ = false; // the saved configuration holds what the model does not know
 };

@@ -60,7 +60,7 @@ bool good_file_name(const std::string &name)
 
 } // namespace
 
-downloads::downloads(loop &events, device &machine, flasher &flash, workspace &folders, download_settings settings)
+downloads::downloads(loop &events, device &machine, upgrade &flash, workspace &folders, download_settings settings)
     : loop_(events), device_(machine), flash_(flash), folders_(folders), settings_(settings),
       files_(events, worker::at_end::abandon), reader_(events, worker::at_end::abandon)
 {
@@ -78,8 +78,8 @@ downloads::~downloads()
 
 void downloads::drop_image()
 {
-    if (!image_.path.empty())
-        unlink(image_.path.c_str());
+    if (!image_.what.path.empty())
+        unlink(image_.what.path.c_str());
     image_ = {};
 }
 
@@ -107,14 +107,14 @@ fault downloads::decide(const download_request &wanted)
         return name_file(wanted.target);
     if (wanted.type != "Firmware")
         return bad_argument("only a firmware has a transaction");
-    if (image_.path.empty() || wanted.transaction != image_.transaction)
+    if (image_.what.path.empty() || wanted.transaction != image_.transaction)
         return bad_argument("no such transaction");
     if (wanted.url.empty()) {
-        LOG_INFO("the upgrade to %s is cancelled", image_.header.version.c_str());
+        LOG_INFO("the upgrade to %s is cancelled", image_.what.version.c_str());
         drop_image();
         return {};
     }
-    if (wanted.url != "file://" + image_.path)
+    if (wanted.url != "file://" + image_.what.path)
         return bad_argument("\"URL\" must be the saved firmware");
     begin_flash();
     return {};
@@ -146,9 +146,8 @@ std::string downloads::offer_name()
 
 void downloads::begin_flash()
 {
-    const image_header header = image_.header;
     image_.transaction.clear(); // good for one decision
-    flash_.begin(header, [this] { drop_image(); });
+    flash_.begin(image_.what, [this] { drop_image(); });
 }
 
 // One transfer: it fetches, checks what has arrived, and hands it on.
@@ -305,10 +304,9 @@ fault downloads::keep_file(spool *file, const std::string &name, bool named, jso
 
 fault downloads::keep_image(spool *file, json_ref *result)
 {
-    image_header header;
-    std::string error;
-    if (!image_header_parse(file->first_line(image_header_max + 1), &header, &error))
-        return {code::bad_file, error};
+    firmware_image image{folders_.spool() + "/" + image_name, file->beginning(firmware_image::beginning_max), ""};
+    if (fault problem = flash_.examine(&image))
+        return problem;
     if (flash_.busy())
         return {code::denied, "a firmware is being flashed"};
     const std::string current = flash_.version();
@@ -318,12 +316,12 @@ fault downloads::keep_image(spool *file, json_ref *result)
     drop_image();
     if (!file->keep_as(image_name))
         return {code::internal, file->error()};
-    image_ = {header, folders_.spool() + "/" + image_name, transaction};
-    const bool same = same_version(header.version, current);
+    image_ = {std::move(image), transaction};
+    const bool same = same_version(image_.what.version, current);
     *result = status(same ? 0 : 1);
     json_object_set_new(result->get(), "CurrentVersion", json_text(current));
-    json_object_set_new(result->get(), "NewVersion", json_text(header.version));
-    json_object_set_new(result->get(), "SavedFirmware", json_text(image_.path));
+    json_object_set_new(result->get(), "NewVersion", json_text(image_.what.version));
+    json_object_set_new(result->get(), "SavedFirmware", json_text(image_.what.path));
     json_object_set_new(result->get(), "TransactionID", json_text(transaction));
     if (same)
         begin_flash();

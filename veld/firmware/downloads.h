@@ -4,7 +4,7 @@
 #include "veld/base/fault.h"
 #include "veld/device/device.h"
 #include "veld/firmware/fetch.h"
-#include "veld/firmware/flash.h"
+#include "veld/firmware/upgrade.h"
 #include "veld/state/workspace.h"
 
 #include <memory>
@@ -22,15 +22,16 @@ struct download_settings {
 
 /// A Download request; texts that were not given are empty.
 struct download_request {
-    std::string type, url, md5, target, transaction;
-    std::optional<uid_t> reader; ///< who asks for it on this machine; nothing for somebody who comes over the network
+    std::string type = {}, url = {}, md5 = {}, target = {}, transaction = {};
+    std::optional<uid_t> reader =
+        {}; ///< who asks for it on this machine; nothing for somebody who comes over the network
 };
 
 class downloads
 {
 public:
     /// Images wait for their confirmation in the spool of `folders`, files are stored in its directory of files.
-    downloads(loop &events, device &machine, flasher &flash, workspace &folders, download_settings settings);
+    downloads(loop &events, device &machine, upgrade &flash, workspace &folders, download_settings settings);
     downloads(const downloads &) = delete;
     downloads &operator=(const downloads &) = delete;
     ~downloads();
@@ -44,8 +45,7 @@ public:
 private:
     class transfer;
     struct waiting_image {
-        image_header header;
-        std::string path;
+        firmware_image what;
         std::string transaction;
     };
 
@@ -66,7 +66,7 @@ private:
 
     loop &loop_;
     device &device_;
-    flasher &flash_;
+    upgrade &flash_;
     workspace &folders_;
     download_settings settings_;
     worker files_;             // reads those of this machine

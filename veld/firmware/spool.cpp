@@ -81,13 +81,12 @@ std::string spool::md5()
     return hex_of(digest, sizeof digest);
 }
 
-std::string spool::first_line(size_t most) const
+std::string spool::beginning(size_t most) const
 {
-    std::string line(most, '\0');
-    const ssize_t count = pread(fd_.get(), line.data(), most, 0);
-    line.resize(count > 0 ? static_cast<size_t>(count) : 0);
-    const size_t feed = line.find('\n');
-    return feed == std::string::npos ? std::string{} : line.substr(0, feed);
+    std::string bytes(most, '\0');
+    const ssize_t count = pread(fd_.get(), bytes.data(), most, 0);
+    bytes.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    return bytes;
 }
 
 std::string spool::content() const

@@ -26,8 +26,8 @@ public:
     bool append(std::string_view bytes);
     /// The MD5 of everything appended, 32 lower-case hex digits; call it once, at the end.
     std::string md5();
-    /// The first line, without its line feed; at most that many bytes of it.
-    std::string first_line(size_t most) const;
+    /// The first bytes, so many where there are.
+    std::string beginning(size_t most) const;
     std::string content() const;
 
     /// Moves the file to another name in the same directory, replacing what is there. False on failure.

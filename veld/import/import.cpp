@@ -1,15 +1,11 @@
 #include "veld/import/import.h"
 
-#include "base/fd.h"
 #include "base/file.h"
 #include "base/json_write.h"
 #include "base/visible.h"
 #include "veld/import/data_model.h"
 #include "veld/import/types.h"
 #include "veld/model/scheme.h"
-
-#include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -477,17 +473,6 @@ std::vector<const model_declaration *> choose(const data_model &from, const std:
     return {};
 }
 
-// Either the whole file is there afterwards, or what was there before.
-bool write_file(const std::string &path, std::string_view text)
-{
-    struct stat st;
-    if (stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) { // a pipe, a terminal, /dev/null
-        fd_owner direct(open(path.c_str(), O_WRONLY | O_CLOEXEC));
-        return direct && write_all(direct.get(), text);
-    }
-    return replace_file(path, text, {.durable = true});
-}
-
 } // namespace
 
 json_ref import_model(const char *path, const std::string &name, import_counts *counts, import_warnings *warnings,
@@ -510,7 +495,7 @@ json_ref import_model(const char *path, const std::string &name, import_counts *
     return document;
 }
 
-int import_run(const char *path, const std::string &name, const char *output)
+int import_run(const char *path, const std::string &name, const std::string &output)
 {
     import_counts counts;
     import_warnings warnings;
@@ -521,8 +506,8 @@ int import_run(const char *path, const std::string &name, const char *output)
         return EXIT_FAILURE;
     }
     const std::string text = json_written(document.get(), JSON_INDENT(1)) + "\n";
-    if (output != nullptr ? !write_file(output, text) : !write_all(STDOUT_FILENO, text)) {
-        fprintf(stderr, "veld: %s: %s\n", output != nullptr ? output : "standard output", strerror(errno));
+    if (!write_result(output, [&text](int fd) { return write_all(fd, text); })) {
+        fprintf(stderr, "veld: %s: %s\n", output.empty() ? "standard output" : output.c_str(), strerror(errno));
         return EXIT_FAILURE;
     }
     for (const std::string &line : warnings.lines())

@@ -27,8 +27,8 @@ json_ref import_model(const char *path, const std::string &name, import_counts *
                       std::string *error);
 
 /// What `veld --import` does: writes the document of the file `path` to the file `output`, or to standard output when
-/// that is null, and what it counted and left out to standard error. Nothing is written unless everything can be.
+/// that is empty, and what it counted and left out to standard error. Nothing is written unless everything can be.
 /// Returns the exit status.
-int import_run(const char *path, const std::string &name, const char *output);
+int import_run(const char *path, const std::string &name, const std::string &output);
 
 } // namespace veld

@@ -7,6 +7,31 @@
 namespace veld
 {
 
+namespace
+{
+
+// A reboot of nothing: time passes.
+class pause : public job
+{
+public:
+    explicit pause(int64_t milliseconds) : milliseconds_(milliseconds) {}
+
+protected:
+    void proceed() override
+    {
+        if (std::exchange(waited_, true))
+            succeed({});
+        else
+            wake_in(milliseconds_);
+    }
+
+private:
+    int64_t milliseconds_;
+    bool waited_ = false;
+};
+
+} // namespace
+
 bool machine_backend::knows(backend_use use, std::string_view name) const
 {
     switch (use) {
@@ -52,5 +77,36 @@ std::unique_ptr<job> machine_backend::run(const scheme &what, const std::string 
 }
 
 void machine_backend::announced(const std::string &) {}
+
+bool machine_backend::open(state_store &store, worker &disk, machine_times times, std::string *error)
+{
+    reboot_ms_ = times.reboot_ms;
+    return firmware_.emplace(store, disk, times.flash_ms).load(error);
+}
+
+bool machine_backend::does(backend_deed) const
+{
+    return firmware_.has_value();
+}
+
+std::string machine_backend::flashed_version()
+{
+    return firmware_->flashed();
+}
+
+fault machine_backend::examine(firmware_image *image)
+{
+    return machine_firmware::examine(image);
+}
+
+std::unique_ptr<job> machine_backend::flash(const firmware_image &image, progress_handler progress)
+{
+    return firmware_->flash(image, std::move(progress));
+}
+
+std::unique_ptr<job> machine_backend::reboot(const std::string &)
+{
+    return std::make_unique<pause>(reboot_ms_);
+}
 
 } // namespace veld

@@ -20,11 +20,8 @@ inline constexpr size_t image_header_max = 256;
 /// Reads the first line of an image. False when it is no header, `*error` then says why.
 bool image_header_parse(const std::string &line, image_header *into, std::string *error);
 
-/// Whether two versions are the same one: the numbers count, not how they are written (1.2.3, 1.02.3, 1.2.3.0).
-bool same_version(std::string_view a, std::string_view b);
-
-/// `veld --make-image VERSION`: writes an image to the file `output`, or to standard output when that is empty.
-/// `payload`: the file whose content follows the header; empty for none. Returns the exit status.
+/// `veld --make-image VERSION`: makes an image the file `output`, in one step, or writes it to standard output when
+/// that is empty. `payload`: the file whose content follows the header; empty for none. Returns the exit status.
 int image_make(const std::string &version, const std::string &payload, const std::string &output);
 
 } // namespace veld

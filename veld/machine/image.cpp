@@ -1,5 +1,7 @@
-#include "veld/firmware/image.h"
+#include "veld/machine/image.h"
 
+#include "base/fd.h"
+#include "base/file.h"
 #include "base/number.h"
 
 #include <algorithm>
@@ -8,7 +10,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace veld
 {
@@ -20,6 +23,7 @@ constexpr std::string_view magic = "VELD-FIRMWARE";
 constexpr std::string_view format = "1";
 constexpr size_t version_max = 64;
 constexpr int usual_failure = -1;
+constexpr size_t block = 65536;
 
 std::string_view take_word(std::string_view *rest)
 {
@@ -55,16 +59,6 @@ bool good_version(std::string_view version)
     }
 }
 
-// Takes the next number of "1.2.3", without leading zeros; empty for 0 and when there is none.
-std::string_view take_number(std::string_view *numbers)
-{
-    const size_t dot = numbers->find('.');
-    std::string_view part = numbers->substr(0, dot);
-    part.remove_prefix(std::min(part.find_first_not_of('0'), part.size()));
-    *numbers = dot == std::string_view::npos ? std::string_view{} : numbers->substr(dot + 1);
-    return part;
-}
-
 bool take_flag(std::string_view flag, image_header *into)
 {
     if (flag == "fail") {
@@ -77,10 +71,6 @@ bool take_flag(std::string_view flag, image_header *into)
     into->failure = number_of<int>(flag.substr(named.size())).value_or(0);
     return into->failure < 0;
 }
-
-struct file_closer {
-    void operator()(FILE *file) const { fclose(file); }
-};
 
 int failed(const std::string &what)
 {
@@ -116,24 +106,6 @@ bool image_header_parse(const std::string &line, image_header *into, std::string
     return true;
 }
 
-bool same_version(std::string_view a, std::string_view b)
-{
-    // The product is what stands before the last dash; without one there is none.
-    const size_t dash_a = a.rfind('-') + 1;
-    const size_t dash_b = b.rfind('-') + 1;
-    if (a.substr(0, dash_a) != b.substr(0, dash_b))
-        return false;
-    a.remove_prefix(dash_a);
-    b.remove_prefix(dash_b);
-    if (a.empty() != b.empty())
-        return false;
-    while (!a.empty() || !b.empty()) {
-        if (take_number(&a) != take_number(&b))
-            return false;
-    }
-    return true;
-}
-
 int image_make(const std::string &version, const std::string &payload, const std::string &output)
 {
     const std::string line = std::string(magic) + " " + std::string(format) + " " + version;
@@ -144,22 +116,27 @@ int image_make(const std::string &version, const std::string &payload, const std
                 version.c_str());
         return EXIT_FAILURE;
     }
-    const std::unique_ptr<FILE, file_closer> content(payload.empty() ? nullptr : fopen(payload.c_str(), "rbe"));
+    const fd_owner content(payload.empty() ? -1 : ::open(payload.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!payload.empty() && !content)
         return failed(payload);
-    const std::unique_ptr<FILE, file_closer> file(output.empty() ? nullptr : fopen(output.c_str(), "wbe"));
-    if (!output.empty() && !file)
-        return failed(output);
-    FILE *to = file ? file.get() : stdout;
-    fprintf(to, "%s\n", line.c_str());
-    char bytes[65536];
-    size_t count = 0;
-    while (content && (count = fread(bytes, 1, sizeof bytes, content.get())) > 0)
-        fwrite(bytes, 1, count, to);
-    if (content && ferror(content.get()) != 0)
-        return failed(payload);
-    if (fflush(to) != 0 || ferror(to) != 0)
-        return failed(output.empty() ? "standard output" : output);
+    std::string unread;
+    const auto write_image = [&](int to) {
+        if (!write_all(to, line + "\n"))
+            return false;
+        std::string bytes(block, '\0');
+        ssize_t count = 0;
+        while (content && (count = read(content.get(), bytes.data(), bytes.size())) != 0) {
+            if (count < 0 && errno != EINTR) {
+                unread = payload;
+                return false;
+            }
+            if (count > 0 && !write_all(to, std::string_view(bytes).substr(0, static_cast<size_t>(count))))
+                return false;
+        }
+        return true;
+    };
+    if (!write_result(output, write_image))
+        return failed(!unread.empty() ? unread : output.empty() ? "standard output" : output);
     return EXIT_SUCCESS;
 }
 
