@@ -128,6 +128,7 @@ void act(tree *in, const std::vector<pending> &entries, problem_list *problems)
     size_t which = 0;
     if (changes.empty())
         return;
+    in->end_reader();
     if (const fault refusal = in->behind()->apply(changes, &which))
         problems->add(*changes[which].path, refusal);
 }

@@ -44,11 +44,18 @@ std::unique_ptr<tree> tree::make(std::unique_ptr<scheme> model, device_backend *
 
 void tree::reset()
 {
+    end_reader();
     root_ = make_node(*model_, nullptr);
     std::string error;
     factory_check(this, &error);
     if (on_reset_)
         on_reset_();
+}
+
+tree::snapshot tree::take()
+{
+    end_reader();
+    return std::move(root_);
 }
 
 std::unique_ptr<node> tree::make_node(const scheme &what, node *parent)
@@ -70,6 +77,11 @@ std::unique_ptr<node> tree::make_node(const scheme &what, node *parent)
 
 node *tree::instance(node *table, uint32_t number)
 {
+    if (const past::instances *then = past_of(table)) {
+        const auto found = std::lower_bound(then->all.begin(), then->all.end(), number,
+                                            [](const node *one, uint32_t wanted) { return one->number < wanted; });
+        return found != then->all.end() && (*found)->number == number ? *found : nullptr;
+    }
     auto &instances = table->table->instances;
     const auto found = std::lower_bound(instances.begin(), instances.end(), number, before);
     return found != instances.end() && (*found)->number == number ? found->get() : nullptr;
@@ -127,9 +139,10 @@ std::string tree::name(const node *of)
 json_ref tree::value(node *parameter)
 {
     const scheme &what = *parameter->what;
+    const past::parameter *then = looks_back_ ? past_->of(parameter) : nullptr;
     switch (what.from) {
     case source::live: {
-        if (!what.asked && (parameter->changed || parameter->given))
+        if (!what.asked && ((then != nullptr ? then->changed : parameter->changed) || parameter->given))
             break;
         json_ref live = behind_ != nullptr ? behind_->read(what, name(parameter)) : json_ref{};
         json_ref kept;
@@ -137,16 +150,21 @@ json_ref tree::value(node *parameter)
     }
     case source::max_instance:
         refresh(parameter->parent);
+        if (const past::instances *instances = past_of(parameter->parent))
+            return json_ref{json_integer(instances->highest)};
         return json_ref{json_integer(parameter->parent->table->highest)};
     case source::count: {
         node *table = parameter->parent->children[what.counted].get();
         refresh(table);
-        return json_ref{json_integer(static_cast<json_int_t>(table->table->instances.size()))};
+        const past::instances *instances = past_of(table);
+        const size_t count = instances != nullptr ? instances->all.size() : table->table->instances.size();
+        return json_ref{json_integer(static_cast<json_int_t>(count))};
     }
     case source::order: {
         refresh(parameter->parent);
+        const past::instances *instances = past_of(parameter->parent);
         std::string text;
-        for (const uint32_t number : parameter->parent->table->order) {
+        for (const uint32_t number : instances != nullptr ? instances->order : parameter->parent->table->order) {
             if (!text.empty())
                 text += ',';
             text += std::to_string(number);
@@ -156,7 +174,8 @@ json_ref tree::value(node *parameter)
     default:
         break;
     }
-    return json_ref::share(parameter->value ? parameter->value.get() : what.initial.get());
+    json_t *own = then != nullptr ? then->value.get() : parameter->value.get();
+    return json_ref::share(own != nullptr ? own : what.initial.get());
 }
 
 node *enclosing_table(const node *of)
@@ -224,6 +243,7 @@ uint32_t tree::taken(node *parameter, const json_t *value)
 
 void tree::store(node *parameter, json_ref value, bool changed)
 {
+    keep(parameter);
     index_value(parameter, false);
     parameter->value = std::move(value);
     parameter->changed = parameter->changed || changed;
@@ -237,6 +257,7 @@ node *tree::add(node *table, size_t at)
 
 node *tree::add_numbered(node *table, uint32_t number, size_t at)
 {
+    keep_table(table);
     table_state &state = *table->table;
     auto made = make_node(*table->what->element, table);
     made->number = number;
@@ -254,15 +275,19 @@ node *tree::add_numbered(node *table, uint32_t number, size_t at)
 
 void tree::remove(node *instance)
 {
+    keep_table(instance->parent);
     table_state &state = *instance->parent->table;
     index_subtree(instance, false);
     std::erase(state.order, instance->number);
     const auto found = std::lower_bound(state.instances.begin(), state.instances.end(), instance->number, before);
+    if (past_)
+        past_->removed.push_back(std::move(*found));
     state.instances.erase(found);
 }
 
 void tree::move(node *instance, size_t to)
 {
+    keep_table(instance->parent);
     std::vector<uint32_t> &order = instance->parent->table->order;
     std::erase(order, instance->number);
     order.insert(order.begin() + static_cast<ptrdiff_t>(std::min(to, order.size())), instance->number);
@@ -271,11 +296,14 @@ void tree::move(node *instance, size_t to)
 std::vector<node *> tree::listed(node *table)
 {
     refresh(table);
+    const past::instances *then = past_of(table);
+    if (then != nullptr && !table->what->ordered)
+        return then->all;
     table_state &state = *table->table;
     std::vector<node *> out;
     out.reserve(state.instances.size());
     if (table->what->ordered) {
-        for (const uint32_t number : state.order)
+        for (const uint32_t number : then != nullptr ? then->order : state.order)
             out.push_back(instance(table, number));
     } else {
         for (const auto &one : state.instances)

@@ -1,6 +1,7 @@
 // The model's nodes as they are at the moment: objects, instances, values.
 #pragma once
 
+#include "veld/model/past.h"
 #include "veld/model/scheme.h"
 
 #include <functional>
@@ -93,11 +94,22 @@ public:
     /// The instances of a table in the order in which answers name them.
     std::vector<node *> listed(node *table);
 
+    /// Begins to keep the model as it is now for one reader, until end_past().
+    void begin_past();
+    void end_past();
+    bool has_past() const { return past_ != nullptr; }
+    /// Whether what is asked is what that reader sees, its past, or the model as it is.
+    void look_back(bool back) { looks_back_ = back; }
+    /// Called when a reader under way has to end now, because something is about to happen that cannot be kept from it:
+    /// all nodes are replaced, or what is behind the model acts, which shows in live values.
+    void on_end_reader(std::function<void()> call) { on_end_reader_ = std::move(call); }
+    void end_reader();
+
     /// The whole tree back to the factory state; no node from before is valid afterwards.
     void reset();
     /// All nodes as they are, taken out; reset() or put_back() must follow.
     using snapshot = std::unique_ptr<node>;
-    snapshot take() { return std::move(root_); }
+    snapshot take();
     void put_back(snapshot nodes) { root_ = std::move(nodes); }
     /// Called by reset() when the factory instances have been made: what else belongs to a fresh device.
     void on_reset(std::function<void()> call) { on_reset_ = std::move(call); }
@@ -118,6 +130,9 @@ private:
     // `tells`: what comes and goes is a change.
     void sync_rows(node *table, json_t *rows, bool tells);
     void sync_fields(node *of, json_t *row, bool tells);
+    const past::instances *past_of(const node *table) const;
+    void keep(const node *parameter);
+    void keep_table(const node *table);
     void index_value(node *parameter, bool add);
     void index_subtree(node *of, bool add);
 
@@ -128,6 +143,10 @@ private:
     uint64_t epoch_ = 1;
     live_change_handler on_live_change_;
     std::unordered_set<std::string> live_tables_; // names of those that were looked at
+    std::unique_ptr<past> past_;                  // of a reader under way
+    bool looks_back_ = false;
+    bool keeps_ = true; // what changes goes into the past; not what is the reader's own news
+    std::function<void()> on_end_reader_;
 };
 
 /// The table whose instance `of` stands in (or is), and nothing when it stands in none.

@@ -11,14 +11,20 @@ namespace veld
 
 void tree::refresh(node *table)
 {
-    if (!table->table || table->what->from != source::live || table->table->epoch == epoch_)
+    if (!table->table || table->what->from != source::live)
         return;
+    if (looks_back_ ? !past_->told.insert(table).second : table->table->epoch == epoch_)
+        return;
+    const bool back = std::exchange(looks_back_, false);
+    const bool kept = std::exchange(keeps_, past_ != nullptr && !back && past_->told.count(table) != 0);
     const bool known = std::exchange(table->table->epoch, epoch_) != 0;
     if (!known)
         live_tables_.insert(name(table));
     json_ref rows = behind_ != nullptr ? behind_->rows(*table->what, name(table)) : json_ref{};
     if (rows) // what cannot be told now is as it was
         sync_rows(table, rows.get(), known);
+    keeps_ = kept;
+    looks_back_ = back;
 }
 
 void tree::refresh_known()

@@ -29,35 +29,6 @@ constexpr size_t passwords_at_once = 256;
 
 } // namespace
 
-void service::get_names(client &from, const json_t *params, const ticket &to)
-{
-    param_reader reader(params);
-    const std::string path = reader.text("ParameterPath");
-    const bool next_level = reader.boolean("NextLevel", false);
-    if (reader.problem())
-        return answer_fault(to, reader.problem());
-    answer_written(to, [&](answer_text out) { return query_names(&tree_, from.who.rights, path, next_level, out); });
-}
-
-void service::get_values(client &from, const json_t *params, const ticket &to)
-{
-    param_reader reader(params);
-    const json_t *names = reader.texts("ParameterNames");
-    if (reader.problem())
-        return answer_fault(to, reader.problem());
-    answer_written(to, [&](answer_text out) { return query_values(&tree_, from.who.rights, names, out); });
-}
-
-void service::get_attributes(client &from, const json_t *params, const ticket &to)
-{
-    param_reader reader(params);
-    const json_t *names = reader.texts("ParameterNames");
-    const int64_t depth = reader.integer("Depth", -1, 0);
-    if (reader.problem())
-        return answer_fault(to, reader.problem());
-    answer_written(to, [&](answer_text out) { return query_attributes(&tree_, from.who.rights, names, depth, out); });
-}
-
 void service::set_values(client &from, const json_t *params, const ticket &to)
 {
     param_reader reader(params);

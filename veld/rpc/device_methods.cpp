@@ -108,6 +108,8 @@ void service::announce(const char *action)
 
 void service::part_with_all()
 {
+    while (!long_queries_.empty())
+        end_query();
     operations_.end_all();
     downloads_.end_all();
     for (auto &[id, one] : clients_)

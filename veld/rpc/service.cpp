@@ -139,12 +139,14 @@ service::service(loop &events, tree &model, device &machine, downloads &fetching
     find_password_names(model.model(), &password_names_);
     tree_.on_live_change(
         [this](const node *table, uint32_t number, bool added) { machine_changed(table, number, added); });
+    tree_.on_end_reader([this] { end_query(); });
     watch_machine();
 }
 
 service::~service()
 {
     tree_.on_live_change(nullptr);
+    tree_.on_end_reader(nullptr);
 }
 
 // Makes one of a peer's links give way: one that nobody has logged in on, that hears no events if there is such a one,
@@ -360,6 +362,26 @@ void service::send_to(const ticket &to, std::string message)
     if (message.size() > answer_worth_giving_back)
         give_memory_back_soon();
     waiting->link->send(std::move(message));
+}
+
+void service::send_to(const ticket &to, std::vector<std::string> pieces)
+{
+    if (pieces.size() > 1 && log_shows(log_level::debug)) {
+        std::string message;
+        for (const std::string &piece : pieces)
+            message += piece;
+        pieces = {std::move(message)};
+    }
+    if (pieces.size() == 1)
+        return send_to(to, std::move(pieces[0]));
+    size_t size = 0;
+    for (std::string &piece : pieces) {
+        size += piece.size();
+        if (client *waiting = find(to.client))
+            waiting->link->send(std::move(piece));
+    }
+    if (size > answer_worth_giving_back)
+        give_memory_back_soon();
 }
 
 void service::answer_result(const ticket &to, std::string_view result)

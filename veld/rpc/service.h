@@ -22,6 +22,7 @@
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 namespace veld
 {
@@ -64,6 +65,14 @@ struct ticket {
 };
 
 struct long_line;
+
+/// A query under way, or one that waits for its turn.
+struct long_query {
+    ticket to;
+    std::unique_ptr<query> asked;
+    std::vector<std::string> pieces; ///< of the answer's line, as far as it is written
+    size_t size = 0;                 ///< theirs together
+};
 
 class service : public connection_owner
 {
@@ -115,17 +124,13 @@ private:
     void answer_fault(const ticket &to, const fault &why);
     void answer_object(const ticket &to, json_t *result);
     void send_to(const ticket &to, std::string message);
+    void send_to(const ticket &to, std::vector<std::string> pieces);
     client *find(uint64_t id);
-    /// Runs `write`, which appends the result to the text it is given, and answers with it or with the fault.
-    template <class Write> void answer_written(const ticket &to, Write write);
     /// Delivers events of one group to the sessions that have joined it.
     void deliver(const event_batch &events);
     void review_logins();
 
     // data_methods.cpp
-    void get_names(client &from, const json_t *params, const ticket &to);
-    void get_values(client &from, const json_t *params, const ticket &to);
-    void get_attributes(client &from, const json_t *params, const ticket &to);
     void set_values(client &from, const json_t *params, const ticket &to);
     void add_object(client &from, const json_t *params, const ticket &to);
     void delete_object(client &from, const json_t *params, const ticket &to);
@@ -135,6 +140,19 @@ private:
     void tell_instances(const std::vector<instance_change> &changes);
     void watch_machine();
     void machine_changed(const node *table, uint32_t number, bool added);
+
+    // query_methods.cpp
+    void get_names(client &from, const json_t *params, const ticket &to);
+    void get_values(client &from, const json_t *params, const ticket &to);
+    void get_attributes(client &from, const json_t *params, const ticket &to);
+    void answer_query(client &from, const ticket &to, std::unique_ptr<query> asked);
+    bool write_slice(long_query *of, bool whole);
+    void answer_written(long_query *of);
+    void go_on_soon();
+    void go_on();
+    void end_query();
+    void begin_reading();
+    void answer_first();
 
     // session_methods.cpp
     void log_in(client &from, const json_t *params, const ticket &to);
@@ -173,6 +191,8 @@ private:
     worker parser_;
     std::array<std::deque<std::shared_ptr<long_line>>, 2> long_lines_; // of those who are logged in, and of the others
     bool parsing_ = false;
+    std::deque<long_query> long_queries_; // the first is under way; one of somebody who is gone is still here
+    bool going_on_ = false;               // with the first of them, in a moment
     coalesced_changes machine_changes_;
     size_t left_ = 0;          // links that ended since memory was last given back
     bool giving_back_ = false; // memory, in a moment
