@@ -3,6 +3,7 @@
     allocation=17         the 17th malloc, calloc or realloc finds no memory
     short=3               the 3rd transfer of more than one byte moves one
     openat:EMFILE=2       the 2nd openat of a thread fails so
+    cut:down=17           and so on: what wire.py does to a conversation
 """
 
 import os
@@ -13,6 +14,8 @@ import subprocess
 import time
 from dataclasses import dataclass
 from pathlib import Path
+
+from wire import ACTS
 
 # What can go wrong with a system call while a program runs. Left out are those that cannot fail, and close, munmap and brk: when
 # strace lets them fail they are not done, or return what no kernel returns. A poll of a few descriptors needs no memory.
@@ -77,6 +80,10 @@ class Fault:
     number: int
     error: str = ""
 
+    @property
+    def on_wire(self):
+        return self.call in ACTS
+
     def __str__(self):
         return f"{self.call}:{self.error}={self.number}" if self.error else f"{self.call}={self.number}"
 
@@ -119,6 +126,8 @@ class Injector:
         self.counters.unlink(missing_ok=True)
         self.trace.unlink(missing_ok=True)
         argv = [os.fspath(word) for word in argv]
+        if fault and fault.on_wire:
+            return argv, env
         if fault and fault.error:
             call = fault.call
             how = ["-e", f"trace={call}", "-e", f"inject={call}:error={fault.error}:when={fault.number}"]

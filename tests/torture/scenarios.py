@@ -23,26 +23,29 @@ class Client:
     """kest, on pipes, with a daemon that lets everybody do everything.
 
     `files` are laid into its working directory first; each of `whole` is afterwards as it was, or as a run without faults
-    leaves it, or as `begun` says. `sets` is a parameter and its new value: acknowledged, it is there; otherwise it may be.
+    leaves it, or as `begun` says. `sets` is a parameter and its new value: acknowledged, it is there; otherwise it may be. Who
+    `guesses` a password gets a daemon of his own.
     """
 
     program = settings.KEST
     needs_daemon = True
 
-    def __init__(self, name, *words, stdin=None, files=None, whole=(), begun=None, sets=None, history=False):
+    def __init__(self, name, *words, stdin=None, files=None, whole=(), begun=None, sets=None, history=False, guesses=False):
         self.name, self.words, self.stdin, self.files = name, words, stdin, files or {}
-        self.whole, self.begun, self.sets, self.history = whole, begun or {}, sets, history
+        self.whole, self.begun, self.sets, self.history, self.guesses = whole, begun or {}, sets, history, guesses
         self.finished = {}  # what a run without faults leaves of `whole`
 
-    def argv(self, place):
+    def argv(self, place, wire=None):
         if not self.needs_daemon:
             return [self.program, *self.words]
-        return [self.program, "-u", place.daemon().address, *self.words]
+        return [self.program, "-u", (wire or place.daemon()).address, *self.words]
 
     def run(self, place, injector, fault=None, watch=False):
         box = place.sandbox
         shutil.rmtree(box.work)
         box.work.mkdir()
+        if self.guesses:
+            place.renew()  # a daemon slows whoever guesses
         before = {}
         for name, content in self.files.items():
             (box.work / name).write_text(content)
@@ -54,11 +57,14 @@ class Client:
             (box.tmp / ".kest.hist").write_text(before["history"])
         if self.sets:
             place.daemon().set_values({self.sets[0]: place.old_value})
-        argv, env = injector.command(self.argv(place), box.environment(), fault, watch)
+        wire = place.wire(fault) if fault and fault.on_wire else None
+        argv, env = injector.command(self.argv(place, wire), box.environment(), fault, watch)
         process = subprocess.Popen(
             box.wrap(argv) if self.history else argv, env=env, cwd=box.work, start_new_session=True,
             stdin=subprocess.DEVNULL if self.stdin is None else subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
         )  # fmt: skip
+        if wire:
+            wire.began(process.pid)
         done = Run(*finish(process, BOUND, self.stdin and self.stdin.encode()), injector.injected())
         done.problem = self.files_problem(box, before, fault, done) or self.value_problem(place, done)
         return done
@@ -117,6 +123,8 @@ class Daemon:
     has promised to keep; `saved` is what the state holds before. Whatever happens, a sound veld then starts on that state and
     finds each value as it was last promised, or as one of those that were under way.
     """
+
+    needs_daemon = False  # it is one
 
     def __init__(self, name, talk=None, saved=None, may_be=()):
         self.name, self.talk, self.saved, self.may_be = name, talk, saved, may_be
@@ -275,7 +283,7 @@ SCENARIOS = [
     Client("del-refused", "-r", "del", "Device.NAT.PortMapping.9999"),
     Client("save", "-r", "save"),
     Client("login", "-s", "script", files={"script": "login admin -p admin\n"}),
-    Client("login-refused", "-s", "script", files={"script": "login admin -p wrong\n"}),
+    Client("login-refused", "-s", "script", files={"script": "login admin -p wrong\n"}, guesses=True),
     Client("execute-refused", "-r", "execute", "Device.Nothing"),
     Client("notify", "-n", "Event"),
     Client("event", "-e", "12", '{"Text": "hello"}'),

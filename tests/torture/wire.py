@@ -1,0 +1,106 @@
+"""What can befall a conversation at each of its bytes: the wire between a client and its daemon, which a fault acts on.
+
+    cut:up=17             behind the 17th byte that the client sent, the connection that it went over ends
+    kill:down=3           the client is killed when it has been sent three bytes
+    interrupt:down=3      or Ctrl-C is typed then; what comes behind it is late
+"""
+
+import os
+import signal
+import socket
+import threading
+
+from lib.wire import connect
+
+ACTS = ("cut", "kill", "interrupt")
+WAYS = ("up", "down")
+LATE = 0.02  # seconds
+
+
+class Wire:
+    """Passes bytes on between whoever connects to `address` and the daemon at `to`. `passed` counts them by way, over all
+    connections since arm()."""
+
+    def __init__(self, address, to):
+        self.address, self.to = str(address), to
+        self._lock = threading.Lock()
+        self.arm(None)
+        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self._listener.bind(self.address)
+        self._listener.listen(64)
+        threading.Thread(target=self._accept, daemon=True).start()
+
+    def arm(self, fault):
+        """Counts from nothing; `fault` (None: none) will befall the client that began() then tells."""
+        with self._lock:
+            self.passed = dict.fromkeys(WAYS, 0)
+            self._fault = fault
+            self._client = None
+            self._began = threading.Event()
+
+    def began(self, pid):
+        self._client = pid
+        self._began.set()
+
+    def close(self):
+        try:
+            self._listener.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self._listener.close()
+        os.unlink(self.address)
+
+    def _accept(self):
+        while True:
+            try:
+                near, _ = self._listener.accept()
+            except OSError:
+                return
+            try:
+                far = connect(self.to)
+            except OSError:
+                near.close()
+                continue
+            far.settimeout(None)
+            for way, one, other in (("up", near, far), ("down", far, near)):
+                threading.Thread(target=self._pass, args=(way, one, other), daemon=True).start()
+
+    def _pass(self, way, one, other):
+        try:
+            while data := one.recv(65536):
+                first, rest = self._divide(way, data)
+                other.sendall(first)
+                if rest is None:
+                    continue
+                if not self._befall():
+                    break
+                other.sendall(rest)
+        except OSError:
+            pass
+        for link in (one, other):
+            try:
+                link.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+
+    def _divide(self, way, data):
+        """What goes before the fault, and what behind it; that is None when the fault is elsewhere."""
+        with self._lock:
+            before = self.passed[way]
+            self.passed[way] += len(data)
+            if self._fault is None or self._fault.error != way or not before < self._fault.number <= self.passed[way]:
+                return data, None
+            at = self._fault.number - before
+            return data[:at], data[at:]
+
+    def _befall(self):
+        """Lets the fault happen. Whether the connection goes on."""
+        if self._fault.call == "cut":
+            return False
+        self._began.wait()
+        try:
+            os.kill(self._client, signal.SIGKILL if self._fault.call == "kill" else signal.SIGINT)
+        except ProcessLookupError:
+            pass
+        threading.Event().wait(LATE)
+        return True
