@@ -29,15 +29,20 @@ bool on_main_thread()
     return waiting.initialised && pthread_equal(pthread_self(), waiting.main_thread) != 0;
 }
 
+/// Called as what it is: with times of 64 bits, the call by its name that _FORTIFY_SOURCE makes of it goes, on a
+/// machine of 32 bits, to the function for times of 32 in some releases of GNU's C library. Every wait would end at
+/// once.
+int (*const volatile poll_for)(pollfd *fds, nfds_t count, const timespec *time, const sigset_t *mask) = ppoll;
+
 /// One ppoll; `deadline` as in ve_wait_poll. -1 with errno as ppoll sets it.
 int poll_once(pollfd *fds, unsigned count, int64_t deadline, const sigset_t *mask)
 {
     if (deadline < 0)
-        return ppoll(fds, count, nullptr, mask);
+        return poll_for(fds, count, nullptr, mask);
     const int64_t left = std::max<int64_t>(deadline - monotonic_ms(), 0);
     const timespec time{.tv_sec = static_cast<time_t>(left / 1000),
                         .tv_nsec = static_cast<long>(left % 1000) * 1000000};
-    return ppoll(fds, count, &time, mask);
+    return poll_for(fds, count, &time, mask);
 }
 
 } // namespace
@@ -106,7 +111,7 @@ void ve_wait_checkpoint()
     if (!on_main_thread())
         return;
     const timespec none{};
-    ppoll(nullptr, 0, &none, &waiting.mask);
+    poll_for(nullptr, 0, &none, &waiting.mask);
 }
 
 void ve_wait_note_interrupt()
