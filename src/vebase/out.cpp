@@ -333,9 +333,7 @@ int ve_out_end_status(int status)
     const int error = output.error();
     if (error == 0)
         return status;
-    char reason[128];
-    const std::string text =
-        std::string("kest: the output cannot be written: ") + strerror_r(error, reason, sizeof reason) + '\n';
+    const std::string text = std::string("kest: the output cannot be written: ") + strerror(error) + '\n';
     ve_out_write_error(text.data(), text.size());
     return (status & 0xff) != 0 ? status : EXIT_FAILURE;
 }
