@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
+#include <cstring>
 #include <netinet/in.h>
 #include <poll.h>
 
@@ -68,7 +69,9 @@ TEST(Endpoints, AnAddressInDigitsIsNoName)
     ASSERT_TRUE(address_parse("127.0.0.1", AF_UNSPEC, &address));
     address.set_port(8080);
     EXPECT_EQ(address.port(), 8080);
-    EXPECT_EQ(reinterpret_cast<const sockaddr_in *>(address.get())->sin_port, htons(8080));
+    sockaddr_in bytes;
+    memcpy(&bytes, address.get(), sizeof bytes);
+    EXPECT_EQ(bytes.sin_port, htons(8080));
     EXPECT_EQ(address_text(address), "127.0.0.1");
     ASSERT_TRUE(address_parse("::1", AF_INET6, &address));
     address.set_port(1);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <cstdint>
 #include <future>
 #include <memory>
 
@@ -46,7 +47,7 @@ TEST(Threads, WhereThereIsNoThreadTheBodyIsDropped)
 {
     const auto held = std::make_shared<int>(0);
     // More stack than there are addresses.
-    EXPECT_FALSE(thread_start(size_t{1} << 60, [held] { ++*held; }));
+    EXPECT_FALSE(thread_start(SIZE_MAX / 8 * 7, [held] { ++*held; }));
     EXPECT_EQ(*held, 0);
     EXPECT_EQ(held.use_count(), 1);
 }

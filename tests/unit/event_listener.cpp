@@ -13,7 +13,7 @@ namespace
 
 using clock_type = std::chrono::steady_clock;
 
-std::string event_text(long id, const std::string &value)
+std::string event_text(int64_t id, const std::string &value)
 {
     return R"({"jsonrpc":"2.0","method":"Event","params":{"Id":)" + std::to_string(id) +
            (value.empty() ? "" : ",\"Value\":" + value) + "}}\n";
