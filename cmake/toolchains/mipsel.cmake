@@ -1,4 +1,4 @@
-# Debian's cross compiler for mipsel; libraries through multiarch; programs run under qemu-user.
+# Debian's cross compiler for mipsel; libraries as debian.cmake says; programs run under qemu-user.
 set(triplet mipsel-linux-gnu)
 set(CMAKE_SYSTEM_PROCESSOR mips)
 set(emulator qemu-mipsel-static)

@@ -1,10 +1,10 @@
-# A C++ compiler for musl, as musl-cross builds it (x86_64-linux-musl-g++), with the libraries in its sysroot.
-set(CMAKE_SYSTEM_NAME Linux)
+# musl on this kind of processor: the compiler and the libraries that scripts/sysroot makes from Debian's sources, in KEST_SYSROOT (one
+# in the build's folder is found).
+set(triplet x86_64-linux-musl)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
-set(CMAKE_C_COMPILER x86_64-linux-musl-gcc)
-set(CMAKE_CXX_COMPILER x86_64-linux-musl-g++)
-execute_process(COMMAND x86_64-linux-musl-g++ -print-sysroot OUTPUT_VARIABLE sysroot OUTPUT_STRIP_TRAILING_WHITESPACE)
-set(CMAKE_FIND_ROOT_PATH ${sysroot})
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(ENV{PKG_CONFIG_LIBDIR} ${sysroot}/lib/pkgconfig)
+set(emulator "")
+include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)
+set(CMAKE_C_COMPILER ${KEST_SYSROOT}/bin/${triplet}-gcc)
+set(CMAKE_CXX_COMPILER ${KEST_SYSROOT}/bin/${triplet}-g++)
+# OpenSSL, which is loaded at run time, is found from the build's folder.
+set(CMAKE_BUILD_RPATH ${KEST_SYSROOT}/usr/lib/${triplet})

@@ -1,4 +1,4 @@
-# Debian's cross compiler for riscv64; libraries through multiarch; programs run under qemu-user.
+# Debian's cross compiler for riscv64; libraries as debian.cmake says; programs run under qemu-user.
 set(triplet riscv64-linux-gnu)
 set(CMAKE_SYSTEM_PROCESSOR riscv64)
 set(emulator qemu-riscv64-static)

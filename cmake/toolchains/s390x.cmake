@@ -1,4 +1,4 @@
-# Debian's cross compiler for s390x; libraries through multiarch; programs run under qemu-user.
+# Debian's cross compiler for s390x; libraries as debian.cmake says; programs run under qemu-user.
 set(triplet s390x-linux-gnu)
 set(CMAKE_SYSTEM_PROCESSOR s390x)
 set(emulator qemu-s390x-static)
