@@ -124,6 +124,9 @@ ROOTS = """<?xml version="1.0"?>
       <parameter name="Side" access="readWrite"><syntax><string/></syntax></parameter>
       <parameter name="Peer" access="readWrite"><syntax><string><pathRef refType="strong" targetType="row" targetParent="#.Line."/></string></syntax></parameter>
       <parameter name="Peers" access="readWrite"><syntax><list/><string><pathRef refType="weak"/></string></syntax></parameter>
+      <parameter name="Known" access="readWrite"><syntax><list/><string><pattern value="[a-z]+"/></string></syntax></parameter>
+      <parameter name="Mode" access="readWrite"><syntax><string><enumerationRef targetParam="Known" nullValue="off"/></string></syntax></parameter>
+      <parameter name="Modes" access="readWrite"><syntax><list/><string><enumerationRef targetParam="Known"/></string></syntax></parameter>
       <parameter name="Tones" access="readWrite"><syntax><list/><unsignedInt><range minInclusive="1" maxInclusive="3"/></unsignedInt></syntax></parameter>
     </object>
   </model>
@@ -137,7 +140,7 @@ def roots(sandbox, tmp_path, veld_start):
     status, _, said = run_import(sandbox, tmp_path / "roots.xml.gz", "--output", tmp_path / "roots.json")
     assert (status, said) == (
         0,
-        "veld: imported 4 objects (3 of them tables), 9 parameters, 0 commands with 0 input and 0 output arguments\n",
+        "veld: imported 4 objects (3 of them tables), 12 parameters, 0 commands with 0 input and 0 output arguments\n",
     )
     return veld_start("--populate", "2,2", model=tmp_path / "roots.json")
 
@@ -170,6 +173,23 @@ def refusal(peer, values):
     entries = [{"Name": f"VoiceService.1.Line.{name}", "Value": value} for name, value in values.items()]
     error = peer.answer(peer.request("SetParameterValues", {"ParameterList": entries})).get("error")
     return error and (error["code"], *error["data"].values())
+
+
+def test_what_another_parameter_lists_can_be_set(roots):
+    admin = roots.connect()
+    admin.call("Login", User="root")
+    known = "VoiceService.1.Line.1.Known"
+    # As long as it lists nothing, whatever it could list.
+    assert refusal(admin, {"1.Mode": "any"}) is None
+    assert refusal(admin, {"1.Mode": "ANY"}) == (9007, f"must be something that {known} could list")
+    assert refusal(admin, {"1.Known": "slow, fast"}) is None
+    assert refusal(admin, {"1.Mode": "any"}) == (9007, f"must be among what {known} lists")
+    for mode in ("slow", "fast", "off", ""):
+        assert refusal(admin, {"1.Mode": mode}) is None, mode
+    assert refusal(admin, {"1.Modes": "fast,slow"}) is None
+    assert refusal(admin, {"1.Modes": "fast,any"}) == (9007, f"must be among what {known} lists")
+    # The other instance has a list of its own.
+    assert refusal(admin, {"2.Mode": "any"}) is None
 
 
 def test_what_a_document_demands_holds_when_values_are_set(roots):

@@ -507,6 +507,38 @@ TEST(Import, NamesThatCannotBeServedAreLeftOutAlone)
               "line 3: Device.X.P: is declared twice; left out\n");
 }
 
+TEST(Import, AnEnumerationMayBeWhatAnotherParameterLists)
+{
+    const auto refers = [](const char *name, const char *target, const char *list = "") {
+        return std::string("<parameter name=\"") + name + "\"><syntax>" + list +
+               "<string><enumerationRef targetParam=\"" + target + "\"/></string></syntax></parameter>";
+    };
+    imported result = import_text(with_object(
+        "<parameter name=\"Known\"><syntax><list/><string/></syntax></parameter>" + refers("A", "Known") +
+        refers("L", ".X.Known", "<list/>") + refers("R", "Device.X.Known") + refers("N", "Unknown") +
+        refers("O", ".X.T.") +
+        R"x(<parameter name="D"><syntax><string><enumerationRef targetParam="Known" status="deleted"/></string></syntax></parameter>
+           <command name="Go()"><input>)x" +
+        refers("I", "Known") + "</input><output>" + refers("U", "Known") +
+        R"(</output></command></object>
+        <object name="Device.X.T.{i}." minEntries="0" maxEntries="unbounded">
+        <parameter name="Own"><syntax><list/><string/></syntax></parameter>
+        <parameter name="B"><syntax><string><enumerationRef targetParam="#.Known" nullValue="None"/></string></syntax></parameter>)" +
+        refers("C", "Own")));
+    ASSERT_TRUE(result.model) << result.error;
+    EXPECT_EQ(result.node("Device/X/A"), R"({"type":"string","default":"","valuesOf":"Device.X.Known"})");
+    EXPECT_EQ(result.node("Device/X/L"), R"({"type":"string","default":"","itemsOf":"Device.X.Known"})");
+    EXPECT_EQ(result.node("Device/X/R"), R"({"type":"string","default":"","valuesOf":"Device.X.Known"})");
+    EXPECT_EQ(result.node("Device/X/D"), R"({"type":"string","default":""})");
+    EXPECT_EQ(result.node("Device/X/T/{i}/B"),
+              R"({"type":"string","default":"","valuesOf":"Device.X.Known","nullValue":"None"})");
+    EXPECT_EQ(result.node("Device/X/T/{i}/C"), R"({"type":"string","default":"","valuesOf":"Device.X.T.{i}.Own"})");
+    EXPECT_EQ(result.warnings,
+              "line 4: Device.X.Go.I: that its values are those of \"Known\" is not kept of an argument; left out\n"
+              "line 3: Device.X.N: its values are to be those of \"Unknown\", which is no parameter; left out\n"
+              "line 3: Device.X.O: its values are to be those of \".X.T.\", which is no parameter; left out\n");
+}
+
 TEST(Import, NamesAreTrimmedAsTokens)
 {
     imported result = import_text(with_object(R"(

@@ -29,6 +29,8 @@ struct type_use {
     std::string
         target_parents;      ///< of a path: what it may lead below, relative paths separated by blanks; empty: anywhere
     std::string target_type; ///< "row", "parameter" …; empty: any
+    std::string values_of;   ///< the parameter whose items are the values, as a relative path; empty: none
+    std::optional<std::string> null_value; ///< that is a value beside them
 };
 
 /// A type element, perhaps as the items of a list.

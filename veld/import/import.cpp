@@ -72,6 +72,16 @@ private:
         std::string parents;
         std::string type;
     };
+    // A parameter whose values are the items of another one.
+    struct enumeration_reference {
+        json_t *node;
+        std::string object;
+        std::string values_of;
+        std::optional<std::string> null_value;
+        bool list;
+        unsigned long line;
+        std::string path;
+    };
 
     bool add_model(const model_declaration &model);
     void add_object(const object_declaration &object);
@@ -83,7 +93,9 @@ private:
     void add_arguments(json_t *to, json_t *beside, const std::vector<argument_group> &groups, const std::string &path,
                        size_t *counted);
     void add_targets(const reference &from);
+    void add_values(const enumeration_reference &from);
     std::string target(std::string_view relative, const std::string &object) const;
+    std::string target_parameter(const std::string &relative, const std::string &object) const;
     json_t *group(json_t *to, const argument_group &of, const std::string &path);
     void warn(unsigned long line, const std::string &where, const std::string &what)
     {
@@ -97,6 +109,7 @@ private:
     std::unordered_map<std::string, holder> objects_;    // by their paths
     std::unordered_map<std::string, std::string> roots_; // to the model that each is of
     std::vector<reference> references_;
+    std::vector<enumeration_reference> enumerations_;
 };
 
 // A path without its last name, which goes into `*name`; a table's mark is dropped. False when it is no object's path.
@@ -268,6 +281,8 @@ bool builder::add_parameter(json_t *to, const parameter_declaration &parameter, 
     set_remarks(node.get(), parameter.about);
     if (type.path && !type.nested && !object.empty())
         references_.push_back({node.get(), object, type.target_parents, type.target_type});
+    if (!type.values_of.empty() && !type.nested && !object.empty())
+        enumerations_.push_back({node.get(), object, type.values_of, type.null_value, type.list, parameter.line, what});
     json_object_set_new(to, parameter.name.c_str(), node.release());
     return true;
 }
@@ -313,6 +328,30 @@ void builder::add_targets(const reference &from)
             json_object_set_new(from.node, "targetType", json_string(known));
 }
 
+// The path of the parameter that `relative` leads to from an object; empty when there is none.
+std::string builder::target_parameter(const std::string &relative, const std::string &object) const
+{
+    const size_t dot = relative.rfind('.');
+    const std::string within = dot == std::string::npos ? object : target(relative.substr(0, dot + 1), object);
+    const std::string name = relative.substr(dot == std::string::npos ? 0 : dot + 1);
+    const auto found = objects_.find(within);
+    const json_t *node = found == objects_.end() ? nullptr : json_object_get(found->second.members, name.c_str());
+    const char *type = json_string_value(json_object_get(node, "type"));
+    const bool parameter = type != nullptr && std::string_view(type) != "object" && std::string_view(type) != "method";
+    return parameter ? within + name : "";
+}
+
+void builder::add_values(const enumeration_reference &from)
+{
+    const std::string path = target_parameter(from.values_of, from.object);
+    if (path.empty())
+        return warn(from.line, from.path,
+                    "its values are to be those of \"" + from.values_of + "\", which is no parameter; left out");
+    json_object_set_new(from.node, from.list ? "itemsOf" : "valuesOf", json_string(path.c_str()));
+    if (from.null_value)
+        json_object_set_new(from.node, "nullValue", json_string(from.null_value->c_str()));
+}
+
 // The object of a group of arguments, "Result.{i}.Address.{i}.": a table is its first instance.
 json_t *builder::group(json_t *to, const argument_group &of, const std::string &path)
 {
@@ -350,6 +389,10 @@ void builder::add_arguments(json_t *to, json_t *beside, const std::vector<argume
         if (members == nullptr)
             continue;
         for (const parameter_declaration &parameter : each.parameters) {
+            // What the device tells needs no check.
+            if (const auto &type = parameter.form.type; counted == &counts_->inputs && type && !type->values_of.empty())
+                warn(parameter.line, path + "." + each.path + parameter.name,
+                     "that its values are those of \"" + type->values_of + "\" is not kept of an argument; left out");
             json_t *other = beside;
             std::string_view rest = each.path;
             for (; other != nullptr && !rest.empty(); rest.remove_prefix(rest.find('.') + 1)) {
@@ -439,6 +482,8 @@ json_ref builder::build(const std::vector<const model_declaration *> &chosen)
             served.push_back(model);
     for (const reference &each : references_)
         add_targets(each);
+    for (const enumeration_reference &each : enumerations_)
+        add_values(each);
     std::string version;
     for (const model_declaration *model : served)
         version += (version.empty() ? "" : ",") + model->name;

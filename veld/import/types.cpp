@@ -80,6 +80,10 @@ void restrict(resolved_type *into, const type_use &own)
         into->target_parents = own.target_parents;
         into->target_type = own.target_type;
     }
+    if (!own.values_of.empty()) {
+        into->values_of = own.values_of;
+        into->null_value = own.null_value;
+    }
 }
 
 void make_list(resolved_type *into, const syntax &form)

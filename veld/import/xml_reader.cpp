@@ -359,6 +359,11 @@ place reader::facet(std::string_view name, const attributes &given, type_use *of
         of->target_parents = given.token("targetParent");
         of->target_type = given.token("targetType");
     }
+    if (name == "enumerationRef") {
+        of->values_of = given.token("targetParam");
+        if (given.find("nullValue"))
+            of->null_value = given.text("nullValue");
+    }
     return place::ignored; // what is inside these does not matter
 }
 

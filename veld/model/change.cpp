@@ -226,7 +226,7 @@ fault change_values(tree *in, role who, const json_t *list, std::vector<value_ch
         if (!problem)
             problem = value_check(*where.what, json_object_get(item, "Value"), &entry.value);
         if (!problem) {
-            std::string leads = reference_problem(in, who, *where.what, entry.value.get());
+            std::string leads = reference_problem(in, who, where.at, entry.value.get());
             if (!leads.empty())
                 problem = {code::bad_value, std::move(leads)};
         }

@@ -121,7 +121,7 @@ std::string given_values::put(tree *onto, entry *one)
             one->hashed = true;
         }
     }
-    if (std::string problem = reference_problem(onto, role::administrator, what, kept.get()); !problem.empty())
+    if (std::string problem = reference_problem(onto, role::administrator, where.at, kept.get()); !problem.empty())
         return problem;
     if (const uint32_t other = onto->taken(where.at, kept.get()))
         return "is already used by instance " + std::to_string(other);

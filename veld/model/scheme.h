@@ -62,7 +62,10 @@ struct value_rules {
     alternatives item_ranges, item_lengths; ///< of the items of a list that is kept as one text
     bool leads = false;               ///< the value, or each item of a list, is a path that must lead to something
     std::vector<std::string> parents; ///< of what it leads to: objects, "Device.X." or "Device.X.{i}."; empty: anything
-    std::string target; ///< what it leads to: "row", "table", "object", "single", "parameter"; empty: anything
+    std::string target;    ///< what it leads to: "row", "table", "object", "single", "parameter"; empty: anything
+    std::string values_of; ///< "Device.X.{i}.Y", whose items are what the value can be; empty: anything
+    bool of_items = false; ///< or rather each item of the value, which is a list
+    std::optional<std::string> null_value; ///< what it can be beside them
 };
 
 /// Parameters of a table's instances whose values together no two instances have.

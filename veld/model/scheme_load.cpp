@@ -227,10 +227,10 @@ bool loader::values(json_t *source, const surroundings &around, scheme *into)
 bool loader::parameter(json_t *source, const surroundings &around, scheme *into)
 {
     into->kind = node_kind::parameter;
-    if (!known_keys(source, around,
-                    {"default",  "value",      "enum",        "minInclusive", "maxInclusive", "minLength", "maxLength",
-                     "minCount", "maxCount",   "regex",       "offValue",     "unique",       "entries",   "ranges",
-                     "lengths",  "itemRanges", "itemLengths", "targets",      "targetType",   "mandatory"}))
+    if (!known_keys(source, around, {"default",    "value",     "enum",     "minInclusive", "maxInclusive", "minLength",
+                                     "maxLength",  "minCount",  "maxCount", "regex",        "offValue",     "unique",
+                                     "entries",    "ranges",    "lengths",  "itemRanges",   "itemLengths",  "targets",
+                                     "targetType", "mandatory", "valuesOf", "itemsOf",      "nullValue"}))
         return false;
     std::string expression;
     if (!text(source, around, "regex", &expression))

@@ -66,6 +66,24 @@ std::string targets_load(json_t *source, value_rules *into)
     return json_is_array(list) ? "" : "\"targets\" must be an array of paths of objects";
 }
 
+std::string values_load(json_t *source, value_rules *into)
+{
+    const json_t *items = json_object_get(source, "itemsOf");
+    const json_t *path = items != nullptr ? items : json_object_get(source, "valuesOf");
+    const json_t *beside = json_object_get(source, "nullValue");
+    into->of_items = items != nullptr;
+    if (path != nullptr)
+        into->values_of = json_is_string(path) ? json_string_value(path) : "";
+    if (path != nullptr && (into->values_of.empty() || into->values_of.ends_with('.')))
+        return quoted(into->of_items ? "itemsOf" : "valuesOf") + " must be the path of a parameter";
+    if (beside == nullptr)
+        return "";
+    if (path == nullptr || !json_is_string(beside))
+        return path == nullptr ? "\"nullValue\" without \"valuesOf\" or \"itemsOf\"" : "\"nullValue\" must be a text";
+    into->null_value.emplace(json_string_value(beside), json_string_length(beside));
+    return "";
+}
+
 std::string place_load(const json_t *name, const scheme &element, uint32_t *out)
 {
     const int at = json_is_string(name) ? element.find(json_string_value(name)) : -1;
@@ -105,14 +123,18 @@ std::string rules_load(json_t *source, scheme *into)
         problem = alternatives_load(source, "itemLengths", &rules.item_lengths);
     if (problem.empty())
         problem = targets_load(source, &rules);
+    if (problem.empty())
+        problem = values_load(source, &rules);
     if (!problem.empty())
         return problem;
     if (!rules.ranges.empty() && !integer && into->type != value_type::decimal)
         return "\"ranges\" belongs to a number";
     if (rules.leads && into->type != value_type::path && into->type != value_type::string)
         return "\"targets\" belongs to a path, or to a list of paths";
+    if (!rules.values_of.empty() && into->type != value_type::string)
+        return quoted(rules.of_items ? "itemsOf" : "valuesOf") + " belongs to a text";
     if (!rules.ranges.empty() || !rules.lengths.empty() || !rules.item_ranges.empty() || !rules.item_lengths.empty() ||
-        rules.leads)
+        rules.leads || !rules.values_of.empty())
         into->rules = std::make_unique<value_rules>(std::move(rules));
     return "";
 }
