@@ -34,6 +34,11 @@ class Tree:
             self.replace(f"docs/{page}", r'^(\.TH [A-Z]+ [0-9]) "?[^" ]*"? "(\w+)[^"]*"', rf'\1 {DAY} "\2"')
         self.git("init", "-q")
         self.commit()
+        first = self.git("rev-parse", "--short", "HEAD")
+        (folder / "bench").mkdir()
+        (folder / "bench/10-start.sh").touch()
+        (folder / "bench/before.tsv").write_text(f"# script, row, ratio: of the version at {first}, measured so\n10-start\ttime\t1.1\n")
+        self.commit()
 
     def replace(self, name, pattern, by):
         path = self.folder / name
@@ -44,9 +49,8 @@ class Tree:
     def git(self, *words):
         moment = f"{DAY}T12:00:00Z"
         env = {"PATH": "/usr/bin:/bin", "HOME": str(self.folder), "GIT_AUTHOR_DATE": moment, "GIT_COMMITTER_DATE": moment}
-        subprocess.run(
-            ["git", "-c", "user.name=a", "-c", "user.email=a@example.org", *words], cwd=self.folder, env=env, check=True, capture_output=True
-        )
+        command = ["git", "-c", "user.name=a", "-c", "user.email=a@example.org", *words]
+        return subprocess.run(command, cwd=self.folder, env=env, check=True, capture_output=True, text=True).stdout.strip()
 
     def commit(self):
         self.git("add", "-A")
@@ -91,6 +95,16 @@ def test_a_page_that_was_changed_after_its_date_is_refused(tree):
     run = tree.release()
     assert run.returncode == 1
     assert "docs/veld.8 is dated 2031-05-05, and was changed on 2031-05-06" in run.stderr
+
+
+def test_a_bench_table_of_something_else_is_refused(tree):
+    tree.replace("bench/before.tsv", r"at [0-9a-f]+,", "at 0123456,")
+    tree.replace("bench/before.tsv", "^10-start", "20-stop")
+    tree.commit()
+    run = tree.release()
+    assert run.returncode == 1
+    assert "bench/before.tsv is of no earlier version" in run.stderr
+    assert "bench/before.tsv has figures of 20-stop" in run.stderr
 
 
 def test_changes_that_are_not_committed_are_refused(tree):
