@@ -4,7 +4,7 @@ PREFIX ?= $(prefix)
 DESTDIR ?=
 BUILD ?= build
 
-.PHONY: all demo test bench torture fuzz coverage mutants soak install uninstall deb package-test cross release sizes format clean
+.PHONY: all demo test bench torture fuzz coverage mutants soak install uninstall deb package-test suite cross release sizes format clean
 
 all:
 	@scripts/need build
@@ -56,6 +56,11 @@ package-test: deb
 	@scripts/need package-test
 	@scripts/package-test
 
+# Units and chosen tests in a fresh system of another Debian release: make suite SUITE=trixie
+suite:
+	@scripts/need package-test
+	@scripts/suite "$(or $(SUITE),trixie)"
+
 # make cross TARGET=arm64|armhf|mipsel|riscv64|s390x|musl
 cross:
 	@scripts/cross "$(TARGET)"
@@ -66,7 +71,7 @@ release:
 	@scripts/release "$(VERSION)"
 
 sizes:
-	@scripts/need build
+	@scripts/need sizes
 	@scripts/sizes
 
 format:
