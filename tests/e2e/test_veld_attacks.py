@@ -234,6 +234,23 @@ def test_small_values_do_not_fill_the_memory(small):
 
 
 @pytest.mark.load
+def test_memory_goes_back_to_the_system(small):
+    def resident():
+        status = Path(f"/proc/{small.pid}/status").read_text()
+        return int(re.search(r"^VmRSS:\s+(\d+)", status, re.M)[1])
+
+    peer = small.connect()
+    peer.call("Logout")
+    before = resident()
+    peer.send_raw(b'{"id":1,"method":"Logout","params":[' + b"{}," * 1000000 + b"0]}\n")
+    assert peer.receive()["error"]["code"] == -32602
+    assert small.peak_kib() > before + (128 << 10)
+    moment = settings.deadline()
+    while resident() > before + (40 << 10):
+        assert settings.remaining(moment)
+
+
+@pytest.mark.load
 def test_unfinished_lines_of_those_who_have_not_logged_in_leave_room_for_the_others(small):
     user = root(small)
     bad = [small.connect() for _ in range(250)]

@@ -137,6 +137,27 @@ def test_a_slow_disk_delays_only_who_saves(veld_start, state):
     assert saved(state) == "last"
 
 
+def test_whoever_saves_and_goes_again_and_again_fills_nothing(veld_start, state):
+    veld = troubled(veld_start, state, fsync_ms=2000)
+    set_name(root(veld), "first")
+    veld.arm()
+    for _ in range(20):
+        with root(veld) as peer:
+            peer.request("SaveConfig")
+            peer.request("Logout")
+    with pytest.raises(WireError) as full:
+        save(root(veld))
+    assert (full.value.code, full.value.message) == (9004, "too many operations are under way")
+    # What nobody waits for any more is done all the same, and makes room.
+    veld.disarm()
+    peer = root(veld)
+    set_name(peer, "last")
+    moment = settings.deadline()
+    while saved(state) != "last":
+        assert settings.remaining(moment)
+        peer.answer(peer.request("SaveConfig"))
+
+
 def test_a_save_under_way_at_the_end_is_brought_to_its_end(veld_start, state):
     veld = troubled(veld_start, state, fsync_ms=100)
     peer, other = root(veld), veld.connect()

@@ -136,6 +136,19 @@ TEST(VeldQuery, ArgumentsAreCompletedWithTheirDefaults)
         R"({"Options.Count":"must be at least 1","Host":"is given more than once","Options":"is not an input argument"})");
 }
 
+TEST(VeldQuery, ATableWithoutALimitTakesSoManyFromClients)
+{
+    const auto model = make_tree();
+    node *added = nullptr;
+    fault full;
+    int count = 3; // the factory's
+    for (; !full && count < 100000; ++count)
+        full = change_add(model.get(), role::user, "Device.Search.", 0, &added);
+    EXPECT_EQ(count - 1, 65535);
+    EXPECT_EQ(full.code, code::resources);
+    EXPECT_EQ(full.message, "Device.Search. takes at most 65535 instances");
+}
+
 TEST(VeldQuery, ChangesNeedTheRightRole)
 {
     const auto model = make_tree();
