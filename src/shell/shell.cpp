@@ -3,6 +3,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -168,5 +169,8 @@ int shell_loop()
 
     dm = nullptr;
     kest_readline_cleanup();
-    return 0;
+    if (ve_rl_input_error() == 0)
+        return 0;
+    fprintf(stderr, "kest: cannot read standard input: %s\n", strerror(ve_rl_input_error()));
+    return -1;
 }

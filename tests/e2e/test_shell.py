@@ -169,6 +169,14 @@ def test_other_exclamation_marks_stay(kest, fake, line, word):
     assert run.out == BANNER + f"{word}: command not found.\n"
 
 
+def test_an_input_that_cannot_be_read_is_no_end(kest, fake, tmp_path):
+    fake.serve(MODEL)
+    folder = os.open(tmp_path, os.O_RDONLY)
+    run = kest(to=fake, stdin=folder)
+    os.close(folder)
+    assert (run.status, run.err) == (255, "kest: cannot read standard input: Is a directory\n")
+
+
 def test_an_unknown_reference_ends_the_expansion(lines):
     assert lines("a", "!9 !1") == "a: command not found.\n!9: command not found.\n"
 
