@@ -2,6 +2,7 @@
 #include "veld/import/import.h"
 
 #include "veld/import/types.h"
+#include "veld/model/pattern.h"
 #include "veld/model/scheme.h"
 
 #include <gtest/gtest.h>
@@ -248,7 +249,7 @@ TEST(Import, MissingDefaultsAreMadeWithinTheConstraints)
               R"({"type":"base64","default":"AAAAAA==","minLength":4})");
     EXPECT_EQ(
         parameter(R"(<list minItems="2"/><unsignedInt><range minInclusive="7"/></unsignedInt>)"),
-        R"({"type":"string","default":"7,7","minCount":2,"itemRanges":[[7,null]],"regex":"^[0-9]+(?: *, *[0-9]+)*$"})");
+        R"({"type":"string","default":"7,7","minCount":2,"itemRanges":[[7,null]],"regex":"^[0-9]+(?: *, *[0-9]+(?= *,|$))*+$"})");
 }
 
 TEST(Import, PatternsMeanOneOfThemAndAreAnchored)
@@ -297,7 +298,7 @@ TEST(Import, ListsAreTextsWhoseItemsAreChecked)
     EXPECT_EQ(
         parameter(
             R"(<list maxItems="4"><size maxLength="99"/></list><string><enumeration value="A+"/><enumeration value="B"/></string>)"),
-        R"({"type":"string","default":"","maxCount":4,"maxLength":99,"regex":"^(?:|(?:A\\+|B)(?: *, *(?:A\\+|B))*)$"})");
+        R"({"type":"string","default":"","maxCount":4,"maxLength":99,"regex":"^(?:|(?:A\\+|B)(?: *, *(?:A\\+|B)(?= *,|$))*+)$"})");
     EXPECT_EQ(parameter(R"(<list/><string><pathRef refType="strong" targetType="row"/></string>)"),
               R"({"type":"string","default":"","targets":[],"targetType":"row"})");
     EXPECT_EQ(
@@ -305,6 +306,48 @@ TEST(Import, ListsAreTextsWhoseItemsAreChecked)
             R"(<list nestedBrackets="required" minItems="2"/><dataType ref="Pair"/><default type="object" value="[[1,2],[3,4]]"/>)",
             R"(<dataType name="Pair"><list minItems="2" maxItems="2"/><unsignedInt/></dataType>)"),
         R"({"type":"string","default":"[1,2],[3,4]"})");
+}
+
+TEST(Import, ItemsThatAreEncodedCountAsTheyAreWritten)
+{
+    EXPECT_EQ(parameter(R"(<list/><hexBinary><size minLength="1" maxLength="1"/><size minLength="3"/></hexBinary>)"),
+              R"({"type":"string","default":"","regex":"^(?:|(?:(?:[0-9A-Fa-f]{2}){1}|(?:[0-9A-Fa-f]{2}){3,}))"
+              R"((?: *, *(?:(?:[0-9A-Fa-f]{2}){1}|(?:[0-9A-Fa-f]{2}){3,})(?= *,|$))*+)$"})");
+    EXPECT_EQ(parameter(R"(<list/><base64><size minLength="4" maxLength="6"/></base64>)"),
+              R"({"type":"string","default":"","itemLengths":[[8,8]]})");
+}
+
+// Some lists of the standard's take thousands of items.
+TEST(Import, ALongListFits)
+{
+    const auto takes = [](const std::string &syntax, const std::string &value) {
+        imported result = import_text(with_syntax(syntax));
+        const json_t *root = json_object_get(result.model.get(), "root");
+        const json_t *at = json_object_get(json_object_get(root, "Device"), "children");
+        at = json_object_get(json_object_get(json_object_get(at, "X"), "children"), "P");
+        std::string why;
+        const auto compiled = pattern::compile(json_string_value(json_object_get(at, "regex")), &why);
+        return compiled != nullptr && compiled->matches(value);
+    };
+    const auto list = [](const std::string &item) {
+        std::string text = item;
+        for (int i = 1; i < 20000; ++i)
+            text += "," + item;
+        return text;
+    };
+    EXPECT_TRUE(takes("<list/><unsignedInt/>", list("12")));
+    EXPECT_TRUE(takes("<list/><int/>", list(" -12 ").substr(1) + ", 7"));
+    EXPECT_FALSE(takes("<list/><int/>", list("1") + "x"));
+    const std::string words = R"(<list/><string><enumeration value="A"/><enumeration value="AB"/></string>)";
+    EXPECT_TRUE(takes(words, list("AB")));
+    EXPECT_TRUE(takes(words, "A,AB ,A, AB"));
+    EXPECT_FALSE(takes(words, "A,AC"));
+    EXPECT_FALSE(takes(words, "A,"));
+    const std::string sized = R"(<list/><string><size minLength="2" maxLength="3"/></string>)";
+    EXPECT_TRUE(takes(sized, list("abc")));
+    EXPECT_TRUE(takes(sized, "ab ,abc , ab"));
+    EXPECT_FALSE(takes(sized, "ab,a"));
+    EXPECT_FALSE(takes(sized, "ab,abcd"));
 }
 
 TEST(Import, DataTypesAreFollowedAndRestricted)
@@ -480,6 +523,46 @@ TEST(Import, WhatIsWrongWithAPartOfATypeIsLeftOutAlone)
               "the default is left out\n");
 }
 
+TEST(Import, WhatNothingCanFulfilIsLeftOutAlone)
+{
+    auto said = [](const std::string &xml, const std::string &path = "Device/X/P") {
+        imported result = import_text(xml);
+        return result.node(path) + " " + result.warnings;
+    };
+    EXPECT_EQ(said(with_syntax(R"(<int><range minInclusive="9" maxInclusive="3"/></int>)")),
+              "{\"type\":\"int\",\"default\":0} line 3: Device.X.P: minInclusive 9 is more than maxInclusive 3; left "
+              "out\n");
+    EXPECT_EQ(said(with_syntax(R"(<string><size minLength="4" maxLength="3"/><size maxLength="5"/></string>)")),
+              "{\"type\":\"string\",\"default\":\"\",\"maxLength\":5} line 3: Device.X.P: minLength 4 is more than "
+              "maxLength 3; left out\n");
+    EXPECT_EQ(said(document("", R"(<object name="Device.T.{i}." minEntries="5" maxEntries="2"/>)"), "Device/T"),
+              "{\"type\":\"object\",\"multi\":true,\"maxCount\":2} line 3: Device.T.{i}.: cannot have 5 instances "
+              "always; left out\n");
+    // More than a device can be made with; the model stays.
+    EXPECT_EQ(said(document("", R"(<object name="Device.T.{i}." minEntries="5000" maxEntries="5000"/>)"), "Device/T"),
+              "{\"type\":\"object\",\"multi\":true,\"maxCount\":5000} line 3: Device.T.{i}.: cannot have 5000 "
+              "instances always; left out\n");
+    EXPECT_EQ(said(document("", R"(<object name="Device.T.{i}." numEntriesParameter="Number"/>)"), "Device/T"),
+              "{\"type\":\"object\",\"multi\":true,\"minCount\":1,\"maxCount\":1} line 3: Device.T.{i}.: there is no "
+              "number \"Number\" that counts its instances\n");
+}
+
+TEST(Import, BlanksAroundNumbersSayNothing)
+{
+    EXPECT_EQ(parameter(R"(<int><enumeration value=" 1"/><enumeration value="2 "/></int><default value=" 2 "/>)"),
+              R"({"type":"int","default":2,"enum":[1,2]})");
+    EXPECT_EQ(parameter(R"(<boolean/><default value=" true "/>)"), R"({"type":"boolean","default":true})");
+    EXPECT_EQ(parameter(R"(<string/><default value=" a  b "/>)"), R"({"type":"string","default":" a  b "})");
+}
+
+TEST(Import, ADeletedDataTypeMakesRoomForAnother)
+{
+    imported result =
+        import_text(with_syntax(R"(<dataType ref="A"/>)", R"(<dataType name="A" status="deleted"><int/></dataType>)"
+                                                          R"(<dataType name="A"><string/></dataType>)"));
+    EXPECT_EQ(result.node("Device/X/P") + result.warnings, R"({"type":"string","default":""})");
+}
+
 TEST(Import, NamesThatCannotBeServedAreLeftOutAlone)
 {
     for (const char *name : {"", "a.b", "a b", "1a", "\xc3\xa9"}) {
@@ -634,12 +717,13 @@ TEST(Import, WhatIsSaidForPeopleIsKept)
 
 TEST(Import, PathsLeadToWhatTheirTargetsSay)
 {
-    auto targets = [](const std::string &parents) {
-        imported result = import_text(document("", R"(
+    auto targets = [](const std::string &parents, const std::string &more = "") {
+        imported result =
+            import_text(document("", R"(
           <object name="Device.A."><parameter name="N"><syntax><int/></syntax></parameter></object>
           <object name="Device.A.T.{i}." minEntries="0" maxEntries="unbounded">
             <parameter name="P"><syntax><string><pathRef targetType="row" targetParent=")" +
-                                                       parents + R"("/></string></syntax></parameter></object>
+                                         parents + "\" " + more + R"(/></string></syntax></parameter></object>
           <object name="Device.A.T.{i}.S."/><object name="Device.B.{i}." minEntries="0" maxEntries="unbounded"/>)"));
         EXPECT_EQ(result.warnings, "");
         return result.node("Device/A/T/{i}/P");
@@ -654,6 +738,10 @@ TEST(Import, PathsLeadToWhatTheirTargetsSay)
     EXPECT_EQ(targets("S."), leads(R"("Device.A.T.{i}.S.")"));
     EXPECT_EQ(targets("\n .B.\n  #.T.\n"), leads(R"("Device.B.","Device.A.T.")"));
     EXPECT_EQ(targets(".Nowhere."), leads(""));
+    const std::string from_root = R"(targetParentScope="model")";
+    EXPECT_EQ(targets("A.T. .B. #.T. Device.B. S.", from_root),
+              leads(R"("Device.A.T.","Device.B.","Device.A.T.","Device.B.")"));
+    EXPECT_EQ(targets("S.", R"(targetParentScope="object")"), leads(R"("Device.A.T.{i}.S.")"));
 }
 
 TEST(Import, APasswordOfTheUsersIsKeptAsAHash)

@@ -29,6 +29,7 @@ struct type_use {
     std::string
         target_parents;      ///< of a path: what it may lead below, relative paths separated by blanks; empty: anywhere
     std::string target_type; ///< "row", "parameter" …; empty: any
+    bool from_root = false;  ///< these paths are relative to the root, not to the object
     std::string values_of;   ///< the parameter whose items are the values, as a relative path; empty: none
     std::optional<std::string> null_value; ///< that is a value beside them
 };

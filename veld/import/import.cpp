@@ -71,6 +71,7 @@ private:
         std::string object;
         std::string parents;
         std::string type;
+        bool from_root;
     };
     // A parameter whose values are the items of another one.
     struct enumeration_reference {
@@ -94,7 +95,7 @@ private:
                        size_t *counted);
     void add_targets(const reference &from);
     void add_values(const enumeration_reference &from);
-    std::string target(std::string_view relative, const std::string &object) const;
+    std::string target(std::string_view relative, const std::string &object, bool from_root) const;
     std::string target_parameter(const std::string &relative, const std::string &object) const;
     json_t *group(json_t *to, const argument_group &of, const std::string &path);
     void warn(unsigned long line, const std::string &where, const std::string &what)
@@ -170,8 +171,11 @@ void builder::add_object(const object_declaration &object)
         if (object.writable)
             json_object_set_new(node, "access", json_string("readWrite"));
         json_object_set_new(node, "multi", json_true());
-        if (object.min_entries.value_or(0) > 0)
-            json_object_set_new(node, "minCount", json_integer(*object.min_entries));
+        const int64_t least = object.min_entries.value_or(0);
+        if (least > object.max_entries.value_or(least) || (least == object.max_entries && least > scheme_most_fixed))
+            warn(object.line, object.path, "cannot have " + std::to_string(least) + " instances always; left out");
+        else if (least > 0)
+            json_object_set_new(node, "minCount", json_integer(least));
         if (object.max_entries)
             json_object_set_new(node, "maxCount", json_integer(*object.max_entries));
         json_object_set_new(node, "template", element);
@@ -188,10 +192,13 @@ void builder::add_object(const object_declaration &object)
     objects_[object.path] = {members, depth};
     counts_->objects++;
 
-    if (table && !object.counter.empty())
-        if (json_t *counter = json_object_get(beside, object.counter.c_str());
-            json_is_integer(json_object_get(counter, "default")))
+    if (table && !object.counter.empty()) {
+        json_t *counter = json_object_get(beside, object.counter.c_str());
+        if (json_is_integer(json_object_get(counter, "default")))
             json_object_set_new(counter, "entries", json_string(name.c_str()));
+        else
+            warn(object.line, object.path, "there is no number \"" + object.counter + "\" that counts its instances");
+    }
     for (const parameter_declaration &parameter : object.parameters)
         counts_->parameters += add_parameter(members, parameter, object.path, object.path) ? 1 : 0;
     if (table)
@@ -280,7 +287,7 @@ bool builder::add_parameter(json_t *to, const parameter_declaration &parameter, 
         json_object_set_new(node.get(), "mandatory", json_true());
     set_remarks(node.get(), parameter.about);
     if (type.path && !type.nested && !object.empty())
-        references_.push_back({node.get(), object, type.target_parents, type.target_type});
+        references_.push_back({node.get(), object, type.target_parents, type.target_type, type.from_root});
     if (!type.values_of.empty() && !type.nested && !object.empty())
         enumerations_.push_back({node.get(), object, type.values_of, type.null_value, type.list, parameter.line, what});
     json_object_set_new(to, parameter.name.c_str(), node.release());
@@ -288,13 +295,16 @@ bool builder::add_parameter(json_t *to, const parameter_declaration &parameter, 
 }
 
 // The path that `relative` leads to from an object, "Device.X.{i}."; empty when there is no such object.
-std::string builder::target(std::string_view relative, const std::string &object) const
+std::string builder::target(std::string_view relative, const std::string &object, bool from_root) const
 {
     std::string path;
-    if (relative.starts_with('.')) { // below the root, or the service that the object is part of
+    const bool absolute = roots_.count(std::string(root_of(relative))) != 0;
+    if (relative.starts_with('.') ||
+        (from_root && !absolute &&
+         !relative.starts_with('#'))) { // below the root, or the service that the object is part of
         path = root_of(object);
         path += objects_.count(path) == 0 ? instance_mark : "";
-        path += relative.substr(1);
+        path += relative.substr(relative.starts_with('.') ? 1 : 0);
     } else if (relative.starts_with('#')) {
         std::string parent = object;
         std::string name;
@@ -304,8 +314,7 @@ std::string builder::target(std::string_view relative, const std::string &object
                 parent = up;
         path = parent + std::string(relative.substr(relative.starts_with('.') ? 1 : 0));
     } else {
-        path =
-            roots_.count(std::string(root_of(relative))) != 0 ? std::string(relative) : object + std::string(relative);
+        path = (absolute ? "" : object) + std::string(relative);
     }
     if (!path.ends_with('.'))
         path += '.';
@@ -319,7 +328,7 @@ void builder::add_targets(const reference &from)
     while (!rest.empty()) {
         std::string_view one = rest.substr(0, rest.find(' '));
         rest.remove_prefix(std::min(one.size() + 1, rest.size()));
-        if (std::string path = target(one, from.object); !path.empty())
+        if (std::string path = target(one, from.object, from.from_root); !path.empty())
             json_array_append_new(list, json_string(path.c_str()));
     }
     json_object_set_new(from.node, "targets", list);
@@ -332,7 +341,7 @@ void builder::add_targets(const reference &from)
 std::string builder::target_parameter(const std::string &relative, const std::string &object) const
 {
     const size_t dot = relative.rfind('.');
-    const std::string within = dot == std::string::npos ? object : target(relative.substr(0, dot + 1), object);
+    const std::string within = dot == std::string::npos ? object : target(relative.substr(0, dot + 1), object, false);
     const std::string name = relative.substr(dot == std::string::npos ? 0 : dot + 1);
     const auto found = objects_.find(within);
     const json_t *node = found == objects_.end() ? nullptr : json_object_get(found->second.members, name.c_str());

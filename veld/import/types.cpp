@@ -1,6 +1,7 @@
 #include "veld/import/types.h"
 
 #include "base/number.h"
+#include "veld/import/xml_names.h"
 #include "veld/model/pattern.h"
 
 #include <algorithm>
@@ -79,6 +80,7 @@ void restrict(resolved_type *into, const type_use &own)
         into->name = "path";
         into->target_parents = own.target_parents;
         into->target_type = own.target_type;
+        into->from_root = own.from_root;
     }
     if (!own.values_of.empty()) {
         into->values_of = own.values_of;
@@ -220,8 +222,11 @@ std::string item_expression(const resolved_type &type, bool *sized, const compla
         return "[0-9]+";
     if (type.name == "decimal")
         return "-?[0-9]+(?:\\.[0-9]+)?";
-    if (type.name == "hexBinary")
-        return "(?:[0-9A-Fa-f]{2})*";
+    if (type.name == "hexBinary") {
+        std::string bytes = type.item_sizes.empty() ? "" : size_expression(type.item_sizes, "(?:[0-9A-Fa-f]{2})", 1);
+        *sized = *sized || !bytes.empty();
+        return bytes.empty() ? "(?:[0-9A-Fa-f]{2})*" : bytes;
+    }
     std::string out = type.name == "base64" ? "" : sized_item(type);
     *sized = *sized || !out.empty();
     return out;
@@ -240,7 +245,9 @@ std::string expression_of(const resolved_type &type, bool *sized, const complain
     std::string item = type.nested ? "" : item_expression(type, sized, warn);
     if (item.empty())
         return "";
-    std::string list = item + "(?: *, *" + item + ")*";
+    // A list can have thousands of items: none is given back that was matched up to its comma, so that none is
+    // remembered.
+    std::string list = item + "(?: *, *" + item + "(?= *,|$))*+";
     return type.min_items.value_or(0) > 0 ? list : "(?:|" + list + ")";
 }
 
@@ -283,8 +290,10 @@ template <class number_type> std::optional<number_type> declared_number(std::str
 }
 
 // The declared default as a value of the type; null when it is none.
-json_t *declared_default(const std::string &type, const std::string &text)
+json_t *declared_default(const std::string &type, const std::string &declared)
 {
+    // Blanks around what is no text say nothing.
+    const std::string text = type == "string" || type == "path" ? declared : xml_token(declared);
     if (type == "boolean" || type == "switch") {
         bool truth = text == "true" || text == "1";
         return truth || text == "false" || text == "0" ? json_boolean(truth) : nullptr;
@@ -430,6 +439,21 @@ bool has_gaps(const std::vector<interval> &list)
     return list.size() > 1 || (!list.empty() && list[0].step > 1);
 }
 
+// The sizes of an item as they count in a list, where what is encoded counts as it is written.
+std::vector<interval> item_characters(const resolved_type &type)
+{
+    std::vector<interval> sizes = type.item_sizes;
+    auto written = [&](std::optional<int64_t> bytes) {
+        constexpr int64_t largest = int64_t{1} << 40;
+        const int64_t count = std::clamp<int64_t>(bytes.value_or(0), 0, largest);
+        return bytes ? std::optional(type.name == "base64" ? (count + 2) / 3 * 4 : count * 2) : std::nullopt;
+    };
+    if (type.name == "base64" || type.name == "hexBinary")
+        for (interval &each : sizes)
+            each = {written(each.low), written(each.high)};
+    return sizes;
+}
+
 void set_list(json_t *node, const resolved_type &type, bool sized)
 {
     if (type.min_items)
@@ -439,7 +463,7 @@ void set_list(json_t *node, const resolved_type &type, bool sized)
     if (!type.nested && !type.ranges.empty() && is_integer(type.name))
         set_alternatives(node, "itemRanges", type.ranges);
     if (!sized)
-        set_alternatives(node, "itemLengths", type.item_sizes);
+        set_alternatives(node, "itemLengths", item_characters(type));
 }
 
 } // namespace

@@ -28,6 +28,7 @@ struct resolved_type {
     bool path = false;          ///< values, or items, are paths of the data model
     std::string target_parents; ///< as type_use has them
     std::string target_type;
+    bool from_root = false;
     std::string values_of; ///< as type_use has them, like the next one
     std::optional<std::string> null_value;
 };

@@ -102,7 +102,7 @@ private:
     place enter_named_type(const attributes &given);
     place enter_parameter(std::vector<parameter_declaration> *list, const attributes &given);
     place facet(std::string_view name, const attributes &given, type_use *of);
-    interval bounds(const attributes &given, std::string_view low, std::string_view high);
+    void add_interval(std::vector<interval> *to, const attributes &given, std::string_view low, std::string_view high);
     std::optional<int64_t> number(const attributes &given, std::string_view name);
     void declare(remarks *about, const attributes &given);
     void end_description();
@@ -172,9 +172,16 @@ std::optional<int64_t> reader::number(const attributes &given, std::string_view 
     return value;
 }
 
-interval reader::bounds(const attributes &given, std::string_view low, std::string_view high)
+void reader::add_interval(std::vector<interval> *to, const attributes &given, std::string_view low,
+                          std::string_view high)
 {
-    return {number(given, low), number(given, high), std::max<int64_t>(number(given, "step").value_or(1), 1)};
+    const interval made = {number(given, low), number(given, high),
+                           std::max<int64_t>(number(given, "step").value_or(1), 1)};
+    if (made.low && made.high && *made.low > *made.high)
+        warn(std::string(low) + " " + std::to_string(*made.low) + " is more than " + std::string(high) + " " +
+             std::to_string(*made.high) + "; left out");
+    else
+        to->push_back(made);
 }
 
 void reader::declare(remarks *about, const attributes &given)
@@ -295,6 +302,8 @@ place reader::enter_argument(std::string_view name, const attributes &given)
 
 place reader::enter_named_type(const attributes &given)
 {
+    if (given.deleted())
+        return place::ignored;
     type_name_ = given.token("name");
     auto [at, fresh] = into_->types.try_emplace(type_name_);
     if (!fresh) {
@@ -349,15 +358,16 @@ place reader::facet(std::string_view name, const attributes &given, type_use *of
     else if (name == "pattern")
         of->patterns.push_back(given.text("value"));
     else if (name == "range")
-        of->ranges.push_back(bounds(given, "minInclusive", "maxInclusive"));
+        add_interval(&of->ranges, given, "minInclusive", "maxInclusive");
     else if (name == "size")
-        of->sizes.push_back(bounds(given, "minLength", "maxLength"));
+        add_interval(&of->sizes, given, "minLength", "maxLength");
     else if (name == "units" && parameter_ != nullptr)
         parameter_->about.units = given.token("value");
     if (name == "pathRef") {
         of->path = true;
         of->target_parents = given.token("targetParent");
         of->target_type = given.token("targetType");
+        of->from_root = given.is("targetParentScope", "model");
     }
     if (name == "enumerationRef") {
         of->values_of = given.token("targetParam");
@@ -430,7 +440,7 @@ place reader::enter(place parent, std::string_view name, const attributes &given
         return enter_syntax_part(parent, name, given);
     case place::list:
         if (name == "size" && !given.deleted())
-            syntax_->list_sizes.push_back(bounds(given, "minLength", "maxLength"));
+            add_interval(&syntax_->list_sizes, given, "minLength", "maxLength");
         break;
     case place::type:
         return facet(name, given, &*syntax_->type);

@@ -140,6 +140,8 @@ struct scheme {
 
 /// How many levels a model may have.
 inline constexpr int scheme_deepest = 64;
+/// How many instances a table may have from the beginning that has always as many.
+inline constexpr int64_t scheme_most_fixed = 4096;
 
 /// The scheme that a model document describes; null when it is no model document, `*error` then says what and where.
 /// `behind` knows the names that it may use of what is behind it; without one, all are good.

@@ -14,8 +14,6 @@ namespace veld
 namespace
 {
 
-constexpr int64_t most_fixed = 4096;
-
 // What a node hands down to the nodes below it.
 struct surroundings {
     role read = role::anonymous;
@@ -323,8 +321,9 @@ bool loader::table(json_t *source, const surroundings &around, scheme *into)
             return fail(around, "\"instances\" must be an object");
         into->instances = json_ref::share(instances);
     }
-    if (into->min_count == into->max_count && into->min_count.value_or(0) > most_fixed)
-        return fail(around, "a table has at most " + std::to_string(most_fixed) + " instances from the beginning");
+    if (into->min_count == into->max_count && into->min_count.value_or(0) > scheme_most_fixed)
+        return fail(around,
+                    "a table has at most " + std::to_string(scheme_most_fixed) + " instances from the beginning");
     if (json_t *order = json_object_get(source, "order")) {
         if (!json_is_array(order))
             return fail(around, "\"order\" must be an array");
