@@ -1,8 +1,10 @@
-"""How soon others are answered while the daemon has trouble: daemon.py VELD MODEL LIBRARY [SECONDS].
+"""How soon others are answered while the daemon has trouble: daemon.py VELD MODEL LIBRARY [SECONDS]; while somebody asks for
+everything of a large model: daemon.py VELD MODEL POPULATE [SECONDS], POPULATE as veld's option takes it.
 
-Prints the 50th and 99th percentile and the longest of the times of a "get" in ms: alone, and beside 1,000 clients that do
+Prints of the first the 50th and 99th percentile and the longest of the times of a "get" in ms: alone, and beside 1,000 clients that do
 nothing, one that floods, one that logs in with a wrong password all the time, and one that saves to a disk of 200 ms per
-fsync (LIBRARY makes it so). Then requests per second with 1, 50 and 1,000 clients that each wait for their answers.
+fsync (LIBRARY makes it so). Then requests per second with 1, 50 and 1,000 clients that each wait for their answers. Of the
+second how many parameters there are and how long all of them take in ms, and the times of a "get" alone and beside that.
 """
 
 import json
@@ -92,6 +94,55 @@ def trouble(address, stop):
     return [Client(address) for _ in range(1000)]
 
 
+def everything(address):
+    """Asks for all there is, over and over, in a process of its own; returns the process's number."""
+    pid = os.fork()
+    if pid == 0:
+        try:
+            client = Client(address)
+            client.call(message(1, "Login", User="root"))
+            while True:
+                client.call(message(2, "GetParameterValues", ParameterNames=["."]))
+        finally:
+            os._exit(0)
+    return pid
+
+
+def first_parameter(client):
+    answer = client.call(message(1, "GetParameterValues", ParameterNames=["."]))
+    parameters = json.loads(answer)["result"]["ParameterList"]
+    named = [entry["Name"] for entry in parameters if entry["Name"].endswith(".ModelName")] or [parameters[0]["Name"]]
+    return len(parameters), named[0]
+
+
+def large(populate):
+    global GET
+    with tempfile.TemporaryDirectory() as folder:
+        address = f"{folder}/s"
+        daemon = subprocess.Popen([VELD, "--socket", address, "--model", MODEL, "--populate", populate], stderr=subprocess.DEVNULL)
+        asking = None
+        try:
+            while not os.path.exists(address):
+                time.sleep(0.01)
+            client = Client(address)
+            client.call(message(1, "Login", User="root"))
+            count, name = first_parameter(client)
+            GET = message(1, "GetParameterValues", ParameterNames=[name])
+            begin = time.perf_counter()
+            client.call(message(2, "GetParameterValues", ParameterNames=["."]))
+            print("everything %d %.0f" % (count, (time.perf_counter() - begin) * 1000))
+            print("large-alone %.3f %.3f %.3f" % percentiles(address, SECONDS))
+            asking = everything(address)
+            time.sleep(0.5)
+            print("large-beside %.3f %.3f %.3f" % percentiles(address, SECONDS))
+        finally:
+            if asking is not None:
+                os.kill(asking, 9)
+                os.waitpid(asking, 0)
+            daemon.terminate()
+            daemon.wait()
+
+
 def rate(address, count, seconds):
     selector = selectors.DefaultSelector()
     clients = [Client(address) for _ in range(count)]
@@ -133,4 +184,7 @@ def main():
             daemon.wait()
 
 
-main()
+if os.path.exists(LIBRARY):
+    main()
+else:
+    large(LIBRARY)
