@@ -13,6 +13,7 @@
 #include "veld/rpc/answer.h"
 #include "veld/rpc/service.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace veld
@@ -22,6 +23,8 @@ namespace
 {
 
 constexpr int64_t slice_us = 1000;
+// What a query gets at once when others had the slice of this round of the loop: as many as ask at once.
+constexpr int64_t least_slice_us = 50;
 constexpr unsigned entries_unwatched = 16; // between two looks at the clock
 
 } // namespace
@@ -83,13 +86,19 @@ bool service::write_slice(long_query *of, bool whole)
     std::string text;
     if (of->pieces.empty())
         text = "{\"jsonrpc\":\"2.0\",\"id\":" + of->to.id + ",\"result\":";
+    if (std::exchange(sliced_round_, loop_.round()) != loop_.round())
+        sliced_us_ = 0;
+    // The one that is under way gets its slice however many ask.
+    const bool goes_on = !long_queries_.empty() && of == &long_queries_.front();
+    const int64_t budget = goes_on ? slice_us : std::max(slice_us - sliced_us_, least_slice_us);
     const int64_t began = monotonic_us();
     unsigned entries = 0;
     // One byte is left for the brace that ends the message.
-    tree_.look_back(tree_.has_past() && (long_queries_.empty() || of == &long_queries_.front()));
+    tree_.look_back(tree_.has_past() && (long_queries_.empty() || goes_on));
     const bool over = of->asked->proceed({&text, wire_line_max - 1 - of->size}, [&] {
-        return !whole && ++entries % entries_unwatched == 0 && monotonic_us() - began >= slice_us;
+        return !whole && ++entries % entries_unwatched == 0 && monotonic_us() - began >= budget;
     });
+    sliced_us_ += monotonic_us() - began;
     tree_.look_back(false);
     if (over)
         text += "}\n";

@@ -193,6 +193,8 @@ private:
     bool parsing_ = false;
     std::deque<long_query> long_queries_; // the first is under way; one of somebody who is gone is still here
     bool going_on_ = false;               // with the first of them, in a moment
+    uint64_t sliced_round_ = 0;           // of the loop, in which answers were last written
+    int64_t sliced_us_ = 0;               // how long that took in it
     coalesced_changes machine_changes_;
     size_t left_ = 0;          // links that ended since memory was last given back
     bool giving_back_ = false; // memory, in a moment
