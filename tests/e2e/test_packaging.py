@@ -1,0 +1,102 @@
+"""The recipes of packaging/, as far as they can be tried without their build systems: in stubs of those, with what is installed here."""
+
+import hashlib
+import os
+import re
+import subprocess
+import textwrap
+
+import pytest
+
+from lib import settings
+
+PACKAGING = settings.SOURCE / "packaging"
+
+
+def run(*command, **more):
+    return subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=settings.TEST_DEADLINE, check=True, **more)
+
+
+def stubs(folder, scripts):
+    folder.mkdir()
+    for name, body in scripts.items():
+        (folder / name).write_text(f"#!/bin/sh\n{body}\n")
+        (folder / name).chmod(0o755)
+    return {"PATH": f"{folder}:/usr/bin:/bin"}
+
+
+def test_options_of_the_recipes_are_options_of_the_build():
+    sources = [settings.SOURCE / "CMakeLists.txt", *(settings.SOURCE / "cmake").glob("*.cmake"), *settings.SOURCE.glob("*/CMakeLists.txt")]
+    known = {name for path in sources for name in re.findall(r"(?:option\(|set\()((?:KEST|VELD)_\w+)", path.read_text())}
+    for recipe in ("openwrt/Makefile", "buildroot/kest.mk", "yocto/kest_%s.bb" % settings.VERSION):
+        used = set(re.findall(r"-D((?:KEST|VELD)_\w+)=", (PACKAGING / recipe).read_text()))
+        assert used and used <= known, recipe
+    documented = set(re.findall(r"(?:KEST|VELD)_[A-Z_]+", (PACKAGING / "README.md").read_text()))
+    assert documented <= known
+
+
+def test_the_licence_that_yocto_checks_is_the_licence():
+    recipe = (PACKAGING / f"yocto/kest_{settings.VERSION}.bb").read_text()
+    assert re.search(r"LICENSE;md5=(\w+)", recipe)[1] == hashlib.md5((settings.SOURCE / "LICENSE").read_bytes()).hexdigest()
+
+
+def test_openwrt_installs_what_was_built(tmp_path):
+    """A build root of no more than the names that the recipe uses."""
+    install = tmp_path / "install"
+    run("make", "-s", "-C", settings.SOURCE, "install", f"BUILD={settings.BUILD}", f"DESTDIR={install}", "PREFIX=/usr")
+    root = tmp_path / "root"
+    (root / "include").mkdir(parents=True)
+    (root / "rules.mk").write_text(
+        f"INCLUDE_DIR:={root}/include\nPKG_INSTALL_DIR:={install}\nPKG_BUILD_DIR:={settings.SOURCE}\n"
+        "INSTALL_DIR:=install -d -m 755\nINSTALL_BIN:=install -m 755\nINSTALL_DATA:=install -m 644\nINSTALL_CONF:=install -m 600\nLN:=ln -sf\n"
+    )
+    (root / "include/package.mk").write_text(f"define BuildPackage\n$(1)-install:\n\t$$(call Package/$(1)/install,{tmp_path}/image)\nendef\n")
+    (root / "include/cmake.mk").touch()
+    run("make", "-s", f"TOPDIR={root}", "kest-install", "veld-install", cwd=PACKAGING / "openwrt")
+    image = tmp_path / "image"
+    for name in ("usr/bin/kest", "usr/sbin/veld", "etc/init.d/veld"):
+        assert os.access(image / name, os.X_OK), name
+    assert run(image / "usr/bin/kest_lua", "--version").stdout == run(settings.KEST, "--version").stdout
+    assert (image / "usr/share/kest/models/gateway.json").read_bytes() == (install / "usr/share/kest/models/gateway.json").read_bytes()
+    assert (image / "etc/default/veld").is_file()
+
+
+def understood(words):
+    """veld takes these words for options."""
+    assert "--state" in words and words[words.index("--run-as") + 1] == "veld"
+    assert run(settings.VELD, *words, "--version").stdout == run(settings.VELD, "--version").stdout
+
+
+def test_init_scripts_start_the_daemon_with_options_that_it_has(tmp_path):
+    env = stubs(tmp_path / "tools", {"mkdir": "", "start-stop-daemon": f'printf "%s\\n" "$@" >{tmp_path}/started'})
+    out = run("sh", PACKAGING / "buildroot/S95veld", "start", env=env).stdout
+    assert out == "Starting veld: OK\n"
+    words = (tmp_path / "started").read_text().splitlines()
+    assert words[words.index("-x") + 1] == "/usr/sbin/veld"
+    understood(words[words.index("--") + 1 :])
+
+    script = textwrap.dedent(
+        f"""\
+        procd_open_instance() {{ :; }}; procd_close_instance() {{ :; }}
+        procd_set_param() {{ [ "$1" != command ] || {{ shift; printf '%s\\n' "$@"; }}; }}
+        . {PACKAGING}/openwrt/veld.init
+        start_service
+        """
+    )
+    words = run("sh", "-c", script, env=env).stdout.splitlines()
+    assert words[0] == "/usr/sbin/veld"
+    understood(words[1:])
+
+
+@pytest.mark.parametrize("chosen", ["LUA_5_3", "OPENSSL", "KEST_VELD", "INIT_SYSTEMD"])
+def test_buildroot_builds_what_was_chosen(tmp_path, chosen):
+    (tmp_path / "make").write_text(f"cmake-package = $(info $(KEST_CONF_OPTS))\ninclude {PACKAGING}/buildroot/kest.mk\nall:\n")
+
+    def options(*words):
+        return dict(re.findall(r"-D(\w+)=(\w+)", run("make", "-s", "-f", tmp_path / "make", *words, cwd=tmp_path).stdout))
+
+    option = {"LUA_5_3": "KEST_LUA", "OPENSSL": "KEST_TLS", "KEST_VELD": "KEST_DAEMON", "INIT_SYSTEMD": "KEST_SYSTEMD"}[chosen]
+    without = options()
+    assert without[option] == "OFF"
+    prefix = "BR2_" if chosen == "INIT_SYSTEMD" else "BR2_PACKAGE_"
+    assert options(f"{prefix}{chosen}=y") == {**without, option: "ON"}
