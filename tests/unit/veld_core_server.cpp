@@ -1,11 +1,25 @@
 // The server's parts on pairs of sockets, without a network.
+#include "base/endpoint.h"
 #include "veld/base/worker.h"
 #include "veld/server/connection.h"
+#include "veld/server/doors.h"
+#include "veld/server/privileges.h"
+#include "veld/server/tls.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 
 using namespace veld;
 
@@ -44,6 +58,12 @@ struct VeldConnection : testing::Test {
         peer = fd_owner(pair[0]);
         link = std::make_unique<connection>(events, 1, std::make_unique<transport>(fd_owner(pair[1])), "uid 0",
                                             std::nullopt, owner, memory);
+    }
+    // Replaces the link by one over another transport.
+    void over(std::unique_ptr<transport> by)
+    {
+        link.reset();
+        link = std::make_unique<connection>(events, 2, std::move(by), "uid 0", std::nullopt, owner, memory);
     }
     void send(const std::string &text) const
     {
@@ -126,6 +146,268 @@ TEST_F(VeldConnection, MemoryOfOutputIsGivenBackWithTheLink)
     link->close();
     EXPECT_EQ(memory.output, 0U);
     EXPECT_TRUE(owner.over);
+}
+
+TEST_F(VeldConnection, WhatCannotBeWatchedIsClosed)
+{
+    over(std::make_unique<transport>(fd_owner(memfd_create("file", MFD_CLOEXEC))));
+    EXPECT_TRUE(owner.over);
+    link->send("x\n"); // does nothing any more
+    EXPECT_EQ(memory.output, 0U);
+}
+
+TEST_F(VeldConnection, WhatAllHoldTogetherIsBoundedButForTheFirstBytes)
+{
+    memory.input = held_memory::input_limit;
+    link->known(true);
+    send(std::string(60 << 10, 'x'));
+    events.post([this] {
+        EXPECT_FALSE(owner.over);
+        send(std::string(60 << 10, 'x'));
+    });
+    events.run();
+    EXPECT_TRUE(owner.over);
+    EXPECT_EQ(memory.input, held_memory::input_limit);
+}
+
+// A transport that does what it is told to, on a descriptor that is always ready.
+class told_transport : public transport
+{
+public:
+    struct script {
+        std::deque<io_state> greets, reads, writes;
+        std::string text; // what a read that is done gives
+        int asked_to_write = 0;
+    };
+    told_transport(fd_owner fd, script *what) : transport(std::move(fd)), script_(what) {}
+    io_state greet() override { return next(&script_->greets, io_state::done); }
+    io_result read(char *into, size_t) override
+    {
+        const io_state state = next(&script_->reads, io_state::want_read);
+        if (state != io_state::done)
+            return {state};
+        memcpy(into, script_->text.data(), script_->text.size());
+        return {state, script_->text.size()};
+    }
+    io_result write(const char *, size_t count) override
+    {
+        ++script_->asked_to_write;
+        const io_state state = next(&script_->writes, io_state::done);
+        return {state, state == io_state::done ? count : 0};
+    }
+
+private:
+    static io_state next(std::deque<io_state> *of, io_state otherwise)
+    {
+        if (of->empty())
+            return otherwise;
+        const io_state first = of->front();
+        of->pop_front();
+        return first;
+    }
+    script *script_;
+};
+
+struct VeldTransport : VeldConnection {
+    void begin()
+    {
+        const int fd = fcntl(peer.get(), F_DUPFD_CLOEXEC, 0);
+        // Readable and writable, and nobody looks at what is there.
+        ASSERT_EQ(write(link_end(), "x", 1), 1);
+        over(std::make_unique<told_transport>(fd_owner(fd), &told));
+    }
+    int link_end() const { return other.get(); }
+    void SetUp() override
+    {
+        VeldConnection::SetUp();
+        std::array<int, 2> pair{};
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, pair.data()), 0);
+        peer = fd_owner(pair[0]);
+        other = fd_owner(pair[1]);
+    }
+    void TearDown() override { link.reset(); }
+    told_transport::script told;
+    fd_owner other;
+};
+
+TEST_F(VeldTransport, AHandshakeThatFailsEndsTheLink)
+{
+    told.greets = {io_state::failed};
+    begin();
+    EXPECT_TRUE(owner.over);
+}
+
+TEST_F(VeldTransport, AHandshakeMayTakeSeveralSteps)
+{
+    told.greets = {io_state::want_read, io_state::want_write, io_state::want_read, io_state::done};
+    told.reads = {io_state::done};
+    told.text = "hello\n";
+    owner.enough = 1;
+    begin();
+    events.run();
+    EXPECT_EQ(owner.lines, std::vector<std::string>{"hello"});
+}
+
+TEST_F(VeldTransport, AReadThatFailsEndsTheLink)
+{
+    told.reads = {io_state::failed};
+    begin();
+    events.run();
+    EXPECT_TRUE(owner.over);
+    EXPECT_TRUE(owner.lines.empty());
+}
+
+TEST_F(VeldTransport, AReadMayHaveToWriteFirst)
+{
+    told.reads = {io_state::want_write, io_state::done};
+    told.text = "hello\n";
+    owner.enough = 1;
+    begin();
+    events.run();
+    EXPECT_EQ(owner.lines, std::vector<std::string>{"hello"});
+}
+
+TEST_F(VeldTransport, AWriteThatFailsEndsTheLinkAndGivesItsMemoryBack)
+{
+    told.writes = {io_state::want_write, io_state::want_read, io_state::failed};
+    begin();
+    link->send("answer\n");
+    EXPECT_EQ(memory.output, 7U);
+    EXPECT_FALSE(owner.over);
+    events.run();
+    EXPECT_TRUE(owner.over);
+    EXPECT_EQ(told.asked_to_write, 3);
+    EXPECT_EQ(memory.output, 0U);
+}
+
+// --- sockets ---
+
+struct VeldListener : testing::Test {
+    ~VeldListener() override { std::filesystem::remove_all(folder); }
+    static std::string make_folder()
+    {
+        std::string name = testing::TempDir() + "veld-XXXXXX";
+        return mkdtemp(name.data());
+    }
+    std::unique_ptr<listener> make(const std::string &address)
+    {
+        return std::make_unique<listener>(events, address, socket_rights{}, [this](arrival who) {
+            ++arrived;
+            last = std::move(who);
+            events.stop();
+        });
+    }
+    std::string refusal(const std::string &address)
+    {
+        error.clear();
+        return make(address)->open(&error) ? "" : error;
+    }
+    fd_owner come(const std::string &place) const
+    {
+        fd_owner fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        sockaddr_un address;
+        EXPECT_TRUE(unix_address(place, &address));
+        if (connect(fd.get(), reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+            fd.reset();
+        return fd;
+    }
+
+    std::string folder = make_folder();
+    std::string path = folder + "/s";
+    loop events;
+    std::string error;
+    int arrived = 0;
+    arrival last;
+};
+
+TEST_F(VeldListener, WhoeverComesIsKnown)
+{
+    const auto door = make(path);
+    ASSERT_TRUE(door->open(&error)) << error;
+    const fd_owner client = come(path);
+    events.run();
+    EXPECT_EQ(arrived, 1);
+    ASSERT_TRUE(last.identity);
+    EXPECT_EQ(last.identity->uid, getuid());
+    EXPECT_EQ(last.peer, "uid " + std::to_string(getuid()));
+}
+
+TEST_F(VeldListener, ItsPlaceIsItsOwn)
+{
+    auto first = make(path);
+    ASSERT_TRUE(first->open(&error)) << error;
+    EXPECT_EQ(refusal(path), path + ": another daemon listens there");
+    EXPECT_TRUE(come(path));
+    first.reset();
+    EXPECT_TRUE(std::filesystem::is_empty(folder));
+    EXPECT_EQ(refusal(path), "");
+}
+
+TEST_F(VeldListener, WhatIsInTheWayStays)
+{
+    std::ofstream(path) << "something";
+    EXPECT_EQ(refusal(path), path + ": something that is no socket is there");
+    EXPECT_TRUE(std::filesystem::is_regular_file(path));
+    std::filesystem::remove(path);
+    ASSERT_EQ(mkfifo((path + ".lock").c_str(), 0600), 0);
+    EXPECT_EQ(refusal(path), path + ".lock: not a regular file");
+}
+
+TEST_F(VeldListener, WhereNothingCanBeThatIsSaid)
+{
+    EXPECT_EQ(refusal(folder + "/none/s"), folder + "/none/s: " + strerror(ENOENT));
+    const std::string longest = folder + "/" + std::string(200, 's');
+    EXPECT_EQ(refusal(longest), longest + ": the path is too long for a socket");
+    EXPECT_EQ(refusal("tcp://nothing"), "tcp://nothing: an address has the form tcp://HOST:PORT");
+}
+
+TEST_F(VeldListener, WhatIsKeptTurnsClientsAwayWhileItIsClosed)
+{
+    const auto door = make(path);
+    ASSERT_TRUE(door->open(&error)) << error;
+    door->keep();
+    door->close();
+    EXPECT_FALSE(door->is_open());
+    fd_owner client = come(path);
+    ASSERT_TRUE(client);
+    events.after(0, [this] { events.post([this] { events.stop(); }); });
+    events.run();
+    EXPECT_EQ(arrived, 0);
+    char byte = 0;
+    EXPECT_EQ(read(client.get(), &byte, 1), 0);
+    ASSERT_TRUE(door->open(&error)) << error;
+    EXPECT_TRUE(door->is_open());
+}
+
+TEST_F(VeldListener, OneDoorThatStaysShutIsSaid)
+{
+    doors entrances(events, {}, [](arrival) {});
+    entrances.add(path);
+    entrances.add(folder + "/none/s");
+    EXPECT_FALSE(entrances.open(&error));
+    EXPECT_EQ(error, folder + "/none/s: " + strerror(ENOENT));
+    entrances.close();
+    EXPECT_FALSE(entrances.listeners()[0]->is_open());
+}
+
+TEST_F(VeldListener, ACertificateThatIsNoneIsSaid)
+{
+    std::ofstream(folder + "/cert") << "nothing";
+    EXPECT_FALSE(tls_identity::load(folder + "/cert", folder + "/key", &error));
+    EXPECT_NE(error, "");
+    EXPECT_FALSE(tls_identity::load(folder + "/none", folder + "/key", &error));
+    EXPECT_NE(error, "");
+}
+
+TEST(VeldPrivileges, UsersAndGroupsThatThereAreNot)
+{
+    std::string error;
+    system_account account;
+    gid_t group = 0;
+    EXPECT_FALSE(find_account("no such user", &account, &error));
+    EXPECT_NE(error.find("no such user"), std::string::npos) << error;
+    EXPECT_FALSE(find_group("no such group", &group, &error));
+    EXPECT_NE(error.find("no such group"), std::string::npos) << error;
 }
 
 TEST(VeldWorker, WhatFollowsIsDoneOnTheLoopInTheOrderGiven)

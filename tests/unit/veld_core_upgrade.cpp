@@ -48,10 +48,10 @@ struct told_backend : veld_test::live_backend {
         image->version = image->beginning;
         return refusal;
     }
-    std::unique_ptr<job> flash(const firmware_image &image, progress_handler handler) override
+    std::unique_ptr<job> flash(const firmware_image &image, const progress_handler &handler) override
     {
         version = image.version;
-        progress = std::move(handler);
+        progress = handler;
         auto made = std::make_unique<held_job>();
         flashing = made.get();
         return made;

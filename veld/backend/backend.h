@@ -98,7 +98,10 @@ public:
     /// Flashes an image that has been examined; the caller begins the job. Breaking it off leaves the old version. The
     /// output of a job that fails may be an integer below 0, which UpgradeStatus then shows. The device reboots after
     /// it.
-    virtual std::unique_ptr<job> flash(const firmware_image &, progress_handler) { return ended_job(no_firmware()); }
+    virtual std::unique_ptr<job> flash(const firmware_image &, const progress_handler &)
+    {
+        return ended_job(no_firmware());
+    }
     /// Reboots the device, whose clients have been parted with: the job, which the caller begins, ends when it is back.
     virtual std::unique_ptr<job> reboot(const std::string &) { return ended_job({}); }
 

@@ -102,10 +102,10 @@ fault backends::examine(firmware_image *image)
     return one != nullptr ? one->examine(image) : device_backend::examine(image);
 }
 
-std::unique_ptr<job> backends::flash(const firmware_image &image, progress_handler progress)
+std::unique_ptr<job> backends::flash(const firmware_image &image, const progress_handler &progress)
 {
     device_backend *one = doer(backend_deed::flash);
-    return one != nullptr ? one->flash(image, std::move(progress)) : device_backend::flash(image, std::move(progress));
+    return one != nullptr ? one->flash(image, progress) : device_backend::flash(image, progress);
 }
 
 std::unique_ptr<job> backends::reboot(const std::string &action)

@@ -25,7 +25,7 @@ public:
     bool does(backend_deed deed) const override { return doer(deed) != nullptr; }
     std::string flashed_version() override;
     fault examine(firmware_image *image) override;
-    std::unique_ptr<job> flash(const firmware_image &image, progress_handler progress) override;
+    std::unique_ptr<job> flash(const firmware_image &image, const progress_handler &progress) override;
     std::unique_ptr<job> reboot(const std::string &action) override;
 
 private:

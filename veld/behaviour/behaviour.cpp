@@ -525,12 +525,12 @@ fault behaviour::examine(firmware_image *image)
     return {};
 }
 
-std::unique_ptr<job> behaviour::flash(const firmware_image &image, progress_handler progress)
+std::unique_ptr<job> behaviour::flash(const firmware_image &image, const progress_handler &progress)
 {
     json_ref what{json_object()};
     json_object_set_new(what.get(), "version", json_string(image.version.c_str()));
     json_object_set_new(what.get(), "path", json_string(image.path.c_str()));
-    return std::make_unique<behaviour_call>(this, on_flash_, "on_flash", std::move(what), std::move(progress));
+    return std::make_unique<behaviour_call>(this, on_flash_, "on_flash", std::move(what), progress);
 }
 
 std::unique_ptr<job> behaviour::reboot(const std::string &action)

@@ -43,7 +43,7 @@ public:
     void announced(const std::string &action) override;
     bool does(backend_deed deed) const override;
     fault examine(firmware_image *image) override;
-    std::unique_ptr<job> flash(const firmware_image &image, progress_handler progress) override;
+    std::unique_ptr<job> flash(const firmware_image &image, const progress_handler &progress) override;
     std::unique_ptr<job> reboot(const std::string &action) override;
 
 private:

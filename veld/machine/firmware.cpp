@@ -110,7 +110,7 @@ fault machine_firmware::examine(firmware_image *image)
     return {};
 }
 
-std::unique_ptr<job> machine_firmware::flash(const firmware_image &image, progress_handler progress)
+std::unique_ptr<job> machine_firmware::flash(const firmware_image &image, const progress_handler &progress)
 {
     // Whoever examines images may be somebody else, and have other ones.
     image_header header;
@@ -118,7 +118,7 @@ std::unique_ptr<job> machine_firmware::flash(const firmware_image &image, progre
     if (!read_header(image, &header, &no_image_of_ours))
         header = {};
     header.version = image.version;
-    return std::make_unique<flash_job>(*this, std::move(header), std::move(progress));
+    return std::make_unique<flash_job>(*this, std::move(header), progress);
 }
 
 } // namespace veld

@@ -27,7 +27,7 @@ public:
 
     /// See device_backend: an image is what docs/firmware-image.md says.
     static fault examine(firmware_image *image);
-    std::unique_ptr<job> flash(const firmware_image &image, progress_handler progress);
+    std::unique_ptr<job> flash(const firmware_image &image, const progress_handler &progress);
 
 private:
     class flash_job;

@@ -99,9 +99,9 @@ fault machine_backend::examine(firmware_image *image)
     return machine_firmware::examine(image);
 }
 
-std::unique_ptr<job> machine_backend::flash(const firmware_image &image, progress_handler progress)
+std::unique_ptr<job> machine_backend::flash(const firmware_image &image, const progress_handler &progress)
 {
-    return firmware_->flash(image, std::move(progress));
+    return firmware_->flash(image, progress);
 }
 
 std::unique_ptr<job> machine_backend::reboot(const std::string &)

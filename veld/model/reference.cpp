@@ -48,7 +48,7 @@ std::string path_problem(tree *in, role who, const value_rules &rules, std::stri
 }
 
 // The path of `pattern`, "Device.X.{i}.Y", in the instances that `name` is in too; empty when these do not say which.
-std::string beside(std::string name, std::string_view pattern)
+std::string beside(const std::string &name, std::string_view pattern)
 {
     std::string path;
     std::string_view own = name;

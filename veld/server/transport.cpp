@@ -6,7 +6,7 @@
 namespace veld
 {
 
-io_result transport::read(char *into, size_t room)
+io_result transport::receive(char *into, size_t room)
 {
     ssize_t count = 0;
     do
@@ -19,11 +19,11 @@ io_result transport::read(char *into, size_t room)
     return {errno == EAGAIN || errno == EWOULDBLOCK ? io_state::want_read : io_state::failed};
 }
 
-io_result transport::write(const char *from, size_t count)
+io_result transport::send(const char *from, size_t count)
 {
     ssize_t written = 0;
     do
-        written = send(fd(), from, count, MSG_NOSIGNAL);
+        written = ::send(fd(), from, count, MSG_NOSIGNAL);
     while (written < 0 && errno == EINTR);
     if (written >= 0)
         return {io_state::done, static_cast<size_t>(written)};

@@ -33,14 +33,17 @@ public:
     virtual ~transport() = default;
 
     int fd() const { return fd_.get(); }
-    virtual io_result read(char *into, size_t room);
-    virtual io_result write(const char *from, size_t count);
+    virtual io_result read(char *into, size_t room) { return receive(into, room); }
+    virtual io_result write(const char *from, size_t count) { return send(from, count); }
     /// Takes further what must happen before bytes flow; done when nothing is left.
     virtual io_state greet() { return io_state::done; }
     /// True while bytes that were received wait inside, where epoll does not see them.
     virtual bool holds_input() const { return false; }
 
 private:
+    io_result receive(char *into, size_t room);
+    io_result send(const char *from, size_t count);
+
     fd_owner fd_;
 };
 
