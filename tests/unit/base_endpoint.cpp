@@ -94,8 +94,10 @@ TEST(NameLookup, FindsTheAddressesOfAName)
     const auto lookup = name_lookup::start("localhost", AF_INET);
     ASSERT_TRUE(lookup);
     await(*lookup);
-    ASSERT_EQ(lookup->found().size(), 1U);
-    EXPECT_EQ(address_text(lookup->found()[0]), "127.0.0.1");
+    // As often as the machine's own list of hosts has it.
+    ASSERT_FALSE(lookup->found().empty());
+    for (const host_address &address : lookup->found())
+        EXPECT_EQ(address_text(address), "127.0.0.1");
 }
 
 TEST(NameLookup, SaysWhyNothingIsFound)
