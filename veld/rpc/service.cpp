@@ -16,6 +16,14 @@ namespace veld
 namespace
 {
 
+/// Lets the system have what is free; C libraries that keep little of it need no asking.
+void give_memory_back()
+{
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+}
+
 // What is parsed on the spot; anything longer is parsed beside the loop.
 constexpr size_t parsed_at_once = size_t{16} << 10;
 // What one message may take as values: one of all brackets and commas would take a hundred times its length.
@@ -225,7 +233,7 @@ void service::give_memory_back_soon()
     loop_.after(give_back_after_ms, [this] {
         giving_back_ = false;
         left_ = 0;
-        parser_.run([] { malloc_trim(0); });
+        parser_.run([] { give_memory_back(); });
     });
 }
 
@@ -285,7 +293,7 @@ void service::parse_next()
                     const bool large = work->line.size() > worth_giving_back;
                     work->memory.reset();
                     if (large)
-                        malloc_trim(0);
+                        give_memory_back();
                 },
                 [this] {
                     parsing_ = false;
