@@ -305,8 +305,12 @@ TEST(LiveParsers, ResolversAreReadFromResolvConf)
 
 TEST(LiveParsers, RoutesThatAreUpAreRead)
 {
+    char gateway[9]; // as the kernel writes addresses: a word in the order of the machine
+    snprintf(gateway, sizeof gateway, "%08X", inet_addr("192.0.2.1"));
     json_ref rows(rows_of_route("Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\t\tMTU\tWindow\tIRTT\n"
-                                "eth0\t00000000\t010200C0\t0003\t0\t0\t100\t00000000\t0\t0\t0\n"
+                                "eth0\t00000000\t" +
+                                std::string(gateway) +
+                                "\t0003\t0\t0\t100\t00000000\t0\t0\t0\n"
                                 "eth1\t0000A8C0\t00000000\t0000\t0\t0\t0\t0000FFFF\t0\t0\t0\n"
                                 "eth0\tzz\n"));
     EXPECT_EQ(dump(rows.get()),
