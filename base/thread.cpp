@@ -22,13 +22,13 @@ bool start(pthread_t *thread, int detach_state, size_t stack_size, thread_body b
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setdetachstate(&attributes, detach_state);
-    pthread_attr_setstacksize(&attributes, stack_size > 0 ? stack_size : thread_stack_size);
+    const bool has_stack = pthread_attr_setstacksize(&attributes, stack_size > 0 ? stack_size : thread_stack_size) == 0;
     // A new thread begins with the mask of the one that made it.
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    const bool started = pthread_create(thread, &attributes, run, handed_over.get()) == 0;
+    const bool started = has_stack && pthread_create(thread, &attributes, run, handed_over.get()) == 0;
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     pthread_attr_destroy(&attributes);
     if (started)

@@ -105,6 +105,7 @@ int open(const char *path, int flags, ...)
     return REAL(int, open, const char *, int, ...)(path, flags, mode);
 }
 
+#ifndef open64 // a name of open in other C libraries than GNU's
 int open64(const char *path, int flags, ...)
 {
     va_list arguments;
@@ -113,6 +114,7 @@ int open64(const char *path, int flags, ...)
     va_end(arguments);
     return open(path, flags | O_LARGEFILE, mode);
 }
+#endif
 
 ssize_t write(int fd, const void *bytes, size_t count)
 {
