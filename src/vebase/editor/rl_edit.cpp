@@ -216,7 +216,7 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
         if (outcome_ == rl_outcome::line) {
             if (look_ahead())
                 outcome_ = rl_outcome::interrupt;
-            modes_.make_ctrl_c(rl_modes::ctrl_c::signal);
+            modes_.make_ctrl_c(rl_modes::ctrl_c::key); // a signal would empty the terminal of what is drawn now
         }
         if (outcome_ != rl_outcome::interrupt || !signals_.is_default(SIGINT))
             break;
@@ -243,9 +243,10 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
         screen_.leave();
         break;
     }
+    const bool drawn_over = outcome_ == rl_outcome::line && look_ahead();
     const int late = end_terminal();
     // Ctrl-C while the end of the line was being drawn: for what the line starts, as when it comes a moment later.
-    if (rl_signals::take(rl_signals::typed_interrupt) && outcome_ == rl_outcome::line)
+    if ((rl_signals::take(rl_signals::typed_interrupt) && outcome_ == rl_outcome::line) || drawn_over)
         raise(SIGINT);
     *signal = signal_ != 0 ? signal_ : late;
     return outcome_;
