@@ -78,11 +78,11 @@ class Storm:
         return term.line(row).ljust(column)[:column]
 
     def typed(self, term):
-        shown = self.shown(term)
-        return shown.startswith(self.prompt) and shown.endswith("> settled")
+        return self.shown(term).endswith(self.prompt + " settled" if self.prompt else "> settled")
 
     def at_prompt(self, term):
-        return term.at_prompt() and term.line(term.cursor[0]).startswith(self.prompt)
+        """Perhaps behind a row that a command has left unfinished."""
+        return term.at_prompt() and term.line(term.cursor[0]).endswith(self.prompt)
 
     def run(self, line):
         try:
