@@ -211,8 +211,7 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
         keep_text_ = false;
         screen_.begin(prompt != nullptr ? prompt : "", rl_set.prompt_color, rl_set.hint_color);
         edit();
-        // Before anybody sees that the line has ended: a Ctrl-C behind it is a signal, and one that came as a key
-        // already is not left for later.
+        // Before anybody sees that the line has ended: a Ctrl-C that came behind it as a key is not left for later.
         if (outcome_ == rl_outcome::line) {
             if (look_ahead())
                 outcome_ = rl_outcome::interrupt;
