@@ -8,6 +8,19 @@ option(VELD_STATIC "Link the libraries of veld statically, but for OpenSSL" OFF)
 find_package(Threads REQUIRED)
 find_package(PkgConfig QUIET)
 
+# Compilers for some processors leave atomic operations on single bytes to a library of their own.
+check_cxx_source_compiles("
+  #include <atomic>
+  std::atomic<bool> flag;
+  int main() { return flag.exchange(true); }" KEST_HAS_ATOMIC_BYTES)
+if(NOT KEST_HAS_ATOMIC_BYTES)
+  if(KEST_STATIC)
+    string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -l:libatomic.a")
+  else()
+    string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -latomic")
+  endif()
+endif()
+
 # kest_dependency(name [CLIENT] [DAEMON] PACKAGES names of pkg-config... HEADER file [INCLUDE_SUFFIXES folders...] LIBRARY name):
 # the target dep_${name}, for the program or programs named. A program that links the library in its own way says which it is with
 # the property KEST_PROGRAM; tests link as kest does, where it is built.
