@@ -21,11 +21,29 @@ std::vector<std::string> entries(const ve_history &history)
     return all;
 }
 
+// A folder of its own in memory, where there is such a place: what is saved looks through the folder for leftovers.
+std::string folder()
+{
+    for (const char *pattern : {"/dev/shm/kest-fuzz.XXXXXX", "/tmp/kest-fuzz.XXXXXX"}) {
+        std::string path = pattern;
+        if (mkdtemp(path.data()))
+            return path;
+    }
+    abort();
+}
+
+// Removed at the end of the program.
+struct own_folder {
+    const std::string path = folder();
+    ~own_folder() { rmdir(path.c_str()); }
+};
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    const std::string path = "/tmp/kest-fuzz-history." + std::to_string(getpid());
+    static const own_folder own;
+    const std::string path = own.path + "/history";
     const std::string_view text(reinterpret_cast<const char *>(data), size);
     if (!replace_file(path, text, {.mode = 0600}))
         abort();
