@@ -27,7 +27,8 @@ enum ve_rl_control : unsigned {
 char *ve_rl(const char *prompt, int timeout_ms);
 /// True when the last ve_rl ended by Ctrl-D or the end of input.
 bool ve_rl_ctrld_is_pressed();
-/// errno of the read that ended an input which is no terminal; 0 where none failed.
+/// errno of the read that ended the input; 0 where none failed. It is the end for every later ve_rl, too: what a reader
+/// behind it would find may be the rest of somebody else's line.
 int ve_rl_input_error();
 
 /// What was typed ahead at the prompt, as far as the terminal does not hold it any more. Takes its next byte; false

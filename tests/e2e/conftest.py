@@ -26,7 +26,6 @@ home        their home directory       tmp_path  their working directory
 
 import os
 import signal
-import subprocess
 import tempfile
 import threading
 from pathlib import Path
@@ -34,6 +33,7 @@ from pathlib import Path
 import pytest
 
 from lib import settings
+from lib.certificate import make_certificate
 from lib.fake import Fake
 from lib.program import Program
 from lib.relay import Relay
@@ -175,19 +175,6 @@ def certificate():
     """A certificate for localhost and its key, signed by themselves."""
     with tempfile.TemporaryDirectory(prefix="kest-e2e-tls-", dir=BASE) as name:
         yield make_certificate(Path(name))
-
-
-def make_certificate(folder):
-    subprocess.run(
-        [
-            "openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2",
-            "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1",
-            "-keyout", folder / "key.pem", "-out", folder / "cert.pem",
-        ],
-        check=True,
-        capture_output=True,
-    )  # fmt: skip
-    return folder / "cert.pem", folder / "key.pem"
 
 
 @pytest.fixture

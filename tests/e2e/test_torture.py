@@ -25,6 +25,13 @@ def test_a_call_that_fails_loses_nothing_and_is_not_silent():
     assert int(re.search(r"^(\d+) faults in", text, re.M)[1]) > 150
 
 
+@pytest.mark.parametrize("fault", ["read:EIO=25", "ioctl:EIO=4"])
+def test_a_terminal_that_fails_once_ends_the_session_and_keeps_its_modes(fault):
+    """What was typed behind a read that failed in the Lua console is no command of the shell's."""
+    status, text = torture("--only", "lua-terminal", "--fault", fault)
+    assert status == 0, text
+
+
 def test_the_torture_sees_what_is_wrong(tmp_path):
     """A program that a failed allocation ends without a word is found."""
     (tmp_path / "silent.c").write_text("#include <stdlib.h>\nint main() { char *p = malloc(9); if (!p) return 3; *p = 1; }\n")

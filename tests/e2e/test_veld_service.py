@@ -12,8 +12,8 @@ from pathlib import Path
 
 import pytest
 
-from conftest import make_certificate
 from lib import settings
+from lib.certificate import make_certificate
 from lib.wire import Closed, Peer
 from test_veld_hostile import SMALL, ask
 

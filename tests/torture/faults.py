@@ -110,6 +110,7 @@ class Run:
     injected: str = ""  # the system call that failed, as strace shows it
     problem: str = ""  # what the scenario found wrong
     excusable: bool = False  # the problem is none when the program said that it failed
+    drawn: bool = False  # the output is a terminal's, which is not the same from one run to the next
 
 
 class Injector:
@@ -178,7 +179,7 @@ def finish(process, bound, feed=None):
         os.killpg(process.pid, signal.SIGKILL)
         out, err = process.communicate()
         status = None
-    return status, out.decode("utf-8", "backslashreplace"), err.decode("utf-8", "backslashreplace")
+    return status, *((text or b"").decode("utf-8", "backslashreplace") for text in (out, err))
 
 
 def wait_until(condition, bound):

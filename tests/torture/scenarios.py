@@ -5,18 +5,26 @@ by itself: a file in pieces, an acknowledged change that is lost.
 """
 
 import os
+import pty
+import select
 import shutil
 import signal
+import ssl
+import struct
 import subprocess
+import termios
+import time
+from fcntl import ioctl
 
 from faults import Run, finish, wait_until
 from lib import settings
+from lib.certificate import make_certificate
 from lib.veld import Veld, model_path
-from lib.wire import Closed, Peer, WireError
+from lib.wire import Closed, Peer, WireError, connect
 
 BOUND = 5 * settings.PATIENCE  # seconds
 SMALL = settings.SOURCE / "tests" / "e2e" / "models" / "small.json"
-NAME = "Device.DeviceInfo.FriendlyName"
+PROMPT = b"> "
 
 
 class Client:
@@ -29,6 +37,7 @@ class Client:
 
     program = settings.KEST
     needs_daemon = True
+    options = ()  # of the daemon
 
     def __init__(self, name, *words, stdin=None, files=None, whole=(), begun=None, sets=None, history=False, guesses=False):
         self.name, self.words, self.stdin, self.files = name, words, stdin, files or {}
@@ -58,16 +67,23 @@ class Client:
         if self.sets:
             place.daemon().set_values({self.sets[0]: place.old_value})
         wire = place.wire(fault) if fault and fault.on_wire else None
-        argv, env = injector.command(self.argv(place, wire), box.environment(), fault, watch)
+        argv, env = injector.command(self.argv(place, wire), self.environment(box), fault, watch)
+        done = self.go(box.wrap(argv) if self.history else argv, env, box.work, lambda pid: wire and wire.began(pid))
+        done.injected = injector.injected()
+        done.problem = done.problem or self.files_problem(box, before, fault, done) or self.value_problem(place, done)
+        return done
+
+    def environment(self, box):
+        return box.environment()
+
+    def go(self, argv, env, folder, began):
+        """Runs it to its end; tells began(pid)."""
         process = subprocess.Popen(
-            box.wrap(argv) if self.history else argv, env=env, cwd=box.work, start_new_session=True,
+            argv, env=env, cwd=folder, start_new_session=True,
             stdin=subprocess.DEVNULL if self.stdin is None else subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
         )  # fmt: skip
-        if wire:
-            wire.began(process.pid)
-        done = Run(*finish(process, BOUND, self.stdin and self.stdin.encode()), injector.injected())
-        done.problem = self.files_problem(box, before, fault, done) or self.value_problem(place, done)
-        return done
+        began(process.pid)
+        return Run(*finish(process, BOUND, self.stdin and self.stdin.encode()))
 
     def files_problem(self, box, before, fault, done):
         places = {name: box.work / name for name in self.whole}
@@ -85,8 +101,9 @@ class Client:
         return ""
 
     def is_history(self, content, before):
-        """Whether it is the history from before and lines that were typed."""
-        return content.startswith(before) and set(content[len(before) :].splitlines()) <= set(self.stdin.splitlines())
+        """Whether it is the history from before and lines that were typed, or that a run without faults makes of them."""
+        typed = {*self.stdin.splitlines(), *self.finished["history"].splitlines()}
+        return content.startswith(before) and set(content[len(before) :].splitlines()) <= typed
 
     def value_problem(self, place, done):
         if not self.sets:
@@ -98,6 +115,107 @@ class Client:
         if value == place.old_value and done.status == 0:
             done.excusable = True  # where it said that the request failed
             return f"{name} is {value!r} after status 0"
+        return ""
+
+
+class Secure(Client):
+    """kest, with a daemon that speaks TLS alone."""
+
+    @staticmethod
+    def options(box):
+        certificate, key = make_certificate(box.root)
+        return ["--tls-cert", certificate, "--tls-key", key]
+
+    def environment(self, box):
+        return box.environment({"SSL_CERT_FILE": str(box.root / "cert.pem")})
+
+
+class Typed(Client):
+    """kest on a terminal: each line of `stdin` is typed when a prompt stands. Afterwards the terminal echoes again."""
+
+    SILENT = "the terminal does not echo"
+
+    def run(self, place, injector, fault=None, watch=False):
+        done = super().run(place, injector, fault, watch)
+        if done.problem == self.SILENT and "TCSETS" in done.injected:  # it was not let
+            done.problem = ""
+        return done
+
+    def go(self, argv, env, folder, began):
+        master, slave = pty.openpty()
+        ioctl(slave, termios.TIOCSWINSZ, struct.pack("4H", 24, 80, 0, 0))
+        process = subprocess.Popen(
+            argv, env=env, cwd=folder, start_new_session=True, stdin=slave, stdout=slave, stderr=slave,
+            preexec_fn=lambda: ioctl(0, termios.TIOCSCTTY, 0),
+        )  # fmt: skip
+        began(process.pid)
+        lines = self.stdin.splitlines()
+        shown, moment = bytearray(), time.monotonic() + BOUND
+        typed = 0  # how much had been shown when the last line was
+        while process.poll() is None and time.monotonic() < moment:
+            ready = select.select([master], [], [], 0.3)[0]
+            if ready:
+                try:
+                    shown += os.read(master, 65536)
+                except OSError:
+                    break
+            if lines and (not ready or PROMPT in shown[typed:]):
+                typed = len(shown)
+                os.write(master, lines.pop(0).encode() + b"\r")
+        status, _, _ = finish(process, max(0.1, moment - time.monotonic()))
+        while select.select([master], [], [], 0)[0]:
+            shown += os.read(master, 65536)
+        text = shown.decode(errors="replace").replace("\r\n", "\n")
+        done = Run(status, text, text, drawn=True)
+        if not termios.tcgetattr(slave)[3] & termios.ECHO and status not in (None, -signal.SIGKILL):
+            done.problem = self.SILENT
+        os.close(master)
+        os.close(slave)
+        return done
+
+
+class Upgrade(Client):
+    """kest, and a device of its own that it brings new firmware: which version it has then, old or new, it answers."""
+
+    OLD, VERSION = "1.2.3", "Device.DeviceInfo.SoftwareVersion"
+
+    @staticmethod
+    def options(box):
+        return ["--state", box.root / "device", "--flash-time", "0.05", "--reboot-time", "0.05"]
+
+    def __init__(self, name, version, stdin=None):
+        super().__init__(name, "-r", "upgrade", "image", stdin=stdin)
+        self.version = version
+
+    def run(self, place, injector, fault=None, watch=False):
+        place.renew()
+        shutil.rmtree(place.sandbox.root / "device", ignore_errors=True)
+        return super().run(place, injector, fault, watch)
+
+    def argv(self, place, wire=None):
+        box = place.sandbox
+        (box.work / "payload").write_bytes(b"payload\n" * 500)
+        how = ["--make-image", self.version, "--payload", "payload", "--output", "image"]
+        subprocess.run([settings.VELD, *how], cwd=box.work, check=True)
+        return super().argv(place, wire)
+
+    def value_problem(self, place, done):
+        """It may flash and start again until it rests at a version."""
+        version = ""
+        moment = time.monotonic() + BOUND
+        while time.monotonic() < moment:
+            try:
+                version = place.daemon().value(self.VERSION)
+                if version == self.version or done.status != 0:
+                    break
+            except (OSError, Closed):
+                pass
+            time.sleep(0.02)
+        if version not in (self.OLD, self.version):
+            return f"the device's version is {version!r}"
+        if done.status == 0 and version == self.OLD:
+            done.excusable = True
+            return f"version {version} after status 0"
         return ""
 
 
@@ -125,6 +243,7 @@ class Daemon:
     """
 
     needs_daemon = False  # it is one
+    options = ()
 
     def __init__(self, name, talk=None, saved=None, may_be=()):
         self.name, self.talk, self.saved, self.may_be = name, talk, saved, may_be
@@ -139,7 +258,7 @@ class Daemon:
                 keep(Peer(before.address), self.saved)
             promised = self.saved
         address = str(box.new_socket())
-        argv, env = injector.command(daemon_argv(box, address), box.environment(), fault, watch)
+        argv, env = injector.command(daemon_argv(box, address) + self.more(box), box.environment(), fault, watch)
         process = subprocess.Popen(
             argv, env=env, cwd=box.work, start_new_session=True,
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
@@ -154,9 +273,7 @@ class Daemon:
         wait_until(lambda: os.path.exists(address) or process.poll() is not None, BOUND)
         for _ in range(3):  # a link that is lost is made again, as a client does
             try:
-                with Peer(address) as peer:
-                    if self.talk:
-                        self.talk(peer, promise)
+                self.converse(box, address, promise)
                 said.append("done")
                 break
             except (OSError, Closed):
@@ -170,6 +287,18 @@ class Daemon:
         done.problem = self.state_problem(box, promised)
         return done
 
+    def more(self, box):
+        """Further options."""
+        return []
+
+    def connect(self, box, address):
+        return Peer(address)
+
+    def converse(self, box, address, promise):
+        with self.connect(box, address) as peer:
+            if self.talk:
+                self.talk(peer, promise)
+
     def state_problem(self, box, promised):
         try:
             with sound(box) as after:
@@ -182,6 +311,33 @@ class Daemon:
         return "" if value in allowed else f"Device.Name is {value!r}, promised was {promised!r}"
 
 
+class SecureDaemon(Daemon):
+    """veld that speaks TLS alone."""
+
+    def more(self, box):
+        if not (box.root / "cert.pem").exists():
+            make_certificate(box.root)
+        return ["--tls-cert", box.root / "cert.pem", "--tls-key", box.root / "key.pem"]
+
+    def connect(self, box, address):
+        context = ssl.create_default_context(cafile=box.root / "cert.pem")
+        return Peer(address, context.wrap_socket(connect(address), server_hostname="localhost"))
+
+
+class FlashedDaemon(Daemon):
+    """veld that is brought new firmware."""
+
+    def converse(self, box, address, promise):
+        (box.work / "payload").write_bytes(b"payload\n" * 500)
+        subprocess.run([settings.VELD, *IMAGE], cwd=box.work, check=True)
+        words = [settings.KEST, "-u", address, "-r", "upgrade", "image"]
+        try:
+            subprocess.run(words, cwd=box.work, env=box.environment(), capture_output=True, timeout=BOUND, check=False)
+        except subprocess.TimeoutExpired:
+            pass  # the device is gone, which others judge
+
+
+IMAGE = ["--make-image", "1.3.0", "--payload", "payload", "--output", "image"]
 FACTORY = "box"
 
 
@@ -300,6 +456,13 @@ SCENARIOS = [
     Client("shell-record", stdin="record made\ncd Device.Time\nget Enable\nq\nq\n", whole=("made",), begun={"made": ""}, history=True),
     Client("shell-command", stdin="sh echo out\nls Device.Time\n!!\n", history=True),
     Client("lua-shell", stdin="lua\nx = 3\nprint(x * 2)\n", history=True),
+    Secure("get-tls", "--ssl", "-r", "get", "Device.Time.Enable"),
+    Secure("script-tls", "--ssl", "-s", "script", files={"script": "ls Device.Time\nget Device.Time.Enable\n"}),
+    Secure("download-tls", "--ssl", "-r", "download", "file", "load", files={"load": "payload\n" * 500}),
+    Typed("terminal", stdin="cd Device.Time\nget Ena\t\nset NTPServer1=\"new\"\nq", sets=(SERVER, "new"), history=True),
+    Typed("lua-terminal", stdin=f"lua\nx = 3\nprint(x * 2)\ndm.set{{['{SERVER}'] = 'new'}}\nq\nq", sets=(SERVER, "new"), history=True),
+    Upgrade("upgrade", "1.3.0"),
+    Upgrade("upgrade-major", "2.0.0", stdin="y\n"),
     Maker("import", "--import", "model.xml", "--output", "model.json", files={"model.xml": IMPORT, "model.json": "{}"}, whole=("model.json",)),
     Maker("image", "--make-image", "GATEWAY-1.3.0", "--payload", "load", "--output", "image",
           files={"load": "payload\n" * 500}),
@@ -307,5 +470,7 @@ SCENARIOS = [
     Daemon("veld-start-on-state", look, saved="old"),
     Daemon("veld-save", save, may_be=("FACTORY", "new")),
     Daemon("veld-save-much", save_much, saved="old", may_be=("new", "newer")),
+    SecureDaemon("veld-tls", save, may_be=("FACTORY", "new")),
+    FlashedDaemon("veld-upgrade", saved="old"),
     Daemon("veld-reset", reset, saved="old", may_be=("FACTORY",)),
 ]  # fmt: skip

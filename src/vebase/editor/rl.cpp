@@ -78,7 +78,9 @@ char *ve_rl(const char *prompt, int timeout_ms)
         const sigint_instead shield(on_terminal, [](int) {});
         ve_out_flush();
     }
-    ended = false;
+    ended = ve_rl_input_error() != 0;
+    if (ended)
+        return nullptr;
     const int64_t deadline = ve_wait_deadline(timeout_ms);
     std::string line;
     while (!ve_wait_interrupted()) {

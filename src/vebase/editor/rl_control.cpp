@@ -26,6 +26,8 @@ struct screen_claims {
     bool stop_wanted = false; // ve_rl_stop, until a read ended by it
     int control_fd = -1;      // main thread only
 };
+int input_error = 0; // main thread only
+
 // Never destroyed: another thread may wait while the program exits.
 screen_claims &claims = *new screen_claims;
 
@@ -230,6 +232,16 @@ bool rl_signals::take_typed_interrupt()
             raise(SIGINT); // somebody's wish to end the program: it waits on
     }
     return typed;
+}
+
+void rl_note_input_error(int error)
+{
+    input_error = error;
+}
+
+int ve_rl_input_error()
+{
+    return input_error;
 }
 
 void rl_raise(int signal)

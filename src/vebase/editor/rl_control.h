@@ -50,5 +50,8 @@ private:
     bool installed_ = false;
 };
 
+/// Notes why the input could not be read, for ve_rl_input_error: nothing more is read of it.
+void rl_note_input_error(int error);
+
 /// Raises `signal` in the calling thread so that its disposition takes effect now, blocked or not.
 void rl_raise(int signal);

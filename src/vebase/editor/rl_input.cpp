@@ -92,8 +92,11 @@ bool rl_session::fetch_byte(unsigned char *byte)
         return true;
     }
     pending_ = 0;
-    if (count == 0 || (errno != EINTR && errno != EAGAIN))
-        outcome_ = rl_outcome::end;
+    if (count < 0 && (errno == EINTR || errno == EAGAIN))
+        return false;
+    if (count < 0)
+        rl_note_input_error(errno);
+    outcome_ = rl_outcome::end;
     return false;
 }
 

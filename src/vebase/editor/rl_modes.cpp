@@ -15,14 +15,21 @@ constexpr char paste_bare[] = "\033[?2004l";
 // For those who end the program in the middle of a read.
 volatile sig_atomic_t in_read = 0;
 termios before_read;
+bool known = false; // before_read was asked of the terminal
 struct sigaction before_abort;
+
+void restore_modes()
+{
+    if (known)
+        tcsetattr(STDIN_FILENO, TCSANOW, &before_read);
+}
 
 void restore()
 {
     if (in_read == 0)
         return;
     in_read = 0;
-    tcsetattr(STDIN_FILENO, TCSANOW, &before_read);
+    restore_modes();
     if (write(STDOUT_FILENO, paste_bare, sizeof paste_bare - 1) < 0 || write(STDOUT_FILENO, "\n", 1) < 0)
         return; // nobody is there to see it
 }
@@ -33,8 +40,11 @@ void rl_modes::begin()
 {
     static const int registered = atexit(restore);
     (void)registered;
-    tcgetattr(STDIN_FILENO, &original_);
-    before_read = original_;
+    if (tcgetattr(STDIN_FILENO, &original_) == 0) {
+        before_read = original_;
+        known = true;
+    }
+    original_ = before_read;
     struct sigaction abandon = {};
     abandon.sa_handler = [](int) { restore(); }; // a failed assertion in a callback
     abandon.sa_flags = static_cast<int>(SA_RESETHAND);
@@ -47,7 +57,7 @@ void rl_modes::begin()
 void rl_modes::end()
 {
     in_read = 0;
-    tcsetattr(STDIN_FILENO, TCSANOW, &original_);
+    restore_modes();
     ve_out_draw(paste_bare, sizeof paste_bare - 1);
     sigaction(SIGABRT, &before_abort, nullptr);
 }
@@ -61,6 +71,8 @@ void rl_modes::make_ctrl_c(ctrl_c meaning)
 /// `local`: of the flags that make keys mean something to the terminal itself, those to be on.
 void rl_modes::set(tcflag_t local)
 {
+    if (!known)
+        return;
     termios modes = original_;
     // Ctrl-S and Ctrl-Q are keys; what stays for the next reader has its line feeds.
     modes.c_iflag &= ~static_cast<tcflag_t>(INLCR | IGNCR | IXON | IXOFF);

@@ -23,7 +23,6 @@ constexpr size_t peek_size = 4096;
 std::string partial; // the line so far
 bool shares = false; // lines were read: whoever reads besides must leave the following ones
 int peek_pipe[2] = {-1, -1};
-int input_error = 0;
 
 enum class source { file, pipe, socket, terminal, other };
 
@@ -169,7 +168,7 @@ rl_outcome rl_plain_line(const char *prompt, int64_t deadline, std::string &line
         if (count < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (count < 0) {
-            input_error = errno;
+            rl_note_input_error(errno);
             partial.clear(); // half a line may mean something else
             return rl_outcome::end;
         }
@@ -185,11 +184,6 @@ rl_outcome rl_plain_line(const char *prompt, int64_t deadline, std::string &line
         if (take_line(line, searched))
             return rl_outcome::line;
     }
-}
-
-int ve_rl_input_error()
-{
-    return input_error;
 }
 
 ssize_t rl_plain_read(char *data, size_t size)

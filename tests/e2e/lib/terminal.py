@@ -67,8 +67,12 @@ class Terminal:
         return self._render(self.screen.buffer[row])
 
     def _render(self, cells):
-        # The cell behind a wide character holds no character of its own.
-        return "".join(cells[column].data for column in range(self.screen.columns)).rstrip()
+        # The cell behind a wide character holds no character of its own; cells that nothing was written to are not there.
+        if not cells:
+            return ""
+        blank = self.screen.default_char
+        columns = range(min(max(cells) + 1, self.screen.columns))
+        return "".join([cells.get(column, blank).data for column in columns]).rstrip()
 
     @property
     def lines(self):
@@ -81,7 +85,18 @@ class Terminal:
     @property
     def all_lines(self):
         """The rows that scrolled off the top, then those of the screen."""
-        return [self._render(cells) for cells in self.screen.history.top] + self.lines
+        return self._rows_from(0)
+
+    def _rows_from(self, start):
+        """The rows from an absolute one on. What scrolled off before is not looked at: a session may be long."""
+        top = self.screen.history.top
+        gone = [top[index] for index in range(len(top) - 1, start - 1, -1)]  # a deque: quick at its ends
+        return [self._render(cells) for cells in reversed(gone)] + self.lines[max(0, start - len(top)) :]
+
+    def forget(self):
+        """Drops what scrolled off the top and the bytes behind all of it; for sessions without an end."""
+        self.screen.history.top.clear()
+        self.raw.clear()
 
     @property
     def text(self):
@@ -223,8 +238,8 @@ class Terminal:
         start = self._absolute_row()
         self.type(Key.ENTER)
         self.wait_for(lambda terminal: terminal._absolute_row() > start and terminal.at_prompt(prompt), timeout)
-        end = self._absolute_row()
-        return (self.all_lines + [""] * self.screen.lines)[start + 1 : end]
+        count = self._absolute_row() - (start + 1)
+        return (self._rows_from(start + 1) + [""] * self.screen.lines)[:count]
 
     def quiet(self, seconds=0.2):
         """Reads until nothing has come for `seconds`: for what must not happen. Returns the terminal."""
