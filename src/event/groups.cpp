@@ -35,13 +35,17 @@ int group_join(ve_jrpcapi *ctx, uint32_t group)
     return join(ctx, message.get());
 }
 
-void groups_join(ve_jrpcapi *ctx, std::span<const uint32_t> groups)
+bool groups_join(ve_jrpcapi *ctx, std::span<const uint32_t> groups)
 {
+    bool answered = false;
     for (const uint32_t group : groups) {
+        const int result = group_join(ctx, group);
         // Without an answer it may have been joined all the same.
-        if (group_join(ctx, group) <= 0)
+        if (result <= 0)
             joined.push_back(group);
+        answered = answered || result >= 0;
     }
+    return answered;
 }
 
 int groups_join_again(ve_jrpcapi *ctx)

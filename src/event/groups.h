@@ -12,7 +12,8 @@
 int group_join(ve_jrpcapi *ctx, uint32_t group);
 
 /// Joins them at the start, in that order, and remembers which the daemon let in; what became of each is not said.
-void groups_join(ve_jrpcapi *ctx, std::span<const uint32_t> groups);
+/// Returns whether there was an answer to any.
+bool groups_join(ve_jrpcapi *ctx, std::span<const uint32_t> groups);
 /// Joins again, on the new link, those that were joined on the lost one. Returns 0, or -1 when the events of one are
 /// missing from here on, which standard error is told.
 int groups_join_again(ve_jrpcapi *ctx);

@@ -93,6 +93,7 @@ void server_reconnect(const char *text, bool announced)
     ve_out_flush();
     spinner_start(text);
     ve_jrpcapi_disconnect(request_ctx);
+    const ve_jrpcapi_slow before = ve_jrpcapi_tell_slow(request_ctx, announced ? ve_jrpcapi_slow{} : trouble_slow);
     while (ve_socket_state(ve_jrpcapi_socket(request_ctx)) != ve_socket_connected) {
         if (ve_jrpcapi_connect(request_ctx) == 0)
             continue;
@@ -100,6 +101,7 @@ void server_reconnect(const char *text, bool announced)
             break;
         tell(request_ctx);
     }
+    ve_jrpcapi_tell_slow(request_ctx, before);
     spinner_stop();
     trouble_over();
     if (ve_wait_interrupted()) {
@@ -110,5 +112,9 @@ void server_reconnect(const char *text, bool announced)
     ve_out_flush();
     groups_join_again(request_ctx);
     ve_jrpcapi_set_timeout(request_ctx, usual_timeout_ms);
+    if (ve_wait_interrupted()) {
+        ve_jrpcapi_disconnect(request_ctx); // without all of its groups it is no link
+        return;
+    }
     kest_update_login(nullptr, nullptr);
 }

@@ -59,4 +59,5 @@ void trouble_over()
 {
     told = false;
     told_lasting = false;
+    told_slow = false;
 }

@@ -10,8 +10,9 @@ void trouble_tell(const ve_jrpcapi *ctx);
 void trouble_tell_lasting(const ve_jrpcapi *ctx);
 /// How long a daemon may let one wait before that is said, in milliseconds.
 constexpr int trouble_slow_ms = 2000;
-/// Says, once, that the daemon lets one wait.
+/// Says, once until trouble_over(), that the daemon lets one wait.
 void trouble_tell_slow(const ve_jrpcapi *ctx);
+constexpr ve_jrpcapi_slow trouble_slow{.after_ms = trouble_slow_ms, .tell = trouble_tell_slow};
 /// Says what may help with a daemon that closes every link without a word.
 void trouble_tell_tls();
 /// There is a link again: what comes now is another trouble.

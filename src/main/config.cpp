@@ -22,7 +22,6 @@ namespace
 {
 
 constexpr size_t default_path_size = 256;
-/// An answer that takes longer is worth a word to whoever sees nothing else.
 
 std::string running; // the path of the file that runs
 
@@ -93,10 +92,10 @@ void run_config(const char *path)
     ve_out_reopened();
     running = path;
     password_ask_on_error(true);
-    ve_jrpcapi_tell_slow(request_ctx, trouble_slow_ms, tell_slow);
+    const ve_jrpcapi_slow before = ve_jrpcapi_tell_slow(request_ctx, {trouble_slow_ms, tell_slow});
     run_script(ve_input(std::move(file)), path, 1);
     ve_out_flush();
-    ve_jrpcapi_tell_slow(request_ctx, -1, nullptr);
+    ve_jrpcapi_tell_slow(request_ctx, before);
     password_ask_on_error(false);
     dup2(kept.get(), STDOUT_FILENO);
     ve_out_reopened();

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/clock.h"
 #include "cdpath/cdpath.h"
 #include "cline/cline.h"
 #include "commands/file_server.h"
@@ -35,7 +36,6 @@ namespace
 
 constexpr int request_timeout_ms = 5000;
 constexpr int group_timeout_ms = 100;
-/// A connect that takes longer is worth a word.
 /// The daemon's notices of added and deleted instances.
 constexpr uint32_t instance_group = 4;
 
@@ -50,8 +50,20 @@ void fill_standard_descriptors()
     }
 }
 
-/// Opens both links, joins the groups and starts the listener. A daemon that is not there shows later. Returns 0, or -1
-/// without a listener.
+/// How long the daemon may still be silent before that is said, when it has been so since `begun`.
+ve_jrpcapi_slow patience_left(int64_t begun)
+{
+    const int64_t left = begun + trouble_slow_ms - monotonic_ms();
+    return {.after_ms = left > 0 ? static_cast<int>(left) : 0, .tell = trouble_tell_slow};
+}
+
+bool is_open(const ve_jrpcapi *ctx)
+{
+    return ve_socket_state(ve_jrpcapi_socket(ctx)) == ve_socket_connected;
+}
+
+/// Opens both links, joins the groups and starts the listener. A daemon that is not there shows later; one that takes
+/// links and answers nothing is told of when that has lasted. Returns 0, or -1 without a listener.
 int open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *group)
 {
     ve_jrpcapi *const both[] = {request, group};
@@ -66,13 +78,19 @@ int open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *gr
     ve_jrpcapi_set_timeout(request, request_timeout_ms);
     ve_jrpcapi_set_timeout(group, group_timeout_ms);
     for (ve_jrpcapi *ctx : both) {
-        ve_jrpcapi_tell_slow(ctx, trouble_slow_ms, trouble_tell_slow);
+        ve_jrpcapi_tell_slow(ctx, trouble_slow);
         ve_jrpcapi_connect(ctx);
-        ve_jrpcapi_tell_slow(ctx, -1, nullptr);
+        ve_jrpcapi_tell_slow(ctx, {});
     }
     ve_jrpcapi_set_flags(group, ve_jrpcapi_get_flags(request) | ve_jrpcapi_flag_events);
-    group_join(group, instance_group);
-    groups_join(request, {reinterpret_cast<const uint32_t *>(options.groups), options.groups_count});
+    const int64_t begun = monotonic_ms();
+    const bool silent = group_join(group, instance_group) < 0 && is_open(group);
+    if (silent)
+        ve_jrpcapi_tell_slow(request, patience_left(begun));
+    if (groups_join(request, {reinterpret_cast<const uint32_t *>(options.groups), options.groups_count}))
+        ve_jrpcapi_tell_slow(request, {});
+    else if (silent && options.mode == mode_listen)
+        trouble_tell_slow(group); // nothing more is asked
     if (start_event_handler(request, group) == 0)
         return 0;
     fprintf(stderr, "Cannot start the event listener.\n");

@@ -30,8 +30,14 @@ void ve_jrpcapi_set_destination(ve_jrpcapi *ctx, const char *address, const char
 /// Bounds a whole exchange or receive, in milliseconds; -1 waits without limit.
 void ve_jrpcapi_set_timeout(ve_jrpcapi *ctx, int timeout_ms);
 
-/// Calls `tell` once in each connect and each exchange that waits longer than `after_ms`; -1: never.
-void ve_jrpcapi_tell_slow(ve_jrpcapi *ctx, int after_ms, void (*tell)(const ve_jrpcapi *ctx));
+/// Whom to tell that the peer lets one wait.
+struct ve_jrpcapi_slow {
+    int after_ms = -1; ///< -1: never
+    void (*tell)(const ve_jrpcapi *ctx) = nullptr;
+};
+/// Calls `tell` once in each connect and each exchange that waits longer than that; exchanges that ended without an
+/// answer count with the next one. Returns what held before.
+ve_jrpcapi_slow ve_jrpcapi_tell_slow(ve_jrpcapi *ctx, ve_jrpcapi_slow slow);
 /// Where it connects to, borrowed until the next ve_jrpcapi_set_destination.
 const char *ve_jrpcapi_destination(const ve_jrpcapi *ctx);
 

@@ -9,7 +9,8 @@ import subprocess
 import pytest
 
 from lib import settings
-from lib.fake import Close, Error, Raw, Several, Slow
+from lib.fake import Close, Error, Raw, Several, Silence, Slow
+from lib.terminal import Key
 
 MODEL = {"Device.": {}, "Device.A": 1}
 
@@ -328,3 +329,53 @@ def test_a_silent_peer_does_not_go_unseen(kest_start):
         run = kest_start("--ssl", "-r", "get", "Device.A", to=address)
         run.wait_for("\n", stream="err")
         assert run.err == f"kest: {address}: waiting for the daemon\n"
+
+
+@pytest.fixture(params=["unix", "tcp", "full queue"])
+def silent(request, tmp_path):
+    """The address of somebody who takes links, or not even those, and says nothing."""
+    family = socket.AF_INET if request.param == "tcp" else socket.AF_UNIX
+    with socket.socket(family) as server, socket.socket(family) as first:
+        server.bind(("127.0.0.1", 0) if request.param == "tcp" else str(tmp_path / "silent"))
+        server.listen(0 if request.param == "full queue" else 8)
+        if request.param == "full queue":
+            first.connect(server.getsockname())
+        yield f"tcp://127.0.0.1:{server.getsockname()[1]}" if request.param == "tcp" else tmp_path / "silent"
+
+
+def test_a_daemon_that_answers_nothing_is_told(kest_start, silent):
+    run = kest_start("-r", "get", "Device.A", to=silent)
+    run.wait_for("\n", stream="err")
+    run.interrupt()
+    assert run.finish().err == f"kest: {silent}: waiting for the daemon\n"
+
+
+def test_listening_to_a_daemon_that_answers_nothing_is_told(kest_start, fake):
+    fake.on("JoinGroup", Silence())
+    run = kest_start("-l", "-g", "12", to=fake)
+    run.wait_for(f"kest: {fake.address}: waiting for the daemon\n", stream="err")
+    run.wait_for(lambda run: run.catches(signal.SIGINT))
+    fake.event(12, "heard")
+    run.wait_for('"heard"')
+    run.interrupt()
+    assert (run.finish().status, run.err.count("\n")) == (0, 1)
+
+
+def test_a_request_that_takes_its_time_is_no_trouble(kest, fake):
+    fake.on("Ping", Slow(2.2, {}))
+    assert kest("--raw", '{"id":1,"method":"Ping"}', to=fake).err == ""
+
+
+@pytest.mark.threads
+def test_ctrl_c_while_groups_are_joined_again_loses_none(shell, fake):
+    fake.on("Login", Error(9001, "who is that"))
+    fake.serve(MODEL)
+    term = shell("-g", "7,9", to=fake)
+    fake.on("JoinGroup", [Silence(), {}])
+    request_link(fake).close()
+    term.type("cat Device.A\r")
+    fake.wait_for(lambda fake: joins(fake)[2:] == [(2, 7)])
+    term.type(Key.CTRL_C)
+    term.wait_prompt()
+    assert term.run("cat Device.A")[-1] == "A = 1"
+    assert joins(fake)[3:] == [(3, 7), (3, 9)]

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <sys/eventfd.h>
 #include <unistd.h>
+#include <utility>
 
 #include "platform/ve_wait.h"
 #include "vebase/link/jrpcapi_impl.h"
@@ -27,6 +28,7 @@ int fail(ve_jrpcapi *ctx, ve_jrpcmsg *message, int error)
 {
     if (error == ve_socket_err_closed) {
         ve_link_lose(ctx);
+        ctx->silent_since = -1;
         ve_jrpcmsg_set_error(message, ve_jrpc_err_lost, "the daemon closed the link", nullptr);
     } else {
         const std::scoped_lock lock(ctx->lock);
@@ -196,10 +198,19 @@ void ve_jrpcapi_set_timeout(ve_jrpcapi *ctx, int timeout_ms)
     ctx->timeout_ms = timeout_ms;
 }
 
-void ve_jrpcapi_tell_slow(ve_jrpcapi *ctx, int after_ms, void (*tell)(const ve_jrpcapi *))
+ve_jrpcapi_slow ve_jrpcapi_tell_slow(ve_jrpcapi *ctx, ve_jrpcapi_slow slow)
 {
-    ctx->slow_ms = after_ms;
-    ctx->tell_slow = tell;
+    ctx->silent_since = -1;
+    return std::exchange(ctx->slow, slow);
+}
+
+void ve_link_tell_slow(ve_jrpcapi *ctx)
+{
+    if (ctx->slow_at < 0 || ve_wait_deadline(0) < ctx->slow_at)
+        return;
+    ctx->slow_at = -1;
+    ctx->silent_since = -1;
+    ctx->slow.tell(ctx);
 }
 
 int ve_link_wait(ve_jrpcapi *ctx, pollfd *fd, int64_t deadline)
@@ -207,8 +218,7 @@ int ve_link_wait(ve_jrpcapi *ctx, pollfd *fd, int64_t deadline)
     if (ctx->slow_at >= 0 && (deadline < 0 || ctx->slow_at < deadline)) {
         if (const int ready = ve_wait_poll(fd, 1, ctx->slow_at); ready != 0)
             return ready;
-        ctx->slow_at = -1;
-        ctx->tell_slow(ctx);
+        ve_link_tell_slow(ctx);
     }
     return ve_wait_poll(fd, 1, deadline);
 }
@@ -263,7 +273,9 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
         return fail(ctx, message, ve_socket_err_closed);
     if (enqueue(ctx, message) < 0)
         return -1;
-    ctx->slow_at = ve_wait_deadline(ctx->slow_ms);
+    if (ctx->silent_since < 0)
+        ctx->silent_since = ve_wait_deadline(0);
+    ctx->slow_at = ctx->slow.after_ms < 0 ? -1 : ctx->silent_since + ctx->slow.after_ms;
     int flushed = ve_link_flush(ctx);
     for (bool first = true;; first = false) {
         // An answer counts even when the link went right behind it.
@@ -271,6 +283,7 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
         if (found == taken::found) {
             if (flushed < 0)
                 ve_link_lose(ctx);
+            ctx->silent_since = -1;
             ve_jrpcapi_note(ctx, ve_socket_err_none);
             return 0;
         }

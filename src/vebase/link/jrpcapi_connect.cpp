@@ -70,6 +70,7 @@ outcome connect_to(ve_jrpcapi *ctx, const sockaddr *address, socklen_t size, int
                 return timed_out(ctx);
             if (ve_wait_sleep_ms(full_queue_pause_ms) < 0)
                 return outcome::interrupted;
+            ve_link_tell_slow(ctx);
             continue;
         }
         if (errno != EINPROGRESS && errno != EINTR && errno != EALREADY)
@@ -239,7 +240,7 @@ int ve_jrpcapi_connect(ve_jrpcapi *ctx)
     ctx->connect_error_lasts = false;
     // Counts as failed until it succeeds, so that one which Ctrl-C leaves is paced too.
     ctx->failed_at = monotonic_ms();
-    ctx->slow_at = ve_wait_deadline(ctx->slow_ms);
+    ctx->slow_at = ve_wait_deadline(ctx->slow.after_ms);
     const outcome opened = open_link(ctx);
     ctx->lookup.reset();
     if (opened != outcome::done) {

@@ -33,9 +33,9 @@ struct ve_jrpcapi_queue {
 struct ve_jrpcapi {
     uint32_t flags = 0;
     int timeout_ms = 5000;
-    int slow_ms = -1; // after which a wait is told to `tell_slow`
-    void (*tell_slow)(const ve_jrpcapi *) = nullptr;
-    int64_t slow_at = -1; // when that is for the connect or the exchange under way; -1: never, or told
+    ve_jrpcapi_slow slow;
+    int64_t silent_since = -1; // when the first exchange began to which there is no answer yet; -1: none
+    int64_t slow_at = -1;      // when to tell of the connect or the exchange under way; -1: never, or told
     std::string destination{ve_jrpcapi_default_socket};
     int64_t next_id = 1;
     int64_t reserved_id = 0; // never one of our own; 0 for none
@@ -74,6 +74,8 @@ void ve_jrpcapi_note(ve_jrpcapi *ctx, int error);
 
 /// As ve_wait_poll for one descriptor; says once for the operation under way that it is slow.
 int ve_link_wait(ve_jrpcapi *ctx, pollfd *fd, int64_t deadline);
+/// Says it, when it is.
+void ve_link_tell_slow(ve_jrpcapi *ctx);
 
 // --- the transport; none of these waits ---
 
