@@ -66,7 +66,7 @@ void finish_statement(lua_State *L, std::string &statement, unsigned first, bool
     } else {
         console.history.add(statement);
         if (compiled && !kest_lua_failed())
-            console.script.add(L, statement, first);
+            console.script.add(L, statement, first, kest_lua_shown() + 1 - first);
     }
     statement.clear();
     interrupt_disarm();

@@ -11,8 +11,8 @@ class lua_recording
 {
 public:
     void clear() { pieces_.clear(); }
-    /// Adds a complete piece that ran. `first` is the number in "_" of the first value that it showed, if it did.
-    void add(lua_State *L, const std::string &text, unsigned first);
+    /// Adds a complete piece that ran. `first` is the number in "_" of the first value that it showed, of `shown`.
+    void add(lua_State *L, const std::string &text, unsigned first, unsigned shown);
     /// What only looked at values shows them there. Where a piece uses "_", the script fills that table as the session
     /// did.
     std::string script() const;

@@ -90,6 +90,22 @@ def test_a_lua_recording_is_a_script(kest, model, tmp_path, lines, recorded, pri
     assert (run.out, run.err, run.status) == (printed, "", 0)
 
 
+@pytest.mark.parametrize("lines, printed", [
+    (["-- nothing", "1", "_[1] + 1", "-- nothing"], "1\n2\n"),
+    (["y = 'all'", "local y = 'one'", "y", "local function y() end", "y"], '"all"\n"all"\n'),
+    (["goto on; error('no') ::on::", "goto on; error('no') ::on::", "print(1)"], "1\n"),
+    (["x = 1", "if x then", "return 'early'", "end", "if not x then return end", "x"], '"early"\n1\n'),
+    (["f = function() return 1 end", "function f(...)", "return ...", "end", "f(2)", "x = f(2); -- two", "x; -- two"], "2\n"),
+    (["return", "return -- nothing", "print(...)", "(...)", "x = select('#', ...)", "x"], "\nnil\n0\n"),
+    (["for i = 1, 2 do local j = i if j > 1 then break end end", "print('last...')"], "last...\n"),
+])
+def test_a_lua_recording_does_what_the_session_did(kest, model, tmp_path, lines, printed):
+    shown = kest(to=model, stdin="\n".join(["luarecord file", *lines, "q", "q", ""]))
+    assert shown.err == ""
+    run = kest("-S", "file", "--", "an", "argument", to=model)
+    assert (run.out, run.err, run.status) == (printed, "", 0)
+
+
 def test_a_lua_recording_keeps_results_that_are_used(kest, model, tmp_path):
     lines = ["40", "x = 1", "tostring(true), nil", "error('no')", " 'unseen'", "print(_[1] + 2, _[2], _[3], _[5])", "_[1] + x"]
     shown = kest(to=model, stdin="\n".join(["luarecord file", *lines, "q", "q", ""]))

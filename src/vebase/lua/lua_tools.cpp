@@ -174,7 +174,6 @@ int dm_parse(lua_State *L)
 
 int dm_show(lua_State *L)
 {
-    luaL_checkany(L, 1);
     const int count = lua_gettop(L);
     for (int i = 1; i <= count; ++i) {
         if (ve_lua_installed_hooks().describe != nullptr)
