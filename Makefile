@@ -35,7 +35,7 @@ coverage:
 
 mutants:
 	@scripts/need proof
-	@/usr/bin/python3 tests/tools/mutants --seed $(or $(SEED),1) --count $(or $(COUNT),300)
+	@/usr/bin/python3 tests/mutants/run --seed $(or $(SEED),1) --count $(or $(COUNT),300)
 
 soak: all
 	@scripts/need proof
