@@ -347,6 +347,15 @@ def test_what_a_child_reads_and_writes(veld, kest, tmp_path, code, printed):
     assert kest("-S", "s.lua", to=veld).out == printed
 
 
+@pytest.mark.parametrize("run", ["io.popen(c):close()", "os.execute(c)"])
+@pytest.mark.parametrize("ignored", [(), (signal.SIGQUIT,)], ids=["default", "ignored"])
+def test_a_child_ignores_the_quit_key_when_kest_does(veld, kest, tmp_path, run, ignored):
+    (tmp_path / "s.lua").write_text(f"c = 'grep SigIgn /proc/self/status >mask' {run}")
+    assert kest("-S", "s.lua", to=veld, ignored=ignored).status == 0
+    mask = int((tmp_path / "mask").read_text().split()[1], 16)
+    assert mask >> (signal.SIGQUIT - 1) & 1 == len(ignored)
+
+
 def test_a_script_ends_with_its_children(veld, kest, tmp_path):
     (tmp_path / "s.lua").write_text("print(1) f = io.popen('cat; read x <fifo; echo $x', 'w') f:write('2\\n')")
     os.mkfifo(tmp_path / "fifo")

@@ -533,13 +533,14 @@ def test_answers_of_wrong_types_do_no_harm(flashing, kest, image, answer):
 
 
 @pytest.mark.parametrize("values", [
-    {"ParameterList": 7}, {"ParameterList": [1, {"Name": 3}]}, progress("x", "y"), progress(-40), progress(10**12), {}])
+    {"ParameterList": 7}, {"ParameterList": [1, {"Name": 3}]}, progress("x", "y"), progress(-40), progress(101), progress(10**12), {}])
 def test_odd_progress_is_drawn_within_its_bounds(fake, kest, image, values):
     fake.on("GetParameterAttributes", {"ParameterList": []})
     fake.on("Download", {"Status": 0}).on("GetParameterValues", values, Close())
     run = kest("-r", "upgrade", image.name, to=fake)
     assert run.status == 0
     assert bar(run)[-1].count("100%") == 1
+    assert all(int(percent) <= 100 for percent in re.findall(r"(\d+)%", run.out))
 
 
 def test_ctrl_c_in_a_one_shot_ends_the_program_at_the_question(flashing, terminal, image):

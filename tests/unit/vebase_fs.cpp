@@ -34,6 +34,26 @@ protected:
 
 } // namespace
 
+TEST_F(FileTest, DescriptorZeroIsAFileLikeAnyOther)
+{
+    const std::string path = file("abc", "abc");
+    const int kept = dup(STDIN_FILENO);
+    ASSERT_GT(kept, STDIN_FILENO);
+    close(STDIN_FILENO);
+    void *data = nullptr;
+    size_t size = 0;
+    const int mapped = ve_fs_mmap_file(path.c_str(), &data, &size);
+    const std::string digest = md5(path);
+    const int touched = ve_fs_touch(path.c_str());
+    dup2(kept, STDIN_FILENO);
+    close(kept);
+    EXPECT_EQ(mapped, 0);
+    EXPECT_EQ(std::string(static_cast<const char *>(data), size), "abc");
+    ve_fs_munmap_file(data, size);
+    EXPECT_EQ(digest, "900150983cd24fb0d6963f7d28e17f72");
+    EXPECT_EQ(touched, 0);
+}
+
 TEST_F(FileTest, Md5OfRegularFilesOnly)
 {
     EXPECT_EQ(md5(file("empty", "")), "d41d8cd98f00b204e9800998ecf8427e");

@@ -6,18 +6,22 @@
 #include "veld/methods/job.h"
 
 #include <arpa/inet.h>
+#include <cstddef>
+#include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sched.h>
+#include <string>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <cstring>
-#include <functional>
-#include <string>
 #include <vector>
 
 using namespace veld;
@@ -130,6 +134,24 @@ void in_own_network(bool allow_icmp, const std::function<void()> &body)
     if (WEXITSTATUS(status) == 77)
         GTEST_SKIP() << "this machine gives no network of its own";
     EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// From here on this process is on a kernel that was built without IPv6, where the kernel lets it.
+bool forget_ipv6()
+{
+    constexpr uint32_t low_half = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ && sizeof(long) == 8 ? 4 : 0;
+    sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_socket, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args) + low_half),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AF_INET6, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAFNOSUPPORT),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog program = {static_cast<unsigned short>(std::size(code)), code};
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+        return false;
+    return socket(AF_INET6, SOCK_DGRAM, 0) < 0 && errno == EAFNOSUPPORT;
 }
 
 sockaddr_in loopback(uint16_t port)
@@ -332,6 +354,19 @@ TEST(IPPing, WhereNoRouteLeadsNothingIsReached)
         EXPECT_EQ(text(outcome, "Status"), "Error_NoRouteToHost");
         EXPECT_EQ(number(outcome, "SuccessCount"), 0);
         EXPECT_EQ(number(outcome, "FailureCount"), 3);
+    });
+}
+
+TEST(IPPing, WhereTheKernelHasNoIpv6NoRouteLeadsThere)
+{
+    in_own_network(true, [] {
+        if (!forget_ipv6())
+            _exit(77);
+        json_ref input = parse(ping_defaults);
+        json_object_set_new(input.get(), "Host", json_string("::1"));
+        job_outcome outcome = run("IPPing", input);
+        EXPECT_FALSE(outcome.problem) << outcome.problem.message;
+        EXPECT_EQ(text(outcome, "Status"), "Error_NoRouteToHost");
     });
 }
 
