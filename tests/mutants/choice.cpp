@@ -1,6 +1,7 @@
-// Built into the copies of the programs that hold the mutants. The file "mutants" in the folder of the program, or in one above it,
-// says which mutant is in force (four bytes), and takes which are reached (one byte each, from the number 0). It is found by where
-// the program lies, since the tests choose environment, directory and descriptors; it is mapped, so that what is killed has recorded.
+// Built into the copies of the programs that hold the mutants. The file "mutants" in the folder of the program, or in
+// one above it, says which mutant is in force (four bytes), and takes which are reached (one byte each, from the number
+// 0). It is found by where the program lies, since the tests choose environment, directory and descriptors; it is
+// mapped, so that what is killed has recorded.
 
 #include "choice.h"
 
@@ -11,7 +12,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
+namespace
+{
 
 constexpr size_t room = 65536;
 unsigned char nowhere[room];
