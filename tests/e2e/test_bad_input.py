@@ -522,3 +522,10 @@ def test_errors_on_a_terminal_are_escaped_though_the_output_goes_elsewhere(termi
     term.wait_for("hostile")
     term.type("q\rq\r")
     assert b"\x1b[31mhostile" not in term.raw and b"\x02 hostile" not in term.raw.replace(line.encode(), b"")
+
+
+def test_memory_that_is_out_ends_the_program_with_its_text(cramped, fake, tmp_path):
+    (tmp_path / "s").write_text("echo " + "x" * 7000000 + "\necho two\n")
+    run = cramped("-s", "s", limit="-v 24000").finish()
+    assert (run.status, run.out) == (-signal.SIGABRT, "")
+    assert "xmalloc failed" in run.err

@@ -211,6 +211,18 @@ def test_no_file_holds_up_the_daemon_or_gets_out(filed):
     assert veld.peak_kib() < 64 * 1024 or settings.PATIENCE > 1
 
 
+def test_what_a_library_function_costs_beside_its_work(filed):
+    """Five million steps: four instructions, and one for the function, in each of these rounds."""
+    veld = filed("""
+        local t, remove = {}, table.remove
+        on_set("Device.A", function(path, rounds) for i = 1, rounds do remove(t) end end)
+    """)
+    peer = veld.connect()
+    assert set_error(peer, {"Device.A": 900000}) is None
+    refused = set_error(peer, {"Device.A": 1100000})
+    assert refused[0] == 9002 and "takes too long" in refused[1]
+
+
 # --- the device as a whole ---
 
 INFO = "Device.DeviceInfo."

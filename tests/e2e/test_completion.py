@@ -197,6 +197,7 @@ def test_paths_are_listed_sorted(line):
     assert line.candidates("ls ") == ["Device.", "Services."]
     assert line.candidates("cat Device.Hosts.Host.") == ["1.", "2.", "max_instance"]
     assert line.candidates("cat Device.DNS.SearchDomain.") == ["1", "max_instance"]
+    assert line.candidates("set Device.Time.Source=Device.") == ["DNS.", "DeviceInfo.", "Hosts.", "Ping", "Time."]
 
 
 def test_paths_begin_where_the_shell_stands(line):

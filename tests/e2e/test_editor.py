@@ -681,6 +681,9 @@ def test_a_list_longer_than_the_screen_asks_first(editor):
     term.wait_for("Display all 1000 possibilities? (y or n)")
     term.order("event 3")
     term.wait_for(re.compile("EVENT 3\n> w00\nDisplay all 1000"))
+    term.type(Key.LEFT + "x" + Key.UP)  # no answers
+    term.order("event 4")
+    term.wait_for(re.compile("EVENT 4\n> w00\nDisplay all 1000"))
     term.type("n")
     term.wait_for(lambda term: cursor_line(term) == "> w00")
     term.type("\t")

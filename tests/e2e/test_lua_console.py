@@ -311,6 +311,22 @@ def test_io_read_takes_one_line_of_what_is_pasted(lua_console):
     term.type(" word\r")
     term.wait_for(re.compile(r"x = io\.read\(\)(\n[^\n]*)?\nroot@kest-lua:>\s*$"))
     assert term.run("x") == ['_[3] = "last word"']
+    # Nothing but the end of the paste is there when it is read.
+    term.type("\x1b[200~io.write('name? ') x = io.read()\r\x1b[201~")
+    term.wait_for(lambda term: term.lines[-1].startswith("name?"))
+    term.type("typed\r")
+    term.wait_for(lambda term: term.lines[-1] == "root@kest-lua:>")
+    assert term.run("x") == ['_[4] = "typed"']
+
+
+def test_a_child_that_nobody_closed_is_not_left_behind(lua_console):
+    term = lua_console
+    term.run("f = io.popen('true')")
+    term.run("f = nil collectgarbage()")
+    moment = settings.deadline()
+    while (children := Path(f"/proc/{term.pid}/task/{term.pid}/children").read_text()):
+        assert settings.remaining(moment), children
+        term.run("os.execute('true')")  # the next child is when one looks
 
 
 ROWS = [

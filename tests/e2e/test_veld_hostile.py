@@ -1,5 +1,6 @@
 """Clients that do harm harm only themselves."""
 
+import contextlib
 import json
 import os
 import socket
@@ -296,6 +297,22 @@ def test_a_stale_socket_is_replaced_and_nothing_else_is(veld_start, small, tmp_p
         f"veld: {plain}: something that is no socket is there\n",
     )
     assert plain.read_text() == "mine"
+
+
+@pytest.mark.parametrize("full", [False, True], ids=["waiting", "full"])
+def test_a_socket_at_which_another_program_listens_is_left_alone(tmp_path, full):
+    path = Path(tmp_path) / "other"
+    with socket.socket(socket.AF_UNIX) as other, contextlib.ExitStack() as clients:
+        other.bind(str(path))
+        other.listen(0)
+        while full:
+            client = clients.enter_context(socket.socket(socket.AF_UNIX))
+            client.setblocking(False)
+            if client.connect_ex(str(path)) != 0:
+                break
+        before = path.lstat().st_ino
+        assert refused_start("--socket", path, "--model", SMALL) == (1, f"veld: {path}: another daemon listens there\n")
+        assert path.lstat().st_ino == before
 
 
 @pytest.mark.parametrize(

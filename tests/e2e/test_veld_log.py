@@ -1,5 +1,6 @@
 """What the daemon's log says."""
 
+import os
 import re
 from pathlib import Path
 
@@ -44,6 +45,19 @@ def test_secrets_are_masked(small):
     with pytest.raises(WireError):
         peer.call("Execute", Path="Device.Echo", ParameterList=[{"Name": "PreSharedKey", "Value": "hidden"}])
     assert "hidden" not in small.log and '"admin","Password":"***"' in small.log and '"shown"' in small.log
+
+
+def test_logins_are_logged(veld_start):
+    small = veld_start("--log", "info", model=SMALL)
+    peer = small.connect()
+    with pytest.raises(WireError):
+        peer.call("Login", User="admin", Password="wrong")
+    peer.call("Login", User="admin", Password="admin")
+    uid = f"uid {os.geteuid()}"
+    assert re.findall(r"veld (\w+: .*login .*|\w+: .*logged in.*)$", small.log, re.M) == [
+        f'warning: {uid}: login as "admin" refused',
+        f'info: {uid}: logged in as "admin"',
+    ]
 
 
 def test_what_clients_send_is_escaped(small):

@@ -164,6 +164,17 @@ def test_what_is_no_file_is_refused_as_a_state_and_not_waited_for(small, state, 
     assert stat.S_ISFIFO(os.stat(state / name).st_mode)
 
 
+@pytest.mark.load
+def test_a_state_has_its_limit(small, state):
+    small.stop()
+    with open(state / "config.json", "w") as file:
+        file.truncate(256 << 20)
+        status, text = refused_start(small)
+        assert status == 1 and "expected near" in text  # nothing of it is JSON
+        file.truncate((256 << 20) + 1)
+    assert refused_start(small) == (1, f"veld: {state}/config.json: File too large\n")
+
+
 def test_a_state_of_somebody_else_is_left_alone(small, state):
     peer = root(small)
     set_values(peer, Name="mine")

@@ -133,30 +133,42 @@ class Suite:
 
     def notices(self, number, of, build, limit):
         """The name of a test that fails with a mutant and passes without it; None when there is no such test among those that
-        reach the number `of`. `build` holds the programs, with `number` to be chosen in them. The end-to-end tests it takes are
-        the most specific ones, which together last `limit` seconds."""
+        reach the number `of`. `build` holds the programs, with `number` to be chosen in them. The end-to-end tests together last
+        `limit` seconds."""
         tree = Tree(build, self.build / "trees" / f"{os.getpid()}-{of}")
         tree.choose(number)
         sound = Tree(self.sound.folder, self.build / "trees" / f"{os.getpid()}-{of}-sound")
         try:
             for test in sorted((test for test in self.units if of in test.reached), key=lambda test: test.seconds):
                 bound = 30 + 20 * test.seconds
-                if self._unit(tree, test.command, bound) != 0 and self._unit(sound, test.command, bound) == 0:
+                failed = self._unit(tree, test.command, bound) != 0
+                if failed and self._unit(sound, test.command, bound) == 0 and self._unit(tree, test.command, bound) != 0:
                     return test.name
-            left, taken = [], 0.0
-            for test in sorted((test for test in self.end_to_end if of in test.reached), key=lambda test: (len(test.reached), test.seconds)):
-                taken += test.seconds
-                if left and taken > limit:
-                    break
-                left.append(test.name)
+            left = self._end_to_end_tests(of, limit)
             while left and (failed := self._first_failed(tree, left)):
-                if not self._first_failed(sound, [failed]):
+                if not self._first_failed(sound, [failed]) and self._first_failed(tree, [failed]):
                     return failed
                 left = left[left.index(failed) + 1 :]  # it fails on its own
             return None
         finally:
             tree.remove()
             sound.remove()
+
+    def _end_to_end_tests(self, number, limit):
+        """Of each file the test that reaches the fewest mutants, then of each the next, up to `limit` seconds."""
+        ordered, places = [], {}
+        reaching = [test for test in self.end_to_end if number in test.reached]
+        for test in sorted(reaching, key=lambda test: (len(test.reached), test.seconds)):
+            file = test.name.split("::")[0]
+            places[file] = places.get(file, 0) + 1
+            ordered.append((places[file], len(test.reached), test))
+        chosen, taken = [], 0.0
+        for *_, test in sorted(ordered, key=lambda row: row[:2]):
+            taken += test.seconds
+            if chosen and taken > limit:
+                break
+            chosen.append(test.name)
+        return chosen
 
     def _unit(self, tree, command, limit):
         program = tree.folder / Path(command[0]).relative_to(self.build)

@@ -8,10 +8,24 @@
 #include <filesystem>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "base/fd.h"
 #include "base/hex.h"
+
+static bool folders_fail = false;
+
+// In the place of the C library's: a disk that breaks when the entries of a folder are written.
+extern "C" int fsync(int fd)
+{
+    struct stat status;
+    if (folders_fail && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+        errno = EIO;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_fsync, fd));
+}
 
 namespace
 {
@@ -107,6 +121,20 @@ TEST_F(Files, WhatFailsLeavesTheOldFileAndNothingElse)
     EXPECT_EQ(error, EFBIG);
     EXPECT_EQ(content(), "old");
     EXPECT_EQ(entries(), 1U);
+}
+
+TEST_F(Files, AFileIsOnlyThereWhenItsFolderIsWritten)
+{
+    folders_fail = true;
+    EXPECT_TRUE(replace_file(path, "one", {}));
+    EXPECT_FALSE(replace_file(path, "two", {.durable = true}));
+    EXPECT_EQ(errno, EIO);
+    EXPECT_FALSE(sync_directory(directory));
+    folders_fail = false;
+    EXPECT_TRUE(replace_file(path, "three", {.durable = true}));
+    EXPECT_TRUE(sync_directory(directory));
+    EXPECT_FALSE(sync_directory(directory + "/missing"));
+    EXPECT_EQ(content(), "three");
 }
 
 TEST_F(Files, WhatStandsInTheWayIsSaid)

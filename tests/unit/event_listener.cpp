@@ -249,6 +249,17 @@ TEST(Listener, StopsAtOnceAndWithoutAWordWhenever)
     EXPECT_EQ(output.text(), "");
 }
 
+TEST(Listener, LeavesTheLineEditorNothingToWatch)
+{
+    const scripted_peer peer([](peer_link &link) { link.closed(); });
+    const context_ref group = make_group_context(peer.destination());
+    {
+        const running_listener listener(nullptr, group.get());
+        EXPECT_GT(stage_control_fd, STDERR_FILENO);
+    }
+    EXPECT_EQ(stage_control_fd, -1);
+}
+
 TEST(Listener, EndsWhenASignalHandlerEndsTheRun)
 {
     captured_output output;

@@ -7,7 +7,12 @@
 #include "platform/ve_rl.h"
 
 // The line editor as the listener sees it: marks in the output instead of a prompt.
-void ve_rl_set_control_fd(int) {}
+int stage_control_fd = -1;
+
+void ve_rl_set_control_fd(int fd)
+{
+    stage_control_fd = fd;
+}
 
 void ve_rl_write_control_char(int, unsigned code)
 {

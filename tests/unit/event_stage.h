@@ -31,6 +31,9 @@ private:
     std::string text_;
 };
 
+/// What the listener last gave the line editor to watch; -1: nothing.
+extern int stage_control_fd;
+
 struct context_deinit {
     void operator()(ve_jrpcapi *ctx) const { ve_jrpcapi_deinit(ctx); }
 };
