@@ -305,6 +305,17 @@ def test_a_flash_that_a_file_refuses_fails(upgradable):
     assert "flashing 2.0.0 failed: the flash is worn out" in veld.log
 
 
+def test_how_a_flash_went_is_no_configuration(upgradable, tmp_path):
+    veld, path = upgradable("function on_flash(image) progress(60) refuse('worn out') end", "VELD-FIRMWARE 1 2.0.0\n",
+                            "--state", tmp_path / "state")  # fmt: skip
+    peer = veld.connect()
+    assert set_error(peer, {"Device.Go": True}) is None
+    assert confirm(peer, peer.answer(offer(peer, path))["result"]) == {"Status": 0}
+    assert [veld.value(INFO + name) for name in ("UpgradeProgress", "UpgradeStatus")] == [60, -1]
+    peer.call("SaveConfig")
+    assert json.loads((tmp_path / "state" / "config.json").read_text())["config"] == {"Device": {"Go": True}}
+
+
 def test_what_a_file_does_not_do_the_machine_does(upgradable):
     veld, path = upgradable("on_get('Device.Log', function() progress(1) end)")
     peer = veld.connect()
