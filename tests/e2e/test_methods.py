@@ -1,5 +1,6 @@
 """The gateway's methods, run by the real client on the real daemon."""
 
+import json
 import os
 import socket
 import struct
@@ -154,6 +155,27 @@ def test_arguments_are_checked(admin):
     assert refused(ping, Host="x" * 1000000)["code"] == 9007
     assert refused(ping, Host="127.0.0.1", SuccessCount=1)["code"] == 9003
     assert refused("Device.DNS.Diagnostics.NSLookup", HostName="no name")["message"] == "HostName: not a host name"
+
+
+def test_an_interface_is_known_to_those_who_may_read_its_name(veld_start, tmp_path, name_server):
+    gateway = json.loads((settings.MODELS / "gateway.json").read_text())["root"]["Device"]["children"]
+    children = {
+        "DNS": gateway["DNS"],
+        "Closed": {"type": "object", "read": "admin", "children": {"Name": {"type": "string", "default": "nosuch0"}}},
+        "Open": {"type": "object", "children": {"Name": {"type": "string", "default": "nosuch0"}}},
+        "Odd": {"type": "object", "children": {"Name": {"type": "object", "children": {}}}},
+    }
+    (tmp_path / "model.json").write_text(json.dumps({"format": 1, "root": {"Device": {"children": children}}}))
+
+    def answered(rights, interface):
+        veld = veld_start("--anonymous", rights, model=tmp_path / "model.json")
+        peer = veld.connect()
+        answer = peer.answer(peer.request("Execute", lookup(name_server, "host.example", Interface=interface)))
+        return answer["error"]["message"]
+
+    assert answered("user", "Device.Closed.") == answered("admin", "Device.Odd.") == "Interface: no such interface"
+    for rights, interface in (("admin", "Device.Closed."), ("user", "Device.Open.")):
+        assert answered(rights, interface) == "cannot use the interface nosuch0"
 
 
 def test_a_ping_answers_or_says_why_not(admin):

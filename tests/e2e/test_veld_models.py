@@ -1,6 +1,7 @@
 """What veld makes of the documents and options that describe its device, before anybody connects."""
 
 import json
+import shutil
 import subprocess
 
 from lib import settings
@@ -191,6 +192,18 @@ def test_values_that_do_not_fit_stop_the_start(sandbox):
             timeout=settings.DEADLINE,
         )
         assert (done.returncode, done.stderr.decode()) == (status, f"veld: {expected}\n")
+
+
+def test_a_model_is_found_beside_the_installed_daemon(sandbox):
+    program, models = sandbox.work / "prefix" / "sbin" / "veld", sandbox.work / "prefix" / "share" / "kest" / "models"
+    for place in (program.parent, models):
+        place.mkdir(parents=True)
+    shutil.copy(settings.VELD, program)
+    (models / "own.json").write_text("{}")
+    for name, expected in (("own", "own: not a model document of format 1"), ("other", "other.json: No such file or directory")):
+        done = subprocess.run([program, "--socket", sandbox.new_socket(), "--model", name], env=sandbox.environment(), cwd=sandbox.work,
+                              capture_output=True, text=True, timeout=settings.DEADLINE)  # fmt: skip
+        assert (done.returncode, done.stderr) == (1, f"veld: {expected}\n")
 
 
 def test_the_command_line_brings_the_first_administrator(sandbox, veld_start):

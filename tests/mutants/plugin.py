@@ -14,6 +14,8 @@ PLAN = os.environ.get("KEST_MUTANTS_PLAN")
 WORKER = os.environ.get("PYTEST_XDIST_WORKER")
 if LOOK and WORKER:  # before the tests read where the programs are
     os.environ["KEST_BUILD"] = f"{LOOK}/{WORKER}"
+if "KEST_BUILD" in os.environ:  # for programs that a test copies
+    os.environ["KEST_MUTANTS"] = f"{os.environ['KEST_BUILD']}/mutants"
 
 _passed = True
 

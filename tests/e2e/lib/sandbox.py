@@ -76,7 +76,7 @@ class Sandbox:
         return self.root / f"s{self.sockets}"
 
     def environment(self, changes=None):
-        """The environment programs get: nothing of the caller's but what the sanitizers need. None in `changes` unsets."""
+        """The environment programs get: nothing of the caller's but what sanitizers and mutants need. None in `changes` unsets."""
         env = {
             "HOME": str(self.home),
             "USER": "root" if os.geteuid() == 0 else os.environ.get("USER", "nobody"),
@@ -88,6 +88,8 @@ class Sandbox:
         for name in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS"):
             if name in os.environ:
                 env[name] = os.environ[name] + ":" + logs
+        if "KEST_MUTANTS" in os.environ:
+            env["KEST_MUTANTS"] = os.environ["KEST_MUTANTS"]
         for name, value in (changes or {}).items():
             if value is None:
                 env.pop(name, None)
