@@ -119,6 +119,13 @@ def test_a_method_takes_its_time_and_reports(sandbox, device):
 # --- sequences ---
 
 
+@pytest.mark.parametrize("code", [0, 8999, 9216, 9984, 10000])
+def test_a_refusal_has_a_code_that_no_client_takes_for_a_success(filed, code):
+    veld = filed(f"on_set('Device.A', function() refuse('no', {code}) end)")
+    given, text = set_error(veld.connect(), {"Device.A": 5})
+    assert given == 9002 and "no code of a refusal" in text
+
+
 def test_a_refusal_takes_back_what_was_done_before_it(filed):
     veld = filed("""
         local done = ""

@@ -120,6 +120,12 @@ def test_the_manual_has_every_command():
     assert [name for name in command_names() if not re.search(rf"(^ {{7}}|, ){name}\b", commands, re.M)] == []
 
 
+def test_the_manual_marks_the_commands_that_are_no_requests():
+    entries = re.findall(r"^ {7}(\w+.*)$", section(manual("kest.1"), "COMMANDS"), re.M)
+    marked = {re.match(r"\w+", entry)[0] for entry in entries if entry.endswith("*")}
+    assert marked == {name for name in command_names() if not request_exists(name)}
+
+
 @pytest.mark.parametrize("program, page", [(settings.KEST, "kest.1"), (settings.VELD, "veld.8")])
 def test_the_manual_has_every_option(program, page):
     usage = subprocess.run([program, "--help"], capture_output=True, text=True, check=True).stdout

@@ -76,6 +76,16 @@ def test_listening_to_nobody_says_why(kest, in_vain):
     assert (run.out, run.err, run.status) == ("Connection dropped\n", f"kest: {path}: {words}\n", 0)
 
 
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs to become somebody else")
+def test_a_right_that_is_missing_is_named(sandbox, fake, tmp_path):
+    sandbox.root.chmod(0o755)
+    (tmp_path / "closed").mkdir(0o700)
+    os.link(fake.address, tmp_path / "closed" / "socket")
+    run = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", settings.KEST, "-u", tmp_path / "closed" / "socket",
+                          "-e", "12"], env=sandbox.environment(), cwd="/", capture_output=True, text=True, timeout=settings.DEADLINE)
+    assert (run.stderr, run.returncode) == (f"kest: {tmp_path}/closed/socket: Permission denied\n", 255)
+
+
 def test_an_untrusted_peer_is_named_with_its_address(kest_start, veld_start, certificate, tmp_path):
     cert, key = certificate
     device = veld_start("--listen", "tcp://127.0.0.1:0", "--tls-cert", cert, "--tls-key", key)
