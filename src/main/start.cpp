@@ -54,7 +54,7 @@ void fill_standard_descriptors()
 ve_jrpcapi_slow patience_left(int64_t begun)
 {
     const int64_t left = begun + trouble_slow_ms - monotonic_ms();
-    return {.after_ms = left > 0 ? static_cast<int>(left) : 0, .tell = trouble_tell_slow};
+    return {.after_ms = left > 0 ? static_cast<int>(left) : 0, .tell = trouble_tell_slow, .until_answered = true};
 }
 
 bool is_open(const ve_jrpcapi *ctx)
@@ -87,9 +87,9 @@ int open_links(const cline_options &options, ve_jrpcapi *request, ve_jrpcapi *gr
     const bool silent = group_join(group, instance_group) < 0 && is_open(group);
     if (silent)
         ve_jrpcapi_tell_slow(request, patience_left(begun));
-    if (groups_join(request, {reinterpret_cast<const uint32_t *>(options.groups), options.groups_count}))
-        ve_jrpcapi_tell_slow(request, {});
-    else if (silent && options.mode == mode_listen)
+    const bool answers =
+        groups_join(request, {reinterpret_cast<const uint32_t *>(options.groups), options.groups_count});
+    if (!answers && silent && options.mode == mode_listen)
         trouble_tell_slow(group); // nothing more is asked
     if (start_event_handler(request, group) == 0)
         return 0;

@@ -34,6 +34,7 @@ void ve_jrpcapi_set_timeout(ve_jrpcapi *ctx, int timeout_ms);
 struct ve_jrpcapi_slow {
     int after_ms = -1; ///< -1: never
     void (*tell)(const ve_jrpcapi *ctx) = nullptr;
+    bool until_answered = false; ///< never again once it has answered
 };
 /// Calls `tell` once in each connect and each exchange that waits longer than that; exchanges that ended without an
 /// answer count with the next one. Returns what held before.

@@ -376,6 +376,12 @@ def test_a_request_that_takes_its_time_is_no_trouble(kest, fake):
     assert kest("--raw", '{"id":1,"method":"Ping"}', to=fake).err == ""
 
 
+def test_a_daemon_that_has_answered_is_patiently_waited_for(kest, fake):
+    answer = {"ParameterList": [{"Name": "Device.A", "Value": 1}]}
+    fake.on("JoinGroup", Silence()).on("GetParameterValues", [answer, Slow(1.3, answer)])
+    assert kest("-r", "get", "Device.A", "Device.A", to=fake).err == ""
+
+
 @pytest.mark.threads
 def test_ctrl_c_while_groups_are_joined_again_loses_none(shell, fake):
     fake.on("Login", Error(9001, "who is that"))

@@ -284,6 +284,8 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
             if (flushed < 0)
                 ve_link_lose(ctx);
             ctx->silent_since = -1;
+            if (ctx->slow.until_answered)
+                ctx->slow = {};
             ve_jrpcapi_note(ctx, ve_socket_err_none);
             return 0;
         }
