@@ -122,7 +122,7 @@ def test_the_manual_has_every_command():
 
 def test_the_manual_marks_the_commands_that_are_no_requests():
     entries = re.findall(r"^ {7}(\w+.*)$", section(manual("kest.1"), "COMMANDS"), re.M)
-    marked = {re.match(r"\w+", entry)[0] for entry in entries if entry.endswith("*")}
+    marked = {re.match(r"\w+", entry)[0] for entry in entries if re.search(r" \*(?:$| {2})", entry)}
     assert marked == {name for name in command_names() if not request_exists(name)}
 
 
@@ -140,6 +140,28 @@ def test_the_manual_has_the_exit_status_of_every_request():
     requests = [name for name in command_names() if request_exists(name)]
     assert len(requests) == 21
     assert [name for name in requests if not re.search(rf"^ +(\S+, )*{name}\b", table, re.M)] == []
+
+
+STATUSES = [
+    (["get", "Device.Nope"], 0), (["get", "Nope"], 0), (["set", "Device.Time.Enable=true"], 0), (["set", "Device.DeviceInfo.Uptime=1"], 0),
+    (["set", "Nope=1"], 255), (["del", "Device.Hosts.Host.99"], 0), (["rm"], 255), (["order", "Device.NAT.PortMapping.1", "1"], 0),
+    (["order", "Device.Time", "1"], 0), (["order", "Device.NAT.PortMapping.1", "x"], 255), (["save"], 0), (["add", "Device.NAT.PortMapping"], 4),
+    (["touch", "Device.Time"], 0), (["add", "Nope"], 255), (["attr", "Device.Time"], 0), (["info", "Device.Nope"], 255), (["ls", "Device"], 0),
+    (["ls", "Nope"], 255), (["ls", "Nope", "Device"], 0), (["execute", "Nope"], 255), (["download", "file", "nope"], 255), (["upgrade"], 255),
+    (["logout"], 0), (["login", "nobody", "-p", "x"], 255), (["lua", "error('x')"], 0), (["sh", "false"], 0), (["nope"], 255),
+]
+
+
+def test_the_exit_statuses_are_those_of_the_manual(kest, veld, sandbox):
+    (sandbox.work / "login.conf").write_text("login\n")
+    found = [(words, kest("-c", "login.conf", "-r", words[0], "--", *words[1:], to=veld).status) for words, _ in STATUSES]
+    assert found == STATUSES
+
+
+def test_the_manual_has_every_variable_of_the_environment():
+    read = {name for path in (settings.SOURCE / "src").rglob("*.cpp") for name in re.findall(r'getenv\("(\w+)"\)', path.read_text())}
+    assert {"HOME", "USER", "PATH"} <= read
+    assert [name for name in read if not re.search(rf"\b{name}\b", section(manual("kest.1"), "ENVIRONMENT"))] == []
 
 
 def test_the_version_stands_in_one_place():

@@ -1,6 +1,7 @@
 """Recordings: that they are written when a session ends by itself, and that what they hold does what the session did."""
 
 import os
+import signal
 
 import pytest
 
@@ -40,6 +41,37 @@ def test_a_lost_link_writes_what_was_recorded(shell, model, tmp_path):
     model.drop_all()
     assert term.wait_exit() == 0
     assert (tmp_path / "file").read_text() == "cd Device.Time\n"
+
+
+@pytest.fixture
+def typing(kest_start, model, tmp_path):
+    """A shell into which lines were typed, the last of which said `seen`, and whose input goes on."""
+    reader, writer = os.pipe()
+
+    def start(*lines, seen):
+        run = kest_start(to=model, stdin=reader)
+        os.write(writer, "".join(line + "\n" for line in lines).encode())
+        run.wait_for(seen)
+        return run
+
+    yield start
+    os.close(writer)
+    os.close(reader)
+
+
+def test_a_lost_link_writes_a_lua_recording(typing, model, tmp_path):
+    run = typing("luarecord file", "x = 1", "x", seen="_[1] = 1\n")
+    model.drop_all()
+    run.finish()
+    assert (tmp_path / "file").read_text() == "x = 1\ndm.show(x)\n"
+
+
+@pytest.mark.parametrize("number", [signal.SIGHUP, signal.SIGTERM], ids=["SIGHUP", "SIGTERM"])
+def test_a_signal_that_ends_the_session_writes_what_was_recorded(typing, tmp_path, number):
+    run = typing("record file", "cd Device", "pwd", seen=":Device\n")
+    run.signal(number)
+    assert run.finish().status == -number
+    assert (tmp_path / "file").read_text() == "cd Device\npwd\n"
 
 
 def test_a_recording_that_cannot_be_written_says_so(kest_start, model, tmp_path):
