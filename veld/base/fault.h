@@ -35,12 +35,11 @@ constexpr int wire_number(code which)
     return static_cast<int>(which);
 }
 
-/// The code that a device has chosen by its number; `none` when there is no such one. What clients end with is its low
-/// byte, which must not look like a success.
+/// The code that a device has chosen by its number; `none` when there is no such one.
 constexpr code code_of_device(int64_t number)
 {
     const bool possible = number >= wire_number(code::not_supported) && number <= wire_number(code::last_of_devices);
-    return possible && (number & 0xff) != 0 ? static_cast<code>(number) : code::none;
+    return possible ? static_cast<code>(number) : code::none;
 }
 
 /// Without a code it is success. `message` is a sentence, or a phrase about the one thing that was asked about.

@@ -188,7 +188,9 @@ int behaviour::lua_refuse(lua_State *in)
     behaviour *here = self(in);
     size_t length = 0;
     const char *text = luaL_checklstring(in, 1, &length);
-    const code why = code_of_device(luaL_optinteger(in, 2, wire_number(code::denied)));
+    const lua_Integer number = luaL_optinteger(in, 2, wire_number(code::denied));
+    // Clients end with the low byte, which must not look like a success.
+    const code why = (number & 0xff) != 0 ? code_of_device(number) : code::none;
     luaL_argcheck(in, why != code::none, 2, "no code of a refusal");
     here->refusal_.code = why;
     here->refusal_.message.assign(text, length);
