@@ -7,10 +7,9 @@
 
 import os
 import signal
-import socket
 import threading
 
-from lib.wire import connect
+from lib.wire import Door, shut
 
 ACTS = ("cut", "kill", "interrupt")
 WAYS = ("up", "down")
@@ -22,13 +21,10 @@ class Wire:
     connections since arm()."""
 
     def __init__(self, address, to):
-        self.address, self.to = str(address), to
+        self.address = str(address)
         self._lock = threading.Lock()
         self.arm(None)
-        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self._listener.bind(self.address)
-        self._listener.listen(64)
-        threading.Thread(target=self._accept, daemon=True).start()
+        self._door = Door(self.address, to, self._serve)
 
     def arm(self, fault):
         """Counts from nothing; `fault` (None: none) will befall the client that began() then tells."""
@@ -43,27 +39,11 @@ class Wire:
         self._began.set()
 
     def close(self):
-        try:
-            self._listener.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass
-        self._listener.close()
-        os.unlink(self.address)
+        self._door.close()
 
-    def _accept(self):
-        while True:
-            try:
-                near, _ = self._listener.accept()
-            except OSError:
-                return
-            try:
-                far = connect(self.to)
-            except OSError:
-                near.close()
-                continue
-            far.settimeout(None)
-            for way, one, other in (("up", near, far), ("down", far, near)):
-                threading.Thread(target=self._pass, args=(way, one, other), daemon=True).start()
+    def _serve(self, near, far):
+        for way, one, other in (("up", near, far), ("down", far, near)):
+            threading.Thread(target=self._pass, args=(way, one, other), daemon=True).start()
 
     def _pass(self, way, one, other):
         try:
@@ -77,11 +57,7 @@ class Wire:
                 other.sendall(rest)
         except OSError:
             pass
-        for link in (one, other):
-            try:
-                link.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
+        shut(one, other)
 
     def _divide(self, way, data):
         """What goes before the fault, and what behind it; that is None when the fault is elsewhere."""

@@ -10,12 +10,10 @@
 """
 
 import json
-import os
-import socket
 import threading
 
 from . import settings
-from .wire import connect
+from .wire import Door, connect, shut
 
 
 class _Line:
@@ -29,11 +27,7 @@ class _Line:
 
     def end(self):
         self.open = False
-        for link in (self.near, self.far):
-            try:
-                link.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
+        shut(self.near, self.far)
 
 
 class Relay:
@@ -45,7 +39,6 @@ class Relay:
     def __init__(self, address, to, group=12):
         self.group = group
         self.address = str(address)
-        self.to = getattr(to, "address", to)
         self.requests = []
         self.lines = []
         self.held = 0
@@ -53,7 +46,7 @@ class Relay:
         self._absent = False  # the daemon is between its end and its next beginning
         self._faults = []
         self._changed = threading.Condition()
-        self._listen()
+        self._door = Door(self.address, getattr(to, "address", to), self._serve)
 
     # What a test does
 
@@ -100,7 +93,7 @@ class Relay:
         """The daemon is about to end: who reads events does not notice, the other connections end with it."""
         with self._changed:
             self._absent = True
-        self._stop_listening()
+        self._door.close()
 
     def come_back(self):
         """The daemon is there again: whoever reads events reads those of the new one."""
@@ -108,14 +101,14 @@ class Relay:
             self._absent = False
             for line in self.lines:
                 if line.open and line.receiver:
-                    line.far = connect(self.to)
+                    line.far = connect(self._door.to)
                     line.far.settimeout(None)
                     line.far.sendall(b"".join(line.joins))
             self._changed.notify_all()
-        self._listen()
+        self._door.open()
 
     def close(self):
-        self._stop_listening()
+        self._door.close()
         with self._changed:
             for line in self.lines:
                 line.end()
@@ -124,40 +117,14 @@ class Relay:
     def report(self):
         return "passed on:\n" + "\n".join(json.dumps(request)[:300] for request in self.requests[-40:])
 
-    def _listen(self):
-        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self._listener.bind(self.address)
-        self._listener.listen(64)
-        threading.Thread(target=self._accept, args=(self._listener,), daemon=True).start()
+    # Its threads: the door's, and two for each connection
 
-    def _stop_listening(self):
-        try:
-            self._listener.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass
-        self._listener.close()
-        if os.path.lexists(self.address):
-            os.unlink(self.address)
-
-    # Its threads: one that accepts, two for each connection
-
-    def _accept(self, listener):
-        while True:
-            try:
-                near, _ = listener.accept()
-            except OSError:
-                return
-            try:
-                far = connect(self.to)
-            except OSError:
-                near.close()
-                continue
-            far.settimeout(None)
-            line = _Line(near, far)
-            with self._changed:
-                self.lines.append(line)
-            threading.Thread(target=self._upwards, args=(line,), daemon=True).start()
-            threading.Thread(target=self._downwards, args=(line,), daemon=True).start()
+    def _serve(self, near, far):
+        line = _Line(near, far)
+        with self._changed:
+            self.lines.append(line)
+        threading.Thread(target=self._upwards, args=(line,), daemon=True).start()
+        threading.Thread(target=self._downwards, args=(line,), daemon=True).start()
 
     def _upwards(self, line):
         try:

@@ -1,7 +1,9 @@
 """The wire, from a test's hand: one JSON object per line over a stream socket."""
 
 import json
+import os
 import socket
+import threading
 
 from . import settings
 
@@ -129,3 +131,48 @@ class Peer:
 
     def __exit__(self, *_):
         self.close()
+
+
+class Door:
+    """Listens at `address` in front of the daemon at `to`: whoever comes gets a link to that of his own. Both ends, blocking,
+    are handed to serve(near, far) on a thread of the door's."""
+
+    def __init__(self, address, to, serve):
+        self.address, self.to, self.serve = str(address), to, serve
+        self.open()
+
+    def open(self):
+        self._listener = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self._listener.bind(self.address)
+        self._listener.listen(64)
+        threading.Thread(target=self._accept, args=(self._listener,), daemon=True).start()
+
+    def close(self):
+        """Nobody comes any more; the links that are there stay."""
+        shut(self._listener)
+        self._listener.close()
+        if os.path.lexists(self.address):
+            os.unlink(self.address)
+
+    def _accept(self, listener):
+        while True:
+            try:
+                near, _ = listener.accept()
+            except OSError:
+                return
+            try:
+                far = connect(self.to)
+            except OSError:
+                near.close()
+                continue
+            far.settimeout(None)
+            self.serve(near, far)
+
+
+def shut(*links):
+    """Ends links, whoever reads from them at the moment."""
+    for link in links:
+        try:
+            link.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
