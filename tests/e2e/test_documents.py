@@ -46,6 +46,16 @@ def test_a_script_is_run_as_a_program_with_words_that_look_like_options(sandbox,
     assert (run.out.startswith(f"a\t-n\t5\n{saved}"), run.err, run.status) == (True, "", 7)
 
 
+def test_a_script_of_requests_is_run_as_a_program_with_options(sandbox, bin):
+    (sandbox.work / "login.conf").write_text("login\n")
+    (sandbox.work / "script").write_text('#!/usr/bin/env -S kest -c login.conf -s\nsave\necho  "as it" # stands\necho never "seen\n')
+    (sandbox.work / "script").chmod(0o755)
+    env = sandbox.environment()
+    env["PATH"] = f"{bin}:{env['PATH']}"
+    run = Program(sandbox.wrap(["./script"]), env, sandbox.work).finish()
+    assert (run.out, run.err, run.status) == ('Status: OK\n "as it" # stands\n', "", 0)
+
+
 def pages_with_examples():
     """A fleet is too much work for the programs that sanitizers slow down."""
     for page in pages.documents():
