@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -47,6 +48,11 @@ const char *foreign(const struct stat &info)
     return (info.st_mode & S_IWOTH) != 0 ? "not run: everybody may write it" : nullptr;
 }
 
+bool is_null_device(const struct stat &info)
+{
+    return S_ISCHR(info.st_mode) && info.st_rdev == makedev(1, 3);
+}
+
 /// The file, if it is one and can be run. Says why not where it was asked for, and where the usual one is foreign.
 fd_owner open_config(const char *path, bool asked_for)
 {
@@ -59,7 +65,7 @@ fd_owner open_config(const char *path, bool asked_for)
         reason = asked_for || access(path, F_OK) == 0 ? strerror(error) : "";
     else if (S_ISREG(info.st_mode))
         reason = asked_for ? nullptr : foreign(info);
-    else if (asked_for && !S_ISCHR(info.st_mode)) // /dev/null is as good as an empty one
+    else if (asked_for && !is_null_device(info)) // which is as good as an empty one
         reason = S_ISDIR(info.st_mode) ? strerror(EISDIR) : "not a regular file";
     else
         reason = "";

@@ -268,7 +268,8 @@ def test_a_password_is_asked_for_in_sight(kest, terminal, fake, tmp_path, where)
 
 
 @pytest.mark.parametrize("path, reason", [
-    ("missing", "No such file or directory"), ("folder", "Is a directory"), ("fifo", "not a regular file"), ("/dev/null", None),
+    ("missing", "No such file or directory"), ("folder", "Is a directory"), ("fifo", "not a regular file"), ("/dev/zero", "not a regular file"),
+    ("/dev/null", None),
 ])
 def test_a_configuration_that_is_not_used_is_named(kest, fake, tmp_path, path, reason):
     (tmp_path / "folder").mkdir()
