@@ -1,12 +1,15 @@
 """The request link: exchanges that get no answer, links that are lost and found again, Ctrl-C in the middle."""
 
+import contextlib
 import json
 import signal
+import socket
 import time
 
 import pytest
 
 from lib.fake import Chunked, Close, Error, Raw, Reset, Several, Silence, Slow
+from lib.program import proc_status
 from lib.terminal import Key
 
 MODEL = {"Device.": {}, "Device.A": 1, "Device.Sub.": {}, "Device.Sub.B": "text"}
@@ -404,3 +407,26 @@ def test_a_plain_client_of_a_tls_daemon_is_told_what_to_try(kest_start, veld_sta
     said = "kest: the daemon closes links without a word: if it speaks TLS, try --ssl\n"
     assert run.err.endswith(said) and run.err.count("--ssl") == 1
     assert run.err.count("--ssl") == 1
+
+
+def test_a_daemon_whose_queue_is_full_is_waited_for(kest_start, sandbox):
+    path = str(sandbox.new_socket())
+    with socket.socket(socket.AF_UNIX) as listening, contextlib.ExitStack() as others:
+        listening.bind(path)
+        listening.listen(0)
+        while True:
+            other = others.enter_context(socket.socket(socket.AF_UNIX))
+            other.setblocking(False)
+            if other.connect_ex(path) != 0:
+                break
+        run = kest_start("-r", "get", "Device.A", to=path)
+
+        def waits(run):  # again and again
+            return run.ended or int(proc_status(run.pid).get("voluntary_ctxt_switches", "0")) > 20
+
+        run.wait_for(waits)
+        assert not run.ended, run.report()
+        listening.accept()[0].close()
+        link = listening.accept()[0]
+        assert link.recv(1)
+        link.close()

@@ -11,6 +11,7 @@ import pytest
 
 from lib import settings
 from lib.fake import Error
+from lib.program import Program
 
 PAGE = settings.SOURCE / "docs" / "lua.md"
 
@@ -363,3 +364,16 @@ def test_a_script_ends_with_its_children(veld, kest, tmp_path):
         pipe.write("3\n")
         pipe.flush()
         assert kest("-S", "s.lua", to=veld).out == "2\n3\n1\n"
+
+
+def test_an_error_output_that_takes_nothing_holds_nothing_up(veld, sandbox):
+    (sandbox.work / "s.lua").write_text("print(1) io.stderr:write('a') print(2)")
+    command = f'"{settings.KEST}" -u {veld.address} -S s.lua 2>/dev/full'
+    assert Program(["sh", "-c", command], sandbox.environment(), sandbox.work).finish().out == "1\n2\n"
+
+
+@pytest.mark.parametrize("write", ["print(s)", "io.write(s)", "for i = 1, #s, 300000 do io.write(s:sub(i, i + 299999)) end"])
+def test_what_is_long_is_written_whole(veld, kest, tmp_path, write):
+    (tmp_path / "s.lua").write_text(f"local t = {{}} for i = 1, 100000 do t[i] = i end s = table.concat(t, ' ') {write}")
+    words = kest("-S", "s.lua", to=veld).out.split()
+    assert len(words) == 100000 and all(int(word) == i for i, word in enumerate(words, 1))

@@ -5,6 +5,7 @@ from pathlib import Path
 
 import pytest
 
+from lib import settings
 from lib.wire import WireError
 
 SMALL = Path(__file__).parent / "models" / "small.json"
@@ -478,6 +479,12 @@ def test_a_session_hears_each_event_once_on_its_receiver(small):
     events.close()
     requests.send_event(12, 3)
     assert other.event() == (12, 3)
+    moment = settings.deadline()
+    while not requests.events:  # until it is known that the other has gone
+        assert settings.remaining(moment)
+        requests.send_event(12, 3)
+        requests.call("GetParameterValues", ParameterNames=[])
+    assert requests.event() == (12, 3)
     assert requests.event() == (12, 3)
 
 

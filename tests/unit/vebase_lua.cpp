@@ -120,6 +120,12 @@ TEST_F(VeLua, CollectsWhatCodePrints)
     EXPECT_EQ(run(""), "");
 }
 
+TEST_F(VeLua, ShowsValuesAsLuaDoesWhereNobodyDescribesThem)
+{
+    EXPECT_EQ(run("dm.show(1, 'a', nil, true)"), "1\na\nnil\ntrue\n");
+    EXPECT_EQ(run("dm.show(setmetatable({}, {__tostring = function() return 'me' end}))"), "me\n");
+}
+
 TEST_F(VeLua, GivesErrorsAsTheirTextAlone)
 {
     EXPECT_EQ(run("error('x')"), "ERROR [string \"stdin\"]:1: x");

@@ -677,6 +677,16 @@ TEST(Import, OneOfSeveralModelsIsChosenByItsName)
               "holds no model \"Fax\"; its models are Box:1.4, Voice:2.0, Box:2.0");
 }
 
+TEST(Import, ElementsMayHaveTheDocumentsPrefixAndOthersAreLeftOut)
+{
+    imported result = import_text(
+        with_object(R"(<dm:parameter name="P"><dm:syntax><dm:int/></dm:syntax></dm:parameter>)"
+                    R"(<n:parameter xmlns:n="urn:other" name="Q"><n:syntax><n:int/></n:syntax></n:parameter>)"));
+    EXPECT_EQ(result.warnings, "");
+    EXPECT_EQ(result.node("Device/X/P"), R"({"type":"int","default":0})");
+    EXPECT_EQ(result.node("Device/X/Q"), "(none)");
+}
+
 TEST(Import, AnUndeclaredPrefixIsAWarning)
 {
     imported result = import_text(with_object(

@@ -23,6 +23,14 @@
 
 using namespace veld;
 
+// In the place of the C library's.
+extern "C" int getloadavg(double *loads, int count) noexcept
+{
+    for (int i = 0; i < count; ++i)
+        loads[i] = 0.5 + i;
+    return count;
+}
+
 namespace
 {
 
@@ -148,6 +156,15 @@ TEST(Live, UnknownProvidersAreNone)
     EXPECT_TRUE(live_rows_known("interfaces"));
     EXPECT_FALSE(live_rows_known("uptime"));
     EXPECT_TRUE(live_value_known("uptime"));
+}
+
+TEST(Live, LoadsAreThoseOfOneFiveAndFifteenMinutes)
+{
+    double expected = 0.5;
+    for (const char *name : {"load.1", "load.5", "load.15"}) {
+        const json_ref load(live_value(name));
+        EXPECT_EQ(json_real_value(load.get()), expected++) << name;
+    }
 }
 
 TEST(Live, RowsHaveKeysOfTheirOwn)

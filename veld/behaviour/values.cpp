@@ -131,13 +131,6 @@ void values_push(lua_State *to, const json_t *value)
         }
         break;
     }
-    case JSON_ARRAY:
-        lua_createtable(to, static_cast<int>(json_array_size(value)), 0);
-        for (size_t i = 0; i < json_array_size(value); ++i) {
-            values_push(to, json_array_get(value, i));
-            lua_rawseti(to, -2, static_cast<lua_Integer>(i) + 1);
-        }
-        break;
     case JSON_STRING:
         lua_pushlstring(to, json_string_value(value), json_string_length(value));
         break;

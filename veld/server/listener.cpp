@@ -31,8 +31,6 @@ std::string because(const std::string &what)
 bool is_stale(const sockaddr_un &address)
 {
     const fd_owner probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!probe)
-        return false;
     return connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 &&
            errno == ECONNREFUSED;
 }

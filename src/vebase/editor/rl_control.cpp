@@ -20,8 +20,7 @@ constexpr std::chrono::milliseconds hide_wait{200};
 struct screen_claims {
     std::mutex lock;
     std::condition_variable released;
-    bool reading = false;     // a read is under way
-    bool on_screen = false;   // and its line is on the screen
+    bool on_screen = false;   // a read is under way, and its line is on the screen
     bool hide_wanted = false; // another thread wants the screen
     bool stop_wanted = false; // ve_rl_stop, until a read ended by it
     int control_fd = -1;      // main thread only
@@ -73,21 +72,7 @@ void ve_rl_write_control_char(int fd, unsigned code)
     }
     std::unique_lock guard(claims.lock);
     if (code == ve_rl_hide)
-        claims.released.wait_for(guard, hide_wait, [] { return !claims.reading || !claims.on_screen; });
-}
-
-void rl_control_begin()
-{
-    const std::scoped_lock guard(claims.lock);
-    claims.reading = true;
-}
-
-void rl_control_end()
-{
-    const std::scoped_lock guard(claims.lock);
-    claims.reading = false;
-    claims.on_screen = false;
-    claims.released.notify_all();
+        claims.released.wait_for(guard, hide_wait, [] { return !claims.on_screen; });
 }
 
 int rl_control_fd()

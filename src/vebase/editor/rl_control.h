@@ -4,9 +4,8 @@
 #include <csignal>
 #include <cstdint>
 
-/// The main thread's side of the control codes. A read is between rl_control_begin and rl_control_end.
-void rl_control_begin();
-void rl_control_end();
+/// The main thread's side of the control codes.
+
 /// The descriptor that becomes readable when a code arrived, or -1; emptied by rl_control_drain.
 int rl_control_fd();
 void rl_control_drain();

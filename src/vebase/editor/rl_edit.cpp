@@ -74,7 +74,6 @@ void rl_session::begin_terminal()
     rl_set_locale();
     modes_.begin();
     signals_.install();
-    rl_control_begin();
     // A Ctrl-C that is still pending is older than every key that is read from now on.
     ve_wait_checkpoint();
 }
@@ -83,7 +82,7 @@ int rl_session::end_terminal()
 {
     modes_.end();
     const int late = signals_.restore();
-    rl_control_end();
+    rl_control_release_screen();
     return late;
 }
 

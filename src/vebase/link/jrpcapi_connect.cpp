@@ -272,7 +272,6 @@ void ve_jrpcapi_disconnect(ve_jrpcapi *ctx)
             send(ctx->socket.fd, ctx->tls_out.data(), ctx->tls_out.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     }
     ve_socket_close(&ctx->socket);
-    ctx->lookup.reset();
     ctx->tls.reset();
     ctx->tls_out.clear();
     ctx->queue = {};
