@@ -218,6 +218,25 @@ def test_no_file_holds_up_the_daemon_or_gets_out(filed):
     assert veld.peak_kib() < 64 * 1024 or settings.PATIENCE > 1
 
 
+def test_an_instance_of_a_result_has_its_own_number(sandbox, device):
+    model, behaviour = example(sandbox, "selftest")
+    behaviour.write_text("""on_call("Device.SelfTest.Run", function() return {Part = {[2] = {Name = "radio"}}} end)""")
+    peer = device(model, behaviour).connect()
+    assert outputs(peer.answer(execute(peer, "Device.SelfTest.Run"))) == {"Part.2.Name": "radio"}
+
+
+def test_a_mistake_is_logged_and_a_refusal_is_not(filed):
+    veld = filed("""
+        on_set("Device.A", function() refuse("not now", 9001) end)
+        on_set("Device.B", function() error("oh") end)
+    """)
+    peer = veld.connect()
+    assert set_error(peer, {"Device.A": 2}) == (9001, "not now")
+    assert "not now" not in veld.log and "Device.A" not in veld.log
+    assert set_error(peer, {"Device.B": 2})[0] == 9002
+    assert "warning: Device.B: b.lua:3: oh\n" in veld.log
+
+
 def test_what_a_library_function_costs_beside_its_work(filed):
     """Five million steps: four instructions, and one for the function, in each of these rounds."""
     veld = filed("""

@@ -250,6 +250,7 @@ def test_the_password_is_asked_for_on_the_terminal(sandbox, terminal):
     term.type("topsecret\r")
     term.wait_for("listening on tcp://127.0.0.1:")
     assert "topsecret" not in term.text
+    assert term.echoes
     term.type("\x03")
     assert term.wait_exit() == 0
 

@@ -457,6 +457,18 @@ def test_event_1_tells_what_was_set_and_by_whom(root, small):
     assert listener.event() == (1, {"Name": "Device.Level", "Value": 3, "User": "root"})
 
 
+def test_names_are_of_all_levels_unless_the_next_is_asked_for(root):
+    def names(**more):
+        answer = root.call("GetParameterNames", ParameterPath="Device.Host.1.", **more)
+        return [entry["Name"] for entry in answer["ParameterList"]]
+
+    below = names(NextLevel=False)
+    assert names() == below != []
+    everything = root.call("GetParameterNames", ParameterPath="Device.")["ParameterList"]
+    assert len(everything) > len(root.call("GetParameterNames", ParameterPath="Device.", NextLevel=True)["ParameterList"])
+    assert set(below) <= {entry["Name"] for entry in everything}
+
+
 def test_a_session_hears_each_event_once_on_its_receiver(small):
     requests, events, other = small.connect(), small.connect(), small.connect()
     session = "0123456789abcdef0123456789abcdef"

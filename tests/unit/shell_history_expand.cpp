@@ -81,6 +81,9 @@ TEST_F(HistoryExpand, EndsWhenTheLineGetsTooLong)
 {
     history_.add("!4 " + std::string(1 << 20, 'x'));
     EXPECT_LT(expanded("!4").size(), size_t{3} << 20);
+    // In a text as long as that, nothing is replaced any more.
+    const std::string rest = " " + std::string((1 << 20) + (1 << 19), 'x');
+    EXPECT_TRUE(expanded("!1 !1" + rest) == "one !1" + rest);
 }
 
 } // namespace

@@ -121,6 +121,30 @@ TEST(JrpcApi, SendsNewIdsFromOneUpAndKeepsTheOneThatAUserGave)
                     "{\"jsonrpc\":\"2.0\",\"id\":3,\"method\":\"Twice\"}\n");
 }
 
+TEST(JrpcApi, CountsFromOneAgainBehindTheLastNumber)
+{
+    std::string seen;
+    {
+        const scripted_peer peer([&](peer_link &link) {
+            for (int i = 0; i < 3; ++i) {
+                const std::string line = link.line();
+                const json_ref request(json_loads(line.c_str(), 0, nullptr));
+                const json_int_t id = json_integer_value(json_object_get(request.get(), "id"));
+                seen += std::to_string(id) + " ";
+                link.send("{\"id\":" + std::to_string(id) + ",\"result\":{}}\n");
+            }
+            link.closed();
+        });
+        const context ctx = connected_to(peer);
+        const json_ref raw(json_loads(R"({"id":9223372036854775806,"method":"Raw"})", 0, nullptr));
+        const msg_ref message(ve_jrpcmsg_parse_json(raw.get()));
+        EXPECT_EQ(ve_jrpcapi_exec(ctx.get(), message.get()), 0);
+        EXPECT_EQ(ask(ctx), 0);
+        EXPECT_EQ(ask(ctx), 0);
+    }
+    EXPECT_EQ(seen, "9223372036854775806 1 2 ");
+}
+
 TEST(JrpcApi, DropsEventsAndAnswersThatNobodyAwaits)
 {
     const scripted_peer peer([](peer_link &link) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
 #include <lua.hpp>
 #include <string>
@@ -124,6 +125,15 @@ TEST_F(VeLua, ShowsValuesAsLuaDoesWhereNobodyDescribesThem)
 {
     EXPECT_EQ(run("dm.show(1, 'a', nil, true)"), "1\na\nnil\ntrue\n");
     EXPECT_EQ(run("dm.show(setmetatable({}, {__tostring = function() return 'me' end}))"), "me\n");
+}
+
+TEST_F(VeLua, SleepsNoShorterThanItIsTold)
+{
+    for (int i = 0; i < 5; ++i) {
+        const auto began = std::chrono::steady_clock::now();
+        EXPECT_EQ(run("dm.sleep(0.00199)"), "");
+        EXPECT_GE(std::chrono::steady_clock::now() - began, std::chrono::microseconds(1990));
+    }
 }
 
 TEST_F(VeLua, GivesErrorsAsTheirTextAlone)

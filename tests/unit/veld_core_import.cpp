@@ -677,6 +677,18 @@ TEST(Import, OneOfSeveralModelsIsChosenByItsName)
               "holds no model \"Fax\"; its models are Box:1.4, Voice:2.0, Box:2.0");
 }
 
+TEST(Import, ADecimalBeginsAtZeroOrWhereItMay)
+{
+    const auto initial = [](const char *range) {
+        return import_text(with_syntax(std::string("<decimal>") + range + "</decimal>")).node("Device/X/P");
+    };
+    EXPECT_EQ(initial(""), R"({"type":"decimal","default":0.0})");
+    EXPECT_NE(initial(R"(<range minInclusive="-5" maxInclusive="5"/>)").find(R"("default":0.0)"), std::string::npos);
+    EXPECT_NE(initial(R"(<range minInclusive="3" maxInclusive="5"/>)").find(R"("default":3.0)"), std::string::npos);
+    EXPECT_NE(initial(R"(<range maxInclusive="-3"/>)").find(R"("default":-3.0)"), std::string::npos);
+    EXPECT_NE(initial(R"(<range minInclusive="0" maxInclusive="0"/>)").find(R"("default":0.0)"), std::string::npos);
+}
+
 TEST(Import, ElementsMayHaveTheDocumentsPrefixAndOthersAreLeftOut)
 {
     imported result = import_text(

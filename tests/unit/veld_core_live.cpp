@@ -5,9 +5,13 @@
 #include "veld/live/providers.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
+#include <linux/if_tun.h>
 #include <net/if.h>
+#include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/sysinfo.h>
@@ -165,6 +169,32 @@ TEST(Live, LoadsAreThoseOfOneFiveAndFifteenMinutes)
         const json_ref load(live_value(name));
         EXPECT_EQ(json_real_value(load.get()), expected++) << name;
     }
+}
+
+TEST(Live, AnEthernetIsARow)
+{
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const bool apart = unshare(CLONE_NEWNET) == 0;
+        const int tap = open("/dev/net/tun", O_RDWR);
+        ifreq request = {};
+        strcpy(request.ifr_name, "kest0");
+        request.ifr_flags = IFF_TAP | IFF_NO_PI;
+        if (!apart || tap < 0 || ioctl(tap, TUNSETIFF, &request) != 0)
+            _exit(77);
+        const json_ref rows(live_ethernet());
+        EXPECT_EQ(json_array_size(rows.get()), 1U);
+        EXPECT_EQ(text_of(json_array_get(rows.get(), 0), "name"), "kest0");
+        EXPECT_EQ(text_of(json_array_get(rows.get(), 0), "mac").size(), 17U);
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77)
+        GTEST_SKIP() << "this machine gives no network of its own, or no TAP device";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST(Live, RowsHaveKeysOfTheirOwn)

@@ -120,6 +120,17 @@ TEST(VeldLoginGuard, AttemptsAtOnceWaitOneBehindTheOther)
     EXPECT_LE(at_once, 6);
 }
 
+TEST(VeldLoginGuard, ThoseWhoKnowTheirPasswordNeverWait)
+{
+    login_guard guard;
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(guard.admit("adam", "uid 5", 1000), 1000);
+        guard.succeeded("adam", "uid 5");
+    }
+    EXPECT_EQ(guard.admit("adam", "uid 6", 1000), 1000);
+    EXPECT_EQ(guard.admit("eve", "uid 5", 1000), 1000);
+}
+
 TEST(VeldLoginGuard, AnAccountIsGuardedOverAllAddresses)
 {
     login_guard guard;
