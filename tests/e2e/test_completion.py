@@ -267,6 +267,17 @@ def test_lists_and_hints_on_other_widths(shell, fake, columns):
     line.term.wait_for(lambda term: "".join(row.ljust(columns) for row in term.lines[-len(rows):]).rstrip() == text + "U")
 
 
+def test_a_hint_is_accepted_where_tab_completes_nothing(line):
+    line.term.run("opt autocomplete off")
+    line.term.type("cd Device.Ti")
+    line.hint("me.")
+    before = len(line.term.raw)
+    line.term.type(Key.RIGHT)
+    line.wait("cd Device.Time.")
+    line.term.quiet()
+    assert b"\x07" not in line.term.raw[before:]
+
+
 # Values
 
 @pytest.mark.parametrize("typed, expected", [

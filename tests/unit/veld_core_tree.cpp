@@ -80,6 +80,19 @@ TEST(VeldTree, MovesInstancesWithinTheOrder)
     EXPECT_EQ(numbers(model.get(), "Device.Search"), (std::vector<uint32_t>{2, 4, 1}));
 }
 
+TEST(VeldTree, KeepsTheValuesThatInstancesBeginWithApart)
+{
+    const auto model = make_tree({}, R"({"format":1,"root":{"Device":{"children":{"T":{"multi":true,"template":
+        {"children":{"N":{"type":"int","access":"readWrite","default":1,"unique":true}}}}}}}})");
+    node *table = model->find("Device.T.").at;
+    model->add(table, 99);
+    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.T.1.N","Value":5}])").code, code::none);
+    model->add(table, 99);
+    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.T.1.N","Value":1}])").code, code::bad_value);
+    model->remove(model->find("Device.T.2.").at);
+    EXPECT_EQ(set(model.get(), R"([{"Name":"Device.T.1.N","Value":1}])").code, code::none);
+}
+
 TEST(VeldTree, KeepsUniqueValuesApart)
 {
     const auto model = make_tree();
