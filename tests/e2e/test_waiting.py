@@ -383,6 +383,12 @@ def test_a_daemon_that_has_answered_is_patiently_waited_for(kest, fake):
     assert kest("-r", "get", "Device.A", "Device.A", to=fake).err == ""
 
 
+def test_a_daemon_that_has_answered_the_configuration_is_patiently_waited_for(kest, fake, tmp_path):
+    fake.on("JoinGroup", Silence()).on("Login", {}).on("Ping", Slow(1.3, {}))
+    (tmp_path / "config").write_text("login me -p pw\n")
+    assert kest("-c", "config", "--raw", '{"id":9,"method":"Ping"}', to=fake).err == ""
+
+
 @pytest.mark.threads
 def test_ctrl_c_while_groups_are_joined_again_loses_none(shell, fake):
     fake.on("Login", Error(9001, "who is that"))

@@ -201,7 +201,7 @@ void ve_jrpcapi_set_timeout(ve_jrpcapi *ctx, int timeout_ms)
 ve_jrpcapi_slow ve_jrpcapi_tell_slow(ve_jrpcapi *ctx, ve_jrpcapi_slow slow)
 {
     ctx->silent_since = -1;
-    return std::exchange(ctx->slow, slow);
+    return std::exchange(ctx->slow, slow.until_answered && ctx->has_answered ? ve_jrpcapi_slow{} : slow);
 }
 
 void ve_link_tell_slow(ve_jrpcapi *ctx)
@@ -284,6 +284,7 @@ int ve_jrpcapi_exec(ve_jrpcapi *ctx, ve_jrpcmsg *message)
             if (flushed < 0)
                 ve_link_lose(ctx);
             ctx->silent_since = -1;
+            ctx->has_answered = true;
             if (ctx->slow.until_answered)
                 ctx->slow = {};
             ve_jrpcapi_note(ctx, ve_socket_err_none);

@@ -34,6 +34,7 @@ struct ve_jrpcapi {
     uint32_t flags = 0;
     int timeout_ms = 5000;
     ve_jrpcapi_slow slow;
+    bool has_answered = false; // an exchange, ever
     int64_t silent_since = -1; // when the first exchange began to which there is no answer yet; -1: none
     int64_t slow_at = -1;      // when to tell of the connect or the exchange under way; -1: never, or told
     std::string destination{ve_jrpcapi_default_socket};
