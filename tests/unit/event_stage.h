@@ -57,7 +57,7 @@ public:
 /// Waits until `condition` holds; false when it does not in time.
 template <class Condition> bool becomes(Condition condition)
 {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(200);
     while (!condition()) {
         if (std::chrono::steady_clock::now() > limit)
             return false;

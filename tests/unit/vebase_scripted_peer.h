@@ -17,13 +17,16 @@
 #include <thread>
 #include <utility>
 
-/// One accepted connection, blocking, with a limit on every wait so that a broken test ends.
+/// A limit on every wait, so that a broken test ends: far beyond what an emulated machine takes to write a long line.
+constexpr int peer_patience_s = 200;
+
+/// One accepted connection, blocking.
 class peer_link
 {
 public:
     explicit peer_link(int fd) : fd_(fd)
     {
-        const timeval limit{.tv_sec = 20, .tv_usec = 0};
+        const timeval limit{.tv_sec = peer_patience_s, .tv_usec = 0};
         setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
         setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     }
@@ -150,7 +153,7 @@ private:
         for (;;) {
             pollfd fds[] = {{.fd = listener_, .events = POLLIN, .revents = 0},
                             {.fd = stop_[0], .events = POLLIN, .revents = 0}};
-            if (poll(fds, 2, 20000) <= 0 || fds[1].revents != 0)
+            if (poll(fds, 2, peer_patience_s * 1000) <= 0 || fds[1].revents != 0)
                 return;
             const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
             if (fd < 0)
