@@ -18,7 +18,7 @@ def demo(sandbox):
 
     def run(data=None, stdin=None, **env):
         return subprocess.run(
-            [DEMO], input=data, stdin=stdin, capture_output=True, env=sandbox.environment(env), timeout=50
+            [DEMO], input=data, stdin=stdin, capture_output=True, env=sandbox.environment(env), timeout=settings.TEST_DEADLINE
         )
 
     return run

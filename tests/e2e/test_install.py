@@ -94,7 +94,8 @@ def test_install_says_when_nothing_was_built(tmp_path):
     (source / "scripts").mkdir(parents=True)
     for name in ("Makefile", "scripts/install", "scripts/need", "scripts/build"):
         shutil.copy(settings.SOURCE / name, source / name)
-    run = subprocess.run(["make", "-s", "-C", source, "install", f"DESTDIR={tmp_path}/d"], capture_output=True, text=True, timeout=30)
+    command = ["make", "-s", "-C", source, "install", f"DESTDIR={tmp_path}/d"]
+    run = subprocess.run(command, capture_output=True, text=True, timeout=settings.TEST_DEADLINE)
     assert run.returncode != 0
     assert "build first" in run.stderr
     assert not (tmp_path / "d").exists()
@@ -108,7 +109,11 @@ def need(tmp_path, apt_get):
         (tools / name).write_text(f"#!/bin/sh\n{script}\n")
         (tools / name).chmod(0o755)
     run = subprocess.run(
-        [settings.SOURCE / "scripts/need", "build"], env={"PATH": f"{tools}:/usr/bin:/bin"}, capture_output=True, text=True, timeout=30
+        [settings.SOURCE / "scripts/need", "build"],
+        env={"PATH": f"{tools}:/usr/bin:/bin"},
+        capture_output=True,
+        text=True,
+        timeout=settings.TEST_DEADLINE,
     )
     return run, (tmp_path / "called").read_text().splitlines()
 

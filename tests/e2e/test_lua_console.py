@@ -72,7 +72,7 @@ def test_a_nul_does_not_cut_an_error(veld, kest):
 def test_a_lack_of_memory_is_an_error_of_the_code(veld):
     code = "local t = {} for i = 1, 1e9 do t[i] = ('x'):rep(1e7) .. i end"
     limited = ["sh", "-c", 'ulimit -v 400000; exec "$@"', "sh", settings.KEST, "-u", veld.address, "-r", "lua", code]
-    run = subprocess.run(limited, capture_output=True, text=True, timeout=60)
+    run = subprocess.run(limited, capture_output=True, text=True, timeout=settings.TEST_DEADLINE)
     assert run.stdout.endswith("LUA ERROR: not enough memory\n")
     assert run.returncode == 0
 

@@ -4,6 +4,8 @@ from pathlib import Path
 
 import pytest
 
+from lib import settings
+
 TOP = Path(__file__).resolve().parents[2]
 
 
@@ -27,7 +29,7 @@ def build(tmp_path):
         said = ""
         for command in (["-S", tmp_path, "-B", tmp_path / "b", "-G", "Ninja", "-DCMAKE_CXX_COMPILER_WORKS=TRUE"],
                         ["--build", tmp_path / "b"]):
-            done = subprocess.run(["cmake", *command], capture_output=True, text=True, timeout=120)
+            done = subprocess.run(["cmake", *command], capture_output=True, text=True, timeout=settings.TEST_DEADLINE)
             said += done.stdout + done.stderr
             if done.returncode != 0:
                 return " ".join(said.split())

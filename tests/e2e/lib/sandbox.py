@@ -25,7 +25,7 @@ def _namespace_command():
     # Whole paths: a test may run its program with another PATH.
     command = ["/usr/bin/unshare", *flags, "--propagation", "private"]
     try:
-        probe = subprocess.run([*command, MOUNT, "--bind", BASE, "/tmp"], capture_output=True, timeout=10)
+        probe = subprocess.run([*command, MOUNT, "--bind", BASE, "/tmp"], capture_output=True, timeout=settings.DEADLINE)
     except (OSError, subprocess.TimeoutExpired):
         return None
     return command if probe.returncode == 0 else None
