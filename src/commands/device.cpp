@@ -5,7 +5,6 @@
 #include "commands/handler.h"
 #include "commands/values.h"
 #include "event/request.h"
-#include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 
 namespace
@@ -64,7 +63,6 @@ int process_reboot(const char *, command_args args)
         if (ve_jrpcmsg_error_code(message.get()) != 0)
             return 0;
     }
-    ve_out_flush();
     if (wait_until_down() < 0)
         return -1;
     server_reconnect("Rebooting... ", true);

@@ -3,6 +3,7 @@
 import contextlib
 import json
 import os
+import select
 import socket
 import stat
 import subprocess
@@ -392,3 +393,16 @@ def test_a_slow_method_delays_nobody(veld_start):
         assert slow.receive()["id"] == later
         assert slow.answer(number)["result"]["ParameterList"]
         assert time.monotonic() - started >= 1.9
+
+
+def test_a_reboot_parts_with_a_client_that_reads_nothing(veld_start):
+    veld = veld_start("--reboot-time", "0", model=SMALL)
+    silent, admin = veld.connect(), veld.connect()
+    for _ in range(200):  # the daemon reads no more where answers wait
+        silent.request("GetParameterNames", {"ParameterPath": "Device.", "NextLevel": False})
+    ask(admin)
+    admin.call("Login", User="root")
+    admin.call("Reboot", Force=True)
+    watch = select.poll()
+    watch.register(silent.link, select.POLLRDHUP)
+    assert watch.poll(1000 * settings.DEADLINE)
