@@ -242,8 +242,14 @@ def test_what_a_library_function_costs_beside_its_work(filed):
     veld = filed("""
         local t, remove = {}, table.remove
         on_set("Device.A", function(path, rounds) for i = 1, rounds do remove(t) end end)
+        local long = {}
+        for i = 1, 160000 do long[i] = "" end
+        on_set("Device.B", function(path, rounds) for i = 1, rounds do table.concat(long, "", 1, 1) end end)
     """)
     peer = veld.connect()
+    assert set_error(peer, {"Device.B": 300}) is None  # a sixteenth of the table's length each
+    refused = set_error(peer, {"Device.B": 600})
+    assert refused[0] == 9002 and "takes too long" in refused[1]
     assert set_error(peer, {"Device.A": 900000}) is None
     refused = set_error(peer, {"Device.A": 1100000})
     assert refused[0] == 9002 and "takes too long" in refused[1]

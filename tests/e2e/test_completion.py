@@ -197,7 +197,18 @@ def test_paths_are_listed_sorted(line):
     assert line.candidates("ls ") == ["Device.", "Services."]
     assert line.candidates("cat Device.Hosts.Host.") == ["1.", "2.", "max_instance"]
     assert line.candidates("cat Device.DNS.SearchDomain.") == ["1", "max_instance"]
-    assert line.candidates("set Device.Time.Source=Device.") == ["DNS.", "DeviceInfo.", "Hosts.", "Ping", "Time."]
+
+
+def test_values_that_are_paths_are_listed_as_paths_are(shell, fake):
+    numbers = (1, 2, 10, 20, 3)
+    rows = {f"Device.Host.{i}.": {} for i in numbers} | {f"Device.Host.{i}.Alias": "" for i in numbers}
+    fake.serve({"DataModelVersion": "1.0", "Device.": {}, "Device.Ref": parameter("path"), "Device.Host.": {"multi": True},
+                "Device.Host.{i}.": {}, "Device.Host.{i}.Alias": "", **rows})
+    fake.on("Login", Error(9001, "Request denied"))
+    line = Line(shell(to=fake), fake)
+    listed = line.candidates("cat Device.Host.")
+    assert listed == ["1.", "10.", "2.", "20.", "3."]
+    assert line.candidates("set Device.Ref=Device.Host.") == listed
 
 
 def test_paths_begin_where_the_shell_stands(line):

@@ -7,6 +7,7 @@
 
 TEST(Wait, APollThatTheKernelRefusesFails)
 {
+    ve_wait_init();
     rlimit before{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
     const rlimit none{0, before.rlim_max};
