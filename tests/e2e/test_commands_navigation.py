@@ -1,5 +1,7 @@
 """cd, up, pwd, ls, tree."""
 
+import re
+
 import pytest
 
 from lib.commands import MODEL, asked, attributes, next_level, refuse_logins, typed
@@ -44,6 +46,13 @@ def test_an_instance_that_is_not_there_yet_resolves_by_the_template(kest, model)
     names = ["Device.Host.1.", "Device.Host.10.", "Device.Host.2.", "Device.Host.max_instance", "Device.Host.order"]
     assert asked(model) == [attributes("Device."), attributes("Device.Host."), next_level("Device.Host."),
                             ("GetParameterAttributes", {"ParameterNames": names})]
+
+
+def test_the_names_of_a_long_list_have_their_colour(shell, model):
+    term = shell(to=model)
+    before = len(term.raw)
+    assert term.run("ls -l Device.Host.1")[1].split()[-1] == "Name"
+    assert re.search(rb"\x1b\[38;5;\d+mName\r\n\x1b\[0m", term.raw[before:])
 
 
 @pytest.mark.parametrize("words, place", [("", "Device.Host"), (" 0", "Device.Host"), (" x", "Device.Host"),

@@ -5,6 +5,7 @@ import os
 import re
 import signal
 import time
+from pathlib import Path
 
 import pytest
 
@@ -348,6 +349,19 @@ def test_the_terminal_is_restored_exactly(editor, tmp_path, odd):
 def test_ctrl_z_stops_and_comes_back_to_the_line(editor, tmp_path):
     term = editor(before="set -m; stty -a >before", after="stty -a >after; echo stopped; fg >/dev/null")
     term.type("half typed" + Key.CTRL_Z)
+    term.wait_for("stopped")
+    term.wait_for(lambda term: cursor_line(term) == "> half typed" and "stopped" in term.text)
+    term.type(" done" + Key.ENTER)
+    term.wait_for('got "half typed done"')
+    modes_kept(term, tmp_path)
+
+
+def test_a_stop_signal_stops_as_ctrl_z_does(editor, tmp_path):
+    term = editor(before="set -m; stty -a >before", after="stty -a >after; echo stopped; fg >/dev/null")
+    term.type("half typed")
+    term.wait_for("> half typed")
+    (reader,) = Path(f"/proc/{term.pid}/task/{term.pid}/children").read_text().split()
+    os.kill(int(reader), signal.SIGTSTP)
     term.wait_for("stopped")
     term.wait_for(lambda term: cursor_line(term) == "> half typed" and "stopped" in term.text)
     term.type(" done" + Key.ENTER)

@@ -319,6 +319,12 @@ def test_io_read_takes_one_line_of_what_is_pasted(lua_console):
     assert term.run("x") == ['_[4] = "typed"']
 
 
+def test_what_is_long_is_printed_whole(veld, kest):
+    run = kest(to=veld, stdin="lua\nt = {} for i = 1, 100000 do t[i] = i end print(table.concat(t, ' '))\n")
+    numbers = [int(word) for word in run.out.split() if word.isdigit()]
+    assert len(numbers) == 100000 and all(number == i for i, number in enumerate(numbers, 1))
+
+
 def test_a_child_that_nobody_closed_is_not_left_behind(lua_console):
     term = lua_console
     term.run("f = io.popen('true')")
