@@ -276,3 +276,19 @@ def test_the_firmware_is_that_of_whatever_root_there_is(sandbox, veld_start):
     veld = veld_start("--anonymous", "admin", model=model_file(sandbox, children, root="InternetGatewayDevice"))
     answer = veld.call("Download", FileType="Firmware", URL=f"file://{image}")
     assert (answer["CurrentVersion"], answer["NewVersion"]) == ("1.0.0", "BOX-1.2.0")
+
+
+def test_one_rule_alone_holds(sandbox, veld_start):
+    def text(**rule):
+        return {"type": "string", "access": "readWrite", "default": "", **rule}
+
+    children = {
+        "Ranges": {"type": "int", "access": "readWrite", "default": 1, "ranges": [[1, 2], [5, 6]]},
+        "Lengths": text(lengths=[[0, 1], [3, 3]]),
+        "ItemRanges": text(itemRanges=[[1, 2], [5, 6]]),
+        "ItemLengths": text(itemLengths=[[1, 1], [3, 3]]),
+    }
+    peer = veld_start("--anonymous", "admin", model=model_file(sandbox, children)).connect()
+    for name, good, bad in (("Ranges", 6, 3), ("Lengths", "abc", "ab"), ("ItemRanges", "2,5", "2,3"), ("ItemLengths", "a,abc", "a,ab")):
+        assert set_one(peer, f"Device.{name}", good) is None, name
+        assert set_one(peer, f"Device.{name}", bad) == 9007, name
