@@ -395,6 +395,13 @@ def test_a_slow_method_delays_nobody(veld_start):
         assert time.monotonic() - started >= 1.9
 
 
+def test_a_place_that_cannot_be_locked_is_not_taken(tmp_path):
+    path = Path(tmp_path) / "s"
+    Path(f"{path}.lock").symlink_to("elsewhere")
+    assert refused_start("--socket", path, "--model", SMALL) == (1, f"veld: {path}: Too many levels of symbolic links\n")
+    assert not os.path.lexists(path)
+
+
 def test_a_reboot_parts_with_a_client_that_reads_nothing(veld_start):
     veld = veld_start("--reboot-time", "0", model=SMALL)
     silent, admin = veld.connect(), veld.connect()

@@ -60,6 +60,14 @@ TEST_F(HistoryExpand, LeavesEverythingElse)
     }
 }
 
+TEST_F(HistoryExpand, ANumberHasAnyDigit)
+{
+    for (int i = static_cast<int>(history_.size()) + 1; i <= 90; ++i)
+        history_.add("entry " + std::to_string(i));
+    for (const int i : {5, 6, 7, 8, 9, 10, 19, 29, 90})
+        EXPECT_EQ(expanded("!" + std::to_string(i)), "entry " + std::to_string(i));
+}
+
 TEST_F(HistoryExpand, AReplacementMayHoldAReference)
 {
     history_.add("x !1");
