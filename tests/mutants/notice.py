@@ -129,9 +129,10 @@ class Suite:
         shutil.rmtree(folder)
         return [row[:3] for row in rows if row[3]]
 
-    def take(self, text):
-        """Goes on with those tests only whose name has this text."""
-        self.units, self.end_to_end = ([test for test in tests if text in test.name] for tests in (self.units, self.end_to_end))
+    def take(self, texts):
+        """Goes on with those tests only whose name has one of these texts."""
+        for tests in (self.units, self.end_to_end):
+            tests[:] = [test for test in tests if any(text in test.name for text in texts)]
 
     # What they notice
 
