@@ -143,8 +143,9 @@ int kest_main(int argc, char **argv)
 
     int result;
     const int parsed = cline_parse(argc, argv, &options);
-    if (parsed == 0 && options.ssl != 0 && !KEST_TLS) {
-        fprintf(stderr, "--ssl: kest was built without TLS.\n");
+    const std::string no_tls = parsed == 0 && options.ssl != 0 ? ve_jrpcapi_tls_problem() : "";
+    if (!no_tls.empty()) {
+        fprintf(stderr, "--ssl: %s.\n", no_tls.c_str());
         result = EXIT_FAILURE;
     } else if (parsed == 0) {
         if (options.mode == mode_raw)

@@ -53,6 +53,8 @@ std::string ve_jrpcapi_link_error(const ve_jrpcapi *ctx);
 /// True when the last connect failed for a reason that waiting for the daemon does not cure: a destination that makes
 /// no sense, a name nobody knows, a certificate that is not trusted, a right that is missing.
 bool ve_jrpcapi_connect_error_lasts(const ve_jrpcapi *ctx);
+/// Why this process can have no link with TLS, however often it tries; empty when it can. Loads what TLS needs.
+std::string ve_jrpcapi_tls_problem();
 /// True when the peer of the two links has closed one of them, or both, and never said a word without TLS.
 bool ve_jrpcapi_may_need_tls(const ve_jrpcapi *one, const ve_jrpcapi *other);
 

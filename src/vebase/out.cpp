@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <new>
 #include <string>
 #include <string_view>
 #include <unistd.h>
@@ -284,7 +285,8 @@ void terminal_output::note(std::string_view data)
 }
 
 // Never destroyed: a thread may still write while the program exits.
-terminal_output &output = *new terminal_output;
+alignas(terminal_output) char output_place[sizeof(terminal_output)];
+terminal_output &output = *new (output_place) terminal_output;
 bool row_unknown = false; // another program wrote to the terminal; main thread only
 
 } // namespace

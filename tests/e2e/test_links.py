@@ -399,6 +399,13 @@ def test_a_daemon_that_does_not_read_can_be_left(term, fake, scheme):
 
 # Reasons that last
 
+
+def test_tls_that_cannot_be_had_is_refused_at_once(kest, fake, tmp_path):
+    (tmp_path / "openssl.cnf").write_text("config_diagnostics = 1\nopenssl_conf = all\n[all]\nssl_conf = none\n")
+    run = kest("--ssl", "-r", "get", "Device.A", to=fake, env={"OPENSSL_CONF": str(tmp_path / "openssl.cnf")})
+    assert (run.out, run.err, run.status) == ("", "--ssl: the library cannot be initialised.\n", 1)
+
+
 @pytest.mark.parametrize("words", [("-r", "get", "Device.DeviceInfo.Uptime"), ("--raw", '{"id":7,"method":"Ask"}'), ("-l",)])
 def test_a_plain_client_of_a_tls_daemon_is_told_what_to_try(kest_start, veld_start, certificate, words):
     veld = veld_start("--tls-cert", certificate[0], "--tls-key", certificate[1])

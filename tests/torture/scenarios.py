@@ -159,9 +159,10 @@ class Typed(Client):
                     shown += os.read(master, 65536)
                 except OSError:
                     break
-            if lines and (not ready or PROMPT in shown[typed:]):
+            if not ready or (lines and PROMPT in shown[typed:]):
                 typed = len(shown)
-                os.write(master, lines.pop(0).encode() + b"\r")
+                line = lines.pop(0) if lines else "q"  # again, where Ctrl-C has dropped it
+                os.write(master, line.encode() + b"\r")
         status, _, _ = finish(process, max(0.1, moment - time.monotonic()))
         while select.select([master], [], [], 0)[0]:
             shown += os.read(master, 65536)
@@ -200,7 +201,8 @@ class Upgrade(Client):
         return super().argv(place, wire)
 
     def value_problem(self, place, done):
-        """It may flash and start again until it rests at a version."""
+        """It may flash and start again until it rests at a version. How far it was seen to be is another each time."""
+        done.drawn = True
         version = ""
         moment = time.monotonic() + BOUND
         while time.monotonic() < moment:

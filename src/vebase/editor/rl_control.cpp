@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <fcntl.h>
 #include <mutex>
+#include <new>
 #include <unistd.h>
 
 #include "platform/ve_rl.h"
@@ -28,7 +29,8 @@ struct screen_claims {
 int input_error = 0; // main thread only
 
 // Never destroyed: another thread may wait while the program exits.
-screen_claims &claims = *new screen_claims;
+alignas(screen_claims) char claims_place[sizeof(screen_claims)];
+screen_claims &claims = *new (claims_place) screen_claims;
 
 void set_nonblocking(int fd)
 {

@@ -257,6 +257,11 @@ int ve_jrpcapi_connect(ve_jrpcapi *ctx)
     return 0;
 }
 
+std::string ve_jrpcapi_tls_problem()
+{
+    return ve_tls::problem();
+}
+
 bool ve_jrpcapi_may_need_tls(const ve_jrpcapi *one, const ve_jrpcapi *other)
 {
     return (one->closed_unheard || other->closed_unheard) && !one->heard && !other->heard;

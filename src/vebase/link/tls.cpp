@@ -216,6 +216,11 @@ private:
 
 } // namespace
 
+std::string ve_tls::problem()
+{
+    return library().failure;
+}
+
 std::unique_ptr<ve_tls> ve_tls::make(const std::string &name, std::string *error)
 {
     const openssl &ssl = library();

@@ -13,6 +13,8 @@ class ve_tls
 public:
     enum class step { done, more, failed };
 
+    /// Why this process can have no session at all; empty when it can.
+    static std::string problem();
     /// A new session with a peer that must prove to be `name` (a host name or an address); null when there can be none
     /// (`*error` says why).
     static std::unique_ptr<ve_tls> make(const std::string &name, std::string *error);

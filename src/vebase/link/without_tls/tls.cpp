@@ -1,8 +1,13 @@
 // TLS in a client that was built without it: there is never a session.
 #include "vebase/link/tls.h"
 
+std::string ve_tls::problem()
+{
+    return "kest was built without TLS";
+}
+
 std::unique_ptr<ve_tls> ve_tls::make(const std::string &, std::string *error)
 {
-    *error = "kest was built without TLS";
+    *error = problem();
     return nullptr;
 }
