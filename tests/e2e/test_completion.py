@@ -303,6 +303,7 @@ def test_a_hint_is_accepted_where_tab_completes_nothing(line):
     ("set Device.Time.Zone=x", "set Device.Time.Zone=x"),
     ("set Device.Time=", "set Device.Time="),
     ("set Device.Gone=t", "set Device.Gone=t"),
+    ("set Device.Time.Enable.X=t", "set Device.Time.Enable.X=t"),
     ("set Device.Time.Source=Dev", "set Device.Time.Source=Device."),
     ("set Device.Time.Source=Device.Ho", "set Device.Time.Source=Device.Hosts."),
     ("set Device.Time.Source=:S", "set Device.Time.Source=:Services."),
