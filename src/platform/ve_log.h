@@ -11,6 +11,5 @@
 /// Makes every allocation of this process fatal when it fails: operator new and Jansson's. Called once, in main().
 void ve_log_allocations_are_fatal();
 
-/// malloc/calloc that do not fail: out of memory is the assertion "pointer != NULL" reported for `function` of `unit`.
+/// malloc that does not fail: out of memory is the assertion "pointer != NULL" reported for `function` of `unit`.
 void *ve_xmalloc(size_t size, const char *function, int line, const char *unit);
-void *ve_xcalloc(size_t count, size_t size, const char *function, int line, const char *unit);

@@ -67,6 +67,5 @@ void ve_out_give_up();
 std::string ve_visible(std::string_view text);
 /// The same for a text of several lines: its line feeds and tabs stay.
 std::string ve_visible_lines(std::string_view text);
-/// Both for what goes to standard error.
+/// Of what goes to standard error.
 std::string ve_visible_error(std::string_view text);
-std::string ve_visible_error_lines(std::string_view text);

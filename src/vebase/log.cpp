@@ -32,15 +32,6 @@ void *ve_xmalloc(size_t size, const char *function, int line, const char *unit)
     return pointer;
 }
 
-void *ve_xcalloc(size_t count, size_t size, const char *function, int line, const char *unit)
-{
-    void *pointer = calloc(count > 0 ? count : 1, size > 0 ? size : 1);
-    if (pointer == nullptr)
-        __ve_log_assert_fmt("pointer != NULL", unit, line, "_xcalloc", "xcalloc failed at func %s:%zu (%s)", function,
-                            static_cast<size_t>(line), unit);
-    return pointer;
-}
-
 namespace
 {
 

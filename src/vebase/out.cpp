@@ -421,11 +421,6 @@ std::string ve_visible_error(std::string_view text)
     return isatty(STDERR_FILENO) != 0 ? visible(text) : std::string(text);
 }
 
-std::string ve_visible_error_lines(std::string_view text)
-{
-    return isatty(STDERR_FILENO) != 0 ? visible(text, "\t\n") : std::string(text);
-}
-
 std::string ve_visible_lines(std::string_view text)
 {
     return ve_out_is_terminal() ? visible(text, "\t\n") : std::string(text);

@@ -116,6 +116,27 @@ def test_a_method_takes_its_time_and_reports(sandbox, device):
     assert veld.value("Device.SelfTest.Progress") == 100
 
 
+def test_a_timer_that_was_cancelled_rings_no_more(filed):
+    veld = filed("""
+        local rung, ticks = 0, 2
+        local timer = every(0.01, function() rung = rung + 1 set("Device.Log", "rung " .. rung) end)
+        on_set("Device.A", function()
+            cancel(timer)
+            cancel(timer)
+            rung = 100
+            every(0.01, function() ticks = ticks + 1 set("Device.B", ticks) end)
+        end)
+    """)
+    moment = settings.deadline()
+    while "rung" not in veld.value("Device.Log"):
+        assert settings.remaining(moment)
+    veld.set_values({"Device.A": 5})
+    last = veld.value("Device.Log")
+    while veld.value("Device.B") < 8:
+        assert settings.remaining(moment)
+    assert veld.value("Device.Log") == last != "rung 101"
+
+
 # --- sequences ---
 
 

@@ -139,11 +139,6 @@ void log_reopen()
     sink() = line_sink(std::move(again));
 }
 
-const std::string &log_path()
-{
-    return file_path;
-}
-
 void log_serving()
 {
     (void)sink();
