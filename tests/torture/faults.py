@@ -15,7 +15,10 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
+from lib import settings
 from wire import ACTS
+
+BOUND = 5 * settings.PATIENCE  # seconds that a program may take
 
 # What can go wrong with a system call while a program runs. Left out are those that cannot fail, and close, munmap and brk: when
 # strace lets them fail they are not done, or return what no kernel returns. A poll of a few descriptors needs no memory.

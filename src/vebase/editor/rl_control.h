@@ -4,7 +4,7 @@
 #include <csignal>
 #include <cstdint>
 
-/// The main thread's side of the control codes.
+// The main thread's side of the control codes.
 
 /// The descriptor that becomes readable when a code arrived, or -1; emptied by rl_control_drain.
 int rl_control_fd();

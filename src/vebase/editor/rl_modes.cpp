@@ -40,10 +40,7 @@ void rl_modes::begin()
 {
     static const int registered = atexit(restore);
     (void)registered;
-    if (tcgetattr(STDIN_FILENO, &original_) == 0) {
-        before_read = original_;
-        known = true;
-    }
+    known = tcgetattr(STDIN_FILENO, &before_read) == 0 || known; // what was known stays when it is not told again
     original_ = before_read;
     struct sigaction abandon = {};
     abandon.sa_handler = [](int) { restore(); }; // a failed assertion in a callback
