@@ -107,6 +107,15 @@ def test_a_bench_table_of_something_else_is_refused(tree):
     assert "bench/before.tsv has figures of 20-stop" in run.stderr
 
 
+def test_an_unreleased_section_is_refused(tree):
+    tree.replace("CHANGELOG.md", r"^## \[4", "## [Unreleased]\n\n### Fixed\n\n- A thing.\n\n## [4")
+    tree.commit()
+    run = tree.release()
+    assert (run.returncode, run.stdout) == (1, "")
+    assert "CHANGELOG.md still has an unreleased section" in run.stderr
+    assert "no section" not in run.stderr
+
+
 def test_changes_that_are_not_committed_are_refused(tree):
     (tree.folder / "new").touch()
     assert "not committed" in tree.release().stderr
