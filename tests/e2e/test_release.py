@@ -27,7 +27,7 @@ class Tree:
         (folder / "packaging/yocto/kest_4.5.6.bb").touch()
         self.replace("CMakeLists.txt", r"^project\(kest VERSION [0-9.]+", "project(kest VERSION 4.5.6")
         self.replace("debian/changelog", r"\A(kest) \([^)]*\)", r"\1 (4.5.6)")
-        self.replace("CHANGELOG.md", r"^## \[Unreleased\]", f"## [4.5.6] - {DAY}")
+        self.replace("CHANGELOG.md", r"^## \[.*", f"## [4.5.6] - {DAY}")
         self.replace("packaging/openwrt/Makefile", r"^PKG_VERSION:=.*", "PKG_VERSION:=4.5.6")
         self.replace("packaging/buildroot/kest.mk", r"^KEST_VERSION = .*", "KEST_VERSION = 4.5.6")
         for page in ("kest.1", "veld.8"):

@@ -116,6 +116,21 @@ def test_files_are_completed_where_files_belong(user, tmp_path):
     user.completes("kest_interpreter requ", "kest_interpreter requests.txt ")
 
 
+def test_files_are_completed_behind_redirections(user, veld, tmp_path):
+    (tmp_path / "answers.txt").touch()
+    to = f"kest -u {veld.address} -r get"
+    user.completes(f"{to} Device.DeviceInfo.Uptime >answ", f"{to} Device.DeviceInfo.Uptime >answers.txt ")
+    user.completes(f"{to} Device.DeviceInfo.Uptime 2> answ", f"{to} Device.DeviceInfo.Uptime 2> answers.txt ")
+    to = f"kest -u {veld.address} 2>/dev/null -r execute >answers.txt"
+    user.completes(f"{to} Device.IP.Diagnostics.IPP", f"{to} Device.IP.Diagnostics.IPPing ")
+
+
+def test_two_dashes_end_the_options(user, veld):
+    to = f"kest -u {veld.address} -r ls -- -l"
+    user.completes(f"{to} Device.Tim", f"{to} Device.Time.")
+    user.stays("kest -- --conf")
+
+
 def test_paths_come_from_the_daemon(user, veld):
     to = f"kest -u {veld.address} -r"
     user.completes(f"{to} get Dev", f"{to} get Device.")
