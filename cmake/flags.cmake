@@ -13,7 +13,7 @@ add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 # Without a word from whoever builds about optimisation: the choice that the measurements were made with. Code of which the client
 # runs little in one request is made small (kest_make_small).
 string(TOUPPER "${CMAKE_BUILD_TYPE}" type)
-if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}}" MATCHES "(^| )-O" OR KEST_SANITIZE)
+if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}}" MATCHES "(^| )-O" OR NOT type MATCHES "^(NONE)?$" OR KEST_SANITIZE)
   set(KEST_CHOOSES_OPTIMISATION OFF)
 else()
   set(KEST_CHOOSES_OPTIMISATION ON)
@@ -42,11 +42,13 @@ else()
   endif()
   # One who builds with a level of _FORTIFY_SOURCE, or whose compiler has one of its own, keeps it.
   set(CMAKE_REQUIRED_QUIET ON)
+  set(CMAKE_REQUIRED_FLAGS "${CMAKE_CXX_FLAGS_${type}}")
   check_cxx_source_compiles("
     #if defined(_FORTIFY_SOURCE) || !defined(__OPTIMIZE__)
     #error
     #endif
     int main() {}" KEST_ASKS_FORTIFY)
+  unset(CMAKE_REQUIRED_FLAGS)
   if(KEST_CHOOSES_OPTIMISATION OR KEST_ASKS_FORTIFY)
     if(NOT CMAKE_CXX_FLAGS MATCHES "_FORTIFY_SOURCE")
       list(APPEND flags -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)

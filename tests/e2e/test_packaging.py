@@ -35,6 +35,33 @@ def test_options_of_the_recipes_are_options_of_the_build():
     assert documented <= known
 
 
+@pytest.mark.parametrize(
+    "asked, type, optimised, fortified, asserts",
+    [
+        ("", "", True, "2", False),
+        ("", "Debug", False, None, True),
+        ("", "Release", True, "2", False),
+        ("-O3 -D_FORTIFY_SOURCE=3", "", True, "3", True),
+    ],
+)
+def test_flags_of_whoever_builds_win(tmp_path, asked, type, optimised, fortified, asserts):
+    (tmp_path / "CMakeLists.txt").write_text(
+        "cmake_minimum_required(VERSION 3.25)\nproject(flags LANGUAGES CXX)\n"
+        f"include({settings.SOURCE}/cmake/flags.cmake)\n"
+        'file(WRITE ${CMAKE_BINARY_DIR}/flags "${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}}")\n'
+        'file(WRITE ${CMAKE_BINARY_DIR}/lto "${CMAKE_INTERPROCEDURAL_OPTIMIZATION}")\n'
+    )
+    run("cmake", "-S", tmp_path, "-B", tmp_path / "build", f"-DCMAKE_BUILD_TYPE={type}", f"-DCMAKE_CXX_FLAGS={asked}")
+    flags = (tmp_path / "build/flags").read_text().split()
+    macros = run("c++", *flags, "-dM", "-E", "-x", "c++", "/dev/null").stdout
+    assert ("#define __OPTIMIZE__" in macros) == optimised
+    assert re.findall(r"#define _FORTIFY_SOURCE (\d)", macros) == ([fortified] if fortified else [])
+    assert ("#define NDEBUG" not in macros) == asserts
+    assert "#define __PIE__" in macros
+    # What the measurements were made with goes with no other choice.
+    assert (tmp_path / "build/lto").read_text() in (("YES", "ON", "TRUE") if asked == type == "" else ("", "OFF"))
+
+
 def test_the_licence_that_yocto_checks_is_the_licence():
     recipe = (PACKAGING / f"yocto/kest_{settings.VERSION}.bb").read_text()
     assert re.search(r"LICENSE;md5=(\w+)", recipe)[1] == hashlib.md5((settings.SOURCE / "LICENSE").read_bytes()).hexdigest()
