@@ -46,8 +46,7 @@ std::unique_ptr<veld::tls_identity> make_identity()
 class session
 {
 public:
-    session(const veld::tls_identity &identity, size_t chunk, bool upwards, size_t at, char by)
-        : chunk_(chunk), upwards_(upwards), at_(at), by_(by)
+    session(const veld::tls_identity &identity, bool upwards, size_t at, char by) : upwards_(upwards), at_(at), by_(by)
     {
         int ends[2];
         if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends) != 0)
@@ -60,8 +59,10 @@ public:
             abort();
     }
 
-    bool greet()
+    /// Whether both sides trust each other, in pieces of `chunk` bytes.
+    bool greet(size_t chunk)
     {
+        chunk_ = chunk;
         auto state = ve_tls::step::more;
         auto greeted = veld::io_state::want_read;
         for (int turns = 0; turns < 20 && (state != ve_tls::step::done || greeted != veld::io_state::done); ++turns) {
@@ -78,6 +79,17 @@ public:
         return state == ve_tls::step::done && greeted == veld::io_state::done;
     }
 
+    /// Whether `text` arrives on the other side, each way and in pieces of `chunk` bytes, as it must.
+    bool carry(const std::string &text, size_t chunk)
+    {
+        chunk_ = chunk;
+        for (const std::string &arrived : {up(text), down(text)})
+            if (by_ == 0 ? arrived != text : text.compare(0, arrived.size(), arrived) != 0)
+                return false;
+        return true;
+    }
+
+private:
     std::string up(const std::string &text)
     {
         size_t taken = 0;
@@ -112,7 +124,6 @@ public:
         return arrived;
     }
 
-private:
     void change(char *data, size_t size, bool up)
     {
         if (up != upwards_)
@@ -142,7 +153,7 @@ private:
     fd_owner near_;
     std::unique_ptr<veld::transport> daemon_;
     std::unique_ptr<ve_tls> client_;
-    size_t chunk_;
+    size_t chunk_ = 0;
     bool upwards_;
     size_t at_;
     char by_;
@@ -151,24 +162,45 @@ private:
 
 } // namespace
 
+// A handshake takes far longer than what follows. One input of 32 has a session of its own, in which a byte is
+// changed...
+static bool has_own_session(const uint8_t *data, size_t size)
+{
+    uint32_t digest = 2166136261U; // FNV-1a
+    for (size_t i = 0; i < size; ++i)
+        digest = (digest ^ data[i]) * 16777619U;
+    return (digest >> 16) % 32 == 0;
+}
+
+// ... the others share one, through which everything comes whole.
+static session *sound_session(const veld::tls_identity &identity, size_t chunk)
+{
+    static std::unique_ptr<session> current;
+    static int uses = 0;
+    if (uses++ % 10000 == 0) {
+        current = std::make_unique<session>(identity, false, 0, 0);
+        if (!current->greet(chunk))
+            abort();
+    }
+    return current.get();
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     constexpr size_t head = 5; // size of the pieces, which way and by what a byte is changed, where
     if (size <= head)
         return 0;
     static const std::unique_ptr<veld::tls_identity> identity = make_identity();
-    const bool upwards = (data[1] & 1) != 0;
-    const auto by = static_cast<char>(data[2]); // 0: nothing is changed
-    const size_t at = data[3] * 16U + data[4];
+    const size_t chunk = 40 + data[0] * 8U;
+    const auto by = static_cast<char>(has_own_session(data, size) ? data[2] : 0); // 0: nothing is changed
     const std::string text(reinterpret_cast<const char *>(data) + head, std::min<size_t>(size - head, 3000));
-    session link(*identity, 40 + data[0] * 8U, upwards, at, by);
-    if (!link.greet()) {
-        if (by == 0)
+    if (by == 0) {
+        if (!sound_session(*identity, chunk)->carry(text, chunk))
             abort();
         return 0;
     }
-    for (const std::string &arrived : {link.up(text), link.down(text)})
-        if (by == 0 ? arrived != text : text.compare(0, arrived.size(), arrived) != 0)
-            abort();
+    session link(*identity, (data[1] & 1) != 0, data[3] * 16U + data[4], by);
+    if (link.greet(chunk) && !link.carry(text, chunk))
+        abort();
     return 0;
 }
