@@ -171,7 +171,8 @@ int process_info(const char *name, command_args args)
         ve_printf("%s:\n", word.c_str());
         show_attrs(name, word.c_str());
         ve_puts("");
-        ve_out_relieve();
+        if (ve_out_relieve() < 0)
+            break;
     }
     return 0;
 }
@@ -194,7 +195,8 @@ int process_get_attrs(const char *name, command_args args)
         const std::string path(*entry.name);
         print_attrs(path.c_str(), json_ref(entry.attributes.load()).get());
         ve_puts("");
-        ve_out_relieve();
+        if (ve_out_relieve() < 0)
+            break;
     }
     return 0;
 }

@@ -147,7 +147,8 @@ void print_rows(const std::vector<row> &rows)
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
         ve_puts(ve_visible(each.name).c_str());
         ve_colors_reset();
-        ve_out_relieve();
+        if (ve_out_relieve() < 0)
+            break;
     }
 }
 

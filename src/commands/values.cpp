@@ -65,7 +65,8 @@ void print_list(const ve_parameters &list, const std::string &query)
         entry.value.append_to(&text);
         ve_puts(ve_visible(text).c_str());
         ve_colors_reset();
-        ve_out_relieve();
+        if (ve_out_relieve() < 0)
+            break;
     }
 }
 
@@ -164,7 +165,8 @@ void print_status(const ve_jrpcmsg *message)
     json_object_foreach(data, key, value)
     {
         ve_printf("%s: %s\n", ve_visible(key).c_str(), ve_visible(json_compact(value)).c_str());
-        ve_out_relieve();
+        if (ve_out_relieve() < 0)
+            break;
     }
 }
 

@@ -20,7 +20,7 @@ void ve_out_write(const char *data, size_t size);
 int ve_out_flush();
 /// Flushes when much is buffered: called once a row by what prints long lists, which ends when it returns -1 (nobody
 /// will see more). Else it returns 0. A wait point.
-int ve_out_relieve();
+[[nodiscard]] int ve_out_relieve();
 /// The error that the first failed write to the output met; 0 when there was none. Nothing is written behind it. Any
 /// thread.
 int ve_out_error();

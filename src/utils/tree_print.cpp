@@ -145,7 +145,8 @@ void drawn_tree::draw() const
         const bool more = last.more();
         row.assign(indentation).append(more ? "├── " : "└── ");
         draw_line(&row, of, last.name_width);
-        ve_out_relieve();
+        if (ve_out_relieve() < 0)
+            break;
         if (nodes_[of].first_child != root) {
             last.indentation = indentation.size();
             indentation.append(more ? "│   " : "    ");

@@ -476,6 +476,19 @@ def test_ctrl_c_in_one_packet_with_enter_drops_all_before_it(editor, typed, kept
     assert got == [kept, "end"] if kept else ["end"]
 
 
+def test_a_ctrl_c_while_it_becomes_a_signal_is_seen(editor, tmp_path):
+    if b"san_init" in Path(DEMO).read_bytes():
+        pytest.skip("a sanitizer wants to come first")
+    waits = tmp_path / "waits"
+    term = editor(LD_PRELOAD=str(DEMO.with_name("troubled.so")), TROUBLE_TYPED=str(waits))
+    term.type("one" + Key.ENTER)
+    term.wait_for(lambda term: waits.exists())
+    term.type(Key.CTRL_C)
+    term.type("end" + Key.ENTER)
+    term.wait_for('got "end"')
+    assert 'got "one"' not in term.text
+
+
 @pytest.mark.parametrize("typed", ["one\r\x1b[200~t\x03wo\r\x1b[201~", "one\r\x16\x03\r"])
 def test_ctrl_c_in_a_paste_typed_ahead_is_text(editor, typed):
     term = editor()
@@ -519,6 +532,15 @@ def test_a_child_finds_what_was_typed_for_it(editor):
     term = editor()
     term.type('child read a; echo "child has $a"' + Key.ENTER + "for the child" + Key.ENTER + "next" + Key.ENTER)
     term.wait_for("child has for the child")
+    term.wait_for('got "next"')
+
+
+def test_a_child_finds_what_was_typed_in_its_order(editor):
+    term = editor()
+    term.type('later read a; read b; echo "child has $a, $b"' + Key.ENTER + "first" + Key.ENTER)
+    term.wait_for(lambda term: term.echoes)
+    term.type("second" + Key.ENTER + "next" + Key.ENTER)
+    term.wait_for("child has first, second")
     term.wait_for('got "next"')
 
 
@@ -833,6 +855,17 @@ def test_ctrl_c_while_a_hint_is_awaited_drops_the_line(editor):
     term.wait_for("> al")
     term.quiet(0.2).type(Key.CTRL_C + "one" + Key.ENTER)
     term.wait_for(lambda term: term.lines[:3] == ["> al^C", "> one", 'got "one"'])
+
+
+def test_ctrl_c_while_a_hint_is_accepted_keeps_the_line(editor):
+    term = editor(words=["alphabet"], DEMO_HINTS="1", DEMO_SLOW="1500")
+    term.type("al")
+    term.wait_for("> alphabet")
+    term.type(Key.RIGHT)
+    term.quiet(0.2).type(Key.CTRL_C)
+    term.type("x" + Key.ENTER)
+    term.wait_for('got "alx"')
+    assert b"\a" not in term.raw
 
 
 def test_an_event_while_tab_waits_is_printed_at_once(editor):

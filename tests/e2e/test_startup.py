@@ -57,3 +57,12 @@ def test_a_login_in_the_configuration_lasts(shell, fake, home):
     config.write_text("login admin -p secret\n")
     shell(to=fake)
     assert fake.params("Login")[:2] == [{"User": "admin", "Password": "secret"}] * 2
+
+
+def test_a_command_that_fails_ends_the_configuration(kest, fake, tmp_path):
+    fake.serve({"Device.": {}, "Device.A": 1})
+    config = tmp_path / "config"
+    config.write_text("pwd\ncat Device.A\ninfo\nls Device\n")
+    kest("-c", config, "-n", "x", to=fake)
+    assert fake.params("GetParameterNames") == []
+    assert len(fake.params("GetParameterValues")) == 1

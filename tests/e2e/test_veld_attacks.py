@@ -214,6 +214,25 @@ def test_requests_behind_a_long_message_are_answered_in_order(small):
     assert peer.closed()
 
 
+def test_a_long_message_of_a_user_goes_before_those_of_anybody(small):
+    def line(length):
+        return b'{"id":1,"method":"Logout","params":[' + b'"x",' * length + b"0]}\n"
+
+    user = root(small)
+    anybody = [small.connect() for _ in range(3)]
+    for _ in range(20):
+        for peer in anybody:
+            peer.send_raw(line(1 << 20))
+        user.send_raw(line(8 << 10))
+        user.receive()
+        overtaken = not select.select([anybody[-1].link], [], [], 0)[0]
+        for peer in anybody:
+            peer.receive()
+        if overtaken:
+            return
+    raise AssertionError("the user always comes last")
+
+
 def test_a_client_that_goes_while_its_message_is_read_leaves_nothing(small):
     for _ in range(3):
         peer = small.connect()

@@ -122,6 +122,7 @@ def test_a_client_that_never_finishes_its_handshake_holds_nobody_up(veld_start, 
     silent = [veld.connect() for _ in range(20)]
     silent[0].send_raw(b"\x16\x03\x01\x02")
     ask(secure(veld.address, certificate))
+    assert all(peer.closed(30) for peer in silent)  # after ten seconds
 
 
 def started(*options):

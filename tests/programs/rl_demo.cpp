@@ -150,8 +150,11 @@ void run(const char *line)
         ve_rl_draw_progressbar(number, line + used);
         if (ve_out_is_terminal())
             ve_puts("");
-    } else if (strncmp(line, "child ", 6) == 0) {
+    } else if (strncmp(line, "child ", 6) == 0 || strncmp(line, "later ", 6) == 0) {
         ve_out_flush();
+        pollfd input{STDIN_FILENO, POLLIN, 0};
+        if (line[0] == 'l')
+            ve_wait_poll(&input, 1, -1);
         ve_rl_put_back_ahead();
         if (system(line + 6) != 0)
             ve_puts("failed");

@@ -6,7 +6,8 @@
 //   TROUBLE_BELOW=DIR      what counts: files below that directory
 //   TROUBLE_FSYNC_MS=MS    every fsync takes so long
 //   TROUBLE_NAMES_MS=MS    looking up a user of the machine, or a host, takes so long
-//   TROUBLE_ARMED=FILE     nothing counts, fails or takes long before that file exists
+//   TROUBLE_TYPED=FILE     when the terminal's Ctrl-C becomes a signal for the first time that file is made, and a key
+//   awaited TROUBLE_ARMED=FILE     nothing counts, fails or takes long before that file exists
 // Both names of open() are defined here, so that neither may stand for the other.
 #undef _FILE_OFFSET_BITS
 #undef _TIME_BITS
@@ -16,6 +17,7 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <netdb.h>
+#include <poll.h>
 #include <pwd.h>
 #include <signal.h>
 #include <stdarg.h>
@@ -25,6 +27,7 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -149,6 +152,18 @@ int close(int fd)
     const int counts = descriptor_below(fd);
     const int result = REAL(int, close, int)(fd);
     return fails(counts) ? -1 : result;
+}
+
+int tcsetattr(int fd, int when, const struct termios *modes)
+{
+    static atomic_flag waited = ATOMIC_FLAG_INIT;
+    const char *file = variable("TROUBLE_TYPED");
+    if (*file != '\0' && (modes->c_lflag & ISIG) != 0 && !atomic_flag_test_and_set(&waited)) {
+        close(open(file, O_WRONLY | O_CREAT, 0600));
+        struct pollfd input = {fd, POLLIN, 0};
+        poll(&input, 1, -1);
+    }
+    return REAL(int, tcsetattr, int, int, const struct termios *)(fd, when, modes);
 }
 
 int getpwnam_r(const char *name, struct passwd *entry, char *buffer, size_t size, struct passwd **found)

@@ -3,6 +3,7 @@
 #include "veld/methods/methods.h"
 
 #include "veld/methods/dns_message.h"
+#include "veld/methods/dns_question.h"
 #include "veld/methods/job.h"
 
 #include <arpa/inet.h>
@@ -186,6 +187,12 @@ public:
     name_server &operator=(const name_server &) = delete;
 
     std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+    uint16_t port() const { return port_; }
+    // To who asks, before what he is answered.
+    void send_also(const std::string &bytes)
+    {
+        sendto(udp_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr *>(&from_), sizeof from_);
+    }
     std::function<std::string(const std::string &)> over_tcp;
     int asked = 0;
 
@@ -208,6 +215,7 @@ public:
         for (ssize_t got;
              (got = recvfrom(udp_, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr *>(&from), &length)) > 0;) {
             asked++;
+            from_ = from;
             std::string answer = reply_(std::string(bytes, size_t(got)));
             if (!answer.empty())
                 sendto(udp_, answer.data(), answer.size(), 0, reinterpret_cast<sockaddr *>(&from), length);
@@ -242,6 +250,7 @@ private:
     int udp_ = -1;
     int tcp_ = -1;
     uint16_t port_ = 0;
+    sockaddr_in from_ = {};
     std::vector<int> streams_;
 };
 
@@ -615,6 +624,31 @@ TEST(NSLookup, AServerThatFailsOrRefusesIsSaidSo)
         EXPECT_EQ(text(outcome, "Result.1.AnswerType"), "Authoritative") << code;
         EXPECT_EQ(server.asked, 2) << code;
     }
+}
+
+TEST(NSLookup, AFloodOfDatagramsIsReadInTurns)
+{
+    constexpr int forged = 150;
+    name_server server([&server](const std::string &question) {
+        std::string wrong = answer_to(question, {}, 3);
+        wrong[0] ^= 1;
+        for (int i = 0; i < forged; i++)
+            server.send_also(wrong);
+        return answer_to(question, {{1, asked_name, std::string("\xc0\0\2\7", 4)}});
+    });
+    host_address address;
+    const sockaddr_in here = loopback(server.port());
+    memcpy(&address.bytes, &here, sizeof here);
+    address.length = sizeof here;
+    dns_question question("host.example", dns_type::a, address, "", [](int, uint32_t) { return true; });
+    question.ask();
+    server.serve();
+    int turns = 0;
+    for (; !question.answer() && turns < forged; ++turns)
+        question.proceed();
+    EXPECT_TRUE(question.answer());
+    EXPECT_GT(turns, 1);
+    EXPECT_LT(turns, forged / 10);
 }
 
 TEST(NSLookup, AnswersLargerThanAskedForAreTaken)

@@ -23,7 +23,8 @@ void ve_rl_show_list(const json_t *names)
             const json_t *name = json_array_get(names, i);
             ve_out_write(json_string_value(name), json_string_length(name));
             ve_out_write("\n", 1);
-            ve_out_relieve();
+            if (ve_out_relieve() < 0)
+                break;
         }
         return;
     }

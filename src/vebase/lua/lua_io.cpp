@@ -233,10 +233,9 @@ void ve_lua_write(const char *data, size_t size)
     while (size > 0 && !ve_wait_interrupted()) {
         const size_t piece = size < slice_size ? size : slice_size;
         ve_out_write(data, piece);
-        if (ve_out_is_terminal() && memchr(data, '\n', piece) != nullptr)
-            ve_out_flush();
-        else
-            ve_out_relieve();
+        const bool row_ends = ve_out_is_terminal() && memchr(data, '\n', piece) != nullptr;
+        if ((row_ends ? ve_out_flush() : ve_out_relieve()) < 0)
+            break;
         data += piece;
         size -= piece;
     }
