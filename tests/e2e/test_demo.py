@@ -78,6 +78,15 @@ def test_ctrl_c_leaves_a_command_and_not_the_demo(demo):
     assert demo.wait_exit() == 0
 
 
+def test_a_stopped_shell_goes_on_and_ends_well(demo):
+    row = demo.cursor[0]
+    demo.type(Key.CTRL_Z)
+    demo.wait_for(lambda term: term.cursor[0] > row and term.at_prompt())
+    assert demo.run("pwd") == [":"]
+    demo.type("q" + Key.ENTER)
+    assert demo.wait_exit() == 0
+
+
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP, signal.SIGKILL])
 def test_the_daemon_ends_with_the_demo(demo, sandbox, number):
     demo.process.send_signal(number)
