@@ -61,3 +61,17 @@ row "peak memory behind the last, MiB" "$(ratio "$peak" 1024) MiB" "32.00 MiB" "
 slowest=${slowest#cat }
 read -r names took own < <("$tools/complete" level "$run/model" "$slowest")
 row "$slowest: the client's work (against all)" "$own ms" "$took ms" "$(ratio "$own" "$took")" ""
+
+# The user's own shells, with the files that are installed for them: every tenth level. Each Tab starts a client that asks the daemon.
+title "Tab in the user's own shell on that model, whole, in a terminal (against what may be noticed while typing)"
+awk -v to="kest -u $run/model -r ls" 'NR % 10 == 1 { print to, $2 }' "$run/model.lines" >"$run/shell.lines"
+printf 'PS1="> "; unset HISTFILE; PATH=%q:$PATH; bind "set bell-style none"; source %q\n' "${kest%/*}" "$BENCH_BUILD/completion/kest" >"$run/rc"
+printf 'PS1="> "; LISTMAX=100000; unsetopt beep; path=(%q $path); fpath=(%q $fpath)\nautoload -Uz compinit; compinit -u -d %q\n' \
+    "${kest%/*}" "$BENCH_BUILD/completion" "$run/dump" >"$run/.zshrc"
+for shell in bash:--noprofile,--rcfile,$run/rc,-i zsh:-d,-i; do
+    program=$(command -v "${shell%%:*}") || continue
+    IFS=, read -ra options <<<"${shell#*:}"
+    read -r levels longest usual _ < <(ZDOTDIR=$run "$tools/typist" tabs "$run/shell.lines" "$program" "${options[@]}")
+    row "${shell%%:*}, the median of $levels levels" "$usual ms" "30 ms" "$(ratio "$usual" 30)" "<= 1"
+    row "${shell%%:*}, the slowest" "$longest ms" "30 ms" "$(ratio "$longest" 30)" ""
+done
