@@ -13,6 +13,37 @@ int append_chunk(const char *data, size_t size, void *out)
     return 0;
 }
 
+/// Collects small chunks and cuts large ones. Jansson's end between characters.
+struct piece_writer {
+    static constexpr size_t piece_size = size_t{16} << 10;
+
+    const std::function<bool(std::string_view)> &take;
+    std::string piece = {};
+
+    bool put(std::string_view chunk)
+    {
+        while (!chunk.empty()) {
+            if (piece.size() + chunk.size() > piece_size && !flush())
+                return false;
+            const std::string_view part = chunk.substr(0, utf8_cut(chunk, piece_size));
+            piece.append(part);
+            chunk.remove_prefix(part.size());
+        }
+        return true;
+    }
+    bool flush()
+    {
+        const bool goes_on = piece.empty() || take(piece);
+        piece.clear();
+        return goes_on;
+    }
+};
+
+int put_chunk(const char *data, size_t size, void *writer)
+{
+    return static_cast<piece_writer *>(writer)->put({data, size}) ? 0 : -1;
+}
+
 /// What stands for a byte that is part of no character.
 constexpr char32_t replacement = 0xfffd;
 
@@ -107,6 +138,13 @@ void json_write_value(std::string *out, const json_t *value)
     default:
         json_dump_callback(value, append_chunk, out, JSON_COMPACT | JSON_ENCODE_ANY);
     }
+}
+
+void json_write_pieces(const json_t *value, size_t flags, const std::function<bool(std::string_view)> &take)
+{
+    piece_writer writer{.take = take};
+    if (json_dump_callback(value, put_chunk, &writer, flags | JSON_ENCODE_ANY) == 0)
+        writer.flush();
 }
 
 std::string json_written(const json_t *value, size_t flags)

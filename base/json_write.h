@@ -4,6 +4,7 @@
 #include <jansson.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -18,3 +19,6 @@ void json_write_value(std::string *out, const json_t *value);
 
 /// Any JSON value as text, laid out as Jansson's `flags` say (JSON_COMPACT, JSON_INDENT); empty where it has none.
 std::string json_written(const json_t *value, size_t flags);
+/// Gives the same text to `take` in pieces of some KiB that end between characters, until that returns false: it may
+/// become many times longer than the value is large.
+void json_write_pieces(const json_t *value, size_t flags, const std::function<bool(std::string_view)> &take);

@@ -136,7 +136,9 @@ std::shared_ptr<dm_node> cdpath_get_input(const cdpath &place)
     dm_builder builder(place.path);
     ve_parameter entry;
     std::string room;
-    for (ve_parameters arguments = ve_jrpcmsg_parameters(message.get()); arguments.next(&entry);) {
+    ve_parameters arguments = ve_jrpcmsg_parameters(message.get());
+    builder.expect(arguments);
+    while (arguments.next(&entry)) {
         if (entry.attributes.member("Direction").string(&room) == "input")
             builder.add(entry);
     }

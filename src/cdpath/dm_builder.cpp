@@ -4,7 +4,16 @@
 
 #include "platform/ve_wait.h"
 
-dm_builder::dm_builder(const dm_path &base, size_t room) : base_(base), room_(room)
+namespace
+{
+
+// What a node with a level of its own takes, and a name in a level, by and large.
+constexpr int64_t node_cost = 448;
+constexpr int64_t name_cost = 72;
+
+} // namespace
+
+dm_builder::dm_builder(const dm_path &base, size_t room, int64_t left) : base_(base), room_(room), left_(left)
 {
     open_.push_back({{}, &root_, std::make_shared<dm_level>(), nullptr});
 }
@@ -34,16 +43,22 @@ bool dm_builder::fits(std::string_view *name, size_t *depth) const
 
 void dm_builder::add(ve_parameters list)
 {
+    expect(list);
     ve_wait_loop loop;
-    for (ve_parameter entry; list.next(&entry) && !loop.interrupted();)
+    for (ve_parameter entry; list.next(&entry) && !is_exhausted() && !loop.interrupted();)
         add(entry);
+}
+
+void dm_builder::expect(const ve_parameters &list)
+{
+    left_ += static_cast<int64_t>(list.size()) * cost_factor;
 }
 
 void dm_builder::add(const ve_parameter &entry)
 {
     std::string_view name = entry.name.value_or(std::string_view());
     size_t depth;
-    if (entry.name && fits(&name, &depth))
+    if (entry.name && !is_exhausted() && fits(&name, &depth))
         add_entry(name, depth, entry);
 }
 
@@ -70,8 +85,13 @@ void dm_builder::add_entry(std::string_view name, size_t depth, const ve_paramet
         return;
     if (node == nullptr)
         node = node_at(open_.back(), open_.back().level->find(name));
-    dm_builder inner(dm_path(), room_ - depth - 1);
-    inner.add(ve_parameters(entry.pattern));
+    // The pattern is a part of the list that was expected.
+    dm_builder inner(dm_path(), room_ - depth - 1, left_ - node_cost);
+    ve_wait_loop loop;
+    ve_parameter each;
+    for (ve_parameters list(entry.pattern); list.next(&each) && !inner.is_exhausted() && !loop.interrupted();)
+        inner.add(each);
+    left_ = inner.left_;
     node->pattern = std::make_shared<const dm_node>(inner.take());
 }
 
@@ -114,7 +134,10 @@ size_t dm_builder::place_of(step &above, std::string_view name)
     if (above.level->size() > 0 && (*above.level)[last].name == name)
         return last;
     const size_t found = above.level->find(name);
-    return found != dm_level::none ? found : above.level->append(name, nullptr);
+    if (found != dm_level::none)
+        return found;
+    left_ -= name_cost;
+    return above.level->append(name, nullptr);
 }
 
 dm_node *dm_builder::node_at(step &above, size_t place)
@@ -123,6 +146,7 @@ dm_node *dm_builder::node_at(step &above, size_t place)
     if (below.size() <= place)
         below.resize(place + 1);
     if (!below[place]) {
+        left_ -= node_cost;
         below[place] = std::make_shared<dm_node>();
         below[place]->attributes = (*above.level)[place].attributes;
     }

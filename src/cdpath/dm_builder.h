@@ -1,6 +1,7 @@
 // Making nodes of what the daemon lists. Main thread only.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -16,13 +17,17 @@ class dm_builder
 {
 public:
     /// For the node at `base`: what lies elsewhere is passed over.
-    explicit dm_builder(const dm_path &base) : dm_builder(base, depth_max) {}
+    explicit dm_builder(const dm_path &base) : dm_builder(base, depth_max, cost_allowed) {}
 
     /// Adds an entry of a ParameterList: its attributes and, for a table, its pattern. One that does not fit is passed
     /// over.
     void add(const ve_parameter &entry);
     /// Adds the entries of a whole list; Ctrl-C ends it early.
     void add(ve_parameters list);
+    /// Says how much of a list comes entry by entry: what is made of it may cost so many times more.
+    void expect(const ve_parameters &list);
+    /// Whether nodes are missing because so many of them can be had of so little only by malice.
+    bool is_exhausted() const { return left_ < 0; }
     /// A child of the node that is passed over from here on.
     void leave_out(std::string_view name) { left_out_ = name; }
     /// From here on the entries say all of the node's children that they tell of.
@@ -33,6 +38,9 @@ public:
 private:
     // Deeper names are passed over: a typed path cannot lead there, and nodes are released recursively.
     static constexpr size_t depth_max = 512;
+    // What a peer may cost: so many bytes, and so many more for each byte of a list.
+    static constexpr int64_t cost_allowed = int64_t{16} << 20;
+    static constexpr int64_t cost_factor = 8;
 
     /// A node whose level is being made.
     struct step {
@@ -42,16 +50,17 @@ private:
         std::shared_ptr<const dm_level> alike; ///< of the last child that was closed
     };
 
-    dm_builder(const dm_path &base, size_t room);
+    dm_builder(const dm_path &base, size_t room, int64_t left);
     bool fits(std::string_view *name, size_t *depth) const;
     void add_entry(std::string_view name, size_t depth, const ve_parameter &entry);
     void enter(size_t depth, std::string_view name);
     void close(size_t depth);
-    static size_t place_of(step &above, std::string_view name);
-    static dm_node *node_at(step &above, size_t place);
+    size_t place_of(step &above, std::string_view name);
+    dm_node *node_at(step &above, size_t place);
 
     dm_path base_;
     size_t room_;
+    int64_t left_; // of what the nodes may cost
     std::string left_out_;
     bool tells_all_ = false;
     dm_node root_;

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "cdpath/dm_path.h"
+#include "platform/ve_json_text.h"
 
 namespace
 {
@@ -55,7 +56,8 @@ dm_attributes_ref dm_attributes_of(std::string_view text)
     auto &all = all_attributes();
     if (const auto found = all.find(text); found != all.end())
         return found->second.lock();
-    const json_ref object(json_loadb(text.data(), text.size(), JSON_ALLOW_NUL, nullptr));
+    const json_ref object(json_text_is_bloated(text) ? nullptr
+                                                     : json_loadb(text.data(), text.size(), JSON_ALLOW_NUL, nullptr));
     if (!json_is_object(object.get()))
         return nullptr;
     dm_attributes_ref made(new dm_attributes{.text = std::string(text),

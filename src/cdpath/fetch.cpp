@@ -78,7 +78,7 @@ int cdpath_fetch(cdpath *place)
         builder.tell_all();
         builder.add(instances.list());
     }
-    if (failed || ve_wait_interrupted())
+    if (failed || builder.is_exhausted() || ve_wait_interrupted())
         return 0;
 
     // Nothing of the cache was touched so far: what is abandoned or lost leaves no trace.

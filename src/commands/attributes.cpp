@@ -51,7 +51,7 @@ attributes unpack(json_t *object)
                        "minLength", &read.min_length, "maxLength", &read.max_length, "minInclusive",
                        &read.min_inclusive, "maxInclusive", &read.max_inclusive, "minCount", &read.min_count,
                        "maxCount", &read.max_count, "offValue", &read.off_value, "regex", &read.regex) != 0)
-        ve_printf("attr parse error on %d:%d : %s\n", error.line, error.column, error.text);
+        ve_printf("attr parse error on %d:%d : %s\n", error.line, error.column, ve_visible(error.text).c_str());
     return read;
 }
 
@@ -82,7 +82,9 @@ void print_default(const json_t *value)
 {
     if (value == nullptr)
         return;
-    ve_printf("%-20s%s\n", "Default:", ve_visible_lines(json_written(value, JSON_INDENT(4))).c_str());
+    ve_printf("%-20s", "Default:");
+    json_write_pieces(value, JSON_INDENT(4), [](std::string_view piece) { return ve_out_visible(piece, "\t\n") == 0; });
+    ve_puts("");
 }
 
 void print_enumeration(const json_t *values)
@@ -92,7 +94,12 @@ void print_enumeration(const json_t *values)
     ve_puts("Enum: ");
     size_t index;
     json_t *value;
-    json_array_foreach(values, index, value) ve_printf("  %s\n", ve_visible(json_compact(value)).c_str());
+    json_array_foreach(values, index, value)
+    {
+        ve_printf("  %s\n", ve_visible(json_compact(value)).c_str());
+        if (ve_out_relieve() < 0)
+            break;
+    }
 }
 
 void print_attrs(const char *path_text, json_t *object)
@@ -137,7 +144,7 @@ int show_attrs(const char *name, const char *path_text)
 {
     cdpath place = cdpath_here();
     if (!place_go(&place, path_text)) {
-        ve_printf("%s: %s: no such node\n", name, place_sought(path_text).c_str());
+        ve_printf("%s: %s: no such node\n", name, ve_visible(place_sought(path_text)).c_str());
         return -1;
     }
     if (place.path.is_root()) {
@@ -168,7 +175,7 @@ int process_info(const char *name, command_args args)
     if (args.size() < 2)
         return show_attrs(name, arg_text(args, 0));
     for (const std::string &word : args) {
-        ve_printf("%s:\n", word.c_str());
+        ve_printf("%s:\n", ve_visible(word).c_str());
         show_attrs(name, word.c_str());
         ve_puts("");
         if (ve_out_relieve() < 0)

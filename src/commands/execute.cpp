@@ -19,26 +19,27 @@ bool add_argument(const char *name, const char *argument, dm_node *input, json_t
 {
     const char *equals = strrchr(argument, '=');
     if (equals == nullptr) {
-        ve_printf("%s: %s: no value.\n", name, argument);
+        ve_printf("%s: %s: no value.\n", name, ve_visible(argument).c_str());
         return false;
     }
     const std::string path(argument, equals);
     const char *text = equals + 1;
-    ve_printf("key = %s, value = %s\n", path.c_str(), text);
+    const std::string shown = ve_visible(path);
+    ve_printf("key = %s, value = %s\n", shown.c_str(), ve_visible(text).c_str());
     const std::shared_ptr<dm_node> node = input != nullptr ? input->find(path) : nullptr;
     if (node == nullptr) {
-        ve_printf("%s: %s: no such argument.\n", name, path.c_str());
+        ve_printf("%s: %s: no such argument.\n", name, shown.c_str());
         return false;
     }
     const json_ref attributes = node->description();
     const json_t *standard = json_object_get(attributes.get(), "default");
     if (standard == nullptr) {
-        ve_printf("%s: %s: is an object or doesn't have default value.\n", name, path.c_str());
+        ve_printf("%s: %s: is an object or doesn't have default value.\n", name, shown.c_str());
         return false;
     }
     const json_ref value{json_load_uservalue(text, json_typeof(standard))};
     if (!value) {
-        ve_printf("%s: %s: invalid value %s.\n", name, path.c_str(), text);
+        ve_printf("%s: %s: invalid value %s.\n", name, shown.c_str(), ve_visible(text).c_str());
         return false;
     }
     json_array_append_new(list, json_pack("{s : s, s : O}", "Name", path.c_str(), "Value", value.get()));
@@ -56,7 +57,7 @@ int process_execute(const char *name, command_args args)
     }
     cdpath place = cdpath_here();
     if (!place_go(&place, method)) {
-        ve_printf("%s: %s: no such method.\n", name, method);
+        ve_printf("%s: %s: no such method.\n", name, ve_visible(method).c_str());
         return -1;
     }
     msg_ref message;
@@ -71,10 +72,8 @@ int process_execute(const char *name, command_args args)
     }
     msg_exec(message.get(), -1);
     const ve_parameters output = ve_jrpcmsg_parameters(message.get());
-    if (!output.empty()) {
-        values_tree(output, "");
-        return 0;
-    }
+    if (!output.empty())
+        return values_tree(output, "");
     print_status(message.get());
     return -1;
 }

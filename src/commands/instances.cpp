@@ -22,13 +22,13 @@ bool read_order(const char *name, const char *text, uint32_t *order)
 {
     if (ve_string_strtoul(text, 10, order) >= 0)
         return true;
-    ve_printf("%s: invalid order integer: %s\n", name, text);
+    ve_printf("%s: invalid order integer: %s\n", name, ve_visible(text).c_str());
     return false;
 }
 
 bool no_such_node(const char *name, const char *path)
 {
-    ve_printf("%s: %s: no such node.\n", name, path);
+    ve_printf("%s: %s: no such node.\n", name, ve_visible(path).c_str());
     return false;
 }
 

@@ -51,7 +51,7 @@ int ls_repack_list(const char *name, const char *path_text, unsigned options)
 {
     cdpath place = cdpath_here();
     if (!place_go(&place, path_text)) {
-        ve_printf("%s: %s: no such node\n", name, place_sought(path_text).c_str());
+        ve_printf("%s: %s: no such node\n", name, ve_visible(place_sought(path_text)).c_str());
         return -1;
     }
     if ((options & ls_long) != 0) {
@@ -126,7 +126,7 @@ int process_cd(const char *name, command_args args)
     if (path == nullptr) {
         cdpath_clear(&target);
     } else if (place_scheme_loaded() && cdpath_parse(&target, path) != 0) {
-        ve_printf("%s: %s: no such node\n", name, path);
+        ve_printf("%s: %s: no such node\n", name, ve_visible(path).c_str());
         return -2;
     }
     cwd = target.path;
@@ -170,7 +170,7 @@ int process_ls(const char *name, command_args args)
     if (paths.size() < 2)
         return ls_repack_list(name, paths.empty() ? nullptr : paths[0], options | ls_alone);
     for (const char *path : paths) {
-        ve_printf("%s:\n", path);
+        ve_printf("%s:\n", ve_visible(path).c_str());
         ls_repack_list(name, path, options);
         ve_puts("");
     }
@@ -182,7 +182,7 @@ int process_tree(const char *name, command_args args)
     const char *path = arg_text(args, 0);
     cdpath place = cdpath_here();
     if (!place_go(&place, path)) {
-        ve_printf("%s: %s: no such node\n", name, place_sought(path).c_str());
+        ve_printf("%s: %s: no such node\n", name, ve_visible(place_sought(path)).c_str());
         return -1;
     }
     const char *root = place.path.is_root() ? ":" : place.path.c_str();

@@ -98,7 +98,7 @@ void password_ask_on_error(bool hidden)
 
 bool password_read(const char *user, secret_text *password)
 {
-    show(std::string("[kest] password for ") + user + ": ");
+    show("[kest] password for " + (on_error ? ve_visible_error(user) : ve_visible(user)) + ": ");
     bool read;
     {
         const silence silent;

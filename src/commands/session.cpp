@@ -1,6 +1,7 @@
 #include "commands/session.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -79,11 +80,14 @@ template <class Component> bool read_component(const char *word, Component *comp
     return true;
 }
 
-/// Creates the file, unless something else than a file stands there.
+/// Creates the file, unless something else than a file of this user stands there.
 bool create_record_file(const char *path)
 {
     struct stat there;
-    if (strlen(path) > record_name_max || (stat(path, &there) == 0 && !S_ISREG(there.st_mode)))
+    if (strlen(path) > record_name_max)
+        return false;
+    // What another user can read is no place for passwords.
+    if (stat(path, &there) == 0 && (!S_ISREG(there.st_mode) || (there.st_uid != geteuid() && geteuid() != 0)))
         return false;
     return ve_fs_touch(path) >= 0;
 }
@@ -195,7 +199,7 @@ int process_record(const char *name, command_args args)
         return -1;
     }
     if (!create_record_file(file)) {
-        ve_printf("%s: can't create record file %s.\n", name, file);
+        ve_printf("%s: can't create record file %s.\n", name, ve_visible(file).c_str());
         return -1;
     }
     record_start(file);

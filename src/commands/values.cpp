@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "base/json_ref.h"
+#include "base/json_write.h"
 #include "commands/handler.h"
 #include "commands/place.h"
 #include "event/request.h"
@@ -55,15 +56,15 @@ void print_list(const ve_parameters &list, const std::string &query)
         text = name_below(*entry.name, query);
         if (text.empty()) // a single parameter was asked for
             text = dm_path::last_of(query);
-        const std::string shown = ve_visible(text);
-        ve_out_write(shown.data(), shown.size());
+        ve_out_visible(text);
         const size_t taken = ve_rl_width(text);
         text.assign(width > taken ? width - taken : 0, ' ').append(" = ");
         ve_out_write(text.data(), text.size());
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
         text.clear();
         entry.value.append_to(&text);
-        ve_puts(ve_visible(text).c_str());
+        ve_out_visible(text);
+        ve_puts("");
         ve_colors_reset();
         if (ve_out_relieve() < 0)
             break;
@@ -75,7 +76,7 @@ int print_values(const char *name, const char *path_text, bool tree)
 {
     cdpath place = cdpath_here();
     if (!place_go(&place, path_text)) {
-        ve_printf("%s: %s: no such node.\n", name, place_sought(path_text).c_str());
+        ve_printf("%s: %s: no such node.\n", name, ve_visible(place_sought(path_text)).c_str());
         return -1;
     }
     std::string query;
@@ -95,9 +96,8 @@ int print_values(const char *name, const char *path_text, bool tree)
         return -1;
     }
     if (tree)
-        values_tree(ve_jrpcmsg_parameters(message.get()), query);
-    else
-        print_list(ve_jrpcmsg_parameters(message.get()), query);
+        return values_tree(ve_jrpcmsg_parameters(message.get()), query);
+    print_list(ve_jrpcmsg_parameters(message.get()), query);
     return 0;
 }
 
@@ -116,18 +116,18 @@ json_t *typed_value(const char *name, const char *path, const char *text, std::s
 {
     cdpath place = cdpath_here();
     if (!place_go(&place, path)) {
-        ve_printf("%s: %s: no such node.\n", name, path);
+        ve_printf("%s: %s: no such node.\n", name, ve_visible(path).c_str());
         return nullptr;
     }
     const json_ref attributes = place.node->description();
     const json_t *standard = json_object_get(attributes.get(), "default");
     if (place.node->is_object() || standard == nullptr) {
-        ve_printf("%s: %s: is an object or doesn't have default value.\n", name, path);
+        ve_printf("%s: %s: is an object or doesn't have default value.\n", name, ve_visible(path).c_str());
         return nullptr;
     }
     json_t *value = json_load_uservalue(text, json_typeof(standard));
     if (value == nullptr)
-        ve_printf("%s: %s: invalid value %s.\n", name, path, text);
+        ve_printf("%s: %s: invalid value %s.\n", name, ve_visible(path).c_str(), ve_visible(text).c_str());
     *parameter = place.path.text();
     return value;
 }
@@ -137,7 +137,9 @@ void print_error(int code, const char *title, const char *text)
     ve_colors_set(1);
     ve_printf("[%d] %s", code, ve_visible(title).c_str());
     ve_colors_reset();
-    ve_printf(": %s\n", ve_visible(text).c_str());
+    ve_out_write(": ", 2);
+    ve_out_visible(text);
+    ve_puts("");
 }
 
 } // namespace
@@ -164,7 +166,10 @@ void print_status(const ve_jrpcmsg *message)
     json_t *value;
     json_object_foreach(data, key, value)
     {
-        ve_printf("%s: %s\n", ve_visible(key).c_str(), ve_visible(json_compact(value)).c_str());
+        ve_out_visible(key);
+        ve_out_write(": ", 2);
+        json_write_pieces(value, 0, [](std::string_view piece) { return ve_out_visible(piece) == 0; });
+        ve_puts("");
         if (ve_out_relieve() < 0)
             break;
     }
@@ -186,12 +191,12 @@ int process_set(const char *name, command_args args)
     for (const std::string &word : args) {
         const size_t equals = word.rfind('=');
         if (equals == std::string::npos) {
-            ve_printf("%s: %s: no value.\n", name, word.c_str());
+            ve_printf("%s: %s: no value.\n", name, ve_visible(word).c_str());
             continue;
         }
         const std::string path = word.substr(0, equals);
         const char *text = word.c_str() + equals + 1;
-        ve_printf("key = %s, value = %s\n", path.c_str(), text);
+        ve_printf("key = %s, value = %s\n", ve_visible(path).c_str(), ve_visible(text).c_str());
         std::string parameter(path);
         json_t *value;
         if (place_scheme_loaded())

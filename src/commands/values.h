@@ -16,5 +16,6 @@ int process_set(const char *name, command_args args);
 void print_status(const ve_jrpcmsg *message);
 /// Prints that the daemon has denied what was asked for, with its words.
 void print_denied(const std::string &words);
-/// Prints the values as a tree whose root is named `path`; names are shown without it. A wait point.
-void values_tree(ve_parameters list, std::string_view path);
+/// Prints the values as a tree whose root is named `path`; names are shown without it. Returns 0, or -1 with a message
+/// when the tree would take too much memory. A wait point.
+int values_tree(ve_parameters list, std::string_view path);

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "commands/values.h"
+#include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 #include "utils/tree_print.h"
 
@@ -11,6 +12,9 @@ namespace
 
 // What stands deeper stays together as one name.
 constexpr size_t depth_max = 512;
+// What a peer may cost: so many bytes, and so many more for each byte of a list.
+constexpr size_t cost_allowed = size_t{16} << 20;
+constexpr size_t cost_factor = 8;
 
 /// Takes the next component off; empty ones vanish.
 bool next(std::string_view *rest, size_t depth, std::string_view *component)
@@ -45,8 +49,9 @@ drawn_tree::node walk(drawn_tree *tree, std::vector<drawn_tree::node> *way, std:
 
 } // namespace
 
-void values_tree(ve_parameters list, std::string_view path)
+int values_tree(ve_parameters list, std::string_view path)
 {
+    const size_t allowed = cost_allowed + list.size() * cost_factor;
     drawn_tree tree(path);
     std::vector<drawn_tree::node> way{drawn_tree::root};
     ve_wait_loop loop;
@@ -56,9 +61,14 @@ void values_tree(ve_parameters list, std::string_view path)
         std::string_view name = entry.name->substr(0, entry.name->find('\0'));
         if (name.starts_with(path))
             name.remove_prefix(path.size());
+        if (tree.cost() > allowed) {
+            ve_puts("The daemon's answer would take too much memory.");
+            return -1;
+        }
         const drawn_tree::node node = walk(&tree, &way, name);
         if (entry.value)
             tree.set_value(node, entry.value);
     }
     tree.draw();
+    return 0;
 }

@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
@@ -27,6 +26,8 @@ namespace
 {
 
 constexpr size_t event_instance_changed = 4;
+// What is shorter is written in one piece.
+constexpr size_t event_piece_size = size_t{64} << 10;
 
 struct {
     std::atomic<int> running{1};
@@ -42,16 +43,22 @@ struct {
 
 void print_event(const ve_jrpcmsg *event)
 {
-    char header[64];
-    snprintf(header, sizeof header, "\nEVENT %zu:\n", ve_jrpcmsg_event_id(event));
-    std::string text = header;
-    if (const json_t *value = ve_jrpcmsg_event_value(event))
-        text += json_written(value, JSON_INDENT(4)) + "\n";
-    if (isatty(STDOUT_FILENO) != 0)
-        text = visible(text, "\t\n");
+    std::string text = "\nEVENT " + std::to_string(ve_jrpcmsg_event_id(event)) + ":\n";
+    const bool escaped = isatty(STDOUT_FILENO) != 0;
+    const json_t *const value = ve_jrpcmsg_event_value(event);
     const std::scoped_lock lock(listener.aside_lock);
     ve_rl_write_control_char(listener.pipe_fds[1], ve_rl_hide);
-    ve_out_direct(text.data(), text.size());
+    ve_out_direct_pieces([&](const auto &put) {
+        const auto add = [&](std::string_view piece) {
+            if (text.size() > event_piece_size && !put(std::exchange(text, {})))
+                return false;
+            text += escaped ? visible(piece, "\t\n") : std::string(piece);
+            return true;
+        };
+        if (value != nullptr)
+            json_write_pieces(value, JSON_INDENT(4), add);
+        put(value != nullptr ? text + "\n" : text);
+    });
     ve_rl_write_control_char(listener.pipe_fds[1], ve_rl_show);
 }
 

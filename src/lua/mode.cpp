@@ -62,7 +62,7 @@ void finish_statement(lua_State *L, std::string &statement, unsigned first, bool
     prompt_set_incompleted(0);
     prompt_update_postfix(compiled ? "lua" : "lua(fail)");
     if (isspace(static_cast<unsigned char>(statement[0])) != 0) {
-        ve_puts(statement.c_str());
+        ve_puts(ve_visible_lines(statement).c_str());
     } else {
         console.history.add(statement);
         if (compiled && !kest_lua_failed())
@@ -175,7 +175,7 @@ int process_lua(const char *, command_args args)
     std::string text;
     for (const std::string &word : args)
         text.append(word).append(" ");
-    ve_puts(text.c_str());
+    ve_puts(ve_visible_lines(text).c_str());
     ve_out_flush();
     const lua_client client(leave_shell, is_running);
     if (!client)

@@ -45,7 +45,7 @@ int run_lua_script(const char *path, command_args params)
     }
     std::string text;
     if (!read_script(path, &text)) {
-        ve_printf("Cannot open script file %s\n", path != nullptr ? path : "(null)");
+        ve_printf("Cannot open script file %s\n", path != nullptr ? ve_visible(path).c_str() : "(null)");
         return -1;
     }
     strip_interpreter(&text);

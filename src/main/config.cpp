@@ -72,7 +72,7 @@ fd_owner open_config(const char *path, bool asked_for)
     if (reason == nullptr)
         return file;
     if (*reason != '\0')
-        fprintf(stderr, "%s: %s\n", path, reason);
+        fprintf(stderr, "%s: %s\n", ve_visible_error(path).c_str(), reason);
     return {};
 }
 
@@ -92,8 +92,10 @@ void run_config(const char *path)
     ve_out_flush();
     const fd_owner kept{fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)};
     const fd_owner hidden{open("/dev/null", O_WRONLY | O_CLOEXEC)};
-    if (!kept || !hidden)
+    if (!kept || !hidden) {
+        fprintf(stderr, "%s: not run: %s\n", ve_visible_error(path).c_str(), strerror(errno));
         return;
+    }
     dup2(hidden.get(), STDOUT_FILENO);
     ve_out_reopened();
     running = path;

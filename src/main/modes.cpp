@@ -1,9 +1,9 @@
 #include "main/modes.h"
 
 #include <csignal>
-#include <cstdlib>
 
 #include "base/json_ref.h"
+#include "base/json_write.h"
 #include "event/groups.h"
 #include "event/listener.h"
 #include "event/request.h"
@@ -27,10 +27,10 @@ json_t *decode_argument(command_args params)
 /// "<< " and the value over several lines.
 void print_answer(const json_t *answer)
 {
-    char *text = json_dumps(answer, JSON_INDENT(4) | JSON_ENCODE_ANY);
     ve_out_write("<< ", 3);
-    ve_puts(ve_visible_lines(text).c_str());
-    free(text);
+    json_write_pieces(answer, JSON_INDENT(4),
+                      [](std::string_view piece) { return ve_out_visible(piece, "\t\n") == 0; });
+    ve_puts("");
 }
 
 void act_stop(int)

@@ -64,7 +64,7 @@ bool run_builtin(const std::string &line, std::string_view word)
 int refuse(const char *path, size_t number)
 {
     ve_out_flush();
-    fprintf(stderr, "%s: line %zu is not text.\n", path, number);
+    fprintf(stderr, "%s: line %zu is not text.\n", ve_visible_error(path).c_str(), number);
     return -1;
 }
 
@@ -94,7 +94,7 @@ int run_script(const char *path, int flags)
 int run_script(ve_input reader, const char *path, int flags)
 {
     if (!reader.is_open()) {
-        ve_printf("Cannot open script file %s\n", path != nullptr ? path : "(null)");
+        ve_printf("Cannot open script file %s\n", path != nullptr ? ve_visible(path).c_str() : "(null)");
         return -1;
     }
     std::string line;
@@ -115,6 +115,8 @@ int run_script(ve_input reader, const char *path, int flags)
             pending += line;
             is_pending = true;
         }
+        if (pending.size() > ve_input::size_max)
+            break;
         if (!complete)
             continue;
         const std::string &text = is_pending ? pending : line;
@@ -125,11 +127,11 @@ int run_script(ve_input reader, const char *path, int flags)
         pending.clear();
         is_pending = false;
     }
-    if (reader.error() == EMSGSIZE) {
-        fprintf(stderr, "%s: line %zu is too long.\n", path, number);
+    if (reader.error() == EMSGSIZE || pending.size() > ve_input::size_max) {
+        fprintf(stderr, "%s: line %zu is too long.\n", ve_visible_error(path).c_str(), number);
         result = -1;
     } else if (reader.error() != 0) {
-        fprintf(stderr, "%s: the script cannot be read to its end.\n", path);
+        fprintf(stderr, "%s: the script cannot be read to its end.\n", ve_visible_error(path).c_str());
         result = -1;
     }
     return result;

@@ -11,8 +11,9 @@
 /// Whether `text` is one JSON value, scalars too: UTF-8, texts with "\u0000" (but no names), integers of 64 bits, reals
 /// that are finite, at most 2048 levels.
 bool json_text_check(std::string_view text);
-/// Whether a text, JSON or not, would take too much memory as a Jansson value: more than eight times its own size, and
-/// more than 16 MiB. So many values can stand in a line only by malice.
+/// Whether a text, JSON or not, would take too much memory as a Jansson value, or as a text of several lines made of
+/// it: more than eight times its own size, and more than 16 MiB. So many values can stand in a line, or so deep, only
+/// by malice.
 bool json_text_is_bloated(std::string_view text);
 
 /// One value of a checked text, borrowed from it; or none.
@@ -77,13 +78,19 @@ struct ve_parameter {
 class ve_parameters
 {
 public:
-    explicit ve_parameters(json_piece list) : elements_(list.is_array() ? list : json_piece()) {}
+    explicit ve_parameters(json_piece list)
+        : size_(list.text().size()), elements_(list.is_array() ? list : json_piece())
+    {
+    }
+    /// The bytes that the whole list is written in.
+    size_t size() const { return size_; }
     /// Whether no entry is left.
     bool empty() const { return !json_walk(elements_).next(); }
     /// The next entry, an empty one for an element that is no object; false at the end. The name before is gone then.
     bool next(ve_parameter *entry);
 
 private:
+    size_t size_;
     json_walk elements_;
     std::string room_;
 };

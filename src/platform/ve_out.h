@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -15,6 +16,9 @@ void ve_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void ve_puts(const char *text);
 /// Dropped while Ctrl-C is noted (ve_wait_interrupted), as what the functions above print is.
 void ve_out_write(const char *data, size_t size);
+/// The same for `text` as ve_visible() has it, its characters in `kept` as they are, however long it is: not all of it
+/// is held at a time. Returns as ve_out_relieve() does. A wait point.
+int ve_out_visible(std::string_view text, std::string_view kept = {});
 /// Writes out what is buffered. Returns 0, or -1 when the output is gone or Ctrl-C came (what was buffered is then
 /// dropped). A wait point.
 int ve_out_flush();
@@ -57,6 +61,8 @@ bool ve_out_take_row_unknown();
 
 /// Any thread: writes `data` to descriptor 1 at once and whole, between two flushed pieces of the buffered output.
 void ve_out_direct(const char *data, size_t size);
+/// The same for what `write` gives to `put` piece by piece; that returns false when nobody takes any more.
+void ve_out_direct_pieces(const std::function<void(const std::function<bool(std::string_view)> &put)> &write);
 /// The same for whole lines: they begin a row of their own, whatever stands unfinished on the current one.
 void ve_out_direct_rows(const char *data, size_t size);
 /// From now on both leave what nobody reads. Any thread.

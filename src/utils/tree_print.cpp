@@ -116,8 +116,7 @@ void drawn_tree::draw_line(std::string *row, node of, size_t name_width) const
         ve_colors_set_hsv2(kest_colorscheme_get().autocomplete);
         row->clear();
         drawn.value.append_to(row);
-        const std::string shown = ve_visible(*row);
-        ve_out_write(shown.data(), shown.size());
+        ve_out_visible(*row);
         ve_colors_reset();
         row->clear();
     }

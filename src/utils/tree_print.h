@@ -21,6 +21,8 @@ public:
     /// The child `name` (copied) of `parent`, made where it is missing; costs the same however many there are.
     node child(node parent, std::string_view name);
     std::string_view name(node of) const { return {&names_[nodes_[of].name], nodes_[of].name_size}; }
+    /// The bytes that it takes, by and large.
+    size_t cost() const { return nodes_.size() * item_cost + names_.size(); }
     void set_multi(node of) { nodes_[of].multi = true; }
     /// The value's text must outlive the tree.
     void set_value(node of, json_piece value) { nodes_[of].value = value; }
@@ -28,6 +30,9 @@ public:
     void draw() const;
 
 private:
+    // With room to grow, its place among its neighbours, and one in the index.
+    static constexpr size_t item_cost = 128;
+
     struct item {
         uint32_t name; // in names_, with a NUL behind it
         uint32_t name_size;

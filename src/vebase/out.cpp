@@ -1,3 +1,4 @@
+#include "base/utf8.h"
 #include "base/visible.h"
 #include "platform/ve_out.h"
 
@@ -70,6 +71,7 @@ public:
     /// Writes `data` whole: text that becomes part of the row, a drawing that leaves the row what it was, or whole
     /// rows.
     void write_now(std::string_view data, row how);
+    void write_pieces(const std::function<void(const std::function<bool(std::string_view)> &)> &write);
     /// Text that reached the same terminal by another way.
     ssize_t write_error(std::string_view data);
     size_t count();
@@ -201,6 +203,17 @@ void terminal_output::write_now(std::string_view data, row how)
         note(data);
 }
 
+void terminal_output::write_pieces(const std::function<void(const std::function<bool(std::string_view)> &)> &write)
+{
+    const std::scoped_lock lock(lock_);
+    write([this](std::string_view piece) {
+        if (!write_whole(piece))
+            return false;
+        note(piece);
+        return true;
+    });
+}
+
 ssize_t terminal_output::write_error(std::string_view data)
 {
     const std::scoped_lock lock(lock_);
@@ -296,6 +309,20 @@ void ve_out_write(const char *data, size_t size)
     output.append(data, size);
 }
 
+int ve_out_visible(std::string_view text, std::string_view kept)
+{
+    constexpr size_t part_size = size_t{16} << 10;
+    while (!text.empty()) {
+        const std::string_view part = text.substr(0, utf8_cut(text, part_size));
+        text.remove_prefix(part.size());
+        const std::string shown = ve_out_is_terminal() ? visible(part, kept) : std::string(part);
+        ve_out_write(shown.data(), shown.size());
+        if (ve_out_relieve() < 0)
+            return -1;
+    }
+    return 0;
+}
+
 int ve_out_relieve()
 {
     return output.relieve();
@@ -363,6 +390,11 @@ bool ve_out_mid_line()
 void ve_out_direct(const char *data, size_t size)
 {
     output.write_now({data, size}, terminal_output::row::written);
+}
+
+void ve_out_direct_pieces(const std::function<void(const std::function<bool(std::string_view)> &put)> &write)
+{
+    output.write_pieces(write);
 }
 
 void ve_out_direct_rows(const char *data, size_t size)

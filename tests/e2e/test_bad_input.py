@@ -341,6 +341,18 @@ def test_a_script_of_one_line_of_ten_megabytes(kest, fake, tmp_path):
     assert kest("-s", "many", to=fake, timeout=30).out.count("\n") == 100
 
 
+@pytest.mark.load
+def test_a_line_that_never_ends_is_no_line(kest, fake, tmp_path):
+    (tmp_path / "joined").write_text(("x" * (33 << 20) + "\\\n") * 2 + "save\n")
+    run = kest("-s", "joined", to=fake, timeout=30)
+    assert (run.out, run.err, run.status) == ("", "joined: line 2 is too long.\n", 255)
+    (tmp_path / "typed").write_bytes(b"x" * (65 << 20) + b"\nsave\n")
+    with (tmp_path / "typed").open() as typed:
+        run = kest(to=fake, stdin=typed.fileno(), timeout=30)
+    assert (run.err, run.status) == ("kest: cannot read standard input: Message too long\n", 255)
+    assert "SaveConfig" not in fake.methods()
+
+
 # Terminals
 
 
@@ -447,9 +459,9 @@ def cramped(sandbox, fake):
     if SANITIZED:
         pytest.skip("the sanitizers need more themselves")
 
-    def run(*words, limit="-s 128"):
+    def run(*words, limit="-s 128", stdin=None):
         command = f'ulimit {limit}; exec {settings.KEST} -u {fake.address} "$@"'
-        return Program(["/bin/sh", "-c", command, "sh", *words], sandbox.environment(), sandbox.work)
+        return Program(["/bin/sh", "-c", command, "sh", *words], sandbox.environment(), sandbox.work, stdin)
 
     return run
 
@@ -504,11 +516,70 @@ def test_a_line_costs_no_more_than_it_may(cramped, fake, words, said):
     assert said in run.out
 
 
-def test_an_event_costs_no_more_than_it_may(cramped, fake):
-    run = cramped("-l", "-g", "12", limit=MEMORY)
+# Written over several lines this takes 800 MB, nearly all of them blanks.
+DEEP_AND_WIDE = b"[" * 2000 + b"1" + b",1" * 100_000 + b"]" * 2000
+FEW = f"-d {32 * 1024}"  # KiB, and a thread's stack is 8 MiB of it
+
+
+@pytest.mark.parametrize("value, limit", [(BLOATED, MEMORY), (DEEP_AND_WIDE, FEW)], ids=["many", "deep"])
+def test_an_event_costs_no_more_than_it_may(cramped, fake, value, limit):
+    run = cramped("-l", "-g", "12", limit=limit)
     for connection in fake.wait_for(lambda fake: fake.receivers()):
-        connection.send_raw(b'{"method":"Event","params":{"Id":12,"Value":%b}}\n' % BLOATED)
+        connection.send_raw(b'{"method":"Event","params":{"Id":12,"Value":%b}}\n' % value)
     assert run.finish().out == "Connection dropped\n"
+
+
+@pytest.mark.parametrize("words, said", [
+    (("--raw", '{"id":7,"method":"GetParameterValues"}'), "would take too much memory"),
+    (("-r", "attr", "Device.A"), "Canonical path:     :Device.A\n"),
+], ids=["raw", "attr"])
+def test_a_deep_and_wide_answer_costs_no_more_than_it_may(cramped, fake, words, said):
+    listed = b'{"id":%d,"result":{"ParameterList":[{"Name":"Device.A",%b:%b}]}}\n'
+    fake.on("GetParameterValues", lambda request: Raw(listed % (request.id, b'"Value"', DEEP_AND_WIDE)))
+    attributes = b'{"type":"string","access":"readOnly","default":%b}' % DEEP_AND_WIDE
+    fake.on("GetParameterAttributes", lambda request: Raw(listed % (request.id, b'"Attributes"', attributes)))
+    run = cramped(*words, limit=FEW).finish()
+    assert said in run.out
+    assert run.status >= 0
+
+
+@pytest.mark.parametrize("entry", [
+    b'{"Name":"%d.' + b"a." * 100 + b'b","Value":1}',  # a hundred nodes in 200 bytes
+    b'{"Name":"%d.","Template":[{"Name":"a."}]}',
+    b'{"Name":"%d","Attributes":{"x":[' + b"{}," * 200_000 + b'{}]}}',
+], ids=["names", "patterns", "attributes"])
+def test_a_list_costs_no_more_than_it_may(cramped, fake, tmp_path, entry):
+    listed = b",".join(entry % number for number in range((2 << 20) // len(entry)))
+    for method in ("GetParameterAttributes", "GetParameterValues"):
+        fake.on(method, lambda request: Raw(b'{"id":%d,"result":{"ParameterList":[%b]}}\n' % (request.id, listed)))
+    (tmp_path / "login.conf").write_text("login\n")
+    limit = f"-d {8 * len(listed) // 1024 + 24 * 1024}"
+    run = cramped("-c", "login.conf", "-r", "ls", limit=limit).finish()
+    assert run.status == 0, run.report()
+    fake.on("GetParameterAttributes", {"ParameterList": [{"Name": "Device.", "Attributes": {"type": "object"}}]})
+    run = cramped(limit=limit, stdin="catree Device.\npwd\n").finish()
+    assert run.out.endswith("\n:\n"), run.report()
+
+
+@pytest.mark.parametrize("script", ["dm.wait(77, 1)", "dm.wait(13, 0) dm.wait(77, 0)"], ids=["before the answer", "of other groups"])
+def test_events_that_wait_cost_no_more_than_they_may(cramped, fake, script):
+    flood = (b'{"method":"Event","params":{"Id":13,"Value":"%b"}}\n' % (b"x" * (1 << 20))) * 60
+    fake.on("JoinGroup", lambda request: Raw((flood if request.params["Group"] == 77 else b"")
+                                             + b'{"id":%d,"result":{}}\n' % request.id))
+    run = cramped("-r", "lua", script + " print('went on')", limit=f"-d {44 * 1024}").finish()
+    assert run.out.endswith("\nwent on\n"), run.report()
+
+
+def test_a_value_that_is_escaped_costs_no_more_than_it_may(sandbox, fake):
+    value = b"\x7f" * (3 << 20)
+    fake.on("GetParameterValues", lambda request: Raw(
+        b'{"id":%d,"result":{"ParameterList":[{"Name":"Device.A","Value":"%b"}]}}\n' % (request.id, value)))
+    command = f"ulimit -d {8 * len(value) // 1024 + 16 * 1024}; exec {settings.KEST} -u {fake.address} -r get Device.A"
+    shown = sandbox.work / "shown"
+    with shown.open("wb") as out:
+        run = Program(["/usr/bin/script", "-qec", command, "/dev/null"], sandbox.environment(), sandbox.work, stdout=out).finish()
+    assert run.status == 0, run.report()
+    assert shown.read_bytes().count(b"\\x7f") == len(value)
 
 
 # What reaches a terminal by the other stream
@@ -522,6 +593,45 @@ def test_errors_on_a_terminal_are_escaped_though_the_output_goes_elsewhere(termi
     term.wait_for("hostile")
     term.type("q\rq\r")
     assert b"\x1b[31mhostile" not in term.raw and b"\x02 hostile" not in term.raw.replace(line.encode(), b"")
+
+
+HOSTILE = "Device.x\x1b[31mhostile\u202e"
+
+
+def test_what_was_pasted_is_escaped_in_what_is_said_of_it(shell, fake):
+    fake.serve({"Device.": {}, "Device.A": 1})
+    term = shell(to=fake)
+    pasted = f"\x1b[200~{HOSTILE}\x1b[201~"
+    for line in ("set %s=1", "set %s", "cat %s.", "cd %s.", "ls %s. %s.", "tree %s.", "add %s.", "add Device.A %s", "del %s.",
+                 "execute %s", "attr %s. %s.", "%s", "record /none/%s", "lua --%s", "set !-1 %s"):
+        before = len(term.raw)
+        term.type(line.replace("%s", pasted) + Key.ENTER + "cat Device.A" + Key.ENTER)
+        term.wait_for(lambda term: b"A = " in term.raw[before:])
+        shown = bytes(term.raw[before:])
+        assert b"hostile" in shown and b"\x1b[31mhostile" not in shown and "\u202e".encode() not in shown, line
+    before = len(term.raw)
+    term.type(f"login {pasted}" + Key.ENTER)
+    term.wait_for("password for Device.x\\x1b[31mhostile\\u202e:")
+    term.type(Key.CTRL_C)
+    term.wait_for(lambda term: term.at_prompt("kest:> "))
+
+
+def test_names_that_were_completed_are_escaped_in_what_is_said_of_them(shell, fake):
+    fake.serve({"Device.": {}, "Device.A": 1, HOSTILE: 1})
+    term = shell(to=fake)
+    before = len(term.raw)
+    term.type("set Device.x" + Key.TAB + "=2" + Key.ENTER)
+    term.wait_for("Status: OK")
+    shown = bytes(term.raw[before:])
+    assert b"key = Device.x" in shown and b"\x1b[31mhostile" not in shown and "\u202e".encode() not in shown
+
+
+@pytest.mark.parametrize("limit", range(5, 11))
+def test_a_configuration_that_lacks_descriptors_is_not_passed_over_in_silence(cramped, fake, tmp_path, limit):
+    (tmp_path / "good").write_text("save\n")
+    fake.on("SaveConfig", {})
+    run = cramped("-c", "good", "-r", "get", "Device.A", limit=f"-n {limit}").finish()
+    assert "SaveConfig" in fake.methods() or "Too many open files\n" in run.err
 
 
 def test_memory_that_is_out_ends_the_program_with_its_text(cramped, fake, tmp_path):

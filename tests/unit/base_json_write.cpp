@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "base/json_ref.h"
+#include "base/utf8.h"
 
 namespace
 {
@@ -15,6 +16,26 @@ TEST(JsonWrite, WritesAnyValueInTheLayoutAskedFor)
     EXPECT_EQ(json_written(json_object_get(value.get(), "a"), JSON_INDENT(1)), "[\n 1,\n true\n]");
     EXPECT_EQ(json_written(json_object_get(value.get(), "b"), 0), "\"\xc3\xa9\\n\"");
     EXPECT_EQ(json_written(nullptr, 0), "");
+}
+
+TEST(JsonWrite, PiecesAreTheSameTextAndEndBetweenCharacters)
+{
+    std::string odd = "x";
+    for (int i = 0; i < 20000; ++i)
+        odd += "\xf0\x9f\x98\x80";
+    const json_ref value{json_pack("[s,s,[i]]", odd.c_str(), "", 1)};
+    std::string text;
+    size_t pieces = 0;
+    json_write_pieces(value.get(), JSON_INDENT(2), [&](std::string_view piece) {
+        EXPECT_TRUE(utf8_valid(piece));
+        text += piece;
+        return ++pieces > 0;
+    });
+    EXPECT_EQ(text, json_written(value.get(), JSON_INDENT(2)));
+    EXPECT_GT(pieces, 3U);
+    size_t calls = 0;
+    json_write_pieces(value.get(), 0, [&](std::string_view) { return ++calls < 2; });
+    EXPECT_EQ(calls, 2U);
 }
 
 TEST(JsonWrite, ATextWrittenDirectlyReadsBackAsItWas)

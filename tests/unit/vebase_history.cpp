@@ -319,8 +319,13 @@ TEST_F(history, a_script_follows_a_symbolic_link)
 {
     put("real", "");
     ASSERT_EQ(symlink(path("real").c_str(), path("link").c_str()), 0);
+    ASSERT_EQ(chmod(path("real").c_str(), 0644), 0);
     EXPECT_EQ(ve_history_write_script(path("link").c_str(), "one\n"), 0);
     EXPECT_EQ(get("real"), "one\n");
+    // Nobody else can read there what stands in it now.
+    struct stat info;
+    ASSERT_EQ(stat(path("real").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600U);
 }
 
 TEST_F(history, ten_times_the_entries_cost_ten_times_the_work)

@@ -35,10 +35,22 @@ const char *refusal(const struct stat &info)
     return info.st_size > size_max ? "too large" : nullptr;
 }
 
+/// Takes a file's rights away from all but its owner, who is this user, or anybody for root. False with errno.
+bool make_private(int file)
+{
+    struct stat info;
+    if (fstat(file, &info) < 0)
+        return false;
+    if (S_ISREG(info.st_mode) && (info.st_uid == geteuid() || geteuid() == 0))
+        return fchmod(file, info.st_mode & 0700) == 0;
+    errno = EPERM;
+    return false;
+}
+
 bool write_in_place(const char *path, std::string_view content)
 {
-    fd_owner file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
-    if (file.get() < 0)
+    fd_owner file(open(path, O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600));
+    if (file.get() < 0 || !make_private(file.get()) || ftruncate(file.get(), 0) < 0)
         return false;
     if (write_all(file.get(), content) && file.reset() == 0)
         return true;

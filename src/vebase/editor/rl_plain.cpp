@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/framing.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
@@ -183,6 +184,12 @@ rl_outcome rl_plain_line(const char *prompt, int64_t deadline, std::string &line
         append(data, static_cast<size_t>(count));
         if (take_line(line, searched))
             return rl_outcome::line;
+        // No request could be made of it.
+        if (partial.size() > wire_line_max) {
+            rl_note_input_error(EMSGSIZE);
+            partial = {};
+            return rl_outcome::end;
+        }
     }
 }
 

@@ -21,6 +21,7 @@ constexpr int blind_wait_ms = 100;
 constexpr int code_too_large = 9004;
 // Events kept while an exchange waits; a flood of them must not fill the memory.
 constexpr size_t early_max = 1024;
+constexpr size_t early_size_max = size_t{16} << 20;
 constexpr size_t long_line = size_t{4} << 20;
 
 /// Ends an exchange without an answer. Always returns -1.
@@ -68,6 +69,16 @@ taken take_object(ve_jrpcapi *ctx, json_ref *object)
     return *object ? taken::found : taken::garbage;
 }
 
+/// Keeps an event for the receives on a link that reads them.
+void keep_early(ve_jrpcapi *ctx, std::string_view event)
+{
+    if ((ctx->flags & ve_jrpcapi_flag_events) == 0 || ctx->early.size() >= early_max ||
+        ctx->early_size + event.size() > early_size_max)
+        return;
+    ctx->early.emplace_back(event);
+    ctx->early_size += event.size();
+}
+
 /// Looks for the answer to `message` among what came in. Events are kept for the receives on a link that reads them;
 /// what is nobody's is dropped.
 taken take_answer(ve_jrpcapi *ctx, ve_jrpcmsg *message)
@@ -90,8 +101,7 @@ taken take_answer(ve_jrpcapi *ctx, ve_jrpcmsg *message)
         }
         const ve_jrpc_parts parts(object);
         if (parts.method) {
-            if ((ctx->flags & ve_jrpcapi_flag_events) != 0 && ctx->early.size() < early_max)
-                ctx->early.emplace_back(object.load());
+            keep_early(ctx, object.text());
         } else if (message != nullptr && ve_jrpcmsg_is_answered_by(message, parts)) {
             const char *const place = line.data();
             wire_memory memory = ctx->reader.release(&line);
@@ -135,7 +145,8 @@ ve_jrpcmsg *take_message(ve_jrpcapi *ctx, bool *broken)
     for (;;) {
         json_ref object;
         if (!ctx->early.empty()) {
-            object = std::move(ctx->early.front());
+            object.reset(json_piece(ctx->early.front()).load());
+            ctx->early_size -= ctx->early.front().size();
             ctx->early.pop_front();
         } else if (const taken got = take_object(ctx, &object); got != taken::found) {
             *broken = got == taken::garbage;

@@ -282,6 +282,7 @@ void ve_jrpcapi_disconnect(ve_jrpcapi *ctx)
     ctx->queue = {};
     ctx->reader.clear();
     ctx->early.clear();
+    ctx->early_size = 0;
 }
 
 const char *ve_jrpcapi_destination(const ve_jrpcapi *ctx)

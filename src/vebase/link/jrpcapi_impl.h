@@ -43,11 +43,12 @@ struct ve_jrpcapi {
 
     std::mutex lock;
     ve_socket socket;
-    std::unique_ptr<ve_tls> tls; // under `lock`
-    std::string tls_out;         // records not yet sent, under `lock`
-    ve_jrpcapi_queue queue;      // under `lock`
-    wire_reader reader;          // the receiving thread's
-    std::deque<json_ref> early;  // the receiving thread's: events that came before the answer to an exchange
+    std::unique_ptr<ve_tls> tls;   // under `lock`
+    std::string tls_out;           // records not yet sent, under `lock`
+    ve_jrpcapi_queue queue;        // under `lock`
+    wire_reader reader;            // the receiving thread's
+    std::deque<std::string> early; // the receiving thread's: events that came before the answer to an exchange
+    size_t early_size = 0;         // of these, in bytes
 
     // A connect under way.
     std::string host; // the peer's name; "localhost" for a UNIX socket

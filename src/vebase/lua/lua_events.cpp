@@ -5,6 +5,9 @@
 #include <string>
 #include <utility>
 
+#include "base/framing.h"
+#include "base/json_ref.h"
+#include "base/json_write.h"
 #include "platform/ve_lua.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
@@ -14,8 +17,9 @@ namespace
 {
 
 constexpr int join_timeout_ms = 5000;
-/// Events that are kept for a later wait; beyond, the oldest go.
+/// Events that are kept for a later wait, and their bytes; beyond, the oldest go.
 constexpr size_t kept_max = 1024;
+constexpr size_t kept_size_max = size_t{16} << 20;
 constexpr int pause_ms = 50;
 
 bool is_over(int64_t deadline)
@@ -92,20 +96,25 @@ bool ve_lua_events::join_rest(ve_jrpcmsg **failed)
 
 ve_jrpcmsg *ve_lua_events::take_kept(std::span<const uint32_t> groups)
 {
-    const auto wanted = [groups](const msg_ref &event) { return contains(groups, ve_jrpcmsg_event_id(event.get())); };
+    const auto wanted = [groups](const kept_event &event) { return contains(groups, event.id); };
     const auto found = std::find_if(kept_.begin(), kept_.end(), wanted);
     if (found == kept_.end())
         return nullptr;
-    ve_jrpcmsg *event = found->release();
+    const json_ref event(wire_decode(found->text));
+    kept_size_ -= found->text.size();
     kept_.erase(found);
-    return event;
+    return ve_jrpcmsg_parse_json(event.get());
 }
 
-void ve_lua_events::keep(ve_jrpcmsg *event)
+void ve_lua_events::keep(msg_ref event)
 {
-    if (kept_.size() == kept_max)
+    const json_ref json(ve_jrpcmsg_json(event.get()));
+    kept_.push_back({ve_jrpcmsg_event_id(event.get()), json_written(json.get(), JSON_COMPACT)});
+    kept_size_ += kept_.back().text.size();
+    while (kept_.size() > 1 && (kept_.size() > kept_max || kept_size_ > kept_size_max)) {
+        kept_size_ -= kept_.front().text.size();
         kept_.pop_front();
-    kept_.emplace_back(event);
+    }
 }
 
 /// A daemon that takes links only to drop them is not asked without a pause.
@@ -140,8 +149,12 @@ ve_lua_events::outcome ve_lua_events::wait(std::span<const uint32_t> groups, int
             if ((*message = take_kept(groups)) != nullptr)
                 return outcome::event;
             ve_jrpcapi_set_timeout(link_, time_left(deadline));
-            if (ve_jrpcmsg *event = ve_jrpcapi_recv(link_)) {
-                keep(event);
+            if (msg_ref event(ve_jrpcapi_recv(link_)); event) {
+                if (contains(groups, ve_jrpcmsg_event_id(event.get()))) {
+                    *message = event.release();
+                    return outcome::event;
+                }
+                keep(std::move(event));
                 continue;
             }
             if (ve_jrpcapi_get_socket_err(link_) != ve_socket_err_closed)

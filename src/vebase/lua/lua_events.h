@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "platform/ve_jrpcapi.h"
@@ -33,12 +34,18 @@ private:
     bool connect(int64_t deadline, bool (*keeps_on)(), ve_jrpcmsg **failed);
     bool join_rest(ve_jrpcmsg **failed);
     ve_jrpcmsg *take_kept(std::span<const uint32_t> groups);
-    void keep(ve_jrpcmsg *event);
+    void keep(msg_ref event);
     void lose();
 
     ve_jrpcapi *link_;
     bool connected_ = false;
     std::vector<uint32_t> groups_; // that were waited for
     size_t joined_ = 0;            // of these, the first are joined on the link as it is
-    std::deque<msg_ref> kept_;
+    /// For a later wait, as texts: a value takes a multiple of what it is written in.
+    struct kept_event {
+        size_t id;
+        std::string text;
+    };
+    std::deque<kept_event> kept_;
+    size_t kept_size_ = 0; // of their texts
 };
