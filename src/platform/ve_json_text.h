@@ -8,13 +8,11 @@
 #include <string>
 #include <string_view>
 
+#include "base/json_bloat.h"
+
 /// Whether `text` is one JSON value, scalars too: UTF-8, texts with "\u0000" (but no names), integers of 64 bits, reals
 /// that are finite, at most 2048 levels.
 bool json_text_check(std::string_view text);
-/// Whether a text, JSON or not, would take too much memory as a Jansson value, or as a text of several lines made of
-/// it: more than eight times its own size, and more than 16 MiB. So many values can stand in a line, or so deep, only
-/// by malice.
-bool json_text_is_bloated(std::string_view text);
 
 /// One value of a checked text, borrowed from it; or none.
 class json_piece

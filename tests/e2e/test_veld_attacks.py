@@ -168,6 +168,21 @@ def test_one_large_event_ends_no_listener(small):
         assert listener.event() == (20, "small")
 
 
+@pytest.mark.parametrize("value", [b"[" + b"{}," * 100_000 + b"0]", b"[" * 2000 + b"1,1" * 20_000 + b"]" * 2000], ids=["many", "deep"])
+def test_an_event_that_no_client_takes_ends_no_listener(small, kest_start, value):
+    listener = kest_start("-l", "-g", "20", to=small)
+    listener.wait_for(lambda run: run.catches(signal.SIGINT))
+    peer = small.connect()
+    peer.join(20)
+    sender = small.connect()
+    sender.send_raw(b'{"method":"Event","params":{"Id":20,"Value":%b}}\n' % value)
+    sender.send_event(20, "after")
+    assert peer.event() == (20, "after")
+    listener.wait_for('EVENT 20:\n"after"\n')
+    listener.interrupt()
+    assert listener.finish().out == '\nEVENT 20:\n"after"\n'
+
+
 def test_a_large_set_ends_no_listener(veld_start, tmp_path):
     parameters = {f"P{n}": {"type": "int", "access": "readWrite", "default": 0} for n in range(20000)}
     model = Path(tmp_path) / "wide.json"

@@ -1,5 +1,6 @@
 #include "veld/rpc/service.h"
 
+#include "base/json_bloat.h"
 #include "base/json_write.h"
 #include "base/utf8.h"
 #include "veld/base/log.h"
@@ -433,7 +434,10 @@ void event_batch::add(int64_t group, const json_t *value, role least)
         json_write_value(&line, value);
     }
     line += "}}\n";
-    if (line.size() <= wire_line_max + 1)
+    // What no client takes would cost all those who listen their links.
+    if (line.size() > wire_line_max + 1 || json_text_is_bloated(line))
+        LOG_WARNING("an event of group %lld is more than clients take", static_cast<long long>(group));
+    else
         events_.push_back({group, least, std::move(line)});
 }
 
