@@ -1,9 +1,12 @@
 #include "vebase/lua/lua_exchange.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <string>
+#include <string_view>
 
 #include "base/json_write.h"
+#include "base/utf8.h"
 #include "platform/ve_jrpcapi.h"
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
@@ -17,6 +20,8 @@ constexpr char box_type[] = "dm.message";
 constexpr char error_type[] = "dm.error";
 /// Calls of C functions in each other that stand between a binding and the Lua code behind them, at most.
 constexpr int frames_looked_at = 100;
+/// Bytes of an error's text, by and large.
+constexpr size_t shown_max = size_t{64} << 10;
 constexpr char lines_name[] = "dm.error.lines"; // registry: the data of an error → its lines in the error's text
 
 void release(ve_lua_box *box)
@@ -37,6 +42,15 @@ void set_field(lua_State *L, const char *name, const char *text)
     lua_setfield(L, -2, name);
 }
 
+/// Appends the text as it is shown; only the beginning of what nobody reads to its end.
+void append_shown(std::string *out, std::string_view text)
+{
+    const size_t room = shown_max - std::min(out->size(), shown_max);
+    out->append(ve_visible(text.substr(0, utf8_cut(text, room))));
+    if (text.size() > room)
+        out->append("...");
+}
+
 /// Pushes "\nkey: value" of every entry, in the daemon's order, which a Lua table does not keep.
 void push_lines(lua_State *L, json_t *data)
 {
@@ -46,7 +60,12 @@ void push_lines(lua_State *L, json_t *data)
     lines.clear();
     json_object_foreach(data, key, value)
     {
-        lines.append("\n").append(ve_visible(key)).append(": ").append(ve_visible(json_written(value, 0)));
+        lines.append("\n");
+        append_shown(&lines, key);
+        lines.append(": ");
+        append_shown(&lines, json_written(value, 0));
+        if (lines.size() > shown_max)
+            break;
     }
     lua_pushlstring(L, lines.data(), lines.size());
 }
@@ -56,7 +75,8 @@ const char *shown_field(lua_State *L, int index)
 {
     static std::string shown; // not a local: the push may raise
     const char *text = lua_tostring(L, index);
-    shown = text != nullptr ? ve_visible(text) : "?";
+    shown.clear();
+    append_shown(&shown, text != nullptr ? text : "?");
     lua_pushlstring(L, shown.data(), shown.size());
     lua_replace(L, index);
     return lua_tostring(L, index);
