@@ -44,6 +44,7 @@ fd_owner signals()
         sigaddset(&set, number);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN); // a file that may not grow is an error like any
     return fd_owner(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 

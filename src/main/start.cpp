@@ -132,6 +132,7 @@ void connect_units()
 int kest_main(int argc, char **argv)
 {
     ve_wait_init();
+    signal(SIGXFSZ, SIG_IGN); // a file that may not grow is an error like any, and leaves nothing half done
     signal(SIGCHLD, SIG_DFL); // children are waited for, whatever the one who started the program ignores
     ve_log_allocations_are_fatal();
     fill_standard_descriptors();

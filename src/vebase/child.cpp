@@ -32,6 +32,7 @@ public:
         sigset_t defaults;
         sigemptyset(&defaults);
         sigaddset(&defaults, SIGPIPE);
+        sigaddset(&defaults, SIGXFSZ);
         if (quit.sa_handler != SIG_IGN)
             sigaddset(&defaults, SIGQUIT);
         posix_spawnattr_setsigdefault(&attributes_, &defaults);

@@ -610,7 +610,8 @@ def test_what_was_pasted_is_escaped_in_what_is_said_of_it(shell, fake):
                  "execute %s", "attr %s. %s.", "%s", "record /none/%s", "lua --%s", "set !-1 %s"):
         before = len(term.raw)
         term.type(line.replace("%s", pasted) + Key.ENTER + "cat Device.A" + Key.ENTER)
-        term.wait_for(lambda term: b"A = " in term.raw[before:])
+        # Only an editor that reads again shows what is typed by itself.
+        term.wait_for(lambda term: b"A = " in term.raw[before:] and term.at_prompt("kest:> "))
         shown = bytes(term.raw[before:])
         assert b"hostile" in shown and b"\x1b[31mhostile" not in shown and "\u202e".encode() not in shown, line
     before = len(term.raw)
@@ -636,6 +637,17 @@ def test_a_configuration_that_lacks_descriptors_is_not_passed_over_in_silence(cr
     fake.on("SaveConfig", {})
     run = cramped("-c", "good", "-r", "get", "Device.A", limit=f"-n {limit}").finish()
     assert "SaveConfig" in fake.methods() or "Too many open files\n" in run.err
+
+
+def test_files_that_may_not_grow_end_nothing_by_a_signal(sandbox, fake):
+    fake.serve({"Device.": {}, "Device.A": 1})
+    command = f"ulimit -f 1; exec {settings.KEST} -u {fake.address}"
+    typed = "pwd\n" * 200 + "record script\n" + "pwd \n" * 200 + "q\nsh ulimit -f; kill -XFSZ $$; echo still here\nq\n"
+    run = Program(sandbox.wrap(["/bin/sh", "-c", command]), sandbox.environment(), sandbox.work, typed).finish()
+    assert run.status == 0, run.report()
+    assert run.err.count("File too large") == 2 and "still here" not in run.out
+    assert [path.name for path in sandbox.tmp.iterdir()] in ([".kest.hist"], [])
+    assert (sandbox.work / "script").read_text() == ""
 
 
 def test_memory_that_is_out_ends_the_program_with_its_text(cramped, fake, tmp_path):

@@ -2,6 +2,7 @@
 
 import json
 import os
+import resource
 import stat
 import subprocess
 import time
@@ -69,6 +70,20 @@ def test_what_was_saved_survives_a_restart_and_a_kill(small):
     assert values(root(small)) == before
     # A number that was given to an instance since deleted is not given again.
     assert root(small).call("AddObject", ObjectName="Device.Host.")["InstanceNumber"] == 5
+
+
+def test_files_that_may_not_grow_end_no_daemon(small, state):
+    peer = root(small)
+    assert peer.call("SaveConfig") == {"Status": 0}
+    before = (state / "config.json").read_bytes()
+    change_much(peer)
+    most = resource.getrlimit(resource.RLIMIT_FSIZE)[1]
+    resource.prlimit(small.pid, resource.RLIMIT_FSIZE, (100, most))
+    with pytest.raises(WireError, match="File too large"):
+        peer.call("SaveConfig")
+    assert (state / "config.json").read_bytes() == before
+    resource.prlimit(small.pid, resource.RLIMIT_FSIZE, (most, most))
+    assert peer.call("SaveConfig") == {"Status": 0}
 
 
 def test_what_was_not_saved_is_gone_after_a_reboot(small):
