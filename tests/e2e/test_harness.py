@@ -3,6 +3,7 @@
 import json
 import os
 import signal
+import sys
 
 import pytest
 
@@ -29,6 +30,22 @@ def test_a_program_can_be_watched_while_it_runs(sandbox):
     run.wait_for("ready")
     run.signal(signal.SIGINT)
     assert run.finish().out == "ready\nbye\n"
+
+
+def test_programs_start_as_at_login(sandbox):
+    seen = "umask; ulimit -S -s; ulimit -S -c; ulimit -S -f; ulimit -S -t; ulimit -S -n; exec grep -E 'Sig(Blk|Ign)' /proc/self/status"
+    run = Program(["sh", "-c", seen], sandbox.environment(), sandbox.work).finish()
+    *seen, files, blocked, ignored = run.out.splitlines()
+    assert seen == ["0022", "8192", "0", "unlimited", "unlimited"]
+    assert int(files) > 1000
+    assert (blocked.split()[1], ignored.split()[1]) == ("0" * 16, "0" * 16)
+
+
+def test_programs_start_so_however_the_tests_are_started(sandbox):
+    odd = "trap '' HUP QUIT USR1 WINCH; umask 077; ulimit -S -s 900; ulimit -S -f 100; ulimit -S -t 30; ulimit -S -n 80; exec \"$@\""
+    again = [sys.executable, "-m", "pytest", "-q", f"{__file__}::test_programs_start_as_at_login"]
+    run = Program(["sh", "-c", odd, "sh", *again], sandbox.environment({"HOME": os.environ.get("HOME", "/")}), sandbox.work).finish()
+    assert (run.status, run.err) == (0, ""), run.out
 
 
 def test_programs_see_a_tmp_of_their_own(terminal, private_tmp):
