@@ -478,6 +478,16 @@ def test_a_configuration_holds_hashes_or_is_refused(small, tmp_path, password, t
     assert small.connect().call("Login", User="admin", Password="admin") == {}
 
 
+def test_a_configuration_of_millions_of_values_is_refused(small, tmp_path):
+    document = Path(tmp_path) / "config"
+    document.write_bytes(b'{"format":1,"config":{"Device":[' + b"[]," * (2 << 20) + b"0]}}")
+    peer = root(small)
+    error = refused(peer, "Download", FileType="Config", URL=f"file://{document}")
+    assert (error.code, error.message) == (9018, "the configuration has too many values")
+    document.chmod(0o600)
+    assert holds_at_most(small, 128)
+
+
 def test_a_download_tells_nothing_of_a_file_that_others_may_not_read(small, tmp_path):
     secret = Path(tmp_path) / "shadow"
     secret.write_text("root:$y$j9T$secret:19000:0:99999:7:::\n")

@@ -3,6 +3,7 @@
 #include "base/hex.h"
 #include "base/json_write.h"
 #include "veld/base/log.h"
+#include "veld/base/value_size.h"
 
 #include <algorithm>
 #include <cctype>
@@ -234,6 +235,7 @@ fault downloads::transfer::check_md5()
 void downloads::transfer::parse_configuration()
 {
     struct parsing {
+        bool too_many = false;
         json_ref document;
         int line = 0;
     };
@@ -241,11 +243,20 @@ void downloads::transfer::parse_configuration()
     downloads_.reader_.run(
         [file = file_, work] {
             const std::string text = file->content();
+            work->too_many = size_as_values(text) > values_limit;
+            if (work->too_many)
+                return;
             json_error_t where{};
             work->document.reset(json_loadb(text.data(), text.size(), JSON_ALLOW_NUL | JSON_REJECT_DUPLICATES, &where));
             work->line = where.line;
         },
-        [this, work] { take_configuration(std::move(work->document), work->line); });
+        [this, work] {
+            if (!work->too_many)
+                return take_configuration(std::move(work->document), work->line);
+            const char *what =
+                source_->confidential() ? "the configuration does not fit" : "the configuration has too many values";
+            conclude({code::bad_file, what}, {});
+        });
 }
 
 void downloads::transfer::take_configuration(json_ref document, int line)

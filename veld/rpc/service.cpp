@@ -4,6 +4,7 @@
 #include "base/json_write.h"
 #include "base/utf8.h"
 #include "veld/base/log.h"
+#include "veld/base/value_size.h"
 #include "veld/rpc/answer.h"
 #include "veld/rpc/trace.h"
 
@@ -27,63 +28,12 @@ void give_memory_back()
 
 // What is parsed on the spot; anything longer is parsed beside the loop.
 constexpr size_t parsed_at_once = size_t{16} << 10;
-// What one message may take as values: one of all brackets and commas would take a hundred times its length.
-constexpr size_t values_limit = size_t{256} << 20;
 // Memory goes back to the system when so much was taken.
 constexpr size_t worth_giving_back = size_t{1} << 20;
 constexpr size_t links_worth_giving_back = 100;
 constexpr size_t answer_worth_giving_back = size_t{4} << 20;
 constexpr int64_t give_back_after_ms = 1000;
 constexpr size_t name_shown = 256;
-
-// The memory that the values of a message will take, roughly: counted without making them.
-size_t size_as_values(std::string_view line)
-{
-    constexpr size_t object = 240;
-    constexpr size_t array = 128;
-    constexpr size_t entry = 8; // a place in an array
-    constexpr size_t member = 80;
-    constexpr size_t number = 32;
-    constexpr size_t text = 48; // and its bytes
-    size_t size = 0;
-    size_t began = 0;
-    bool in_text = false;
-    bool in_number = false;
-    for (size_t i = 0; i < line.size(); ++i) {
-        const char c = line[i];
-        if (in_text) {
-            if (c == '\\')
-                ++i;
-            in_text = c != '"';
-            size += in_text ? 0 : text + ((i - began + 23) & ~size_t{15});
-            continue;
-        }
-        const bool digit = (c >= '0' && c <= '9') || c == '-';
-        size += digit && !in_number ? number : 0;
-        in_number = digit || (in_number && (c == '.' || c == 'e' || c == 'E' || c == '+'));
-        switch (c) {
-        case '"':
-            in_text = true;
-            began = i;
-            break;
-        case '{':
-            size += object;
-            break;
-        case '[':
-            size += array;
-            break;
-        case ',':
-            size += entry;
-            break;
-        case ':':
-            size += member;
-            break;
-        default:
-            break;
-        }
-    }
-    return size;
-}
 
 constexpr size_t links_limit = 16384;
 constexpr size_t links_kept_for_owners = 32;
