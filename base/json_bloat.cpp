@@ -18,8 +18,10 @@ bool json_text_is_bloated(std::string_view text)
     constexpr size_t array_cost = 120;
     constexpr size_t string_cost = 80; // names, too
     constexpr size_t element_cost = 40;
-    // Written over several lines each element stands behind so many blanks a level.
+    // Written over several lines each element stands behind so many blanks a level. Few levels are usual.
     constexpr size_t indentation_cost = 4;
+    constexpr size_t usual_depth = 8;
+    const auto indentation = [](size_t depth) { return depth > usual_depth ? depth * indentation_cost : 0; };
     const size_t allowed = std::max(bloat_factor * text.size(), bloat_allowed);
     // Nothing costs more than an object, which is two bytes, at the greatest depth.
     if (text.size() / 2 * (object_cost + depth_max * indentation_cost) <= allowed)
@@ -30,7 +32,7 @@ bool json_text_is_bloated(std::string_view text)
         switch (text[at]) {
         case '{':
         case '[':
-            cost += (text[at] == '{' ? object_cost : array_cost) + depth * indentation_cost;
+            cost += (text[at] == '{' ? object_cost : array_cost) + indentation(depth);
             ++depth;
             break;
         case '}':
@@ -38,7 +40,7 @@ bool json_text_is_bloated(std::string_view text)
             depth -= depth > 0 ? 1 : 0;
             break;
         case ',':
-            cost += element_cost + depth * indentation_cost;
+            cost += element_cost + indentation(depth);
             break;
         case '"':
             cost += string_cost;

@@ -13,12 +13,16 @@
 #include "platform/ve_json.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
+#include "platform/ve_wait.h"
 #include "state/prompt.h"
 #include "utils/json_util.h"
 #include "utils/tree_print.h"
 
 namespace
 {
+
+// A table repeats what every instance looks like: a short list can become a tree of any size.
+constexpr size_t tree_cost_max = size_t{128} << 20;
 
 enum ls_options : unsigned {
     ls_long = 1,
@@ -65,8 +69,6 @@ int ls_repack_list(const char *name, const char *path_text, unsigned options)
     return 0;
 }
 
-json_t *tree_build(const dm_path &path, const dm_node *node, const char *name, bool parent_multi);
-
 /// What the scheme says of the child `name`; of an instance what it says of all of them. May be put into `*leaf`.
 const dm_node *scheme_of(const dm_node &node, const char *name, dm_node *leaf)
 {
@@ -79,37 +81,26 @@ const dm_node *scheme_of(const dm_node &node, const char *name, dm_node *leaf)
     return leaf;
 }
 
-/// The trees of the children `names` of the node.
-void build_children(const dm_path &path, const dm_node &node, const json_t *names, json_t *content)
+/// Puts what the scheme holds below the path into the tree, as far as that may grow.
+void tree_build(drawn_tree *tree, drawn_tree::node at, const dm_path &path, const dm_node *node, bool of_table)
 {
+    if (node == nullptr || (!path.is_root() && !node->is_object()))
+        return;
+    if (of_table && (path.last() == "max_instance" || path.last() == "order"))
+        return;
+    const json_ref names(cdpath_content(path, node, nullptr, 0));
     size_t index;
     json_t *word;
-    json_array_foreach(names, index, word)
+    json_array_foreach(names.get(), index, word)
     {
+        if (tree->cost() > tree_cost_max || ve_wait_interrupted())
+            return;
         const char *name = json_string_value(word);
         dm_node leaf;
-        const dm_node *child = scheme_of(node, name, &leaf);
+        const dm_node *child = scheme_of(*node, name, &leaf);
         if (dm_path below = path; below.push(name))
-            json_array_append_new(content, tree_build(below, child, name, node.is_multi()));
+            tree_build(tree, tree->child(at, name), below, child, node->is_multi());
     }
-}
-
-/// A new tree description of what the scheme holds below the path.
-json_t *tree_build(const dm_path &path, const dm_node *node, const char *name, bool parent_multi)
-{
-    json_t *tree = json_object();
-    json_object_set_new(tree, "name", json_string(name));
-    if (!path.is_root() && node != nullptr && !node->is_object())
-        return tree;
-    if (parent_multi && (strcmp(name, "max_instance") == 0 || strcmp(name, "order") == 0))
-        return tree;
-    const json_ref names(cdpath_content(path, node, nullptr, 0));
-    json_t *content = json_array();
-    json_object_set_new(tree, "from_multi", json_boolean(node != nullptr && node->is_multi()));
-    json_object_set_new(tree, "content", content);
-    if (node != nullptr)
-        build_children(path, *node, names.get(), content);
-    return tree;
 }
 
 } // namespace
@@ -186,8 +177,12 @@ int process_tree(const char *name, command_args args)
         return -1;
     }
     const char *root = place.path.is_root() ? ":" : place.path.c_str();
-    const bool multi = place.node != nullptr && place.node->is_multi();
-    const json_ref tree(tree_build(place.path, place.node.get(), root, multi));
-    json_dump_tree(tree.get());
+    drawn_tree tree(root);
+    tree_build(&tree, drawn_tree::root, place.path, place.node.get(), false);
+    if (tree.cost() > tree_cost_max) {
+        ve_printf("%s: the tree would take too much memory.\n", name);
+        return -1;
+    }
+    tree.draw();
     return 0;
 }

@@ -11,7 +11,6 @@
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 #include "utils/colorscheme.h"
-#include "utils/json_util.h"
 
 namespace
 {
@@ -152,23 +151,4 @@ void drawn_tree::draw() const
             levels.push_back(level_of(of));
         }
     }
-}
-
-void json_dump_tree(const json_t *tree)
-{
-    const auto name_of = [](const json_t *described) {
-        const char *name = json_text(described, "name");
-        return name != nullptr ? name : "";
-    };
-    drawn_tree drawn(name_of(tree));
-    std::vector<std::pair<const json_t *, drawn_tree::node>> open{{tree, drawn_tree::root}};
-    while (!open.empty()) {
-        const auto [described, node] = open.back();
-        open.pop_back();
-        size_t index;
-        json_t *below;
-        json_array_foreach(json_object_get(described, "content"), index, below)
-            open.emplace_back(below, drawn.child(node, name_of(below)));
-    }
-    drawn.draw();
 }

@@ -71,6 +71,3 @@ private:
     std::vector<slot> index_; // an open hash table, by parent and name, of the children of those that have many
     size_t indexed_ = 0;
 };
-
-/// Draws a tree of names: {"name": text, "content": [the same]}.
-void json_dump_tree(const json_t *tree);

@@ -561,6 +561,18 @@ def test_a_list_costs_no_more_than_it_may(cramped, fake, tmp_path, entry):
     assert run.out.endswith("\n:\n"), run.report()
 
 
+def test_a_tree_of_millions_is_not_drawn(cramped, fake):
+    """A short list of instances, each of which looks like a short list of names."""
+    pattern = b",".join(b'{"Name":"a%d"}' % number for number in range(2000))
+    table = b'{"Name":"Device.","Attributes":{"type":"object","multi":true},"Template":[%b]}' % pattern
+    instances = b",".join(b'{"Name":"Device.%d."}' % number for number in range(1, 701))
+    listed = b'{"id":%d,"result":{"ParameterList":[%b]}}\n'
+    fake.on("GetParameterAttributes", lambda request: Raw(listed % (request.id, table)))
+    fake.on("GetParameterNames", lambda request: Raw(listed % (request.id, instances)))
+    run = cramped(limit=f"-d {220 << 10}", stdin="tree\npwd\n").finish()
+    assert run.out.endswith("\ntree: the tree would take too much memory.\n:\n"), run.report()
+
+
 @pytest.mark.parametrize("script", ["dm.wait(77, 1)", "dm.wait(13, 0) dm.wait(77, 0)"], ids=["before the answer", "of other groups"])
 def test_events_that_wait_cost_no_more_than_they_may(cramped, fake, script):
     flood = (b'{"method":"Event","params":{"Id":13,"Value":"%b"}}\n' % (b"x" * (1 << 20))) * 60

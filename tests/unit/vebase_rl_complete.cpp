@@ -43,6 +43,14 @@ TEST(rl_complete, what_is_inserted_is_read_back_as_it_was)
     EXPECT_EQ(after_tab("\"a", 1, {"a b'c\"d"}), "\"a b'c\\\"d");
 }
 
+TEST(rl_complete, nothing_makes_two_lines_of_one)
+{
+    EXPECT_EQ(after_tab("cd a", 3, {"a\nreset\n#"}), "cd a");
+    EXPECT_EQ(after_tab("cd a", 3, {"ab\n1", "ab\n2"}), "cd a");
+    EXPECT_EQ(after_tab("cd a", 3, {"ab\n1", "abc"}), "cd ab");
+    EXPECT_EQ(after_tab("a", 0, {"a\nb"}, true), "a");
+}
+
 TEST(rl_complete, quotes_that_were_opened_within_the_typed_part_stay)
 {
     EXPECT_EQ(after_tab("cat \"my f", 4, {"my file"}), "cat \"my file");

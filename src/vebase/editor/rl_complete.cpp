@@ -43,6 +43,9 @@ rl_replacement rl_merge(std::string_view line, size_t start, size_t cursor,
         return result;
     const std::string_view typed = line.substr(start, cursor - start);
     const std::string_view text = candidates.size() == 1 ? candidates.front() : rl_common_beginning(candidates);
+    // A recording, or a file of lines, would have more lines of it than were typed.
+    if (text.find('\n') != std::string_view::npos)
+        return result;
     const ve_words words = ve_words_read(line.substr(0, cursor));
     const std::string_view plain = verbatim ? typed : words.current_from(start);
     if (candidates.size() > 1 && (text.size() <= plain.size() || !text.starts_with(plain)))

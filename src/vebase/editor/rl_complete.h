@@ -19,7 +19,7 @@ struct rl_replacement {
 };
 
 /// How `candidates` change the line: one is inserted, several insert what they have in common when that is more than
-/// what was typed. `verbatim`: without quoting.
+/// what was typed; nothing is inserted that holds a line feed. `verbatim`: without quoting.
 rl_replacement rl_merge(std::string_view line, size_t start, size_t cursor,
                         const std::vector<std::string_view> &candidates, bool verbatim);
 
