@@ -389,6 +389,15 @@ def test_a_transfer_that_drips_ends(veld_start):
 # --- rights ---
 
 
+def test_a_request_that_waits_does_not_keep_megabytes(small):
+    peer = small.connect()
+    peer.send({"id": "x" * (1 << 20), "method": "Login", "params": {"User": "admin", "Password": "wrong"}})
+    answer = peer.receive()
+    assert answer["id"] is None and answer["error"]["code"] == -32600
+    peer.send({"id": "x" * 60000, "method": "Logout"})
+    assert peer.receive() == {"jsonrpc": "2.0", "id": "x" * 60000, "result": {}}
+
+
 def test_rights_end_with_the_account_in_open_connections(small):
     admin = root(small)
     user = "Device.Users.User."

@@ -34,6 +34,8 @@ constexpr size_t links_worth_giving_back = 100;
 constexpr size_t answer_worth_giving_back = size_t{4} << 20;
 constexpr int64_t give_back_after_ms = 1000;
 constexpr size_t name_shown = 256;
+// What waits for its answer keeps the request's id for as long as it waits.
+constexpr size_t id_limit = size_t{64} << 10;
 
 constexpr size_t links_limit = 16384;
 constexpr size_t links_kept_for_owners = 32;
@@ -275,6 +277,8 @@ void service::message_received(connection &from, json_t *message)
     if (json_is_number(id) || json_is_string(id)) {
         id_text.clear();
         json_write_value(&id_text, id);
+        if (id_text.size() > id_limit)
+            id_text = "null";
     }
     const ticket to{from.id(), id_text};
     const bool good_id = id == nullptr || id_text != "null";
