@@ -27,7 +27,7 @@ torture: all
 
 fuzz:
 	@scripts/need proof
-	@scripts/fuzz $(or $(SECONDS),5) $(TARGETS)
+	@scripts/fuzz $(or $(RUNS:=x),$(SECONDS),5) $(TARGETS)
 
 coverage:
 	@scripts/need proof

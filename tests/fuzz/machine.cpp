@@ -61,8 +61,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     using namespace veld;
     for (const dns_type type : {dns_type::a, dns_type::aaaa, dns_type::ptr})
         dns_parse(data, size, "host.example", type);
-    static hostile_server server;
-    server.answer(data, size);
+    if (size > 2 && (data[2] & 0x80) != 0) { // what says that it is an answer
+        static hostile_server server;
+        server.answer(data, size);
+    }
 
     const std::string_view text(reinterpret_cast<const char *>(data), size);
     const json_ref rows(json_array());
