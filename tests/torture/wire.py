@@ -17,35 +17,50 @@ LATE = 0.02  # seconds
 
 
 class Wire:
-    """Passes bytes on between whoever connects to `address` and the daemon at `to`. `passed` counts them by way, over all
-    connections since arm()."""
+    """Passes bytes on between whoever connects to `address` and the daemon at `to`."""
 
     def __init__(self, address, to):
         self.address = str(address)
-        self._lock = threading.Lock()
         self.arm(None)
         self._door = Door(self.address, to, self._serve)
 
+    @property
+    def passed(self):
+        """How many bytes went each way, over all connections since arm()."""
+        return self._current.passed
+
     def arm(self, fault):
-        """Counts from nothing; `fault` (None: none) will befall the client that began() then tells."""
-        with self._lock:
-            self.passed = dict.fromkeys(WAYS, 0)
-            self._fault = fault
-            self._client = None
-            self._began = threading.Event()
+        """Counts from nothing; `fault` (None: none) will befall the client that began() then tells. What is left of earlier
+        connections has no part in it."""
+        self._current = Passage(fault)
 
     def began(self, pid):
-        self._client = pid
-        self._began.set()
+        self._current.began(pid)
 
     def close(self):
         self._door.close()
 
     def _serve(self, near, far):
+        current = self._current
         for way, one, other in (("up", near, far), ("down", far, near)):
-            threading.Thread(target=self._pass, args=(way, one, other), daemon=True).start()
+            threading.Thread(target=current.carry, args=(way, one, other), daemon=True).start()
 
-    def _pass(self, way, one, other):
+
+class Passage:
+    """The connections of one client, and the fault that befalls it."""
+
+    def __init__(self, fault):
+        self.passed = dict.fromkeys(WAYS, 0)
+        self._lock = threading.Lock()
+        self._fault = fault
+        self._client = None
+        self._began = threading.Event()
+
+    def began(self, pid):
+        self._client = pid
+        self._began.set()
+
+    def carry(self, way, one, other):
         try:
             while data := one.recv(65536):
                 first, rest = self._divide(way, data)
