@@ -476,17 +476,21 @@ def test_ctrl_c_in_one_packet_with_enter_drops_all_before_it(editor, typed, kept
     assert got == [kept, "end"] if kept else ["end"]
 
 
-def test_a_ctrl_c_while_it_becomes_a_signal_is_seen(editor, tmp_path):
+@pytest.mark.parametrize("moment", [1, 2, 3, 4])
+def test_a_ctrl_c_while_it_becomes_a_signal_stops_the_line(editor, tmp_path, moment):
     if b"san_init" in Path(DEMO).read_bytes():
         pytest.skip("a sanitizer wants to come first")
     waits = tmp_path / "waits"
-    term = editor(LD_PRELOAD=str(DEMO.with_name("troubled.so")), TROUBLE_TYPED=str(waits))
-    term.type("one" + Key.ENTER)
-    term.wait_for(lambda term: waits.exists())
+    term = editor(LD_PRELOAD=str(DEMO.with_name("troubled.so")), TROUBLE_TYPED=f"{moment}:{waits}")
+    term.type("sleep 1000000" + Key.ENTER)
+    while not waits.exists():
+        term.quiet(0.02)
     term.type(Key.CTRL_C)
-    term.type("end" + Key.ENTER)
-    term.wait_for('got "end"')
-    assert 'got "one"' not in term.text
+    # First it takes the line back; later it is for what the line starts.
+    if moment == 1:
+        term.wait_for(lambda term: term.lines[:2] == ["> sleep 1000000^C", ">"])
+    else:
+        assert term.wait_exit() == -signal.SIGINT
 
 
 @pytest.mark.parametrize("typed", ["one\r\x1b[200~t\x03wo\r\x1b[201~", "one\r\x16\x03\r"])
