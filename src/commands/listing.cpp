@@ -17,6 +17,9 @@
 namespace
 {
 
+// What is wider stands in no column: one type would fill all rows with its width of blanks.
+constexpr size_t aligned_max = 1024;
+
 struct row {
     std::string type;
     std::string access;
@@ -115,8 +118,10 @@ std::vector<row> make_rows(ve_parameters list, const dm_path &path)
 
 size_t width_of(const std::vector<row> &rows, std::string row::*column, size_t least)
 {
-    for (const row &each : rows)
-        least = std::max(least, ve_rl_width(each.*column));
+    for (const row &each : rows) {
+        const size_t taken = ve_rl_width(each.*column);
+        least = std::max(least, taken <= aligned_max ? taken : 0);
+    }
     return least + 1;
 }
 
@@ -124,7 +129,8 @@ size_t width_of(const std::vector<row> &rows, std::string row::*column, size_t l
 void print_column(const std::string &text, size_t width)
 {
     ve_out_write(text.data(), text.size());
-    const std::string blanks(width - ve_rl_width(text) + 1, ' ');
+    const size_t taken = ve_rl_width(text);
+    const std::string blanks(width > taken ? width - taken + 1 : 1, ' ');
     ve_out_write(blanks.data(), blanks.size());
 }
 

@@ -17,6 +17,8 @@ namespace
 
 /// So many are gone through faster than looked up.
 constexpr uint32_t few_children = 16;
+/// What is wider stands in no column: one name would fill all rows with its width of blanks.
+constexpr size_t aligned_max = 1024;
 
 } // namespace
 
@@ -93,7 +95,8 @@ drawn_tree::level drawn_tree::level_of(node of) const
     bool nested = false;
     for (node each = nodes_[of].first_child; each != root; each = nodes_[each].next) {
         result.children.emplace_back(multi ? atoi(&names_[nodes_[each].name]) : 0, each);
-        result.name_width = std::max(result.name_width, ve_rl_width(name(each)));
+        const size_t taken = ve_rl_width(name(each));
+        result.name_width = std::max(result.name_width, taken <= aligned_max ? taken : 0);
         nested = nested || nodes_[each].first_child != root;
     }
     if (nested)

@@ -561,6 +561,17 @@ def test_a_list_costs_no_more_than_it_may(cramped, fake, tmp_path, entry):
     assert run.out.endswith("\n:\n"), run.report()
 
 
+def test_one_long_name_does_not_fill_every_row_with_blanks(kest, fake):
+    long = "n" * (1 << 18)
+    attributes = {"type": "object", "access": "readWrite"}
+    values = [{"Name": f"Device.{name}", "Value": 1, "Attributes": {"type": long if name == long else "int"}}
+              for name in (long, *range(1000))]
+    fake.on("GetParameterValues", {"ParameterList": values})
+    fake.on("GetParameterAttributes", [{"ParameterList": [{"Name": "Device.", "Attributes": attributes}]}, {"ParameterList": values}])
+    run = kest(to=fake, stdin="cat Device.\ncatree Device.\nls -l Device.\n", timeout=30)
+    assert run.out.count("\n") > 3000 and len(run.out) < 6 * len(long), len(run.out)
+
+
 def test_a_tree_of_millions_is_not_drawn(cramped, fake):
     """A short list of instances, each of which looks like a short list of names."""
     pattern = b",".join(b'{"Name":"a%d"}' % number for number in range(2000))
