@@ -6,10 +6,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 #include <lua.hpp>
 
+#include "base/utf8.h"
+#include "base/visible.h"
 #include "platform/ve_lua.h"
+#include "platform/ve_out.h"
 
 bool luap_colours = true;
 
@@ -270,11 +274,24 @@ private:
         put_literal("]");
     }
 
+    /// Whether a terminal can be shown the text as it is.
+    static bool is_harmless(std::string_view text)
+    {
+        while (!text.empty()) {
+            const utf8_step step = utf8_first(text);
+            if (!step.well_formed || (!is_visible(step.code) && step.code != '\n' && step.code != '\t'))
+                return false;
+            text.remove_prefix(step.size);
+        }
+        return true;
+    }
+
     void describe_string(int index)
     {
         size_t count = 0;
         const char *bytes = lua_tolstring(L_, index, &count);
-        if (long_form_score(reinterpret_cast<const unsigned char *>(bytes), count) <= line_width)
+        if (long_form_score(reinterpret_cast<const unsigned char *>(bytes), count) <= line_width ||
+            (ve_out_is_terminal() && !is_harmless({bytes, count})))
             describe_quoted(bytes, count);
         else
             describe_long(bytes, count);

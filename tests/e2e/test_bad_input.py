@@ -625,6 +625,18 @@ def test_errors_on_a_terminal_are_escaped_though_the_output_goes_elsewhere(termi
 HOSTILE = "Device.x\x1b[31mhostile\u202e"
 
 
+@pytest.mark.parametrize("hostile", ["\x1b[31mhostile", "\x9b31mhostile", "\u202ehostile", "\u2028hostile", "\x7fhostile"])
+def test_a_long_text_that_the_console_shows_is_escaped(shell, fake, hostile):
+    lines = "a line of a text that is long enough\n" * 9
+    fake.serve({"Device.": {}, "Device.A": lines + hostile, "Device.B": lines + "harmless é"})
+    term = shell(to=fake)
+    before = len(term.raw)
+    term.type("lua\rdm.get('Device.A')\rdm.show({dm.get('Device.A')})\rdm.get('Device.B')\r")
+    term.wait_for("harmless é]]")
+    shown = bytes(term.raw[before:])
+    assert shown.count(b"hostile") == 2 and hostile.encode() not in shown
+
+
 def test_what_was_pasted_is_escaped_in_what_is_said_of_it(shell, fake):
     fake.serve({"Device.": {}, "Device.A": 1})
     term = shell(to=fake)
