@@ -121,7 +121,16 @@ TEST(Visible, WhatTurnsATextAroundOrHidesIsAnEscape)
 {
     EXPECT_EQ(visible("user\u202Etxt.exe\u2066\u200B\u200F\uFEFF"), R"(user\u202etxt.exe\u2066\u200b\u200f\ufeff)");
     EXPECT_EQ(visible("a\u00ADb\u061C\u2028\U000E0041"), R"(a\u00adb\u061c\u2028\U000e0041)");
-    for (const char32_t code : {U'\u2010', U'\u2027', U'\u202F', U'\u205F', U'\u2070', U'\uFFFC', U'\U000E1000'})
+    // What stands right before and behind them.
+    for (const char32_t code :
+         {U'\x20',       U'\x7e',       U'\xa0',       U'\xac',       U'\xae',       U'\u034e',     U'\u0350',
+          U'\u0606',     U'\u061b',     U'\u061d',     U'\u06dc',     U'\u06de',     U'\u070e',     U'\u0710',
+          U'\u088e',     U'\u0892',     U'\u08e1',     U'\u08e3',     U'\u115e',     U'\u1161',     U'\u17b3',
+          U'\u17b6',     U'\u180a',     U'\u1810',     U'\u200a',     U'\u2010',     U'\u2027',     U'\u202F',
+          U'\u205F',     U'\u2070',     U'\u3163',     U'\u3165',     U'\ufdff',     U'\ufe10',     U'\ufefe',
+          U'\uff00',     U'\uff9f',     U'\uffa1',     U'\uffef',     U'\uFFFC',     U'\U000110bc', U'\U000110be',
+          U'\U000110cc', U'\U000110ce', U'\U0001342f', U'\U00013440', U'\U0001bc9f', U'\U0001bca4', U'\U0001d172',
+          U'\U0001d17b', U'\U000dffff', U'\U000E1000'})
         EXPECT_TRUE(is_visible(code)) << std::hex << unsigned{code};
 }
 
