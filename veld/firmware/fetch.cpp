@@ -9,10 +9,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <limits.h>
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace veld
 {
@@ -31,7 +33,7 @@ bool may_read(const struct stat &file, const std::string &path, std::optional<ui
 {
     if (reader && (*reader == 0 || *reader == geteuid() || *reader == file.st_uid))
         return true;
-    if ((file.st_mode & S_IROTH) == 0)
+    if ((file.st_mode & S_IROTH) == 0 || path.empty())
         return false;
     // What stands in a directory that only some may enter is for those.
     for (size_t slash = path.rfind('/'); slash != std::string::npos && slash > 0; slash = path.rfind('/', slash - 1)) {
@@ -41,6 +43,14 @@ bool may_read(const struct stat &file, const std::string &path, std::optional<ui
             return false;
     }
     return true;
+}
+
+// Where a link leads; empty where that cannot be told, which is a path that nobody may enter.
+std::string target_of(const std::string &link)
+{
+    char target[PATH_MAX];
+    const ssize_t length = readlink(link.c_str(), target, sizeof target);
+    return {target, length > 0 && length < static_cast<ssize_t>(sizeof target) ? static_cast<size_t>(length) : 0};
 }
 
 // One for all fetches: each uses it within one call only.
@@ -158,19 +168,24 @@ struct fetch::file_reading {
 
 void fetch::file_reading::open()
 {
-    // Links are followed before it is asked where they lead.
-    char *const real = realpath(path.c_str(), nullptr);
-    const std::string place = real != nullptr ? real : path;
-    free(real);
-    fd.reset(::open(place.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
+    // Found first, and only then asked where it stands: what links and folders are made to lead to meanwhile is no way
+    // to it. Nothing but a file that may be read is opened.
+    const fd_owner at(::open(path.c_str(), O_PATH | O_CLOEXEC));
     struct stat found {
     };
-    const bool opened = fd && fstat(fd.get(), &found) == 0;
-    const int problem = errno;
+    bool opened = at && fstat(at.get(), &found) == 0;
+    int problem = errno;
+    const std::string link = "/proc/self/fd/" + std::to_string(at.get());
     // Who may not look there learns nothing, not even whether it is there.
     const bool trusted = reader && (*reader == 0 || *reader == geteuid());
+    const bool allowed = trusted || (opened && may_read(found, target_of(link), reader));
+    if (opened && allowed && S_ISREG(found.st_mode)) {
+        fd.reset(::open(link.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+        opened = static_cast<bool>(fd);
+        problem = errno;
+    }
     confidential = opened && (found.st_mode & S_IROTH) == 0;
-    if (!trusted && (!opened || !may_read(found, place, reader)))
+    if (!trusted && !(opened && allowed))
         error = path + ": cannot be read";
     else if (!opened)
         error = path + ": " + strerror(problem);
