@@ -389,6 +389,7 @@ def test_what_a_file_does_not_do_the_machine_does(upgradable):
         ("x = = 1", "veld: b.lua:1: unexpected symbol near '='\n"),
         ("while true do end", "veld: b.lua:1: takes too long\n"),
         ("get('Device.A')", "veld: b.lua:1: get() is not for the beginning\n"),
+        ("refuse('')", "veld: b.lua: refused without a text\n"),
         (None, "veld: b.lua: No such file or directory\n"),
     ),
 )

@@ -285,7 +285,7 @@ bool behaviour::run_file(const std::string &path, std::string *error)
 std::string behaviour::error_of(lua_State *in)
 {
     if (lua_touserdata(in, -1) == &refused)
-        return refusal_.message;
+        return refusal_.message.empty() ? name_ + ": refused without a text" : refusal_.message;
     size_t length = 0;
     const char *text = lua_type(in, -1) == LUA_TSTRING ? lua_tolstring(in, -1, &length) : nullptr;
     return text != nullptr ? std::string(text, length) : name_ + ": raised what is no text";
