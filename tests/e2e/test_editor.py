@@ -789,6 +789,9 @@ def test_a_hint_is_accepted_as_tab_would(editor, key):
     term.wait_for("> my file")
     term.type(key)
     term.wait_for(lambda term: cursor_line(term) == '> "my file"')
+    term.type(Key.ENTER)
+    term.wait_for("got ")
+    assert b"\a" not in term.raw
 
 
 def test_a_hint_goes_when_the_cursor_does(editor):

@@ -59,10 +59,10 @@ def test_a_login_in_the_configuration_lasts(shell, fake, home):
     assert fake.params("Login")[:2] == [{"User": "admin", "Password": "secret"}] * 2
 
 
-def test_a_command_that_fails_ends_the_configuration(kest, fake, tmp_path):
+@pytest.mark.parametrize("failing", ["info", "info Device.B", "nothing"])
+def test_a_command_that_fails_ends_the_configuration(kest, fake, tmp_path, failing):
     fake.serve({"Device.": {}, "Device.A": 1})
     config = tmp_path / "config"
-    config.write_text("pwd\ncat Device.A\ninfo\nls Device\n")
+    config.write_text(f"pwd\ncat Device.A\n{failing}\ncat Device.A\n")
     kest("-c", config, "-n", "x", to=fake)
-    assert fake.params("GetParameterNames") == []
     assert len(fake.params("GetParameterValues")) == 1
