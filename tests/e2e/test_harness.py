@@ -38,7 +38,8 @@ def test_programs_start_as_at_login(sandbox):
     *seen, files, blocked, ignored = run.out.splitlines()
     assert seen == ["0022", "8192", "0", "unlimited", "unlimited"]
     assert int(files) > 1000
-    assert (blocked.split()[1], ignored.split()[1]) == ("0" * 16, "0" * 16)
+    own = 3 << 31  # signals 32 and 33, which the C library keeps for itself and lets nobody set
+    assert [int(row.split()[1], 16) & ~own for row in (blocked, ignored)] == [0, 0]
 
 
 def test_programs_start_so_however_the_tests_are_started(sandbox):
