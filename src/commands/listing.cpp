@@ -12,13 +12,11 @@
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 #include "utils/colorscheme.h"
+#include "utils/columns.h"
 #include "utils/json_util.h"
 
 namespace
 {
-
-// What is wider stands in no column: one type would fill all rows with its width of blanks.
-constexpr size_t aligned_max = 1024;
 
 struct row {
     std::string type;
@@ -118,10 +116,8 @@ std::vector<row> make_rows(ve_parameters list, const dm_path &path)
 
 size_t width_of(const std::vector<row> &rows, std::string row::*column, size_t least)
 {
-    for (const row &each : rows) {
-        const size_t taken = ve_rl_width(each.*column);
-        least = std::max(least, taken <= aligned_max ? taken : 0);
-    }
+    for (const row &each : rows)
+        least = std::max(least, column_width(each.*column));
     return least + 1;
 }
 

@@ -16,14 +16,13 @@
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 #include "utils/colorscheme.h"
+#include "utils/columns.h"
 #include "utils/json_util.h"
 
 namespace
 {
 
 constexpr int request_denied = 9001;
-// What is wider stands in no column: one name would fill all rows with its width of blanks.
-constexpr size_t aligned_max = 1024;
 
 /// The name that the daemon is asked for: an object with its final dot, what belongs to a table itself without.
 std::string query_name(const cdpath &place)
@@ -48,8 +47,7 @@ void print_list(const ve_parameters &list, const std::string &query)
     ve_parameter entry;
     ve_wait_loop loop;
     for (ve_parameters names = list; names.next(&entry) && !loop.interrupted();) {
-        const size_t taken = entry.name ? ve_rl_width(name_below(*entry.name, query)) : 0;
-        width = std::max(width, taken <= aligned_max ? taken : 0);
+        width = std::max(width, entry.name ? column_width(name_below(*entry.name, query)) : 0);
     }
     std::string text;
     for (ve_parameters entries = list; entries.next(&entry) && !loop.interrupted();) {

@@ -11,14 +11,13 @@
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
 #include "utils/colorscheme.h"
+#include "utils/columns.h"
 
 namespace
 {
 
 /// So many are gone through faster than looked up.
 constexpr uint32_t few_children = 16;
-/// What is wider stands in no column: one name would fill all rows with its width of blanks.
-constexpr size_t aligned_max = 1024;
 
 } // namespace
 
@@ -95,8 +94,7 @@ drawn_tree::level drawn_tree::level_of(node of) const
     bool nested = false;
     for (node each = nodes_[of].first_child; each != root; each = nodes_[each].next) {
         result.children.emplace_back(multi ? atoi(&names_[nodes_[each].name]) : 0, each);
-        const size_t taken = ve_rl_width(name(each));
-        result.name_width = std::max(result.name_width, taken <= aligned_max ? taken : 0);
+        result.name_width = std::max(result.name_width, column_width(name(each)));
         nested = nested || nodes_[each].first_child != root;
     }
     if (nested)
