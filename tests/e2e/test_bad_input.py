@@ -593,6 +593,7 @@ def test_events_that_wait_cost_no_more_than_they_may(cramped, fake, script):
     assert run.out.endswith("\nwent on\n"), run.report()
 
 
+@pytest.mark.skipif(SANITIZED, reason="the sanitizers need more themselves")
 @pytest.mark.parametrize("request_, shows_all", [("get Device.A", True), ("lua 'dm.set{[\"Device.A\"] = 1}'", False)], ids=["get", "lua"])
 def test_a_text_that_is_escaped_costs_no_more_than_it_may(sandbox, fake, request_, shows_all):
     text = b"\x7f" * (3 << 20)
