@@ -5,8 +5,6 @@
 namespace
 {
 
-constexpr size_t bloat_factor = 8;
-constexpr size_t bloat_allowed = size_t{16} << 20;
 constexpr size_t depth_max = 2048; // of what is read at all
 
 } // namespace
@@ -22,7 +20,7 @@ bool json_text_is_bloated(std::string_view text)
     constexpr size_t indentation_cost = 4;
     constexpr size_t usual_depth = 8;
     const auto indentation = [](size_t depth) { return depth > usual_depth ? depth * indentation_cost : 0; };
-    const size_t allowed = std::max(bloat_factor * text.size(), bloat_allowed);
+    const size_t allowed = std::max(cost_factor * text.size(), cost_allowed);
     // Nothing costs more than an object, which is two bytes, at the greatest depth.
     if (text.size() / 2 * (object_cost + depth_max * indentation_cost) <= allowed)
         return false;

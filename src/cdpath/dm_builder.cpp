@@ -51,7 +51,7 @@ void dm_builder::add(ve_parameters list)
 
 void dm_builder::expect(const ve_parameters &list)
 {
-    left_ += static_cast<int64_t>(list.size()) * cost_factor;
+    left_ += static_cast<int64_t>(list.size() * cost_factor);
 }
 
 void dm_builder::add(const ve_parameter &entry)

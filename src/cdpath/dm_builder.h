@@ -38,9 +38,6 @@ public:
 private:
     // Deeper names are passed over: a typed path cannot lead there, and nodes are released recursively.
     static constexpr size_t depth_max = 512;
-    // What a peer may cost: so many bytes, and so many more for each byte of a list.
-    static constexpr int64_t cost_allowed = int64_t{16} << 20;
-    static constexpr int64_t cost_factor = 8;
 
     /// A node whose level is being made.
     struct step {

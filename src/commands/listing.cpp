@@ -114,11 +114,12 @@ std::vector<row> make_rows(ve_parameters list, const dm_path &path)
     return rows;
 }
 
-size_t width_of(const std::vector<row> &rows, std::string row::*column, size_t least)
+size_t width_of(const std::vector<row> &rows, std::string row::*member, size_t least)
 {
+    column texts(least);
     for (const row &each : rows)
-        least = std::max(least, column_width(each.*column));
-    return least + 1;
+        texts.add(each.*member);
+    return texts.width() + 1;
 }
 
 /// `text` and blanks up to the next column.

@@ -43,12 +43,13 @@ std::string_view name_below(std::string_view name, const std::string &query)
 
 void print_list(const ve_parameters &list, const std::string &query)
 {
-    size_t width = 0;
+    column names;
     ve_parameter entry;
     ve_wait_loop loop;
-    for (ve_parameters names = list; names.next(&entry) && !loop.interrupted();) {
-        width = std::max(width, entry.name ? column_width(name_below(*entry.name, query)) : 0);
-    }
+    for (ve_parameters entries = list; entries.next(&entry) && !loop.interrupted();)
+        if (entry.name)
+            names.add(name_below(*entry.name, query));
+    const size_t width = names.width();
     std::string text;
     for (ve_parameters entries = list; entries.next(&entry) && !loop.interrupted();) {
         if (!entry.name)

@@ -2,6 +2,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/json_bloat.h"
 #include "commands/values.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
@@ -12,9 +13,6 @@ namespace
 
 // What stands deeper stays together as one name.
 constexpr size_t depth_max = 512;
-// What a peer may cost: so many bytes, and so many more for each byte of a list.
-constexpr size_t cost_allowed = size_t{16} << 20;
-constexpr size_t cost_factor = 8;
 
 /// Takes the next component off; empty ones vanish.
 bool next(std::string_view *rest, size_t depth, std::string_view *component)

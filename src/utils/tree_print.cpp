@@ -92,13 +92,13 @@ drawn_tree::level drawn_tree::level_of(node of) const
     level result;
     const bool multi = nodes_[of].multi;
     bool nested = false;
+    column names;
     for (node each = nodes_[of].first_child; each != root; each = nodes_[each].next) {
         result.children.emplace_back(multi ? atoi(&names_[nodes_[each].name]) : 0, each);
-        result.name_width = std::max(result.name_width, column_width(name(each)));
+        names.add(name(each));
         nested = nested || nodes_[each].first_child != root;
     }
-    if (nested)
-        result.name_width = 0;
+    result.name_width = nested ? 0 : names.width();
     std::stable_sort(result.children.begin(), result.children.end(), [this, multi](const auto &a, const auto &b) {
         return multi ? a.first < b.first : name(a.second) < name(b.second);
     });

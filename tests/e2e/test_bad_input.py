@@ -561,6 +561,18 @@ def test_a_list_costs_no_more_than_it_may(cramped, fake, tmp_path, entry):
     assert run.out.endswith("\n:\n"), run.report()
 
 
+def test_a_list_is_aligned_with_a_name_of_any_width_that_a_screen_may_have(kest, fake):
+    long = "n" * 5000
+    values = [{"Name": f"Device.{name}", "Value": 1, "Attributes": {"type": long if name == long else "int"}} for name in (long, "a")]
+    attributes = {"type": "object", "access": "readWrite"}
+    fake.on("GetParameterValues", {"ParameterList": values})
+    fake.on("GetParameterAttributes", [{"ParameterList": [{"Name": "Device.", "Attributes": attributes}]}, {"ParameterList": values}])
+    run = kest(to=fake, stdin="cat Device.\ncatree Device.\nls -l Device.\n")
+    assert f"\na{' ' * 4999} = 1\n{long} = 1\n" in run.out or f"\n{long} = 1\na{' ' * 4999} = 1\n" in run.out
+    assert f"├── a{' ' * 4999} = 1\n└── {long} = 1\n" in run.out
+    assert f"\nint{' ' * (5001 - 3 + 1)}- " in run.out and f"\n{long}  - " in run.out
+
+
 def test_one_long_name_does_not_fill_every_row_with_blanks(kest, fake):
     long = "n" * (1 << 18)
     attributes = {"type": "object", "access": "readWrite"}

@@ -5,7 +5,8 @@
 //   list N           shows N names in columns              bar N LABEL  draws the progress bar
 //   handler note|return|none   SIGINT's disposition while reading
 //   child COMMAND    runs it                               secret       reads a line without echo
-//   quiet COMMAND    the same without an answer            quit         ends
+//   later COMMAND    the same when something was typed     quit         ends
+//   quiet COMMAND    the same without an answer
 // Descriptor 3, when it is open, takes orders for a second thread: "event TEXT", "hide", "show", "stop", "drop".
 // Environment: DEMO_PROMPT, DEMO_HISTORY (a file), DEMO_WORDS (a JSON array of candidates), DEMO_SLOW (milliseconds
 // that a callback waits), DEMO_TIMEOUT, DEMO_HINTS, DEMO_COLORS,

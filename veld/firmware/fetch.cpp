@@ -6,7 +6,6 @@
 #include <cctype>
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <limits.h>
@@ -168,8 +167,8 @@ struct fetch::file_reading {
 
 void fetch::file_reading::open()
 {
-    // Found first, and only then asked where it stands: what links and folders are made to lead to meanwhile is no way
-    // to it. Nothing but a file that may be read is opened.
+    // It is asked where the file stands that was found: a link or a folder that is swapped meanwhile leads nowhere
+    // else. Nothing is opened for reading but a file that may be read.
     const fd_owner at(::open(path.c_str(), O_PATH | O_CLOEXEC));
     struct stat found {
     };
