@@ -3,8 +3,7 @@
 //   TORTURE_ALLOCATION=N   the N-th malloc, calloc or realloc finds no memory
 //   TORTURE_SHORT=N        the N-th transfer of more than one byte (read, write, send, recv) is of one byte
 //   TORTURE_COUNTERS=FILE  where the calls are counted: three 64-bit numbers (allocations, transfers, failed), to be
-//   read
-//                          even when the program was killed
+//                          read even when the program was killed
 //
 // What the program starts itself is spared, and so is the C library: its name service ends by a signal when it has no
 // memory.
@@ -15,6 +14,7 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -43,6 +43,30 @@ uint64_t number_in(const char *name)
     return text != nullptr ? strtoull(text, nullptr, 10) : 0;
 }
 
+/// Where the code of the C library is.
+struct {
+    uintptr_t begin, end;
+} c_library;
+
+int find_c_library(dl_phdr_info *object, size_t, void *)
+{
+    for (int i = 0; i < object->dlpi_phnum; i++) {
+        const ElfW(Phdr) &part = object->dlpi_phdr[i];
+        const uintptr_t begin = object->dlpi_addr + part.p_vaddr;
+        if (part.p_type == PT_LOAD && reinterpret_cast<uintptr_t>(&getenv) - begin < part.p_memsz) {
+            c_library = {begin, begin + part.p_memsz};
+            return 1;
+        }
+    }
+    return 0;
+}
+
+bool of_c_library(void *caller)
+{
+    const uintptr_t address = reinterpret_cast<uintptr_t>(caller);
+    return c_library.begin <= address && address < c_library.end;
+}
+
 __attribute__((constructor)) void begin()
 {
     failing_allocation = number_in("TORTURE_ALLOCATION");
@@ -58,17 +82,8 @@ __attribute__((constructor)) void begin()
     }
     for (const char *name : {"LD_PRELOAD", "TORTURE_ALLOCATION", "TORTURE_SHORT", "TORTURE_COUNTERS"})
         unsetenv(name);
+    dl_iterate_phdr(find_c_library, nullptr);
     running = true;
-}
-
-bool of_c_library(void *caller)
-{
-    static const void *const library = [] {
-        Dl_info info{};
-        return dladdr(reinterpret_cast<void *>(&getenv), &info) != 0 ? info.dli_fbase : nullptr;
-    }();
-    Dl_info info{};
-    return dladdr(caller, &info) != 0 && info.dli_fbase == library;
 }
 
 bool no_memory(void *caller)
