@@ -25,7 +25,6 @@ home        their home directory       tmp_path  their working directory
 """
 
 import os
-import resource
 import signal
 import tempfile
 import threading
@@ -33,7 +32,7 @@ from pathlib import Path
 
 import pytest
 
-from lib import settings
+from lib import inherited, settings
 from lib.certificate import make_certificate
 from lib.fake import Fake
 from lib.program import Program
@@ -42,26 +41,7 @@ from lib.sandbox import BASE, Sandbox
 from lib.terminal import Terminal
 from lib.veld import Veld
 
-# What whoever starts the tests left ignored, blocked or limited (nohup, a shell's "&", ulimit), the programs would inherit.
-signal.pthread_sigmask(signal.SIG_SETMASK, ())
-signal.signal(signal.SIGINT, signal.default_int_handler)
-for number in (
-    signal.SIGHUP, signal.SIGQUIT, signal.SIGTERM, signal.SIGCHLD, signal.SIGTSTP, signal.SIGTTIN, signal.SIGTTOU, signal.SIGUSR1,
-    signal.SIGUSR2, signal.SIGALRM, signal.SIGCONT, signal.SIGWINCH,
-):  # fmt: skip
-    signal.signal(number, signal.SIG_DFL)
-os.umask(0o022)
-for limit, usual in (
-    (resource.RLIMIT_STACK, 8 << 20),
-    (resource.RLIMIT_NOFILE, 16384),
-    (resource.RLIMIT_FSIZE, None),
-    (resource.RLIMIT_CPU, None),
-    (resource.RLIMIT_AS, None),
-    (resource.RLIMIT_DATA, None),
-    (resource.RLIMIT_CORE, 0),
-):
-    hard = resource.getrlimit(limit)[1]
-    resource.setrlimit(limit, (hard if usual is None or hard != resource.RLIM_INFINITY and hard < usual else usual, hard))
+inherited.make_usual()
 
 
 class Overdue(Exception):

@@ -51,6 +51,7 @@ class Daemon:
 
         wait_until(lambda: os.path.exists(address) or process.poll() is not None, BOUND)
         for _ in range(3):  # a link that is lost is made again, as a client does
+            said.clear()
             try:
                 self.converse(box, address, promise)
                 said.append("done")
