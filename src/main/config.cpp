@@ -76,6 +76,18 @@ fd_owner open_config(const char *path, bool asked_for)
     return {};
 }
 
+/// Makes standard output what `file` is. Returns 0, or the error.
+int redirect_output(const fd_owner &file)
+{
+    ve_out_flush();
+    while (dup2(file.get(), STDOUT_FILENO) < 0) {
+        if (errno != EINTR && errno != EBUSY)
+            return errno;
+    }
+    ve_out_reopened();
+    return 0;
+}
+
 } // namespace
 
 void run_config(const char *path)
@@ -89,22 +101,19 @@ void run_config(const char *path)
     fd_owner file = open_config(path, asked_for);
     if (!file)
         return;
-    ve_out_flush();
     const fd_owner kept{fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)};
     const fd_owner hidden{open("/dev/null", O_WRONLY | O_CLOEXEC)};
-    if (!kept || !hidden) {
-        fprintf(stderr, "%s: not run: %s\n", ve_visible_error(path).c_str(), strerror(errno));
+    const int error = kept && hidden ? redirect_output(hidden) : errno;
+    if (error != 0) {
+        fprintf(stderr, "%s: not run: %s\n", ve_visible_error(path).c_str(), strerror(error));
         return;
     }
-    dup2(hidden.get(), STDOUT_FILENO);
-    ve_out_reopened();
     running = path;
     password_ask_on_error(true);
     const ve_jrpcapi_slow before = ve_jrpcapi_tell_slow(request_ctx, {trouble_slow_ms, tell_slow});
     run_script(ve_input(std::move(file)), path, 1);
-    ve_out_flush();
     ve_jrpcapi_tell_slow(request_ctx, before);
     password_ask_on_error(false);
-    dup2(kept.get(), STDOUT_FILENO);
-    ve_out_reopened();
+    if (const int lost = redirect_output(kept); lost != 0)
+        ve_out_fail(lost); // what follows would be written nowhere
 }

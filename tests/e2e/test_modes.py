@@ -1,5 +1,6 @@
 """The one-shot modes, start-up and the configuration file, seen from both ends of the link."""
 
+import errno
 import json
 import os
 import signal
@@ -10,6 +11,7 @@ import pytest
 from lib import settings
 from lib.fake import Close, Error, Silence, Slow
 from lib.program import Program, quickest
+from test_veld_trouble import LIBRARY, SANITIZED
 
 MODEL = {"Device.": {}, "Device.Name": "box"}
 
@@ -261,6 +263,21 @@ def test_a_configuration_of_bytes_stops_nothing(kest, fake, tmp_path):
         run = kest("-c", path, "-n", "x", to=fake)
         assert (run.out, run.status) == ("Unsupported :(\n", 0)
         assert run.err.startswith(path) and run.err.endswith("is not text.\n")
+
+
+@pytest.mark.skipif(SANITIZED or not LIBRARY.exists(), reason="needs the library of trouble")
+@pytest.mark.parametrize(
+    "number, expected",
+    [
+        (1, (0, "Unsupported :(\n", "config: not run: Too many open files\n")),
+        (2, (1, "", "kest: the output cannot be written: Too many open files\n")),
+    ],
+)
+def test_an_output_that_cannot_be_redirected_is_told(kest, fake, tmp_path, number, expected):
+    (tmp_path / "config").write_text("echo hidden\n")
+    env = {"LD_PRELOAD": str(LIBRARY), "TROUBLE_DUP2": f"{number}:{errno.EMFILE}"}
+    run = kest("-c", "config", "-n", "x", to=fake, env=env)
+    assert (run.status, run.out, run.err) == expected
 
 
 def test_a_configuration_without_line_feeds(kest, fake, tmp_path):

@@ -6,8 +6,11 @@
 //   TROUBLE_BELOW=DIR      what counts: files below that directory
 //   TROUBLE_FSYNC_MS=MS    every fsync takes so long
 //   TROUBLE_NAMES_MS=MS    looking up a user of the machine, or a host, takes so long
-//   TROUBLE_TYPED=FILE     when the terminal's Ctrl-C becomes a signal for the first time that file is made, and a key
-//   awaited TROUBLE_ARMED=FILE     nothing counts, fails or takes long before that file exists
+//   TROUBLE_DUP2=N:ERRNO   the Nth dup2 fails with that error
+//   TROUBLE_TYPED=N:FILE   when the terminal's Ctrl-C becomes a signal for the Nth time that file is made, and a key
+//                          awaited
+//   TROUBLE_ARMED=FILE     nothing counts, fails or takes long before that file exists
+//
 // Both names of open() are defined here, so that neither may stand for the other.
 #undef _FILE_OFFSET_BITS
 #undef _TIME_BITS
@@ -152,6 +155,18 @@ int close(int fd)
     const int counts = descriptor_below(fd);
     const int result = REAL(int, close, int)(fd);
     return fails(counts) ? -1 : result;
+}
+
+int dup2(int from, int to)
+{
+    static atomic_int times;
+    const char *which = variable("TROUBLE_DUP2");
+    const char *error = strchr(which, ':');
+    if (error != NULL && ++times == atoi(which)) {
+        errno = atoi(error + 1);
+        return -1;
+    }
+    return REAL(int, dup2, int, int)(from, to);
 }
 
 int tcsetattr(int fd, int when, const struct termios *modes)
