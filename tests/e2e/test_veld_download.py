@@ -311,7 +311,8 @@ def test_a_client_that_leaves_ends_its_transfer(veld, serve, state):
     assert list((state / "files").iterdir()) == []
 
 
-def test_a_killed_daemon_leaves_nothing_unfinished(veld, serve, state):
+def test_a_killed_daemon_leaves_nothing_unfinished(veld_start, model, serve, state):
+    veld = veld_start("--state", state, "--download-timeout", str(settings.DEADLINE), model=model)
     release = threading.Event()
 
     def stops(link):

@@ -95,6 +95,17 @@ TEST_F(VeldConnection, LinesBehindAHoldWait)
     EXPECT_EQ(memory.anonymous_input, memory.input);
 }
 
+TEST_F(VeldConnection, TheMemoryOfALineIsGivenBackWithItsHold)
+{
+    owner.on_line = [](connection &from) { from.hold(); };
+    owner.enough = 1;
+    send("one\ntw");
+    events.run();
+    EXPECT_EQ(memory.input, strlen("one\ntw"));
+    link->release();
+    EXPECT_EQ(memory.input, strlen("tw"));
+}
+
 TEST_F(VeldConnection, WhatIsAnsweredLaterIsWaitedForWhenThePeerSendsNoMore)
 {
     owner.on_line = [](connection &from) { from.expect_answer(); };
