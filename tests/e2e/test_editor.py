@@ -588,6 +588,28 @@ def test_a_message_without_line_end_stays_before_the_prompt(editor):
     term.wait_for(lambda term: term.lines[3:] == ["syntax: cd> half", 'got "half"', ">"])
 
 
+def test_a_message_without_line_end_outlives_that_the_line_is_hidden_again(editor):
+    term = editor(columns=40)
+    term.type("part syntax: cd" + Key.ENTER)
+    term.wait_for(lambda term: cursor_line(term) == "syntax: cd>")
+    term.order("hide")
+    term.wait_for(lambda term: cursor_line(term) == "")
+    for _ in range(50):
+        term.order("hide")
+    term.order("show")
+    term.wait_for(lambda term: cursor_line(term) == "syntax: cd>")
+
+
+def test_a_message_without_line_end_is_not_repeated_after_a_stop(editor):
+    term = editor(before="set -m", after="echo stopped; fg >/dev/null", columns=40)
+    term.type("part syntax: cd" + Key.ENTER)
+    term.wait_for(lambda term: cursor_line(term) == "syntax: cd>")
+    term.type("half" + Key.CTRL_Z)
+    term.wait_for("stopped")
+    term.wait_for(lambda term: cursor_line(term) == "> half")
+    assert term.text.count("syntax: cd") == 2  # typed, and told
+
+
 def test_a_long_message_without_line_end_stays_whole(editor):
     term = editor(columns=10)
     term.type("part " + "m" * 20 + Key.ENTER)

@@ -190,3 +190,16 @@ def test_an_event_while_somebody_writes_wipes_nothing(rows, writer):
         rows.prompts += 1
         assert whole.count(text) == 1 and whole.count(f'"{told}"') == 1, term
         assert whole.count(PROMPT.rstrip()) == rows.prompts, term
+
+
+def test_events_at_once_leave_what_stands_before_the_prompt(rows):
+    """Each has the line step aside, the next one perhaps before it has come back."""
+    for number in range(10, 100, 10):
+        rows.write("io.write", text_of(number, 6))
+        texts = [text_of(number + i, 6) for i in range(1, 9)]
+        for text in texts:
+            rows.fake.event(12, text)
+        rows.term.wait_for(lambda term: all(f'"{text}"'.encode() in term.raw for text in texts))
+        rows.stand()
+        rows.written += texts
+        rows.check()

@@ -144,8 +144,8 @@ void rl_screen::erase()
 {
     if (shown_)
         write_screen(rl_erase(painted_));
-    else
-        before_.clear(); // the other thread's text ends that row
+    else if (!drawn_)
+        before_.clear(); // it stands there still, and the other thread's text ends that row
     forget();
     rl_control_release_screen();
 }
@@ -176,8 +176,10 @@ void rl_screen::finish(std::string_view text, std::string_view suffix, bool new_
     if (new_row && !fresh)
         bytes += "\r\n";
     write_screen(bytes);
-    if (new_row)
+    if (new_row) {
         ve_out_row_ended();
+        before_.clear();
+    }
     forget();
     rl_control_release_screen();
 }
