@@ -906,6 +906,17 @@ def test_an_event_while_tab_waits_is_printed_at_once(editor):
     term.wait_for(shows("", "EVENT 9", "> al"))
 
 
+def test_an_event_while_tab_waits_leaves_what_stands_before_the_prompt(editor):
+    term = editor(words=["alphabet"], DEMO_SLOW="30000")
+    term.type("part syntax: cd" + Key.ENTER)
+    term.wait_for(lambda term: cursor_line(term) == "syntax: cd>")
+    term.type("al\t")
+    term.quiet(0.2).order("event 9")
+    term.wait_for(shows("> part syntax: cd", "", "EVENT 9"), timeout=3)
+    term.type(Key.CTRL_C)
+    term.wait_for(shows("> part syntax: cd", "", "EVENT 9", "syntax: cd> al"))
+
+
 def test_typing_goes_on_while_a_hint_is_awaited(editor):
     term = editor(words=["alphabet"], DEMO_HINTS="1", DEMO_SLOW="5000")
     term.type("al")

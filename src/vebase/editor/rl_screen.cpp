@@ -72,6 +72,15 @@ void rl_screen::begin(std::string_view prompt, const std::string &prompt_color, 
     go_behind_output();
 }
 
+void rl_screen::printed_meanwhile()
+{
+    if (shown_)
+        ve_out_row_unknown(); // it began behind the line
+    // A line that was taken off the screen for it comes back as it was, with what stood before it.
+    if (shown_ || !drawn_ || !ve_out_unfinished_row().empty())
+        go_behind_output();
+}
+
 void rl_screen::go_behind_output()
 {
     forget();

@@ -32,8 +32,8 @@ public:
 
     /// Begins a read: the prompt goes behind what the output's last row already holds.
     void begin(std::string_view prompt, const std::string &prompt_color, const std::string &hint_color);
-    /// The same when something was printed since.
-    void go_behind_output();
+    /// Something was printed since the last drawing, perhaps over the line: the next one goes behind it.
+    void printed_meanwhile();
     /// Shows `what`. False, and nothing is drawn, while another thread wants the screen.
     bool draw(const content &what);
     /// Takes the line off the screen, if it is there.
@@ -50,6 +50,7 @@ public:
 
 private:
     bool claim();
+    void go_behind_output();
     rl_layout lay_out(const content &what, std::string_view suffix) const;
 
     rl_size size_{80, 24};

@@ -61,10 +61,8 @@ template <class Call> bool rl_session::run_callback(callback kind, const Call &c
     running_ = callback::none;
     ve_wait_clear_interrupt();
     ve_out_flush();
-    if (ve_out_count() != printed) {
-        ve_out_row_unknown();
-        screen_.go_behind_output();
-    }
+    if (ve_out_count() != printed)
+        screen_.printed_meanwhile();
     return !abandoned_ && outcome_ == rl_outcome::none;
 }
 
