@@ -13,3 +13,5 @@ void ve_log_allocations_are_fatal();
 
 /// malloc that does not fail: out of memory is the assertion "pointer != NULL" reported for `function` of `unit`.
 void *ve_xmalloc(size_t size, const char *function, int line, const char *unit);
+/// realloc that does not fail. `size` is not 0.
+void *ve_xrealloc(void *pointer, size_t size, const char *function, int line, const char *unit);

@@ -25,11 +25,16 @@ void __ve_log_assert_fmt(const char *expression, const char *unit, int line, con
 
 void *ve_xmalloc(size_t size, const char *function, int line, const char *unit)
 {
-    void *pointer = malloc(size > 0 ? size : 1);
-    if (pointer == nullptr)
+    return ve_xrealloc(nullptr, size > 0 ? size : 1, function, line, unit);
+}
+
+void *ve_xrealloc(void *pointer, size_t size, const char *function, int line, const char *unit)
+{
+    void *const grown = realloc(pointer, size);
+    if (grown == nullptr)
         __ve_log_assert_fmt("pointer != NULL", unit, line, "_xmalloc", "xmalloc failed at func %s:%zu (%s)", function,
                             static_cast<size_t>(line), unit);
-    return pointer;
+    return grown;
 }
 
 namespace

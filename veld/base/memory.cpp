@@ -22,10 +22,7 @@ void out_of_memory()
 
 void *json_memory(size_t size)
 {
-    void *memory = malloc(size);
-    if (memory == nullptr)
-        out_of_memory();
-    return memory;
+    return fatal_realloc(nullptr, size > 0 ? size : 1);
 }
 
 } // namespace
@@ -34,6 +31,18 @@ void allocations_are_fatal()
 {
     std::set_new_handler(out_of_memory);
     json_set_alloc_funcs(json_memory, free);
+}
+
+void *fatal_realloc(void *memory, size_t size)
+{
+    if (size == 0) {
+        free(memory);
+        return nullptr;
+    }
+    void *grown = realloc(memory, size);
+    if (grown == nullptr)
+        out_of_memory();
+    return grown;
 }
 
 } // namespace veld

@@ -1,9 +1,12 @@
 #include "veld/server/tls.h"
 
 #include "veld/base/log.h"
+#include "veld/base/memory.h"
 
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
@@ -20,6 +23,15 @@ std::string last_error()
         ERR_error_string_n(code, text, sizeof text);
     ERR_clear_error();
     return text;
+}
+
+/// One failed allocation in a first handshake can leave the library unable to serve any other: it ends the daemon, as
+/// everywhere. Has no effect once the library has allocated.
+void let_no_allocation_fail()
+{
+    CRYPTO_set_mem_functions([](size_t size, const char *, int) { return fatal_realloc(nullptr, size); },
+                             [](void *memory, size_t size, const char *, int) { return fatal_realloc(memory, size); },
+                             [](void *memory, const char *, int) { free(memory); });
 }
 
 int no_passphrase(char *, int, int, void *)
@@ -96,6 +108,7 @@ private:
 std::unique_ptr<tls_identity> tls_identity::load(const std::string &certificate, const std::string &key,
                                                  std::string *error)
 {
+    let_no_allocation_fail();
     SSL_CTX *context = SSL_CTX_new(TLS_server_method());
     if (context == nullptr) {
         *error = last_error();

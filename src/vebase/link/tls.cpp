@@ -3,15 +3,19 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <climits>
+#include <cstdlib>
 #include <dlfcn.h>
 #include <netinet/in.h>
 #include <string_view>
 #include <utility>
 
 // Types and constants alone: every function is looked up in the library that is loaded at run time.
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
+
+#include "platform/ve_log.h"
 
 namespace
 {
@@ -38,6 +42,7 @@ struct openssl {
 
     void *library;
     bool complete; // every function was found
+    decltype(&::CRYPTO_set_mem_functions) set_mem_functions = find("CRYPTO_set_mem_functions");
     decltype(&::TLS_client_method) client_method = find("TLS_client_method");
     decltype(&::SSL_CTX_new) ctx_new = find("SSL_CTX_new");
     decltype(&::SSL_CTX_ctrl) ctx_ctrl = find("SSL_CTX_ctrl");
@@ -74,6 +79,25 @@ struct openssl {
     std::string failure; // why there is no context
 };
 
+// The library's memory: where there is none the program ends with its text, as everywhere.
+void *reallocate(void *memory, size_t size, const char *, int)
+{
+    if (size > 0)
+        return ve_xrealloc(memory, size, "tls", __LINE__, "tls");
+    free(memory);
+    return nullptr;
+}
+
+void *allocate(size_t size, const char *file, int line)
+{
+    return reallocate(nullptr, size, file, line);
+}
+
+void release(void *memory, const char *, int)
+{
+    free(memory);
+}
+
 openssl load()
 {
     openssl ssl(dlopen(library_name, RTLD_NOW | RTLD_LOCAL));
@@ -86,6 +110,7 @@ openssl load()
         ssl.failure = std::string(library_name) + ": not the expected library";
         return ssl;
     }
+    ssl.set_mem_functions(allocate, reallocate, release);
     SSL_CTX *const context = ssl.ctx_new(ssl.client_method());
     if (context == nullptr || ssl.ctx_ctrl(context, SSL_CTRL_SET_MIN_PROTO_VERSION, TLS1_2_VERSION, nullptr) != 1 ||
         ssl.ctx_set_default_verify_paths(context) != 1) {
