@@ -18,14 +18,21 @@ pytestmark = pytest.mark.load
 
 class Bash:
     program = "/bin/bash"
+    before = "/dev/null"
 
     def __init__(self, terminal, sandbox):
         rc = sandbox.home / "rc"
         rc.write_text(
             f"PS1='{PROMPT}'; unset HISTFILE; PATH={settings.KEST.parent}:$PATH\nbind 'set bell-style none'\n"
-            f"bind 'set enable-bracketed-paste off'\nsource {FILES}/kest\n"
+            f"bind 'set enable-bracketed-paste off'\nsource {self.before}\nsource {FILES}/kest\n"
         )
         self.terminal = terminal("--noprofile", "--rcfile", rc, "-i", program=self.program, columns=160, rows=40)
+
+
+class BashWithPackage(Bash):
+    """With the package bash-completion, which completes what it knows in ways of its own."""
+
+    before = "/usr/share/bash-completion/bash_completion"
 
 
 class Zsh:
@@ -39,12 +46,27 @@ class Zsh:
         self.terminal = terminal("-d", "-i", program=self.program, columns=160, rows=40, env={"ZDOTDIR": str(sandbox.home)})
 
 
+def shell(kind, terminal, sandbox):
+    for file in (kind.program, getattr(kind, "before", kind.program)):
+        if not os.path.exists(file):
+            pytest.skip(f"there is no {file}")
+    return User(kind, terminal, sandbox)
+
+
 @pytest.fixture(params=[Bash, Zsh])
 def user(request, terminal, sandbox):
-    """A user's shell: type(line) leaves what is shown as the line after a Tab; offered(line) is what is listed."""
-    if not os.path.exists(request.param.program):
-        pytest.skip(f"there is no {request.param.program}")
-    return User(request.param, terminal, sandbox)
+    """A user's shell: completes(line, to) says what a Tab makes of the line; offered(line, among) is what is listed."""
+    return shell(request.param, terminal, sandbox)
+
+
+@pytest.fixture(params=[Bash, BashWithPackage, Zsh])
+def any_user(request, terminal, sandbox):
+    return shell(request.param, terminal, sandbox)
+
+
+@pytest.fixture(params=[Bash, BashWithPackage])
+def bash_user(request, terminal, sandbox):
+    return shell(request.param, terminal, sandbox)
 
 
 class User:
@@ -55,7 +77,14 @@ class User:
         self.terminal.wait_prompt(PROMPT)
 
     def drop(self):
-        self.terminal.type(Key.CTRL_A + Key.CTRL_K + "clear" + Key.ENTER)
+        self.terminal.type(Key.CTRL_A + Key.CTRL_K)
+        self.run("")
+
+    def run(self, command):
+        """Runs the command and clears the screen. What is typed next meets the shell, not the terminal's own echo."""
+        self.terminal.type(f"{command}clear")
+        self.terminal.wait_for(lambda term: term.line(term.cursor[0]) == f"{PROMPT}{command}clear")
+        self.terminal.type(Key.ENTER)
         self.terminal.wait_for(lambda term: term.at_prompt(PROMPT) and term.cursor[0] == 0)
 
     def _shown(self):
@@ -178,9 +207,41 @@ def test_execute_offers_methods_and_their_inputs(user, veld):
 
 
 def test_a_variable_names_the_daemon(user, veld):
-    user.terminal.type(f"here={veld.address}; clear" + Key.ENTER)
-    user.terminal.wait_for(lambda term: term.at_prompt(PROMPT) and term.cursor[0] == 0)
+    user.run(f"here={veld.address}; ")
     user.completes("kest -u $here -r get Device.Tim", "kest -u $here -r get Device.Time.")
+
+
+@pytest.mark.parametrize("before", ["if x=1", "while :; do", "time", "!", "then"])
+def test_kest_is_completed_behind_words_of_the_shell(any_user, veld, before):
+    to = f"{before} kest -u {veld.address} -r"
+    any_user.completes(f"{to} get Device.DeviceInfo.Upt", f"{to} get Device.DeviceInfo.Uptime ")
+
+
+def test_kest_is_completed_within_a_substitution(any_user, veld):
+    kest = f"kest -u {veld.address} -r"
+    for before in ("echo $(", "echo a `", "test $(uname -s; kest -v) = $(if "):
+        any_user.completes(f"{before}{kest} get Device.Tim", f"{before}{kest} get Device.Time.")
+    to = f"{kest} set Device.Time.NTPServer1=$({kest} get"
+    any_user.completes(f"{to} Device.DeviceInfo.Upt", f"{to} Device.DeviceInfo.Uptime ")
+    assert "Uptime" not in any_user.offered(f"echo $({kest} set Device.Time.", "NTPServer1=")
+
+
+def test_kest_is_completed_within_double_quotes(bash_user, veld):
+    to = f'echo "a $(kest -u {veld.address} -r'
+    bash_user.completes(f"{to} get Device.Tim", f"{to} get Device.Time.")
+    bash_user.completes(f"{to} get Device.DeviceInfo.Upt", f"{to} get Device.DeviceInfo.Uptime ")
+    path = "Device.Hosts.AccessControl.1.AccessPolicy"
+    bash_user.completes(f"{to} set '{path}=\"D", f"{to} set '{path}=\"Deny\"' ")
+    words = bash_user.offered(f"{to} ls Device.IP.", "Diagnostics.")
+    assert not [word for word in words if word.startswith("Device")]
+
+
+def test_what_stands_beside_kest_is_completed_as_ever(bash_user, veld, tmp_path):
+    (tmp_path / "two words").touch()
+    for before in ("cat ", f"test $(kest -u {veld.address} -r get Device.DeviceInfo.Uptime) = ", f"kest -u {veld.address} -r get $(cat "):
+        bash_user.completes(f"{before}two", f"{before}two\\ words ")
+    bash_user.completes("echo kest $HISTSI", "echo kest $HISTSIZE ")
+    bash_user.stays("echo $(kest -u /nowhere -r get tw")
 
 
 def test_no_daemon_is_passed_over_in_silence(user, sandbox):

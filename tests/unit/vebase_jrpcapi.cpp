@@ -452,7 +452,7 @@ TEST(JrpcApi, FinishesAHalfSentRequestBeforeTheNext)
         EXPECT_LT(ve_jrpcapi_exec(ctx.get(), large.get()), 0);
         EXPECT_EQ(ve_jrpcmsg_error_code(large.get()), -32001);
         go = true;
-        ve_jrpcapi_set_timeout(ctx.get(), 20000);
+        ve_jrpcapi_set_timeout(ctx.get(), peer_patience_s * 1000);
         EXPECT_EQ(ask(ctx, "Small"), 0);
     }
     EXPECT_EQ(lines[0], "whole");
@@ -484,7 +484,7 @@ TEST(JrpcApi, NeverSendsARequestThatTimedOutBeforeItBeganToGoOut)
         const msg_ref third(ve_jrpcmsg_create_new("Third", nullptr));
         EXPECT_LT(ve_jrpcapi_send(ctx.get(), third.get()), 0);
         go = true;
-        ve_jrpcapi_set_timeout(ctx.get(), 20000);
+        ve_jrpcapi_set_timeout(ctx.get(), peer_patience_s * 1000);
         EXPECT_EQ(ask(ctx, "Last"), 0);
     }
     ASSERT_EQ(lines.size(), 2U);
@@ -566,7 +566,7 @@ TEST(JrpcApi, ReceivesEventsAndAnswersAndPassesOverTheRest)
         usleep(20000);
     });
     const context ctx = connected_to(peer);
-    ve_jrpcapi_set_timeout(ctx.get(), 10000);
+    ve_jrpcapi_set_timeout(ctx.get(), peer_patience_s * 1000);
     const msg_ref event(ve_jrpcapi_recv(ctx.get()));
     ASSERT_TRUE(event);
     EXPECT_EQ(ve_jrpcmsg_event_id(event.get()), 12U);
@@ -655,7 +655,7 @@ TEST(JrpcApi, SendsWhileAnotherThreadReceives)
     });
     const context ctx = connected_to(peer);
     ve_jrpcapi_set_flags(ctx.get(), ve_jrpcapi_flag_events);
-    ve_jrpcapi_set_timeout(ctx.get(), 20000);
+    ve_jrpcapi_set_timeout(ctx.get(), peer_patience_s * 1000);
     int events = 0;
     int answers = 0;
     std::thread receiver([&] {

@@ -125,7 +125,7 @@ context secure_context(const char *destination)
     context ctx(ve_jrpcapi_init());
     ve_jrpcapi_set_destination(ctx.get(), destination, nullptr, ve_socket_unix);
     ve_jrpcapi_set_flags(ctx.get(), ve_jrpcapi_flag_ssl);
-    ve_jrpcapi_set_timeout(ctx.get(), 20000);
+    ve_jrpcapi_set_timeout(ctx.get(), peer_patience_s * 1000);
     return ctx;
 }
 
