@@ -75,6 +75,7 @@ bool sigint_is_pending()
 
 int ve_child_run(const char *command)
 {
+    reap_left();
     if (sigint_is_pending()) {
         // A key that came before there was a child cannot reach what that starts.
         ve_wait_discard_sigint();

@@ -1,5 +1,6 @@
 """The Lua console: statements, Lua mode on pipes and on a terminal."""
 
+import os
 import re
 import signal
 import subprocess
@@ -325,14 +326,19 @@ def test_what_is_long_is_printed_whole(veld, kest):
     assert len(numbers) == 100000 and all(number == i for i, number in enumerate(numbers, 1))
 
 
-def test_a_child_that_nobody_closed_is_not_left_behind(lua_console):
+@pytest.mark.parametrize("next_child", ["os.execute('true')", "io.popen('true'):close()"])
+def test_a_child_that_nobody_closed_is_not_left_behind(lua_console, tmp_path, next_child):
     term = lua_console
-    term.run("f = io.popen('true')")
+    children = Path(f"/proc/{term.pid}/task/{term.pid}/children")
+    os.mkfifo(tmp_path / "end")
+    term.run(f"f = io.popen('read x <{tmp_path}/end')")
     term.run("f = nil collectgarbage()")
+    assert children.read_text()
+    (tmp_path / "end").write_text("")
     moment = settings.deadline()
-    while (children := Path(f"/proc/{term.pid}/task/{term.pid}/children").read_text()):
-        assert settings.remaining(moment), children
-        term.run("os.execute('true')")  # the next child is when one looks
+    while children.read_text():
+        assert settings.remaining(moment)
+        term.run(next_child)  # the next child is when one looks
 
 
 ROWS = [
