@@ -1,6 +1,7 @@
 """Whoever wrote last, the prompt stands once: on a fresh row, or behind what really stands unfinished on its own. Nothing that
 was written is shown twice, nothing is wiped out."""
 
+import random
 import re
 
 import pytest
@@ -203,3 +204,108 @@ def test_events_at_once_leave_what_stands_before_the_prompt(rows):
         rows.stand()
         rows.written += texts
         rows.check()
+
+
+class Walk:
+    """Somebody who types at random while events come at random."""
+
+    def __init__(self, rows, seed):
+        self.rows, self.term, self.random, self.number = rows, rows.term, random.Random(seed), 9
+        self.steps = []
+
+    def text(self):
+        self.number += 1
+        return text_of(self.number, self.random.choice((7, 7, 7, *SIZES[1:])))
+
+    def events(self, most=3):
+        """Some events, all at once."""
+        told = []
+        for _ in range(self.random.randint(0, most)):
+            self.number += 1
+            told.append(text_of(self.number, 7))
+            self.rows.fake.event(12, told[-1])
+        self.rows.written += told
+        self.steps.append(f"events {told}")
+
+    def maybe_events(self):
+        if self.random.random() < 0.5:
+            self.events()
+
+    def maybe_wait_for_line(self, end):
+        """Waits until the line is seen, or types on before."""
+        if self.random.random() < 0.5:
+            self.term.wait_for(lambda term: self.line().rstrip().endswith(end))
+
+    def line(self):
+        row, _ = self.term.cursor
+        return self.term.line(max(0, row - 1)).ljust(WIDTH) + self.term.line(row)
+
+    def command(self):
+        writer = self.random.choice([name for name in WRITERS if WRITERS[name]("w10qxz")[0] and name != "io.read"])
+        text = self.text()
+        self.go(WRITERS[writer](text)[0], text)
+
+    def two_commands_in_one(self):
+        texts = [self.text(), self.text()]
+        names = [self.random.choice([name for name in STATEMENTS if name != "io.read"]) for _ in texts]
+        self.go("lua " + " ".join(STATEMENTS[name](text) for name, text in zip(names, texts)), *texts)
+
+    def go(self, line, *texts):
+        self.steps.append(line)
+        self.maybe_events()
+        cut = self.random.randrange(len(line))
+        self.term.type(line[:cut])
+        self.maybe_events()
+        self.term.type(line[cut:])
+        self.maybe_wait_for_line(line[-5:])
+        self.maybe_events()
+        self.term.type(Key.ENTER)
+        self.rows.written += texts
+        self.rows.prompts += 1
+        self.events()
+
+    def half_a_line(self):
+        text = "half" * self.random.randint(1, 15)
+        self.steps.append(text)
+        self.term.type(text)
+        self.maybe_wait_for_line(text[-4:])
+        self.events()
+        self.term.type(Key.LEFT * self.random.randint(0, len(text)))
+        self.maybe_events()
+        self.term.type(Key.CTRL_E + Key.CTRL_U)
+
+    def ctrl_c(self):
+        self.steps.append("ctrl_c")
+        self.events()
+        self.term.type("dropped" + Key.CTRL_C)
+        self.rows.prompts += 1
+        self.events()
+
+    def tab(self):
+        self.steps.append("tab")
+        self.events(1)
+        self.term.type("get Device.Time.En" + Key.TAB)
+        self.events()
+        self.term.wait_for(lambda term: self.line().rstrip().endswith("Enable"))
+        self.term.type(Key.CTRL_U)
+
+    def go_on(self, steps):
+        ways = [self.command, self.command, self.two_commands_in_one, self.half_a_line, self.ctrl_c, self.tab]
+        for _ in range(steps):
+            self.random.choice(ways)()
+            self.term.wait_for(self.is_settled)
+            self.rows.stand()
+            self.rows.check(ordered=False)
+
+    def is_settled(self, term):
+        """Whether all is there, and nothing but the prompt behind it."""
+        return self.rows.shown().endswith(PROMPT) and all(text.encode() in term.raw for text in self.rows.written)
+
+
+@pytest.mark.parametrize("seed", range(8))
+def test_whatever_comes_while_somebody_types_all_of_it_stands_once(rows, seed):
+    walk = Walk(rows, seed)
+    try:
+        walk.go_on(20)
+    except AssertionError as error:
+        raise AssertionError("\n".join(walk.steps[-8:])) from error

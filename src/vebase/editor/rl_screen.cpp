@@ -151,18 +151,19 @@ bool rl_screen::draw(const content &what)
 
 void rl_screen::erase()
 {
-    if (shown_)
-        write_screen(rl_erase(painted_));
-    else if (!drawn_)
-        before_.clear(); // it stands there still, and the other thread's text ends that row
-    forget();
+    // Before the first picture the row is the output's own; what comes to it meanwhile is looked at by claim().
+    if (drawn_) {
+        if (shown_)
+            write_screen(rl_erase(painted_));
+        forget();
+    }
     rl_control_release_screen();
 }
 
 void rl_screen::leave()
 {
     erase();
-    if (!before_.empty() && !rl_control_hidden())
+    if (drawn_ && !before_.empty() && !rl_control_hidden())
         write_screen(before_);
 }
 
