@@ -5,6 +5,7 @@ import os
 import signal
 import socket
 import subprocess
+from pathlib import Path
 
 import pytest
 
@@ -96,6 +97,18 @@ def test_an_untrusted_peer_is_named_with_its_address(kest_start, veld_start, cer
     run.finish()
     assert run.err.startswith(f"kest: {address}: TLS: the peer does not prove to be 127.0.0.1: ")
     assert run.err.count("\n") == 1
+
+
+def test_a_peer_that_is_trusted_later_is_waited_for(kest_start, veld_start, certificate, tmp_path):
+    cert, key = certificate
+    device = veld_start("--tls-cert", cert, "--tls-key", key)
+    store = tmp_path / "store.pem"
+    run = kest_start("--ssl", "-r", "ls", to=device, env={"SSL_CERT_FILE": str(store)})
+    run.wait_for("\n", stream="err")
+    assert "the peer does not prove to be localhost" in run.err
+    store.write_bytes(Path(cert).read_bytes())
+    run.finish()
+    assert run.out and run.status == 0 and run.err.count("\n") == 1
 
 
 def test_on_a_terminal_the_reason_and_the_spinner_have_rows_of_their_own(terminal, tmp_path):

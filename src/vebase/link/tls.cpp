@@ -5,7 +5,9 @@
 #include <climits>
 #include <cstdlib>
 #include <dlfcn.h>
+#include <mutex>
 #include <netinet/in.h>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -29,7 +31,7 @@ struct symbol {
     template <class Function> operator Function *() const { return reinterpret_cast<Function *>(address); }
 };
 
-/// The functions of the loaded library, and the one context that all sessions of the process share.
+/// The functions of the loaded library.
 struct openssl {
     explicit openssl(void *loaded) : library(loaded), complete(loaded != nullptr) {}
 
@@ -45,6 +47,7 @@ struct openssl {
     decltype(&::CRYPTO_set_mem_functions) set_mem_functions = find("CRYPTO_set_mem_functions");
     decltype(&::TLS_client_method) client_method = find("TLS_client_method");
     decltype(&::SSL_CTX_new) ctx_new = find("SSL_CTX_new");
+    decltype(&::SSL_CTX_free) ctx_free = find("SSL_CTX_free");
     decltype(&::SSL_CTX_ctrl) ctx_ctrl = find("SSL_CTX_ctrl");
     decltype(&::SSL_CTX_set_options) ctx_set_options = find("SSL_CTX_set_options");
     decltype(&::SSL_CTX_set_verify) ctx_set_verify = find("SSL_CTX_set_verify");
@@ -74,9 +77,6 @@ struct openssl {
     decltype(&::ERR_clear_error) clear_error = find("ERR_clear_error");
     decltype(&::ERR_get_error) get_queued_error = find("ERR_get_error");
     decltype(&::ERR_reason_error_string) reason_string = find("ERR_reason_error_string");
-
-    SSL_CTX *context = nullptr;
-    std::string failure; // why there is no context
 };
 
 // The library's memory: where there is none the program ends with its text, as everywhere.
@@ -98,36 +98,78 @@ void release(void *memory, const char *, int)
     free(memory);
 }
 
-openssl load()
+/// What all sessions of the process share: the library, and the certificates that are trusted. Any thread.
+class shared
 {
-    openssl ssl(dlopen(library_name, RTLD_NOW | RTLD_LOCAL));
-    if (ssl.library == nullptr) {
-        const char *const reason = dlerror();
-        ssl.failure = reason != nullptr ? reason : library_name;
-        return ssl;
+public:
+    shared() : ssl(dlopen(library_name, RTLD_NOW | RTLD_LOCAL))
+    {
+        if (ssl.library == nullptr) {
+            const char *const reason = dlerror();
+            failure = reason != nullptr ? reason : library_name;
+        } else if (!ssl.complete) {
+            failure = std::string(library_name) + ": not the expected library";
+        } else {
+            ssl.set_mem_functions(allocate, reallocate, release);
+            context_ = make_context();
+            if (context_ == nullptr)
+                failure = "the library cannot be initialised";
+        }
     }
-    if (!ssl.complete) {
-        ssl.failure = std::string(library_name) + ": not the expected library";
-        return ssl;
-    }
-    ssl.set_mem_functions(allocate, reallocate, release);
-    SSL_CTX *const context = ssl.ctx_new(ssl.client_method());
-    if (context == nullptr || ssl.ctx_ctrl(context, SSL_CTRL_SET_MIN_PROTO_VERSION, TLS1_2_VERSION, nullptr) != 1 ||
-        ssl.ctx_set_default_verify_paths(context) != 1) {
-        ssl.failure = "the library cannot be initialised";
-        return ssl;
-    }
-    // Without renegotiation a write never has to wait for something to read.
-    ssl.ctx_set_options(context, SSL_OP_NO_RENEGOTIATION);
-    ssl.ctx_ctrl(context, SSL_CTRL_MODE, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER, nullptr);
-    ssl.ctx_set_verify(context, SSL_VERIFY_PEER, nullptr);
-    ssl.context = context;
-    return ssl;
-}
 
-const openssl &library()
+    /// A new session; null when there can be none.
+    SSL *make_session()
+    {
+        const std::scoped_lock lock(lock_);
+        if (std::exchange(doubted_, false)) {
+            if (SSL_CTX *const fresh = make_context()) {
+                ssl.ctx_free(context_); // sessions keep it as long as they need it
+                context_ = fresh;
+            }
+        }
+        return ssl.ssl_new(context_);
+    }
+
+    /// A peer was refused. What is trusted may be about to change, or could not be read: the next session reads it
+    /// again.
+    void doubt()
+    {
+        const std::scoped_lock lock(lock_);
+        doubted_ = true;
+    }
+
+    const openssl ssl;
+    std::string failure; ///< why there can be no session at all
+
+private:
+    SSL_CTX *make_context() const
+    {
+        SSL_CTX *const context = ssl.ctx_new(ssl.client_method());
+        if (context == nullptr)
+            return nullptr;
+        if (ssl.ctx_ctrl(context, SSL_CTRL_SET_MIN_PROTO_VERSION, TLS1_2_VERSION, nullptr) != 1 ||
+            ssl.ctx_set_default_verify_paths(context) != 1) {
+            ssl.ctx_free(context);
+            return nullptr;
+        }
+        // Without renegotiation a write never has to wait for something to read.
+        ssl.ctx_set_options(context, SSL_OP_NO_RENEGOTIATION);
+        ssl.ctx_ctrl(context, SSL_CTRL_MODE, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER,
+                     nullptr);
+        ssl.ctx_set_verify(context, SSL_VERIFY_PEER, nullptr);
+        return context;
+    }
+
+    std::mutex lock_;
+    SSL_CTX *context_ = nullptr;
+    bool doubted_ = false;
+};
+
+// Never destroyed: another thread may still talk while the program exits.
+shared &library()
 {
-    static const openssl loaded = load();
+    alignas(shared) static char place[sizeof(shared)];
+    static shared &loaded = *new (place) shared;
     return loaded;
 }
 
@@ -141,14 +183,14 @@ bool is_address(const std::string &name)
 class session final : public ve_tls
 {
 public:
-    session(const openssl &functions, std::string peer) : ssl_(functions), peer_(std::move(peer)) {}
+    session(shared &library, std::string peer) : library_(library), ssl_(library.ssl), peer_(std::move(peer)) {}
     session(const session &) = delete;
     session &operator=(const session &) = delete;
     ~session() override { ssl_.ssl_free(link_); }
 
     bool begin()
     {
-        link_ = ssl_.ssl_new(ssl_.context);
+        link_ = library_.make_session();
         if (link_ == nullptr)
             return false;
         // The session owns both from here on.
@@ -179,6 +221,7 @@ public:
         if (ssl_.get_error(link_, result) == SSL_ERROR_WANT_READ)
             return step::more;
         if (const long verified = ssl_.get_verify_result(link_); verified != X509_V_OK) {
+            library_.doubt();
             *error = "the peer does not prove to be " + peer_ + ": " + ssl_.verify_error_string(verified);
         } else {
             const char *const reason = ssl_.reason_string(ssl_.get_queued_error());
@@ -232,6 +275,7 @@ private:
         return ssl_.get_error(link_, count) == SSL_ERROR_WANT_READ ? 0 : -1;
     }
 
+    shared &library_;
     const openssl &ssl_;
     std::string peer_;
     SSL *link_ = nullptr;
@@ -248,12 +292,12 @@ std::string ve_tls::problem()
 
 std::unique_ptr<ve_tls> ve_tls::make(const std::string &name, std::string *error)
 {
-    const openssl &ssl = library();
-    if (ssl.context == nullptr) {
-        *error = ssl.failure;
+    shared &shared = library();
+    if (!shared.failure.empty()) {
+        *error = shared.failure;
         return nullptr;
     }
-    auto made = std::make_unique<session>(ssl, name);
+    auto made = std::make_unique<session>(shared, name);
     if (!made->begin()) {
         *error = "no session can be made for " + name;
         return nullptr;
