@@ -1,0 +1,18 @@
+# Read behind project() where make coverage configures: links counting.cpp into every program.
+add_library(kest_counting OBJECT ${CMAKE_CURRENT_LIST_DIR}/counting.cpp)
+set_property(TARGET kest_counting PROPERTY CXX_STANDARD 20)
+
+function(kest_link_counting folder)
+  get_property(targets DIRECTORY ${folder} PROPERTY BUILDSYSTEM_TARGETS)
+  foreach(target IN LISTS targets)
+    get_property(type TARGET ${target} PROPERTY TYPE)
+    if(type STREQUAL "EXECUTABLE")
+      target_link_libraries(${target} PRIVATE kest_counting)
+    endif()
+  endforeach()
+  get_property(folders DIRECTORY ${folder} PROPERTY SUBDIRECTORIES)
+  foreach(inner IN LISTS folders)
+    kest_link_counting(${inner})
+  endforeach()
+endfunction()
+cmake_language(DEFER CALL kest_link_counting ${CMAKE_SOURCE_DIR})

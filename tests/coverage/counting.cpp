@@ -1,0 +1,105 @@
+// Linked into the programs of make coverage. What they did is written down by exit() alone: here, by what else ends a
+// program (_exit, abort, a signal that it raises) as well.
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <pthread.h>
+#include <string_view>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+extern "C" {
+void __gcov_dump();
+void __gcov_reset();
+}
+
+namespace
+{
+
+bool watched; // by the torture, which looks what calls there are: there shall be none but the program's own
+
+// Called before what is loaded ahead takes these out of the environment.
+void look(int, char **, char **environment)
+{
+    const auto has = [environment](std::string_view name) {
+        for (char **entry = environment; *entry != nullptr; entry++) {
+            if (std::string_view(*entry).starts_with(name))
+                return true;
+        }
+        return false;
+    };
+    watched = has("TORTURE_COUNTERS=") && !has("TORTURE_ALLOCATION=") && !has("TORTURE_SHORT=");
+}
+[[gnu::section(".preinit_array"), gnu::used]] void (*const before_libraries)(int, char **, char **) = look;
+
+void write_down()
+{
+    if (watched)
+        return;
+    // The limits of the program are not those of its counts, to which programs of other users add.
+    for (const auto resource : {RLIMIT_AS, RLIMIT_DATA, RLIMIT_FSIZE, RLIMIT_NOFILE}) {
+        rlimit limit{};
+        getrlimit(resource, &limit);
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(resource, &limit);
+    }
+    const mode_t before = umask(0);
+    __gcov_dump();
+    umask(before);
+}
+
+[[noreturn]] void end(int status)
+{
+    syscall(SYS_exit_group, status);
+    __builtin_unreachable();
+}
+
+void at_exit(int status, void *)
+{
+    write_down();
+    if (!watched)
+        return;
+    fflush(stdout);
+    fflush(stderr);
+    end(status);
+}
+
+// After the loader has said what it wants done at the end, so that this is done before.
+[[gnu::constructor(101)]] void begin()
+{
+    on_exit(at_exit, nullptr);
+}
+
+} // namespace
+
+extern "C" {
+
+void _exit(int status)
+{
+    write_down();
+    end(status);
+}
+
+int raise(int number) noexcept
+{
+    struct sigaction now {
+    };
+    sigaction(number, nullptr, &now);
+    if (now.sa_handler == SIG_DFL && number != SIGTSTP) {
+        write_down();
+        __gcov_reset(); // it may be blocked, and come later; what is done until then is written once more
+    }
+    return pthread_kill(pthread_self(), number);
+}
+
+void abort() noexcept
+{
+    raise(SIGABRT);
+    signal(SIGABRT, SIG_DFL);
+    raise(SIGABRT);
+    end(127);
+}
+}
