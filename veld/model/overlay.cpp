@@ -143,11 +143,8 @@ bool applier::instances(node *of, json_t *numbered)
         tree_->remove(tree_->instance(of, number));
     for (const entry &one : entries) {
         node *instance = tree_->instance(of, one.number);
-        if (instance == nullptr) {
-            if (!present.empty() && present.back()->number > one.number)
-                return fail(of, "instance " + std::to_string(one.number) + " cannot be there");
+        if (instance == nullptr)
             instance = tree_->add_numbered(of, one.number, last);
-        }
         if (!any(instance, one.overlay))
             return false;
     }

@@ -448,6 +448,15 @@ bool loader::children(json_t *members, const surroundings &around, scheme *into)
     return true;
 }
 
+/// Where a node is described, with "{i}" for what every instance of a table is.
+std::string path_of(const scheme *what)
+{
+    if (what->parent == nullptr)
+        return "";
+    const std::string above = path_of(what->parent);
+    return (above.empty() ? "" : above + ".") + (what->name.empty() ? "{i}" : what->name);
+}
+
 // Parameters with "entries" count the instances of the table of that name beside them.
 bool connect_counts(scheme *what, std::string *error)
 {
@@ -456,7 +465,7 @@ bool connect_counts(scheme *what, std::string *error)
             continue;
         const int table = what->find(child->provider);
         if (table < 0 || what->children[static_cast<size_t>(table)]->kind != node_kind::table) {
-            *error = what->name + "." + child->name + ": \"entries\" names no table beside it";
+            *error = path_of(child.get()) + ": \"entries\" names no table beside it";
             return false;
         }
         child->counted = static_cast<size_t>(table);

@@ -262,7 +262,8 @@ node *tree::add_numbered(node *table, uint32_t number, size_t at)
     auto made = make_node(*table->what->element, table);
     made->number = number;
     node *borrowed = made.get();
-    state.instances.push_back(std::move(made));
+    state.instances.insert(std::lower_bound(state.instances.begin(), state.instances.end(), number, before),
+                           std::move(made));
     state.highest = std::max(state.highest, number);
     if (table->what->ordered)
         state.order.insert(state.order.begin() + static_cast<ptrdiff_t>(std::min(at, state.order.size())), number);

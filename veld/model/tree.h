@@ -81,7 +81,7 @@ public:
 
     /// Makes the next instance of a table, at that place of the order (from 0; beyond the end: last).
     node *add(node *table, size_t at);
-    /// As add(), with a given number, which must be higher than every number so far.
+    /// As add(), with a given number that no instance of the table has.
     node *add_numbered(node *table, uint32_t number, size_t at);
     void remove(node *instance);
     /// Moves an instance of an ordered table to that place (from 0; beyond the end: last).
