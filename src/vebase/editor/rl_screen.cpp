@@ -72,13 +72,17 @@ void rl_screen::begin(std::string_view prompt, const std::string &prompt_color, 
     go_behind_output();
 }
 
-void rl_screen::printed_meanwhile()
+/// Something may have been printed since the screen was last looked at.
+void rl_screen::look_at_output()
 {
+    if (ve_out_count() == found_at_)
+        return;
     if (shown_)
         ve_out_row_unknown(); // it began behind the line
     // A line that was taken off the screen for it comes back as it was, with what stood before it.
     if (shown_ || !drawn_ || !ve_out_unfinished_row().empty())
         go_behind_output();
+    found_at_ = ve_out_count();
 }
 
 void rl_screen::go_behind_output()
@@ -107,13 +111,12 @@ void rl_screen::go_behind_output()
     }
 }
 
-/// The right to draw. What another thread printed before the first picture is what the line then goes behind.
+/// The right to draw, behind whatever was printed meanwhile.
 bool rl_screen::claim()
 {
     if (!rl_control_claim_screen())
         return false;
-    if (!drawn_ && ve_out_count() != found_at_)
-        go_behind_output();
+    look_at_output();
     drawn_ = true;
     return true;
 }
@@ -153,8 +156,12 @@ void rl_screen::erase()
 {
     // Before the first picture the row is the output's own; what comes to it meanwhile is looked at by claim().
     if (drawn_) {
-        if (shown_)
+        if (shown_ && ve_out_count() != found_at_) {
+            ve_out_row_unknown(); // somebody did not wait, and has written behind the line
+            drawn_ = false;
+        } else if (shown_) {
             write_screen(rl_erase(painted_));
+        }
         forget();
     }
     rl_control_release_screen();

@@ -32,8 +32,6 @@ public:
 
     /// Begins a read: the prompt goes behind what the output's last row already holds.
     void begin(std::string_view prompt, const std::string &prompt_color, const std::string &hint_color);
-    /// Something was printed since the last drawing, perhaps over the line: the next one goes behind it.
-    void printed_meanwhile();
     /// Shows `what`. False, and nothing is drawn, while another thread wants the screen.
     bool draw(const content &what);
     /// Takes the line off the screen, if it is there.
@@ -50,6 +48,7 @@ public:
 
 private:
     bool claim();
+    void look_at_output();
     void go_behind_output();
     rl_layout lay_out(const content &what, std::string_view suffix) const;
 
@@ -61,6 +60,6 @@ private:
     rl_painted painted_;
     std::string last_; // what the last drawing wrote, when it still stands
     bool shown_ = false;
-    bool drawn_ = false;  // at least once behind what the output's last row held ...
-    size_t found_at_ = 0; // ... when so much had been printed
+    bool drawn_ = false;  // at least once behind what the output's last row held
+    size_t found_at_ = 0; // so much had been printed when the screen was looked at last
 };

@@ -48,7 +48,6 @@ template <class Call> bool rl_session::run_callback(callback kind, const Call &c
     abandoned_ = false;
     if (look_ahead())
         interrupt_typed();
-    const size_t printed = ve_out_count();
     if (!abandoned_ && outcome_ == rl_outcome::none) {
         ve_wait_set_companion(this);
         call();
@@ -61,8 +60,6 @@ template <class Call> bool rl_session::run_callback(callback kind, const Call &c
     running_ = callback::none;
     ve_wait_clear_interrupt();
     ve_out_flush();
-    if (ve_out_count() != printed)
-        screen_.printed_meanwhile();
     return !abandoned_ && outcome_ == rl_outcome::none;
 }
 
