@@ -400,3 +400,61 @@ def test_a_file_that_does_not_fit_stops_the_start(sandbox, text, expected):
     argv = [settings.VELD, "--socket", sandbox.new_socket(), "--model", "model.json", "--behaviour", "b.lua"]
     done = subprocess.run(argv, env=sandbox.environment(None), cwd=sandbox.work, capture_output=True, timeout=settings.DEADLINE)
     assert (done.returncode, done.stderr.decode()) == (1, expected)
+
+
+def test_what_a_file_asks_for_in_vain_is_said(filed):
+    """In its beginning, and later, in a call."""
+    veld = filed("""
+        local said = {}
+        local function try(f, ...) said[#said + 1] = tostring(select(2, pcall(f, ...))) end
+        on_set("Device.A", function() end)
+        try(on_set, "Device.A", print)
+        try(get, "Device.A")
+        try(set, "Device.B", 1)
+        try(event, 12)
+        local timers = {}
+        for i = 1, 1000 do timers[i] = after(3600, print) end
+        try(after, 1, print)
+        for i = 1, 1000 do cancel(timers[i]) end
+        on_call("Device.Run", function(input)
+            try(on_get, "Device.A", print)
+            try(get, "Device.None")
+            try(set, "Device.B", nil)
+            try(set, "Device.B", print)
+            try(set, "Device.B", "text")
+            try(set, "Device.C", "\\xff")
+            try(event, 12, 0/0)
+            try(event, 12, {[true] = 1})
+            try(event, 12, {a = "\\xff"})
+            try(event, 12, {["\\xff"] = 1})
+            local deep = {}
+            for i = 1, 20 do deep = {deep} end
+            try(event, 12, deep)
+            return {R = table.concat(said, "\\n")}
+        end)
+    """)
+    peer = veld.connect()
+    assert outputs(peer.answer(execute(peer, "Device.Run")))["R"].splitlines() == [
+        "a second on_set() for Device.A",
+        "get() is not for the beginning",
+        "set() is not for the beginning",
+        "event() is not for the beginning",
+        "too many timers",
+        "on_get() is for the beginning",
+        "no such parameter: Device.None",
+        "Device.B: cannot be nil",
+        "Device.B: cannot be a value that is no text, number, boolean or table",
+        "Device.B: must be an integer",
+        "Device.C: cannot be a text that is not UTF-8",
+        "an event cannot carry a number that is none",
+        "an event cannot carry a table with a key that is neither a text nor an integer",
+        "an event cannot carry a text that is not UTF-8",
+        "an event cannot carry a text that is not UTF-8",
+        "an event cannot carry a table that is nested too deep",
+    ]
+
+
+@pytest.mark.parametrize("options, kinds", [((), "nil nil function"), (("--trust-behaviour",), "table function function")])
+def test_only_a_trusted_file_has_all_libraries(filed, options, kinds):
+    veld = filed("""on_get("Device.Log", function() return type(io) .. " " .. type(os.execute) .. " " .. type(os.time) end)""", *options)
+    assert veld.value("Device.Log") == kinds

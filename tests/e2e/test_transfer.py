@@ -60,6 +60,16 @@ def test_wrong_words_send_nothing(fake, kest, words):
     assert fake.methods() == ["JoinGroup"]
 
 
+def test_a_file_below_a_name_that_is_no_text_is_refused(fake, kest, tmp_path):
+    folder = os.fsencode(tmp_path) + b"/\xff"
+    os.mkdir(folder)
+    with open(folder + b"/file", "w"):
+        pass
+    run = kest("-r", "download", "file", "file", to=fake, cwd=folder)
+    assert (run.out, run.status) == ("download: file: the path is not UTF-8.\n", 255)
+    assert fake.methods() == ["JoinGroup"]
+
+
 def test_the_method_name_stands_in_the_syntax(fake, kest):
     assert kest("-r", "Download", "x", to=fake).out == SYNTAX.format("Download")
 

@@ -144,6 +144,19 @@ def answer(data):
     return serve_http
 
 
+def test_a_host_is_found_by_its_name_and_told_it(peer, state, serve):
+    heard = []
+
+    def serve_named(link):
+        heard.append(link.recv(4096))
+        link.sendall(b"HTTP/1.0 200 OK\r\n\r\ncontent")
+
+    port = serve(serve_named)
+    assert peer.call("Download", FileType="File", URL=f"http://localhost:{port}/named.cfg") == STATUS_OK
+    assert (state / "files" / "named.cfg").read_bytes() == b"content"
+    assert f"\r\nHost: localhost:{port}\r\n".encode() in heard[0]
+
+
 def test_without_a_target_the_url_names_the_file(peer, state, tmp_path, serve):
     _, url, _ = write(tmp_path, "named.cfg", b"x")
     peer.call("Download", FileType="File", URL=url)

@@ -145,7 +145,7 @@ def set_one(peer, name, value):
 
 
 def test_an_instance_has_values_of_its_own_from_the_factory(sandbox, veld_start):
-    (sandbox.work / "box.values").write_text("# this box\n\nDevice.Serial=S=41\nDevice.Level=7\n")
+    (sandbox.work / "box.values").write_bytes(b"# this box\r\n\r\nDevice.Serial=S=41\r\nDevice.Level=7\n")
     (sandbox.work / "box.json").write_text('{"Device.Big": "18446744073709551615", "Device.Level": 8}')
     veld = veld_start(
         *("--values", sandbox.work / "box.values", "--values", "box.json", "--set", "Device.Serial=S42", "--set", "Device.Up=3"),
@@ -168,6 +168,7 @@ def test_an_instance_has_values_of_its_own_from_the_factory(sandbox, veld_start)
 def test_values_that_do_not_fit_stop_the_start(sandbox):
     path = model_file(sandbox, USERS)
     (sandbox.work / "bad.values").write_text("Device.Serial=S1\nDevice.Level\n")
+    (sandbox.work / "bad.json").write_text("{\n  1\n}\n")
     for options, status, expected in (
         (["--set", "Device.Serial=1"], 1, "Device.Serial: must have at least 2 characters"),
         (["--set", "Device.Level=eleven"], 1, 'Device.Level: "eleven" is no value of type unsignedInt'),
@@ -177,6 +178,7 @@ def test_values_that_do_not_fit_stop_the_start(sandbox):
         (["--set", "Device.Level"], 2, "--set Device.Level: must be of the form PATH=VALUE"),
         (["--values", "bad.values"], 2, '--values bad.values:2: "Device.Level" is not of the form PATH=VALUE'),
         (["--values", "none"], 2, "--values none: No such file or directory"),
+        (["--values", "bad.json"], 2, "--values bad.json:2:3: string or '}' expected near '1'"),
         (["--anonymous", "root"], 2, '--anonymous root: must be "public", "user" or "admin"'),
         (["--user", "anna"], 2, '--user anna: must be of the form NAME:ROLE, with "user" or "admin"'),
         (["--user", "anna:admin"], 1, "--user anna: no password"),

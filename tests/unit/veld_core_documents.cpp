@@ -35,6 +35,7 @@ TEST(VeldDocuments, AMistakeInAModelIsRefusedWithItsPlace)
          R"(Device.P: "access" must be "readOnly" or "readWrite")"},
         {R"({"P":{"type":"int","default":1,"enum":1}})", R"(Device.P: "enum" must be an array)"},
         {R"({"P":{"type":"int","default":1,"value":"1"}})", R"(Device.P: "value" is no int)"},
+        {R"({"P":{"type":"string","default":"a,b","maxCount":1}})", R"(Device.P: "default" must have at most 1 items)"},
         {R"({"P":{"type":"string","default":"","valuesOf":"Device.T."}})",
          R"(Device.P: "valuesOf" must be the path of a parameter)"},
         {R"({"P":{"type":"string","default":"","itemsOf":1}})",
