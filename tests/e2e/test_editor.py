@@ -972,6 +972,15 @@ def test_a_progress_bar_fits_the_terminal(editor):
     term.wait_for("100%")
 
 
+def test_where_nothing_fits_but_the_percentage_that_is_shown(editor):
+    term = editor(columns=16)
+    term.type("bar 50 Flashing much:" + Key.ENTER)
+    term.wait_for(lambda term: " 50%" in term.lines)
+    term = editor(columns=24)
+    term.type("bar 50 Flashing much:" + Key.ENTER)
+    term.wait_for(lambda term: "Flashing much:  50%" in term.lines)
+
+
 @pytest.mark.parametrize("name", ["linux", "vt100", "no-such-terminal"])
 def test_any_kind_of_terminal_will_do(editor, name):
     term = editor(TERM=name)

@@ -52,6 +52,19 @@ def test_the_examples_of_the_page_print_what_it_says(script, code, printed):
     assert run.status == (int(status.group(1)) if status else 0)
 
 
+def test_a_script_moves_in_a_file_that_is_its_input(kest, tmp_path, veld):
+    (tmp_path / "script.lua").write_text("""
+        print(io.read("l"), io.stdin:seek("cur"), io.stdin:seek("set", 0))
+        print(io.read("l"), io.read("l"), io.stdin:seek("end"), io.read("l"))
+        print(io.stdin:seek("set", -1))
+    """)
+    (tmp_path / "input").write_text("first\nsecond\nthird\n")
+    with open(tmp_path / "input", "rb") as given:
+        run = kest("-S", "script.lua", to=veld, stdin=given.fileno())
+    assert run.out == "first\t6\t0\nfirst\tsecond\t19\tnil\nnil\tInvalid argument\t22\n"
+
+
+
 def test_lua_calculates_as_the_c_library_does(script):
     """The library of mathematics is loaded only when Lua first calculates."""
     names = ["acos", "asin", "cos", "cosh", "exp", "log10", "sin", "sinh", "sqrt", "tan", "tanh"]

@@ -344,4 +344,14 @@ TEST(Requests, AreRefusedBeforeThereIsALink)
     EXPECT_EQ(ask(), -32002);
     EXPECT_LT(msg_login("admin", nullptr), 0);
     EXPECT_LT(msg_logout(), 0);
+    const auto refuses = [](int (*send)(ve_jrpcmsg *)) {
+        const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+        EXPECT_LT(send(message.get()), 0);
+        EXPECT_EQ(ve_jrpcmsg_error_code(message.get()), -32002);
+    };
+    refuses([](ve_jrpcmsg *message) { return msg_exec_once(message, 1); });
+    refuses([](ve_jrpcmsg *message) { return group_exec(message, 1); });
+    refuses(msg_send);
+    refuses(msg_post);
+    refuses(group_send);
 }

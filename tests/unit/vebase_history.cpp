@@ -125,6 +125,27 @@ TEST_F(history, multi_line_entries_survive_a_reload)
     EXPECT_EQ(entries(again), all);
 }
 
+TEST_F(history, an_escape_that_nobody_writes_stays_as_it_is)
+{
+    put("h", "\001a\\tb\\\n");
+    EXPECT_EQ(load(lines, "h"), 0);
+    EXPECT_EQ(entries(lines), texts{"a\\tb\\"});
+}
+
+TEST_F(history, one_of_another_user_is_left_alone)
+{
+    put("h", "theirs\n");
+    if (chown(path("h").c_str(), 65534, 65534) != 0)
+        GTEST_SKIP() << "only root can give files away";
+    testing::internal::CaptureStderr();
+    EXPECT_LT(load(lines, "h"), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              path("h") + ": a file of another user, the history there is left alone.\n");
+    lines.add("mine");
+    EXPECT_LT(lines.save(), 0);
+    EXPECT_EQ(get("h"), "theirs\n");
+}
+
 TEST_F(history, is_written_for_its_user_alone)
 {
     put("h", "old\n");

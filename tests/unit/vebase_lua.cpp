@@ -118,6 +118,9 @@ TEST_F(VeLua, CollectsWhatCodePrints)
     EXPECT_EQ(run("io.stdout:setvbuf('full', 100) io.write('kept')"), "kept");
     EXPECT_EQ(run("print(setmetatable({}, {__tostring = function() return 'me' end}))"), "me\n");
     EXPECT_EQ(run("print('a\\0b')"), std::string("a\0b\n", 4));
+    EXPECT_EQ(run("print(os.execute())"), "true\n");
+    EXPECT_EQ(run("tostring = function() return {} end print(1)"),
+              "ERROR [string \"stdin\"]:1: 'tostring' must return a string to 'print'");
     EXPECT_EQ(run(""), "");
 }
 

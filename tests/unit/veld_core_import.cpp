@@ -412,6 +412,38 @@ TEST(Import, CommandsBecomeMethodsWithTheirArguments)
     EXPECT_EQ(result.counts.outputs, 6U);
 }
 
+TEST(Import, CommandsAndEventsThatCannotBeServedAreLeftOutAlone)
+{
+    imported result = import_text(document("", R"x(
+      <object name="Device.X.">
+        <command name="Run.It()"/>
+        <command name="Run()"/>
+        <command name="Run()"/>
+        <command name="Ask()"><input>
+          <object name="No path"><parameter name="A"><syntax><int/></syntax></parameter></object>
+          <parameter name="B"><syntax><int/></syntax></parameter>
+          <object name="B."><parameter name="C"><syntax><int/></syntax></parameter></object>
+        </input></command>
+        <event name="1!"/>
+        <event name="Now!"/>
+        <event name="Now!"/>
+      </object>
+      <object name="Device.T.{i}.">
+        <uniqueKey><parameter ref="None"/></uniqueKey>
+        <parameter name="P"><syntax><string/></syntax></parameter>
+      </object>)x"));
+    ASSERT_TRUE(result.model) << result.error;
+    EXPECT_EQ(result.warnings, R"(line 5: Device.X.Run.It: "Run.It" is no name that can be served; left out
+line 7: Device.X.Run: is declared twice; left out
+line 9: Device.X.Ask.No path: is no path of an object; left out
+line 11: Device.X.Ask.B.: is a parameter and an object; left out
+line 13: Device.X.1!: "1" is no name of an event; left out
+line 15: Device.X.Now!: is declared twice; left out
+line 18: Device.T.{i}.: there is no "None" for a unique key; the key is left out
+)");
+    EXPECT_EQ(result.node("Device/X/Ask"), R"({"type":"method","input":{"B":{"type":"int","default":0}},"output":{}})");
+}
+
 TEST(Import, CommandsThatTheDaemonKnowsAreConnected)
 {
     imported result = import_text(document("", R"x(<object name="Device.IP."/><object name="Device.IP.Diagnostics.">
