@@ -29,16 +29,16 @@ endif
 ifeq ($(BR2_PACKAGE_KEST_VELD),y)
 KEST_DEPENDENCIES += c-ares expat pcre2 zlib $(if $(BR2_PACKAGE_LIBXCRYPT),libxcrypt)
 KEST_CONF_OPTS += -DKEST_DAEMON=ON
-else
-KEST_CONF_OPTS += -DKEST_DAEMON=OFF
-endif
 
 define KEST_INSTALL_INIT_SYSV
-	$(if $(BR2_PACKAGE_KEST_VELD),$(INSTALL) -D -m 0755 $(KEST_PKGDIR)/S95veld $(TARGET_DIR)/etc/init.d/S95veld)
+	$(INSTALL) -D -m 0755 $(KEST_PKGDIR)/S95veld $(TARGET_DIR)/etc/init.d/S95veld
 endef
 
 define KEST_USERS
 	veld -1 veld -1 * /var/lib/veld - - Device management daemon
 endef
+else
+KEST_CONF_OPTS += -DKEST_DAEMON=OFF
+endif
 
 $(eval $(cmake-package))

@@ -127,3 +127,15 @@ def test_buildroot_builds_what_was_chosen(tmp_path, chosen):
     assert without[option] == "OFF"
     prefix = "BR2_" if chosen == "INIT_SYSTEMD" else "BR2_PACKAGE_"
     assert options(f"{prefix}{chosen}=y") == {**without, option: "ON"}
+
+
+def test_buildroot_has_the_daemons_user_and_script_where_the_daemon_is(tmp_path):
+    said = "cmake-package = $(info user: $(KEST_USERS))$(info script: $(KEST_INSTALL_INIT_SYSV))"
+    (tmp_path / "make").write_text(f"{said}\ninclude {PACKAGING}/buildroot/kest.mk\nall:\n")
+
+    def words(*chosen):
+        return run("make", "-s", "-f", tmp_path / "make", *chosen, cwd=tmp_path).stdout.split()
+
+    assert words() == ["user:", "script:"]
+    there = words("BR2_PACKAGE_KEST_VELD=y")
+    assert there[:3] == ["user:", "veld", "-1"] and there[-1].endswith("/etc/init.d/S95veld")
