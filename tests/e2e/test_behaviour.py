@@ -402,6 +402,16 @@ def test_a_file_that_does_not_fit_stops_the_start(sandbox, text, expected):
     assert (done.returncode, done.stderr.decode()) == (1, expected)
 
 
+def test_a_file_that_only_knows_its_images_leaves_the_flashing_to_the_daemon(upgradable):
+    veld, path = upgradable("function on_image(beginning) return beginning:match('^BOX (%S+)') end", "BOX 7.0.1 rest")
+    peer = veld.connect()
+    offered = peer.answer(offer(peer, path))["result"]
+    peer.join(2)
+    assert confirm(peer, offered) == {"Status": 0}
+    restarted(veld, peer)
+    assert [veld.value(INFO + name) for name in ("SoftwareVersion", "UpgradeStatus")] == ["7.0.1", 0]
+
+
 def test_what_a_file_asks_for_in_vain_is_said(filed):
     """In its beginning, and later, in a call."""
     veld = filed("""

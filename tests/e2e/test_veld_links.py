@@ -146,6 +146,10 @@ def test_what_cannot_be_listened_on_is_said(certificate, tmp_path):
     assert status == 1 and said.startswith(f"veld: {tmp_path / 'none'}: ")
     status, _, said = started(*common, "--tls-cert", certificate[0], "--tls-key", certificate[0])
     assert status == 1 and said.startswith(f"veld: {certificate[0]}: ")
+    locked = tmp_path / "locked"  # nobody is asked for the word
+    subprocess.run(["openssl", "pkey", "-in", certificate[1], "-aes128", "-passout", "pass:secret", "-out", locked], check=True)
+    status, _, said = started(*common, "--tls-cert", certificate[0], "--tls-key", locked)
+    assert status == 1 and said.startswith(f"veld: {locked}: ")
 
 
 def test_a_path_as_long_as_a_socket_may_have(tmp_path):
