@@ -190,6 +190,14 @@ def test_a_state_has_its_limit(small, state):
     assert refused_start(small) == (1, f"veld: {state}/config.json: File too large\n")
 
 
+@pytest.mark.parametrize("below, named", [("", ""), ("/state", "/state"), ("/a/state", "/a")])
+def test_a_state_that_can_have_no_directory_stops_the_start(tmp_path, sandbox, below, named):
+    (tmp_path / "file").write_text("")
+    argv = [settings.VELD, "--socket", sandbox.new_socket(), "--model", SMALL, "--state", f"{tmp_path}/file{below}"]
+    run = subprocess.run(argv, capture_output=True, text=True, timeout=settings.DEADLINE)
+    assert (run.returncode, run.stderr) == (1, f"veld: {tmp_path}/file{named}: Not a directory\n")
+
+
 def test_a_state_of_somebody_else_is_left_alone(small, state):
     peer = root(small)
     set_values(peer, Name="mine")
