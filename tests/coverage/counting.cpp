@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <pthread.h>
 #include <string_view>
 #include <sys/resource.h>
@@ -39,7 +40,8 @@ void write_down()
 {
     if (watched)
         return;
-    // The limits of the program are not those of its counts, to which programs of other users add.
+    // The limits of the program are not those of its counts, to which programs of other users add; what becomes of
+    // these is no output of the program.
     for (const auto resource : {RLIMIT_AS, RLIMIT_DATA, RLIMIT_FSIZE, RLIMIT_NOFILE}) {
         rlimit limit{};
         getrlimit(resource, &limit);
@@ -47,7 +49,12 @@ void write_down()
         setrlimit(resource, &limit);
     }
     const mode_t before = umask(0);
+    const int errors = dup(STDERR_FILENO), nowhere = open("/dev/null", O_WRONLY);
+    dup2(nowhere, STDERR_FILENO);
     __gcov_dump();
+    dup2(errors, STDERR_FILENO);
+    close(errors);
+    close(nowhere);
     umask(before);
 }
 
