@@ -8,7 +8,7 @@
 //   later COMMAND    the same when something was typed     quit         ends
 //   quiet COMMAND    the same without an answer
 // Descriptor 3, when it is open, takes orders for a second thread: "event TEXT", "shout TEXT" (without a word to the
-// editor), "hide", "show", "stop", "drop".
+// editor, and without a line end), "hide", "show", "stop", "drop".
 // Environment: DEMO_PROMPT, DEMO_HISTORY (a file), DEMO_WORDS (a JSON array of candidates), DEMO_SLOW (milliseconds
 // that a callback waits), DEMO_TIMEOUT, DEMO_HINTS, DEMO_COLORS,
 // DEMO_MANY (so many candidates more), DEMO_UNBUFFERED.
@@ -44,8 +44,7 @@ void order(const std::string &line)
         ve_out_direct(text.data(), text.size());
         ve_rl_write_control_char(control[1], ve_rl_show);
     } else if (line.starts_with("shout ")) {
-        const std::string text = "\n" + line.substr(6) + "\n";
-        ve_out_direct(text.data(), text.size());
+        ve_out_direct(line.data() + strlen("shout "), line.size() - strlen("shout "));
     } else if (line == "hide") {
         ve_rl_write_control_char(control[1], ve_rl_hide);
     } else if (line == "show") {

@@ -186,6 +186,15 @@ void dns_question::ask()
 void dns_question::proceed()
 {
     datagrams_left_ = datagrams_at_once;
+    // Versions of the library differ in how many datagrams they read at once.
+    for (int before = 0; datagrams_left_ > 0 && datagrams_left_ != before && !answer_;) {
+        before = datagrams_left_;
+        serve_ready();
+    }
+}
+
+void dns_question::serve_ready()
+{
     std::vector<pollfd> ready = watched_;
     if (poll(ready.data(), ready.size(), 0) <= 0)
         return;

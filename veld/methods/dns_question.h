@@ -47,6 +47,7 @@ private:
     static void socket_state(void *me, int fd, int readable, int writable);
     bool carries_answer(const void *bytes, size_t size) const;
     bool is_stream(int fd) const;
+    void serve_ready();
 
     std::string name_;
     dns_type type_;
