@@ -2,9 +2,11 @@
 
 import os
 import signal
+import subprocess
 
 import pytest
 
+from lib import settings
 from lib.commands import MODEL, refuse_logins
 
 
@@ -32,6 +34,21 @@ def test_a_reboot_at_the_end_of_the_input_writes_what_was_recorded(kest, veld_st
     device = veld_start("--reboot-time", "0", "--state", tmp_path / "state")
     kest(to=device, stdin="record file\nset Device.Time.NTPServer1=mine\nreboot -f\n")
     assert (tmp_path / "file").read_text() == "set Device.Time.NTPServer1=mine\nreboot -f\n"
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs to become somebody else")
+def test_nothing_is_recorded_into_a_file_of_another_user(sandbox, model, tmp_path):
+    sandbox.root.chmod(0o755)
+    tmp_path.chmod(0o777)
+    os.chmod(model.address, 0o777)
+    theirs = tmp_path / "theirs"
+    theirs.write_text("old")
+    theirs.chmod(0o666)
+    words = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", settings.KEST, "-u", model.address]
+    run = subprocess.run(words, env=sandbox.environment(), cwd=tmp_path, input="record theirs\npwd\nq\n", capture_output=True, text=True,
+                         timeout=settings.DEADLINE)  # fmt: skip
+    assert "record: can't create record file theirs.\n:\n" in run.stdout
+    assert theirs.read_text() == "old"
 
 
 def test_a_lost_link_writes_what_was_recorded(shell, model, tmp_path):

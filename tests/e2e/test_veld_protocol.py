@@ -88,6 +88,7 @@ def test_names_of_everything_begin_with_the_object_itself(root):
 
 def test_names_and_attributes_agree_on_what_is_writable(root):
     listed = root.call("GetParameterNames", ParameterPath="Device.", NextLevel=False)["ParameterList"]
+    assert root.call("GetParameterNames", ParameterPath="Device.")["ParameterList"] == listed
     described = root.call("GetParameterAttributes", ParameterNames=[entry["Name"] for entry in listed], Depth=0)
     assert {entry["Name"]: entry["Writable"] for entry in listed} == {
         entry["Name"]: entry["Attributes"]["access"] == "readWrite" for entry in described["ParameterList"]
