@@ -5,6 +5,7 @@ import os
 import signal
 import socket
 import subprocess
+import threading
 from pathlib import Path
 
 import pytest
@@ -34,6 +35,11 @@ def joins(fake):
     """The groups that were joined on request links, with the number of the connection."""
     return [(request.connection.number, request.params["Group"]) for request in fake.of("JoinGroup")
             if not request.connection.receiver]
+
+
+def test_a_listener_to_whom_nothing_happens_asks_for_nothing(listener, fake):
+    threading.Event().wait(0.5)  # longer than it waits before it takes a link for lost
+    assert len(fake.requests) == 2
 
 
 # Why nothing happens
