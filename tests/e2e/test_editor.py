@@ -576,10 +576,15 @@ def test_what_a_child_left_without_line_end_is_not_wiped(editor, size):
     term.wait_for(lambda term: term.lines[1:] == [*rows, ">"] and term.at_prompt())
 
 
-def test_a_message_without_line_end_stays_before_the_prompt(editor):
-    term = editor(columns=40)
+def leave_unfinished(term):
+    """Has a message printed without a line end, which the prompt goes behind."""
     term.type("part syntax: cd" + Key.ENTER)
     term.wait_for(lambda term: cursor_line(term) == "syntax: cd>")
+
+
+def test_a_message_without_line_end_stays_before_the_prompt(editor):
+    term = editor(columns=40)
+    leave_unfinished(term)
     term.type("half")
     term.wait_for(lambda term: cursor_line(term) == "syntax: cd> half")
     term.order("event one")
@@ -590,8 +595,7 @@ def test_a_message_without_line_end_stays_before_the_prompt(editor):
 
 def test_a_message_without_line_end_outlives_that_the_line_is_hidden_again(editor):
     term = editor(columns=40)
-    term.type("part syntax: cd" + Key.ENTER)
-    term.wait_for(lambda term: cursor_line(term) == "syntax: cd>")
+    leave_unfinished(term)
     term.order("hide")
     term.wait_for(lambda term: cursor_line(term) == "")
     for _ in range(50):
@@ -602,8 +606,7 @@ def test_a_message_without_line_end_outlives_that_the_line_is_hidden_again(edito
 
 def test_a_message_without_line_end_is_not_repeated_after_a_stop(editor):
     term = editor(before="set -m", after="echo stopped; fg >/dev/null", columns=40)
-    term.type("part syntax: cd" + Key.ENTER)
-    term.wait_for(lambda term: cursor_line(term) == "syntax: cd>")
+    leave_unfinished(term)
     term.type("half" + Key.CTRL_Z)
     term.wait_for("stopped")
     term.wait_for(lambda term: cursor_line(term) == "> half")
@@ -928,8 +931,7 @@ def test_an_event_while_tab_waits_is_printed_at_once(editor):
 
 def test_an_event_while_tab_waits_leaves_what_stands_before_the_prompt(editor):
     term = editor(words=["alphabet"], DEMO_SLOW="30000")
-    term.type("part syntax: cd" + Key.ENTER)
-    term.wait_for(lambda term: cursor_line(term) == "syntax: cd>")
+    leave_unfinished(term)
     term.type("al\t")
     term.quiet(0.2).order("event 9")
     term.wait_for(shows("> part syntax: cd", "", "EVENT 9"), timeout=3)

@@ -15,6 +15,7 @@ enum class log_level { error, warning, info, debug };
 bool log_open(const std::string &target, std::string *error);
 /// Opens the log file again, after it has been moved away.
 void log_reopen();
+
 /// From now on what is logged is what clients cause. They get a few hundred lines, then one a second; how many were
 /// left out is told. "debug", which is there to show everything, stays without a limit.
 void log_serving();

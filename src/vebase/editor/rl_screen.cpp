@@ -75,14 +75,16 @@ void rl_screen::begin(std::string_view prompt, const std::string &prompt_color, 
 /// Something may have been printed since the screen was last looked at.
 void rl_screen::look_at_output()
 {
-    if (ve_out_count() == found_at_)
+    const size_t printed = ve_out_count();
+    if (printed == found_at_)
         return;
     if (shown_)
         ve_out_row_unknown(); // it began behind the line
     // A line that was taken off the screen for it comes back as it was, with what stood before it.
     if (shown_ || !drawn_ || !ve_out_unfinished_row().empty())
         go_behind_output();
-    found_at_ = ve_out_count();
+    else
+        found_at_ = printed;
 }
 
 void rl_screen::go_behind_output()

@@ -60,6 +60,6 @@ private:
     rl_painted painted_;
     std::string last_; // what the last drawing wrote, when it still stands
     bool shown_ = false;
-    bool drawn_ = false;  // at least once behind what the output's last row held
+    bool drawn_ = false;  // at least once since begin(), behind before_
     size_t found_at_ = 0; // so much had been printed when the screen was looked at last
 };

@@ -99,10 +99,10 @@ void release(void *memory, const char *, int)
 }
 
 /// What all sessions of the process share: the library, and the certificates that are trusted. Any thread.
-class shared
+class tls_library
 {
 public:
-    shared() : ssl(dlopen(library_name, RTLD_NOW | RTLD_LOCAL))
+    tls_library() : ssl(dlopen(library_name, RTLD_NOW | RTLD_LOCAL))
     {
         if (ssl.library == nullptr) {
             const char *const reason = dlerror();
@@ -166,10 +166,10 @@ private:
 };
 
 // Never destroyed: another thread may still talk while the program exits.
-shared &library()
+tls_library &library()
 {
-    alignas(shared) static char place[sizeof(shared)];
-    static shared &loaded = *new (place) shared;
+    alignas(tls_library) static char place[sizeof(tls_library)];
+    static tls_library &loaded = *new (place) tls_library;
     return loaded;
 }
 
@@ -183,7 +183,7 @@ bool is_address(const std::string &name)
 class session final : public ve_tls
 {
 public:
-    session(shared &library, std::string peer) : library_(library), ssl_(library.ssl), peer_(std::move(peer)) {}
+    session(tls_library &library, std::string peer) : library_(library), ssl_(library.ssl), peer_(std::move(peer)) {}
     session(const session &) = delete;
     session &operator=(const session &) = delete;
     ~session() override { ssl_.ssl_free(link_); }
@@ -275,7 +275,7 @@ private:
         return ssl_.get_error(link_, count) == SSL_ERROR_WANT_READ ? 0 : -1;
     }
 
-    shared &library_;
+    tls_library &library_;
     const openssl &ssl_;
     std::string peer_;
     SSL *link_ = nullptr;
@@ -292,12 +292,12 @@ std::string ve_tls::problem()
 
 std::unique_ptr<ve_tls> ve_tls::make(const std::string &name, std::string *error)
 {
-    shared &shared = library();
-    if (!shared.failure.empty()) {
-        *error = shared.failure;
+    tls_library &tls = library();
+    if (!tls.failure.empty()) {
+        *error = tls.failure;
         return nullptr;
     }
-    auto made = std::make_unique<session>(shared, name);
+    auto made = std::make_unique<session>(tls, name);
     if (!made->begin()) {
         *error = "no session can be made for " + name;
         return nullptr;
