@@ -102,6 +102,14 @@ TEST(WireReader, RefusesALineOverTheLimitBeforeItEnds)
     EXPECT_EQ(reader.next(&line), state::too_long);
 }
 
+TEST(WireReader, RefusesALineOverTheLimitThatComesWithItsEnd)
+{
+    wire_reader reader;
+    std::string_view line;
+    put(&reader, std::string(wire_line_max + 1, 'z') + "\n{}\n");
+    EXPECT_EQ(reader.next(&line), state::too_long);
+}
+
 TEST(WireReader, AcceptsALineOfExactlyTheLimit)
 {
     wire_reader reader;

@@ -5,6 +5,7 @@
 #include <random>
 
 #include "event_stage.h"
+#include "interrupts.h"
 #include "platform/ve_json.h"
 #include "platform/ve_wait.h"
 
@@ -345,6 +346,22 @@ TEST(GroupExec, GivesUpAfterItsPolls)
         EXPECT_EQ(ve_jrpcmsg_error_code(second.get()), -32001);
         EXPECT_TRUE(becomes([&] { return requests == 2; }));
     }
+}
+
+TEST(GroupExec, IsLeftByCtrlC)
+{
+    captured_output output;
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
+    const scripted_peer peer([main = pthread_self()](peer_link &link) {
+        link.request();
+        pthread_kill(main, SIGINT);
+        link.closed();
+    });
+    const context_ref group = make_group_context(peer.destination());
+    const running_listener listener(nullptr, group.get());
+    const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+    EXPECT_EQ(group_exec(message.get(), -1), -1);
+    EXPECT_EQ(ve_jrpcmsg_error_code(message.get()), ve_jrpc_err_timeout);
 }
 
 TEST(GroupExec, EndsWhenTheLinkDoes)

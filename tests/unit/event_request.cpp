@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+#include "event/trouble.h"
 #include "event_stage.h"
 #include "interrupts.h"
 #include "platform/ve_json.h"
@@ -318,6 +319,15 @@ TEST(MsgExec, SaysFirstWhyTheConnectAtStartUpFailed)
         EXPECT_EQ(ask(), -32002);
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "kest: tcp://nowhere: not of the form tcp://HOST:PORT\n");
+}
+
+TEST(Trouble, OfALinkThatHoldsIsNoneToTell)
+{
+    const scripted_peer peer(answer_all);
+    const channel link(peer.destination());
+    testing::internal::CaptureStderr();
+    trouble_tell(request_ctx);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 TEST(UpdateLogin, CopiesBeforeItFrees)

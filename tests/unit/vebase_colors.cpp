@@ -43,6 +43,9 @@ TEST(Colors, OfTheSixteenTheNearestIsTaken)
 
 TEST(Colors, AllAreThereInTrueColour)
 {
+    setenv("TERM", "xterm-direct", 1);
+    unsetenv("COLORTERM");
+    EXPECT_EQ(sequence(200, 50, 75), "\033[38;2;96;159;191m");
     setenv("TERM", "xterm", 1);
     setenv("COLORTERM", "truecolor", 1);
     EXPECT_EQ(sequence(200, 50, 75), "\033[38;2;96;159;191m");

@@ -349,6 +349,45 @@ TEST_F(history, a_script_follows_a_symbolic_link)
     EXPECT_EQ(info.st_mode & 0777, 0600U);
 }
 
+TEST_F(history, a_script_goes_into_plain_files_alone)
+{
+    testing::internal::CaptureStderr();
+    EXPECT_LT(ve_history_write_script("/dev/null", "x\n"), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "/dev/null: Operation not permitted\n");
+}
+
+TEST_F(history, a_script_that_cannot_be_written_whole_in_its_place_is_emptied)
+{
+    put("real", "old\n");
+    ASSERT_EQ(link(path("real").c_str(), path("other").c_str()), 0);
+    testing::internal::CaptureStderr();
+    {
+        const small_files limit(4096);
+        EXPECT_LT(ve_history_write_script(path("real").c_str(), std::string(5000, 'x')), 0);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), path("real") + ": File too large\n");
+    EXPECT_EQ(get("other"), "");
+}
+
+TEST_F(history, a_script_that_may_not_be_written_is_left_alone)
+{
+    constexpr uid_t nobody = 65534;
+    put("script", "old\n");
+    ASSERT_EQ(chmod(path("script").c_str(), 0400), 0);
+    const bool root = geteuid() == 0;
+    if (root) {
+        ASSERT_EQ(chown(directory.c_str(), nobody, nobody), 0);
+        ASSERT_EQ(chown(path("script").c_str(), nobody, nobody), 0);
+    }
+    EXPECT_EXIT(
+        {
+            const bool somebody = !root || setresuid(nobody, nobody, nobody) == 0;
+            _exit(somebody && ve_history_write_script(path("script").c_str(), "new\n") < 0 ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "script: Permission denied");
+    EXPECT_EQ(get("script"), "old\n");
+}
+
 TEST_F(history, ten_times_the_entries_cost_ten_times_the_work)
 {
     // The seconds of this process that it takes to load so many entries, to add as many, and to save them all.

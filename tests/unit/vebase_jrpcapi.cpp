@@ -8,12 +8,14 @@
 #include <fcntl.h>
 #include <memory>
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <vector>
 
 #include "base/json_ref.h"
 #include "interrupts.h"
 #include "platform/ve_wait.h"
+#include "vebase/link/socket_impl.h"
 #include "vebase_scripted_peer.h"
 
 namespace
@@ -500,7 +502,64 @@ TEST(JrpcApi, RefusesARequestLongerThanALine)
     const msg_ref large(ve_jrpcmsg_create_new("Large", params));
     EXPECT_LT(ve_jrpcapi_exec(ctx.get(), large.get()), 0);
     EXPECT_EQ(ve_jrpcmsg_error_code(large.get()), 9004);
+    EXPECT_LT(ve_jrpcapi_send(ctx.get(), large.get()), 0);
+    EXPECT_EQ(ve_jrpcmsg_error_code(large.get()), 9004);
     EXPECT_EQ(ask(ctx), 0);
+}
+
+TEST(JrpcApi, AMessageShowsTheIdThatItWasSentWith)
+{
+    const scripted_peer peer(answer_all);
+    const context ctx = connected_to(peer);
+    const msg_ref message(ve_jrpcmsg_create_new("Ask", nullptr));
+    ASSERT_EQ(ve_jrpcapi_send(ctx.get(), message.get()), 0);
+    const json_ref json(ve_jrpcmsg_json(message.get()));
+    EXPECT_EQ(json_integer_value(json_object_get(json.get(), "id")), 1);
+}
+
+TEST(JrpcApi, SendsAMessageThatThePeerTakesLate)
+{
+    std::atomic<bool> go{false};
+    std::atomic<size_t> size{0};
+    const std::string text(size_t{4} << 20, 'x');
+    {
+        const scripted_peer peer([&](peer_link &link) {
+            while (!go)
+                usleep(1000);
+            size = link.line().size();
+        });
+        const context ctx = connected_to(peer);
+        ve_jrpcapi_set_timeout(ctx.get(), 0);
+        const msg_ref event(ve_jrpcmsg_create_event_new(12, json_string(text.c_str())));
+        EXPECT_LT(ve_jrpcapi_send(ctx.get(), event.get()), 0);
+        EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_timeout);
+        EXPECT_EQ(ve_jrpcapi_link_error(ctx.get()),
+                  std::string(peer.destination()) + ": the daemon does not read what is sent");
+        ve_jrpcapi_disconnect(ctx.get());
+        go = true;
+        ASSERT_EQ(ve_jrpcapi_connect(ctx.get()), 0);
+        ve_jrpcapi_set_timeout(ctx.get(), peer_patience_s * 1000);
+        EXPECT_EQ(ve_jrpcapi_send(ctx.get(), event.get()), 0);
+        EXPECT_EQ(ve_jrpcapi_link_error(ctx.get()), "");
+    }
+    EXPECT_GT(size, text.size());
+}
+
+TEST(JrpcApi, NoticesNonsenseWhileItSends)
+{
+    const scripted_peer peer([](peer_link &link) {
+        pollfd begun{.fd = link.fd(), .events = POLLIN, .revents = 0};
+        poll(&begun, 1, peer_patience_s * 1000);
+        link.send("nonsense\n");
+        pollfd gone{.fd = link.fd(), .events = POLLRDHUP, .revents = 0};
+        poll(&gone, 1, peer_patience_s * 1000);
+    });
+    const context ctx = connected_to(peer);
+    ve_jrpcapi_set_timeout(ctx.get(), peer_patience_s * 1000);
+    const msg_ref event(ve_jrpcmsg_create_event_new(12, json_string(std::string(size_t{4} << 20, 'x').c_str())));
+    EXPECT_LT(ve_jrpcapi_send(ctx.get(), event.get()), 0);
+    EXPECT_EQ(ve_jrpcmsg_error_code(event.get()), -32002);
+    EXPECT_FALSE(is_connected(ctx));
 }
 
 TEST(JrpcApi, SurvivesSignalsDuringAnExchange)
@@ -676,6 +735,11 @@ TEST(JrpcApi, SendsWhileAnotherThreadReceives)
     EXPECT_EQ(answers, rounds);
 }
 
+TEST(JrpcApi, ThereNeedBeNoneToFree)
+{
+    ve_jrpcapi_deinit(nullptr);
+}
+
 TEST(JrpcApi, DrawsItsSessionOnce)
 {
     const std::string session = ve_jrpcapi_session();
@@ -683,11 +747,6 @@ TEST(JrpcApi, DrawsItsSessionOnce)
     EXPECT_EQ(session.find_first_not_of("0123456789abcdef"), std::string::npos);
     EXPECT_EQ(ve_jrpcapi_session(), session);
 }
-
-namespace
-{
-
-} // namespace
 
 TEST(JrpcApi, StaysUsableWhenAnExchangeIsInterrupted)
 {
@@ -704,6 +763,44 @@ TEST(JrpcApi, StaysUsableWhenAnExchangeIsInterrupted)
     });
     const context ctx = connected_to(peer);
     ve_jrpcapi_set_timeout(ctx.get(), -1);
+    EXPECT_EQ(ask(ctx), -32001);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_interrupted);
+    ve_wait_clear_interrupt();
+    EXPECT_EQ(ask(ctx), 0);
+}
+
+TEST(JrpcApi, ALongAnswerThatComesWithCtrlCIsNobodysAnyMore)
+{
+    constexpr std::string_view end = "\"}}\n";
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
+    std::atomic<int> sent{0};
+    std::atomic<bool> go{false};
+    const scripted_peer peer([&](peer_link &link) {
+        std::string answer = peer_link::answer_text(1, R"({"Text":")" + std::string(size_t{5} << 20, 'x') + "\"}");
+        answer.resize(answer.size() - end.size());
+        link.send(answer);
+        sent = 1;
+        while (!go)
+            usleep(1000);
+        link.send(std::string(end));
+        sent = 2;
+        link.request();
+        link.answer(link.request());
+        link.closed();
+    });
+    const context ctx = connected_to(peer);
+    const auto waiting = [&] {
+        int count = 0;
+        ioctl(ve_jrpcapi_socket(ctx.get())->fd, FIONREAD, &count);
+        return count;
+    };
+    while (sent == 0 || waiting() > 0)
+        ASSERT_EQ(ve_jrpcapi_watch(ctx.get(), 10), 0);
+    go = true;
+    while (sent == 1)
+        usleep(1000);
+    ASSERT_EQ(waiting(), static_cast<int>(end.size()));
+    raise(SIGINT);
     EXPECT_EQ(ask(ctx), -32001);
     EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_interrupted);
     ve_wait_clear_interrupt();

@@ -79,6 +79,16 @@ TEST(JrpcMsg, AddsNamesToQueries)
     EXPECT_EQ(text_of(json_incref(ve_jrpcmsg_params(attributes.get()))), R"({"ParameterNames":["C"]})");
 }
 
+TEST(JrpcMsg, MakesTheParametersOfARequestThatHasNone)
+{
+    const msg_ref built(ve_jrpcmsg_create_new("A", nullptr));
+    json_object_set_new(ve_jrpcmsg_params(built.get()), "Depth", json_integer(1));
+    EXPECT_EQ(text_of(built), R"({"jsonrpc":"2.0","method":"A","params":{"Depth":1}})");
+    const msg_ref raw = parse(R"({"id":7,"method":"A"})");
+    json_object_set_new(ve_jrpcmsg_params(raw.get()), "Depth", json_integer(1));
+    EXPECT_EQ(text_of(raw), R"({"id":7,"method":"A","params":{"Depth":1}})");
+}
+
 TEST(JrpcMsg, TellsTheKindsApart)
 {
     EXPECT_EQ(ve_jrpcmsg_typeof(parse(R"({"id":"x","method":"Event"})").get()), ve_jrpcmsg_request);

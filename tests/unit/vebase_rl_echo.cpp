@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <fcntl.h>
 #include <pty.h>
 #include <termios.h>
@@ -57,6 +58,32 @@ TEST_F(EchoTest, ComesBackAsItWas)
         EXPECT_EQ(ve_rl_echo_on(STDIN_FILENO), 0);
         EXPECT_EQ(echoes(), on);
     }
+}
+
+TEST_F(EchoTest, ComesBackWhenAnotherTerminalIsSilenced)
+{
+    int others_master = -1;
+    int other = -1;
+    ASSERT_EQ(openpty(&others_master, &other, nullptr, nullptr, nullptr), 0);
+    set_echo(true);
+    EXPECT_EQ(ve_rl_echo_off(STDIN_FILENO), 0);
+    EXPECT_EQ(ve_rl_echo_off(other), 0);
+    EXPECT_TRUE(echoes());
+    EXPECT_EQ(ve_rl_echo_on(other), 0);
+    close(other);
+    close(others_master);
+}
+
+TEST_F(EchoTest, IsOffAgainWhenAStoppedProgramGoesOn)
+{
+    set_echo(true);
+    const auto stop = [] {
+        setsid(); // where nobody could let it go on, the system lets no program stop
+        ve_rl_echo_off(STDIN_FILENO);
+        raise(SIGTSTP);
+        _exit(echoes() ? 1 : 0);
+    };
+    EXPECT_EXIT(stop(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(EchoTest, IsNotTouchedByWhoDidNotTurnItOff)

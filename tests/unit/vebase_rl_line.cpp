@@ -265,6 +265,23 @@ TEST_F(rl_lines, a_search_comes_back_to_an_entry_that_was_changed)
     EXPECT_EQ(after("\x7f\x7f"), "new|");
 }
 
+TEST_F(rl_lines, a_search_ends_at_the_beginning_of_the_oldest_entry)
+{
+    remember({"alpha", "beta"});
+    EXPECT_EQ(after("\022al\022"), "|alpha");
+    EXPECT_EQ(search(), "bck?al");
+}
+
+TEST_F(rl_lines, a_search_takes_no_pattern_without_end)
+{
+    const std::string longest(1024, 'a');
+    after("\022" + longest);
+    EXPECT_EQ(search(), "bck?" + longest);
+    after("a");
+    EXPECT_EQ(done, rl_done::refused);
+    EXPECT_EQ(search(), "bck?" + longest);
+}
+
 TEST_F(rl_lines, an_empty_search_looks_for_the_last_pattern)
 {
     remember({"one match", "another", "two match"});

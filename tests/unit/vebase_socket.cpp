@@ -58,6 +58,16 @@ TEST(Socket, KnowsItsKindAndState)
     ve_socket_free(nullptr);
 }
 
+TEST(Socket, WhatIsNotThereIsClosed)
+{
+    sockaddr_storage address;
+    socklen_t size = 0;
+    EXPECT_LT(ve_socket_get_addr(nullptr, &address, &size), 0);
+    EXPECT_LT(ve_socket_get_peer(nullptr, &address, &size), 0);
+    EXPECT_EQ(ve_socket_wait(nullptr, 1, -1), ve_socket_err_closed);
+    EXPECT_EQ(ve_socket_accept(nullptr, nullptr), nullptr);
+}
+
 TEST(Socket, AcceptsAndTellsThePeersAddress)
 {
     const socket_ref server = make_server();

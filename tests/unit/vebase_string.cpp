@@ -33,4 +33,5 @@ TEST(VeString, RealsAreFinite)
     EXPECT_EQ(value, -1500.0);
     for (const char *bad : {"", "nan", "inf", "-infinity", "1e999", "1,5", "1.5x", " 1"})
         EXPECT_LT(ve_string_strtod(bad, &value), 0) << bad;
+    EXPECT_LT(ve_string_strtod(nullptr, &value), 0);
 }

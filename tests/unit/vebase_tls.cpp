@@ -5,8 +5,10 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
+#include <netinet/tcp.h>
 #include <openssl/ssl.h>
 
+#include "interrupts.h"
 #include "vebase_scripted_peer.h"
 
 namespace
@@ -213,6 +215,51 @@ TEST(Tls, RefusesAPeerThatSpeaksInClear)
                     link.closed();
                 }).starts_with("TLS: the handshake failed: "));
     EXPECT_EQ(refusal_of([](peer_link &link) { link.send(""); }), "TLS: the peer closed the link during the handshake");
+}
+
+TEST(Tls, ReadsToTheEndOfAPeerThatReadsNoMore)
+{
+    EXPECT_EQ(refusal_of([](peer_link &link) {
+                  char hello[4096];
+                  const auto size = static_cast<int>(recv(link.fd(), hello, sizeof hello, 0));
+                  shutdown(link.fd(), SHUT_RD);
+                  tls_server server(link, "good", TLS1_2_VERSION);
+                  BIO *const in = BIO_new(BIO_s_mem());
+                  SSL_set0_rbio(server.ssl(), in);
+                  EXPECT_EQ(BIO_write(in, hello, size), size);
+                  EXPECT_FALSE(server.accept());
+              }),
+              "TLS: the peer closed the link during the handshake");
+}
+
+TEST(Tls, NoticesAPeerThatLeavesRightBehindTheHandshake)
+{
+    store();
+    const scripted_peer peer(
+        [](peer_link &link) {
+            // What ends the handshake goes out along with what ends the link.
+            const int on = 1;
+            setsockopt(link.fd(), IPPROTO_TCP, TCP_CORK, &on, sizeof on);
+            tls_server server(link, "good", TLS1_2_VERSION);
+            EXPECT_TRUE(server.accept());
+            SSL_shutdown(server.ssl());
+        },
+        AF_INET);
+    const context ctx = secure_context(peer.destination());
+    ASSERT_EQ(ve_jrpcapi_connect(ctx.get()), 0) << ve_jrpcapi_connect_error(ctx.get());
+    EXPECT_EQ(ve_socket_state(ve_jrpcapi_socket(ctx.get())), ve_socket_closed);
+    EXPECT_EQ(ask(ctx), -32002);
+}
+
+TEST(Tls, IsLeftByCtrlCInTheHandshake)
+{
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
+    const scripted_peer peer([](peer_link &link) { link.closed(); });
+    const context ctx = secure_context(peer.destination());
+    ve_wait_note_interrupt();
+    EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
+    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_interrupted);
+    EXPECT_STREQ(ve_jrpcapi_connect_error(ctx.get()), "");
 }
 
 TEST(Tls, MovesLargeMessagesBothWays)

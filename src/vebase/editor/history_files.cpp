@@ -56,8 +56,7 @@ bool write_in_place(const char *path, std::string_view content)
         return true;
     // An empty script says more clearly than half of one that something went wrong.
     const int error = errno;
-    if (file.get() >= 0 && ftruncate(file.get(), 0) < 0)
-        errno = error;
+    [[maybe_unused]] const int ignored = ftruncate(file.get(), 0);
     errno = error;
     return false;
 }

@@ -139,8 +139,7 @@ void note_signal(int signal, siginfo_t *info, void *)
     // Ctrl-C typed just before the terminal became raw is a key, and not the wish to end the program.
     arrived[signal == SIGINT && info->si_code == SI_KERNEL ? rl_signals::typed_interrupt : signal] = 1;
     const char wake = 0;
-    if (write(signal_pipe[1], &wake, 1) < 0)
-        errno = error; // full: it is readable then
+    [[maybe_unused]] const ssize_t ignored = write(signal_pipe[1], &wake, 1); // full: it is readable then
     errno = error;
 }
 

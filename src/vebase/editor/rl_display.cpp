@@ -83,8 +83,6 @@ void ve_rl_draw_progressbar(int percent, const char *label)
     static int shown_tenth = -1;
     static std::string shown_label;
     percent = std::clamp(percent, 0, 100);
-    if (label == nullptr)
-        label = "";
     if (ve_out_is_terminal()) {
         rl_set_locale();
         ve_printf("\r%s\033[K", bar_text(percent, label, rl_terminal_size().columns).c_str());

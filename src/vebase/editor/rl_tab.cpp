@@ -20,8 +20,6 @@ std::vector<std::string_view> texts_of(const json_t *found)
     texts.reserve(json_array_size(found));
     for (size_t i = 0; i < json_array_size(found); ++i) {
         const json_t *value = json_array_get(found, i);
-        if (!json_is_string(value))
-            continue;
         const std::string_view text{json_string_value(value), json_string_length(value)};
         // A line cannot hold a NUL.
         if (!text.empty() && text.find('\0') == std::string_view::npos)

@@ -81,8 +81,6 @@ int flush_tls(ve_jrpcapi *ctx)
             ctx->tls->write(queue.bytes.data() + queue.sent, std::min(queue.bytes.size() - queue.sent, tls_chunk));
         if (taken < 0)
             return -1;
-        if (taken == 0)
-            return flush_records(ctx) < 0 ? -1 : 0;
         queue.sent += static_cast<size_t>(taken);
     }
 }

@@ -152,7 +152,6 @@ private:
             ssl.ctx_free(context);
             return nullptr;
         }
-        // Without renegotiation a write never has to wait for something to read.
         ssl.ctx_set_options(context, SSL_OP_NO_RENEGOTIATION);
         ssl.ctx_ctrl(context, SSL_CTRL_MODE, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER,
                      nullptr);
@@ -240,14 +239,17 @@ public:
     {
         ssl_.clear_error();
         const int count = ssl_.read(link_, data, static_cast<int>(std::min<size_t>(room, INT_MAX)));
-        return outcome(count);
+        if (count > 0)
+            return count;
+        return ssl_.get_error(link_, count) == SSL_ERROR_WANT_READ ? 0 : -1;
     }
 
     ssize_t write(const char *data, size_t size) override
     {
         ssl_.clear_error();
+        // Without renegotiation it never has to wait for something to read.
         const int count = ssl_.write(link_, data, static_cast<int>(std::min<size_t>(size, INT_MAX)));
-        return outcome(count);
+        return count > 0 ? count : -1;
     }
 
     void finish() override
@@ -268,13 +270,6 @@ public:
     }
 
 private:
-    ssize_t outcome(int count)
-    {
-        if (count > 0)
-            return count;
-        return ssl_.get_error(link_, count) == SSL_ERROR_WANT_READ ? 0 : -1;
-    }
-
     tls_library &library_;
     const openssl &ssl_;
     std::string peer_;

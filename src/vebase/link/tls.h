@@ -27,7 +27,7 @@ public:
     /// Decrypted bytes into `data`: how many, 0 when there are none yet, -1 when the peer has ended the session or
     /// broken it.
     virtual ssize_t read(char *data, size_t room) = 0;
-    /// Encrypts `data`: how many bytes were taken, 0 when none can be now, -1 when the session is broken.
+    /// Encrypts `data`: how many bytes were taken, one at least; -1 when the session is broken.
     virtual ssize_t write(const char *data, size_t size) = 0;
     /// Says good-bye to the peer.
     virtual void finish() = 0;
