@@ -23,6 +23,14 @@ def small(veld_start):
     return veld_start(model=SMALL)
 
 
+@pytest.fixture
+def silent_server():
+    """The address of a name server that never answers."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
+        silent.bind(("127.0.0.1", 0))
+        yield f"127.0.0.1:{silent.getsockname()[1]}"
+
+
 def root(veld):
     peer = veld.connect()
     peer.call("Login", User="root")
@@ -112,12 +120,21 @@ def test_a_client_cannot_fill_the_log(veld_start, tmp_path):
             assert peer.closed()
     lines = log.read_text().splitlines()
     assert 100 < len(lines) < 600
+    # The next line that is written says how many were not.
+    while len(lines) == len(log.read_text().splitlines()):
+        with Peer(small.address) as peer:
+            peer.send_raw(b"garbage\n")
+            assert peer.closed()
+    said = [re.search(r"warning: (\d+) lines were left out$", line) for line in log.read_text().splitlines()]
+    assert sum(int(found[1]) for found in said if found) >= 1500 - len(lines)
 
 
-@pytest.mark.parametrize("kind", ["fifo", "device", "folder"])
+@pytest.mark.parametrize("kind", ["fifo", "device", "folder", "nowhere"])
 def test_what_is_no_file_is_refused_as_a_log(tmp_path, kind):
     log = Path(tmp_path) / "log"
-    if kind == "fifo":
+    if kind == "nowhere":
+        log = log / "below"
+    elif kind == "fifo":
         os.mkfifo(log)
     elif kind == "folder":
         log.mkdir()
@@ -127,7 +144,8 @@ def test_what_is_no_file_is_refused_as_a_log(tmp_path, kind):
         [settings.VELD, "--socket", Path(tmp_path) / "s", "--model", SMALL, "--log", log],
         capture_output=True, text=True, timeout=settings.DEADLINE,
     )  # fmt: skip
-    assert (run.returncode, run.stderr) == (1, f"veld: {log}: not a regular file\n")
+    why = "No such file or directory" if kind == "nowhere" else "not a regular file"
+    assert (run.returncode, run.stderr) == (1, f"veld: {log}: {why}\n")
 
 
 # --- what is sent ---
@@ -329,27 +347,59 @@ def test_nobody_is_locked_out_when_descriptors_run_out(veld_start):
         peer.close()
 
 
+def test_who_has_all_its_links_in_use_gets_no_more(veld_start):
+    small = veld_start(model=SMALL)
+    small.argv = ["prlimit", "--nofile=64:64", *small.argv]
+    small.restart()
+    # One on which somebody has logged in gives way to nobody.
+    held = []
+    with pytest.raises((Closed, OSError)):
+        while len(held) < 64:
+            held.append(small.connect())
+            held[-1].call("Login", User="root")
+    assert 30 < len(held) < 48
+    assert "too many connections: turned away" in small.log
+    for peer in held[:-1]:
+        ask(peer)
+
+
 # --- what runs for users ---
 
 
-def test_one_user_cannot_deny_methods_to_another(veld):
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
-        silent.bind(("127.0.0.1", 0))
-        server = f"127.0.0.1:{silent.getsockname()[1]}"
-        call = {
-            "Path": "Device.DNS.Diagnostics.NSLookup",
-            "ParameterList": named(HostName="host.example", DNSServer=server, Timeout=30000),
-        }
-        users = [veld.connect() for _ in range(4)]
-        for user in users:
-            user.call("Login", User="user", Password="user")
-        # Sixteen of all of them run, the others are refused.
-        for user, count in zip(users, (4, 20, 20, 20)):
-            for _ in range(20):
-                user.request("Execute", call)
-            assert {user.receive()["error"]["code"] for _ in range(count)} == {9004}
-        quick = {"Path": "Device.IP.Diagnostics.IPPing", "ParameterList": named(Host="")}
-        assert refused(root(veld), "Execute", **quick).code != 9004
+def test_passwords_cost_their_sender_only(small):
+    admin, other = root(small), small.connect()
+    name = "Device.Users.User.3.Password"
+
+    def passwords(count):
+        return {"ParameterList": [{"Name": name, "Value": f"secret {i}"} for i in range(count)]}
+
+    assert refused(admin, "SetParameterValues", **passwords(257)).code == 9004
+    # Each of these is named more than once, which is found out when all of them are hashed.
+    busy = admin.request("SetParameterValues", passwords(256))
+    many = [root(small) for _ in range(16)]
+    numbers = [peer.request("SetParameterValues", passwords(1)) for peer in many]
+    answers = [many[-1].answer(numbers[-1])["error"]]
+    assert [(answer["code"], answer["message"]) for answer in answers] == [(9004, "too many operations are under way")]
+    ask(other)
+    assert admin.answer(busy)["error"]["code"] == 9003
+    for peer, number in zip(many[:-1], numbers):
+        assert peer.answer(number)["result"] == {"Status": 0}
+
+def test_one_user_cannot_deny_methods_to_another(veld, silent_server):
+    call = {
+        "Path": "Device.DNS.Diagnostics.NSLookup",
+        "ParameterList": named(HostName="host.example", DNSServer=silent_server, Timeout=30000),
+    }
+    users = [veld.connect() for _ in range(4)]
+    for user in users:
+        user.call("Login", User="user", Password="user")
+    # Sixteen of all of them run, the others are refused.
+    for user, count in zip(users, (4, 20, 20, 20)):
+        for _ in range(20):
+            user.request("Execute", call)
+        assert {user.receive()["error"]["code"] for _ in range(count)} == {9004}
+    quick = {"Path": "Device.IP.Diagnostics.IPPing", "ParameterList": named(Host="")}
+    assert refused(root(veld), "Execute", **quick).code != 9004
 
 
 def test_one_user_cannot_deny_downloads_to_another(veld):
@@ -442,6 +492,23 @@ def test_those_who_guess_keep_the_owner_out_no_longer_than_seconds(small):
 
 
 # --- secrets ---
+
+
+def test_whoever_leaves_while_logging_in_makes_nobody_wait(veld, silent_server):
+    other = veld.connect()
+    for _ in range(12):
+        with veld.connect() as leaving:
+            leaving.call("GetParameterValues", ParameterNames=[])
+            leaving.request("Login", {"User": "admin", "Password": "admin"})
+        other.call("Login", User="user", Password="user")  # which is judged behind it
+    # A delay would be longer than this look-up.
+    waiting = root(veld)
+    arguments = named(HostName="host.example", DNSServer=silent_server, Timeout=2500)
+    waiting.request("Execute", {"Path": "Device.DNS.Diagnostics.NSLookup", "ParameterList": arguments})
+    assert veld.connect().call("Login", User="admin", Password="admin") == {}
+    waiting.link.setblocking(False)
+    with pytest.raises(BlockingIOError):
+        waiting.link.recv(1)
 
 
 def test_nobody_reads_a_password_hash(small):

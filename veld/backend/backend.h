@@ -82,7 +82,7 @@ public:
     virtual fault apply(const std::vector<backend_change> &changes, size_t *which) = 0;
     /// A call, which the caller begins. `input` holds all arguments, nested as the model nests them, already checked;
     /// it is not kept. `text_of` gives the text of a parameter, and is called before run() returns only. Returns the
-    /// job, or null when the call ended at once, `*ended` then tells how.
+    /// job, or null when the call is refused, `*ended` then says why.
     virtual std::unique_ptr<job> run(const scheme &what, const std::string &path, const json_t *input,
                                      const std::function<std::string(std::string_view)> &text_of,
                                      job_outcome *ended) = 0;

@@ -179,18 +179,14 @@ void service::execute(client &from, const json_t *params, const ticket &to)
     };
     job_outcome ended;
     std::unique_ptr<job> call = tree_.behind()->run(what, tree::name(where.at), input.get(), text_of, &ended);
-    const auto result = [](job_outcome &outcome) {
+    if (!call)
+        return answer_fault(to, ended.problem);
+    run(operation_kind::method, from, to, std::move(call), [](job_outcome &outcome) {
         json_ref whole{json_object()};
         if (outcome.output)
             json_object_set(whole.get(), "ParameterList", outcome.output.get());
         return whole;
-    };
-    if (call)
-        run(operation_kind::method, from, to, std::move(call), result);
-    else if (ended.problem)
-        answer_fault(to, ended.problem);
-    else
-        answer_object(to, result(ended).get());
+    });
 }
 
 } // namespace veld

@@ -138,11 +138,9 @@ void service::go_on()
     answer_first();
 }
 
-// Ends the query that is under way here and now.
+// Ends the query that is under way, there is one, here and now.
 void service::end_query()
 {
-    if (long_queries_.empty())
-        return;
     long_query &first = long_queries_.front();
     if (find(first.to.client) != nullptr) {
         begin_reading();

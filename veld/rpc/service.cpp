@@ -45,9 +45,8 @@ constexpr size_t descriptors_for_work = 128; // files, methods, downloads
 size_t links_possible()
 {
     rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur > 2 * links_limit)
-        return links_limit;
-    const auto descriptors = static_cast<size_t>(limit.rlim_cur);
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const auto descriptors = static_cast<size_t>(std::min<rlim_t>(limit.rlim_cur, links_limit + descriptors_for_work));
     return descriptors - std::min(descriptors_for_work, descriptors / 4);
 }
 
@@ -199,9 +198,10 @@ client *service::find(uint64_t id)
 
 void service::line_received(connection &from, std::string_view line)
 {
+    client &sender = clients_.at(from.id());
     if (line.size() <= parsed_at_once) {
         const json_ref message{wire_decode(line)};
-        message_received(from, message.get());
+        message_received(sender, message.get());
         return;
     }
     auto work = std::make_shared<long_line>();
@@ -209,8 +209,7 @@ void service::line_received(connection &from, std::string_view line)
     work->memory = from.take_line(&line);
     work->line = line;
     from.hold();
-    const client *sender = find(from.id());
-    long_lines_[sender != nullptr && sender->who.somebody() ? 0 : 1].push_back(std::move(work));
+    long_lines_[sender.who.somebody() ? 0 : 1].push_back(std::move(work));
     parse_next();
 }
 
@@ -235,7 +234,7 @@ void service::parse_next()
                     LOG_WARNING("%s: a message of too many values", sender->link->peer().c_str());
                     sender->link->close();
                 } else {
-                    message_received(*sender->link, work->message.get());
+                    message_received(*sender, work->message.get());
                     sender->link->release();
                 }
             }
@@ -255,18 +254,15 @@ void service::parse_next()
         });
 }
 
-void service::message_received(connection &from, json_t *message)
+void service::message_received(client &from, json_t *message)
 {
     if (message == nullptr) {
-        LOG_WARNING("%s: sends what is no message", from.peer().c_str());
-        from.close();
+        LOG_WARNING("%s: sends what is no message", from.link->peer().c_str());
+        from.link->close();
         return;
     }
-    client *sender = find(from.id());
-    if (sender == nullptr)
-        return;
     if (log_shows(log_level::debug))
-        LOG_DEBUG("client %llu (%.64s): %s", static_cast<unsigned long long>(from.id()), sender->shown().c_str(),
+        LOG_DEBUG("client %llu (%.64s): %s", static_cast<unsigned long long>(from.link->id()), from.shown().c_str(),
                   trace_request(&tree_, message).c_str());
     json_t *verb = json_object_get(message, "method");
     json_t *id = json_object_get(message, "id");
@@ -280,7 +276,7 @@ void service::message_received(connection &from, json_t *message)
         if (id_text.size() > id_limit)
             id_text = "null";
     }
-    const ticket to{from.id(), id_text};
+    const ticket to{from.link->id(), id_text};
     const bool good_id = id == nullptr || id_text != "null";
     const bool good_version = version == nullptr || (json_is_string(version) && json_string_length(version) == 3 &&
                                                      std::string_view(json_string_value(version)) == "2.0");
@@ -290,9 +286,9 @@ void service::message_received(connection &from, json_t *message)
     }
     const std::string_view name{json_string_value(verb), json_string_length(verb)};
     if (id != nullptr)
-        request(*sender, message, name, std::move(id_text));
+        request(from, message, name, std::move(id_text));
     else if (name == "Event")
-        event_received(*sender, json_object_get(message, "params"));
+        event_received(from, json_object_get(message, "params"));
 }
 
 void service::request(client &from, json_t *message, std::string_view name, std::string id)
@@ -322,8 +318,6 @@ void service::send_to(const ticket &to, std::string message)
     if (log_shows(log_level::debug))
         LOG_DEBUG("client %llu (%.64s): answer %s", static_cast<unsigned long long>(to.client),
                   waiting->shown().c_str(), trace_answer(&tree_, message).c_str());
-    if (message.size() > answer_worth_giving_back)
-        give_memory_back_soon();
     waiting->link->send(std::move(message));
 }
 
@@ -335,14 +329,14 @@ void service::send_to(const ticket &to, std::vector<std::string> pieces)
             message += piece;
         pieces = {std::move(message)};
     }
-    if (pieces.size() == 1)
-        return send_to(to, std::move(pieces[0]));
     size_t size = 0;
-    for (std::string &piece : pieces) {
+    for (const std::string &piece : pieces)
         size += piece.size();
-        if (client *waiting = find(to.client))
+    if (pieces.size() == 1)
+        send_to(to, std::move(pieces[0]));
+    else if (client *waiting = find(to.client))
+        for (std::string &piece : pieces)
             waiting->link->send(std::move(piece));
-    }
     if (size > answer_worth_giving_back)
         give_memory_back_soon();
 }

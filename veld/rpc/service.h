@@ -64,6 +64,13 @@ struct ticket {
     std::string id; ///< the request's id as JSON text
 };
 
+/// A login with a password. Its client may leave before it is judged.
+struct login_attempt {
+    ticket to;
+    std::string user;
+    std::string peer;
+};
+
 struct long_line;
 
 /// A query under way, or one that waits for its turn.
@@ -117,7 +124,7 @@ private:
     bool make_room(const arrival &who);
     void give_memory_back_soon();
     bool turn_out(const std::string &peer);
-    void message_received(connection &from, json_t *message);
+    void message_received(client &from, json_t *message);
     void parse_next();
     void request(client &from, json_t *message, std::string_view name, std::string id);
     void answer_result(const ticket &to, std::string_view result);
@@ -159,9 +166,9 @@ private:
     void log_out(client &from, const json_t *params, const ticket &to);
     void join_group(client &from, const json_t *params, const ticket &to);
     void event_received(client &from, const json_t *params);
-    void try_password(const ticket &to, const std::string &user, const std::shared_ptr<std::string> &password);
-    void judge_password(const ticket &to, const std::string &user, const std::string &hash, bool matches);
-    void finish_login(const ticket &to, const std::optional<login> &who, const std::string &user);
+    void try_password(const login_attempt &of, const std::shared_ptr<std::string> &password);
+    void judge_password(const login_attempt &of, const std::string &hash, bool matches);
+    void finish_login(client &asking, const ticket &to, const std::optional<login> &who, const std::string &user);
 
     // device_methods.cpp
     bool refused(const client &from, role needed, const ticket &to);

@@ -33,8 +33,9 @@ void service::log_in(client &from, const json_t *params, const ticket &to)
     from.link->hold();
     if (json_object_get(params, "Password") != nullptr) {
         const int64_t now = monotonic_ms();
-        const int64_t when = guard_.admit(user, from.link->peer(), now);
-        const auto attempt = [this, to, user, password] { try_password(to, user, password); };
+        const login_attempt of{to, user, from.link->peer()};
+        const int64_t when = guard_.admit(of.user, of.peer, now);
+        const auto attempt = [this, of, password] { try_password(of, password); };
         if (when > now)
             loop_.after(when - now, attempt);
         else
@@ -46,56 +47,50 @@ void service::log_in(client &from, const json_t *params, const ticket &to)
                                      [](const worker &a, const worker &b) { return a.waiting() < b.waiting(); });
     free.run([uid, user] { *uid = system_user(user); },
              [this, to, user, uid] {
-                 client *asking = find(to.client);
-                 if (asking == nullptr)
-                     return;
-                 finish_login(to, login_by_peer(&tree_, user, asking->link->identity(), *uid), user);
-                 asking->link->release();
+                 if (client *asking = find(to.client)) {
+                     finish_login(*asking, to, login_by_peer(&tree_, user, asking->link->identity(), *uid), user);
+                     asking->link->release();
+                 }
              });
 }
 
-void service::try_password(const ticket &to, const std::string &user, const std::shared_ptr<std::string> &password)
+void service::try_password(const login_attempt &of, const std::shared_ptr<std::string> &password)
 {
-    const std::string hash = login_hash(&tree_, user);
+    const std::string hash = login_hash(&tree_, of.user);
     const auto matches = std::make_shared<bool>(false);
     passwords_.run([password, hash, matches] { *matches = password_matches(*password, hash); },
-                   [this, to, user, hash, matches] { judge_password(to, user, hash, *matches); });
+                   [this, of, hash, matches] { judge_password(of, hash, *matches); });
 }
 
-void service::judge_password(const ticket &to, const std::string &user, const std::string &hash, bool matches)
+// An attempt counts as what it was although nobody waits for the answer any more.
+void service::judge_password(const login_attempt &of, const std::string &hash, bool matches)
 {
-    client *asking = find(to.client);
-    const std::string peer = asking != nullptr ? asking->link->peer() : "";
     // The user may have lost the account, or the password, meanwhile.
-    const std::optional<login> who = matches ? login_by_hash(&tree_, user, hash) : std::nullopt;
-    if (asking != nullptr && who) {
-        guard_.succeeded(user, peer);
-        finish_login(to, who, user);
-        asking->link->release();
+    const std::optional<login> who = matches ? login_by_hash(&tree_, of.user, hash) : std::nullopt;
+    const auto finish = [this, of, who] {
+        if (client *asking = find(of.to.client)) {
+            finish_login(*asking, of.to, who, of.user);
+            asking->link->release();
+        }
+    };
+    if (!who) {
+        loop_.after(guard_.failed(of.user, of.peer, monotonic_ms()), finish);
         return;
     }
-    if (asking == nullptr)
-        return;
-    loop_.after(guard_.failed(user, peer, monotonic_ms()), [this, to, user] {
-        finish_login(to, {}, user);
-        if (client *refused = find(to.client))
-            refused->link->release();
-    });
+    guard_.succeeded(of.user, of.peer);
+    finish();
 }
 
-void service::finish_login(const ticket &to, const std::optional<login> &who, const std::string &user)
+void service::finish_login(client &asking, const ticket &to, const std::optional<login> &who, const std::string &user)
 {
-    client *asking = find(to.client);
-    if (asking == nullptr)
-        return;
     if (!who) {
-        LOG_WARNING("%s: login as \"%.64s\" refused", asking->link->peer().c_str(), user.c_str());
+        LOG_WARNING("%s: login as \"%.64s\" refused", asking.link->peer().c_str(), user.c_str());
         answer_fault(to, {code::denied, "login refused", ""});
         return;
     }
-    LOG_INFO("%s: logged in as \"%.64s\"", asking->link->peer().c_str(), user.c_str());
-    asking->who = *who;
-    asking->link->known(true);
+    LOG_INFO("%s: logged in as \"%.64s\"", asking.link->peer().c_str(), user.c_str());
+    asking.who = *who;
+    asking.link->known(true);
     answer_result(to, "{}");
 }
 
