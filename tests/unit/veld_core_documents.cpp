@@ -57,6 +57,10 @@ TEST(VeldDocuments, AMistakeInAModelIsRefusedWithItsPlace)
         {R"({"T":{"multi":true,"template":{},"own":{"O":{}}}})", R"(Device.T.: "own" must hold parameters)"},
         {R"({"T":{"multi":true,"template":{},"own":{"P":{"type":"int"}}}})",
          R"(Device.T.P: a parameter must have a "default")"},
+        {R"({"T":{"multi":true,"template":{},"own":{"max_instance":{"type":"int","default":5}}}})",
+         R"(Device.T.: "max_instance" is not written down)"},
+        {R"({"T":{"multi":true,"ordered":true,"template":{},"own":{"order":{"type":"int","default":5}}}})",
+         R"(Device.T.: "order" is not written down)"},
         {R"({"T":{"multi":true,"template":{},"instances":[1]}})", R"(Device.T.: "instances" must be an object)"},
         {R"({"T":{"multi":true,"template":{},"minCount":100000,"maxCount":100000}})",
          R"(Device.T.: a table has at most 4096 instances from the beginning)"},
@@ -71,6 +75,10 @@ TEST(VeldDocuments, AMistakeInAModelIsRefusedWithItsPlace)
          R"(Device.M.O.A: a parameter must have a "default")"},
         {R"({"M":{"type":"method","input":{"A":{"type":"int","default":0}},"output":{"A":{"type":"int","default":0}}}})",
          R"(Device.M.A: named twice)"},
+        {R"({"O":{"access":"write"}})", R"(Device.O.: "access" must be "readOnly" or "readWrite")"},
+        {R"({"T":{"multi":true,"minCount":"1","template":{}}})", R"(Device.T.: "minCount" must be an integer)"},
+        {R"({"T":{"multi":true,"template":{"children":{"P":{"type":"int","default":0}}},"instances":{"1":{"P":"x"}}}})",
+         "Device.T.1.P: the value is no int"},
         {R"({"O":{"events":1}})", R"(Device.O.: "events" must be an object)"},
         {R"({"O":{"events":{"1":{}}}})", R"(Device.O.1!: no good event)"},
         {R"({"O":{"events":{"E":{"arguments":1}}}})", R"(Device.O.E!: "arguments" must be an object of arguments)"},
@@ -79,6 +87,24 @@ TEST(VeldDocuments, AMistakeInAModelIsRefusedWithItsPlace)
     };
     for (const auto &[children, expected] : mistakes)
         EXPECT_EQ(refusal(children), expected) << children;
+    const std::string longest(128, 'n');
+    EXPECT_EQ(refusal("{\"" + longest + "n\":{}}"), "Device." + longest + "n: not a good name for a node");
+    std::string error;
+    EXPECT_TRUE(scheme_load(json(("{\"format\":1,\"root\":{\"" + longest + "\":{}}}").c_str()).get(), &error)) << error;
+}
+
+TEST(VeldDocuments, ModelsNestSoDeep)
+{
+    const auto nested = [](int levels) {
+        std::string text;
+        for (int i = 0; i < levels; ++i)
+            text += R"({"children":{"O":)";
+        return R"({"format":1,"root":{"O":)" + text + "{}" + std::string(static_cast<size_t>(levels) * 2, '}') + "}}";
+    };
+    std::string error;
+    EXPECT_TRUE(scheme_load(json(nested(scheme_deepest - 1).c_str()).get(), &error)) << error;
+    EXPECT_FALSE(scheme_load(json(nested(scheme_deepest).c_str()).get(), &error));
+    EXPECT_TRUE(error.ends_with("O.O: nested too deep")) << error;
 }
 
 /// What is said of a configuration of the small model, as one that was saved; as one from outside behind " | ".

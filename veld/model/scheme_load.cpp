@@ -55,7 +55,8 @@ private:
     bool text(json_t *source, const surroundings &around, const char *key, std::string *out);
     bool integer(json_t *source, const surroundings &around, const char *key, std::optional<int64_t> *out);
     bool level(json_t *source, const surroundings &around, const char *key, role *out);
-    void synthetic(scheme *into, const char *name, source from, value_type type, const char *empty);
+    bool synthetic(const surroundings &around, scheme *into, const char *name, source from, value_type type,
+                   const char *empty);
 
     const device_backend *behind_; // null: all names are good
     std::string *error_;
@@ -257,10 +258,11 @@ bool loader::parameter(json_t *source, const surroundings &around, scheme *into)
     return true;
 }
 
-void loader::synthetic(scheme *into, const char *name, enum source from, value_type type, const char *empty)
+bool loader::synthetic(const surroundings &around, scheme *into, const char *name, enum source from, value_type type,
+                       const char *empty)
 {
     if (into->find(name) >= 0)
-        return;
+        return fail(around, std::string("\"") + name + "\" is not written down");
     auto made = std::make_unique<scheme>();
     made->name = name;
     made->parent = into;
@@ -273,6 +275,7 @@ void loader::synthetic(scheme *into, const char *name, enum source from, value_t
     made->initial.reset(empty != nullptr ? json_string(empty) : json_integer(0));
     into->children.push_back(std::move(made));
     into->index.emplace(into->children.back()->name, static_cast<uint32_t>(into->children.size() - 1));
+    return true;
 }
 
 bool loader::table(json_t *source, const surroundings &around, scheme *into)
@@ -312,9 +315,9 @@ bool loader::table(json_t *source, const surroundings &around, scheme *into)
                 return fail(around, "\"own\" must hold parameters");
         }
     }
-    synthetic(into, "max_instance", source::max_instance, value_type::uint32, nullptr);
-    if (into->ordered)
-        synthetic(into, "order", source::order, value_type::string, "");
+    if (!synthetic(around, into, "max_instance", source::max_instance, value_type::uint32, nullptr) ||
+        (into->ordered && !synthetic(around, into, "order", source::order, value_type::string, "")))
+        return false;
 
     if (json_t *instances = json_object_get(source, "instances")) {
         if (!json_is_object(instances))
