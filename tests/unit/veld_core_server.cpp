@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -16,10 +17,12 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 using namespace veld;
 
@@ -121,6 +124,61 @@ TEST_F(VeldConnection, WhatIsAnsweredLaterIsWaitedForWhenThePeerSendsNoMore)
     link->answer_given();
     EXPECT_TRUE(owner.over);
     EXPECT_EQ(memory.input, 0U);
+}
+
+TEST_F(VeldConnection, MayBeGoneBeforeItsNextLines)
+{
+    owner.on_line = [this](connection &) {
+        if (owner.lines.size() == 1)
+            events.post([this] {
+                link.reset();
+                events.after(0, [this] { events.stop(); });
+            });
+    };
+    std::string many;
+    for (int i = 0; i < 1000; ++i)
+        many += "x\n";
+    send(many);
+    events.run();
+    EXPECT_FALSE(link);
+    EXPECT_LT(owner.lines.size(), 1000U);
+}
+
+TEST_F(VeldConnection, AHoldIsWaitedForToo)
+{
+    link->hold();
+    link->finish(1000, true);
+    EXPECT_FALSE(owner.over);
+    link->release();
+    EXPECT_TRUE(owner.over);
+}
+
+TEST_F(VeldConnection, WhatIsNotWaitedForMayStillEnd)
+{
+    events.after(0, [this] { events.stop(); });
+    events.run(); // the link is open
+    link->expect_answer();
+    link->hold();
+    link->send(std::string(8 << 20, 'x'));
+    link->finish(1000, false);
+    EXPECT_FALSE(owner.over) << "it has something to write";
+    link->answer_given();
+    link->release();
+    EXPECT_FALSE(owner.over);
+}
+
+TEST_F(VeldConnection, ThatIsOverIsOverOnce)
+{
+    link->close();
+    EXPECT_TRUE(owner.over);
+    owner.over = false;
+    link->close();
+    link->finish(1000, true);
+    link->send("late\n");
+    link->send_event(std::make_shared<const std::string>("late\n"));
+    EXPECT_FALSE(owner.over);
+    EXPECT_EQ(received(), "");
+    EXPECT_EQ(memory.output, 0U);
 }
 
 TEST_F(VeldConnection, OneLargeEventIsNobodysFault)
@@ -401,6 +459,39 @@ TEST_F(VeldListener, OneDoorThatStaysShutIsSaid)
     EXPECT_FALSE(entrances.listeners()[0]->is_open());
 }
 
+TEST_F(VeldListener, ADoorThatIsBlockedIsTriedAgain)
+{
+    doors entrances(events, {}, [](arrival) {});
+    entrances.add(path);
+    const auto &door = *entrances.listeners()[0];
+    const auto blocked = [&](bool is) {
+        entrances.close();
+        std::filesystem::remove(path);
+        if (is)
+            std::ofstream(path) << "something";
+        entrances.reopen();
+        EXPECT_EQ(door.is_open(), !is);
+        std::filesystem::remove(path);
+    };
+    blocked(false);
+    // Closed, it is not tried again.
+    blocked(true);
+    entrances.close();
+    events.after(250, [&] {
+        EXPECT_FALSE(door.is_open());
+        blocked(true);
+    });
+    const std::function<void()> look = [&] {
+        if (door.is_open())
+            events.stop();
+        else
+            events.after(10, look);
+    };
+    events.after(260, look);
+    events.run();
+    EXPECT_TRUE(door.is_open());
+}
+
 TEST_F(VeldListener, ACertificateThatIsNoneIsSaid)
 {
     std::ofstream(folder + "/cert") << "nothing";
@@ -421,6 +512,21 @@ TEST(VeldPrivileges, UsersAndGroupsThatThereAreNot)
     EXPECT_NE(error.find("no such group"), std::string::npos) << error;
 }
 
+TEST(VeldLoop, ATimerThatHasRungMayBeCancelled)
+{
+    loop events;
+    std::string rung;
+    const loop::timer_id first = events.after(0, [&] { rung += "first "; });
+    events.after(1, [&] {
+        events.cancel(first);
+        events.cancel(first);
+        rung += "second";
+        events.stop();
+    });
+    events.run();
+    EXPECT_EQ(rung, "first second");
+}
+
 TEST(VeldWorker, WhatFollowsIsDoneOnTheLoopInTheOrderGiven)
 {
     loop events;
@@ -439,6 +545,34 @@ TEST(VeldWorker, WhatFollowsIsDoneOnTheLoopInTheOrderGiven)
     events.run();
     EXPECT_EQ(done, (std::vector<int>{0, 1, 2}));
     EXPECT_EQ(thread.waiting(), 0U);
+}
+
+TEST(VeldWorker, WhatIsAbandonedTouchesNothingAnyMore)
+{
+    // What the work holds belongs to parts of the program that are gone when the thread comes back from it.
+    const auto held = std::make_shared<int>(0);
+    const auto goes_on = std::make_shared<std::atomic<bool>>(false);
+    const auto thread_id = std::make_shared<std::atomic<pid_t>>(0);
+    {
+        loop events;
+        worker thread(events, worker::at_end::abandon);
+        thread.run([held, goes_on, thread_id] {
+            *thread_id = gettid();
+            while (!*goes_on)
+                sched_yield();
+        });
+        while (*thread_id == 0)
+            sched_yield();
+    }
+    *goes_on = true;
+    const std::string state = "/proc/self/task/" + std::to_string(*thread_id) + "/stat";
+    std::string text = "R";
+    while (text.find(") S ") == std::string::npos && !text.empty()) {
+        text.clear();
+        std::getline(std::ifstream(state), text);
+    }
+    EXPECT_NE(text, "") << "it has ended";
+    EXPECT_EQ(held.use_count(), 2);
 }
 
 TEST(VeldWorker, WhatWasGivenIsFinishedAtTheEnd)

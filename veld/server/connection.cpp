@@ -111,9 +111,9 @@ void connection::receive()
             close();
             return;
         }
-        if (got.state == io_state::closed) {
-            state_ = state::drained;
-            break;
+        if (got.state == io_state::closed) { // what came before it has been worked on
+            finish(greeting_limit_ms, true);
+            return;
         }
         reader_.commit(got.bytes);
         if (!take_input(got.bytes))
@@ -122,9 +122,7 @@ void connection::receive()
         if (resuming_)
             break;
     }
-    if (state_ == state::drained && !resuming_ && !blocked())
-        finish(greeting_limit_ms, true);
-    else if (reads() && link_->holds_input())
+    if (reads() && link_->holds_input())
         resume_later();
 }
 
@@ -201,12 +199,8 @@ void connection::resume_later()
         if (me->blocked())
             return;
         me->take_lines();
-        if (!me->resuming_ && !me->blocked()) {
-            if (me->state_ == state::drained)
-                me->finish(greeting_limit_ms, true);
-            else
-                me->receive();
-        }
+        if (!me->resuming_ && !me->blocked())
+            me->receive();
         if (!me->over())
             me->update_watch();
     });

@@ -98,7 +98,6 @@ private:
     enum class state {
         greeting,  ///< the handshake is under way
         open,      ///< lines come and answers go
-        drained,   ///< the peer sends no more; lines that have arrived are still worked on
         finishing, ///< nothing more is read; the link ends with the last answer
         over
     };
