@@ -85,6 +85,14 @@ def test_a_line_at_the_limit_is_taken(small):
 
 
 @pytest.mark.load
+def test_what_is_wrong_with_a_line_at_the_limit_is_said_shortly(small):
+    peer = small.connect()
+    head, tail = b'{"id":1,"method":"DeleteObject","params":{"ObjectName":"', b'"}}'
+    peer.send_raw(head + b"x" * ((64 << 20) - len(head) - len(tail)) + tail + b"\n")
+    assert peer.receive()["error"] == {"code": 9005, "message": ""}
+
+
+@pytest.mark.load
 def test_unfinished_lines_of_many_clients_do_not_fill_the_memory(small):
     bad = [small.connect() for _ in range(12)]
     chunk = b"x" * (1 << 20)
@@ -352,6 +360,8 @@ def test_help_version_and_wrong_options():
     assert refused_start("--nothing")[0] == 2
     assert refused_start("word")[0] == 2
     assert refused_start("--reboot-time", "soon") == (2, "veld: --reboot-time soon: must be a number of seconds\n")
+    for text in ("x", "1,x", "1,", "1,2,3", "-1"):
+        assert refused_start("--populate", text)[0] == 2, text
     assert refused_start("--model", "/nowhere/at-all") == (1, "veld: /nowhere/at-all.json: No such file or directory\n")
 
 

@@ -141,6 +141,8 @@ def test_what_cannot_be_listened_on_is_said(certificate, tmp_path):
         taken.listen()
         address = f"tcp://127.0.0.1:{taken.getsockname()[1]}"
         assert started(*common, "--listen", address) == (1, "", f"veld: {address}: Address already in use\n")
+    status, _, said = started(*common, "--listen", "tcp://no..host:1")  # no label is empty
+    assert status == 1 and said.startswith("veld: tcp://no..host:1: ")
     assert started(*common, "--tls-cert", certificate[0])[0] == 2
     status, _, said = started(*common, "--tls-cert", tmp_path / "none", "--tls-key", certificate[1])
     assert status == 1 and said.startswith(f"veld: {tmp_path / 'none'}: ")

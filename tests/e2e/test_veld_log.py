@@ -69,6 +69,26 @@ def test_what_clients_send_is_escaped(small):
     assert "\x1b" not in small.log and "\u202e" not in small.log
 
 
+def test_a_long_answer_is_shown_by_its_length(veld_start):
+    veld = veld_start("--log", "debug", "--populate", "50,10")
+    answer = veld.call("GetParameterValues", ParameterNames=["."])
+    assert len(answer["ParameterList"]) > 10000
+    assert re.fullmatch(r"uid \d+\): answer \d{6,} bytes", lines(veld, 2)[-1])
+
+
+def test_a_log_that_cannot_be_opened_again_stays(veld_start, tmp_path):
+    log = Path(tmp_path) / "log"
+    veld = veld_start("--log", log, model=SMALL)
+    log.rename(log.with_suffix(".old"))
+    log.mkdir()
+    veld.process.send_signal(1)
+    while "cannot open the log file again" not in log.with_suffix(".old").read_text():
+        veld.call("GetParameterValues", ParameterNames=["Device.Name"])
+    assert f"error: cannot open the log file again: {log}: not a regular file\n" in log.with_suffix(".old").read_text()
+    veld.call("Login", User="root")
+    assert 'logged in as "root"' in log.with_suffix(".old").read_text()
+
+
 def test_the_log_is_opened_again_at_a_hang_up(veld_start, tmp_path):
     log = Path(tmp_path) / "log"
     veld = veld_start("--log", log, model=SMALL)

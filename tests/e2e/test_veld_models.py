@@ -95,6 +95,13 @@ USERS = {
     "Level": {"type": "unsignedInt", "access": "readWrite", "default": 5, "maxInclusive": 10},
     "Big": {"type": "unsignedLong", "default": 0},
     "Up": {"type": "unsignedInt", "default": 0, "live": "uptime"},
+    "Pin": {"type": "string", "default": "", "handler_set": "password"},
+    "SlotNumberOfEntries": {"type": "unsignedInt", "default": 0, "entries": "Slot"},
+    "Slot": {
+        "multi": True,
+        "template": {"children": {"Name": {"type": "string", "default": "", "unique": True}}},
+        "instances": {"1": {"Name": "left"}, "2": {}},
+    },
     "Users": {
         "write": "admin",
         "children": {
@@ -175,6 +182,9 @@ def test_values_that_do_not_fit_stop_the_start(sandbox):
         (["--set", "Device.Level=11"], 1, "Device.Level: must be at most 10"),
         (["--set", "Device.Serials=S1"], 1, "Device.Serials: no such parameter"),
         (["--set", "Device.Users.User.2.Enable=true"], 1, "Device.Users.User.2.Enable: no such parameter"),
+        (["--set", "Device.SlotNumberOfEntries=2"], 1, "Device.SlotNumberOfEntries: has no value of its own"),
+        (["--set", "Device.Slot.2.Name=left"], 1, "Device.Slot.2.Name: is already used by instance 1"),
+        (["--set", "Device.Pin=" + "1" * 512], 1, "Device.Pin: is not possible as a password"),
         (["--set", "Device.Level"], 2, "--set Device.Level: must be of the form PATH=VALUE"),
         (["--values", "bad.values"], 2, '--values bad.values:2: "Device.Level" is not of the form PATH=VALUE'),
         (["--values", "none"], 2, "--values none: No such file or directory"),

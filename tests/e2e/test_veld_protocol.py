@@ -1,6 +1,7 @@
 """What the daemon answers, byte by byte, and whom it lets do what."""
 
 import json
+import os
 from pathlib import Path
 
 import pytest
@@ -211,6 +212,8 @@ def test_one_unknown_name_is_refused_of_several_it_is_left_out(root):
         ("Code", "1A", 9007, "does not match the pattern [A-Z]{2}|[0-9]+"),
         ("Code", "AA\n", 9007, "does not match the pattern [A-Z]{2}|[0-9]+"),
         ("When", "yesterday", 9007, "is not a date and time (like 2024-01-31T23:59:00Z)"),
+        ("When", "2024-01-31 23:59:00Z", 9007, "is not a date and time (like 2024-01-31T23:59:00Z)"),
+        ("When", "2024-01-31T23:59:00.Z", 9007, "is not a date and time (like 2024-01-31T23:59:00Z)"),
         ("When", "2023-02-29T00:00:00Z", 9007, "is not a date and time (like 2024-01-31T23:59:00Z)"),
         ("Blob", "YWJjZA==", 9007, "must have at most 3 bytes"),
         ("Blob", "YWJ", 9007, "is not base64"),
@@ -223,6 +226,8 @@ def test_one_unknown_name_is_refused_of_several_it_is_left_out(root):
         ("Host.", 1, 9005, "is not a parameter"),
         ("Echo", 1, 9005, "is not a parameter"),
         ("Host.max_instance", 1, 9008, "is not writable"),
+        ("Users.User.1.Password", "a\0b", 9007, "is not possible as a password"),
+        ("Users.User.1.Password", "x" * 512, 9007, "is not possible as a password"),
         ("Host.1.Alias", "two", 9007, "is already used by instance 2"),
         ("Search.1", "home", 9007, "is already used by instance 2"),
     ],
@@ -399,6 +404,18 @@ def test_a_refusal_says_when_nobody_is_logged_in(small, method):
         peer.call(method, **REFUSED[method])
     except WireError as error:
         assert not error.message.endswith("not logged in")
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs root")
+def test_an_account_that_is_not_enabled_lets_its_system_user_not_in(small, root):
+    user = "Device.Users.User.4."
+    assert root.call("AddObject", ObjectName="Device.Users.User.")["InstanceNumber"] == 4
+    set_one(root, user + "Username", "nobody")
+    peer = small.connect()
+    assert refused(peer, "Login", User="nobody").code == 9001
+    set_one(root, user + "Enable", True)
+    assert peer.call("Login", User="nobody") == {}
+    assert refused(peer, "GetParameterValues", ParameterNames=["Device.Admin.Secret"]).code == 9001
 
 
 def test_users_and_administrators(small):

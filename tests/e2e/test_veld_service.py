@@ -75,18 +75,51 @@ def test_the_socket_has_the_rights_that_were_asked_for(veld_start):
     assert (stat.S_IMODE(found.st_mode), found.st_gid) == (0o640, NOBODY.pw_gid)
 
 
-@pytest.fixture
-def manager(sandbox):
+def as_nobody(*options):
+    run = subprocess.run(
+        ["setpriv", f"--reuid={NOBODY.pw_uid}", f"--regid={NOBODY.pw_gid}", "--clear-groups", settings.VELD, "--model", SMALL, *options],
+        capture_output=True, text=True, timeout=settings.DEADLINE,
+    )  # fmt: skip
+    return run.returncode, run.stderr
+
+
+@only_root
+def test_only_root_runs_as_somebody_else():
+    here = ("--listen", "tcp://127.0.0.1:0")
+    assert as_nobody(*here, "--run-as", "root") == (1, "veld: only root can run as root\n")
+    # Who it is already it may become; what is wrong comes later.
+    assert as_nobody("--run-as", "nobody", "--socket", "/proc/s") == (1, "veld: /proc/s: No such file or directory\n")
+
+
+@only_root
+def test_without_a_place_to_listen_at_there_is_the_usual_one():
+    assert as_nobody() == (1, "veld: /var/run/veld.sock: Permission denied\n")
+
+
+def test_files_that_can_have_no_directory_stop_the_start(tmp_path):
+    (tmp_path / "file").write_text("")
+    options = ("--socket", tmp_path / "s", "--files", tmp_path / "file" / "below")
+    assert refused_start(*options) == (1, f"veld: {tmp_path}/file/below: Not a directory\n")
+
+
+@pytest.fixture(params=["path", "abstract"])
+def manager(sandbox, request):
     """A service manager's socket."""
     path = sandbox.root / "notify"
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as link:
-        link.bind(str(path))
+        link.bind(str(path) if request.param == "path" else f"\0{path}")
         link.settimeout(settings.DEADLINE)
         yield link
 
 
+def place(manager):
+    """Its address as a manager writes it."""
+    address = manager.getsockname()
+    return address if isinstance(address, str) else "@" + address[1:].decode()
+
+
 def test_the_manager_hears_when_the_daemon_is_ready_and_when_it_ends(veld_start, manager):
-    small = veld_start(model=SMALL, env={"NOTIFY_SOCKET": manager.getsockname()})
+    small = veld_start(model=SMALL, env={"NOTIFY_SOCKET": place(manager)})
     assert manager.recv(100) == b"READY=1"
     ask(small.connect())
     small.process.send_signal(signal.SIGHUP)
@@ -97,12 +130,12 @@ def test_the_manager_hears_when_the_daemon_is_ready_and_when_it_ends(veld_start,
 
 
 def test_the_watchdog_is_fed(veld_start, manager):
-    veld_start(model=SMALL, env={"NOTIFY_SOCKET": manager.getsockname(), "WATCHDOG_USEC": "40000"})
+    veld_start(model=SMALL, env={"NOTIFY_SOCKET": place(manager), "WATCHDOG_USEC": "40000"})
     assert [manager.recv(100) for _ in range(4)] == [b"READY=1", b"WATCHDOG=1", b"WATCHDOG=1", b"WATCHDOG=1"]
 
 
 def test_a_watchdog_of_another_process_is_not_fed(veld_start, manager):
-    small = veld_start(model=SMALL, env={"NOTIFY_SOCKET": manager.getsockname(), "WATCHDOG_USEC": "1000", "WATCHDOG_PID": "1"})
+    small = veld_start(model=SMALL, env={"NOTIFY_SOCKET": place(manager), "WATCHDOG_USEC": "1000", "WATCHDOG_PID": "1"})
     assert manager.recv(100) == b"READY=1"
     for _ in range(50):
         ask(small.connect())

@@ -127,6 +127,23 @@ def test_a_factory_reset_forgets_everything(small, state):
     assert values(root(small)) == fresh
 
 
+def test_two_reboots_at_once_are_one(small):
+    peer = root(small)
+    assert refused_reboot(peer) == -32602
+    reboot = b'{"id":1,"method":"Reboot","params":{"Force":true}}\n'
+    peer.send_raw(reboot * 2)
+    assert [peer.receive()["result"] for _ in range(2)] == [{"Status": 0}] * 2
+    wait_gone(peer)
+    small.wait_until_up()
+    assert values(root(small))["Device.Name"] == "box"
+
+
+def refused_reboot(peer):
+    with pytest.raises(WireError) as error:
+        peer.call("Reboot", Force="now")
+    return error.value.code
+
+
 def test_a_reboot_is_announced_and_takes_its_time(small):
     peer, listener = root(small), small.connect()
     listener.join(2)

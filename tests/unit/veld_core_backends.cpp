@@ -46,6 +46,26 @@ private:
 
 } // namespace
 
+TEST(Backends, DoWhatOneOfThemDoes)
+{
+    struct rebooting : one_node {
+        using one_node::one_node;
+        bool does(backend_deed deed) const override { return deed == backend_deed::reboot; }
+    };
+    scheme what;
+    one_node first(what);
+    rebooting second(what);
+    EXPECT_FALSE(backends({&first}).does(backend_deed::reboot));
+    backends both({&first, &second});
+    EXPECT_TRUE(both.does(backend_deed::reboot));
+    EXPECT_FALSE(both.does(backend_deed::flash));
+    // A method that none of them runs.
+    job_outcome outcome;
+    EXPECT_FALSE(both.run(
+        what, "M", nullptr, [](std::string_view) { return std::string(); }, &outcome));
+    EXPECT_EQ(outcome.problem.code, code::not_supported);
+}
+
 TEST(Backends, WhatOneRefusesTheOthersTakeBack)
 {
     scheme what[3];

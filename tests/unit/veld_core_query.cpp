@@ -3,6 +3,7 @@
 #include "veld/model/change.h"
 #include "veld/model/query.h"
 #include "veld/rpc/arguments.h"
+#include "veld/state/configuration.h"
 
 using namespace veld;
 using namespace veld_test;
@@ -101,6 +102,28 @@ TEST(VeldQuery, DepthCountsLevelsBelowTheNode)
     EXPECT_EQ(attribute_names(model.get(), ".", 1), list{"Device."});
 }
 
+TEST(VeldQuery, AnAnswerIsAsLongAsItMayBeOrRefused)
+{
+    const auto model = make_tree();
+    const json_ref all = json(R"([".","Device.Ping.Options","Device.Name"])");
+    const std::function<fault(answer_text)> queries[] = {
+        [&](answer_text answer) { return query_values(model.get(), role::administrator, all.get(), answer); },
+        [&](answer_text answer) { return query_names(model.get(), role::administrator, "Device.Ping", false, answer); },
+        [&](answer_text answer) { return query_attributes(model.get(), role::administrator, all.get(), 9, answer); },
+    };
+    for (const auto &query : queries) {
+        std::string whole;
+        ASSERT_FALSE(query({&whole, plenty}));
+        for (size_t limit = 0; limit < whole.size(); ++limit) {
+            std::string text;
+            ASSERT_EQ(query({&text, limit}).code, code::resources) << limit << " of " << whole.size();
+        }
+        std::string text;
+        EXPECT_FALSE(query({&text, whole.size()}));
+        EXPECT_EQ(text, whole);
+    }
+}
+
 TEST(VeldQuery, AnAnswerOverTheLimitIsRefusedEarly)
 {
     const auto model = make_tree();
@@ -147,6 +170,35 @@ TEST(VeldQuery, ATableWithoutALimitTakesSoManyFromClients)
     EXPECT_EQ(count - 1, 65535);
     EXPECT_EQ(full.code, code::resources);
     EXPECT_EQ(full.message, "Device.Search. takes at most 65535 instances");
+}
+
+TEST(VeldQuery, TablesThatClientsCannotChangeStay)
+{
+    const auto model = make_tree({}, R"({"format":1,"root":{"Device":{"children":{
+        "Fixed":{"multi":true,"access":"readWrite","template":{},"instances":{"1":{}}},
+        "Row":{"multi":true,"ordered":true,"template":{},"instances":{"1":{},"2":{}}}}}}})");
+    node *table = nullptr;
+    uint32_t number = 0;
+    EXPECT_EQ(change_delete(model.get(), role::administrator, "Device.Fixed.1.", &table, &number).message,
+              "Device.Fixed.1. cannot be deleted");
+    EXPECT_EQ(change_order(model.get(), role::administrator, "Device.Row.2.", 1).message,
+              "Device.Row.2. cannot be moved");
+    EXPECT_EQ(value_at(model.get(), "Device.Row.order"), "\"1,2\"");
+}
+
+TEST(VeldQuery, InstanceNumbersComeToAnEnd)
+{
+    const auto model = make_tree();
+    std::string error;
+    const json_ref saved =
+        json(R"({"veld-config":1,"config":{"Device":{"Host":{"instances":{"4294967295":{"Alias":"last"}}}}}})");
+    ASSERT_TRUE(configuration_restore(model.get(), saved.get(), &error)) << error;
+    EXPECT_EQ(value_at(model.get(), "Device.Host.max_instance"), "4294967295");
+    node *added = nullptr;
+    const fault problem = change_add(model.get(), role::administrator, "Device.Host.", 0, &added);
+    EXPECT_EQ(problem.code, code::resources);
+    EXPECT_EQ(problem.message, "Device.Host. has no instance numbers left");
+    EXPECT_EQ(value_at(model.get(), "Device.HostCount"), "1");
 }
 
 TEST(VeldQuery, ChangesNeedTheRightRole)

@@ -6,10 +6,13 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace veld;
 
@@ -99,6 +102,31 @@ TEST(VeldLineSink, LosesLinesThatNobodyReadsAndCountsThem)
     EXPECT_FALSE(read_all(reader.get(), SIZE_MAX, &text));
     EXPECT_EQ(text.substr(text.size() - 6), "\nlast\n");
     EXPECT_EQ((text.size() - 5) % 1001, 0U);
+}
+
+TEST(VeldLineSink, WritesToAStandardErrorThatIsASocket)
+{
+    std::array<int, 2> pair{};
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()), 0);
+    const fd_owner reader(pair[0]);
+    const fd_owner writer(pair[1]);
+    ASSERT_EQ(fcntl(reader.get(), F_SETFL, O_NONBLOCK), 0);
+    const fd_owner before(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3));
+    ASSERT_EQ(dup2(writer.get(), STDERR_FILENO), STDERR_FILENO);
+    line_sink sink = line_sink::of_standard_error();
+    const std::string line(100000, 'x');
+    int lines = 0;
+    for (; sink.lost() == 0; ++lines)
+        sink.write(line + "\n");
+    // What was begun is ended before anything else is written, although nobody waited for the reader.
+    std::string text;
+    EXPECT_FALSE(read_all(reader.get(), SIZE_MAX, &text));
+    sink.write("last\n");
+    EXPECT_EQ(sink.lost(), 0U);
+    dup2(before.get(), STDERR_FILENO);
+    EXPECT_FALSE(read_all(reader.get(), SIZE_MAX, &text));
+    EXPECT_EQ(text.substr(text.size() - 6), "\nlast\n");
+    EXPECT_EQ(text.size() - 5, static_cast<size_t>(lines - 1) * 100001);
 }
 
 TEST(VeldCoalescedChanges, WhatCameAndWentWasNeverThere)

@@ -119,6 +119,106 @@ TEST(VeldTree, GivesNewInstancesFreeUniqueNumbers)
     node *added = nullptr;
     ASSERT_FALSE(change_add(model.get(), role::administrator, "Device.Host.", 0, &added));
     EXPECT_EQ(value_at(model.get(), "Device.Host.3.Id"), "3");
+    // Where none is free it begins with the default, as others may.
+    const auto narrow = make_tree({}, R"({"format":1,"root":{"T":{"multi":true,"access":"readWrite","template":{
+        "children":{"N":{"type":"int","access":"readWrite","default":1,"maxInclusive":2,"unique":true}}}}}})");
+    for (const char *expected : {"1", "2", "1"}) {
+        ASSERT_FALSE(change_add(narrow.get(), role::administrator, "T.", 0, &added));
+        EXPECT_EQ(value_at(narrow.get(), (tree::name(added) + "N").c_str()), expected);
+    }
+}
+
+/// What is said of values that do not fit; "" where one fits.
+std::string said(tree *model, const char *path, const std::string &value)
+{
+    const json_ref problems =
+        json(set(model, (R"([{"Name":")" + std::string(path) + R"(","Value":)" + value + "}]").c_str()).data.c_str());
+    const char *text = json_string_value(json_object_get(problems.get(), path));
+    return text != nullptr ? text : "";
+}
+
+TEST(VeldTree, EnumerationsAreOfNumbersTooAndMayBeLong)
+{
+    std::string names;
+    for (int i = 100; i < 200; ++i)
+        names += (i > 100 ? "," : "") + ("\"" + std::to_string(i) + "\"");
+    const std::string document =
+        R"({"format":1,"root":{"D":{"type":"decimal","access":"readWrite","default":1,"enum":[1,2.5]},)"
+        R"("L":{"type":"string","access":"readWrite","default":"100","enum":[)" +
+        names + "]}}}";
+    const auto model = make_tree({}, document.c_str());
+    for (const char *fits : {"1", "1.0", "2.5"})
+        EXPECT_FALSE(set(model.get(), (R"([{"Name":"D","Value":)" + std::string(fits) + "}]").c_str())) << fits;
+    EXPECT_EQ(said(model.get(), "D", "2"), "must be one of 1, 2.5");
+    EXPECT_FALSE(set(model.get(), R"([{"Name":"L","Value":"199"}])"));
+    const std::string refusal = said(model.get(), "L", "\"x\"");
+    EXPECT_TRUE(refusal.starts_with(R"(must be one of "100", "101", )") && refusal.ends_with(R"(", ...)")) << refusal;
+    EXPECT_LT(refusal.size(), 420U);
+}
+
+TEST(VeldTree, PathsLeadToWhatTheirKindSays)
+{
+    const auto path = [](const char *kind) {
+        return std::string(R"({"type":"path","access":"readWrite","default":"","targets":[],"targetType":")") + kind +
+               "\"}";
+    };
+    const std::string document = R"({"format":1,"root":{"R":)" + path("row") + R"(,"T":)" + path("table") + R"(,"S":)" +
+                                 path("single") + R"(,"P":)" + path("parameter") + R"(,"O":)" + path("object") +
+                                 R"(,"Table":{"multi":true,"template":{},"instances":{"1":{}}},"Single":{}}})";
+    const auto model = make_tree({}, document.c_str());
+    const std::map<std::string, std::string> fitting = {
+        {"R", "Table.1."}, {"T", "Table."}, {"S", "Single."}, {"P", "R"}, {"O", "Table. Table.1. Single."}};
+    for (const auto &[name, those] : fitting) {
+        for (const char *to : {"Table.1.", "Table.", "Single.", "R"}) {
+            const bool fits = (" " + those + " ").find(" " + std::string(to) + " ") != std::string::npos;
+            const fault problem = set(model.get(), (R"([{"Name":")" + name + R"(","Value":")" + to + "\"}]").c_str());
+            EXPECT_EQ(!problem, fits) << name << " to " << to << ": " << problem.data;
+        }
+    }
+}
+
+TEST(VeldTree, AnInstanceThatIsNotSaidBindsNobody)
+{
+    // Of which instance of Other the value is to be one, nothing says; of the own one it is said.
+    const auto model = make_tree({}, R"({"format":1,"root":{
+        "Other":{"multi":true,"instances":{"1":{}},"template":{"children":{"All":{"type":"string","default":"a,b"}}}},
+        "T":{"multi":true,"instances":{"1":{}},"template":{"children":{
+            "All":{"type":"string","default":"a,b"},
+            "Free":{"type":"string","access":"readWrite","default":"","valuesOf":"Other.{i}.All"},
+            "Own":{"type":"string","access":"readWrite","default":"","valuesOf":"T.{i}.All"}}}}}})");
+    EXPECT_EQ(said(model.get(), "T.1.Own", "\"c\""), "must be among what T.1.All lists");
+    EXPECT_FALSE(set(model.get(), R"([{"Name":"T.1.Free","Value":"c"},{"Name":"T.1.Own","Value":"b"}])"));
+}
+
+TEST(VeldTree, ParametersBeginWithTheirFactoryValues)
+{
+    const auto model =
+        make_tree({}, R"({"format":1,"root":{"P":{"type":"int","access":"readWrite","default":1,"value":2},
+        "T":{"multi":true,"instances":{"1":{}},"template":{"children":{"P":{"type":"int","default":1,"value":3}}}}}})");
+    EXPECT_EQ(value_at(model.get(), "P"), "2");
+    EXPECT_EQ(value_at(model.get(), "T.1.P"), "3");
+    EXPECT_EQ(text_of(configuration_of(model.get())), R"({"veld-config":1,"config":{}})");
+    ASSERT_FALSE(set(model.get(), R"([{"Name":"P","Value":1}])"));
+    EXPECT_EQ(value_at(model.get(), "P"), "1");
+    model->reset();
+    EXPECT_EQ(value_at(model.get(), "P"), "2");
+}
+
+TEST(VeldTree, ATablesOwnParametersAreSaved)
+{
+    const auto model = make_tree({}, R"({"format":1,"root":{"T":{"multi":true,"template":{},
+        "own":{"Mode":{"type":"string","access":"readWrite","default":"a","enum":["a","b"]}}}}})");
+    ASSERT_FALSE(set(model.get(), R"([{"Name":"T.Mode","Value":"b"}])"));
+    const json_ref saved = configuration_of(model.get());
+    EXPECT_EQ(text_of(json_ref::share(saved.get())), R"({"veld-config":1,"config":{"T":{"Mode":"b"}}})");
+    model->reset();
+    std::string error;
+    ASSERT_TRUE(configuration_restore(model.get(), saved.get(), &error)) << error;
+    EXPECT_EQ(value_at(model.get(), "T.Mode"), "\"b\"");
+    json_ref whole;
+    const json_ref wrong = json(R"({"veld-config":1,"config":{"T":{"Mode":"c"}}})");
+    EXPECT_FALSE(configuration_check(model.get(), wrong.get(), &whole, &error));
+    EXPECT_EQ(error, R"(T.Mode: must be one of "a", "b")");
 }
 
 TEST(VeldTree, TenThousandInstancesAreNoQuadraticWork)
@@ -192,6 +292,28 @@ TEST(VeldTree, LiveRowsKeepTheirNumbersWhileTheyExist)
     EXPECT_EQ(numbers(model.get(), "Device.Link"), (std::vector<uint32_t>{2, 3}));
     rows = json("[]");
     EXPECT_EQ(numbers(model.get(), "Device.Link"), std::vector<uint32_t>{});
+}
+
+TEST(VeldTree, OfATableThatIsGoneTheMachineIsNotAskedAgain)
+{
+    int asked = 0;
+    live_source live;
+    live.rows = [&asked](std::string_view) {
+        ++asked;
+        return json_array();
+    };
+    const auto model = make_tree(live, R"({"format":1,"root":{"T":{"multi":true,"instances":{"1":{},"2":{}},
+        "template":{"children":{"Link":{"multi":true,"live":"links","template":{}}}}}}})");
+    numbers(model.get(), "T.1.Link");
+    numbers(model.get(), "T.2.Link");
+    EXPECT_EQ(asked, 2);
+    model->refresh_known();
+    EXPECT_EQ(asked, 4);
+    model->remove(model->find("T.1.").at);
+    for (const int expected : {5, 6}) {
+        model->refresh_known();
+        EXPECT_EQ(asked, expected);
+    }
 }
 
 TEST(VeldTree, ASavedConfigurationRestoresExactlyWhatWasThere)

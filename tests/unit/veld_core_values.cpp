@@ -1,4 +1,6 @@
 #include "base/json_write.h"
+#include "veld/base/memory.h"
+#include "veld/base/value_size.h"
 #include "veld/firmware/source_url.h"
 #include "veld/firmware/upgrade.h"
 #include "veld/machine/image.h"
@@ -83,6 +85,45 @@ TEST(VeldPassword, OnlyTheRightOneMatchesItsHash)
     for (const char *unusable : {"", "*", "x", "$", "$6$", "secret"})
         EXPECT_FALSE(password_matches("secret", unusable)) << unusable;
     EXPECT_FALSE(password_matches("", ""));
+}
+
+TEST(VeldPassword, NoneIsKeptAsNone)
+{
+    const json_ref none{json_string("")};
+    EXPECT_STREQ(json_string_value(password_hash(none.get()).get()), "");
+    EXPECT_TRUE(password_hash_usable(none.get()));
+}
+
+TEST(VeldPassword, WhatIsNoTextWithoutNulIsNoHash)
+{
+    const json_ref plain{json_string("secret")};
+    const std::string hash = json_string_value(password_hash(plain.get()).get());
+    EXPECT_TRUE(password_hash_usable(json_ref{json_string(hash.c_str())}.get()));
+    EXPECT_FALSE(password_hash_usable(json_ref{json_stringn((hash + '\0').data(), hash.size() + 1)}.get()));
+    EXPECT_FALSE(password_hash_usable(json_ref{json_integer(6)}.get()));
+}
+
+TEST(VeldVersion, IsTheSameInOtherDigits)
+{
+    EXPECT_TRUE(same_version("1.2.3", "1.02.3"));
+    EXPECT_TRUE(same_version("box-1.2", "box-1.2.0"));
+    EXPECT_FALSE(same_version("box-1.2", "1.2"));
+    EXPECT_FALSE(same_version("1.2", "1.2.1"));
+    // Of a firmware whose version says nothing.
+    EXPECT_FALSE(same_version("box-", "box-0"));
+    EXPECT_TRUE(same_version("", ""));
+}
+
+TEST(VeldValueSize, QuotesInTextsEndThemNot)
+{
+    EXPECT_EQ(size_as_values(R"("a\"{[,:1")"), size_as_values(R"("abcdefghi")"));
+    EXPECT_EQ(size_as_values(R"("\\")"), size_as_values(R"("ab")"));
+    EXPECT_LT(size_as_values(R"(["a"])"), size_as_values(R"(["a",1])"));
+}
+
+TEST(VeldMemory, NothingIsGivenBack)
+{
+    EXPECT_EQ(fatal_realloc(fatal_realloc(nullptr, 8), 0), nullptr);
 }
 
 TEST(VeldImage, ReadsItsHeader)
