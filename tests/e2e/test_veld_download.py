@@ -4,7 +4,9 @@ import hashlib
 import http.server
 import json
 import os
+import re
 import socket
+import struct
 import subprocess
 import threading
 import time
@@ -13,6 +15,7 @@ from pathlib import Path
 import pytest
 
 from lib import settings
+from lib.sandbox import namespace_command
 from lib.wire import Closed, WireError
 
 HERE = Path(__file__).parent
@@ -177,6 +180,23 @@ def test_a_file_without_a_name_may_be_given_one(peer, state, serve):
     assert refused(peer, **named).code == 9003
 
 
+def test_a_file_that_cannot_get_its_name_says_so(peer, state, serve):
+    def offered():
+        return peer.call("Download", FileType="File", URL=f"netcat://127.0.0.1:{serve(b'y')}")["TransactionID"]
+
+    (state / "files").mkdir(exist_ok=True)
+    (state / "files" / "folder").mkdir()
+    error = refused(peer, FileType="File", TransactionID=offered(), TargetFileName="folder")
+    assert (error.code, error.message) == (9010, "folder: Is a directory")
+    # Another file has taken its place meanwhile.
+    transaction = offered()
+    (state / "files" / "download").rename(state / "files" / "kept")
+    (state / "files" / "download").write_bytes(b"z")
+    error = refused(peer, FileType="File", TransactionID=transaction, TargetFileName="mine")
+    assert (error.code, error.message) == (9003, "no such transaction")
+    assert sorted(entry.name for entry in (state / "files").iterdir()) == ["download", "folder", "kept"]
+
+
 @pytest.mark.parametrize("name", ["what?.txt", "a?b=c&d", "50%25", "#1", "ein Blatt.txt", "grün"])
 def test_the_name_of_a_local_file_is_taken_as_it_is(peer, state, tmp_path, name):
     folder = tmp_path / "is it?"
@@ -228,8 +248,62 @@ def test_what_cannot_be_fetched(peer, tmp_path, serve):
         closed.bind(("127.0.0.1", 0))
         error = refused(peer, FileType="File", URL=f"netcat://127.0.0.1:{closed.getsockname()[1]}")
         assert (error.code, error.message) == (9016, "127.0.0.1: Connection refused")
+    # No address at all for a connection, without its interface.
+    error = refused(peer, FileType="File", URL="http://[fe80::1]/")
+    assert error.code == 9016 and error.message.startswith("fe80::1: ")
+    error = refused(peer, FileType="File", URL="http://no..host/")
+    assert (error.code, error.message) == (9016, "no..host: no such host")
     error = refused(peer, FileType="File", URL=f"http://127.0.0.1:{serve(answer(b'HTTP/1.0 404 Not Found' + b'x' * 4))}/")
     assert error.code == 9010
+
+
+def test_a_host_that_does_not_answer_is_given_up(peer):
+    with socket.create_server(("127.0.0.1", 0), backlog=0) as full:
+        waiting = []
+        for _ in range(8):  # more than ever fit
+            waiting.append(socket.socket())
+            waiting[-1].setblocking(False)
+            waiting[-1].connect_ex(full.getsockname())
+        error = refused(peer, FileType="File", URL=f"netcat://127.0.0.1:{full.getsockname()[1]}")
+        for link in waiting:
+            link.close()
+    assert (error.code, error.message) == (9016, "127.0.0.1: Connection timed out")
+
+
+@pytest.mark.skipif(namespace_command() is None, reason="needs mounts of its own")
+def test_the_next_address_of_a_host_is_tried(veld, state, serve, tmp_path):
+    hosts = Path(tmp_path) / "hosts"
+    hosts.write_text("127.0.0.2 two.example\n127.0.0.1 two.example\n127.0.0.2 one.example\n")
+    veld.argv = [*namespace_command(), "sh", "-c", 'mount --bind "$0" /etc/hosts && exec "$@"', str(hosts), *veld.argv]
+    peer = root(veld.restart())
+    port = serve(answer(b"HTTP/1.0 200 OK\r\n\r\ncontent"))
+    assert peer.call("Download", FileType="File", URL=f"http://two.example:{port}/f") == STATUS_OK
+    assert (state / "files" / "f").read_bytes() == b"content"
+    error = refused(peer, FileType="File", URL=f"http://one.example:{port}/f")
+    assert (error.code, error.message) == (9016, "one.example: Connection refused")
+
+
+@pytest.mark.parametrize("ends", ["well", "early"])
+def test_a_request_may_take_its_time(peer, state, serve, ends):
+    path = "/" + "x" * (12 << 20)  # more than is ever under way
+    heard = bytearray()
+
+    def reads_late(link):
+        heard.extend(link.recv(1))
+        if ends == "early":
+            link.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            return
+        while not heard.endswith(b"\r\n\r\n"):
+            heard.extend(link.recv(1 << 20))
+        link.sendall(b"HTTP/1.0 200 OK\r\n\r\ncontent")
+
+    download = {"FileType": "File", "URL": f"http://127.0.0.1:{serve(reads_late)}{path}", "TargetFileName": "f"}
+    if ends == "early":
+        error = refused(peer, **download)
+        assert error.code == 9010 and re.fullmatch("127.0.0.1: (Connection reset by peer|Broken pipe)", error.message)
+    else:
+        assert peer.call("Download", **download) == STATUS_OK
+        assert bytes(heard).startswith(f"GET {path} HTTP/1.0\r\n".encode())
 
 
 @pytest.mark.parametrize(
@@ -347,11 +421,15 @@ def test_a_killed_daemon_leaves_nothing_unfinished(veld_start, model, serve, sta
     assert list((state / "spool").iterdir()) == []
 
 
-def test_more_than_the_limit_is_refused(veld_start, model, tmp_path):
+def test_more_than_the_limit_is_refused(veld_start, model, tmp_path, serve):
     peer = root(veld_start("--download-limit", "1000", model=model))
     _, url, _ = write(tmp_path, "f", b"x" * 1001)
     error = refused(peer, FileType="File", URL=url)
     assert (error.code, error.message) == (9010, "larger than 1000 bytes")
+    for size, message in ((1001, "larger than 1000 bytes"), (1000, None)):
+        url = f"netcat://127.0.0.1:{serve(b'x' * size)}"
+        answer = peer.answer(peer.request("Download", {"FileType": "File", "URL": url, "TargetFileName": "g"}))
+        assert answer.get("error", {}).get("message") == message
     _, url, _ = write(tmp_path, "f", b"x" * 1000)
     assert peer.call("Download", FileType="File", URL=url) == STATUS_OK
 

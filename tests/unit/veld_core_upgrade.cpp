@@ -4,6 +4,7 @@
 #include "base/json_write.h"
 #include "veld/backend/backends.h"
 #include "veld/firmware/downloads.h"
+#include "veld/firmware/fetch.h"
 #include "veld/firmware/upgrade.h"
 #include "veld/machine/machine.h"
 #include "veld/model/document.h"
@@ -13,6 +14,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace veld;
@@ -186,6 +189,31 @@ TEST_F(VeldUpgrade, WhoeverDoesNotRebootIsBackAtOnce)
     EXPECT_EQ(own.rebooted, "");
 }
 
+TEST_F(VeldUpgrade, WhileTheDeviceIsDownNothingHappensToIt)
+{
+    // The disk is busy until it goes down: what was to be saved before that comes too late.
+    std::promise<void> free;
+    disk.run([&free] { free.get_future().wait(); });
+    std::string told;
+    const auto tell = [&told](const fault &problem) { told += problem.message + ", "; };
+    const auto document = [] { return json_ref{json_loads(R"({"veld-config":1,"config":{}})", 0, nullptr)}; };
+    begin("2.0.0");
+    machine->replace_configuration(document(), tell);
+    machine->reboot("Reboot", true);
+    events.post([&] {
+        EXPECT_EQ(happened, "announce Reboot, down, ");
+        machine->replace_configuration(document(), tell);
+        machine->reboot("Reboot", true);
+        own.flashing->succeed({}); // which cannot be cut off; the reboot that follows it is under way
+        free.set_value();
+        disk.run([] {}, [this] { own.rebooting->succeed({}); });
+    });
+    events.run();
+    EXPECT_EQ(told, "the device goes down, the device goes down, ");
+    EXPECT_EQ(happened, "announce Reboot, down, finished, up, ");
+    EXPECT_EQ(flash->version(), "2.0.0");
+}
+
 TEST_F(VeldUpgrade, WithoutAFirmwareThereIsNone)
 {
     veld_test::live_backend bare({});
@@ -353,6 +381,45 @@ TEST_F(VeldDownloads, WhatIsNoImageIsRefusedAsTheBackendSays)
     const job_outcome outcome = request({.type = "Firmware", .url = file("x")});
     EXPECT_EQ(outcome.problem.code, code::bad_file);
     EXPECT_EQ(outcome.problem.message, "not for this device");
+}
+
+TEST_F(VeldDownloads, AnImageThatComesWhileOneIsFlashedIsDropped)
+{
+    events.post([this] { begin("9.0.0"); }); // asked for before
+    const job_outcome outcome = request({.type = "Firmware", .url = file("2.0.0")});
+    EXPECT_EQ(outcome.problem.message, "a firmware is being flashed");
+    EXPECT_EQ(own.version, "9.0.0");
+    EXPECT_EQ(request({.type = "Firmware", .url = file("2.0.0")}).problem.message, "a firmware is being flashed");
+}
+
+TEST_F(VeldDownloads, OfAFilesOwnUserAndOfEverybodyItMayBeTaken)
+{
+    const std::string url = file("x");
+    const std::string path = folder + "/source";
+    const uid_t owner = 12345, other = 12346;
+    if (chown(path.c_str(), owner, static_cast<gid_t>(-1)) != 0)
+        GTEST_SKIP() << "this needs root";
+    const auto refusal = [&](uid_t reader, mode_t file_mode, mode_t folder_mode) {
+        EXPECT_EQ(chmod(path.c_str(), file_mode) | chmod(folder.c_str(), folder_mode), 0);
+        spool into;
+        EXPECT_TRUE(into.create(folder, 1000));
+        std::string problem = "nothing";
+        loop own_loop;
+        worker own_disk(own_loop, worker::at_end::finish);
+        source_url from;
+        EXPECT_TRUE(source_url_parse(url, &from, &error)) << error;
+        fetch one(own_loop, own_disk, from, into, {1000, reader}, [&](const fault &ended) {
+            problem = ended.message;
+            own_loop.stop();
+        });
+        one.start();
+        own_loop.run();
+        return problem;
+    };
+    EXPECT_EQ(refusal(owner, 0600, 0700), "");
+    EXPECT_EQ(refusal(other, 0600, 0755), path + ": cannot be read");
+    EXPECT_EQ(refusal(other, 0604, 0755), "");
+    EXPECT_EQ(refusal(other, 0604, 0700), path + ": cannot be read") << "its folder may not be entered";
 }
 
 TEST_F(VeldDownloads, MoreThanTheLimitIsRefused)
