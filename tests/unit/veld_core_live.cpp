@@ -10,10 +10,13 @@
 #include <ifaddrs.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
+#include <net/if_arp.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,6 +25,8 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <fstream>
+#include <functional>
 #include <set>
 #include <string>
 
@@ -171,22 +176,24 @@ TEST(Live, LoadsAreThoseOfOneFiveAndFifteenMinutes)
     }
 }
 
-TEST(Live, AnEthernetIsARow)
+// Runs `body` in a process of its own with an interface "kest0" that is an Ethernet until told otherwise, and nothing
+// but what `body` writes there says how it is. The process's failures are the test's.
+void with_an_interface(const std::function<void(int tap, const ifreq &named)> &body)
 {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-        const bool apart = unshare(CLONE_NEWNET) == 0;
+        const bool apart = unshare(CLONE_NEWNET | CLONE_NEWNS) == 0 &&
+                           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                           mount("none", "/sys/class/net", "tmpfs", 0, nullptr) == 0 &&
+                           mkdir("/sys/class/net/kest0", 0700) == 0;
         const int tap = open("/dev/net/tun", O_RDWR);
         ifreq request = {};
         strcpy(request.ifr_name, "kest0");
         request.ifr_flags = IFF_TAP | IFF_NO_PI;
         if (!apart || tap < 0 || ioctl(tap, TUNSETIFF, &request) != 0)
             _exit(77);
-        const json_ref rows(live_ethernet());
-        EXPECT_EQ(json_array_size(rows.get()), 1U);
-        EXPECT_EQ(text_of(json_array_get(rows.get(), 0), "name"), "kest0");
-        EXPECT_EQ(text_of(json_array_get(rows.get(), 0), "mac").size(), 17U);
+        body(tap, request);
         _exit(::testing::Test::HasFailure() ? 1 : 0);
     }
     int status = 0;
@@ -195,6 +202,56 @@ TEST(Live, AnEthernetIsARow)
     if (WEXITSTATUS(status) == 77)
         GTEST_SKIP() << "this machine gives no network of its own, or no TAP device";
     EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(Live, AnEthernetIsARow)
+{
+    with_an_interface([](int, const ifreq &) {
+        const json_ref rows(live_ethernet());
+        EXPECT_EQ(json_array_size(rows.get()), 1U);
+        EXPECT_EQ(text_of(json_array_get(rows.get(), 0), "name"), "kest0");
+        EXPECT_EQ(text_of(json_array_get(rows.get(), 0), "mac").size(), 17U);
+    });
+}
+
+TEST(Live, AnInterfaceIsAsTheKernelSays)
+{
+    with_an_interface([](int, const ifreq &named) {
+        const auto status = [] {
+            const json_ref rows(live_interfaces());
+            return text_of(row_with(rows.get(), "name", "kest0"), "status");
+        };
+        EXPECT_EQ(status(), "Down");
+        ifreq request = named;
+        request.ifr_flags = IFF_UP;
+        const int any = socket(AF_INET, SOCK_DGRAM, 0);
+        ASSERT_EQ(ioctl(any, SIOCSIFFLAGS, &request), 0);
+        for (const auto &[state, expected] : {std::pair{"up", "Up"},
+                                              {"dormant", "Dormant"},
+                                              {"notpresent", "NotPresent"},
+                                              {"lowerlayerdown", "LowerLayerDown"},
+                                              {"down", "Down"},
+                                              {"unknown", "Up"}}) {
+            std::ofstream("/sys/class/net/kest0/operstate") << state << "\n";
+            EXPECT_EQ(status(), expected) << state;
+        }
+        close(any);
+    });
+}
+
+TEST(Live, ATunnelIsNoEthernet)
+{
+    with_an_interface([](int tap, const ifreq &) {
+        for (const int hardware : {ARPHRD_TUNNEL, ARPHRD_SIT, ARPHRD_IPGRE, ARPHRD_ETHER}) {
+            if (ioctl(tap, TUNSETLINK, hardware) != 0)
+                _exit(77);
+            const bool tunnel = hardware != ARPHRD_ETHER;
+            const json_ref rows(live_interfaces());
+            EXPECT_EQ(text_of(row_with(rows.get(), "name", "kest0"), "type"), tunnel ? "Tunnel" : "Normal") << hardware;
+            const json_ref wired(live_ethernet());
+            EXPECT_EQ(json_array_size(wired.get()), tunnel ? 0U : 1U) << hardware;
+        }
+    });
 }
 
 TEST(Live, RowsHaveKeysOfTheirOwn)
@@ -324,6 +381,61 @@ TEST(Live, ActivePortsShowAListeningSocket)
     }
 }
 
+TEST(Live, SocketsAtOnePortAreRowsOfTheirOwn)
+{
+    sockaddr_in here = {};
+    here.sin_family = AF_INET;
+    here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof here;
+    int listeners[3];
+    const int on = 1;
+    for (int &one : listeners) {
+        one = socket(AF_INET, SOCK_STREAM, 0);
+        ASSERT_EQ(setsockopt(one, SOL_SOCKET, SO_REUSEPORT, &on, sizeof on), 0);
+        ASSERT_EQ(bind(one, reinterpret_cast<sockaddr *>(&here), length), 0);
+        ASSERT_EQ(listen(one, 1), 0);
+        ASSERT_EQ(getsockname(one, reinterpret_cast<sockaddr *>(&here), &length), 0);
+    }
+    int found = 0;
+    for (int tries = 0; found == 0 && tries < 1000; tries++) { // they may have been read just now
+        const json_ref rows(live_rows("active_ports"));
+        expect_keys(rows.get());
+        size_t i = 0;
+        json_t *row = nullptr;
+        json_array_foreach(rows.get(), i, row) found += number_of(row, "local_port") == ntohs(here.sin_port) ? 1 : 0;
+        usleep(1000);
+    }
+    EXPECT_EQ(found, 3);
+    for (const int one : listeners)
+        close(one);
+}
+
+TEST(Live, TheZoneIsTheProcesss)
+{
+    const char *const before = getenv("TZ");
+    const std::string kept = before != nullptr ? before : "";
+    const auto in_zone = [](const std::string &zone, const auto &provider) {
+        setenv("TZ", zone.c_str(), 1);
+        const json_ref value(provider());
+        return std::string(json_string_value(value.get()));
+    };
+    EXPECT_EQ(in_zone("XYZ-3:30", live_time_zone), "XYZ-3:30");
+    EXPECT_TRUE(in_zone("XYZ-3:30", live_time_current).ends_with("+03:30"));
+    EXPECT_TRUE(in_zone("XYZ+2", live_time_current).ends_with("-02:00"));
+    EXPECT_TRUE(in_zone("UTC0", live_time_current).ends_with("Z"));
+    const std::string file = testing::TempDir() + "veld-zone-" + std::to_string(getpid());
+    std::ofstream(file) << "TZif2" << std::string(39, '\0') << "\nABC-1\n";
+    EXPECT_EQ(in_zone(":" + file, live_time_zone), "ABC-1");
+    EXPECT_EQ(in_zone(file, live_time_zone), "ABC-1");
+    unlink(file.c_str());
+    EXPECT_EQ(in_zone(":" + file, live_time_zone), file);
+    if (before != nullptr)
+        setenv("TZ", kept.c_str(), 1);
+    else
+        unsetenv("TZ");
+    tzset();
+}
+
 // --- the kernel's files ---
 
 TEST(LiveParsers, NeighborsAreReadFromTheArpTable)
@@ -363,6 +475,26 @@ TEST(LiveParsers, RoutesThatAreUpAreRead)
     EXPECT_EQ(dump(rows.get()),
               R"([{"#key":"0.0.0.0/0.0.0.0 192.0.2.1%eth0 100","destination":"0.0.0.0","mask":"0.0.0.0",)"
               R"("gateway":"192.0.2.1","interface":"eth0","metric":100}])");
+}
+
+TEST(LiveParsers, SocketsWithoutAnAddressAreLeftOut)
+{
+    // A word is in the machine's order.
+    const auto word = [](uint32_t network) {
+        char digits[9];
+        snprintf(digits, sizeof digits, "%08X", htonl(network));
+        return std::string(digits);
+    };
+    const std::string local = word(INADDR_LOOPBACK), local6 = std::string(24, '0') + word(1);
+    const std::string to = " 00000000:0000 0A x\n", to6 = " " + std::string(32, '0') + ":0000 0A x\n";
+    const json_ref rows(json_array());
+    rows_of_tcp("  sl  local_address rem_address   st\n   0: " + local + ":0035" + to + "   1: " + local.substr(1) +
+                    "G:0035" + to + "   2: " + local6 + ":0036" + to6 + "   3: " + local6.substr(1) + "x:0037" + to6 +
+                    "   4: " + local + to,
+                rows.get());
+    ASSERT_EQ(json_array_size(rows.get()), 2U) << dump(rows.get());
+    EXPECT_EQ(text_of(json_array_get(rows.get(), 0), "local_address"), "127.0.0.1");
+    EXPECT_EQ(text_of(json_array_get(rows.get(), 1), "local_address"), "::1");
 }
 
 TEST(LiveParsers, AProcessThatEndedIsLeftOut)

@@ -18,6 +18,7 @@
 #include <sched.h>
 #include <string>
 #include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -113,6 +114,25 @@ bool raise_loopback()
     return up;
 }
 
+bool write_file(const char *path, const std::string &text)
+{
+    FILE *file = fopen(path, "w");
+    return file != nullptr && fputs(text.c_str(), file) >= 0 && fclose(file) == 0;
+}
+
+// Of a process of its own: lets it alone see `text` as that file, where the kernel lets it.
+bool see_as(const char *path, const std::string &text)
+{
+    char own[] = "/tmp/veld-seen-XXXXXX";
+    const int fd = mkstemp(own);
+    const bool seen = fd >= 0 && write_file(own, text) && unshare(CLONE_NEWNS) == 0 &&
+                      mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                      mount(own, path, nullptr, MS_BIND, nullptr) == 0;
+    close(fd);
+    unlink(own);
+    return seen;
+}
+
 // Runs `body` in a process of its own, in a network of its own whose loopback is up, as the kernel lets us; ICMP
 // sockets are allowed there to everybody or to nobody. The process's failures are the test's.
 void in_own_network(bool allow_icmp, const std::function<void()> &body)
@@ -121,8 +141,7 @@ void in_own_network(bool allow_icmp, const std::function<void()> &body)
     ASSERT_GE(child, 0);
     if (child == 0) {
         bool apart = unshare(CLONE_NEWNET) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0;
-        FILE *range = apart ? fopen("/proc/sys/net/ipv4/ping_group_range", "w") : nullptr;
-        if (range == nullptr || fputs(allow_icmp ? "0 65534" : "1 0", range) < 0 || fclose(range) != 0)
+        if (!apart || !write_file("/proc/sys/net/ipv4/ping_group_range", allow_icmp ? "0 65534" : "1 0"))
             _exit(77);
         if (!raise_loopback())
             _exit(77);
@@ -137,6 +156,23 @@ void in_own_network(bool allow_icmp, const std::function<void()> &body)
     EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
+bool obey(const sock_fprog &program)
+{
+    return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+// From here on that call of this process fails, where the kernel lets it.
+bool let_fail(unsigned call, unsigned problem)
+{
+    sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, call, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | problem),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    return obey({static_cast<unsigned short>(std::size(code)), code});
+}
+
 // From here on this process is on a kernel that was built without IPv6, where the kernel lets it.
 bool forget_ipv6()
 {
@@ -149,8 +185,7 @@ bool forget_ipv6()
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EAFNOSUPPORT),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
-    const sock_fprog program = {static_cast<unsigned short>(std::size(code)), code};
-    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) != 0)
+    if (!obey({static_cast<unsigned short>(std::size(code)), code}))
         return false;
     return socket(AF_INET6, SOCK_DGRAM, 0) < 0 && errno == EAFNOSUPPORT;
 }
@@ -164,10 +199,77 @@ sockaddr_in loopback(uint16_t port)
     return address;
 }
 
+uint16_t checksum(const std::string &bytes)
+{
+    uint32_t sum = 0;
+    for (size_t i = 0; i < bytes.size(); i += 2)
+        sum += static_cast<uint32_t>(static_cast<unsigned char>(bytes[i]) << 8) +
+               (i + 1 < bytes.size() ? static_cast<unsigned char>(bytes[i + 1]) : 0U);
+    while (sum > 0xffff)
+        sum = (sum & 0xffff) + (sum >> 16);
+    return static_cast<uint16_t>(~sum);
+}
+
+// Stands for all hosts of a network of its own: it answers echo requests with what `reply` makes of them, messages of
+// ICMP whose checksums need not be right. A request comes behind the header of its datagram.
+class echo_host
+{
+public:
+    using packets = std::vector<std::string>;
+
+    explicit echo_host(std::function<packets(const std::string &datagram, const std::string &request)> reply)
+        : reply_(std::move(reply)), fd_(socket(AF_INET, SOCK_RAW | SOCK_NONBLOCK, IPPROTO_ICMP))
+    {
+        if (fd_ < 0 || !write_file("/proc/sys/net/ipv4/icmp_echo_ignore_all", "1"))
+            _exit(77);
+    }
+    ~echo_host() { close(fd_); }
+    echo_host(const echo_host &) = delete;
+    echo_host &operator=(const echo_host &) = delete;
+
+    void serve()
+    {
+        char bytes[4096];
+        const sockaddr_in to = loopback(0);
+        for (ssize_t got; (got = recv(fd_, bytes, sizeof bytes, 0)) > 0;) {
+            const std::string datagram(bytes, static_cast<size_t>(got));
+            const std::string request = datagram.substr(static_cast<size_t>(bytes[0] & 15) * 4);
+            if (request[0] != 8)
+                continue;
+            for (std::string packet : reply_(datagram, request)) {
+                packet[2] = packet[3] = 0;
+                const uint16_t sum = checksum(packet);
+                packet[2] = static_cast<char>(sum >> 8);
+                packet[3] = static_cast<char>(sum);
+                EXPECT_GT(
+                    sendto(fd_, packet.data(), packet.size(), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to),
+                    0);
+            }
+        }
+    }
+    static std::string answer_to(std::string request)
+    {
+        request[0] = 0;
+        return request;
+    }
+
+private:
+    std::function<packets(const std::string &, const std::string &)> reply_;
+    int fd_;
+};
+
 // A name server on the loopback that answers each question with what `reply` makes of it; nothing when that is empty.
 class name_server
 {
 public:
+    // At that address, on the port where name servers are.
+    name_server(const char *address, std::function<std::string(const std::string &)> reply) : reply_(std::move(reply))
+    {
+        sockaddr_in here = loopback(53);
+        inet_pton(AF_INET, address, &here.sin_addr);
+        udp_ = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+        EXPECT_EQ(bind(udp_, reinterpret_cast<sockaddr *>(&here), sizeof here), 0);
+    }
     explicit name_server(std::function<std::string(const std::string &)> reply) : reply_(std::move(reply))
     {
         // A port that is free for datagrams may be taken for streams.
@@ -353,6 +455,93 @@ TEST(IPPing, LargeBlocksNamesAndInterfacesWork)
     });
 }
 
+TEST(IPPing, TheLoopbackAnswersOverIpv6)
+{
+    in_own_network(true, [] {
+        if (access("/proc/net/if_inet6", R_OK) != 0)
+            _exit(77);
+        json_ref input = parse(ping_defaults);
+        json_object_set_new(input.get(), "Host", json_string("::1"));
+        job_outcome outcome = run("IPPing", input);
+        EXPECT_FALSE(outcome.problem) << outcome.problem.message;
+        EXPECT_EQ(text(outcome, "Status"), "Complete");
+        EXPECT_EQ(text(outcome, "IPAddressUsed"), "::1");
+        EXPECT_EQ(number(outcome, "SuccessCount"), 3);
+    });
+}
+
+TEST(IPPing, OnlyTheAnswerToTheLastRequestCounts)
+{
+    in_own_network(true, [] {
+        echo_host host([](const std::string &, const std::string &request) {
+            const std::string right = echo_host::answer_to(request);
+            std::string other = right, late = right;
+            other.back() = 'x';
+            late[7] = static_cast<char>(late[7] - 1);
+            return echo_host::packets{right.substr(0, right.size() - 1), other, late, right, right};
+        });
+        job_outcome outcome = run("IPPing", parse(ping_defaults), [&] { host.serve(); });
+        EXPECT_EQ(text(outcome, "Status"), "Complete");
+        EXPECT_EQ(number(outcome, "SuccessCount"), 3);
+        EXPECT_EQ(number(outcome, "FailureCount"), 0);
+    });
+}
+
+TEST(IPPing, WhatIsNotAnsweredInTimeHasFailed)
+{
+    in_own_network(true, [] {
+        int requests = 0;
+        echo_host host([&](const std::string &, const std::string &request) {
+            return ++requests == 2 ? echo_host::packets{echo_host::answer_to(request)} : echo_host::packets{};
+        });
+        json_ref input = parse(ping_defaults);
+        json_object_set_new(input.get(), "Timeout", json_integer(200));
+        job_outcome outcome = run("IPPing", input, [&] { host.serve(); });
+        EXPECT_EQ(text(outcome, "Status"), "Complete");
+        EXPECT_EQ(number(outcome, "SuccessCount"), 1);
+        EXPECT_EQ(number(outcome, "FailureCount"), 2);
+    });
+}
+
+TEST(IPPing, WhatARouterReportsHasFailed)
+{
+    in_own_network(true, [] {
+        const auto unreachable = [](const std::string &datagram) {
+            return std::string("\3\1\0\0\0\0\0\0", 8) + datagram.substr(0, 64);
+        };
+        std::string first;
+        echo_host host([&](const std::string &datagram, const std::string &request) {
+            if (first.empty()) {
+                first = datagram;
+                return echo_host::packets{echo_host::answer_to(request)};
+            }
+            // One that is about another request changes nothing.
+            return echo_host::packets{unreachable(first), unreachable(datagram)};
+        });
+        json_ref input = parse(ping_defaults);
+        json_object_set_new(input.get(), "Timeout", json_integer(10000));
+        job_outcome outcome = run("IPPing", input, [&] { host.serve(); });
+        EXPECT_EQ(text(outcome, "Status"), "Complete");
+        EXPECT_EQ(number(outcome, "SuccessCount"), 1);
+        EXPECT_EQ(number(outcome, "FailureCount"), 2);
+        outcome = run("IPPing", input, [&] { host.serve(); });
+        EXPECT_EQ(text(outcome, "Status"), "Error_NoRouteToHost");
+        EXPECT_EQ(number(outcome, "FailureCount"), 3);
+    });
+}
+
+TEST(IPPing, AnInterfaceThatIsGoneIsSaidSo)
+{
+    in_own_network(true, [] {
+        json_ref input = parse(ping_defaults);
+        json_object_set_new(input.get(), "Interface", json_string("Device.IP.Interface.1."));
+        job_outcome outcome = run(
+            "IPPing", input, [] {}, [](std::string_view) { return std::string("gone0"); });
+        EXPECT_EQ(outcome.problem.code, code::internal);
+        EXPECT_EQ(outcome.problem.message, std::string("cannot use the interface gone0: ") + strerror(ENODEV));
+    });
+}
+
 TEST(IPPing, WhereNoRouteLeadsNothingIsReached)
 {
     in_own_network(true, [] {
@@ -436,6 +625,8 @@ TEST(IPPing, NoHostAndAnUnknownInterfaceAreRefused)
     EXPECT_EQ(outcome.problem.message, "Host: no host given");
     EXPECT_STREQ(json_string_value(json_object_get(parse(outcome.problem.data.c_str()).get(), "Host")),
                  "no host given");
+    json_object_set_new(input.get(), "Host", json_stringn("127.0.0.1\0", 10));
+    EXPECT_EQ(run("IPPing", input).problem.message, "Host: not the name or address of a host");
 
     input = parse(ping_defaults);
     json_object_set_new(input.get(), "Interface", json_string("Device.IP.Interface.99."));
@@ -692,6 +883,113 @@ TEST(NSLookup, AServerThatIsNotThereIsSaidSo)
     close(keeper);
 }
 
+std::string addresses_of_one(const std::string &question)
+{
+    return answer_to(question, {{1, asked_name, std::string("\xc0\0\2\7", 4)}});
+}
+
+TEST(NSLookup, AServerMayBeNamed)
+{
+    name_server server(addresses_of_one);
+    json_ref input = lookup_input(server);
+    json_object_set_new(input.get(), "DNSServer", json_string(("localhost:" + std::to_string(server.port())).c_str()));
+    job_outcome outcome;
+    // Look-ups that an earlier test left may still be under way.
+    do
+        outcome = run("NSLookup", input, [&] { server.serve(); });
+    while (outcome.problem.code == code::resources);
+    EXPECT_FALSE(outcome.problem) << outcome.problem.message;
+    EXPECT_EQ(text(outcome, "Result.1.Status"), "Success");
+    EXPECT_EQ(text(outcome, "Result.1.IPAddresses"), "192.0.2.7");
+}
+
+TEST(NSLookup, ThreeOfANamesAddressesAreAsked)
+{
+    in_own_network(true, [] {
+        if (!see_as("/etc/hosts", "127.0.0.1 many\n127.0.0.2 many\n127.0.0.3 many\n127.0.0.4 many\n"))
+            _exit(77);
+        name_server fourth("127.0.0.4", addresses_of_one);
+        json_ref input = parse(lookup_defaults);
+        json_object_set_new(input.get(), "DNSServer", json_string("many"));
+        job_outcome outcome = run("NSLookup", input, [&] { fourth.serve(); });
+        EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_DNSServerNotAvailable");
+        EXPECT_EQ(fourth.asked, 0);
+        json_object_set_new(input.get(), "DNSServer", json_string("127.0.0.4"));
+        outcome = run("NSLookup", input, [&] { fourth.serve(); });
+        EXPECT_EQ(text(outcome, "Result.1.Status"), "Success");
+    });
+}
+
+TEST(NSLookup, TheMachinesOwnServersAreAskedOneAfterTheOther)
+{
+    in_own_network(true, [] {
+        if (!see_as("/etc/resolv.conf", "nameserver 127.0.0.1\nnameserver 127.0.0.2\n"))
+            _exit(77);
+        name_server first("127.0.0.1", [](const std::string &question) { return answer_to(question, {}, 2); });
+        name_server second("127.0.0.2", addresses_of_one);
+        job_outcome outcome = run("NSLookup", parse(lookup_defaults), [&] {
+            first.serve();
+            second.serve();
+        });
+        EXPECT_EQ(text(outcome, "Result.1.Status"), "Success") << outcome.problem.message;
+        EXPECT_EQ(text(outcome, "Result.1.DNSServerIP"), "127.0.0.2");
+        EXPECT_GT(first.asked, 0);
+    });
+}
+
+TEST(NSLookup, WhereTheMachineHasNoServersNobodyIsAsked)
+{
+    in_own_network(true, [] {
+        if (!see_as("/etc/resolv.conf", "search example\n"))
+            _exit(77);
+        job_outcome outcome = run("NSLookup", parse(lookup_defaults));
+        EXPECT_FALSE(outcome.problem) << outcome.problem.message;
+        EXPECT_EQ(text(outcome, "Status"), "Error_DNSServerNotResolved");
+    });
+}
+
+TEST(NSLookup, WhereTheKernelHasNoIpv6AServerThereIsNotAvailable)
+{
+    in_own_network(true, [] {
+        if (!forget_ipv6())
+            _exit(77);
+        json_ref input = parse(lookup_defaults);
+        json_object_set_new(input.get(), "DNSServer", json_string("::1"));
+        job_outcome outcome = run("NSLookup", input);
+        EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_DNSServerNotAvailable");
+    });
+}
+
+TEST(NSLookup, AServerThatCannotBeAskedAgainIsNotAvailable)
+{
+    in_own_network(true, [] {
+        name_server silent([](const std::string &) { return ""; });
+        json_ref input = lookup_input(silent);
+        json_object_set_new(input.get(), "Timeout", json_integer(1000));
+        job_outcome outcome = run("NSLookup", input, [&] {
+            silent.serve();
+            if (silent.asked == 2 && !let_fail(SYS_sendmsg, ENETUNREACH))
+                _exit(77);
+        });
+        EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_DNSServerNotAvailable");
+        EXPECT_EQ(silent.asked, 2);
+    });
+}
+
+TEST(NSLookup, AQuestionForWhichThereIsNoRoomIsAsOneThatIsLost)
+{
+    in_own_network(true, [] {
+        name_server server(addresses_of_one);
+        json_ref input = lookup_input(server);
+        json_object_set_new(input.get(), "Timeout", json_integer(200));
+        if (!let_fail(SYS_sendmsg, EAGAIN))
+            _exit(77);
+        job_outcome outcome = run("NSLookup", input, [&] { server.serve(); });
+        EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_Timeout");
+        EXPECT_EQ(server.asked, 0);
+    });
+}
+
 TEST(NSLookup, ServersAreNamedWithAndWithoutTheirPort)
 {
     for (const char *server : {"::1", "[::1]", "[::1]:1", "127.0.0.1:1"}) {
@@ -721,6 +1019,9 @@ TEST(NSLookup, WhatIsNoHostNameIsRefused)
         json_object_set_new(input.get(), "DNSServer", json_string(server));
         EXPECT_EQ(run("NSLookup", input).problem.code, code::bad_arguments) << server;
     }
+    json_ref input = parse(lookup_defaults);
+    json_object_set_new(input.get(), "DNSServer", json_stringn("127.0.0.1\0", 10));
+    EXPECT_EQ(run("NSLookup", input).problem.message, "DNSServer: not the name or address of a server");
 }
 
 // --- messages ---
@@ -731,6 +1032,18 @@ TEST(DnsMessage, ReverseNames)
     EXPECT_EQ(dns_reverse_name("2001:db8::7"),
               "7.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.8.b.d.0.1.0.0.2.ip6.arpa");
     EXPECT_EQ(dns_reverse_name("host.example"), "");
+}
+
+TEST(DnsMessage, ANameThatLeadsNowhereIsNone)
+{
+    std::vector<unsigned char> query = dns_query(1, "7.2.0.192.in-addr.arpa", dns_type::ptr);
+    const std::string bytes =
+        answer_to(std::string(query.begin(), query.end()),
+                  {{12, asked_name, "\xff\xff"}, {12, asked_name, std::string("\4host\7example\0", 14)}});
+    const auto answer = dns_parse(reinterpret_cast<const unsigned char *>(bytes.data()), bytes.size(),
+                                  "7.2.0.192.in-addr.arpa", dns_type::ptr);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->records, std::vector<std::string>{"host.example"});
 }
 
 TEST(DnsMessage, ParsingSurvivesEveryMutilation)

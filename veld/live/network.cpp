@@ -107,8 +107,6 @@ void add_address(interface *to, const ifaddrs &from)
         to->ipv6.push_back({address_text(AF_INET6, &own), "", prefix});
         break;
     }
-    default:
-        break;
     }
 }
 

@@ -144,18 +144,14 @@ json_t *live_time_current()
 {
     time_t now = time(nullptr);
     tzset();
-    tm local;
-    if (localtime_r(&now, &local) == nullptr)
-        return nullptr;
+    tm local = {};
+    localtime_r(&now, &local);
     char text[64];
-    size_t length = strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local);
-    if (length < 5)
-        return nullptr;
-    std::string value(text, length);
+    std::string value(text, strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &local));
     if (value.ends_with("+0000"))
-        value.replace(length - 5, 5, "Z");
+        value.replace(value.size() - 5, 5, "Z");
     else
-        value.insert(length - 2, ":");
+        value.insert(value.size() - 2, ":");
     return json_clean_text(value);
 }
 
