@@ -2,6 +2,7 @@
 #include "event/reconnect.h"
 
 #include <atomic>
+#include <climits>
 #include <cstdio>
 #include <ctime>
 #include <mutex>
@@ -52,8 +53,7 @@ void reconnect_progress(const std::string &text, unsigned number)
 /// Draws the first picture and starts the thread that draws the others.
 void spinner_start(const char *text)
 {
-    if (++reconnect.last_spinner == 0)
-        ++reconnect.last_spinner;
+    reconnect.last_spinner = reconnect.last_spinner % UINT_MAX + 1;
     ve_rl_draw_circle_progress(text);
     reconnect.active_spinner = reconnect.last_spinner;
     // Without a thread the first picture stays.

@@ -97,11 +97,9 @@ struct module_search {
 void add_module(lua_State *L, const module_search *search, const char *path, size_t offset, size_t template_size)
 {
     const size_t path_size = strlen(path);
-    if (path_size + 1 <= template_size || offset > path_size)
-        return;
+    if (path_size < template_size)
+        return; // a module without a name
     size_t size = path_size - template_size + 1;
-    if (size > path_size - offset)
-        size = path_size - offset;
     lua_pushlstring(L, path + offset, size);
     if (search->dotted)
         luaL_gsub(L, lua_tostring(L, -1), search->separator, ".");

@@ -163,7 +163,7 @@ void kest_lua_run_chunk(lua_State *L)
         const int last = lua_gettop(L);
         // A description that fails is reported in its place; the others follow.
         for (int i = chunk; i <= last && !ve_wait_interrupted(); ++i) {
-            if (lua_checkstack(L, LUA_MINSTACK) == 0) {
+            if (lua_checkstack(L, 3 * LUA_MINSTACK) == 0) { // to call what shows it, and what that calls
                 lua_settop(L, chunk);
                 lua_pushliteral(L, "too many results to show");
                 report_error(L);

@@ -99,8 +99,6 @@ void shell_autocomplete(const char *line, size_t cursor, json_t *candidates)
 
 char *shell_hint(const char *line)
 {
-    if (line[0] == '\0')
-        return nullptr;
     const std::string text(line);
     const json_ref candidates(json_array());
     const size_t begin = complete(text, candidates.get()).begin;

@@ -94,6 +94,15 @@ def test_a_node_that_is_refused_is_shown_from_the_cache(kest, fake, answer):
         "Canonical path:     :Device.X\nType:               int\nAccess:             Denied\nDefault:            5\n")
 
 
+def test_a_node_of_which_nothing_is_known_is_shown_by_its_name(kest, fake):
+    fake.on("GetParameterAttributes", {"ParameterList": [{"Name": "Device.", "Attributes": {"type": "object"}}]},
+            {"ParameterList": [{"Name": "Device.X"}]}, Error(9001, "no"))
+    refuse_logins(fake)
+    assert typed(kest, fake, "attr Device.X") == (
+        "attr parse error on 1:6 : Object item not found: type\n"
+        "Canonical path:     :Device.X\nType:               (null)\nAccess:             (null)\n")
+
+
 def test_a_daemon_that_keeps_silent_is_given_a_second(kest, fake):
     fake.on("GetParameterAttributes", {"ParameterList": [{"Name": "Device.", "Attributes": {"type": "object"}}]},
             Silence())

@@ -1,13 +1,14 @@
 """save, reset, reboot, login, logout, color, opt, clear, sh, record."""
 
 import os
+import re
 import signal
 
 import pytest
 
 from lib import settings
 from lib.commands import MODEL, asked, attributes, refuse_logins, typed, values
-from lib.fake import Close, Error
+from lib.fake import Close, Error, Slow
 from lib.program import Program
 
 UPTIME = values("Device.DeviceInfo.Uptime")
@@ -74,6 +75,17 @@ def test_ctrl_c_leaves_the_wait_for_a_reboot(shell, model):
     term.type("\x03")
     term.wait_prompt()
     assert term.run("pwd") == [":"]
+
+
+def test_ctrl_c_leaves_a_device_that_keeps_silent_on_its_way_down(shell, model):
+    model.on("Reboot", {"Status": 0}).on("GetParameterValues", Slow(60, {}))
+    term = shell(to=model)
+    term.type("reboot\r")
+    model.wait_for("GetParameterValues")
+    term.type("\x03")
+    term.wait_prompt()
+    assert term.run("pwd") == [":"]
+    assert len(model.of("GetParameterValues")) == 1 and "Reconnecting" not in term.text
 
 
 # login, logout
@@ -166,6 +178,14 @@ def test_echo_is_back_however_the_question_ends(shell, model, keys):
     term.wait_for("echo ")
     term.wait_prompt()
     assert "-echo " not in "\n".join(term.lines[-3:])
+
+
+def test_a_password_may_be_typed_ahead(shell, model):
+    term = shell(to=model)
+    term.type("login anna\rs3cret\rpwd\r")
+    term.wait_for(re.compile("^:$", re.M))
+    assert {"User": "anna", "Password": "s3cret"} in model.params("Login")
+    assert "s3cret" not in term.text.split("password for anna")[1]
 
 
 def test_ctrl_d_at_the_password_asks_nothing(shell, fake):

@@ -337,6 +337,26 @@ def test_a_fatal_signal_takes_the_hint_away_and_restores_the_terminal(editor, tm
     modes_kept(term, tmp_path)
 
 
+@pytest.mark.parametrize("before, got, status", [("ulimit -c 0", "", 128 + signal.SIGQUIT), ("trap '' QUIT", '> abc\ngot "abc"\n>\n', 0)])
+def test_the_quit_key_is_what_it_is_elsewhere(editor, tmp_path, before, got, status):
+    term = editor(before=f"{before}; stty -a >before", after="stty -a >after; echo status $status")
+    term.type("ab\x1cc" + Key.ENTER + Key.CTRL_D)
+    term.wait_for(f"status {status}")
+    assert "\n".join(term.lines).startswith(got)
+    term.wait_exit()
+    modes_kept(term, tmp_path)
+
+
+@pytest.mark.parametrize("printed, row", [
+    ("aX\bb", "ab"), ("aXY\b\bb", "ab"), ("é\bab", "ab"), ("w" * 78 + "\033[1;1Hab", "ab"),
+])
+def test_a_prompt_follows_a_row_that_was_written_over(editor, printed, row):
+    term = editor()
+    term.type("part " + re.sub("([\\0-\\x1f])", "\x16\\1", printed) + Key.ENTER + "x" + Key.CTRL_A + "y")
+    column = len(row) + len(PROMPT) + 1
+    term.wait_for(lambda term: cursor_line(term)[:column + 1] == f"{row}> yx" and term.cursor[1] == column)
+
+
 @pytest.mark.parametrize("odd", ["-onlcr", "-echo", "intr ^G", "susp undef", "-icrnl", "min 5", "-ixon"])
 def test_the_terminal_is_restored_exactly(editor, tmp_path, odd):
     term = editor(before=f"stty {odd}; stty -a >before", after="stty -a >after; stty sane", wait=False)

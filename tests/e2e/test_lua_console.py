@@ -385,10 +385,31 @@ def test_what_is_typed_ahead_stands_once(lua_console):
     assert term.text.count(term.lua_prompt + " b = 7") == 1
 
 
+def test_a_prompt_follows_a_row_that_was_begun_anew(lua_console):
+    term = lua_console
+    term.type("do io.write(('w'):rep(78) .. '\\rab') end\r")
+    shown = "ab" + term.lua_prompt
+    term.wait_for(lambda term: term.line(term.cursor[0]) == shown)
+    term.type("x" + Key.CTRL_A + "y")
+    term.wait_for(lambda term: term.line(term.cursor[0]) == shown + " yx" and term.cursor[1] == len(shown) + 2)
+
+
 def test_os_execute_shares_the_terminal(veld, shell):
     term = shell(to=veld)
     term.run("lua")
     assert term.run("print('a') os.execute('echo b') print('c')") == ["a", "b", "c"]
+
+
+def test_a_wait_that_cannot_begin_ends_with_the_shell(fake, shell):
+    term = shell(to=fake)
+    term.run("lua")
+    fake.refuse()
+    term.type("dm.wait(1000)\r")
+    reason = f"{fake.address}: Connection refused"
+    term.wait_for(f"kest: {reason}")
+    fake.drop_all()
+    term.wait_exit()
+    assert f"[-32002] Connection lost: {reason}" in "".join(term.all_lines)
 
 
 def test_there_are_no_hints_in_lua_mode(veld, shell):

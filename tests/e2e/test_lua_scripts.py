@@ -1,6 +1,7 @@
 """Lua scripts and the bindings, against the real daemon."""
 
 import contextlib
+import errno
 import json
 import math
 import os
@@ -10,7 +11,7 @@ import signal
 import pytest
 
 from lib import settings
-from lib.fake import Error
+from lib.fake import Close, Error, Raw, Several
 from lib.program import Program
 
 PAGE = settings.SOURCE / "docs" / "lua.md"
@@ -75,6 +76,7 @@ def test_lua_calculates_as_the_c_library_does(script):
     expected = [getattr(math, name)(0.625) for name in names]
     expected += [math.log(0.625), 3.0, math.log(0.625) / math.log(3), math.atan2(-2, 3), -1.5, 0.5, 0.3 ** 2.5, 24.0, 0.625]
     assert [float.fromhex(line) for line in run.out.splitlines()] == pytest.approx(expected, rel=1e-15)
+    assert script("local root = math.sqrt(-1) print(root == root)").out == "false\n"
 
 
 def test_every_binding_has_an_example(kest, veld):
@@ -292,6 +294,21 @@ def test_a_daemon_that_is_not_there_ends_a_wait(kest, tmp_path):
     assert f"false\t[-32002] Connection lost: {tmp_path}/nobody: No such file or directory\n-32002\n" in run.out
 
 
+def test_a_link_that_is_lost_while_it_joins_is_opened_again(fake, kest, tmp_path):
+    (tmp_path / "s.lua").write_text("print(dm.wait(1000))")
+    joined = []
+
+    def join(request):
+        if request.params["Group"] != 1000:
+            return {}
+        joined.append(request.connection.number)
+        return Close() if len(joined) < 3 else Several([{}, Raw(b'{"method":"Event","params":{"Id":1000,"Value":5}}\n')])
+
+    fake.on("JoinGroup", join)
+    assert kest("-S", "s.lua", to=fake).out == "1000\t5\n"
+    assert joined == [2, 3, 4]
+
+
 def test_a_refused_group_is_said(fake, kest, tmp_path):
     (tmp_path / "s.lua").write_text("dm.wait(1000)")
     fake.on("JoinGroup", Error(9004, "too many groups"))
@@ -377,6 +394,14 @@ def test_a_script_ends_with_its_children(veld, kest, tmp_path):
         pipe.write("3\n")
         pipe.flush()
         assert kest("-S", "s.lua", to=veld).out == "2\n3\n1\n"
+
+
+def test_a_child_that_reads_no_more_is_told_of(veld, kest, tmp_path):
+    os.mkfifo(tmp_path / "fifo")
+    (tmp_path / "s.lua").write_text(
+        "local f = io.popen('exec <&-; echo closed >fifo', 'w') io.open('fifo'):read()\n"
+        "f:setvbuf('no') print(f:write('text'))")
+    assert kest("-S", "s.lua", to=veld, ignored=(signal.SIGPIPE,)).out == f"nil\tBroken pipe\t{errno.EPIPE}\n"
 
 
 def test_an_error_output_that_takes_nothing_holds_nothing_up(veld, sandbox):

@@ -167,6 +167,16 @@ def test_a_script_of_one_long_line(script, fake):
     assert run.out == "nonsense: unknown method.\n"
 
 
+def test_a_script_that_cannot_be_read_says_so(kest, fake):
+    run = kest("-s", "/proc/self/mem", to=fake)
+    assert (run.out, run.err, run.status) == ("", "/proc/self/mem: the script cannot be read to its end.\n", 255)
+
+
+def test_lines_that_go_on_for_too_long_end_the_script(script, fake):
+    run = script(("echo " + "x" * (33 << 20) + "\\\n") * 2 + "echo y\n")
+    assert (run.out, run.err, run.status) == ("", "file: line 2 is too long.\n", 255)
+
+
 def test_many_lines_are_read_in_one_go(script):
     run = script("echo x\n" * 200_000)
     assert run.out == "x\n" * 200_000

@@ -616,9 +616,16 @@ def test_ctrl_c_leaves_the_polling(fake, shell, image):
     term.type("\x03")
     term.wait_prompt()
     assert term.run("pwd")[-1] == ":"
+    fake.on("GetParameterValues", Slow(60, {}))
+    asked = len(fake.of("GetParameterValues"))
+    term.type(f"upgrade {image.name}\r")
+    fake.wait_for(lambda f: len(f.of("GetParameterValues")) > asked)
+    term.type("\x03")
+    term.wait_prompt()
+    assert term.run("pwd")[-1] == ":"
     fake.on("GetParameterValues", Close())
     term.type(f"upgrade {image.name}\r")
-    fake.wait_for(lambda f: len(f.of("Download")) == 2)
+    fake.wait_for(lambda f: len(f.of("Download")) == 3)
     term.wait_prompt()
 
 

@@ -205,6 +205,16 @@ def test_listening_without_its_request_link_waits_for_the_daemon(listener, fake)
 
 
 @pytest.mark.threads
+def test_listening_without_its_request_link_can_be_left(listener, fake):
+    fake.refuse()
+    request_link(fake).close()
+    listener.wait_for("Connection refused\n", stream="err")
+    listener.interrupt()
+    listener.finish()
+    assert (listener.out, listener.status) == ("", 0)
+
+
+@pytest.mark.threads
 def test_a_shell_joins_its_groups_again(shell, fake):
     fake.on("Login", Error(9001, "who is that"))
     fake.serve(MODEL)

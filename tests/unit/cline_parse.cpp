@@ -253,4 +253,12 @@ TEST(ClineParseDeathTest, ARecordIsNeeded)
     EXPECT_DEATH(cline_parse(1, argv, nullptr), "options != \\(\\(void \\*\\)0\\)");
 }
 
+TEST(ClineParse, AProgramWithoutANameIsTheShell)
+{
+    char *argv[] = {nullptr};
+    cline_options options = {};
+    EXPECT_EQ(cline_parse(0, argv, &options), 0);
+    EXPECT_EQ(options.mode, mode_interactive);
+}
+
 } // namespace

@@ -174,6 +174,33 @@ TEST_F(Completion, OffersModulesThatRequireCouldFind)
     EXPECT_EQ(at("ab"), "");
 }
 
+TEST_F(Completion, OffersOnlyModulesThatHaveAName)
+{
+    module("lib.lua");
+    module("liba.lua");
+    run("package.path = '" + directory_ + "/lib?.lua'");
+    EXPECT_EQ(at("require '"), "'a'");
+}
+
+TEST_F(Completion, OutlivesAnythingThatThePackageTableMayHold)
+{
+    module("abc.lua");
+    run("package.preload = 5");
+    EXPECT_EQ(at("ab"), "abc");
+    for (const char *config : {"nil", "''", "'/'", "'/\\n\\n?'", "{}"}) {
+        run(std::string("package.config = ") + config);
+        EXPECT_EQ(at("ab"), "") << config;
+    }
+    run("package.config = '/\\n;\\n?'");
+    EXPECT_EQ(at("ab"), "abc");
+}
+
+TEST_F(Completion, OffersNothingWithoutAState)
+{
+    lua_complete_set_state(nullptr);
+    EXPECT_EQ(at("whi"), "");
+}
+
 TEST_F(Completion, LoadsTheModuleThatTheWordNames)
 {
     module("abc.lua", "return {field = 1}");

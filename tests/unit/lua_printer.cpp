@@ -96,6 +96,11 @@ TEST_F(Printer, QuotesStringsSoThatTheyCanBeTypedBack)
     EXPECT_EQ(of("'\xc3\xa9'"), R"("\195\169")");
 }
 
+TEST_F(Printer, ShowsLongStringsWhole)
+{
+    EXPECT_TRUE(of("('x'):rep(3 << 20)") == "[[\n" + std::string(3 << 20, 'x') + "]]");
+}
+
 TEST_F(Printer, ScoresStringsForTheLongForm)
 {
     const std::string a80 = times("a", 80);

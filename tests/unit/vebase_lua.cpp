@@ -4,16 +4,22 @@
 
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <lua.hpp>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <sys/time.h>
+#include <unistd.h>
 
+#include "interrupts.h"
+#include "platform/ve_jrpcapi.h"
 #include "platform/ve_jrpcmsg.h"
 #include "platform/ve_json.h"
 #include "platform/ve_lua_frames.h"
 #include "platform/ve_wait.h"
 #include "vebase/lua/lua_json.h"
+#include "vebase_scripted_peer.h"
 
 using namespace std::string_view_literals;
 
@@ -207,8 +213,9 @@ TEST_F(VeLua, CarriesTwoThousandLevels)
     EXPECT_EQ(run("local v = 'x' for i = 1, 2000 do v = {v} end local r = dm.request('X', {v = v}).v "
                   "local n = 0 while type(r) == 'table' do r = r[1] n = n + 1 end print(n, r)"),
               "2000\tx\n");
-    EXPECT_NE(run("local v = 'x' for i = 1, 3000 do v = {v} end dm.request('X', {v = v})").find("nested too deep"),
-              std::string::npos);
+    for (const char *send : {"dm.request('X', {v = v})", "dm.call('M', {v = v})"})
+        EXPECT_TRUE(run(std::string("local v = 'x' for i = 1, 3000 do v = {v} end ") + send)
+                        .ends_with("(tables are nested too deep (more than 2040 levels))"));
 }
 
 TEST_F(VeLua, RefusesWhatHasNoJsonForm)
@@ -239,6 +246,8 @@ TEST_F(VeLua, RefusesWhatHasNoJsonForm)
     // The same table twice is no cycle.
     EXPECT_EQ(run("local t = {1} dm.request('X', {a = t, b = t})"), "");
     EXPECT_EQ(request("params"), R"({"a":[1],"b":[1]})");
+    EXPECT_EQ(run("dm.request('X')"), "");
+    EXPECT_EQ(request(), R"({"method":"X"})");
 }
 
 TEST_F(VeLua, ConvertsATableThatStandsInManyPlacesOnce)
@@ -253,6 +262,7 @@ TEST_F(VeLua, ConvertsATableThatStandsInManyPlacesOnce)
     EXPECT_TRUE(run("local t = {c = 1} for i = 1, 20 do t = {[('a'):rep(20)] = t, b = t} end dm.call('M', t)")
                     .ends_with(too_long));
     EXPECT_TRUE(run("dm.event(100, ('x'):rep(64 << 20 | 1))").ends_with(too_long));
+    EXPECT_TRUE(run("local s = ('x'):rep(40 << 20) dm.request('X', {a = s, b = s})").ends_with(too_long));
     // The second place of the inner table is deeper than a message may be, the first is not.
     EXPECT_TRUE(run("local t = {} for i = 1, 2030 do t = {t} end local u = {t} for i = 1, 20 do u = {u} end "
                     "dm.request('X', {v = {t, u}})")
@@ -333,6 +343,14 @@ TEST_F(VeLua, NamesChildrenAndAttributes)
     reply(R"({"ParameterList":[{"Name":"Device.A","Attributes":{"type":"int","perms":"rw"}}]})");
     EXPECT_EQ(run("local a = dm.attrs('Device.A') print(a.type, a.perms)"), "int\trw\n");
     EXPECT_EQ(request(), R"({"method":"GetParameterAttributes","params":{"Depth":0,"ParameterNames":["Device.A"]}})");
+}
+
+TEST_F(VeLua, TakesAnswersOfAnyShape)
+{
+    reply(R"({"ParameterList":[{"Name":"Device.A.B"},{"Writable":true},{"Name":"Other.C"},5]})");
+    EXPECT_EQ(run("print(table.concat(dm.names('Device.A.'), ' '))"), "B Other.C\n");
+    reply(R"({"ParameterList":[{"Name":"Device."}]})");
+    EXPECT_EQ(run("print(next(dm.attrs('.')))"), "nil\n") << "the root has no attributes";
 }
 
 TEST_F(VeLua, AddsDeletesAndOrdersInstances)
@@ -449,8 +467,49 @@ TEST_F(VeLua, SendsEvents)
     EXPECT_EQ(run("dm.event(1)"), "ERROR [string \"stdin\"]:1: [9004] Resources exceeded: too long");
 }
 
+TEST_F(VeLua, UsesTheContextsLinkWhereNobodyElseDoes)
+{
+    ve_lua_set_hooks({});
+    EXPECT_EQ(run("dm.request('X')"), "ERROR [string \"stdin\"]:1: [-32002] Connection lost: no link to the daemon");
+    EXPECT_EQ(run("dm.event(12)"), "ERROR [string \"stdin\"]:1: [-32002] Connection lost: the daemon closed the link");
+    std::string event;
+    {
+        const scripted_peer peer([&](peer_link &link) {
+            link.answer(link.request(), R"({"a":1})");
+            event = link.line();
+        });
+        const std::unique_ptr<ve_jrpcapi, void (*)(ve_jrpcapi *)> ctx(ve_jrpcapi_init(), ve_jrpcapi_deinit);
+        ve_jrpcapi_set_destination(ctx.get(), nullptr, peer.destination(), ve_socket_unix);
+        ASSERT_EQ(ve_jrpcapi_connect(ctx.get()), 0);
+        context->request_ctx = ctx.get();
+        EXPECT_EQ(run("print(dm.request('X').a)"), "1\n");
+        EXPECT_EQ(run("print(dm.event(12))"), "true\n");
+        context->request_ctx = nullptr;
+    }
+    EXPECT_EQ(event, R"({"jsonrpc":"2.0","method":"Event","params":{"Id":12}})");
+}
+
+TEST_F(VeLua, LeavesAnErrorOutputThatTakesNothingWhenCtrlCComes)
+{
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    const std::string block(4096, 'x');
+    while (write(ends[1], block.data(), block.size()) > 0)
+        ;
+    const int kept = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 10);
+    dup2(ends[1], STDERR_FILENO);
+    raise(SIGINT);
+    ve_lua_write_error("text", 4);
+    dup2(kept, STDERR_FILENO);
+    for (const int fd : {kept, ends[0], ends[1]})
+        close(fd);
+    EXPECT_TRUE(ve_wait_interrupted());
+}
+
 TEST_F(VeLua, TurnsJsonTextsIntoValuesAndBack)
 {
+    EXPECT_EQ(run("local s = ('x'):rep(8 << 20) print(dm.json(s) == '\"' .. s .. '\"', dm.json(1))"), "true\t1\n");
     EXPECT_EQ(run("print(dm.json{b = 1, a = {dm.null, 1.5, 'x'}, c = dm.array(), d = {}})"),
               "{\"a\":[null,1.5,\"x\"],\"b\":1,\"c\":[],\"d\":{}}\n");
     EXPECT_EQ(run("print(dm.json('\\0\\n'), dm.json(1), dm.json(1.0), dm.json(dm.null), dm.json(false))"),

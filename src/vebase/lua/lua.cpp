@@ -45,15 +45,13 @@ void drop_message_handlers(lua_State *L)
     ve_lua_frames frames(L);
     lua_Debug frame;
     while (frames.next(&frame)) {
-        if (lua_getinfo(L, "f", &frame) == 0)
-            return;
+        lua_getinfo(L, "f", &frame);
         const bool is_xpcall = lua_tocfunction(L, -1) == interpreter.xpcall;
         lua_pop(L, 1);
         if (!is_xpcall)
             continue;
         lua_pushcfunction(L, return_argument);
-        if (lua_setlocal(L, &frame, 2) == nullptr)
-            lua_pop(L, 1);
+        lua_setlocal(L, &frame, 2);
     }
 }
 

@@ -46,12 +46,10 @@ bool ve_lua_frames::next(lua_Debug *frame)
 {
     if (level_ >= depth_)
         return false;
-    if (!linked_ || level_ == 0) {
-        if (lua_getstack(state_, level_, frame) == 0)
-            return false;
-    } else {
+    if (!linked_ || level_ == 0)
+        lua_getstack(state_, level_, frame);
+    else
         frame->i_ci = static_cast<CallInfo *>(caller_of(current_));
-    }
     current_ = frame->i_ci;
     ++level_;
     return true;
