@@ -34,6 +34,7 @@ MODEL = {
     "A": {"type": "int", "access": "readWrite", "default": 1},
     "B": {"type": "int", "access": "readWrite", "default": 2},
     "C": {"type": "string", "access": "readWrite", "default": "c"},
+    "Up": {"type": "unsignedInt", "default": 0, "live": "uptime"},
     "Log": {"type": "string", "default": ""},
     "Run": {"type": "method", "input": {"What": {"type": "string", "default": ""}}, "output": {"R": {"type": "string", "default": ""}}},
     "T": {"multi": True, "template": {"children": {"N": {"type": "int", "default": 0}}}},
@@ -137,6 +138,25 @@ def test_a_timer_that_was_cancelled_rings_no_more(filed):
     assert veld.value("Device.Log") == last != "rung 101"
 
 
+def test_a_timer_that_cancels_itself_or_fails_rings_no_more(filed):
+    veld = filed("""
+        local own, rung, ticks = nil, 0, 2
+        own = every(0.01, function()
+            rung = rung + 1
+            set("Device.Log", "rung " .. rung)
+            if rung == 3 then cancel(own) end
+        end)
+        every(0.01, function() error("oh") end)
+        every(0.05, function() ticks = ticks + 1 set("Device.B", ticks) end)
+    """)
+    moment = settings.deadline()
+    while veld.value("Device.B") < 8:
+        assert settings.remaining(moment)
+    assert veld.value("Device.Log") == "rung 3"
+    assert veld.log.count("a timer: ") == 1 and "b.lua: a timer: b.lua:8: oh; it is ended\n" in veld.log
+    assert veld.value("Device.Up") > 0  # which the machine tells
+
+
 # --- sequences ---
 
 
@@ -161,6 +181,13 @@ def test_a_refusal_takes_back_what_was_done_before_it(filed):
     assert [veld.value(f"Device.{name}") for name in "ABC"] == [1, 2, "c"]
     code, text = set_error(peer, {"Device.C": "yes"})
     assert code == 9002 and "b.lua:6: broken" in text
+    # What cannot be taken back is said.
+    other = filed("""
+        on_set("Device.A", function(path, value) if value == 1 then error("stuck") end end)
+        on_set("Device.B", function() refuse("not that", 9007) end)
+    """)
+    assert set_error(other.connect(), {"Device.A": 5, "Device.B": 6}) == (9007, "not that")
+    assert "warning: Device.A: cannot be set back: b.lua:2: stuck\n" in other.log
     # What does not fit the model never comes as far.
     assert set_error(peer, {"Device.A": 7, "Device.B": "x"})[0] == 9006
     assert veld.value("Device.Log") == "A=5 B=6 B=2 A=1 "
@@ -169,19 +196,25 @@ def test_a_refusal_takes_back_what_was_done_before_it(filed):
 def test_what_fails_is_the_default_and_leaves_the_rest_alone(filed):
     veld = filed("""
         on_get("Device.A", function() return "text" end)
+        on_get("Device.Up", function() return 6.0 end)
         on_get("Device.B", function() error("oh") end)
         on_get("Device.C", function() return get("Device.C") end)
         on_rows("Device.T", function() return {{key = "x", N = 3.0}, {N = "no"}, 7} end)
         on_call("Device.Run", function(input)
             if input.What == "bad" then return {R = print} end
+            if input.What == "worse" then error("ah") end
             if input.What == "long" then sleep(1000) end
             return {R = input.What}
         end)
     """)
     assert [veld.value(f"Device.{name}") for name in "ABC"] == [1, 2, "c"]
     assert [veld.value(f"Device.T.{i}.N") for i in (1, 2)] == [3, 0]
-    assert "Device.B: b.lua:3: oh" in veld.log
+    assert "Device.B: b.lua:4: oh" in veld.log
+    assert veld.value("Device.Up") == 6
     peer = veld.connect()
+    error = peer.answer(execute(peer, "Device.Run", What="worse"))["error"]
+    assert (error["code"], error["message"]) == (9002, "the behaviour failed: b.lua:9: ah")
+    assert "warning: Device.Run: b.lua:9: ah\n" in veld.log
     assert outputs(peer.answer(execute(peer, "Device.Run", What="x"))) == {"R": "x"}
     assert peer.answer(execute(peer, "Device.Run", What="bad"))["error"]["code"] == 9002
     # A call that sleeps ends with its client, and with the daemon.
@@ -216,6 +249,7 @@ HOSTILE = {
     "('a'):rep(5000):find(('.-'):rep(20) .. 'b')": "takes too long",
     "local function f() return f() + 1 end f()": "not enough memory",
     "return ('').rep('', 1e9)": None,
+    "local r, s = ('').rep, 'x' while true do " + "r(s, 2000000) " * 30 + "end": "",
     "setmetatable({}, {__gc = function() while true do end end})": "__gc is not allowed",
     "table.insert(setmetatable({}, {__len = function() return 1e15 end}), 1, 1)": "must not have a metatable",
     "return io.open('/etc/passwd')": "nil value (global 'io')",
@@ -237,6 +271,26 @@ def test_no_file_holds_up_the_daemon_or_gets_out(filed):
         else:
             assert refused[0] == 9002 and expected in refused[1], (text, refused)
     assert veld.peak_kib() < 64 * 1024 or settings.PATIENCE > 1
+
+
+def test_what_is_called_when_the_memory_is_used_up_is_refused(filed):
+    veld = filed("""
+        local kept = {}
+        on_set("Device.A", function()
+            for _, size in ipairs({100000, 1000, 100, 10}) do
+                pcall(function() while true do kept = {kept, ("x"):rep(size) .. #kept} end end)
+            end
+            pcall(function() while true do kept = {kept} end end)
+        end)
+        on_set("Device.B", function() kept = {} end)
+        on_call("Device.Run", function() return {R = "done"} end)
+    """)
+    peer = veld.connect()
+    assert set_error(peer, {"Device.A": 2}) is None
+    error = peer.answer(execute(peer, "Device.Run"))["error"]
+    assert (error["code"], error["message"]) == (9004, "the behaviour has no memory left")
+    assert set_error(peer, {"Device.B": 3}) is None
+    assert outputs(peer.answer(execute(peer, "Device.Run"))) == {"R": "done"}
 
 
 def test_an_instance_of_a_result_has_its_own_number(sandbox, device):
@@ -402,6 +456,13 @@ def test_a_file_that_does_not_fit_stops_the_start(sandbox, text, expected):
     assert (done.returncode, done.stderr.decode()) == (1, expected)
 
 
+def test_an_image_must_get_a_version(upgradable):
+    veld, path = upgradable("function on_image(beginning) return 7 end")
+    peer = veld.connect()
+    error = peer.answer(offer(peer, path))["error"]
+    assert (error["code"], error["message"]) == (9002, "the behaviour failed: b.lua: on_image gave back no version")
+
+
 def test_a_file_that_only_knows_its_images_leaves_the_flashing_to_the_daemon(upgradable):
     veld, path = upgradable("function on_image(beginning) return beginning:match('^BOX (%S+)') end", "BOX 7.0.1 rest")
     peer = veld.connect()
@@ -468,3 +529,27 @@ def test_what_a_file_asks_for_in_vain_is_said(filed):
 def test_only_a_trusted_file_has_all_libraries(filed, options, kinds):
     veld = filed("""on_get("Device.Log", function() return type(io) .. " " .. type(os.execute) .. " " .. type(os.time) end)""", *options)
     assert veld.value("Device.Log") == kinds
+
+
+def test_a_finalizer_of_a_trusted_file_finds_no_device_any_more(filed):
+    veld = filed(
+        """
+        kept = setmetatable({}, {__gc = function()
+            for i = 1, 100000 do end
+            log(select(2, pcall(set, "Device.A", 1)))
+            log(select(2, pcall(event, 12)))
+            log(select(2, pcall(get, "Device.A")))
+            log("timer " .. after(1, print))
+        end})
+        every(3600, print)
+        """,
+        "--trust-behaviour", "--log", "info",
+    )  # fmt: skip
+    assert veld.value("Device.A") == 1
+    assert veld.stop() == 0
+    assert re.findall(r"b\.lua: (.*)", veld.log) == [
+        "set() is not for the beginning",
+        "event() is not for the beginning",
+        "get() is not for the beginning",
+        "timer 2",
+    ]

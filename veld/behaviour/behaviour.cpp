@@ -66,6 +66,8 @@ behaviour::~behaviour()
     for (const auto &[id, one] : timers_)
         if (one.waiting != 0)
             host_.cancel(one.waiting);
+    timers_.clear();
+    connected_ = false; // to finalizers the device is no longer there
 }
 
 behaviour *behaviour::self(lua_State *in)

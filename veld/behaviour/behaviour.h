@@ -95,8 +95,6 @@ private:
     static int open(lua_State *in);
 
     std::string name_; // of the file, as the log calls it
-    sandbox box_;
-    lua_State *current_; // the innermost one that runs
     behaviour_host host_;
     bool connected_ = false;
     int nested_ = 0;
@@ -114,6 +112,8 @@ private:
     fault refusal_;
     int64_t sleep_ms_ = -1;                      // what the call that runs has asked for
     const progress_handler *progress_ = nullptr; // of the call that runs; null: nobody wants to hear of it
+    sandbox box_;        // goes before the rest, which finalizers may still touch
+    lua_State *current_; // the innermost one that runs
 };
 
 } // namespace veld

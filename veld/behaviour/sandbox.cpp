@@ -241,8 +241,6 @@ void sandbox::hook(lua_State *in, lua_Debug *where)
 void sandbox::charge(lua_State *in, double steps)
 {
     sandbox *box = of(in);
-    if (box->steps_ == unlimited || box->trusted_)
-        return;
     if (steps > double(box->limits_.steps))
         luaL_error(in, "takes too long");
     box->steps_ += static_cast<uint64_t>(steps);

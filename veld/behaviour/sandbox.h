@@ -34,7 +34,7 @@ public:
     void enter(lua_State *in);
     void leave(lua_State *in);
 
-    /// Takes the cost of what a library function is about to do; raises when that is too much.
+    /// Takes the cost of what a library function is about to do within a call; raises when that is too much.
     static void charge(lua_State *in, double steps);
 
 private:

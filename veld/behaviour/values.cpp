@@ -140,9 +140,6 @@ void values_push(lua_State *to, const json_t *value)
     case JSON_REAL:
         lua_pushnumber(to, json_real_value(value));
         break;
-    case JSON_NULL:
-        lua_pushnil(to);
-        break;
     default:
         lua_pushboolean(to, json_is_true(value) ? 1 : 0);
     }

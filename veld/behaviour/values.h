@@ -8,7 +8,7 @@ struct lua_State;
 namespace veld
 {
 
-/// Pushes a value, borrowed; the model has no arrays. Raises when memory is short.
+/// Pushes a value, borrowed; the model has no arrays and no null. Raises when memory is short.
 void values_push(lua_State *to, const json_t *value);
 
 /// The value at a place of the stack as a new reference; never raises. Null for what has no JSON form (`*problem` then
