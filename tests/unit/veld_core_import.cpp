@@ -11,6 +11,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -293,6 +294,60 @@ TEST(Import, RangesWithGapsBecomeTheirValuesOrTheirBounds)
               R"({"type":"string","default":"","minLength":0,"maxLength":7,"regex":"^(?:|[\\s\\S]{5,7})$"})");
 }
 
+TEST(Import, RangesMayBeAsWideAsAnyNumber)
+{
+    EXPECT_EQ(
+        parameter(
+            R"(<long><range minInclusive="-9223372036854775808" maxInclusive="0"/><range minInclusive="5" maxInclusive="9223372036854775807"/></long>)"),
+        R"({"type":"long","default":0,"minInclusive":-9223372036854775808,"maxInclusive":9223372036854775807,)"
+        R"("ranges":[[-9223372036854775808,0],[5,9223372036854775807]]})");
+    EXPECT_EQ(
+        parameter(
+            R"(<long><range minInclusive="-9223372036854775807" maxInclusive="9223372036854775807" step="2"/></long><default type="object" value="9223372036854775807"/>)"),
+        R"({"type":"long","default":9223372036854775807,"minInclusive":-9223372036854775807,)"
+        R"("maxInclusive":9223372036854775807,"ranges":[[-9223372036854775807,9223372036854775807,2]]})");
+    // Beyond that there is no bound.
+    EXPECT_EQ(parameter(R"(<long><range minInclusive="-9223372036854775809" maxInclusive="5"/></long>)"),
+              R"({"type":"long","default":0,"maxInclusive":5})");
+    // Two ranges of few values, together of too many to be told one by one.
+    EXPECT_EQ(
+        parameter(
+            R"(<int><range minInclusive="1" maxInclusive="40"/><range minInclusive="50" maxInclusive="89"/></int>)"),
+        R"({"type":"int","default":1,"minInclusive":1,"maxInclusive":89,"ranges":[[1,40],[50,89]]})");
+    EXPECT_EQ(parameter(R"(<unsignedLong/><default type="object" value="18446744073709551615"/>)"),
+              R"({"type":"unsignedLong","default":"18446744073709551615"})");
+}
+
+TEST(Import, SizesThatNoExpressionCountsAreLengths)
+{
+    const std::string two = R"(<size minLength="1" maxLength="2"/><size minLength="70000" maxLength="80000"/>)";
+    EXPECT_EQ(parameter("<string>" + two + "</string>"),
+              R"({"type":"string","default":"0","minLength":1,"maxLength":80000,"lengths":[[1,2],[70000,80000]]})");
+    EXPECT_EQ(parameter("<list/><string>" + two + "</string>"),
+              R"({"type":"string","default":"","itemLengths":[[1,2],[70000,80000]]})");
+    EXPECT_EQ(parameter(R"(<list/><string><size maxLength="70000"/></string>)"),
+              R"({"type":"string","default":"","itemLengths":[[null,70000]]})");
+    EXPECT_EQ(
+        parameter(R"(<list/><string><size minLength="1" maxLength="1"/><size minLength="3" maxLength="4"/></string>)"),
+        R"({"type":"string","default":"","regex":"^(?:|(?:[^,]{1}|[^,]{3,4}))"
+        R"((?: *, *(?:[^,]{1}|[^,]{3,4})(?= *,|$))*+)$"})");
+}
+
+TEST(Import, WhatIsTooMuchForAnExpressionIsLeftOutAlone)
+{
+    const std::string said = "line 3: Device.X.P: what it may be is too much for an expression; left out\n";
+    imported result =
+        import_text(with_syntax(R"(<list/><hexBinary><size minLength="1000" maxLength="30000"/></hexBinary>)"));
+    EXPECT_EQ(result.node("Device/X/P"), R"({"type":"string","default":"","itemLengths":[[2000,60000]]})");
+    EXPECT_EQ(result.warnings, said);
+    std::string words;
+    for (int i = 10000; i < 13000; i++)
+        words += "<enumeration value=\"Word" + std::to_string(i) + "\"/>";
+    result = import_text(with_syntax("<list/><string>" + words + "</string>"));
+    EXPECT_EQ(result.node("Device/X/P"), R"({"type":"string","default":""})");
+    EXPECT_EQ(result.warnings, said);
+}
+
 TEST(Import, ListsAreTextsWhoseItemsAreChecked)
 {
     EXPECT_EQ(
@@ -301,6 +356,9 @@ TEST(Import, ListsAreTextsWhoseItemsAreChecked)
         R"({"type":"string","default":"","maxCount":4,"maxLength":99,"regex":"^(?:|(?:A\\+|B)(?: *, *(?:A\\+|B)(?= *,|$))*+)$"})");
     EXPECT_EQ(parameter(R"(<list/><string><pathRef refType="strong" targetType="row"/></string>)"),
               R"({"type":"string","default":"","targets":[],"targetType":"row"})");
+    EXPECT_EQ(
+        parameter(R"(<list minItems="2"/><boolean/>)"),
+        R"({"type":"string","default":"false,false","minCount":2,"regex":"^(?:true|false|0|1)(?: *, *(?:true|false|0|1)(?= *,|$))*+$"})");
     EXPECT_EQ(
         parameter(
             R"(<list nestedBrackets="required" minItems="2"/><dataType ref="Pair"/><default type="object" value="[[1,2],[3,4]]"/>)",
@@ -455,18 +513,26 @@ TEST(Import, CommandsThatTheDaemonKnowsAreConnected)
 
 TEST(Import, WhatIsDeletedIsNotThere)
 {
-    imported result = import_text(document("", R"(
+    imported result = import_text(document("", R"x(
       <object name="Device.X.">
         <parameter name="Gone" status="deleted"><syntax><string/></syntax></parameter>
+        <parameter name="New" status="current"><syntax><int/></syntax></parameter>
         <parameter name="Old" status="obsoleted"><syntax><string><enumeration value="A" status="deleted"/><enumeration value="B"/></string></syntax></parameter>
       </object>
       <object name="Device.Y." status="deleted"><parameter name="P"><syntax><string/></syntax></parameter></object>
-      <object name="Device.Y.Z."><parameter name="P"><syntax><string/></syntax></parameter></object>)"));
+      <object name="Device.Y.Z."><parameter name="P"><syntax><string/></syntax></parameter></object>
+      <object name="Device.Z."><command name="Run()"><input>
+        <object name="Old." status="deleted"><parameter name="P"><syntax><int/></syntax></parameter></object>
+        <reference/></input><reference/></command></object></model>
+      <model name="Other:1.0" status="deleted"><object name="Other."></object>)x"));
     EXPECT_EQ(result.node("Device/X/Gone"), "(none)");
+    EXPECT_EQ(result.node("Device/X/New"), R"({"type":"int","default":0})");
+    EXPECT_EQ(result.node("Device/Z/Run"), R"({"type":"method","input":{},"output":{}})");
+    EXPECT_EQ(result.node("Other"), "(none)");
     EXPECT_EQ(result.node("Device/X/Old"), R"({"type":"string","default":"B","enum":["B"],"status":"obsoleted"})");
     EXPECT_EQ(result.node("Device/Y"), "(none)");
-    EXPECT_EQ(result.warnings, "line 9: Device.Y.Z.: there is no Device.Y.; left out\n");
-    EXPECT_EQ(result.counts.parameters, 1U);
+    EXPECT_EQ(result.warnings, "line 10: Device.Y.Z.: there is no Device.Y.; left out\n");
+    EXPECT_EQ(result.counts.parameters, 2U);
 }
 
 // --- what is wrong ---
@@ -530,6 +596,21 @@ TEST(Import, TypesThatAreNotThereAreNamed)
     EXPECT_EQ(left_out(R"(<dataType ref="Empty"/>)", R"(<dataType name="Empty"/>)"),
               "line 3: Device.X.P: the data type \"Empty\" has no type; left out\n");
     EXPECT_EQ(left_out("<list/>"), "line 3: Device.X.P: no type; left out\n");
+}
+
+TEST(Import, WhatContradictsItselfIsLeftOut)
+{
+    EXPECT_EQ(left_out(R"(<string><size minLength="5"/><enumeration value="A"/></string>)"),
+              "line 3: Device.X.P: \"default\" must have at least 5 characters; left out\n");
+}
+
+TEST(Import, WhatIsSaidOfArgumentsNamesWhatTheyAreOf)
+{
+    imported result = import_text(document("", R"x(<object name="Device.X.">
+      <command name="Run()"><input><parameter name="A"><syntax><int/><string/></syntax></parameter></input></command>
+      <event name="Done!"><parameter name="B"><syntax><int/><string/></syntax></parameter></event></object>)x"));
+    EXPECT_EQ(result.warnings, "line 4: Device.X.Run().A: a second type, string, where one is expected; left out\n"
+                               "line 5: Device.X.Done!.B: a second type, string, where one is expected; left out\n");
 }
 
 TEST(Import, WhatIsWrongWithAPartOfATypeIsLeftOutAlone)
@@ -731,6 +812,15 @@ TEST(Import, ElementsMayHaveTheDocumentsPrefixAndOthersAreLeftOut)
     EXPECT_EQ(result.node("Device/X/Q"), "(none)");
 }
 
+TEST(Import, TheNamespaceMayBeTheUsualOne)
+{
+    std::string xml = with_syntax("<int/>");
+    for (const char *from : {"<dm:document xmlns:dm", "</dm:document"})
+        xml.replace(xml.find(from), strlen(from), from[1] == '/' ? "</document" : "<document xmlns");
+    imported result = import_text(xml);
+    EXPECT_EQ(result.node("Device/X/P") + result.warnings + result.error, R"({"type":"int","default":0})");
+}
+
 TEST(Import, AnUndeclaredPrefixIsAWarning)
 {
     imported result = import_text(with_object(
@@ -786,6 +876,7 @@ TEST(Import, PathsLeadToWhatTheirTargetsSay)
         return R"({"type":"path","default":"","targets":[)" + list + R"(],"targetType":"row"})";
     };
     EXPECT_EQ(targets(".B."), leads(R"("Device.B.")"));
+    EXPECT_EQ(targets(".B Device.A"), leads(R"("Device.B.","Device.A.")"));
     EXPECT_EQ(targets("Device.B."), leads(R"("Device.B.")"));
     EXPECT_EQ(targets("#.T."), leads(R"("Device.A.T.")"));
     EXPECT_EQ(targets("##.B."), leads(R"("Device.B.")"));

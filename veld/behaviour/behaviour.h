@@ -112,8 +112,8 @@ private:
     fault refusal_;
     int64_t sleep_ms_ = -1;                      // what the call that runs has asked for
     const progress_handler *progress_ = nullptr; // of the call that runs; null: nobody wants to hear of it
-    sandbox box_;        // goes before the rest, which finalizers may still touch
-    lua_State *current_; // the innermost one that runs
+    sandbox box_;                                // goes before the rest, which finalizers may still touch
+    lua_State *current_;                         // the innermost one that runs
 };
 
 } // namespace veld

@@ -232,8 +232,7 @@ std::string item_expression(const resolved_type &type, bool *sized, const compla
     return out;
 }
 
-// The expression of a value; `*sized` says whether it holds the alternatives of its sizes, or its items' sizes.
-std::string expression_of(const resolved_type &type, bool *sized, const complaint &warn)
+std::string whole_expression(const resolved_type &type, bool *sized, const complaint &warn)
 {
     if (!type.list) {
         std::string out = value_expression(type, warn);
@@ -251,11 +250,22 @@ std::string expression_of(const resolved_type &type, bool *sized, const complain
     return type.min_items.value_or(0) > 0 ? list : "(?:|" + list + ")";
 }
 
+// The expression of a value; `*sized` says whether it holds the alternatives of its sizes, or its items' sizes.
+std::string expression_of(const resolved_type &type, bool *sized, const complaint &warn)
+{
+    std::string out = whole_expression(type, sized, warn);
+    std::string why;
+    if (out.empty() || pattern::compile(out, &why))
+        return out;
+    warn("what it may be is too much for an expression; left out");
+    *sized = type.list ? type.item_sizes.empty() : type.sizes.size() < 2;
+    return "";
+}
+
 bool fits(const std::string &expression, const std::string &text)
 {
     std::string why;
-    std::unique_ptr<pattern> compiled = expression.empty() ? nullptr : pattern::compile(expression, &why);
-    return !compiled || compiled->matches(text);
+    return expression.empty() || pattern::compile(expression, &why)->matches(text);
 }
 
 // --- defaults ---
@@ -276,11 +286,18 @@ interval span_of(const std::string &type)
     return {};
 }
 
+// Which may be wider than a signed word.
+uint64_t distance(int64_t a, int64_t b)
+{
+    return static_cast<uint64_t>(std::max(a, b)) - static_cast<uint64_t>(std::min(a, b));
+}
+
 bool within(const std::vector<interval> &list, int64_t number)
 {
     return list.empty() || std::any_of(list.begin(), list.end(), [&](const interval &each) {
                return low_of(each) <= number && number <= high_of(each) &&
-                      (each.step == 1 || (number - each.low.value_or(0)) % each.step == 0);
+                      (each.step == 1 ||
+                       distance(number, each.low.value_or(0)) % static_cast<uint64_t>(each.step) == 0);
            });
 }
 
@@ -394,7 +411,7 @@ json_t *enumerated(const std::vector<interval> &ranges)
 {
     int64_t count = 0;
     for (const interval &each : ranges) {
-        if (!each.low || !each.high || each.step > 1 || *each.high - *each.low >= most_enumerated)
+        if (!each.low || !each.high || each.step > 1 || distance(*each.low, *each.high) >= most_enumerated)
             return nullptr;
         count += *each.high - *each.low + 1;
     }
