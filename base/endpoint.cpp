@@ -83,8 +83,6 @@ int addresses_of(const std::string &host, int family, std::vector<host_address> 
     addrinfo *list = nullptr;
     const int outcome = getaddrinfo(host.c_str(), nullptr, &wanted, &list);
     for (const addrinfo *each = list; each != nullptr; each = each->ai_next) {
-        if (each->ai_addrlen > sizeof(sockaddr_storage))
-            continue;
         host_address &address = found->emplace_back();
         memcpy(&address.bytes, each->ai_addr, each->ai_addrlen);
         address.length = each->ai_addrlen;

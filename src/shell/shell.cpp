@@ -125,7 +125,7 @@ bool daemon_has_left()
 {
     for (int waited_ms = 0; is_running() && waited_ms < listener_ms; waited_ms += listener_poll_ms) {
         if (ve_socket_wait(ve_jrpcapi_socket(group_ctx), 1, 0) <= 0 || ve_wait_sleep_ms(listener_poll_ms) < 0)
-            return !is_running();
+            break;
     }
     return !is_running();
 }

@@ -2,12 +2,14 @@
 
 import contextlib
 import json
+import re
 import signal
 import socket
 import time
 
 import pytest
 
+from lib import settings
 from lib.fake import Chunked, Close, Error, Raw, Reset, Several, Silence, Slow
 from lib.program import proc_status
 from lib.terminal import Key
@@ -404,6 +406,15 @@ def test_tls_that_cannot_be_had_is_refused_at_once(kest, fake, tmp_path):
     (tmp_path / "openssl.cnf").write_text("config_diagnostics = 1\nopenssl_conf = all\n[all]\nssl_conf = none\n")
     run = kest("--ssl", "-r", "get", "Device.A", to=fake, env={"OPENSSL_CONF": str(tmp_path / "openssl.cnf")})
     assert (run.out, run.err, run.status) == ("", "--ssl: the library cannot be initialised.\n", 1)
+
+
+@pytest.mark.parametrize("is_library, reason", [(True, "not the expected library"), (False, "invalid ELF header")])
+def test_a_tls_library_that_is_none_is_named(kest, fake, tmp_path, is_library, reason):
+    other = settings.BUILD / "tests" / "programs" / "troubled.so"
+    (tmp_path / "libssl.so.3").write_bytes(other.read_bytes() if is_library else b"x" * 100_000)
+    run = kest("--ssl", "-r", "get", "Device.A", to=fake, env={"LD_LIBRARY_PATH": str(tmp_path)})
+    assert re.fullmatch(f"--ssl: (/.*/)?libssl.so.3: {reason}\\.\n", run.err)
+    assert (run.out, run.status) == ("", 1)
 
 
 @pytest.mark.parametrize("words", [("-r", "get", "Device.DeviceInfo.Uptime"), ("--raw", '{"id":7,"method":"Ask"}'), ("-l",)])

@@ -250,6 +250,7 @@ def test_an_instance_that_goes_and_comes_back_below_the_shell(plain):
     assert plain.run("cat Deep") == ["cat: Deep: no such node."]
     assert plain.run("ls") == ["ls: :Device.Host.2.Sub.1: no such node"]
     assert plain.run("cat") == ["cat: .: no such node."]
+    plain.tab("cat D", "cat D", "kest:Device.Host.2.Sub.1> ")
     assert plain.run("pwd") == [":Device.Host.2.Sub.1"]
     plain.add(2)
     plain.notice("Add", 2)

@@ -2,6 +2,10 @@
 
 import pytest
 
+from lib import settings
+from lib.program import Program
+from lib.sandbox import namespace_command
+
 VALUE = {"ParameterList": [{"Name": "Device.A", "Value": 1}]}
 
 
@@ -57,6 +61,18 @@ def test_a_login_in_the_configuration_lasts(shell, fake, home):
     config.write_text("login admin -p secret\n")
     shell(to=fake)
     assert fake.params("Login")[:2] == [{"User": "admin", "Password": "secret"}] * 2
+
+
+def test_a_user_of_whom_the_system_knows_no_name_is_not_logged_in(sandbox, fake):
+    if namespace_command() is None:
+        pytest.skip("no permission for mounts of its own")
+    fake.serve({"Device.": {}, "Device.A": 1})
+    (sandbox.work / "names").write_text("passwd: files\n")
+    command = (f"mount --bind names /etc/nsswitch.conf && mount --bind /dev/null /etc/passwd && "
+               f'exec "{settings.KEST}" -u {fake.address}')
+    run = Program([*namespace_command(), "sh", "-c", command], sandbox.environment(), sandbox.work, "pwd\n").finish()
+    assert run.lines[-1] == ":", run.report()
+    assert not fake.of("Login")
 
 
 @pytest.mark.parametrize("failing", ["info", "info Device.B", "nothing"])

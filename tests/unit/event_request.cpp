@@ -5,6 +5,7 @@
 #include <optional>
 #include <vector>
 
+#include "event/reconnect.h"
 #include "event/trouble.h"
 #include "event_stage.h"
 #include "interrupts.h"
@@ -319,6 +320,24 @@ TEST(MsgExec, SaysFirstWhyTheConnectAtStartUpFailed)
         EXPECT_EQ(ask(), -32002);
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "kest: tcp://nowhere: not of the form tcp://HOST:PORT\n");
+}
+
+TEST(MsgExec, SaysWhyWaitingForARebootIsInVainAndNothingElse)
+{
+    const interrupts handling([](int) { ve_wait_note_interrupt(); });
+    captured_output output;
+    for (const char *place : {"tcp://nowhere", "/nonexistent/socket"}) {
+        const channel link(place, false);
+        testing::internal::CaptureStderr();
+        {
+            const nagging ctrl_c(150);
+            server_reconnect("Rebooting... ", true);
+        }
+        ve_wait_discard_sigint();
+        ve_wait_clear_interrupt();
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  place[0] == '/' ? "" : "kest: tcp://nowhere: not of the form tcp://HOST:PORT\n");
+    }
 }
 
 TEST(Trouble, OfALinkThatHoldsIsNoneToTell)

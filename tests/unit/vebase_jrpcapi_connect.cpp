@@ -3,50 +3,19 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
-#include <sys/syscall.h>
 #include <vector>
 
 #include "base/fd.h"
 #include "interrupts.h"
+#include "leaping_clock.h"
 #include "vebase_scripted_peer.h"
 
 namespace
 {
-
-std::atomic<int> leap_s{0}; // by so much the clock leaps with every look at it
-std::atomic<int> leapt_s{0};
-
-} // namespace
-
-/// The system's clock, but that it leaps while a test says so: no test has to wait until time is up.
-extern "C" int clock_gettime(clockid_t clock, timespec *now) noexcept
-{
-#ifdef SYS_clock_gettime64
-    constexpr long call = SYS_clock_gettime64;
-#else
-    constexpr long call = SYS_clock_gettime;
-#endif
-    const auto result = static_cast<int>(syscall(call, clock, now));
-    now->tv_sec += leapt_s += leap_s;
-    return result;
-}
-
-namespace
-{
-
-class leaping_clock
-{
-public:
-    explicit leaping_clock(int seconds) { leap_s = seconds; }
-    leaping_clock(const leaping_clock &) = delete;
-    leaping_clock &operator=(const leaping_clock &) = delete;
-    ~leaping_clock() { leap_s = 0; }
-};
 
 struct deinit {
     void operator()(ve_jrpcapi *ctx) const { ve_jrpcapi_deinit(ctx); }

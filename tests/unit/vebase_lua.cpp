@@ -279,6 +279,10 @@ TEST_F(VeLua, StopsConversionsWhenCtrlCIsNoted)
     ve_wait_note_interrupt();
     EXPECT_FALSE(json_ref(ve_lua_to_json(L, -1, &problem)));
     EXPECT_STREQ(problem, "interrupted");
+    lua_newtable(L);
+    EXPECT_FALSE(json_ref(ve_lua_to_arguments(L, -1, &problem)));
+    EXPECT_STREQ(problem, "interrupted");
+    lua_pop(L, 1);
     lua_pushcfunction(L, [](lua_State *S) {
         ve_lua_push_json(S, static_cast<const json_t *>(lua_touserdata(S, 1)));
         return 1;

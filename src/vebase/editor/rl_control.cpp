@@ -1,5 +1,6 @@
 #include "vebase/editor/rl_control.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -147,8 +148,6 @@ void note_signal(int signal, siginfo_t *info, void *)
 
 void rl_signals::install()
 {
-    if (installed_)
-        return;
     if (signal_pipe[0] < 0 && pipe2(signal_pipe, O_CLOEXEC | O_NONBLOCK) < 0)
         return;
     struct sigaction action = {};
@@ -179,10 +178,8 @@ int rl_signals::restore()
 
 bool rl_signals::is_default(int signal) const
 {
-    for (unsigned i = 0; i < count_; ++i)
-        if (handled_[i] == signal)
-            return (before_[i].sa_flags & SA_SIGINFO) == 0 && before_[i].sa_handler == SIG_DFL;
-    return false;
+    const struct sigaction &before = before_[std::find(handled_, handled_ + count_, signal) - handled_];
+    return (before.sa_flags & SA_SIGINFO) == 0 && before.sa_handler == SIG_DFL;
 }
 
 int rl_signals::fd()

@@ -24,11 +24,11 @@ bool rl_control_take_stop();
 class rl_signals
 {
 public:
-    /// Installs the handlers (signals that are ignored stay ignored) and notes the dispositions.
+    /// Installs the handlers (signals that are ignored stay ignored) and notes the dispositions. Once, until restore().
     void install();
     /// Brings the dispositions back. Returns a fatal signal that came too late to be handled, or 0.
     int restore();
-    /// True when `signal` has its default disposition outside the read.
+    /// True when `signal`, which is one of them, has its default disposition outside the read.
     bool is_default(int signal) const;
 
     /// Becomes readable when a signal arrived.
