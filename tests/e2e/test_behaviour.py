@@ -38,6 +38,9 @@ MODEL = {
     "Log": {"type": "string", "default": ""},
     "Run": {"type": "method", "input": {"What": {"type": "string", "default": ""}}, "output": {"R": {"type": "string", "default": ""}}},
     "T": {"multi": True, "template": {"children": {"N": {"type": "int", "default": 0}}}},
+    "Count": {"type": "unsignedInt", "default": 0, "entries": "U"},
+    "Pin": {"type": "string", "default": "", "handler_set": "password"},
+    "U": {"multi": True, "template": {"children": {"N": {"type": "int", "default": 0, "unique": True}}}, "instances": {"1": {"N": 7}, "2": {}}},
 }
 
 
@@ -493,6 +496,10 @@ def test_what_a_file_asks_for_in_vain_is_said(filed):
             try(set, "Device.B", nil)
             try(set, "Device.B", print)
             try(set, "Device.B", "text")
+            try(set, "Device.None", 1)
+            try(set, "Device.Count", 1)
+            try(set, "Device.Pin", "1")
+            try(set, "Device.U.2.N", 7)
             try(set, "Device.C", "\\xff")
             try(event, 12, 0/0)
             try(event, 12, {[true] = 1})
@@ -516,6 +523,10 @@ def test_what_a_file_asks_for_in_vain_is_said(filed):
         "Device.B: cannot be nil",
         "Device.B: cannot be a value that is no text, number, boolean or table",
         "Device.B: must be an integer",
+        "Device.None: no such parameter",
+        "Device.Count: has no value of its own",
+        "Device.Pin: is a password",
+        "Device.U.2.N: is already used by instance 1",
         "Device.C: cannot be a text that is not UTF-8",
         "an event cannot carry a number that is none",
         "an event cannot carry a table with a key that is neither a text nor an integer",

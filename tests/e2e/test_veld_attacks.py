@@ -347,6 +347,21 @@ def test_nobody_is_locked_out_when_descriptors_run_out(veld_start):
         peer.close()
 
 
+def test_without_a_descriptor_left_a_client_is_turned_away(small):
+    peer = small.connect()
+    for _ in range(2):
+        ask(peer)
+    used = {int(name) for name in os.listdir(f"/proc/{small.pid}/fd")}
+    free = min(set(range(len(used) + 1)) - used)
+    before = resource.prlimit(small.pid, resource.RLIMIT_NOFILE, (free, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
+    for _ in range(3):
+        assert small.connect().closed()
+    assert small.log.count("no descriptors left: a client is turned away") == 3
+    ask(peer)
+    resource.prlimit(small.pid, resource.RLIMIT_NOFILE, before)
+    ask(small.connect())
+
+
 def test_who_has_all_its_links_in_use_gets_no_more(veld_start):
     small = veld_start(model=SMALL)
     small.argv = ["prlimit", "--nofile=64:64", *small.argv]

@@ -85,8 +85,8 @@ def image(folder, version="PRODUCT-1.3.0", flags="", size=1000):
 class Server:
     """Serves one connection with what `serve` does to it."""
 
-    def __init__(self, serve):
-        self.socket = socket.create_server(("127.0.0.1", 0))
+    def __init__(self, serve, host="127.0.0.1"):
+        self.socket = socket.create_server((host, 0))
         self.port = self.socket.getsockname()[1]
         self.thread = threading.Thread(target=self._run, args=(serve,), daemon=True)
         self.thread.start()
@@ -271,12 +271,13 @@ def test_a_host_that_does_not_answer_is_given_up(peer):
 
 
 @pytest.mark.skipif(namespace_command() is None, reason="needs mounts of its own")
-def test_the_next_address_of_a_host_is_tried(veld, state, serve, tmp_path):
+def test_the_next_address_of_a_host_is_tried(veld, state, things, tmp_path):
     hosts = Path(tmp_path) / "hosts"
-    hosts.write_text("127.0.0.2 two.example\n127.0.0.1 two.example\n127.0.0.2 one.example\n")
+    hosts.write_text("127.0.0.1 two.example\n127.0.0.2 two.example\n127.0.0.1 one.example\n")
     veld.argv = [*namespace_command(), "sh", "-c", 'mount --bind "$0" /etc/hosts && exec "$@"', str(hosts), *veld.argv]
     peer = root(veld.restart())
-    port = serve(answer(b"HTTP/1.0 200 OK\r\n\r\ncontent"))
+    things.append(Server(answer(b"HTTP/1.0 200 OK\r\n\r\ncontent"), "127.0.0.2"))
+    port = things[-1].port
     assert peer.call("Download", FileType="File", URL=f"http://two.example:{port}/f") == STATUS_OK
     assert (state / "files" / "f").read_bytes() == b"content"
     error = refused(peer, FileType="File", URL=f"http://one.example:{port}/f")
@@ -662,6 +663,20 @@ def test_an_image_that_cannot_be_made_leaves_what_was_there(tmp_path):
     command = [settings.VELD, "--make-image", "BOX-2.0.1", "--payload", tmp_path, "--output", made]
     done = subprocess.run(command, capture_output=True, text=True, timeout=settings.DEADLINE)
     assert (done.returncode, done.stderr) == (1, f"veld: {tmp_path}: Is a directory\n")
+    assert made.read_text() == "old" and [each.name for each in Path(tmp_path).iterdir()] == ["made.img"]
+    # What is not there, and where there is no room.
+    payload = Path(tmp_path) / "payload"
+    command = [settings.VELD, "--make-image", "BOX-2.0.1", "--payload", payload]
+    done = subprocess.run(command, capture_output=True, text=True, timeout=settings.DEADLINE)
+    assert (done.returncode, done.stderr) == (1, f"veld: {payload}: No such file or directory\n")
+    payload.write_bytes(bytes(1000))
+    with open("/dev/full", "w") as full:
+        done = subprocess.run(command, stdout=full, stderr=subprocess.PIPE, text=True, timeout=settings.DEADLINE)
+    assert (done.returncode, done.stderr) == (1, "veld: standard output: No space left on device\n")
+    small = ["prlimit", "--fsize=100", "env", "--ignore-signal=XFSZ", *command, "--output", made]
+    done = subprocess.run(small, capture_output=True, text=True, timeout=settings.DEADLINE)
+    assert (done.returncode, done.stderr) == (1, f"veld: {made}: File too large\n")
+    payload.unlink()
     assert made.read_text() == "old" and [each.name for each in Path(tmp_path).iterdir()] == ["made.img"]
     # What is no file is written to, not replaced.
     os.mkfifo(Path(tmp_path) / "pipe")

@@ -111,7 +111,7 @@ def test_many_at_once_are_all_answered_with_the_same(large):
     assert all(answer == kept[at % 2] for at, answer in enumerate(kept))
 
 
-@pytest.mark.parametrize("method, parameters", [("Reboot", {"Force": False}), ("FactoryReset", {})])
+@pytest.mark.parametrize("method, parameters", [("Reboot", {"Force": False}), ("Reboot", {"Force": True}), ("FactoryReset", {})])
 def test_what_was_asked_before_the_device_goes_is_still_answered(veld_start, method, parameters):
     large = veld_start("--populate", "50,10", "--reboot-time", "0")
     asks, admin = large.connect(), large.connect()

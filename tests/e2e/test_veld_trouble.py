@@ -158,6 +158,23 @@ def test_whoever_saves_and_goes_again_and_again_fills_nothing(veld_start, state)
         peer.answer(peer.request("SaveConfig"))
 
 
+def test_a_configuration_is_taken_although_its_client_leaves(veld_start, state):
+    veld = troubled(veld_start, state, fsync_ms=300)
+    other = root(veld)
+    sent = state.with_name("sent.json")
+    sent.write_text(json.dumps({"veld-config": 1, "config": {"Device": {"Name": "sent"}}}))
+    veld.arm()
+    with root(veld) as peer:
+        peer.request("Download", {"FileType": "Config", "URL": f"file://{sent}"})
+        moment = settings.deadline()
+        while not list(state.glob("config.json*")):  # it is being saved
+            assert settings.remaining(moment)
+            ask(other)
+    while veld.value("Device.Name") != "sent":
+        assert settings.remaining(moment)
+    assert saved(state) == "sent"
+
+
 def test_a_save_under_way_at_the_end_is_brought_to_its_end(veld_start, state):
     veld = troubled(veld_start, state, fsync_ms=100)
     peer, other = root(veld), veld.connect()

@@ -604,6 +604,13 @@ TEST(Import, WhatContradictsItselfIsLeftOut)
               "line 3: Device.X.P: \"default\" must have at least 5 characters; left out\n");
 }
 
+TEST(Import, WhatIsSaidOfAnObjectWithoutANameNamesItsModel)
+{
+    const imported result = import_text(document("", R"(<object name="" minEntries="few"/>)"));
+    EXPECT_TRUE(contains(result.warnings, "line 3: Device:2.19: minEntries \"few\" is no number; left out\n"))
+        << result.warnings;
+}
+
 TEST(Import, WhatIsSaidOfArgumentsNamesWhatTheyAreOf)
 {
     imported result = import_text(document("", R"x(<object name="Device.X.">

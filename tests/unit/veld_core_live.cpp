@@ -381,6 +381,23 @@ TEST(Live, ActivePortsShowAListeningSocket)
     }
 }
 
+TEST(Live, WhatIsNamedTwiceIsTwoRows)
+{
+    with_an_interface([](int, const ifreq &) {
+        const std::string file = "/sys/class/net/resolv.conf";
+        std::ofstream(file) << "nameserver 192.0.2.1\nnameserver 192.0.2.2\nnameserver 192.0.2.1\n";
+        if (mount(file.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)
+            _exit(77);
+        json_ref rows;
+        for (int tries = 0; json_array_size(rows.get()) != 3 && tries < 1000; tries++) { // it may have been read before
+            usleep(1000);
+            rows = json_ref(live_rows("resolvers"));
+        }
+        ASSERT_EQ(json_array_size(rows.get()), 3U);
+        expect_keys(rows.get());
+    });
+}
+
 TEST(Live, SocketsAtOnePortAreRowsOfTheirOwn)
 {
     sockaddr_in here = {};

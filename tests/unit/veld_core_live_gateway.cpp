@@ -7,6 +7,7 @@
 #include "veld/model/document.h"
 #include "veld/model/password.h"
 #include "veld/model/scheme.h"
+#include "veld/session/accounts.h"
 
 #include <gtest/gtest.h>
 
@@ -267,6 +268,18 @@ TEST_F(Gateway, TheFactoryLoginsWork)
         seen[name] = json_is_true(json_object_get(user, "X_VELD_Administrator"));
     }
     EXPECT_EQ(seen, (std::map<std::string, bool>{{"admin", true}, {"user", false}}));
+}
+
+TEST_F(Gateway, AHashThatIsNotTheAccountsAnyMoreLetsNobodyIn)
+{
+    machine_backend own;
+    std::unique_ptr<tree> fresh = document_tree(document.get(), &own, &error);
+    ASSERT_TRUE(fresh) << error;
+    const std::string hash = login_hash(fresh.get(), "user");
+    EXPECT_TRUE(login_by_hash(fresh.get(), "user", hash));
+    EXPECT_FALSE(login_by_hash(fresh.get(), "user", hash + "x"));
+    EXPECT_FALSE(login_by_hash(fresh.get(), "nobody at all", hash));
+    EXPECT_FALSE(login_by_hash(fresh.get(), "user", ""));
 }
 
 TEST_F(Gateway, HostsCanBeAddedBeforeTheyAreFilledIn)

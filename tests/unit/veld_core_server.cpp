@@ -19,9 +19,11 @@
 #include <fstream>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace veld;
@@ -525,6 +527,55 @@ TEST(VeldLoop, ATimerThatHasRungMayBeCancelled)
     });
     events.run();
     EXPECT_EQ(rung, "first second");
+}
+
+// Runs `body` in a process of its own that is nobody's, where this one is root; its failures are the test's.
+void as_nobody(const std::function<void()> &body)
+{
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const rlimit none{};
+        if (setrlimit(RLIMIT_NPROC, &none) != 0 || (getuid() == 0 && setuid(65534) != 0))
+            _exit(77);
+        body();
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77)
+        GTEST_SKIP() << "this process may not be somebody else";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(VeldPrivileges, WhatIsNotPossibleIsSaid)
+{
+    std::string error;
+    EXPECT_FALSE(give_away("/nowhere/at-all", {"root", 0, 0}, &error));
+    EXPECT_EQ(error, std::string("/nowhere/at-all: ") + strerror(ENOENT));
+    as_nobody([] {
+        std::string why;
+        EXPECT_FALSE(become({"root", 0, 0}, &why));
+        EXPECT_EQ(why, std::string("cannot become root: ") + strerror(EPERM));
+    });
+}
+
+TEST(VeldWorker, WithoutAThreadItWorksOnTheLoopsOwn)
+{
+    as_nobody([] {
+        loop events;
+        worker thread(events, worker::at_end::finish);
+        std::string done;
+        thread.run([&] { done += "work, "; }, [&] { done += "after, "; });
+        EXPECT_EQ(done, "work, ");
+        thread.run([&] { done += "work, "; });
+        EXPECT_EQ(thread.waiting(), 2U);
+        events.post([&] { events.stop(); });
+        events.run();
+        EXPECT_EQ(done, "work, work, after, ");
+        EXPECT_EQ(thread.waiting(), 0U);
+    });
 }
 
 TEST(VeldWorker, WhatFollowsIsDoneOnTheLoopInTheOrderGiven)

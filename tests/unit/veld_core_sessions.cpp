@@ -131,6 +131,13 @@ TEST(VeldLoginGuard, ThoseWhoKnowTheirPasswordNeverWait)
     EXPECT_EQ(guard.admit("eve", "uid 5", 1000), 1000);
 }
 
+TEST(VeldLoginGuard, OfWhoWasForgottenASuccessSaysNothing)
+{
+    login_guard guard;
+    guard.succeeded("anna", "uid 1");
+    EXPECT_EQ(guard.admit("anna", "uid 1", 5), 5);
+}
+
 TEST(VeldLoginGuard, AnAccountIsGuardedOverAllAddresses)
 {
     login_guard guard;

@@ -22,7 +22,7 @@ namespace
 struct VeldStore : testing::Test {
     void SetUp() override { ASSERT_TRUE(store.open(folder + "/state", &error)) << error; }
     ~VeldStore() override { std::filesystem::remove_all(folder); }
-    std::string path(const char *name) const { return folder + "/state/" + name; }
+    std::string path(const std::string &name) const { return folder + "/state/" + name; }
     void put(const std::string &text) const { ASSERT_TRUE(replace_file(path("a.json"), text, {})); }
     std::string refusal()
     {
@@ -72,6 +72,33 @@ TEST_F(VeldStore, WhatIsNotUnderstoodIsRefusedAndStays)
     std::filesystem::remove(path("a.json"));
     std::filesystem::create_directory(path("a.json"));
     EXPECT_EQ(refusal(), "a.json: not a regular file");
+}
+
+TEST_F(VeldStore, WhatIsNoJsonIsNotSaved)
+{
+    const json_ref good{json_object()};
+    ASSERT_TRUE(store.save("a.json", good.get(), &error)) << error;
+    const json_ref bad{json_object()};
+    json_object_set_new_nocheck(bad.get(), "a", json_string_nocheck("\xff"));
+    EXPECT_FALSE(store.save("a.json", bad.get(), &error));
+    EXPECT_EQ(error, path("a.json") + ": cannot be written as JSON");
+    json_ref kept;
+    EXPECT_TRUE(store.load("a.json", &kept, &error) && json_object_size(kept.get()) == 0);
+}
+
+TEST_F(VeldStore, WhatWouldBeLostIsKeptSoOften)
+{
+    EXPECT_TRUE(store.keep("a.json", &error)) << "there is nothing to keep";
+    put("{}");
+    for (int number = 1; number <= 1000; ++number)
+        std::filesystem::create_directory(path("a.json.kept-" + std::to_string(number)));
+    EXPECT_FALSE(store.keep("a.json", &error));
+    EXPECT_EQ(error, path("a.json.kept") + ": " + strerror(EEXIST));
+    std::filesystem::remove(path("a.json.kept-7"));
+    EXPECT_TRUE(store.keep("a.json", &error)) << error;
+    EXPECT_TRUE(std::filesystem::is_regular_file(path("a.json.kept-7")));
+    state_store nowhere;
+    EXPECT_TRUE(nowhere.keep("a.json", &error)) << "which ends with the process anyway";
 }
 
 TEST_F(VeldStore, WhatWasLeftOfASaveIsNotWaitedFor)

@@ -225,8 +225,6 @@ bool sandbox::spent() const
 void sandbox::hook(lua_State *in, lua_Debug *where)
 {
     sandbox *box = of(in);
-    if (box->steps_ == unlimited)
-        return;
     box->steps_ += hook_interval;
     if (!box->spent())
         return;

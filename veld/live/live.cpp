@@ -61,7 +61,7 @@ template <size_t count> size_t find_provider(const provider (&list)[count], std:
     return i;
 }
 
-// Rows of equal key get keys of their own: several sockets may listen on one port.
+// Rows of equal key get keys of their own: a name server may be named twice.
 void separate_keys(json_t *rows)
 {
     std::unordered_set<std::string> seen;

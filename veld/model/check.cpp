@@ -343,8 +343,6 @@ bool value_fits_type(const scheme &what, json_t *value, json_ref *kept)
         }
         fits = json_is_real(value);
         break;
-    case value_type::none:
-        break;
     default:
         fits = json_is_string(value);
     }

@@ -235,9 +235,10 @@ void listener::arrived()
         fd_owner fd(
             accept4(fd_.get(), reinterpret_cast<sockaddr *>(&from.bytes), &from.length, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!fd && (errno == EMFILE || errno == ENFILE)) {
-            LOG_WARNING("no descriptors left: a client is turned away");
             reserve_.reset();
             fd.reset(accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+            if (fd) // one had come
+                LOG_WARNING("no descriptors left: a client is turned away");
             fd.reset();
             reserve_.reset(::open("/dev/null", O_RDONLY | O_CLOEXEC));
             return;
