@@ -513,6 +513,18 @@ def test_a_ctrl_c_while_it_becomes_a_signal_stops_the_line(editor, tmp_path, mom
         assert term.wait_exit() == -signal.SIGINT
 
 
+def test_a_signal_that_comes_while_the_editor_stops_is_not_lost(editor, tmp_path):
+    if b"san_init" in Path(DEMO).read_bytes():
+        pytest.skip("a sanitizer wants to come first")
+    waits = tmp_path / "waits"
+    term = editor(LD_PRELOAD=str(DEMO.with_name("troubled.so")), TROUBLE_TYPED=f"1:{waits}")
+    term.type("half" + Key.CTRL_Z)
+    while not waits.exists():
+        term.quiet(0.02)
+    term.signal(signal.SIGTERM)
+    assert term.wait_exit() == -signal.SIGTERM
+
+
 @pytest.mark.parametrize("typed", ["one\r\x1b[200~t\x03wo\r\x1b[201~", "one\r\x16\x03\r"])
 def test_ctrl_c_in_a_paste_typed_ahead_is_text(editor, typed):
     term = editor()

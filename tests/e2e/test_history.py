@@ -3,6 +3,7 @@ mode; what is kept when a session is ended from outside; and the options of the 
 changed."""
 
 import os
+import re
 import signal
 
 import pytest
@@ -252,6 +253,29 @@ def test_a_session_whose_window_is_closed_keeps_its_history(shell, model, histor
     term.quiet()
     term.hang_up()
     term.wait_exit()
+    assert history.read_text().splitlines() == ["pwd"] + [line.decode().rstrip("\r") for line in keys[:1]]
+    if len(keys) > 1:
+        assert lua_history.read_text() == "x = 1\n"
+
+
+@pytest.mark.parametrize("name", ["HUP", "TERM"])
+@pytest.mark.parametrize("keys", [[], [b"lua\r", b"x = 1\r"], [b"login admin\r"]], ids=["shell", "Lua mode", "password"])
+def test_a_stopped_session_that_is_ended_keeps_its_history(terminal, model, history, lua_history, keys, name):
+    # As a shell ends a stopped job: in the background, where the terminal is not its own.
+    command = (f'set -m; "{settings.KEST}" -u "{model.address}"; kill -{name} %1; kill -CONT %1; '
+               "while wait %1; status=$?; [ $status = 148 ]; do sleep 0.05; done; echo status $status")
+    term = terminal("-c", command, program="/bin/sh").wait_prompt()
+    term.run("pwd")
+    term.prompt = re.compile("(kest.*:>|password for admin:)$")
+    for line in keys:
+        term.type(line[:-1])
+        term.wait_for("> " + line[:-1].decode())
+        term.type(line[-1:])
+        term.wait_prompt()
+    while term.echoes:  # goes off without any output
+        term.read(0.01)
+    term.type(Key.CTRL_Z)
+    term.wait_for(f"status {128 + signal.Signals['SIG' + name]}")
     assert history.read_text().splitlines() == ["pwd"] + [line.decode().rstrip("\r") for line in keys[:1]]
     if len(keys) > 1:
         assert lua_history.read_text() == "x = 1\n"

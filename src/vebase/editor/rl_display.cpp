@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/ve_out.h"
+#include "platform/ve_wait.h"
 #include "vebase/editor/rl_columns.h"
 #include "vebase/editor/rl_screen.h"
 #include "vebase/editor/rl_text.h"
@@ -149,7 +150,10 @@ void restore_and_raise(int signal)
     // Only a stopped program comes back.
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     sigaction(signal, &own, nullptr);
-    set_silent(silent_fd);
+    if (ve_wait_ended())
+        silent_fd = -1; // it was only woken to end: the terminal is loud, and somebody else's
+    else
+        set_silent(silent_fd);
 }
 
 } // namespace

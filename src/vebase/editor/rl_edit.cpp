@@ -91,8 +91,13 @@ void rl_session::suspend()
     screen_.finish(line_.text(), {}, true);
     ahead_.put_back();
     modes_.end();
-    signals_.restore();
-    rl_raise(SIGTSTP);
+    const int late = signals_.restore();
+    rl_raise(late != 0 ? late : SIGTSTP);
+    if (ve_wait_ended()) {
+        // It was only woken to end: the terminal is as it was, and somebody else's.
+        outcome_ = rl_outcome::stop;
+        return;
+    }
     // Here the program runs again. Others may have read the terminal meanwhile.
     forget_input();
     modes_.begin();

@@ -207,6 +207,8 @@ void rl_session::wait_for_input(int64_t until)
     if (ready < 0) {
         if (!ve_wait_interrupted())
             outcome_ = rl_outcome::end;
+        else if (ve_wait_ended())
+            outcome_ = rl_outcome::stop;
         ve_wait_clear_interrupt();
         return;
     }

@@ -54,6 +54,8 @@ void rl_modes::begin()
 
 void rl_modes::end()
 {
+    if (in_read == 0)
+        return;
     in_read = 0;
     restore_modes();
     ve_out_draw(paste_bare, sizeof paste_bare - 1);

@@ -9,6 +9,7 @@ public:
     /// Notes the modes as they are and makes every byte a key, Ctrl-C too. They come back with end(), and also when the
     /// program exits or aborts meanwhile.
     void begin();
+    /// Nothing where that has happened.
     void end();
     /// What Ctrl-C is: a key; a signal; while a callback runs, a signal that also empties the terminal of what was
     /// typed before it.
