@@ -12,7 +12,7 @@ import pytest
 
 from lib import settings
 from lib.fake import Close, Error, Raw, Several
-from lib.program import Program
+from lib.program import Program, cpu_seconds
 
 PAGE = settings.SOURCE / "docs" / "lua.md"
 
@@ -187,6 +187,17 @@ def test_ctrl_c_ends_a_script_as_it_ends_any_program(kest_start, veld, tmp_path)
     program.finish(2)
     assert program.status == -signal.SIGINT
     assert program.out == "so far\n"
+
+
+def test_another_ctrl_c_ends_a_script_that_does_not_stop(kest_start, veld, tmp_path):
+    (tmp_path / "s.lua").write_text("io.stderr:write('up') string.find(('a'):rep(40), ('a*'):rep(40) .. 'b')")
+    program = kest_start("-S", "s.lua", to=veld)
+    program.wait_for("up", stream="err")
+    for _ in range(2):
+        before = cpu_seconds(program.pid)
+        program.wait_for(lambda program: cpu_seconds(program.pid) >= before + 0.1)  # it is in there, and stays
+        program.interrupt()
+    assert program.finish().status == -signal.SIGINT
 
 
 # --- bindings ---
