@@ -389,16 +389,16 @@ def test_passwords_cost_their_sender_only(small):
         return {"ParameterList": [{"Name": name, "Value": f"secret {i}"} for i in range(count)]}
 
     assert refused(admin, "SetParameterValues", **passwords(257)).code == 9004
-    # Each of these is named more than once, which is found out when all of them are hashed.
-    busy = admin.request("SetParameterValues", passwords(256))
     many = [root(small) for _ in range(16)]
+    # So many in a line that is read at once. Each is named more than once, which is found out when all are hashed.
+    busy = admin.request("SetParameterValues", passwords(200))
     numbers = [peer.request("SetParameterValues", passwords(1)) for peer in many]
-    answers = [many[-1].answer(numbers[-1])["error"]]
-    assert [(answer["code"], answer["message"]) for answer in answers] == [(9004, "too many operations are under way")]
     ask(other)
-    assert admin.answer(busy)["error"]["code"] == 9003
-    for peer, number in zip(many[:-1], numbers):
-        assert peer.answer(number)["result"] == {"Status": 0}
+    answers = [admin.answer(busy), *(peer.answer(number) for peer, number in zip(many, numbers))]
+    said = [answer["error"]["message"] if "error" in answer else answer["result"] for answer in answers]
+    assert said.count("too many operations are under way") == 1, said
+    assert said.count({"Status": 0}) >= 15, said
+
 
 def test_one_user_cannot_deny_methods_to_another(veld, silent_server):
     call = {
