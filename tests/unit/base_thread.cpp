@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <future>
 #include <memory>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include "base/clock.h"
 #include "base/fd.h"
@@ -50,6 +52,27 @@ TEST(Threads, WhereThereIsNoThreadTheBodyIsDropped)
     EXPECT_FALSE(thread_start(SIZE_MAX / 8 * 7, [held] { ++*held; }));
     EXPECT_EQ(*held, 0);
     EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(Threads, WhereThereIsNoThreadTheSmallStackHasToDo)
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer needs memory of its own for a thread";
+#endif
+    const auto run = [] {
+        rlimit limit;
+        getrlimit(RLIMIT_STACK, &limit);
+        limit.rlim_cur = size_t{1} << 20;
+        setrlimit(RLIMIT_STACK, &limit);
+        getrlimit(RLIMIT_AS, &limit);
+        limit.rlim_cur = 1; // memory for a stack is not to be had
+        setrlimit(RLIMIT_AS, &limit);
+        return run_with_stack([] {
+            const sigset_t mask = mask_here();
+            return sigismember(&mask, SIGTERM) == 1 ? 1 : 7;
+        });
+    };
+    EXPECT_EXIT(_exit(run()), testing::ExitedWithCode(7), "");
 }
 
 TEST(Clocks, TheUnitsAgreeAndTimeGoesForward)

@@ -15,7 +15,7 @@
 #include "base/json_ref.h"
 #include "interrupts.h"
 #include "platform/ve_wait.h"
-#include "vebase/link/socket_impl.h"
+#include "vebase/link/jrpcapi_impl.h"
 #include "vebase_scripted_peer.h"
 
 namespace
@@ -733,6 +733,17 @@ TEST(JrpcApi, SendsWhileAnotherThreadReceives)
     receiver.join();
     EXPECT_EQ(events, rounds);
     EXPECT_EQ(answers, rounds);
+}
+
+TEST(JrpcApi, ALinkThatAnotherThreadHasLostTakesAndGivesNothing)
+{
+    const scripted_peer peer([](peer_link &link) { link.closed(); });
+    const context ctx = connected_to(peer);
+    EXPECT_EQ(ve_link_flush(ctx.get()), 1);
+    EXPECT_EQ(ve_link_fill(ctx.get()), 0);
+    ve_link_lose(ctx.get());
+    EXPECT_EQ(ve_link_flush(ctx.get()), -1);
+    EXPECT_EQ(ve_link_fill(ctx.get()), -1);
 }
 
 TEST(JrpcApi, ThereNeedBeNoneToFree)

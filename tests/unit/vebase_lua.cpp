@@ -493,6 +493,12 @@ TEST_F(VeLua, UsesTheContextsLinkWhereNobodyElseDoes)
     EXPECT_EQ(event, R"({"jsonrpc":"2.0","method":"Event","params":{"Id":12}})");
 }
 
+TEST_F(VeLua, SaysWhatEndsTheProgramWhenNobodyCatchesAnError)
+{
+    lua_pushliteral(context->state, "what is wrong");
+    EXPECT_DEATH(lua_error(context->state), "Lua: unprotected error: what is wrong\n");
+}
+
 TEST_F(VeLua, LeavesAnErrorOutputThatTakesNothingWhenCtrlCComes)
 {
     const interrupts handling([](int) { ve_wait_note_interrupt(); });

@@ -6,6 +6,18 @@
 
 #include "interrupts.h"
 
+TEST(RlSignals, OneThatCameTooLateToBeServedIsHandedOver)
+{
+    for (const int number : rl_signals::fatal) {
+        rl_signals signals;
+        signals.install();
+        EXPECT_TRUE(signals.is_default(number));
+        raise(number);
+        EXPECT_EQ(signals.restore(), number);
+        EXPECT_EQ(signals.restore(), 0);
+    }
+}
+
 TEST(RlSignals, AWishToEndTheProgramIsNoKeyAndWaitsOn)
 {
     const interrupts handling([](int) { ve_wait_note_interrupt(); });
