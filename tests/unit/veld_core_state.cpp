@@ -131,6 +131,32 @@ TEST(VeldLineSink, LosesLinesThatNobodyReadsAndCountsThem)
     EXPECT_EQ((text.size() - 5) % 1001, 0U);
 }
 
+TEST(VeldLineSink, EndsALineInAsManyPiecesAsItTakes)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
+    const fd_owner reader(ends[0]);
+    line_sink sink{fd_owner(ends[1])};
+    std::string line;
+    for (int i = 0; line.size() < 200000; ++i)
+        line += std::to_string(i) + " ";
+    sink.write(line + "\n");
+    EXPECT_EQ(sink.lost(), 0U);
+    std::string text(4096, '\0'); // which makes room for as much
+    ASSERT_EQ(read(reader.get(), text.data(), text.size()), 4096);
+    sink.write("lost\n");
+    EXPECT_EQ(sink.lost(), 1U);
+    while (sink.lost() > 0) {
+        std::string more;
+        EXPECT_FALSE(read_all(reader.get(), SIZE_MAX, &more));
+        text += more;
+        sink.write("last\n");
+    }
+    std::string more;
+    EXPECT_FALSE(read_all(reader.get(), SIZE_MAX, &more));
+    EXPECT_TRUE(text + more == line + "\nlast\n");
+}
+
 TEST(VeldLineSink, WritesToAStandardErrorThatIsASocket)
 {
     std::array<int, 2> pair{};

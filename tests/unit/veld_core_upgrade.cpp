@@ -203,6 +203,7 @@ TEST_F(VeldUpgrade, WhileTheDeviceIsDownNothingHappensToIt)
     events.post([&] {
         EXPECT_EQ(happened, "announce Reboot, down, ");
         machine->replace_configuration(document(), tell);
+        EXPECT_EQ(told, "the device goes down, ") << "before anything is saved";
         machine->reboot("Reboot", true);
         own.flashing->succeed({}); // which cannot be cut off; the reboot that follows it is under way
         free.set_value();
