@@ -23,17 +23,18 @@ class Client:
     """kest, on pipes, with a daemon that lets everybody do everything.
 
     `files` are laid into its working directory first; each of `whole` is afterwards as it was, or as a run without faults
-    leaves it, or as `begun` says. `sets` is a parameter and its new value: acknowledged, it is there; otherwise it may be. Who
-    `guesses` a password gets a daemon of his own.
+    leaves it, or as `begun` says. `sets` is a parameter and its new value: acknowledged, it is there; otherwise it may be. The daemon
+    is a new one after so many runs (`renews`).
     """
 
     program = settings.KEST
     needs_daemon = True
     options = ()  # of the daemon
 
-    def __init__(self, name, *words, stdin=None, files=None, whole=(), begun=None, sets=None, history=False, guesses=False):
+    def __init__(self, name, *words, stdin=None, files=None, whole=(), begun=None, sets=None, history=False, renews=0):
         self.name, self.words, self.stdin, self.files = name, words, stdin, files or {}
-        self.whole, self.begun, self.sets, self.history, self.guesses = whole, begun or {}, sets, history, guesses
+        self.whole, self.begun, self.sets, self.history, self.renews = whole, begun or {}, sets, history, renews
+        self.runs = 0
         self.finished = {}  # what a run without faults leaves of `whole`
 
     def argv(self, place, wire=None):
@@ -45,8 +46,9 @@ class Client:
         box = place.sandbox
         shutil.rmtree(box.work)
         box.work.mkdir()
-        if self.guesses:
-            place.renew()  # a daemon slows whoever guesses
+        self.runs += 1
+        if self.renews and self.runs % self.renews == 0:
+            place.renew()
         before = {}
         for name, content in self.files.items():
             (box.work / name).write_text(content)

@@ -62,11 +62,11 @@ SCENARIOS = [
     Client("attr", "-r", "attr", "Device.Time.Enable"),
     Client("set", "-r", "set", SERVER + '="new"', sets=(SERVER, "new")),
     Client("set-refused", "-r", "set", "Device.Time.Enable=17"),
-    Client("add", "-r", "add", "Device.NAT.PortMapping"),
+    Client("add", "-r", "add", "Device.NAT.PortMapping", renews=200),  # the number of the instance is the status, modulo 256
     Client("del-refused", "-r", "del", "Device.NAT.PortMapping.9999"),
     Client("save", "-r", "save"),
     Client("login", "-s", "script", files={"script": "login admin -p admin\n"}),
-    Client("login-refused", "-s", "script", files={"script": "login admin -p wrong\n"}, guesses=True),
+    Client("login-refused", "-s", "script", files={"script": "login admin -p wrong\n"}, renews=1),  # veld slows whoever guesses
     Client("execute-refused", "-r", "execute", "Device.Nothing"),
     Client("notify", "-n", "Event"),
     Client("event", "-e", "12", '{"Text": "hello"}'),
