@@ -51,6 +51,13 @@ def test_nothing_is_recorded_into_a_file_of_another_user(sandbox, model, tmp_pat
     assert theirs.read_text() == "old"
 
 
+@pytest.mark.parametrize("name", ["/dev/null", "queue"])
+def test_nothing_is_recorded_into_what_is_no_file(kest, fake, tmp_path, name):
+    os.mkfifo(tmp_path / "queue")
+    run = kest(to=fake, stdin=f"record {name}\npwd\nq\n")
+    assert f"record: can't create record file {name}.\n:\n" in run.out
+
+
 def test_a_lost_link_writes_what_was_recorded(shell, model, tmp_path):
     term = shell(to=model)
     term.run("record file")
