@@ -9,11 +9,16 @@
 namespace
 {
 
-/// The table of results, which numbers and keeps what it is called with.
-constexpr char results_table[] = "_ = setmetatable({}, {__call = function(t, n, ...)\n"
-                                 "  for i = 1, select('#', ...) do t[n + i - 1] = (select(i, ...)) end\n"
-                                 "  return ...\n"
-                                 "end})\n";
+/// The table of results, which numbers and keeps what it is called with. It has a name of its own as well: a statement
+/// may make something else of "_".
+std::string results_table(const std::string &name)
+{
+    return "local " + name +
+           " = setmetatable({}, {__call = function(t, n, ...)\n"
+           "  for i = 1, select('#', ...) do t[n + i - 1] = (select(i, ...)) end\n"
+           "  return ...\n"
+           "end})\n";
+}
 
 bool compiles(lua_State *L, const std::string &text)
 {
@@ -48,17 +53,32 @@ std::string values_of(lua_State *L, const std::string &text)
     return nothing ? "" : called(L, "return " + text);
 }
 
-/// Whether the name or keyword stands anywhere in the text, even in one of its strings.
+/// Where the name or keyword stands next in the text, from `at` on, even in one of its strings.
+size_t find_word(const std::string &text, std::string_view word, size_t at = 0)
+{
+    const auto in_name = [&text](size_t place) {
+        return place < text.size() && (isalnum(static_cast<unsigned char>(text[place])) != 0 || text[place] == '_');
+    };
+    for (at = text.find(word, at); at != std::string::npos; at = text.find(word, at + 1)) {
+        if (!in_name(at + word.size()) && (at == 0 || !in_name(at - 1)))
+            break;
+    }
+    return at;
+}
+
 bool has_word(const std::string &text, std::string_view word)
 {
-    const auto in_name = [&text](size_t at) {
-        return at < text.size() && (isalnum(static_cast<unsigned char>(text[at])) != 0 || text[at] == '_');
-    };
-    for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) {
-        if (!in_name(at + word.size()) && (at == 0 || !in_name(at - 1)))
-            return true;
-    }
-    return false;
+    return find_word(text, word) != std::string::npos;
+}
+
+/// Whether the statement may make something else of "_", and not only look into it. The session makes it the table of
+/// results again.
+bool may_set_results(const std::string &text)
+{
+    size_t at = find_word(text, "_");
+    while (at != std::string::npos && text.substr(at + 1, 1) == "[")
+        at = find_word(text, "_", at + 1);
+    return at != std::string::npos;
 }
 
 /// Whether the statement would end the script that it stands in, and not only itself.
@@ -98,16 +118,25 @@ void lua_recording::add(lua_State *L, const std::string &text, unsigned first, u
 
 std::string lua_recording::script() const
 {
-    const auto uses = [](const piece &each) { return has_word(each.statement, "_"); };
-    const bool keeps = std::any_of(pieces_.begin(), pieces_.end(), uses);
-    std::string text = keeps ? results_table : "";
+    const auto uses = [this](const std::string &name) {
+        return std::any_of(pieces_.begin(), pieces_.end(),
+                           [&name](const piece &each) { return has_word(each.statement, name); });
+    };
+    std::string results = "results";
+    while (uses(results))
+        results += '_';
+    const bool keeps = uses("_");
+    const std::string restored = "_ = " + results + "\n";
+    std::string text = keeps ? results_table(results) + restored : "";
     for (const piece &each : pieces_) {
         if (!keeps || each.values.empty()) {
             text += each.statement;
-            continue;
+        } else {
+            const std::string kept = results + "(" + std::to_string(each.first) + ", " + each.values + ")";
+            text += each.looks ? "dm.show(" + kept + ")\n" : kept + "\n";
         }
-        const std::string kept = "_(" + std::to_string(each.first) + ", " + each.values + ")";
-        text += each.looks ? "dm.show(" + kept + ")\n" : kept + "\n";
+        if (may_set_results(each.statement))
+            text += restored;
     }
     return text;
 }

@@ -154,6 +154,9 @@ def test_a_lua_recording_is_a_script(kest, model, tmp_path, lines, recorded, pri
     (["f = function() return 1 end", "function f(...)", "return ...", "end", "f(2)", "x = f(2); -- two", "x; -- two"], "2\n"),
     (["return", "return -- nothing", "print(...)", "(...)", "x = select('#', ...)", "x"], "\nnil\n0\n"),
     (["for i = 1, 2 do local j = i if j > 1 then break end end", "print('last...')"], "last...\n"),
+    (["_, n = ('abc'):gsub('a', '')", "n + 1", "_[1]", "print(_[1] + n, _[3])"], "2\n2\n3\tnil\n"),
+    (["results = 1", "_[1]", "for _, v in pairs({'v'}) do print(v) end", "function f_() return results end",
+      "f_()", "print(_[2])"], "nil\nv\n1\n"),
 ])
 def test_a_lua_recording_does_what_the_session_did(kest, model, tmp_path, lines, printed):
     shown = kest(to=model, stdin="\n".join(["luarecord file", *lines, "q", "q", ""]))
