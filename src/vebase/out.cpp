@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "platform/ve_wait.h"
+#include "vebase/escapes.h"
 
 namespace
 {
@@ -34,8 +35,8 @@ bool shows_something(std::string_view row)
 {
     for (size_t i = 0; i < row.size(); ++i) {
         const auto byte = static_cast<unsigned char>(row[i]);
-        if (byte == '\033' && i + 1 < row.size() && row[i + 1] == '[')
-            i = std::min(row.find_first_not_of("0123456789;?", i + 2), row.size());
+        if (byte == '\033')
+            i += escape_size(row.substr(i)) - 1;
         else if (byte > 0x20 && byte != 0x7f)
             return true;
     }

@@ -354,6 +354,7 @@ ROWS = [
     ("io.write('a') io.popen('printf b >&2'):close()", ["ab"], ""),
     ("io.popen('printf a >&2'):close() io.write('b')", ["ab"], ""),
     ("io.write('a') error('b', 0)", ["ab"], ""),
+    ("io.write('\\27]0;title\\7a\\27]2;title\\27\\\\b\\27(Bc')", [], "abc"),
 ]
 
 

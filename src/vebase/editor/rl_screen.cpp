@@ -8,6 +8,7 @@
 #include "platform/ve_wait.h"
 #include "vebase/editor/rl_control.h"
 #include "vebase/editor/rl_text.h"
+#include "vebase/escapes.h"
 
 namespace
 {
@@ -25,11 +26,10 @@ std::string plain_row(std::string_view all)
         } else if (c == '\b') {
             row.resize(row.size() - utf8_last(row).size);
         } else if (c == '\033') {
-            const bool sequence = i + 1 < all.size() && all[i + 1] == '[';
-            for (i += sequence ? 2 : 1; sequence && i < all.size() && (all[i] < 0x40 || all[i] > 0x7e); ++i)
-                ;
-            if (sequence && i < all.size() && (all[i] == 'H' || all[i] == 'J'))
+            const std::string_view sequence = all.substr(i, escape_size(all.substr(i)));
+            if (sequence.starts_with("\033[") && (sequence.back() == 'H' || sequence.back() == 'J'))
                 row.clear();
+            i += sequence.size() - 1;
         } else if (static_cast<unsigned char>(c) >= 0x20 || c == '\t') {
             row.push_back(c);
         }
