@@ -812,6 +812,21 @@ def test_a_list_longer_than_the_screen_asks_first(editor):
     assert sorted(listed) == words
 
 
+def test_a_list_fits_the_screen_as_it_is_when_the_question_is_answered(editor):
+    words = [f"w{n:05}" for n in range(60)]
+    term = editor(words=words, columns=60, rows=6)
+    term.type("w\t")
+    term.quiet(0.1).type("\t")
+    term.wait_for("Display all 60 possibilities? (y or n)")
+    term.resize(20, 6)
+    term.wait_for(re.compile("^Display all 60 possi$", re.M))
+    term.type("y")
+    term.wait_for("w00059")
+    term.wait_for(lambda term: cursor_line(term) == "> w000")
+    listed = [name for row in term.all_lines for name in re.findall(r"w\d{5}", row)]
+    assert sorted(listed) == words
+
+
 def test_ctrl_c_at_the_question_keeps_the_line(editor):
     term = editor(words=[f"w{n:05}" for n in range(1000)], rows=10)
     term.type("w\t")

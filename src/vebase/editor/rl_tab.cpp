@@ -154,7 +154,7 @@ void rl_session::list(const json_t *found)
     for (const std::string_view text : texts_of(found))
         names.push_back(rl_visible(text));
     const size_t count = names.size();
-    const rl_columns columns{std::move(names), screen_.size().columns};
+    rl_columns columns{names, screen_.size().columns};
     if (columns.screen_rows() >= screen_.size().rows) {
         const std::string question = "Display all " + std::to_string(count) + " possibilities? (y or n)";
         const bool yes = confirm(question);
@@ -163,6 +163,7 @@ void rl_session::list(const json_t *found)
         screen_.finish(line_.text(), "\n" + question, true);
         if (!yes)
             return;
+        columns = {std::move(names), screen_.size().columns}; // which may have changed meanwhile
     } else {
         screen_.finish(line_.text(), {}, true);
     }
