@@ -163,6 +163,20 @@ def test_a_timer_that_cancels_itself_or_fails_rings_no_more(filed):
 # --- sequences ---
 
 
+def test_an_account_that_a_file_disables_has_no_rights_any_more(sandbox, veld_start):
+    (sandbox.work / "b.lua").write_text("""
+        on_set("Device.DeviceInfo.ProvisioningCode", function() set("Device.Users.User.1.Enable", false) end)
+    """)
+    veld = veld_start("--behaviour", sandbox.work / "b.lua")
+    peer = veld.connect()
+    peer.call("Login", User="admin", Password="admin")
+    assert not set_error(peer, {"Device.DeviceInfo.ProvisioningCode": "one"})
+    moment = settings.deadline()
+    while not (refused := set_error(peer, {"Device.DeviceInfo.ProvisioningCode": "two"})):
+        assert settings.remaining(moment)
+    assert refused[0] == 9001
+
+
 @pytest.mark.parametrize("code", [0, 8999, 9216, 9984, 10000])
 def test_a_refusal_has_a_code_that_no_client_takes_for_a_success(filed, code):
     veld = filed(f"on_set('Device.A', function() refuse('no', {code}) end)")

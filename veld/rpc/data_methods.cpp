@@ -103,6 +103,8 @@ void service::value_changed(const std::string &name, const scheme &what, const j
     event_batch events;
     events.add(event_value_set, set_event(name, what, value, "").get(), what.read);
     deliver(events);
+    if (is_of_accounts(name))
+        review_logins();
 }
 
 void service::send_event(int64_t group, const json_t *value)
