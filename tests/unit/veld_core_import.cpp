@@ -292,6 +292,23 @@ TEST(Import, RangesWithGapsBecomeTheirValuesOrTheirBounds)
         R"({"type":"string","default":"","minLength":2,"lengths":[[2,2],[5,null]],"regex":"^[a-z]*$"})");
     EXPECT_EQ(parameter(R"(<string><size minLength="0" maxLength="0"/><size minLength="5" maxLength="7"/></string>)"),
               R"({"type":"string","default":"","minLength":0,"maxLength":7,"regex":"^(?:|[\\s\\S]{5,7})$"})");
+    // Between the ends of a decimal's range there is more than whole numbers.
+    EXPECT_EQ(
+        parameter(
+            R"(<decimal><range minInclusive="1" maxInclusive="2"/><range minInclusive="4" maxInclusive="5"/></decimal>)"),
+        R"({"type":"decimal","default":1.0,"minInclusive":1,"maxInclusive":5,"ranges":[[1,2],[4,5]]})");
+}
+
+TEST(Import, AnEnumerationBeginsWithItsFirstValue)
+{
+    EXPECT_EQ(parameter(R"(<decimal><enumeration value="1.5"/><enumeration value="2"/></decimal>)"),
+              R"({"type":"decimal","default":1.5,"enum":[1.5,2.0]})");
+    EXPECT_EQ(parameter(R"(<boolean><enumeration value="true"/></boolean>)"),
+              R"({"type":"boolean","default":true,"enum":[true]})");
+    EXPECT_TRUE(parameter(R"(<list minItems="2"/><decimal><enumeration value="1.5"/></decimal>)")
+                    .starts_with(R"({"type":"string","default":"1.5,1.5","minCount":2,)"));
+    EXPECT_TRUE(parameter(R"(<list minItems="2"/><boolean><enumeration value="true"/></boolean>)")
+                    .starts_with(R"({"type":"string","default":"true,true","minCount":2,)"));
 }
 
 TEST(Import, RangesMayBeAsWideAsAnyNumber)
@@ -502,6 +519,24 @@ line 18: Device.T.{i}.: there is no "None" for a unique key; the key is left out
     EXPECT_EQ(result.node("Device/X/Ask"), R"({"type":"method","input":{"B":{"type":"int","default":0}},"output":{}})");
 }
 
+TEST(Import, ArgumentsThatStandTooDeepAreLeftOutAlone)
+{
+    std::string
+        deep; // with Device., X. and the method itself, and a level for the argument, one more than there may be
+    for (int i = 0; i < scheme_deepest - 3; ++i)
+        deep += "O.";
+    const auto argument = [](const std::string &object) {
+        return "<object name=\"" + object + R"("><parameter name="A"><syntax><int/></syntax></parameter></object>)";
+    };
+    const imported result = import_text(
+        with_object("<command name=\"Run()\"><input>" + argument(deep) + argument(deep.substr(2)) +
+                    "</input></command><event name=\"Done!\">" + argument("O." + deep) + argument(deep) + "</event>"));
+    EXPECT_EQ(result.error, "");
+    EXPECT_EQ(result.warnings, "line 3: Device.X.Run." + deep + ": is nested too deep; left out\n" +
+                                   "line 3: Device.X.Done!.O." + deep + ": is nested too deep; left out\n");
+    EXPECT_EQ(result.counts.inputs, 1U);
+}
+
 TEST(Import, CommandsThatTheDaemonKnowsAreConnected)
 {
     imported result = import_text(document("", R"x(<object name="Device.IP."/><object name="Device.IP.Diagnostics.">
@@ -634,6 +669,14 @@ TEST(Import, WhatIsWrongWithAPartOfATypeIsLeftOutAlone)
     EXPECT_EQ(said(R"(<int><enumeration value="one"/><enumeration value="2"/></int>)"),
               "{\"type\":\"int\",\"default\":2,\"enum\":[2]} line 3: Device.X.P: \"one\" is no value of type int; left "
               "out of the enumeration\n");
+    EXPECT_EQ(said(R"(<list/><string><size maxLength="-1"/></string>)"),
+              "{\"type\":\"string\",\"default\":\"\"} line 3: Device.X.P: maxLength -1 is no size; left out\n");
+    EXPECT_TRUE(said(R"(<list/><decimal><range minInclusive="1"/></decimal>)")
+                    .ends_with("line 3: Device.X.P: the range of the items of a list is kept of integers only; left "
+                               "out\n"));
+    EXPECT_EQ(said(R"(<unsignedInt><enumerationRef targetParam="Q"/></unsignedInt>)"),
+              "{\"type\":\"unsignedInt\",\"default\":0} line 3: Device.X.P: that its values are those of \"Q\" is kept "
+              "of a text only; left out\n");
     EXPECT_EQ(said(R"(<dataType ref="A"/>)",
                    R"(<dataType name="A"><int/></dataType><dataType name="A"><string/></dataType>)"),
               "{\"type\":\"int\",\"default\":0} line 3: data type \"A\": is declared twice; this declaration is left "
@@ -911,6 +954,10 @@ TEST(Import, APasswordOfTheUsersIsKeptAsAHash)
     EXPECT_EQ(
         result.node("Device/Users/User/{i}/Password"),
         R"({"type":"string","default":"","maxLength":64,"secret":true,"access":"readWrite","handler_set":"password"})");
+    // A number is no password that a hash could be kept of.
+    result = import_text(document("", R"(<object name="Device.Users."/><object name="Device.Users.User.{i}.">
+        <parameter name="Password"><syntax><unsignedInt/></syntax></parameter></object>)"));
+    EXPECT_EQ(result.node("Device/Users/User/{i}/Password"), R"({"type":"unsignedInt","default":0,"secret":true})");
 }
 
 TEST(Import, ACompressedDocumentIsReadLikeAPlainOne)

@@ -89,10 +89,10 @@ private:
     void add_keys(json_t *node, json_t *members, const object_declaration &object);
     bool add_parameter(json_t *to, const parameter_declaration &parameter, const std::string &path,
                        const std::string &object);
-    void add_command(json_t *to, const command_declaration &command, const std::string &path);
-    void add_event(json_t *to, const event_declaration &event, const std::string &path);
+    void add_command(json_t *to, const command_declaration &command, const std::string &path, int depth);
+    void add_event(json_t *to, const event_declaration &event, const std::string &path, int depth);
     void add_arguments(json_t *to, json_t *beside, const std::vector<argument_group> &groups, const std::string &path,
-                       size_t *counted);
+                       int depth, size_t *counted);
     void add_targets(const reference &from);
     void add_values(const enumeration_reference &from);
     std::string target(std::string_view relative, const std::string &object, bool from_root) const;
@@ -204,13 +204,14 @@ void builder::add_object(const object_declaration &object)
     if (table)
         add_keys(node, members, object);
     for (const command_declaration &command : object.commands)
-        add_command(members, command, object.path);
+        add_command(members, command, object.path, depth + 1);
     for (const event_declaration &event : object.events)
-        add_event(element, event, object.path);
+        add_event(element, event, object.path, depth + 1);
     if (json_t *password = json_object_get(members, std::string(password_name).c_str());
         password != nullptr && is_below_root(object.path, users_table)) {
         json_object_set_new(password, "secret", json_true());
-        json_object_set_new(password, "handler_set", json_string("password"));
+        if (json_is_string(json_object_get(password, "default")))
+            json_object_set_new(password, "handler_set", json_string("password"));
     }
 }
 
@@ -288,7 +289,10 @@ bool builder::add_parameter(json_t *to, const parameter_declaration &parameter, 
     set_remarks(node.get(), parameter.about);
     if (type.path && !type.nested && !object.empty())
         references_.push_back({node.get(), object, type.target_parents, type.target_type, type.from_root});
-    if (!type.values_of.empty() && !type.nested && !object.empty())
+    if (!type.values_of.empty() && std::string_view(json_string_value(json_object_get(node.get(), "type"))) != "string")
+        warn(parameter.line, what,
+             "that its values are those of \"" + type.values_of + "\" is kept of a text only; left out");
+    else if (!type.values_of.empty() && !type.nested && !object.empty())
         enumerations_.push_back({node.get(), object, type.values_of, type.null_value, type.list, parameter.line, what});
     json_object_set_new(to, parameter.name.c_str(), node.release());
     return true;
@@ -389,11 +393,18 @@ json_t *builder::group(json_t *to, const argument_group &of, const std::string &
     return to;
 }
 
-// The arguments of one direction. What stands in `beside` already, by the same names, is left out.
+// The arguments of one direction, which stand `depth` levels below the root. What stands in `beside` already, by the
+// same names, is left out.
 void builder::add_arguments(json_t *to, json_t *beside, const std::vector<argument_group> &groups,
-                            const std::string &path, size_t *counted)
+                            const std::string &path, int depth, size_t *counted)
 {
     for (const argument_group &each : groups) {
+        if (each.path.empty() && each.parameters.empty())
+            continue;
+        if (depth + std::count(each.path.begin(), each.path.end(), '.') > scheme_deepest) {
+            warn(each.line, path + "." + each.path, "is nested too deep; left out");
+            continue;
+        }
         json_t *members = group(to, each, path);
         if (members == nullptr)
             continue;
@@ -415,7 +426,7 @@ void builder::add_arguments(json_t *to, json_t *beside, const std::vector<argume
     }
 }
 
-void builder::add_command(json_t *to, const command_declaration &command, const std::string &path)
+void builder::add_command(json_t *to, const command_declaration &command, const std::string &path, int depth)
 {
     std::string what = path + command.name;
     if (!scheme_name_fits(command.name, false))
@@ -430,12 +441,12 @@ void builder::add_command(json_t *to, const command_declaration &command, const 
     set_remarks(node, command.about);
     counts_->commands++;
     json_t *input = json_object_get(node, "input");
-    add_arguments(input, nullptr, command.input, what, &counts_->inputs);
-    add_arguments(json_object_get(node, "output"), input, command.output, what, &counts_->outputs);
+    add_arguments(input, nullptr, command.input, what, depth + 1, &counts_->inputs);
+    add_arguments(json_object_get(node, "output"), input, command.output, what, depth + 1, &counts_->outputs);
 }
 
 // Events are described, no more: the protocol has no name for them.
-void builder::add_event(json_t *to, const event_declaration &event, const std::string &path)
+void builder::add_event(json_t *to, const event_declaration &event, const std::string &path, int depth)
 {
     std::string what = path + event.name + "!";
     if (!scheme_name_fits(event.name, false))
@@ -452,7 +463,7 @@ void builder::add_event(json_t *to, const event_declaration &event, const std::s
     set_remarks(node, event.about);
     counts_->events++;
     size_t counted = 0;
-    add_arguments(json_object_get(node, "arguments"), nullptr, event.arguments, what, &counted);
+    add_arguments(json_object_get(node, "arguments"), nullptr, event.arguments, what, depth, &counted);
 }
 
 bool builder::add_model(const model_declaration &model)

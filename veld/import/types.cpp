@@ -328,11 +328,19 @@ json_t *declared_default(const std::string &type, const std::string &declared)
     return json_string(text.c_str());
 }
 
-json_t *made_integer(const resolved_type &type)
+// The first value of an enumeration; null when there is none.
+json_t *first_enumerated(const resolved_type &type)
 {
     for (const std::string &each : type.enumeration)
         if (json_t *first = declared_default(type.name, each))
             return first;
+    return nullptr;
+}
+
+json_t *made_integer(const resolved_type &type)
+{
+    if (json_t *first = first_enumerated(type))
+        return first;
     if (within(type.ranges, 0))
         return json_integer(0);
     // The end of a range that is nearest to nothing at all.
@@ -363,9 +371,9 @@ std::string made_list(const resolved_type &type)
     if (is_integer(type.name)) {
         json_ref number(made_integer(type));
         item = std::to_string(json_integer_value(number.get()));
-    } else if (type.name == "boolean" || type.name == "switch") {
+    } else if (type.enumeration.empty() && (type.name == "boolean" || type.name == "switch")) {
         item = "false";
-    } else if (type.name == "decimal") {
+    } else if (type.enumeration.empty() && type.name == "decimal") {
         item = "0";
     }
     std::string list;
@@ -376,10 +384,13 @@ std::string made_list(const resolved_type &type)
 
 json_t *made_default(const resolved_type &type, const std::string &expression)
 {
-    if (!type.list && (type.name == "boolean" || type.name == "switch"))
-        return json_false();
+    const bool truth = type.name == "boolean" || type.name == "switch";
     if (!type.list && is_integer(type.name))
         return made_integer(type);
+    if (json_t *first = !type.list && (truth || type.name == "decimal") ? first_enumerated(type) : nullptr)
+        return first;
+    if (!type.list && truth)
+        return json_false();
     if (!type.list && type.name == "decimal")
         return json_real(
             within(type.ranges, 0) ? 0 : double(type.ranges[0].low ? *type.ranges[0].low : *type.ranges[0].high));
@@ -471,7 +482,7 @@ std::vector<interval> item_characters(const resolved_type &type)
     return sizes;
 }
 
-void set_list(json_t *node, const resolved_type &type, bool sized)
+void set_list(json_t *node, const resolved_type &type, bool sized, const complaint &warn)
 {
     if (type.min_items)
         json_object_set_new(node, "minCount", json_integer(*type.min_items));
@@ -479,6 +490,8 @@ void set_list(json_t *node, const resolved_type &type, bool sized)
         json_object_set_new(node, "maxCount", json_integer(*type.max_items));
     if (!type.nested && !type.ranges.empty() && is_integer(type.name))
         set_alternatives(node, "itemRanges", type.ranges);
+    else if (!type.nested && !type.ranges.empty())
+        warn("the range of the items of a list is kept of integers only; left out");
     if (!sized)
         set_alternatives(node, "itemLengths", item_characters(type));
 }
@@ -588,10 +601,10 @@ void describe_type(json_t *node, const resolved_type &type, const syntax &form, 
 
     json_t *values = nullptr;
     if (type.list) {
-        set_list(node, type, sized);
+        set_list(node, type, sized, warn);
     } else if (!type.enumeration.empty()) {
         set_enumeration(node, type, warn);
-    } else if (type.ranges.size() > 1 && (values = enumerated(type.ranges)) != nullptr) {
+    } else if (is_integer(type.name) && type.ranges.size() > 1 && (values = enumerated(type.ranges)) != nullptr) {
         json_object_set_new(node, "enum", values);
     } else {
         set_bounds(node, "minInclusive", "maxInclusive", type.ranges);

@@ -177,7 +177,9 @@ void reader::add_interval(std::vector<interval> *to, const attributes &given, st
 {
     const interval made = {number(given, low), number(given, high),
                            std::max<int64_t>(number(given, "step").value_or(1), 1)};
-    if (made.low && made.high && *made.low > *made.high)
+    if (high == "maxLength" && made.high && *made.high < 0)
+        warn("maxLength " + std::to_string(*made.high) + " is no size; left out");
+    else if (made.low && made.high && *made.low > *made.high)
         warn(std::string(low) + " " + std::to_string(*made.low) + " is more than " + std::string(high) + " " +
              std::to_string(*made.high) + "; left out");
     else
