@@ -35,6 +35,8 @@ TEST(VeldDocuments, AMistakeInAModelIsRefusedWithItsPlace)
          R"(Device.P: "access" must be "readOnly" or "readWrite")"},
         {R"({"P":{"type":"int","default":1,"enum":1}})", R"(Device.P: "enum" must be an array)"},
         {R"({"P":{"type":"int","default":1,"value":"1"}})", R"(Device.P: "value" is no int)"},
+        {R"({"P":{"type":"int","default":1,"access":"readWrite","handler_set":"password"}})",
+         "Device.P: a password must be a text"},
         {R"({"P":{"type":"string","default":"a,b","maxCount":1}})", R"(Device.P: "default" must have at most 1 items)"},
         {R"({"P":{"type":"string","default":"","valuesOf":"Device.T."}})",
          R"(Device.P: "valuesOf" must be the path of a parameter)"},
@@ -49,6 +51,8 @@ TEST(VeldDocuments, AMistakeInAModelIsRefusedWithItsPlace)
          R"(Device.P: "targets" belongs to a path, or to a list of paths)"},
         {R"({"P":{"type":"path","default":"","targetType":"row"}})", R"(Device.P: "targetType" without "targets")"},
         {R"({"N":{"type":"int","default":0,"entries":"T"}})", R"(Device.N: "entries" names no table beside it)"},
+        {R"({"N":{"type":"string","default":"","entries":"T"},"T":{"multi":true,"template":{}}})",
+         R"(Device.N: "entries" belongs to an integer)"},
         {R"({"O":{"children":{"P":{"type":"int","default":0,"entries":"T"}}}})",
          R"(Device.O.P: "entries" names no table beside it)"},
         {R"({"T":{"multi":true,"template":{"children":{"N":{"type":"int","default":0,"entries":"U"}}}}})",
@@ -146,8 +150,30 @@ TEST(VeldDocuments, ADamagedConfigurationIsRefusedWithItsPlace)
     EXPECT_EQ(refusals(R"({"Host":{"instances":{"1":2}}})"), both("Device.Host.1.: must be an object"));
     EXPECT_EQ(refusals(R"({"Host":{"order":[1,2]}})"), both(R"(Device.Host.: a bad "order")"));
     EXPECT_EQ(refusals(R"({"Search":{"order":1}})"), both(R"(Device.Search.: a bad "order")"));
-    EXPECT_EQ(refusals(R"({"Search":{"order":[1,2,2]}})"),
-              both(R"(Device.Search.: "order" does not name every instance once)"));
+    for (const char *order : {"[1,2,2]", "[1,2]", "[4294967298,3,1]", R"(["2",3,1])"})
+        EXPECT_EQ(refusals((R"({"Search":{"order":)" + std::string(order) + "}}").c_str()),
+                  both(R"(Device.Search.: "order" does not name every instance once)"));
+}
+
+TEST(VeldDocuments, OfEqualUniqueValuesOneIsTakenFromASavedConfiguration)
+{
+    const char *const saved = R"({"Host":{"instances":{"1":{"Alias":"a","Id":2},"2":{"Alias":"a","Id":2},
+        "3":{"Alias":"a","Id":2}}}})";
+    EXPECT_EQ(refusals(saved), " | Device.Host.1.Id: the value is already used by instance 2");
+    const auto model = make_tree();
+    std::string error;
+    ASSERT_TRUE(configuration_restore(
+        model.get(), json((R"({"veld-config":1,"config":{"Device":)" + std::string(saved) + "}}").c_str()).get(),
+        &error))
+        << error;
+    // What is left out begins as it does in the factory, where that is free.
+    const std::pair<const char *, const char *> expected[] = {
+        {"1.Alias", "\"a\""}, {"1.Id", "1"}, {"2.Alias", "\"two\""}, {"2.Id", "2"}, {"3.Alias", "\"\""}, {"3.Id", "3"}};
+    for (const auto &[name, value] : expected)
+        EXPECT_EQ(value_at(model.get(), ("Device.Host." + std::string(name)).c_str()), value) << name;
+    const json_ref again = configuration_of(model.get());
+    json_ref whole;
+    EXPECT_TRUE(configuration_check(model.get(), again.get(), &whole, &error)) << error;
 }
 
 TEST(VeldDocuments, AnInstanceThatTheFactoryHasNoMoreStaysInASavedConfiguration)

@@ -126,9 +126,16 @@ TEST(VeldTree, GivesNewInstancesFreeUniqueNumbers)
         ASSERT_FALSE(change_add(narrow.get(), role::administrator, "T.", 0, &added));
         EXPECT_EQ(value_at(narrow.get(), (tree::name(added) + "N").c_str()), expected);
     }
+    // Nor is there any number beyond the last one.
+    const auto last = make_tree({}, R"({"format":1,"root":{"T":{"multi":true,"access":"readWrite","template":{
+        "children":{"N":{"type":"long","default":9223372036854775807,"unique":true}}}}}})");
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_FALSE(change_add(last.get(), role::administrator, "T.", 0, &added));
+        EXPECT_EQ(value_at(last.get(), (tree::name(added) + "N").c_str()), "9223372036854775807");
+    }
 }
 
-/// What is said of values that do not fit; "" where one fits.
+/// What is said of a value that does not fit.
 std::string said(tree *model, const char *path, const std::string &value)
 {
     const json_ref problems =
@@ -154,6 +161,51 @@ TEST(VeldTree, EnumerationsAreOfNumbersTooAndMayBeLong)
     const std::string refusal = said(model.get(), "L", "\"x\"");
     EXPECT_TRUE(refusal.starts_with(R"(must be one of "100", "101", )") && refusal.ends_with(R"(", ...)")) << refusal;
     EXPECT_LT(refusal.size(), 420U);
+}
+
+TEST(VeldTree, RangesAreOfWholeNumbersOfAnySizeAndOfOthers)
+{
+    const auto model = make_tree({}, R"({"format":1,"root":{
+        "D":{"type":"decimal","access":"readWrite","default":1,"ranges":[[0,2],[5,null]]},
+        "S":{"type":"decimal","access":"readWrite","default":1,"ranges":[[1,null,2]]},
+        "I":{"type":"long","access":"readWrite","default":-3,"ranges":[[-3,null,5]]},
+        "A":{"type":"unsignedLong","access":"readWrite","default":1,"ranges":[[1,null,2]]},
+        "B":{"type":"unsignedLong","access":"readWrite","default":1,"ranges":[[1,9223372036854775807]]},
+        "E":{"type":"unsignedLong","access":"readWrite","default":"5","enum":["5",6,"18446744073709551615"]}}})");
+    const std::map<std::string, std::pair<std::vector<std::string>, std::vector<std::string>>> known = {
+        {"D", {{"0", "-0.0", "1.5", "2", "5.0", "1e300"}, {"-0.5", "2.5", "4.9", "-1e300"}}},
+        {"S", {{"1", "3.0", "1e300"}, {"1.5", "2", "-1"}}},
+        {"I", {{"-3", "2", "9223372036854775807"}, {"-8", "0", "9223372036854775806"}}},
+        {"A",
+         {{"3", "9223372036854775807", R"("18446744073709551615")"}, {"2", R"("18446744073709551614")", R"("-1")"}}},
+        {"B", {{"1", "9223372036854775807"}, {"0", R"("9223372036854775808")"}}},
+        {"E", {{"5", R"("5")", R"("6")", R"("18446744073709551615")"}, {"7", R"("18446744073709551614")"}}}};
+    for (const auto &[name, values] : known) {
+        for (const std::string &fits : values.first)
+            EXPECT_FALSE(set(model.get(), (R"([{"Name":")" + name + R"(","Value":)" + fits + "}]").c_str()))
+                << name << " " << fits;
+        for (const std::string &wrong : values.second)
+            EXPECT_TRUE(set(model.get(), (R"([{"Name":")" + name + R"(","Value":)" + wrong + "}]").c_str()))
+                << name << " " << wrong;
+    }
+    EXPECT_EQ(said(model.get(), "D", "2.5"), "must be 0 to 2 or 5 and more");
+}
+
+TEST(VeldTree, AListEndsWithAnItemToo)
+{
+    const auto model = make_tree({}, R"({"format":1,"root":{
+        "N":{"type":"string","access":"readWrite","default":"1","itemRanges":[[1,3]]},
+        "L":{"type":"string","access":"readWrite","default":"a","itemLengths":[[1,2]]},
+        "B":{"type":"string","access":"readWrite","default":"","itemRanges":[[1,null,2]]},
+        "C":{"type":"string","access":"readWrite","default":"","maxCount":2,"itemLengths":[[0,2]]}}})");
+    EXPECT_FALSE(set(model.get(), R"([{"Name":"N","Value":"1, 3"},{"Name":"L","Value":"a,b "},
+                                      {"Name":"B","Value":"1,18446744073709551615"},
+                                      {"Name":"C","Value":"a,"}])"));
+    EXPECT_EQ(said(model.get(), "B", R"("18446744073709551614")"), "must have items of 1 and more in steps of 2");
+    for (const char *wrong : {R"("1,")", R"(",1")", R"("1,,2")", R"(" ")", R"("1,4")"})
+        EXPECT_EQ(said(model.get(), "N", wrong), "must have items of 1 to 3") << wrong;
+    EXPECT_EQ(said(model.get(), "L", R"("a,")"), "must have items of 1 to 2 characters");
+    EXPECT_EQ(said(model.get(), "C", R"("a,,")"), "must have at most 2 items");
 }
 
 TEST(VeldTree, PathsLeadToWhatTheirKindSays)

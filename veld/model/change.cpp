@@ -205,6 +205,8 @@ void settle_instance(tree *in, node *of, bool changed)
             in->store(of, std::move(value), changed);
             return;
         }
+        if (number == INT64_MAX)
+            return;
     }
 }
 

@@ -151,16 +151,44 @@ int64_t count_items(std::string_view text)
     return text.empty() ? 0 : 1 + std::count(text.begin(), text.end(), ',');
 }
 
-bool one_holds(const alternatives &list, int64_t number)
+// What lies between a number and the next multiple of `step` below it.
+uint64_t beyond_step(int64_t number, int64_t step)
 {
-    return list.empty() || std::any_of(list.begin(), list.end(), [number](const alternative &one) {
-               if ((one.low && number < *one.low) || (one.high && number > *one.high))
-                   return false;
-               // Of the distance, which may be wider than a signed word.
-               const uint64_t from = static_cast<uint64_t>(number) - static_cast<uint64_t>(one.low.value_or(0));
-               return one.step == 1 ||
-                      (number < one.low.value_or(0) ? (~from + 1) : from) % static_cast<uint64_t>(one.step) == 0;
-           });
+    const int64_t left = number % step;
+    return static_cast<uint64_t>(left < 0 ? left + step : left);
+}
+
+bool holds(const alternative &one, int64_t number)
+{
+    return (!one.low || number >= *one.low) && (!one.high || number <= *one.high) &&
+           beyond_step(number, one.step) == beyond_step(one.low.value_or(0), one.step);
+}
+
+// Of a number beyond the signed word, which ends at most there.
+bool holds(const alternative &one, uint64_t number)
+{
+    return !one.high && number % static_cast<uint64_t>(one.step) == beyond_step(one.low.value_or(0), one.step);
+}
+
+bool holds(const alternative &one, double number)
+{
+    const auto low = static_cast<double>(one.low.value_or(0));
+    return (!one.low || number >= low) && (!one.high || number <= static_cast<double>(*one.high)) &&
+           (one.step == 1 || std::fmod(number - low, static_cast<double>(one.step)) == 0);
+}
+
+template <typename number_type> bool one_holds(const alternatives &list, number_type number)
+{
+    return list.empty() ||
+           std::any_of(list.begin(), list.end(), [number](const alternative &one) { return holds(one, number); });
+}
+
+bool one_holds(const alternatives &list, const json_t *number)
+{
+    if (json_is_real(number))
+        return one_holds(list, json_real_value(number));
+    return json_is_string(number) ? one_holds(list, number_of<uint64_t>(view(number)).value_or(0))
+                                  : one_holds(list, static_cast<int64_t>(json_integer_value(number)));
 }
 
 // "0, 512 to 1024 in steps of 2, or 4096 and more".
@@ -192,7 +220,8 @@ std::string items_problem(const value_rules &rules, std::string_view text)
     for (const std::string_view item : list_items(text)) {
         if (!rules.item_ranges.empty()) {
             const auto number = number_of<int64_t>(item);
-            if (!number || !one_holds(rules.item_ranges, *number))
+            const auto large = number ? std::nullopt : number_of<uint64_t>(item);
+            if (number ? !one_holds(rules.item_ranges, *number) : !large || !one_holds(rules.item_ranges, *large))
                 return "must have items of " + written(rules.item_ranges);
         }
         if (!one_holds(rules.item_lengths, static_cast<int64_t>(text_length(item))))
@@ -243,11 +272,7 @@ std::string range_problem(const scheme &what, const json_t *value)
         return "must be at least " + std::to_string(*what.min_inclusive);
     if (above)
         return "must be at most " + std::to_string(*what.max_inclusive);
-    // What is beyond the signed word is in a range without an end, or in none.
-    const int64_t number = json_is_integer(value)  ? json_integer_value(value)
-                           : json_is_string(value) ? INT64_MAX
-                                                   : static_cast<int64_t>(json_real_value(value));
-    if (what.rules && !one_holds(what.rules->ranges, number))
+    if (what.rules && !one_holds(what.rules->ranges, value))
         return "must be " + written(what.rules->ranges);
     return "";
 }
@@ -301,9 +326,10 @@ json_t *from_digits(std::string_view digits)
 std::vector<std::string_view> list_items(std::string_view text)
 {
     std::vector<std::string_view> items;
-    while (!text.empty()) {
+    for (bool more = !text.empty(); more;) {
         std::string_view item = text.substr(0, text.find(','));
-        text.remove_prefix(std::min(item.size() + 1, text.size()));
+        more = item.size() < text.size();
+        text.remove_prefix(item.size() + (more ? 1 : 0));
         item.remove_prefix(std::min(item.find_first_not_of(' '), item.size()));
         items.push_back(item.substr(0, item.find_last_not_of(' ') + 1));
     }

@@ -49,18 +49,32 @@ private:
     tree *tree_;
     overlay_kind kind_;
     std::string *error_;
-    std::vector<node *> unique_;
+    struct put_value {
+        node *parameter;
+        json_ref before;
+        bool changed_before;
+    };
+    std::vector<put_value> unique_;
 };
 
 bool applier::unique_values_hold()
 {
-    for (node *one : unique_)
-        tree_->reindex(one);
-    for (node *one : unique_) {
-        const json_ref value = tree_->value(one);
-        if (const uint32_t other = tree_->taken(one, value.get()))
-            if (!outdated(one, "the value is already used by instance " + std::to_string(other)))
-                return false;
+    for (const put_value &one : unique_)
+        tree_->reindex(one.parameter);
+    for (put_value &one : unique_) {
+        node *const parameter = one.parameter;
+        const json_ref value = tree_->value(parameter);
+        const uint32_t other = tree_->taken(parameter, value.get());
+        if (other == 0)
+            continue;
+        if (!outdated(parameter, "the value is already used by instance " + std::to_string(other)))
+            return false;
+        if (one.before && tree_->taken(parameter, one.before.get()) != 0)
+            one.before.reset();
+        tree_->store(parameter, std::move(one.before), false);
+        parameter->changed = one.changed_before;
+        if (!parameter->value)
+            settle_instance(tree_, parameter, true);
     }
     return true;
 }
@@ -88,7 +102,7 @@ bool applier::parameter(node *of, json_t *value)
             return outdated(of, "is not part of the configuration");
     }
     if (what.unique)
-        unique_.push_back(of);
+        unique_.push_back({of, json_ref::share(of->value.get()), of->changed});
     tree_->store(of, std::move(kept), kind_ != overlay_kind::factory);
     return true;
 }
@@ -100,12 +114,17 @@ bool applier::ordering(node *of, json_t *numbers)
     std::vector<uint32_t> order;
     size_t i = 0;
     json_t *number = nullptr;
-    json_array_foreach(numbers, i, number) order.push_back(static_cast<uint32_t>(json_integer_value(number)));
+    bool numbered = true;
+    json_array_foreach(numbers, i, number)
+    {
+        numbered = numbered && json_integer_value(number) <= UINT32_MAX;
+        order.push_back(static_cast<uint32_t>(json_integer_value(number)));
+    }
     std::vector<uint32_t> sorted = order;
     std::sort(sorted.begin(), sorted.end());
     std::vector<uint32_t> present = of->table->order;
     std::sort(present.begin(), present.end());
-    if (sorted != present)
+    if (!numbered || sorted != present)
         return fail(of, "\"order\" does not name every instance once");
     of->table->order = std::move(order);
     return true;

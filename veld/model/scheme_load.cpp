@@ -188,13 +188,17 @@ bool loader::values(json_t *source, const surroundings &around, scheme *into)
     if (json_t *list = json_object_get(source, "enum")) {
         if (!json_is_array(list))
             return fail(around, "\"enum\" must be an array");
-        size_t i = 0;
-        json_t *item = nullptr;
-        json_ref kept;
-        json_array_foreach(list, i, item) if (!value_fits_type(*into, item, &kept)) return fail(
-            around, "\"enum\" holds what is no " + type);
+        json_ref allowed{json_array()};
+        for (size_t i = 0; i < json_array_size(list); ++i) {
+            json_t *const item = json_array_get(list, i);
+            json_ref kept;
+            if (!value_fits_type(*into, item, &kept))
+                return fail(around, "\"enum\" holds what is no " + type);
+            // A number in digits is compared as the values are kept.
+            json_array_append(allowed.get(), into->type == value_type::uint64 ? kept.get() : item);
+        }
         if (json_array_size(list) > 0)
-            into->enumeration = json_ref::share(list);
+            into->enumeration = std::move(allowed);
     }
     if (json_t *off = json_object_get(source, "offValue"))
         if (!value_fits_type(*into, off, &into->off_value))
@@ -214,6 +218,8 @@ bool loader::values(json_t *source, const surroundings &around, scheme *into)
     if (const fault problem = value_check(*into, initial, &kept); problem && !unknown)
         return fail(around, "\"default\" " + problem.message);
     value_fits_type(*into, initial, &into->initial);
+    if (into->handler_set == "password" && !json_is_string(initial))
+        return fail(around, "a password must be a text");
     if (json_t *factory = json_object_get(source, "value")) {
         if (!value_fits_type(*into, factory, &into->factory))
             return fail(around, "\"value\" is no " + type);
@@ -252,6 +258,8 @@ bool loader::parameter(json_t *source, const surroundings &around, scheme *into)
         return around.live_row || known_provider(around, *into, "live", backend_use::read);
     }
     if (!counted.empty()) {
+        if (!json_is_integer(into->initial.get()))
+            return fail(around, "\"entries\" belongs to an integer");
         into->from = source::count;
         into->provider = counted;
     }
