@@ -289,6 +289,19 @@ def test_a_hint_is_accepted_where_tab_completes_nothing(line):
     assert b"\x07" not in line.term.raw[before:]
 
 
+@pytest.mark.parametrize("typed, hint, accepted", [
+    ("record xa", " yb", 'record "xa yb"'), ("record 'xa ", "yb", "record 'xa yb"), ("record xc", "^A", "record xc^A"),
+])
+def test_a_hint_that_is_accepted_is_one_word(line, tmp_path, typed, hint, accepted):
+    for name in ["xa yb", "xc\x01"]:
+        (tmp_path / name).touch()
+    line.term.run("opt autocomplete off")
+    line.term.type(typed)
+    line.hint(hint)
+    line.term.type(Key.RIGHT)
+    line.wait(accepted)
+
+
 # Values
 
 @pytest.mark.parametrize("typed, expected", [

@@ -111,9 +111,10 @@ void rl_session::draw(std::string_view message)
 {
     const std::string search = line_.searching() ? line_.search_message() : std::string{};
     const bool hints = message.empty() && search.empty() && line_.at_end();
+    const std::string hint = hints ? rl_visible(hint_) : std::string{};
     screen_.draw({.text = line_.text(),
                   .cursor = line_.cursor(),
-                  .hint = hints ? std::string_view{hint_} : std::string_view{},
+                  .hint = hint,
                   .message = message.empty() ? std::string_view{search} : message,
                   .asks = !message.empty()});
 }

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "platform/ve_out.h"
+#include "platform/ve_words.h"
 #include "vebase/editor/rl_columns.h"
 #include "vebase/editor/rl_complete.h"
 #include "vebase/editor/rl_session.h"
@@ -221,7 +222,7 @@ void rl_session::find_hint()
     hint_text_ = line_.text();
     hint_.clear();
     if (complete && hint != nullptr)
-        hint_ = rl_visible(hint);
+        hint_ = hint;
     // After Ctrl-C the same line is not asked about again.
     hint_known_ = true;
 }
@@ -232,7 +233,7 @@ bool rl_session::accept_hint()
     if (hint_.empty() || hint_text_ != line_.text() || !line_.at_end())
         return false;
     const std::string line = line_.text();
-    const std::string shown = hint_;
+    const std::string hint = hint_;
     if (rl_set.autocomplete != nullptr) {
         const json_ref found = candidates(line, line.size());
         if (!found)
@@ -240,6 +241,11 @@ bool rl_session::accept_hint()
         if (json_array_size(found.get()) == 1 && insert_candidate(found.get(), line))
             return true;
     }
-    line_.insert(shown);
+    const ve_words words = ve_words_read(line);
+    const size_t start = words.place(0);
+    const std::string whole = std::string(words.current()) + hint;
+    const rl_replacement merged = rl_merge(line, start, line.size(), {whole}, false);
+    if (merged.changes)
+        line_.replace_typed(start, merged.text);
     return true;
 }
