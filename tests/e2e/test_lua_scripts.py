@@ -378,6 +378,8 @@ def test_a_script_that_is_typed(terminal, veld, path):
     ("for line in io.popen('seq 3'):lines() do io.write(line) end", "123"),
     ("print(io.popen('exit 3'):close())", "nil\texit\t3\n"),
     ("print(io.popen('kill -9 $$'):close())", "nil\tsignal\t9\n"),
+    ("print(io.popen('true'):seek())", "nil\tIllegal seek\t29\n"),
+    ("for _, f in ipairs{io.stdout, io.stderr} do print(f:seek()) end", 2 * "nil\tIllegal seek\t29\n"),
     ("f = io.popen('cat >file', 'w') f:write(('x'):rep(300000)) print(f:close(), #io.open('file'):read('a'))",
      "true\t300000\n"),
     ("io.popen('exit', 'w'):close() print(pcall(io.popen, 'true', 'x'))", "false\tbad argument #2 to 'io.popen' (invalid mode)\n"),
@@ -407,12 +409,13 @@ def test_a_script_ends_with_its_children(veld, kest, tmp_path):
         assert kest("-S", "s.lua", to=veld).out == "2\n3\n1\n"
 
 
-def test_a_child_that_reads_no_more_is_told_of(veld, kest, tmp_path):
+@pytest.mark.parametrize("ignored", [(), (signal.SIGPIPE,)], ids=["default", "ignored"])
+def test_a_child_that_reads_no_more_is_told_of(veld, kest, tmp_path, ignored):
     os.mkfifo(tmp_path / "fifo")
     (tmp_path / "s.lua").write_text(
         "local f = io.popen('exec <&-; echo closed >fifo', 'w') io.open('fifo'):read()\n"
         "f:setvbuf('no') print(f:write('text'))")
-    assert kest("-S", "s.lua", to=veld, ignored=(signal.SIGPIPE,)).out == f"nil\tBroken pipe\t{errno.EPIPE}\n"
+    assert kest("-S", "s.lua", to=veld, ignored=ignored).out == f"nil\tBroken pipe\t{errno.EPIPE}\n"
 
 
 def test_an_error_output_that_takes_nothing_holds_nothing_up(veld, sandbox):

@@ -64,6 +64,8 @@ void ve_lua_open_tools(lua_State *L);
 void ve_lua_refuse_children(lua_State *L);
 /// What code prints: collected, or written to the terminal.
 void ve_lua_emit(ve_lua_state *context, const char *data, size_t size);
+/// A stream's seek (fopencookie) where there is none.
+int ve_lua_no_seek(void *, off_t *, int);
 /// Before somebody else uses the terminal: shows what was printed.
 void ve_lua_show_output(ve_lua_state *context);
 /// Calls the function that is the first upvalue with the same arguments. Returns the number of its results.

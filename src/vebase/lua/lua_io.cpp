@@ -138,6 +138,12 @@ int lua_flush(lua_State *L)
 
 } // namespace
 
+int ve_lua_no_seek(void *, off_t *, int)
+{
+    errno = ESPIPE;
+    return -1;
+}
+
 void ve_lua_refuse_children(lua_State *L)
 {
     if (ve_lua_time_left(-1) >= 0)
@@ -177,8 +183,10 @@ void ve_lua_replace(lua_State *L, const char *name, lua_CFunction function)
 bool ve_lua_open_streams(ve_lua_state *context)
 {
     const cookie_io_functions_t in = {.read = stream_read, .write = nullptr, .seek = stream_seek, .close = nullptr};
-    const cookie_io_functions_t out = {.read = nullptr, .write = stream_write, .seek = nullptr, .close = nullptr};
-    const cookie_io_functions_t err = {.read = nullptr, .write = stream_write_error, .seek = nullptr, .close = nullptr};
+    const cookie_io_functions_t out = {
+        .read = nullptr, .write = stream_write, .seek = ve_lua_no_seek, .close = nullptr};
+    const cookie_io_functions_t err = {
+        .read = nullptr, .write = stream_write_error, .seek = ve_lua_no_seek, .close = nullptr};
     context->standard[0] = fopencookie(context, "r", in);
     context->standard[1] = fopencookie(context, "w", out);
     context->standard[2] = fopencookie(context, "w", err);

@@ -1,6 +1,7 @@
 // io.popen: what waits for the child, for its output or its end, waits interruptibly.
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <new>
 #include <unistd.h>
@@ -44,13 +45,33 @@ ssize_t pipe_read(void *cookie, char *data, size_t size)
     return wait_ready(fd, POLLIN) ? read(fd, data, size) : -1;
 }
 
+/// As write(), but to a child that reads no more it is only an error: no signal ends the session for that.
+ssize_t write_without_signal(int fd, const char *data, size_t size)
+{
+    sigset_t only;
+    sigset_t before;
+    sigemptyset(&only);
+    sigaddset(&only, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &only, &before);
+    const ssize_t count = write(fd, data, size);
+    const int error = errno;
+    if (count < 0 && error == EPIPE && sigismember(&before, SIGPIPE) == 0) {
+        const timespec none = {.tv_sec = 0, .tv_nsec = 0};
+        while (sigtimedwait(&only, nullptr, &none) < 0 && errno == EINTR)
+            ;
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    return count;
+}
+
 ssize_t pipe_write(void *cookie, const char *data, size_t size)
 {
     const int fd = static_cast<child_pipe *>(cookie)->fd;
     const ve_lua_sigint_blocked blocked;
     size_t written = 0;
     while (written < size && wait_ready(fd, POLLOUT)) {
-        const ssize_t count = write(fd, data + written, std::min(size - written, pipe_piece));
+        const ssize_t count = write_without_signal(fd, data + written, std::min(size - written, pipe_piece));
         if (count < 0)
             break;
         written += static_cast<size_t>(count);
@@ -104,7 +125,7 @@ int lua_popen(lua_State *L)
         delete pipe;
         return luaL_fileresult(L, 0, command);
     }
-    stream->f = fopencookie(pipe, mode, {pipe_read, pipe_write, nullptr, pipe_close});
+    stream->f = fopencookie(pipe, mode, {pipe_read, pipe_write, ve_lua_no_seek, pipe_close});
     if (stream->f == nullptr) {
         pipe_close(pipe);
         return luaL_error(L, "not enough memory");
