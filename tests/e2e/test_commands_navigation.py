@@ -89,6 +89,13 @@ def test_ls_of_a_table_is_in_byte_order(kest, model):
     assert typed(kest, model, "cd Device.Host", "ls") == "1.\n10.\n2.\nmax_instance\norder\n"
 
 
+@pytest.mark.parametrize("parameter", ["Device.Time.Zone", "Device.Host.max_instance"])
+def test_a_place_that_is_a_parameter_lists_and_shows_itself(kest, model, parameter):
+    name = parameter.rpartition(".")[2]
+    shown = typed(kest, model, f"cd {parameter}", "pwd", "ls", "cat")
+    assert shown == f":{parameter}\n{name}\n{name} = " + ('"UTC"\n' if name == "Zone" else "10\n")
+
+
 def test_ls_asks_again_only_for_what_was_never_fetched(kest, model):
     typed(kest, model, "cd Device", "ls", "ls", "ls Time", "ls Time")
     assert asked(model) == [attributes("Device."), attributes("Device.Time.")]

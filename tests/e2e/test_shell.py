@@ -2,6 +2,7 @@
 
 import os
 import pwd
+import subprocess
 import time
 
 import pytest
@@ -359,3 +360,18 @@ def test_ctrl_c_stops_a_long_output(shell, fake):
     term.wait_prompt(timeout=3)
     assert "P99999" not in "\n".join(term.all_lines)
     assert term.run("pwd") == [":"]
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs to become somebody else")
+def test_a_user_without_a_name_or_a_home_is_nobody(sandbox, fake):
+    fake.serve(MODEL)
+    sandbox.root.chmod(0o755)
+    os.chmod(fake.address, 0o666)
+    sandbox.home.joinpath(".local/kest").mkdir(parents=True)
+    sandbox.home.joinpath(".local/kest/config").write_text("cd Device\n")
+    environment = {key: value for key, value in sandbox.environment().items() if key != "HOME"}
+    nameless = ["setpriv", "--reuid=54321", "--regid=54321", "--clear-groups"]
+    run = subprocess.run([*nameless, settings.KEST, "-u", fake.address], env=environment, cwd="/", input="pwd\n",
+                         capture_output=True, text=True, timeout=settings.DEADLINE)
+    assert (run.stdout, run.returncode) == (BANNER + ":\n", 0)
+    assert "Login" not in fake.methods()
