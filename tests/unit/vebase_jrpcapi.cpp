@@ -75,6 +75,33 @@ void answer_all(peer_link &link)
         link.answer(id);
 }
 
+/// The ids of a raw request with the last number but one and of two requests behind it, where `reserved` is kept for
+/// another raw one.
+std::string ids_behind_the_last_number(json_int_t reserved)
+{
+    std::string seen;
+    {
+        const scripted_peer peer([&](peer_link &link) {
+            for (int i = 0; i < 3; ++i) {
+                const std::string line = link.line();
+                const json_ref request(json_loads(line.c_str(), 0, nullptr));
+                const json_int_t id = json_integer_value(json_object_get(request.get(), "id"));
+                seen += std::to_string(id) + " ";
+                link.send("{\"id\":" + std::to_string(id) + ",\"result\":{}}\n");
+            }
+            link.closed();
+        });
+        const context ctx = connected_to(peer);
+        ve_jrpcapi_reserve_id(ctx.get(), json_ref(json_integer(reserved)).get());
+        const json_ref raw(json_loads(R"({"id":9223372036854775806,"method":"Raw"})", 0, nullptr));
+        const msg_ref message(ve_jrpcmsg_parse_json(raw.get()));
+        EXPECT_EQ(ve_jrpcapi_exec(ctx.get(), message.get()), 0);
+        EXPECT_EQ(ask(ctx), 0);
+        EXPECT_EQ(ask(ctx), 0);
+    }
+    return seen;
+}
+
 } // namespace
 
 TEST(JrpcApi, StoresTheAnswerThatComesByteByByte)
@@ -125,26 +152,10 @@ TEST(JrpcApi, SendsNewIdsFromOneUpAndKeepsTheOneThatAUserGave)
 
 TEST(JrpcApi, CountsFromOneAgainBehindTheLastNumber)
 {
-    std::string seen;
-    {
-        const scripted_peer peer([&](peer_link &link) {
-            for (int i = 0; i < 3; ++i) {
-                const std::string line = link.line();
-                const json_ref request(json_loads(line.c_str(), 0, nullptr));
-                const json_int_t id = json_integer_value(json_object_get(request.get(), "id"));
-                seen += std::to_string(id) + " ";
-                link.send("{\"id\":" + std::to_string(id) + ",\"result\":{}}\n");
-            }
-            link.closed();
-        });
-        const context ctx = connected_to(peer);
-        const json_ref raw(json_loads(R"({"id":9223372036854775806,"method":"Raw"})", 0, nullptr));
-        const msg_ref message(ve_jrpcmsg_parse_json(raw.get()));
-        EXPECT_EQ(ve_jrpcapi_exec(ctx.get(), message.get()), 0);
-        EXPECT_EQ(ask(ctx), 0);
-        EXPECT_EQ(ask(ctx), 0);
-    }
-    EXPECT_EQ(seen, "9223372036854775806 1 2 ");
+    EXPECT_EQ(ids_behind_the_last_number(0), "9223372036854775806 1 2 ");
+    EXPECT_EQ(ids_behind_the_last_number(INT64_MAX), "9223372036854775806 1 2 ");
+    EXPECT_EQ(ids_behind_the_last_number(1), "9223372036854775806 2 3 ");
+    EXPECT_EQ(ids_behind_the_last_number(2), "9223372036854775806 1 3 ");
 }
 
 TEST(JrpcApi, DropsEventsAndAnswersThatNobodyAwaits)
