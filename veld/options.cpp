@@ -21,7 +21,7 @@ bool seconds(const char *text, int64_t *milliseconds)
 {
     double value = 0;
     const auto end = std::from_chars(text, text + strlen(text), value, std::chars_format::fixed);
-    if (end.ec != std::errc{} || *end.ptr != '\0' || value < 0 || value > 86400)
+    if (end.ec != std::errc{} || *end.ptr != '\0' || !(value >= 0 && value <= 86400)) // which "nan" is not
         return false;
     *milliseconds = static_cast<int64_t>(value * 1000);
     return true;

@@ -317,6 +317,24 @@ def test_an_instance_of_a_result_has_its_own_number(sandbox, device):
     assert outputs(peer.answer(execute(peer, "Device.SelfTest.Run"))) == {"Part.2.Name": "radio"}
 
 
+def test_only_numbers_of_instances_are_numbers_to_a_file(sandbox, device):
+    names = ["1", "20", "01", "0x1", "1e3", "-1", "4294967296"]
+    argument = {"type": "int", "default": 5}
+    run = {"type": "method", "input": dict.fromkeys(names, argument), "output": {"R": {"type": "string", "default": ""}}}
+    (sandbox.work / "m.json").write_text(json.dumps({"format": 1, "root": {"Run": run}}))
+    (sandbox.work / "b.lua").write_text("""
+        on_call("Run", function(input)
+            local keys = {}
+            for name, value in pairs(input) do keys[#keys + 1] = (math.type(name) or "text") .. " " .. name .. "=" .. value end
+            table.sort(keys)
+            return {R = table.concat(keys, ",")}
+        end)
+    """)
+    peer = device(sandbox.work / "m.json", sandbox.work / "b.lua").connect()
+    expected = ["integer 1=5", "integer 20=5", *sorted(f"text {name}=5" for name in names[2:])]
+    assert outputs(peer.answer(execute(peer, "Run"))) == {"R": ",".join(expected)}
+
+
 def test_a_mistake_is_logged_and_a_refusal_is_not(filed):
     veld = filed("""
         on_set("Device.A", function() refuse("not now", 9001) end)

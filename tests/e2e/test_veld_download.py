@@ -307,6 +307,12 @@ def test_a_request_may_take_its_time(peer, state, serve, ends):
         assert bytes(heard).startswith(f"GET {path} HTTP/1.0\r\n".encode())
 
 
+@pytest.mark.parametrize("data", [b"HTTP/1.0 200 OK\nA: b\n\none\r\n\r\ntwo", b"HTTP/1.0 200 OK\r\nA: b\r\n\r\none\n\ntwo"])
+def test_the_first_empty_line_ends_a_header(peer, state, serve, data):
+    assert peer.call("Download", FileType="File", URL=f"http://127.0.0.1:{serve(answer(data))}/lines") == STATUS_OK
+    assert (state / "files" / "lines").read_bytes() == data[data.index(b"one") :]
+
+
 @pytest.mark.parametrize(
     "data",
     [

@@ -359,7 +359,8 @@ def test_help_version_and_wrong_options():
     assert run.returncode == 0 and run.stdout.startswith("Veltro Management System daemon.\nUsage: veld [options]\n")
     assert refused_start("--nothing")[0] == 2
     assert refused_start("word")[0] == 2
-    assert refused_start("--reboot-time", "soon") == (2, "veld: --reboot-time soon: must be a number of seconds\n")
+    for text in ("soon", "nan", "inf", "-1", "86401", "1s", ""):
+        assert refused_start("--reboot-time", text) == (2, f"veld: --reboot-time {text}: must be a number of seconds\n")
     for text in ("x", "1,x", "1,", "1,2,3", "-1"):
         assert refused_start("--populate", text)[0] == 2, text
     assert refused_start("--model", "/nowhere/at-all") == (1, "veld: /nowhere/at-all.json: No such file or directory\n")

@@ -1,9 +1,13 @@
 #include "veld/behaviour/values.h"
 
+#include "base/number.h"
+
 #include <lua.hpp>
 
 #include <cmath>
 #include <cstdio>
+#include <optional>
+#include <string_view>
 
 namespace veld
 {
@@ -14,6 +18,13 @@ namespace
 constexpr int deepest_value = 16;
 
 json_t *take(lua_State *from, int at, int depth, const char **problem);
+
+// The number of an instance, "1"; nothing for a name that only looks like a number, "01" or "0x1".
+std::optional<lua_Integer> instance_number(std::string_view name)
+{
+    const auto number = number_of<uint32_t>(name);
+    return number && (name == "0" || !name.starts_with('0')) ? std::optional<lua_Integer>(*number) : std::nullopt;
+}
 
 bool is_array(lua_State *from, int at)
 {
@@ -124,7 +135,9 @@ void values_push(lua_State *to, const json_t *value)
         json_object_foreach(const_cast<json_t *>(value), key, member)
         {
             // Names that are numbers, "1", are instances: numbers here.
-            if (lua_stringtonumber(to, key) == 0 || lua_isinteger(to, -1) == 0)
+            if (const auto number = instance_number(key))
+                lua_pushinteger(to, *number);
+            else
                 lua_pushstring(to, key);
             values_push(to, member);
             lua_rawset(to, -3);

@@ -396,10 +396,11 @@ bool fetch::receive()
 // stage is the body's.
 bool fetch::take_header()
 {
+    // What is sent may hold an empty line of the other kind.
     size_t end_of_header = header_.find("\r\n\r\n");
     size_t gap = 4;
-    if (end_of_header == std::string::npos) {
-        end_of_header = header_.find("\n\n");
+    if (const size_t other = header_.find("\n\n"); other < end_of_header) {
+        end_of_header = other;
         gap = 2;
     }
     if (end_of_header == std::string::npos) {

@@ -203,12 +203,10 @@ void nslookup::judge()
     std::string host;
     std::string addresses;
     bool authoritative = true;
-    bool unknown = false;
     bool failed = false;
     for (const auto &each : questions_) {
         const dns_answer &answer = *each->answer();
         authoritative = authoritative && answer.authoritative;
-        unknown = unknown || answer.code == 3 || answer.code == 0;
         failed = failed || (answer.code != 0 && answer.code != 3);
         for (const std::string &record : answer.records) {
             bool reverse = each->type() == dns_type::ptr;
@@ -222,7 +220,7 @@ void nslookup::judge()
         return end_round("Success", authoritative ? "Authoritative" : "NonAuthoritative", host, addresses, time_ms);
     if (failed && server_ + 1 < servers.size())
         return try_next_server("Error_Other");
-    end_round(failed || !unknown ? "Error_Other" : "Error_HostNameNotResolved",
+    end_round(failed ? "Error_Other" : "Error_HostNameNotResolved",
               authoritative ? "Authoritative" : "NonAuthoritative", "", "", time_ms);
 }
 
