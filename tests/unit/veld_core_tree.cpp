@@ -273,6 +273,26 @@ TEST(VeldTree, ATablesOwnParametersAreSaved)
     EXPECT_EQ(error, R"(T.Mode: must be one of "a", "b")");
 }
 
+TEST(VeldTree, AConfigurationGivesNoTwoInstancesTheSameKey)
+{
+    const auto model = make_tree({}, R"({"format":1,"root":{"T":{"multi":true,"access":"readWrite",
+        "keys":[{"parameters":["A","B"],"enable":"On"}],"template":{"children":{
+            "On":{"type":"boolean","access":"readWrite","default":true},
+            "A":{"type":"int","access":"readWrite","default":0},"B":{"type":"int","access":"readWrite","default":0}}}}}})");
+    const auto problem = [&](const std::string &first, const std::string &second) {
+        std::string error;
+        json_ref whole;
+        const std::string text = R"({"veld-config":1,"config":{"T":{"instances":{"1":)" + first + R"(,"2":)" + second;
+        configuration_check(model.get(), json((text + "}}}}").c_str()).get(), &whole, &error);
+        return error;
+    };
+    EXPECT_EQ(problem(R"({"A":1,"B":2})", R"({"A":1,"B":2})"),
+              "T.1.A: would give the instance the key (A, B) of instance 2");
+    EXPECT_EQ(problem(R"({"A":1,"B":2})", R"({"A":1,"B":3})"), "");
+    EXPECT_EQ(problem(R"({"A":1,"B":2})", R"({"A":1,"B":2,"On":false})"), "");
+    EXPECT_EQ(problem("{}", "{}"), "");
+}
+
 TEST(VeldTree, TenThousandInstancesAreNoQuadraticWork)
 {
     const auto model = make_tree();

@@ -5,6 +5,7 @@
 #include "veld/model/change.h"
 #include "veld/model/check.h"
 #include "veld/model/password.h"
+#include "veld/model/table_keys.h"
 
 #include <algorithm>
 #include <limits>
@@ -25,6 +26,8 @@ public:
     bool any(node *of, json_t *overlay);
     /// Unique values are compared when everything is in its place: they may have changed places.
     bool unique_values_hold();
+    /// The same for keys of several parameters, of a configuration from outside.
+    bool keys_hold();
 
 private:
     bool object(node *of, json_t *overlay);
@@ -55,6 +58,7 @@ private:
         bool changed_before;
     };
     std::vector<put_value> unique_;
+    std::vector<const node *> keyed_; // parameters that a key may be made of
 };
 
 bool applier::unique_values_hold()
@@ -76,6 +80,15 @@ bool applier::unique_values_hold()
         if (!parameter->value)
             settle_instance(tree_, parameter, true);
     }
+    return true;
+}
+
+bool applier::keys_hold()
+{
+    key_check keys(tree_);
+    for (const node *one : keyed_)
+        if (const std::string problem = keys.problem(one); !problem.empty())
+            return fail(one, problem);
     return true;
 }
 
@@ -103,6 +116,8 @@ bool applier::parameter(node *of, json_t *value)
     }
     if (what.unique)
         unique_.push_back({of, json_ref::share(of->value.get()), of->changed});
+    if (kind_ == overlay_kind::strict && of->parent->is_instance() && !of->parent->parent->what->keys.empty())
+        keyed_.push_back(of);
     tree_->store(of, std::move(kept), kind_ != overlay_kind::factory);
     return true;
 }
@@ -290,7 +305,7 @@ json_ref overlay_of_table(tree *from, node *of)
 bool overlay_apply(tree *onto, node *of, json_t *overlay, overlay_kind kind, std::string *error)
 {
     applier work(onto, kind, error);
-    return work.any(of, overlay) && work.unique_values_hold();
+    return work.any(of, overlay) && work.unique_values_hold() && work.keys_hold();
 }
 
 bool factory_instances(tree *fresh, node *of, std::string *error)
