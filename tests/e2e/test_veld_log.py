@@ -44,6 +44,8 @@ def test_secrets_are_masked(small):
     assert peer.call("GetParameterValues", ParameterNames=["Device.Key"])["ParameterList"][0]["Value"] == "hidden"
     with pytest.raises(WireError):
         peer.call("Execute", Path="Device.Echo", ParameterList=[{"Name": "PreSharedKey", "Value": "hidden"}])
+    with pytest.raises(WireError):  # what does not exist, however it is written
+        peer.call("SetParameterValues", ParameterList=[{"Name": "Device.Users.User.99.Password.", "Value": "hidden"}])
     assert "hidden" not in small.log and '"admin","Password":"***"' in small.log and '"shown"' in small.log
 
 

@@ -237,6 +237,13 @@ def test_a_value_that_does_not_fit_is_refused(root, name, value, code, text):
     assert (error.code, error.message, error.data) == (code, "nothing was set", {"Device." + name: text})
 
 
+@pytest.mark.parametrize("end", ["", "."])
+def test_one_request_has_so_many_passwords(root, end):
+    name = "Device.Users.User.1.Password" + end
+    error = refused(root, "SetParameterValues", ParameterList=[{"Name": name, "Value": f"p{i}"} for i in range(257)])
+    assert (error.code, error.message) == (9004, "too many passwords in one request")
+
+
 @pytest.mark.parametrize(
     "name, value, kept",
     [

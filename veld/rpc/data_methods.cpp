@@ -70,6 +70,7 @@ std::unordered_set<std::string> service::passwords_in(const json_t *list)
         const json_t *text = json_object_get(item, "Name");
         const json_t *value = json_object_get(item, "Value");
         std::string_view name{json_string_value(text), json_string_length(text)};
+        name.remove_suffix(name.ends_with('.') ? 1 : 0); // which may be written behind any name
         if (!json_is_string(value) || password_names_.count(name.substr(name.rfind('.') + 1)) == 0)
             continue;
         const place where = tree_.find(name);

@@ -17,6 +17,7 @@ constexpr const char *mask = "***";
 
 bool sounds_secret(std::string_view name)
 {
+    name.remove_suffix(name.ends_with('.') ? 1 : 0);
     std::string leaf(name.substr(name.rfind('.') + 1));
     std::transform(leaf.begin(), leaf.end(), leaf.begin(), [](unsigned char c) { return tolower(c); });
     for (const char *word : {"password", "passphrase", "secret", "sharedkey", "psk", "credential"}) {
