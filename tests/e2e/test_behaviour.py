@@ -150,12 +150,15 @@ def test_a_timer_that_cancels_itself_or_fails_rings_no_more(filed):
             if rung == 3 then cancel(own) end
         end)
         every(0.01, function() error("oh") end)
+        local other = after(0.01, function() set("Device.A", 7) end)
+        cancel(other + (1 << 32)) -- which is another number
         every(0.05, function() ticks = ticks + 1 set("Device.B", ticks) end)
     """)
     moment = settings.deadline()
     while veld.value("Device.B") < 8:
         assert settings.remaining(moment)
     assert veld.value("Device.Log") == "rung 3"
+    assert veld.value("Device.A") == 7
     assert veld.log.count("a timer: ") == 1 and "b.lua: a timer: b.lua:8: oh; it is ended\n" in veld.log
     assert veld.value("Device.Up") > 0  # which the machine tells
 

@@ -118,8 +118,9 @@ int behaviour::lua_timer(lua_State *in)
 int behaviour::lua_cancel(lua_State *in)
 {
     behaviour *here = self(in);
-    const auto found = here->timers_.find(static_cast<int>(luaL_checkinteger(in, 1)));
-    if (found == here->timers_.end())
+    const lua_Integer number = luaL_checkinteger(in, 1);
+    const auto found = here->timers_.find(static_cast<int>(number));
+    if (found == here->timers_.end() || found->first != number)
         return 0;
     if (found->second.waiting != 0)
         here->host_.cancel(found->second.waiting);
