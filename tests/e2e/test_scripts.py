@@ -172,6 +172,7 @@ def test_a_script_that_cannot_be_read_says_so(kest, fake):
     assert (run.out, run.err, run.status) == ("", "/proc/self/mem: the script cannot be read to its end.\n", 255)
 
 
+@pytest.mark.load
 def test_lines_that_go_on_for_too_long_end_the_script(script, fake):
     run = script(("echo " + "x" * (33 << 20) + "\\\n") * 2 + "echo y\n")
     assert (run.out, run.err, run.status) == ("", "file: line 2 is too long.\n", 255)
