@@ -37,10 +37,34 @@ void look(int, char **, char **environment)
 }
 [[gnu::section(".preinit_array"), gnu::used]] void (*const before_libraries)(int, char **, char **) = look;
 
+// No signal, and no other thread that ends the program as well, may come in between: the counts of many runs are in one
+// file.
+class undisturbed
+{
+public:
+    undisturbed()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before_);
+        pthread_mutex_lock(&lock_);
+    }
+    ~undisturbed()
+    {
+        pthread_mutex_unlock(&lock_);
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+
+private:
+    static inline pthread_mutex_t lock_ = PTHREAD_MUTEX_INITIALIZER;
+    sigset_t before_;
+};
+
 void write_down()
 {
     if (watched)
         return;
+    const undisturbed alone;
     if (void *const ended = dlsym(RTLD_DEFAULT, "torture_ended"))
         reinterpret_cast<void (*)()>(ended)();
     // The limits of the program are not those of its counts, to which programs of other users add; what becomes of
