@@ -87,7 +87,7 @@ bool create_record_file(const char *path)
     if (strlen(path) > record_name_max)
         return false;
     // What another user can read is no place for passwords.
-    if (stat(path, &there) == 0 && (!S_ISREG(there.st_mode) || (there.st_uid != geteuid() && geteuid() != 0)))
+    if (stat(path, &there) == 0 && there.st_uid != geteuid() && geteuid() != 0)
         return false;
     return ve_fs_touch(path) >= 0;
 }
