@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <climits>
 #include <optional>
 #include <string_view>

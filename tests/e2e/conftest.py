@@ -25,6 +25,7 @@ home        their home directory       tmp_path  their working directory
 """
 
 import os
+import re
 import signal
 import tempfile
 import threading
@@ -67,6 +68,15 @@ def pytest_runtest_protocol(item):
     finally:
         signal.setitimer(signal.ITIMER_REAL, 0)
         signal.signal(signal.SIGALRM, before)
+
+
+def pytest_collection_modifyitems(items):
+    """What the programs were built without is not tested: what is marked so, asks for its fixture, or is a variant named after it."""
+    for what, there, fixture in (("lua", settings.LUA, None), ("tls", settings.TLS, "certificate")):
+        for item in () if there else items:
+            variant = item.name.partition("[")[2]
+            if item.get_closest_marker(what) or fixture in item.fixturenames or re.search(rf"\b{what}\b", variant, re.I):
+                item.add_marker(pytest.mark.skip(reason=f"built without {what}"))
 
 
 @pytest.hookimpl(hookwrapper=True)

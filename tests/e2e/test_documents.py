@@ -25,6 +25,7 @@ def bin(sandbox, veld):
     return folder
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize(
     "line, words",
     [
@@ -62,6 +63,7 @@ def pages_with_examples():
         yield pytest.param(page, id=page.name, marks=[pytest.mark.load] if "fleet" in page.read_text() else [])
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("page", pages_with_examples())
 def test_the_examples_print_what_the_page_says(page, sandbox, bin):
     steps = pages.sessions(page)
@@ -96,6 +98,7 @@ def section(page, title):
     return re.search(rf"^{title}\n(.*?)(?=^\S)", page, re.M | re.S)[1]
 
 
+@pytest.mark.lua
 def test_the_picture_shows_what_the_shell_shows(sandbox, veld_start):
     """When it does not: run scripts/picture."""
     assert picture.PICTURE.read_text() == picture.current(sandbox, veld_start("--listen", "tcp://127.0.0.1:0"))
@@ -162,6 +165,7 @@ STATUSES = [
 ]
 
 
+@pytest.mark.lua
 def test_the_exit_statuses_are_those_of_the_manual(kest, veld, sandbox):
     (sandbox.work / "login.conf").write_text("login\n")
     found = [(words, kest("-c", "login.conf", "-r", words[0], "--", *words[1:], to=veld).status) for words, _ in STATUSES]

@@ -46,6 +46,7 @@ def test_two_shells_at_once_lose_nothing(shell, model, history):
     assert history.read_text() == "pwd\ncd Device\ncd Device.Host\ncd Device.Time\n"
 
 
+@pytest.mark.lua
 def test_a_shell_that_comes_back_from_lua_mode_knows_what_another_did(shell, model, history):
     first, second = shell(to=model), shell(to=model)
     first.run("cd Device")
@@ -60,6 +61,7 @@ def test_a_shell_that_comes_back_from_lua_mode_knows_what_another_did(shell, mod
     assert history.read_text() == "cd :Device.Time\ncd Device\nlua\ncd :Device.Time\n"
 
 
+@pytest.mark.lua
 def test_two_lua_modes_at_once_lose_nothing(shell, model, lua_history):
     first, second = shell(to=model), shell(to=model)
     for term, statement in ((first, "a = 1"), (second, "b = 2")):
@@ -83,6 +85,7 @@ def test_shells_that_end_in_the_same_moment_lose_nothing(kest_start, model, hist
 
 # What is in the file
 
+@pytest.mark.lua
 def test_the_file_keeps_the_newest_10000_lines(kest, model, history, lua_history):
     for path in (history, lua_history):
         path.write_text("".join(f"x{number}\n" for number in range(12000)))
@@ -91,6 +94,7 @@ def test_the_file_keeps_the_newest_10000_lines(kest, model, history, lua_history
     assert lua_history.read_text().splitlines() == [f"x{number}" for number in range(2001, 12000)] + ["y = 1"]
 
 
+@pytest.mark.lua
 def test_a_full_disk_loses_nothing_that_was_there(sandbox, model, history, private_tmp):
     history.write_text("precious\n")
     env = sandbox.environment({"K": f"{settings.KEST} -u {model.address}"})
@@ -126,6 +130,7 @@ def test_a_recording_is_its_owners_alone(kest, model, tmp_path, before):
     assert path.stat().st_mode & 0o777 == (0o600 if before is None else before & 0o700)
 
 
+@pytest.mark.lua
 def test_a_recording_that_passes_through_lua_mode_keeps_its_own_lines(kest, model, tmp_path, lua_history, history):
     lua_history.write_text("earlier()\nolder()\n")
     typed(kest, model, "cd", "record file", "pwd", "cd Device", "lua", "x = 1", " y = 2", "for i = 1, 2 do", "x = i", "end", "q",
@@ -135,6 +140,7 @@ def test_a_recording_that_passes_through_lua_mode_keeps_its_own_lines(kest, mode
     assert lua_history.read_text() == "earlier()\nolder()\nx = 1\n\001for i = 1, 2 do\\nx = i\\nend\n"
 
 
+@pytest.mark.lua
 def test_luarecord_holds_nothing_of_earlier_lua_modes(kest, model, tmp_path, lua_history):
     lua_history.write_text("earlier()\n")
     typed(kest, model, "lua", "x = 1", "q", "pwd", "luarecord file", "y = 2", "q", "q")
@@ -164,6 +170,7 @@ def hints(term):
     return line.endswith("cd Device.")
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("option, works", [("autocomplete", completes), ("hint", hints)])
 def test_an_option_holds_until_it_is_changed(shell, model, option, works):
     term = shell(to=model)
@@ -190,6 +197,7 @@ def test_an_option_of_the_configuration_file_holds(shell, model, tmp_path, optio
     assert works(term)
 
 
+@pytest.mark.lua
 def test_completion_that_is_off_is_off_in_lua_mode_too(shell, model):
     term = shell(to=model)
     for state, shown in (("off", "strix"), ("on", "stringx")):
@@ -293,6 +301,7 @@ def test_a_shell_without_a_terminal_keeps_its_history_too(kest_start, model, his
     assert history.read_text() == "pwd\n"
 
 
+@pytest.mark.lua
 def test_a_recording_that_a_signal_ends_in_lua_mode_is_kept(shell, model, tmp_path):
     term = shell(to=model)
     term.run("luarecord file")

@@ -200,6 +200,7 @@ def test_a_storm_while_the_place_moves(storm):
 
 
 @LASTING
+@pytest.mark.lua
 @pytest.mark.threads
 def test_a_storm_in_the_lua_console(storm):
     """Lua lines are dropped from a Ctrl-C on until the console is entered again."""
@@ -230,6 +231,7 @@ def test_a_storm_in_the_lua_console(storm):
 
 
 @LASTING
+@pytest.mark.lua
 @pytest.mark.threads
 def test_signals_at_random_moments_end_other_modes_or_come_too_late(device, kest_start, tmp_path):
     """One-shots and scripts have nothing to clean: SIGINT ends them. Whoever ends by itself says so, with all of its output."""

@@ -249,6 +249,7 @@ def test_a_configuration_that_everybody_may_write_is_refused_aloud(kest, fake, h
     assert fake.of("Login")
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("mode, said", [("-s", "/dev/zero: line 1 is too long.\n"), ("-S", "Cannot open script file /dev/zero\n")])
 def test_a_script_has_an_end(kest, fake, mode, said):
     run = kest(mode, "/dev/zero", to=fake)

@@ -83,6 +83,7 @@ def typing(kest_start, model, tmp_path):
     os.close(reader)
 
 
+@pytest.mark.lua
 def test_a_lost_link_writes_a_lua_recording(typing, model, tmp_path):
     run = typing("luarecord file", "x = 1", "x", seen="_[1] = 1\n")
     model.drop_all()
@@ -129,6 +130,7 @@ def test_a_recorded_line_means_the_same_when_a_shell_reads_the_file(kest, model,
 # luarecord
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("lines, recorded, printed", [
     (["x = 1", "x", "x + 1, 'a'"], "x = 1\ndm.show(x)\ndm.show(x + 1, 'a')\n", '1\n2\n"a"\n'),
     (["x = 2; -- two", "x -- what is it", "x ;"], "x = 2; -- two\ndm.show(x -- what is it\n)\ndm.show(x)\n", "2\n2\n"),
@@ -146,6 +148,7 @@ def test_a_lua_recording_is_a_script(kest, model, tmp_path, lines, recorded, pri
     assert (run.out, run.err, run.status) == (printed, "", 0)
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("lines, printed", [
     (["-- nothing", "1", "_[1] + 1", "-- nothing"], "1\n2\n"),
     (["y = 'all'", "local y = 'one'", "y", "local function y() end", "y"], '"all"\n"all"\n'),
@@ -165,6 +168,7 @@ def test_a_lua_recording_does_what_the_session_did(kest, model, tmp_path, lines,
     assert (run.out, run.err, run.status) == (printed, "", 0)
 
 
+@pytest.mark.lua
 def test_a_lua_recording_keeps_results_that_are_used(kest, model, tmp_path):
     lines = ["40", "x = 1", "tostring(true), nil", "error('no')", " 'unseen'", "print(_[1] + 2, _[2], _[3], _[5])", "_[1] + x"]
     shown = kest(to=model, stdin="\n".join(["luarecord file", *lines, "q", "q", ""]))
@@ -176,6 +180,7 @@ def test_a_lua_recording_keeps_results_that_are_used(kest, model, tmp_path):
 # A blank in a value, where quotes are no quotes
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("words, config", [
     (("-s", "file"), None), (("-c", "file", "-n", "x"), None), (("-c", "config", "-s", "file"), "login admin -p admin\n"),
 ])

@@ -121,6 +121,7 @@ def text_of(number, size):
 SIZES = (6, WIDTH - len(PROMPT), WIDTH - 1, WIDTH, WIDTH + 1, 2 * WIDTH)
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("writer", WRITERS)
 def test_one_writer_leaves_the_prompt_in_its_place(rows, writer):
     for number, size in enumerate(SIZES, 10):
@@ -128,6 +129,7 @@ def test_one_writer_leaves_the_prompt_in_its_place(rows, writer):
         rows.check()
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("first", WRITERS)
 def test_two_writers_after_each_other_leave_the_prompt_in_its_place(rows, first):
     number = 10
@@ -150,6 +152,7 @@ STATEMENTS = {
 }  # fmt: skip
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("first", STATEMENTS)
 def test_two_writers_of_one_statement_leave_the_prompt_in_its_place(rows, first):
     number = 10
@@ -173,6 +176,7 @@ def test_two_writers_of_one_statement_leave_the_prompt_in_its_place(rows, first)
         number += 2
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("writer", ["a command", "io.write", "io.stderr", "a child", "a line of a child"])
 def test_an_event_while_somebody_writes_wipes_nothing(rows, writer):
     """The event comes at whatever moment of the command: both are whole, and the prompt stands once."""
@@ -193,6 +197,7 @@ def test_an_event_while_somebody_writes_wipes_nothing(rows, writer):
         assert whole.count(PROMPT.rstrip()) == rows.prompts, term
 
 
+@pytest.mark.lua
 def test_events_at_once_leave_what_stands_before_the_prompt(rows):
     """Each has the line step aside, the next one perhaps before it has come back."""
     for number in range(10, 100, 10):
@@ -302,6 +307,7 @@ class Walk:
         return self.rows.shown().endswith(PROMPT) and all(text.encode() in term.raw for text in self.rows.written)
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("seed", range(8))
 def test_whatever_comes_while_somebody_types_all_of_it_stands_once(rows, seed):
     walk = Walk(rows, seed)

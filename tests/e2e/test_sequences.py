@@ -756,7 +756,13 @@ class Session:
         self.term.type(Key.CTRL_C)
         self.relay.release()
         self.term.quiet(0.02)
-        self.term.type(Key.CTRL_C)
+        # Those that fall into one wait are one; whoever sees the line still there presses it again.
+        for turn in range(200):
+            if turn % 50 == 0:
+                self.term.type(Key.CTRL_C)
+            self.term.read(0.01)
+            if self.term.at_prompt(self.prompt):
+                break
         self.term.wait_prompt(self.prompt)
 
     def spoil(self):

@@ -229,6 +229,7 @@ def test_a_recording_holds_the_expanded_line(lines, tmp_path):
 
 # Lua
 
+@pytest.mark.lua
 def test_what_follows_lua_is_one_word(lines):
     assert lines("lua print(1,  2)", "lua print(\"a # b\")") == (
         "print(1,  2) \n1\t2\nprint(\"a # b\") \na # b\n")

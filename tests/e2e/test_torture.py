@@ -18,6 +18,8 @@ def torture(*options):
     return done.returncode, done.stdout + done.stderr
 
 
+@pytest.mark.tls
+@pytest.mark.lua
 @pytest.mark.deadline(120)
 def test_a_call_that_fails_loses_nothing_and_is_not_silent():
     status, text = torture("--sample", "5", "--seed", settings.VERSION)
@@ -25,6 +27,7 @@ def test_a_call_that_fails_loses_nothing_and_is_not_silent():
     assert int(re.search(r"^(\d+) faults in", text, re.M)[1]) > 150
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("fault", ["read:EIO=25", "ioctl:EIO=4"])
 def test_a_terminal_that_fails_once_ends_the_session_and_keeps_its_modes(fault):
     """What was typed behind a read that failed in the Lua console is no command of the shell's."""

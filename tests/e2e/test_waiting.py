@@ -363,6 +363,7 @@ def test_a_reconnect_completes_no_path(kest, fake, tmp_path):
     assert asked == [["Device"]] * 4
 
 
+@pytest.mark.tls
 def test_a_silent_peer_does_not_go_unseen(kest_start):
     with socket.create_server(("127.0.0.1", 0)) as silent:
         address = f"tcp://127.0.0.1:{silent.getsockname()[1]}"

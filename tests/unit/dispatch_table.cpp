@@ -1,5 +1,6 @@
 #include "dispatch/table.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>

@@ -1,5 +1,6 @@
 #include "event/request.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <optional>

@@ -1,5 +1,6 @@
 #include "platform/ve_words.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>

@@ -5,6 +5,7 @@
 #include <lua.hpp>
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <optional>
 #include <string_view>

@@ -5,6 +5,7 @@
 #include "base/number.h"
 #include "base/utf8.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -43,6 +43,7 @@ class Relay:
         self.lines = []
         self.held = 0
         self._pass = None  # how many answers may still pass; None: all
+        self._releases = 0
         self._absent = False  # the daemon is between its end and its next beginning
         self._faults = []
         self._changed = threading.Condition()
@@ -60,6 +61,7 @@ class Relay:
         with self._changed:
             self._pass = None
             self.held = 0
+            self._releases += 1
             self._changed.notify_all()
 
     def wait_held(self, otherwise=lambda: False):
@@ -180,5 +182,7 @@ class Relay:
                 else:
                     self.held += 1
                     self._changed.notify_all()
-                    self._changed.wait_for(lambda: self._pass is None or not line.open)
+                    # What was released goes, though others may be held before this thread has seen it.
+                    before = self._releases
+                    self._changed.wait_for(lambda: self._releases != before or not line.open)
         line.near.sendall(data)

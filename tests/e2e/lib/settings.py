@@ -17,6 +17,17 @@ VELD = Path(os.environ.get("KEST_VELD", BUILD / "bin" / "veld")).resolve()
 MODELS = SOURCE / "models"
 VERSION = re.search(r"^project\(kest VERSION (\S+)", (SOURCE / "CMakeLists.txt").read_text(), re.M)[1]
 
+
+
+def _built_with(option):
+    """Whether the programs were built with this; what KEST_BUILD names may be without CMake's cache."""
+    cache = BUILD / "CMakeCache.txt"
+    return not cache.exists() or not re.search(rf"^{option}:BOOL=(OFF|0|NO|FALSE|N)$", cache.read_text(), re.M)
+
+
+LUA = _built_with("KEST_LUA")
+TLS = _built_with("KEST_TLS")
+
 PATIENCE = float(os.environ.get("KEST_PATIENCE", "1"))
 DEADLINE = 10.0 * PATIENCE  # seconds that one wait may take
 TEST_DEADLINE = 60.0 * PATIENCE  # seconds that one test may take
