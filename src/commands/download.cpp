@@ -7,6 +7,8 @@
 #include <memory>
 #include <string>
 #include <strings.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include "commands/device.h"
@@ -94,6 +96,15 @@ extern "C" void end_program(int signal)
 /// Asks whether a major change shall reset the configuration. Ctrl-C ends a one-shot run; in the shell it abandons.
 answer ask_reset()
 {
+    constexpr char question[] = "Reset config[(N)o/(y)es/(c)ancel] ";
+    // The editor asks on terminals only. Who types while the output goes elsewhere sees what stands behind a pipe.
+    if (isatty(STDIN_FILENO) != 0 && !ve_out_is_terminal()) {
+        struct stat output;
+        if (fstat(STDOUT_FILENO, &output) == 0 && S_ISFIFO(output.st_mode))
+            ve_printf("%s", question);
+        else
+            ve_out_write_error(question, strlen(question));
+    }
     struct sigaction before {
     };
     sigaction(SIGINT, nullptr, &before);
@@ -104,7 +115,7 @@ answer ask_reset()
         sigaction(SIGINT, &ending, nullptr);
     }
     const without_completion plain;
-    const typed_line line{ve_rl("Reset config[(N)o/(y)es/(c)ancel] ", -1)};
+    const typed_line line{ve_rl(question, -1)};
     const bool end_of_input = ve_rl_ctrld_is_pressed();
     if (before.sa_handler == SIG_DFL)
         sigaction(SIGINT, &before, nullptr);
@@ -292,7 +303,8 @@ int process_download(const char *name, command_args args)
     }
     if (strcmp(type, "Firmware") == 0)
         return upgrade_with(result, params.get());
-    if (transfer && json_text(result, "TransactionID") != nullptr)
+    const bool nameless = transfer && strcmp(type, "File") == 0 && args.size() == 2;
+    if (nameless && json_text(result, "TransactionID") != nullptr)
         name_file(file, result);
     return 0;
 }

@@ -28,7 +28,7 @@ void show(const std::string &text)
 class silence
 {
 public:
-    silence() { ve_rl_echo_off(STDIN_FILENO); }
+    explicit silence(const std::string &question) { ve_rl_echo_off(STDIN_FILENO, question.c_str()); }
     ~silence() { ve_rl_echo_on(STDIN_FILENO); }
     silence(const silence &) = delete;
     silence &operator=(const silence &) = delete;
@@ -98,10 +98,11 @@ void password_ask_on_error(bool hidden)
 
 bool password_read(const char *user, secret_text *password)
 {
-    show("[kest] password for " + (on_error ? ve_visible_error(user) : ve_visible(user)) + ": ");
+    const std::string question = "[kest] password for " + (on_error ? ve_visible_error(user) : ve_visible(user)) + ": ";
     bool read;
     {
-        const silence silent;
+        const silence silent(question); // whoever sees it may type at once
+        show(question);
         read = isatty(STDIN_FILENO) == 1 ? read_terminal(password) : read_plain(password);
     }
     show("\n");

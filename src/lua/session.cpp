@@ -9,6 +9,7 @@
 #include "lua/complete.h"
 #include "lua/printer.h"
 #include "lua/traceback.h"
+#include "platform/ve_colors.h"
 #include "platform/ve_lua.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
@@ -69,15 +70,66 @@ int call_protected(lua_State *L, int nargs, int nresults)
     return status;
 }
 
+int get_results(lua_State *L)
+{
+    lua_getglobal(L, results_name);
+    return 1;
+}
+
+int set_results(lua_State *L)
+{
+    lua_setglobal(L, results_name);
+    return 0;
+}
+
+/// Pushes the table of globals, for who goes on without its metamethods after the error on top, which he takes off.
+void push_bare_globals(lua_State *L)
+{
+    lua_pushglobaltable(L);
+    if (!lua_istable(L, -1)) { // code that knows the registry can take it away
+        lua_pop(L, 1);
+        lua_error(L);
+    }
+    lua_remove(L, -2);
+}
+
+/// Pushes what "_" stands for. Metamethods of the globals have a say in that, but those that refuse it are not heard.
+void push_underscore(lua_State *L)
+{
+    lua_pushcfunction(L, get_results);
+    if (lua_pcall(L, 0, 1, 0) == LUA_OK)
+        return;
+    push_bare_globals(L);
+    lua_pushstring(L, results_name);
+    lua_rawget(L, -2);
+    lua_remove(L, -2);
+}
+
+/// Makes "_" stand for the value on top, which is taken off.
+void pop_underscore(lua_State *L)
+{
+    lua_pushcfunction(L, set_results);
+    lua_pushvalue(L, -2);
+    if (lua_pcall(L, 1, 0, 0) != LUA_OK) {
+        push_bare_globals(L);
+        lua_pushstring(L, results_name);
+        lua_pushvalue(L, -3);
+        lua_rawset(L, -3);
+        lua_pop(L, 1);
+    }
+    lua_pop(L, 1);
+}
+
 int prepare(lua_State *L)
 {
     if (session.results == -1) {
         lua_newtable(L);
         session.results = luaL_ref(L, LUA_REGISTRYINDEX);
     }
-    if (lua_getglobal(L, results_name) == LUA_TNIL) {
+    push_underscore(L);
+    if (lua_isnil(L, -1)) {
         lua_rawgeti(L, LUA_REGISTRYINDEX, session.results);
-        lua_setglobal(L, results_name);
+        pop_underscore(L);
         session.owns_underscore = true;
     }
     return 0;
@@ -86,7 +138,7 @@ int prepare(lua_State *L)
 int cleanup(lua_State *L)
 {
     lua_pushnil(L);
-    lua_setglobal(L, results_name);
+    pop_underscore(L);
     return 0;
 }
 
@@ -100,7 +152,7 @@ int show_result(lua_State *L)
     lua_rawseti(L, 1, static_cast<lua_Integer>(session.results_count) + 1);
     ++session.results_count;
 
-    const bool colours = luap_colours && ve_out_is_terminal();
+    const bool colours = luap_colours && ve_out_is_terminal() && ve_colors_known();
     char label[64];
     const int label_size = snprintf(label, sizeof label, "%s%s[%u]%s = ", colours ? label_color : "", results_name,
                                     session.results_count, colours ? value_color : "");

@@ -9,6 +9,7 @@
 
 #include "base/visible.h"
 #include "lua/printer.h"
+#include "platform/ve_colors.h"
 #include "platform/ve_lua_frames.h"
 #include "platform/ve_wait.h"
 
@@ -85,7 +86,7 @@ void add_frame(const lua_Debug &frame, int level, const char *on, const char *of
 
 bool luap_error_colours()
 {
-    return luap_colours && isatty(STDERR_FILENO) == 1;
+    return luap_colours && isatty(STDERR_FILENO) == 1 && ve_colors_known();
 }
 
 std::string luap_error_visible(std::string_view text)

@@ -19,6 +19,8 @@ void ve_colors_set(int index);
 void ve_colors_set_hsv2(const hsv_color &color);
 void ve_colors_reset();
 
+/// Whether the terminal knows escape sequences: TERM names one, and no "dumb" one. Does not look at the output.
+bool ve_colors_known();
 /// The escape sequence that selects `color` on this terminal: 24-bit where the terminal says so (COLORTERM), else the
 /// nearest of 256 or 16 (TERM); empty on a terminal without colours. Does not look at the output.
 std::string ve_colors_sequence(const hsv_color &color);

@@ -29,7 +29,7 @@ public:
     std::string script(size_t first) const;
 
 private:
-    void parse(std::string_view content);
+    void parse(std::string content);
     void warn(const char *path, const char *reason);
 
     std::string texts_;          // all entries, each with its NUL

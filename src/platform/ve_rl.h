@@ -79,6 +79,7 @@ void ve_rl_draw_progressbar(int percent, const char *label);
 void ve_rl_draw_circle_progress(const char *text);
 
 /// Terminal echo on descriptor `fd`. Return 0, negative when it is no terminal. Echo comes back by itself when a signal
-/// ends the program or Ctrl-C leaves the command.
-int ve_rl_echo_off(int fd);
+/// ends the program or Ctrl-C leaves the command. `question` (borrowed until then) is what whoever types answers: it is
+/// written again when the program was stopped meanwhile.
+int ve_rl_echo_off(int fd, const char *question = "");
 int ve_rl_echo_on(int fd);

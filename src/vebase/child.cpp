@@ -1,7 +1,6 @@
 #include "platform/ve_child.h"
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 #include <csignal>
 #include <vector>
 
+#include "base/shell_child.h"
 #include "platform/ve_out.h"
 #include "platform/ve_rl.h"
 #include "platform/ve_wait.h"
@@ -17,44 +17,20 @@
 namespace
 {
 
-/// What the child starts with: the signals as they were before this program arranged them for itself.
-class child_attributes
-{
-public:
-    /// `quit` is the disposition of SIGQUIT to restore.
-    explicit child_attributes(const struct sigaction &quit)
-    {
-        posix_spawnattr_init(&attributes_);
-        sigset_t mask;
-        pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-        sigdelset(&mask, SIGINT);
-        posix_spawnattr_setsigmask(&attributes_, &mask);
-        sigset_t defaults;
-        sigemptyset(&defaults);
-        sigaddset(&defaults, SIGPIPE);
-        sigaddset(&defaults, SIGXFSZ);
-        if (quit.sa_handler != SIG_IGN)
-            sigaddset(&defaults, SIGQUIT);
-        posix_spawnattr_setsigdefault(&attributes_, &defaults);
-        posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    ~child_attributes() { posix_spawnattr_destroy(&attributes_); }
-    child_attributes(const child_attributes &) = delete;
-    child_attributes &operator=(const child_attributes &) = delete;
-
-    const posix_spawnattr_t *get() const { return &attributes_; }
-
-private:
-    posix_spawnattr_t attributes_;
-};
-
-/// Starts the system's shell. Returns 0 or an error number.
+/// Starts the system's shell with the signals as they were before this program arranged them for itself; `quit` is the
+/// disposition that SIGQUIT had. Returns 0 or an error number.
 int start(pid_t *child, const char *command, const struct sigaction &quit, const posix_spawn_file_actions_t *actions)
 {
-    char shell[] = "sh";
-    char option[] = "-c";
-    char *const words[] = {shell, option, const_cast<char *>(command), nullptr};
-    return posix_spawn(child, "/bin/sh", actions, child_attributes(quit).get(), words, environ);
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    sigdelset(&blocked, SIGINT);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);
+    sigaddset(&defaults, SIGXFSZ);
+    if (quit.sa_handler != SIG_IGN)
+        sigaddset(&defaults, SIGQUIT);
+    return shell_start(child, command, blocked, defaults, actions);
 }
 
 std::vector<pid_t> left; // children that nobody waits for, and that may run still

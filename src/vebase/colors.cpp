@@ -22,12 +22,12 @@ enum class depth { none, ansi16, indexed256, direct };
 /// What the terminal says of itself in the environment.
 depth terminal_depth()
 {
-    const char *colorterm = getenv("COLORTERM");
-    if (colorterm != nullptr && (strcmp(colorterm, "truecolor") == 0 || strcmp(colorterm, "24bit") == 0))
-        return depth::direct;
     const char *term = getenv("TERM");
     if (term == nullptr || term[0] == '\0' || strcmp(term, "dumb") == 0)
         return depth::none;
+    const char *colorterm = getenv("COLORTERM");
+    if (colorterm != nullptr && (strcmp(colorterm, "truecolor") == 0 || strcmp(colorterm, "24bit") == 0))
+        return depth::direct;
     if (strstr(term, "direct") != nullptr)
         return depth::direct;
     return strstr(term, "256") != nullptr ? depth::indexed256 : depth::ansi16;
@@ -93,6 +93,11 @@ int nearest_indexed(const rgb &color)
 
 } // namespace
 
+bool ve_colors_known()
+{
+    return terminal_depth() != depth::none;
+}
+
 std::string ve_colors_sequence(const hsv_color &color)
 {
     const rgb target = to_rgb(color);
@@ -118,7 +123,7 @@ std::string ve_colors_sequence(const hsv_color &color)
 void ve_colors_set(int index)
 {
     static constexpr const char *sequences[] = {"", "\033[31m", "\033[32m", "\033[36m"};
-    if (index > 0 && index < 4 && ve_out_is_terminal() && terminal_depth() != depth::none)
+    if (index > 0 && index < 4 && ve_out_is_terminal() && ve_colors_known())
         ve_out_write(sequences[index], strlen(sequences[index]));
 }
 
@@ -135,6 +140,6 @@ void ve_colors_set_hsv2(const hsv_color &color)
 
 void ve_colors_reset()
 {
-    if (ve_out_is_terminal() && terminal_depth() != depth::none)
+    if (ve_out_is_terminal() && ve_colors_known())
         ve_out_write("\033[0m", 4);
 }

@@ -1,5 +1,7 @@
 #include "platform/ve_fs.h"
 
+#include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -61,6 +63,11 @@ int ve_fs_mmap_file(const char *path, void **data, size_t *size)
     const fd_owner fd = open_regular(path, &status);
     if (fd.get() < 0)
         return -1;
+    // More than there are addresses is no smaller file.
+    if (static_cast<uintmax_t>(status.st_size) > PTRDIFF_MAX) {
+        errno = EFBIG;
+        return -1;
+    }
     *size = static_cast<size_t>(status.st_size);
     if (*size == 0) {
         *data = &empty_mapping;

@@ -405,6 +405,22 @@ def test_a_terminal_of_an_unknown_kind(terminal, fake, scheme, name):
     assert term.run("cat Device.A") == ["A = 1"]
 
 
+@pytest.mark.parametrize("name", ["dumb", "", None])
+def test_a_terminal_that_knows_no_escape_sequences_sees_none(terminal, fake, scheme, tmp_path, name):
+    (tmp_path / "image").write_text("firmware")
+    fake.on("Download", {"Status": 0})
+    term = terminal(to=fake, env={"TERM": name, "COLORTERM": "truecolor"})
+    assert term.run("cat Device.A") == ["A = 1"]
+    assert term.run("save") == ["[-32601] Method not found: Method not found"]
+    term.run("lua")
+    assert term.run("1+1") == ["_[1] = 2"]
+    assert any(row.endswith("in the main chunk") for row in term.run("error('no')"))
+    term.run("q")
+    fake.on("GetParameterValues", {"ParameterList": [{"Name": "Device.DeviceInfo.UpgradeStatus", "Value": -1}]})
+    assert any(row.startswith("Flashing: 100% [") for row in term.run("upgrade image"))
+    assert b"\x1b" not in term.raw
+
+
 # Words that are no text
 
 
@@ -597,6 +613,7 @@ def test_a_tree_of_millions_is_not_drawn(cramped, fake):
     assert run.out.endswith("\ntree: the tree would take too much memory.\n:\n"), run.report()
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("before", [True, False], ids=["before the answer", "of other groups"])
 def test_events_that_wait_cost_no_more_than_they_may(cramped, fake, before):
     """Of those that came before the answer the first ones stay; of those of other groups, the last."""
@@ -628,6 +645,7 @@ def test_a_text_that_is_escaped_costs_no_more_than_it_may(sandbox, fake, request
 
 # What reaches a terminal by the other stream
 
+@pytest.mark.lua
 @pytest.mark.parametrize("line", ["dm.set{['Device.A'] = 1}", "error('\\27[31mhostile')", "x = \x02 hostile"])
 def test_errors_on_a_terminal_are_escaped_though_the_output_goes_elsewhere(terminal, scheme, fake, line):
     fake.on("SetParameterValues", Error(9001, "\x1b[31mhostile"))
@@ -642,6 +660,7 @@ def test_errors_on_a_terminal_are_escaped_though_the_output_goes_elsewhere(termi
 HOSTILE = "Device.x\x1b[31mhostile\u202e"
 
 
+@pytest.mark.lua
 @pytest.mark.parametrize("hostile", ["\x1b[31mhostile", "\x9b31mhostile", "\u202ehostile", "\u2028hostile", "\x7fhostile"])
 def test_a_long_text_that_the_console_shows_is_escaped(shell, fake, hostile):
     lines = "a line of a text that is long enough\n" * 9

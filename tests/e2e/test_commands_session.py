@@ -10,6 +10,7 @@ from lib import settings
 from lib.commands import MODEL, asked, attributes, refuse_logins, typed, values
 from lib.fake import Close, Error, Slow
 from lib.program import Program
+from lib.terminal import Key
 
 UPTIME = values("Device.DeviceInfo.Uptime")
 ROOT = attributes(".")
@@ -149,10 +150,7 @@ def test_the_end_of_input_is_an_empty_password(kest, fake):
 
 def wait_for_the_question(term):
     term.wait_for("[kest] password for anna:")
-    moment = settings.deadline()
-    while term.echoes:  # goes off without any output
-        assert settings.remaining(moment) > 0, term
-        term.read(0.01)
+    assert not term.echoes  # whoever sees it may type
 
 
 def test_a_password_is_not_echoed_on_a_terminal(shell, model):
@@ -197,6 +195,55 @@ def test_ctrl_d_at_the_password_asks_nothing(shell, fake):
     term.type("\x04")
     assert term.run("pwd") == [":"]
     assert len(fake.of("Login")) == before and not fake.of("Logout")
+
+
+def test_who_comes_back_from_a_stop_is_asked_again(terminal, model):
+    model.on("Login", Error(9001, "no"), {})
+    # A shell that manages jobs, and brings this one back as soon as it was stopped.
+    job = f'set -m; "{settings.KEST}" -u "{model.address}"; echo stopped; fg >/dev/null; echo status $?'
+    term = terminal("-c", job, program="/bin/sh")
+    term.wait_prompt().type("login anna\r")
+    wait_for_the_question(term)
+    term.type("half" + Key.CTRL_Z)
+    term.wait_for(re.compile(r"stopped\n\[kest\] password for anna:$"))
+    assert not term.echoes
+    term.type("whole\r")
+    term.wait_prompt("anna@kest:> ").type("q\r")
+    term.wait_for("status 0")
+    assert model.params("Login")[-1] == {"User": "anna", "Password": "whole"}
+
+
+BACKGROUND = ('set -m; stty -icanon -echo -icrnl; "{kest}" -u "{address}" {words} & '
+              "until grep -q '^State:.T' /proc/$!/status; do sleep 0.05; done; stty icanon echo icrnl; fg >/dev/null; echo status $?")
+
+
+def in_background(terminal, to, words=""):
+    """Starts it in the background of a shell whose own line editor has the terminal, and brings it to the front then."""
+    job = BACKGROUND.format(kest=settings.KEST, address=to.address, words=words)
+    return terminal("-c", job, program="/bin/sh")
+
+
+def test_a_shell_that_comes_from_the_background_has_the_terminal_as_it_is_then(terminal, model):
+    model.on("Login", Error(9001, "no"), {})
+    term = in_background(terminal, model).wait_prompt()
+    assert term.run('sh "stty -a | grep -oe -icanon; echo end"') == ["end"]
+    term.type("login anna\r")
+    wait_for_the_question(term)
+    term.type("s3cret\r")
+    term.wait_prompt("anna@kest:> ")
+    term.type("q\r")
+    term.wait_for("status 0")
+    assert term.echoes
+
+
+def test_a_password_that_is_asked_for_from_the_background_is_read_in_front(terminal, model):
+    model.on("Login", {})
+    term = in_background(terminal, model, "-r login anna")
+    wait_for_the_question(term)
+    term.type("s3cret\r")
+    term.wait_for("status 0")
+    assert model.params("Login") == [{"User": "anna", "Password": "s3cret"}]
+    assert term.echoes
 
 
 def test_ctrl_c_at_the_password_of_a_request_restores_echo(terminal, fake):

@@ -41,6 +41,54 @@ def editor(terminal, tmp_path):
     return start
 
 
+@pytest.fixture
+def remembering(editor):
+    """remembering(line, ...): the demo program with these lines in its history."""
+
+    def start(*lines):
+        term = editor()
+        for line in lines:
+            term.run(line)
+        return term
+
+    return start
+
+
+@pytest.fixture
+def hinting(editor):
+    """The demo program behind three letters and a hint of the rest."""
+    term = editor(words=["alphabet"], DEMO_HINTS="1")
+    term.type("alp")
+    term.wait_for("> alphabet")
+    return term
+
+
+@pytest.fixture
+def two_rows(editor):
+    """The demo program with a line on two rows."""
+    term = editor(columns=20)
+    term.type("a line that takes more than one row")
+    term.wait_for(shows("> a line that takes", "more than one row"))
+    return term
+
+
+@pytest.fixture
+def held_up(editor, tmp_path):
+    """held_up(typed, moment): the demo program where what it does with these keys waits, at one moment of several."""
+
+    def start(typed, moment):
+        if b"san_init" in Path(DEMO).read_bytes():
+            pytest.skip("a sanitizer wants to come first")
+        waits = tmp_path / "waits"
+        term = editor(LD_PRELOAD=str(DEMO.with_name("troubled.so")), TROUBLE_TYPED=f"{moment}:{waits}")
+        term.type(typed)
+        while not waits.exists():
+            term.quiet(0.02)
+        return term
+
+    return start
+
+
 def shows(*rows):
     """The screen's rows are these."""
     return lambda term: term.lines == [row.rstrip() for row in rows]
@@ -162,10 +210,8 @@ def test_a_prompt_wider_than_the_screen_wraps(editor):
 # History
 
 
-def test_history_keys_walk_and_keep_the_line(editor):
-    term = editor()
-    for line in ("one", "two "):
-        term.run(line)
+def test_history_keys_walk_and_keep_the_line(remembering):
+    term = remembering("one", "two ")
     term.type("half" + Key.UP)
     term.wait_for(lambda term: cursor_line(term) == "> two" and term.cursor[1] == 6)
     term.type(Key.UP + Key.UP + Key.UP)
@@ -174,10 +220,8 @@ def test_history_keys_walk_and_keep_the_line(editor):
     term.wait_for(lambda term: cursor_line(term) == "> half")
 
 
-def test_the_last_words_of_the_history_are_inserted(editor):
-    term = editor()
-    for line in ('ls "my file"', "cd other"):
-        term.run(line)
+def test_the_last_words_of_the_history_are_inserted(remembering):
+    term = remembering('ls "my file"', "cd other")
     term.type("x \x1b.")
     term.wait_for(lambda term: cursor_line(term) == "> x other")
     term.type("\x1b.")
@@ -211,10 +255,8 @@ def test_a_multi_line_entry_is_shown_and_edited_on_its_rows(editor, tmp_path):
     assert history.read_bytes().endswith(b"end\n\x01for i=1,2 do\\nprint(i)\\nendX\n")
 
 
-def test_reverse_search_finds_goes_on_and_gives_up(editor):
-    term = editor()
-    for line in ("first match", "other", "second match"):
-        term.run(line)
+def test_reverse_search_finds_goes_on_and_gives_up(remembering):
+    term = remembering("first match", "other", "second match")
     term.type(Key.CTRL_R + "match")
     term.wait_for(re.compile("> second match\nbck:match$"))
     term.type(Key.CTRL_R)
@@ -229,9 +271,8 @@ def test_reverse_search_finds_goes_on_and_gives_up(editor):
     term.wait_prompt(PROMPT)
 
 
-def test_a_search_is_ended_by_escape_and_by_arrows(editor):
-    term = editor()
-    term.run("alpha")
+def test_a_search_is_ended_by_escape_and_by_arrows(remembering):
+    term = remembering("alpha")
     term.type(Key.CTRL_R + "lph")
     term.wait_for("bck:lph")
     term.type(Key.ESCAPE)
@@ -242,10 +283,8 @@ def test_a_search_is_ended_by_escape_and_by_arrows(editor):
     term.wait_for(lambda term: cursor_line(term) == "> Xalpha")
 
 
-def test_a_search_takes_characters_of_any_script(editor):
-    term = editor()
-    for line in ("Привет Москва", "一上本語字", "other"):
-        term.run(line)
+def test_a_search_takes_characters_of_any_script(remembering):
+    term = remembering("Привет Москва", "一上本語字", "other")
     for part, wanted in (("ПРИ", None), ("Моск", "> Привет Москва"), ("上本語", "> 一上本語字"), ("一", "> 一上本語字")):
         term.type(Key.CTRL_R + part)
         if wanted:
@@ -430,10 +469,8 @@ def test_echo_comes_back_when_a_signal_ends_the_program(editor, tmp_path, number
     modes_kept(term, tmp_path)
 
 
-def test_an_idle_editor_does_nothing(editor):
-    term = editor(words=["alphabet"], DEMO_HINTS="1")
-    term.type("alp")
-    term.wait_for("> alphabet")
+def test_an_idle_editor_does_nothing(hinting):
+    term = hinting
     term.quiet(0.5)
 
     def switches():
@@ -497,14 +534,8 @@ def test_ctrl_c_in_one_packet_with_enter_drops_all_before_it(editor, typed, kept
 
 
 @pytest.mark.parametrize("moment", [1, 2, 3, 4])
-def test_a_ctrl_c_while_it_becomes_a_signal_stops_the_line(editor, tmp_path, moment):
-    if b"san_init" in Path(DEMO).read_bytes():
-        pytest.skip("a sanitizer wants to come first")
-    waits = tmp_path / "waits"
-    term = editor(LD_PRELOAD=str(DEMO.with_name("troubled.so")), TROUBLE_TYPED=f"{moment}:{waits}")
-    term.type("sleep 1000000" + Key.ENTER)
-    while not waits.exists():
-        term.quiet(0.02)
+def test_a_ctrl_c_while_it_becomes_a_signal_stops_the_line(held_up, moment):
+    term = held_up("sleep 1000000" + Key.ENTER, moment)
     term.type(Key.CTRL_C)
     # First it takes the line back; later it is for what the line starts.
     if moment == 1:
@@ -513,14 +544,8 @@ def test_a_ctrl_c_while_it_becomes_a_signal_stops_the_line(editor, tmp_path, mom
         assert term.wait_exit() == -signal.SIGINT
 
 
-def test_a_signal_that_comes_while_the_editor_stops_is_not_lost(editor, tmp_path):
-    if b"san_init" in Path(DEMO).read_bytes():
-        pytest.skip("a sanitizer wants to come first")
-    waits = tmp_path / "waits"
-    term = editor(LD_PRELOAD=str(DEMO.with_name("troubled.so")), TROUBLE_TYPED=f"1:{waits}")
-    term.type("half" + Key.CTRL_Z)
-    while not waits.exists():
-        term.quiet(0.02)
+def test_a_signal_that_comes_while_the_editor_stops_is_not_lost(held_up):
+    term = held_up("half" + Key.CTRL_Z, 1)
     term.signal(signal.SIGTERM)
     assert term.wait_exit() == -signal.SIGTERM
 
@@ -653,19 +678,15 @@ def test_a_long_message_without_line_end_stays_whole(editor):
     term.wait_for(lambda term: term.lines[-3:] == ["m" * 10, "m" * 10, "> x"])
 
 
-def test_an_event_steps_over_the_half_typed_line(editor):
-    term = editor(columns=20)
-    term.type("a line that takes more than one row")
-    term.wait_for(shows("> a line that takes", "more than one row"))
+def test_an_event_steps_over_the_half_typed_line(two_rows):
+    term = two_rows
     term.order("event 1")
     term.wait_for(shows("", "EVENT 1", "> a line that takes", "more than one row"))
 
 
 @pytest.mark.parametrize("then", ["x", Key.ENTER, "event"])
-def test_who_does_not_wait_for_the_line_to_step_aside_is_not_wiped_out(editor, then):
-    term = editor(columns=20)
-    term.type("a line that takes more than one row")
-    term.wait_for(shows("> a line that takes", "more than one row"))
+def test_who_does_not_wait_for_the_line_to_step_aside_is_not_wiped_out(two_rows, then):
+    term = two_rows
     term.order("shout OI")
     term.wait_for("rowOI")
     above = ["> a line that takes", "more than one rowOI"]
@@ -691,9 +712,8 @@ def test_a_flood_of_events_leaves_one_prompt(editor):
     assert rows == [f"EVENT {n}" for n in range(300)] + ["> half"]
 
 
-def test_an_event_in_the_middle_of_a_search(editor):
-    term = editor()
-    term.run("alpha")
+def test_an_event_in_the_middle_of_a_search(remembering):
+    term = remembering("alpha")
     term.type(Key.CTRL_R + "lp")
     term.wait_for("bck:lp")
     term.order("event 7")
@@ -702,10 +722,8 @@ def test_an_event_in_the_middle_of_a_search(editor):
     term.wait_prompt(PROMPT)
 
 
-def test_an_event_while_a_hint_is_shown(editor):
-    term = editor(words=["alphabet"], DEMO_HINTS="1")
-    term.type("alp")
-    term.wait_for("> alphabet")
+def test_an_event_while_a_hint_is_shown(hinting):
+    term = hinting
     term.order("event 7")
     term.wait_for(shows("", "EVENT 7", "> alphabet"))
     assert term.cursor == (2, 5)
@@ -790,12 +808,17 @@ def test_a_candidate_is_inserted_so_that_it_is_read_back(editor, word, typed, li
     term.wait_for(lambda term: cursor_line(term) == wanted)
 
 
+def ask_for_all(term, count):
+    """Two tabs behind a letter that all of so many words have."""
+    term.type("w\t")
+    term.quiet(0.1).type("\t")
+    term.wait_for(f"Display all {count} possibilities? (y or n)")
+
+
 def test_a_list_longer_than_the_screen_asks_first(editor):
     words = [f"w{n:05}" for n in range(1000)]
     term = editor(words=words, columns=40, rows=10)
-    term.type("w\t")
-    term.quiet(0.1).type("\t")
-    term.wait_for("Display all 1000 possibilities? (y or n)")
+    ask_for_all(term, 1000)
     term.order("event 3")
     term.wait_for(re.compile("EVENT 3\n> w00\nDisplay all 1000"))
     term.type(Key.LEFT + "x" + Key.UP)  # no answers
@@ -815,9 +838,7 @@ def test_a_list_longer_than_the_screen_asks_first(editor):
 def test_a_list_fits_the_screen_as_it_is_when_the_question_is_answered(editor):
     words = [f"w{n:05}" for n in range(60)]
     term = editor(words=words, columns=60, rows=6)
-    term.type("w\t")
-    term.quiet(0.1).type("\t")
-    term.wait_for("Display all 60 possibilities? (y or n)")
+    ask_for_all(term, 60)
     term.resize(20, 6)
     term.wait_for(re.compile("^Display all 60 possi$", re.M))
     term.type("y")
@@ -829,9 +850,7 @@ def test_a_list_fits_the_screen_as_it_is_when_the_question_is_answered(editor):
 
 def test_ctrl_c_at_the_question_keeps_the_line(editor):
     term = editor(words=[f"w{n:05}" for n in range(1000)], rows=10)
-    term.type("w\t")
-    term.quiet(0.1).type("\t")
-    term.wait_for("Display all")
+    ask_for_all(term, 1000)
     term.type(Key.CTRL_C)
     term.wait_for(lambda term: cursor_line(term) == "> w00")
 
@@ -886,20 +905,16 @@ def test_a_hint_is_accepted_as_tab_would(editor, key):
     assert b"\a" not in term.raw
 
 
-def test_a_hint_goes_when_the_cursor_does(editor):
-    term = editor(words=["alphabet"], DEMO_HINTS="1")
-    term.type("alp")
-    term.wait_for("> alphabet")
+def test_a_hint_goes_when_the_cursor_does(hinting):
+    term = hinting
     term.type(Key.LEFT)
     term.wait_for(lambda term: cursor_line(term) == "> alp")
     term.type(Key.RIGHT)
     term.wait_for(lambda term: term.cursor == (0, 5))
 
 
-def test_typing_what_the_hint_says_keeps_the_rest_of_it(editor):
-    term = editor(words=["alphabet"], DEMO_HINTS="1")
-    term.type("alp")
-    term.wait_for("> alphabet")
+def test_typing_what_the_hint_says_keeps_the_rest_of_it(hinting):
+    term = hinting
     before = len(term.raw)
     term.type("h")
     term.wait_for(lambda term: term.cursor == (0, 6))

@@ -12,6 +12,8 @@ from lib import settings
 from lib.fake import Silence
 from lib.terminal import Key
 
+pytestmark = pytest.mark.lua
+
 BANNER_END = "Enter 'help' or '?' for help, 'q' for exit.\n"
 
 
@@ -139,8 +141,23 @@ def test_metamethods_that_raise_end_neither_statement_nor_program(veld, kest):
         "do setmetatable({}, {__gc = function() error('no gc', 0) end}) end collectgarbage()\n"
         "setmetatable({}, {__gc = function() error('at the end') end}) and 7",
     )
-    assert "no global _\n" in run.err and "no eq\n" in run.err and "no index\n" in run.err and "no gc" in run.err
+    assert "no global" not in run.err and "no eq\n" in run.err and "no index\n" in run.err and "no gc" in run.err
     assert run.shown == "_[1] = 2\n_[2] = 1\n_[3] = 2\n_[4] = 7\n"
+
+
+def test_globals_that_refuse_what_is_not_declared_know_the_results(veld, kest):
+    strict = (
+        "setmetatable(_G, {__index = function(_, k) error('no ' .. k, 2) end, __newindex = function(_, k) error('not ' .. k, 2) end})"
+    )
+    run = lua_mode(kest, veld, f"{strict} return 1\n_[1] + 1\nx = 1\ny\n_[2] + 1\n_ = nil\nrawget(_G, '_')[3]")
+    assert run.shown == "_[1] = 1\n_[2] = 2\n_[3] = 3\n_[4] = 3\n"
+    assert re.findall(r'\[string "stdin"\]:1: (.*)', run.err.split("Stack trace")[0]) == ["not x"] and "no y" in run.err
+    assert run.err.count("Stack trace") == 2
+
+
+def test_underscore_is_what_the_metamethods_of_the_globals_say(veld, kest):
+    run = lua_mode(kest, veld, "t = setmetatable(_G, {__index = {_ = 'own'}})\n1\n_\nrawget(_G, '_')")
+    assert run.shown == "_[1] = 1\n_[2] = \"own\"\n_[3] = nil\n" and run.err == ""
 
 
 def test_results_without_their_table_are_an_error(veld, kest):

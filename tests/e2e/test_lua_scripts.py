@@ -14,6 +14,8 @@ from lib import settings
 from lib.fake import Close, Error, Raw, Several
 from lib.program import Program, cpu_seconds
 
+pytestmark = pytest.mark.lua
+
 PAGE = settings.SOURCE / "docs" / "lua.md"
 
 
@@ -416,6 +418,74 @@ def test_a_child_that_reads_no_more_is_told_of(veld, kest, tmp_path, ignored):
         "local f = io.popen('exec <&-; echo closed >fifo', 'w') io.open('fifo'):read()\n"
         "f:setvbuf('no') print(f:write('text'))")
     assert kest("-S", "s.lua", to=veld, ignored=ignored).out == f"nil\tBroken pipe\t{errno.EPIPE}\n"
+
+
+@pytest.fixture
+def left_pipe(script, tmp_path):
+    """Runs code in which `f` is a pipe that was written to, and whose reader has left."""
+
+    def run(code, opened="io.open('fifo', 'w')"):
+        os.mkfifo(tmp_path / "fifo")
+        # The reader takes what comes first and goes.
+        return script(f"""
+            local reader = io.popen("read x <fifo; echo $x")
+            local f = {opened}
+            f:write("first\\n") f:flush() print(reader:read()) reader:close()
+            {code}
+            print("on")
+        """)
+
+    return run
+
+
+GONE = f"nil\tBroken pipe\t{errno.EPIPE}\n"
+
+
+@pytest.mark.parametrize("opened", ["io.open('fifo', 'w')", "io.open('fifo', 'ab')", "io.output('fifo')"])
+def test_a_named_pipe_that_nobody_reads_any_more_is_told_of(left_pipe, opened):
+    ended = left_pipe("f:write('text') print(f:flush()) f:write('text') print(f:close())", opened)
+    assert ended.out == f"first\n{GONE}{GONE}on\n" and ended.status == 0
+
+
+@pytest.mark.parametrize("write", ["f:setvbuf('no') print(f:write('text'))", "print(f:write(('x'):rep(1 << 20)))"])
+def test_what_a_pipe_that_was_left_takes_at_once_fails_at_once(left_pipe, write):
+    ended = left_pipe(write)
+    assert ended.out == f"first\n{GONE}on\n" and ended.status == 0
+
+
+@pytest.mark.parametrize("code", ["f:write('text') f = nil collectgarbage()", "f:write('text')", "f:write('text') os.exit(3)"])
+def test_what_is_left_for_a_pipe_that_was_left_ends_nothing(left_pipe, code):
+    ended = left_pipe(code)
+    assert (ended.out, ended.status) == (("first\n", 3) if "exit" in code else ("first\non\n", 0))
+
+
+def test_a_child_of_a_script_that_writes_to_pipes_knows_the_signal(left_pipe):
+    out = left_pipe("f:write('text') print(f:flush()) os.execute('grep -h Sig[IB] /proc/self/status')").out
+    signals = [int(row.split()[1], 16) >> (signal.SIGPIPE - 1) & 1 for row in out.splitlines() if row.startswith("Sig")]
+    assert signals == [0, 0]
+
+
+def test_files_open_and_fail_as_they_do_elsewhere(script, tmp_path):
+    ended = script("""
+        print(io.open("nowhere/x", "w"))
+        for _, bad in ipairs{{"f", "x"}, {"f", "rr"}, {{}}} do print(pcall(io.open, table.unpack(bad))) end
+        print(pcall(io.output, {}))
+        local ok, why = pcall(function() io.output("nowhere/x") end) print(why)
+        local f = io.open("f", "w+b") print(io.output(f) == f, f:write("ab"):seek("set"), f:read("a"), f:close())
+        print(pcall(io.output, f))
+        io.output("f") io.write("text") io.close() print(io.open("f"):read("a"))
+    """)
+    assert ended.out == (
+        f"nil\tnowhere/x: No such file or directory\t{errno.ENOENT}\n"
+        "false\tbad argument #2 to 'io.open' (invalid mode)\n"
+        "false\tbad argument #2 to 'io.open' (invalid mode)\n"
+        "false\tbad argument #1 to 'io.open' (string expected, got table)\n"
+        "false\tbad argument #1 to 'io.output' (FILE* expected, got table)\n"
+        f"{ended.path}:5: cannot open file 'nowhere/x' (No such file or directory)\n"
+        "true\t0\tab\ttrue\n"
+        "false\tattempt to use a closed file\n"
+        "text\n"
+    )
 
 
 def test_an_error_output_that_takes_nothing_holds_nothing_up(veld, sandbox):

@@ -257,6 +257,21 @@ def test_a_file_that_vanishes_while_it_is_served_arrives_all_the_same(remote, ke
     assert got == [b"still there"]
 
 
+@pytest.mark.parametrize("words, named", [(("file", "f.bin"), 1), (("file", "f.bin", "target"), 0), (("config", "f.bin"), 0)])
+def test_only_a_file_that_has_no_name_yet_is_given_one(remote, kest, tmp_path, words, named):
+    (tmp_path / "f.bin").write_bytes(b"content")
+
+    def download(request):
+        if "URL" in request.params:
+            fetch(request.params["URL"])
+        return {"Status": 0, "TransactionID": "t-1"}
+
+    remote.on("Download", download)
+    assert kest("-r", "download", *words, to=remote).status == 0
+    name = {"FileType": "File", "TargetFileName": "f.bin", "TransactionID": "t-1"}
+    assert remote.params("Download")[1:] == [name] * named
+
+
 def test_an_ipv6_link_has_no_local_address(fake_start, kest, image):
     try:
         daemon = fake_start("tcp://[::1]:0")
@@ -572,6 +587,17 @@ def test_ctrl_c_in_the_shell_abandons_the_question(flashing, shell, image):
     term.wait_prompt()
     assert len(flashing.of("Download")) == 1
     assert term.run("pwd") == [":"]
+
+
+@pytest.mark.parametrize("elsewhere, shown", [("| cat", "Major upgrade...\n"), ("> log", "")])
+def test_who_types_is_asked_wherever_the_output_goes(flashing, terminal, image, elsewhere, shown):
+    flashing.on("Download", offer("1.2.3", "2.0.0"), {"Status": 0})
+    command = f"'{settings.KEST}' -u '{flashing.address}' -r upgrade {image.name} {elsewhere}"
+    term = terminal("-c", command, program="/bin/sh")
+    term.wait_for(lambda t: t.text == shown + "Reset config[(N)o/(y)es/(c)ancel]")
+    term.type("c\r")
+    assert term.wait_exit() == 0
+    assert flashing.params("Download")[1:] == [{"FileType": "Firmware", "TransactionID": "t-1"}]
 
 
 def test_ctrl_c_leaves_the_digest_of_a_large_file(fake, shell, tmp_path):

@@ -79,6 +79,19 @@ TEST_F(FileTest, MappingsOfEmptyFilesAreNoFailure)
     EXPECT_LT(ve_fs_mmap_file(directory, &data, &size), 0);
 }
 
+TEST_F(FileTest, AFileIsMappedWholeOrNotAtAll)
+{
+    const std::string path = file("sparse", "");
+    constexpr off_t beyond_a_word = (off_t{1} << 32) + 3;
+    ASSERT_EQ(truncate(path.c_str(), beyond_a_word), 0);
+    void *data = nullptr;
+    size_t size = 0;
+    if (ve_fs_mmap_file(path.c_str(), &data, &size) != 0)
+        return; // where it has more bytes than there are addresses
+    EXPECT_EQ(size, static_cast<uint64_t>(beyond_a_word));
+    ve_fs_munmap_file(data, size);
+}
+
 TEST_F(FileTest, TouchCreatesAndKeeps)
 {
     EXPECT_EQ(ve_fs_touch(path("new").c_str()), 0);

@@ -18,6 +18,8 @@
 
 #include <gtest/gtest.h>
 
+#include "vebase/editor/history_files.h"
+
 namespace
 {
 
@@ -255,6 +257,39 @@ TEST_F(history, the_file_keeps_the_newest_10000)
         lines.add("new");
     EXPECT_EQ(lines.save(), 0);
     EXPECT_EQ(get("h").size(), 10000 * strlen("new\n"));
+}
+
+TEST_F(history, reads_every_kind_of_line_beside_each_other)
+{
+    using namespace std::string_literals;
+    put("h", "\n\none\n\001two\\nlines\\\\\n\n\0\nthr\0ee\n\001\0\n \nlast"s);
+    ve_history list;
+    EXPECT_EQ(load(list, "h"), 0);
+    EXPECT_EQ(entries(list), (texts{"one", "two\nlines\\", "", "three", "", " ", "last"}));
+    list.add("new");
+    EXPECT_EQ(list.save(), 0);
+    EXPECT_EQ(get("h"), "one\n\001two\\nlines\\\\\n\nthree\n\n \nlast\nnew\n");
+    EXPECT_EQ(list.entry(6), "last");
+}
+
+TEST(history_newest, counts_entries_from_the_end)
+{
+    const struct {
+        const char *content;
+        size_t count;
+        const char *newest;
+    } cases[] = {{"", 3, ""},
+                 {"a", 3, "a"},
+                 {"a\nb", 1, "b"},
+                 {"a\nb\n", 1, "b\n"},
+                 {"\n\na\nb", 2, "a\nb"},
+                 {"a\n\n\nb\n\n", 1, "b\n\n"},
+                 {"a\nb\nc\n", 2, "b\nc\n"},
+                 {"\n", 2, "\n"},
+                 {"a\nb\n", 0, ""},
+                 {"a\n\n\nb\n\n", 2, "a\n\n\nb\n\n"}};
+    for (const auto &one : cases)
+        EXPECT_EQ(history_newest(one.content, one.count), one.newest) << one.content << one.count;
 }
 
 TEST_F(history, leaves_what_is_no_plain_file_alone)

@@ -557,7 +557,10 @@ TEST_F(VeLua, RepeatsTextsAsLuaDoes)
     EXPECT_EQ(run("local s = ('abc'):rep(1000003, 'de') print(#s, s:sub(-5), s:sub(1, 6), s:sub(2500001, 2500005) == "
                   "('abcde'):rep(2):sub(1, 5))"),
               "5000013\tdeabc\tabcdea\ttrue\n");
-    EXPECT_EQ(run("('xx'):rep(math.maxinteger)"), "ERROR [string \"stdin\"]:1: resulting string too large");
+    for (const char *count : {"math.maxinteger", "1 << 62", "1 << 63 >> 1"})
+        EXPECT_EQ(run(std::string("('xx'):rep(") + count + ")"),
+                  "ERROR [string \"stdin\"]:1: resulting string too large");
+    EXPECT_EQ(run("print(#(''):rep(1 << 32), #(''):rep((1 << 32) + 5))"), "0\t0\n");
     EXPECT_EQ(run("string.rep()"),
               "ERROR [string \"stdin\"]:1: bad argument #1 to 'rep' (string expected, got no value)");
 }

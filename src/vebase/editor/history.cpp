@@ -28,18 +28,33 @@ std::string ve_history::script(size_t first) const
     return text;
 }
 
-void ve_history::parse(std::string_view content)
+void ve_history::parse(std::string content)
 {
-    texts_.reserve(content.size() + 1);
+    content.push_back('\n');
+    texts_ = std::move(content);
+    // In place: no entry is longer than its line.
+    char *const texts = texts_.data();
     std::string entry;
-    for (size_t at = 0; at < content.size();) {
-        const size_t end = std::min(content.find('\n', at), content.size());
-        if (end > at) {
-            history_decode(content.substr(at, end - at), entry);
-            add(entry);
+    size_t filled = 0;
+    for (size_t at = 0; at < texts_.size();) {
+        const size_t size = texts_.find('\n', at) - at;
+        const std::string_view line(texts + at, size);
+        at += size + 1;
+        if (line.empty())
+            continue;
+        starts_.push_back(filled);
+        if (history_is_plain(line)) {
+            memmove(texts + filled, line.data(), size);
+            filled += size;
+        } else {
+            history_decode(line, entry);
+            std::erase(entry, '\0');
+            memcpy(texts + filled, entry.data(), entry.size());
+            filled += entry.size();
         }
-        at = end + 1;
+        texts[filled++] = '\0';
     }
+    texts_.resize(filled);
 }
 
 void ve_history::warn(const char *path, const char *reason)
@@ -60,7 +75,7 @@ int ve_history::load(const char *path)
     now.warned_ = warned_;
     if (usable) {
         now.path_ = path;
-        now.parse(content);
+        now.parse(std::move(content));
     }
     now.saved_ = now.size();
     for (size_t i = saved_; i < size(); ++i)
@@ -83,7 +98,7 @@ int ve_history::save()
         return -1;
     }
     ve_history now;
-    now.parse(content);
+    now.parse(history_newest(content, ve_history_file_max));
     // Where there is no history any more, the one that was there at the load comes back.
     for (size_t i = now.size() == 0 ? 0 : saved_; i < size(); ++i)
         now.add(entry(i));

@@ -113,6 +113,8 @@ bool history_read(const char *path, std::string &content, const char **reason)
         *reason = errno == ELOOP ? "a symbolic link" : strerror(errno);
     else
         *reason = refusal(info);
+    if (*reason == nullptr)
+        content.reserve(static_cast<size_t>(info.st_size) + 1);
     if (*reason == nullptr && !read_all(file.get(), static_cast<size_t>(info.st_size), &content))
         *reason = strerror(errno);
     return *reason == nullptr;
@@ -167,6 +169,24 @@ void history_encode(std::string_view entry, std::string &out)
         }
     }
     out.push_back('\n');
+}
+
+bool history_is_plain(std::string_view line)
+{
+    return (line.empty() || line.front() != mark) && line.find('\0') == std::string_view::npos;
+}
+
+std::string history_newest(const std::string &content, size_t count)
+{
+    size_t begin = content.size();
+    for (size_t lines = 0; begin > 0 && lines < count;) {
+        const size_t end = begin - 1; // of a line, whose feed may be missing behind the last one
+        const size_t feed = end > 0 ? content.rfind('\n', end - 1) : std::string::npos;
+        const size_t start = feed == std::string::npos ? 0 : feed + 1;
+        lines += end > start || content[end] != '\n' ? 1 : 0;
+        begin = start;
+    }
+    return content.substr(begin);
 }
 
 void history_decode(std::string_view line, std::string &out)

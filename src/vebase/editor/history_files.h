@@ -37,3 +37,7 @@ private:
 void history_encode(std::string_view entry, std::string &out);
 /// The entry that a line (without its line feed) holds, into `out`.
 void history_decode(std::string_view line, std::string &out);
+/// Whether such a line is its entry as it stands, without a NUL in it.
+bool history_is_plain(std::string_view line);
+/// The last `count` entries of a file's content, as they stand in it; all where there are fewer.
+std::string history_newest(const std::string &content, size_t count);

@@ -5,14 +5,17 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <termios.h>
 #include <unistd.h>
 #include <vector>
 
+#include "platform/ve_colors.h"
 #include "platform/ve_out.h"
 #include "platform/ve_wait.h"
 #include "vebase/editor/rl_columns.h"
+#include "vebase/editor/rl_modes.h"
 #include "vebase/editor/rl_screen.h"
 #include "vebase/editor/rl_text.h"
 
@@ -86,7 +89,8 @@ void ve_rl_draw_progressbar(int percent, const char *label)
     percent = std::clamp(percent, 0, 100);
     if (ve_out_is_terminal()) {
         rl_set_locale();
-        ve_printf("\r%s\033[K", bar_text(percent, label, rl_terminal_size().columns).c_str());
+        const std::string bar = bar_text(percent, label, rl_terminal_size().columns);
+        ve_printf("\r%s%s", bar.c_str(), ve_colors_known() ? "\033[K" : "");
         ve_out_flush();
         return;
     }
@@ -123,6 +127,7 @@ namespace
 
 // A terminal whose echo is off, for the signal handlers that bring it back.
 volatile sig_atomic_t silent_fd = -1;
+const char *silent_question = ""; // set before the handlers are
 termios loud;
 constexpr int ending_signals[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP};
 struct sigaction before_silence[std::size(ending_signals)];
@@ -131,7 +136,7 @@ void set_silent(int fd)
 {
     termios silent = loud;
     silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    tcsetattr(fd, TCSADRAIN, &silent);
+    tcsetattr(fd, TCSANOW, &silent);
 }
 
 void restore_and_raise(int signal)
@@ -150,21 +155,26 @@ void restore_and_raise(int signal)
     // Only a stopped program comes back.
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     sigaction(signal, &own, nullptr);
-    if (ve_wait_ended())
+    if (ve_wait_ended()) {
         silent_fd = -1; // it was only woken to end: the terminal is loud, and somebody else's
-    else
-        set_silent(silent_fd);
+        return;
+    }
+    set_silent(silent_fd);
+    // What was typed before is gone; the question stands far above.
+    [[maybe_unused]] const ssize_t ignored = write(silent_fd, silent_question, strlen(silent_question));
 }
 
 } // namespace
 
-int ve_rl_echo_off(int fd)
+int ve_rl_echo_off(int fd, const char *question)
 {
     if (silent_fd >= 0)
         ve_rl_echo_on(silent_fd);
+    rl_await_terminal(fd);
     if (tcgetattr(fd, &loud) < 0)
         return -1;
     silent_fd = fd;
+    silent_question = question;
     struct sigaction action = {};
     action.sa_handler = restore_and_raise;
     action.sa_flags = SA_RESTART;

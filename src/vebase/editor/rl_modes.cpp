@@ -37,10 +37,19 @@ void restore()
 
 } // namespace
 
+void rl_await_terminal(int fd)
+{
+    const pid_t front = tcgetpgrp(fd);
+    // The system stops whoever asks for that. It fails where nobody could bring the program to the front.
+    if (front >= 0 && front != getpgrp())
+        tcdrain(fd);
+}
+
 void rl_modes::begin()
 {
     static const int registered = atexit(restore);
     (void)registered;
+    rl_await_terminal(STDIN_FILENO);
     known = tcgetattr(STDIN_FILENO, &before_read) == 0 || known; // what was known stays when it is not told again
     original_ = before_read;
     struct sigaction abandon = {};

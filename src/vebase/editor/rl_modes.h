@@ -3,6 +3,10 @@
 
 #include <termios.h>
 
+/// In the background, stops until the program is brought to the front: until then the terminal has the modes of
+/// somebody else, which are none to come back to.
+void rl_await_terminal(int fd);
+
 class rl_modes
 {
 public:

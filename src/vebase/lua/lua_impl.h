@@ -56,6 +56,7 @@ void ve_lua_open_long(lua_State *L);
 void ve_lua_open_hook(lua_State *L);
 /// With the table "io" on top.
 void ve_lua_open_popen(lua_State *L);
+void ve_lua_open_pipes(lua_State *L);
 void ve_lua_open_dm(lua_State *L);
 /// With the table "dm" on top.
 void ve_lua_open_tools(lua_State *L);
@@ -66,6 +67,11 @@ void ve_lua_refuse_children(lua_State *L);
 void ve_lua_emit(ve_lua_state *context, const char *data, size_t size);
 /// A stream's seek (fopencookie) where there is none.
 int ve_lua_no_seek(void *, off_t *, int);
+/// As read(2), when there is something, or EINTR when Ctrl-C came or the time of the code is over.
+ssize_t ve_lua_pipe_read(int fd, char *data, size_t size);
+/// Writes all of it, or as much as could be written: `errno` then says why, EPIPE where nobody reads any more, and
+/// EINTR as above.
+ssize_t ve_lua_pipe_write(int fd, const char *data, size_t size);
 /// Before somebody else uses the terminal: shows what was printed.
 void ve_lua_show_output(ve_lua_state *context);
 /// Calls the function that is the first upvalue with the same arguments. Returns the number of its results.

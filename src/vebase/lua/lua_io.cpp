@@ -224,6 +224,7 @@ void ve_lua_open_io(lua_State *L)
     set_stream(L, "stdout", context->standard[1]);
     set_stream(L, "stderr", context->standard[2]);
     ve_lua_open_popen(L);
+    ve_lua_open_pipes(L);
     ve_lua_replace(L, "flush", lua_flush);
     luaL_getmetatable(L, LUA_FILEHANDLE);
     ve_lua_replace(L, "flush", lua_flush);

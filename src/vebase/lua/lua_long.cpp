@@ -1,6 +1,7 @@
 // Functions of Lua's own library that can run for very long: replaced by ones that do the same in pieces and look for
 // Ctrl-C in between.
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 #include "vebase/lua/lua_impl.h"
@@ -10,6 +11,8 @@ namespace
 
 constexpr size_t bytes_per_look = size_t{1} << 20;
 constexpr lua_Integer elements_per_look = 10000;
+/// What a text can be long, as Lua's own library has it.
+constexpr lua_Unsigned longest = std::min<lua_Unsigned>(SIZE_MAX, LUA_MAXINTEGER);
 
 /// string.rep.
 int repeat(lua_State *L)
@@ -24,9 +27,11 @@ int repeat(lua_State *L)
         return 1;
     }
     const size_t unit = size + separator_size;
-    if (unit < size || unit > static_cast<size_t>(LUA_MAXINTEGER) / static_cast<size_t>(count))
+    // The count may be more than a word of the machine holds.
+    const auto times = static_cast<lua_Unsigned>(count);
+    if (unit < size || unit > longest / times)
         return luaL_error(L, "resulting string too large");
-    const size_t total = unit * static_cast<size_t>(count) - separator_size;
+    const auto total = static_cast<size_t>(unit * times - separator_size);
     luaL_Buffer buffer;
     char *place = luaL_buffinitsize(L, &buffer, total);
     // One unit is written, then what is there is doubled until a piece is reached, which is then repeated.

@@ -1,7 +1,4 @@
 // io.popen: what waits for the child, for its output or its end, waits interruptibly.
-#include <algorithm>
-#include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <new>
 #include <unistd.h>
@@ -13,9 +10,6 @@
 
 namespace
 {
-
-/// A pipe that polls writable takes this much without blocking.
-constexpr size_t pipe_piece = 4096;
 
 /// What is behind the stream of a child.
 struct child_pipe {
@@ -30,53 +24,14 @@ int64_t deadline()
     return ve_wait_deadline(ve_lua_time_left(-1));
 }
 
-bool wait_ready(int fd, short events)
-{
-    pollfd end{.fd = fd, .events = events, .revents = 0};
-    const bool ready = ve_wait_poll(&end, 1, deadline()) > 0;
-    errno = EINTR;
-    return ready;
-}
-
 ssize_t pipe_read(void *cookie, char *data, size_t size)
 {
-    const int fd = static_cast<child_pipe *>(cookie)->fd;
-    const ve_lua_sigint_blocked blocked;
-    return wait_ready(fd, POLLIN) ? read(fd, data, size) : -1;
-}
-
-/// As write(), but to a child that reads no more it is only an error: no signal ends the session for that.
-ssize_t write_without_signal(int fd, const char *data, size_t size)
-{
-    sigset_t only;
-    sigset_t before;
-    sigemptyset(&only);
-    sigaddset(&only, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &only, &before);
-    const ssize_t count = write(fd, data, size);
-    const int error = errno;
-    if (count < 0 && error == EPIPE && sigismember(&before, SIGPIPE) == 0) {
-        const timespec none = {.tv_sec = 0, .tv_nsec = 0};
-        while (sigtimedwait(&only, nullptr, &none) < 0 && errno == EINTR)
-            ;
-    }
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    errno = error;
-    return count;
+    return ve_lua_pipe_read(static_cast<child_pipe *>(cookie)->fd, data, size);
 }
 
 ssize_t pipe_write(void *cookie, const char *data, size_t size)
 {
-    const int fd = static_cast<child_pipe *>(cookie)->fd;
-    const ve_lua_sigint_blocked blocked;
-    size_t written = 0;
-    while (written < size && wait_ready(fd, POLLOUT)) {
-        const ssize_t count = write_without_signal(fd, data + written, std::min(size - written, pipe_piece));
-        if (count < 0)
-            break;
-        written += static_cast<size_t>(count);
-    }
-    return static_cast<ssize_t>(written);
+    return ve_lua_pipe_write(static_cast<child_pipe *>(cookie)->fd, data, size);
 }
 
 /// The child of a file that nobody closed is not waited for where lines are typed: it may run for as long as it likes.
