@@ -15,8 +15,9 @@ constexpr int64_t name_lookup_limit_ms = 10000;
 class name_lookup
 {
 public:
-    /// Starts to look `host` up; null when no more look-ups may run at once.
-    static std::unique_ptr<name_lookup> start(const std::string &host, int family);
+    /// Starts to look `host` up; null when no more look-ups may run at once, or no more for whoever `asker` names:
+    /// those that nobody waits for any more count as long as they hang.
+    static std::unique_ptr<name_lookup> start(const std::string &host, int family, const std::string &asker = {});
     name_lookup(const name_lookup &) = delete;
     name_lookup &operator=(const name_lookup &) = delete;
     ~name_lookup();

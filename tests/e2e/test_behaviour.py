@@ -2,12 +2,15 @@
 
 import json
 import re
+import signal
 import subprocess
 
 import pytest
 
 from lib import settings
 from lib.wire import Closed
+
+pytestmark = pytest.mark.lua
 
 DOCUMENT = (settings.SOURCE / "docs" / "behaviour.md").read_text()
 
@@ -178,6 +181,82 @@ def test_an_account_that_a_file_disables_has_no_rights_any_more(sandbox, veld_st
     while not (refused := set_error(peer, {"Device.DeviceInfo.ProvisioningCode": "two"})):
         assert settings.remaining(moment)
     assert refused[0] == 9001
+
+
+ACCOUNTS = {
+    "Code": {"type": "string", "access": "readWrite", "default": ""},
+    "Users": {
+        "write": "admin",
+        "children": {
+            "User": {
+                "multi": True,
+                "template": {
+                    "children": {
+                        "Enable": {"type": "boolean", "default": False},
+                        "Username": {"type": "string", "default": "", "unique": True},
+                        "Password": {"type": "string", "default": "", "secret": True, "handler_set": "password"},
+                    }
+                },
+            }
+        },
+    },
+}
+# Of "secret".
+HASH = "$6$salt$egUxKNxDs8kPfh8iPMNcosMhb2eWah6d3R44JDm5Rj/j/XWR5E33QPd0YmHXoDHOIDR6kL5D3JcQcz0O8FHE00"
+CODE = "Device.Code"
+
+
+def login_error(peer, user):
+    return error_of(peer, "Login", User=user, Password="secret")
+
+
+@pytest.fixture
+def with_accounts(sandbox, veld_start):
+    """A daemon whose accounts are those of a behaviour that is given as text."""
+
+    def start(text):
+        (sandbox.work / "model.json").write_text(json.dumps({"format": 1, "root": {"Device": {"children": ACCOUNTS}}}))
+        (sandbox.work / "b.lua").write_text(text)
+        return veld_start("--behaviour", sandbox.work / "b.lua", "--log", "info", model=sandbox.work / "model.json")
+
+    return start
+
+
+def test_accounts_of_a_file_are_those_that_it_has_when_somebody_logs_in(with_accounts):
+    veld = with_accounts(f"""
+        local names = {{"anna"}}
+        on_rows("Device.Users.User.", function()
+          local rows = {{}}
+          for i, name in ipairs(names) do
+            rows[i] = {{key = name, Username = name, Enable = true, Password = "{HASH}"}}
+          end
+          return rows
+        end)
+        on_set("{CODE}", function(_, name) names = {{name}} end)
+    """)
+    anna, berta = veld.connect(), veld.connect()
+    # Nobody has asked for the rows before.
+    assert login_error(berta, "berta")[0] == 9001
+    assert login_error(anna, "anna") is None
+    # One that is there no more has no rights, and none that was not there before is missed.
+    assert set_error(anna, {CODE: "berta"}) is None
+    assert set_error(anna, {CODE: "anna"})[0] == 9001
+    assert login_error(veld.connect(), "anna")[0] == 9001
+    assert login_error(berta, "berta") is None
+    assert set_error(berta, {CODE: "berta"}) is None
+
+
+def test_an_account_that_a_file_has_no_more_hears_no_more(with_accounts):
+    veld = with_accounts(f"""
+        local rows = {{{{Username = "anna", Enable = true, Password = "{HASH}"}}}}
+        on_rows("Device.Users.User.", function() return rows end)
+        on_set("{CODE}", function() rows = {{}} end)
+    """)
+    anna = veld.connect()
+    assert login_error(anna, "anna") is None and set_error(anna, {CODE: "x"}) is None
+    moment = settings.deadline()
+    while 'the rights of "anna" have changed' not in veld.log:
+        assert settings.remaining(moment)
 
 
 @pytest.mark.parametrize("code", [0, 8999, 9216, 9984, 10000])
@@ -575,6 +654,33 @@ def test_what_a_file_asks_for_in_vain_is_said(filed):
 def test_only_a_trusted_file_has_all_libraries(filed, options, kinds):
     veld = filed("""on_get("Device.Log", function() return type(io) .. " " .. type(os.execute) .. " " .. type(os.time) end)""", *options)
     assert veld.value("Device.Log") == kinds
+
+
+def test_children_of_a_trusted_file_have_the_signals_of_any_program(filed):
+    veld = filed(
+        """
+        on_get("Device.Log", function()
+          local program = io.popen("exec grep -h Sig[BI] /proc/self/status")
+          local signals = program:read("a")
+          program:close()
+          os.execute("exec grep -h Sig[BI] /proc/self/status >signals")
+          return signals .. io.open("signals"):read("a")
+        end)
+        on_get("Device.C", function()
+          local said = {tostring(os.execute()), tostring(os.execute("exit 3")) .. table.concat({select(2, os.execute("exit 3"))}, " ")}
+          local cat = io.popen("cat >copy; kill -9 $$", "w")
+          said[#said + 1] = io.type(cat) .. tostring(cat:write("text") == cat)
+          said[#said + 1] = table.concat({select(2, cat:close())}, " ") .. io.open("copy"):read("a")
+          said[#said + 1] = tostring(pcall(io.popen, "true", "rw")) .. tostring(io.popen("exit 0"):close())
+          return table.concat(said, ",")
+        end)
+        """,
+        "--trust-behaviour",
+    )  # fmt: skip
+    rows = [row.split() for row in veld.value("Device.Log").splitlines()]
+    bits = sum(1 << number - 1 for number in (signal.SIGPIPE, signal.SIGXFSZ, signal.SIGTERM, signal.SIGHUP))
+    assert [(name, int(mask, 16) & bits) for name, mask in rows] == [("SigBlk:", 0), ("SigIgn:", 0)] * 2
+    assert veld.value("Device.C") == "true,nilexit 3,filetrue,signal 9text,falsetrue"
 
 
 def test_a_finalizer_of_a_trusted_file_finds_no_device_any_more(filed):

@@ -14,6 +14,7 @@ from pathlib import Path
 import pytest
 
 from lib import settings
+from lib.program import cpu_seconds
 from lib.wire import Closed, Peer, WireError, connect
 from test_veld_hostile import SMALL, ask, holds_at_most
 
@@ -214,6 +215,25 @@ def test_a_large_set_ends_no_listener(veld_start, tmp_path):
     for value in range(2):
         for n in range(20000):
             assert listener.event()[1] == {"Name": f"Device.P{n}", "Value": value, "User": "root"}
+
+
+@pytest.mark.load
+def test_those_who_read_nothing_leave_room_for_the_answers_of_others(veld_start, tmp_path):
+    text = "x" * (6 << 20)
+    model = Path(tmp_path) / "long.json"
+    children = {"Text": {"type": "string", "default": text}}
+    model.write_text(json.dumps({"format": 1, "root": {"Device": {"type": "object", "children": children}}}))
+    veld = veld_start("--listen", "tcp://127.0.0.1:0", model=model)
+    user = root(veld)
+    bad = [Peer(veld.tcp_address()) for _ in range(13)]
+    for peer in bad:  # 48 MiB each, of which the last ones get nothing any more
+        peer.request("GetParameterValues", {"ParameterNames": ["Device.Text"] * 8})
+        assert select.select([peer.link], [], [], settings.DEADLINE)[0]
+    assert bad[-1].receive()["error"]["code"] == 9004
+    entries = user.call("GetParameterValues", ParameterNames=["Device.Text"] * 10)["ParameterList"]
+    assert [entry["Value"] == text for entry in entries] == [True] * 10
+    assert "127.0.0.1: too much waits to be read: a connection is closed" in veld.log
+    assert holds_at_most(veld, 800)
 
 
 # --- long messages ---
@@ -524,6 +544,27 @@ def test_whoever_leaves_while_logging_in_makes_nobody_wait(veld, silent_server):
     waiting.link.setblocking(False)
     with pytest.raises(BlockingIOError):
         waiting.link.recv(1)
+
+
+def test_those_who_leave_before_their_password_is_looked_at_keep_nobody_waiting(veld_start, tmp_path):
+    model = json.loads(SMALL.read_text())
+    users = model["root"]["Device"]["children"]["Users"]["children"]["User"]["instances"]
+    users["2"]["Password"] = "$6$rounds=1500000$Zk4mWd81sQfYe0Ru$" + "x" * 86  # takes long to compare
+    path = Path(tmp_path) / "slow.json"
+    path.write_text(json.dumps(model))
+    veld = veld_start("--listen", "tcp://127.0.0.1:0", model=path)
+    before = cpu_seconds(veld.pid)
+    guess = {"User": "user", "Password": "guess"}
+    assert refused(Peer(veld.tcp_address()), "Login", **guess).code == 9001
+    one = cpu_seconds(veld.pid) - before
+    before = cpu_seconds(veld.pid)
+    leaving = [veld.connect() for _ in range(4)]
+    for peer in leaving:
+        peer.request("Login", guess)
+    for peer in leaving:
+        peer.close()
+    assert veld.connect().call("Login", User="admin", Password="admin") == {}
+    assert cpu_seconds(veld.pid) - before < 2.7 * one  # of four
 
 
 def test_nobody_reads_a_password_hash(small):

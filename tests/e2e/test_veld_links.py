@@ -10,6 +10,7 @@ from pathlib import Path
 import pytest
 
 from lib import settings
+from lib.program import cpu_seconds
 from lib.wire import Closed, Peer, WireError
 
 SMALL = Path(__file__).parent / "models" / "small.json"
@@ -104,6 +105,39 @@ def test_tls_large_messages_both_ways(veld_start, certificate):
     peer.join(30)
     peer.send_event(30, big)
     assert peer.event() == (30, big)
+
+
+def test_a_record_that_does_not_arrive_whole_costs_no_processor_time(veld_start, certificate):
+    veld = veld_start("--tls-cert", certificate[0], "--tls-key", certificate[1])
+    received, written = ssl.MemoryBIO(), ssl.MemoryBIO()
+    context = ssl.create_default_context(cafile=certificate[0])
+    session = context.wrap_bio(received, written, server_hostname="localhost")
+    slow = veld.connect()
+
+    def finished(step):
+        while True:
+            try:
+                return step()
+            except ssl.SSLWantReadError:
+                slow.send_raw(written.read())
+                received.write(slow.link.recv(65536))
+
+    finished(session.do_handshake)
+    session.write(b'{"id":1,"method":"Logout"}\n')
+    record = written.read()  # behind the end of the handshake
+    slow.send_raw(record[:-20])
+    # The daemon meanwhile asks a name server that never answers.
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as silent:
+        silent.bind(("127.0.0.1", 0))
+        peer = secure(veld.address, certificate)
+        peer.call("Login", User="admin", Password="admin")
+        values = {"HostName": "host.example", "DNSServer": "127.0.0.1:%d" % silent.getsockname()[1], "Timeout": 1000}
+        entries = [{"Name": name, "Value": value} for name, value in values.items()]
+        before = cpu_seconds(veld.pid)
+        peer.call("Execute", Path="Device.DNS.Diagnostics.NSLookup", ParameterList=entries)
+        assert cpu_seconds(veld.pid) - before < 0.3  # of about 1 that a busy wait would take
+    slow.send_raw(record[-20:])
+    assert finished(session.read) == b'{"jsonrpc":"2.0","id":1,"result":{}}\n'
 
 
 def test_a_plain_client_at_a_tls_door_is_turned_away(veld_start, certificate):

@@ -168,6 +168,27 @@ def test_sockets_that_are_handed_over_are_served(sandbox, kind):
     assert kind == "tcp" or os.path.exists(path)
 
 
+@pytest.mark.parametrize("kind", ["datagrams", "connected", "not listening", "nothing"])
+def test_what_is_handed_over_and_is_no_listening_socket_is_refused(sandbox, kind):
+    path = str(sandbox.root / "given")
+    given, other = socket.socketpair()
+    if kind in ("datagrams", "not listening"):
+        other.close()
+        other = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM if kind == "datagrams" else socket.SOCK_STREAM)
+        other.bind(path)
+    handed = "3<&-" if kind == "nothing" else "3<&0"
+    run = subprocess.run(
+        ["sh", "-c", f'LISTEN_PID=$$ LISTEN_FDS=1 exec "$@" {handed} </dev/null', "sh", settings.VELD, "--model", SMALL],
+        stdin=other, capture_output=True, text=True, timeout=settings.DEADLINE,
+    )  # fmt: skip
+    given.close()
+    other.close()
+    what = path if kind in ("datagrams", "not listening") else "descriptor 3"
+    assert (run.returncode, run.stdout) == (1, "")
+    assert run.stderr == f"veld: {what}: no listening stream socket was handed over\n"
+
+
+@pytest.mark.tls
 def test_a_hang_up_reads_the_certificate_again(veld_start, tmp_path, sandbox):
     folder = Path(tmp_path) / "tls"
     folder.mkdir()

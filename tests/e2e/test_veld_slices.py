@@ -1,10 +1,14 @@
 """Questions about much of the model are answered in slices: nobody waits for them, and each answer tells of one moment."""
 
+import re
 import select
 import socket
 import threading
 
 import pytest
+
+from lib.program import cpu_seconds
+from lib.wire import Peer
 
 FIRST, LAST = "Device.DeviceInfo.ProvisioningCode", "Device.Time.NTPServer1"
 
@@ -119,3 +123,33 @@ def test_what_was_asked_before_the_device_goes_is_still_answered(veld_start, met
     number = get(asks, ".")
     admin.request(method, parameters)
     assert len(asks.answer(number)["result"]["ParameterList"]) > 10000
+
+
+def test_another_account_does_not_wait_behind_all_questions_of_one(veld_start):
+    veld = veld_start("--populate", "50,10", "--listen", "tcp://127.0.0.1:0", "--log", "debug")
+    admin = veld.connect()
+    admin.call("Login", User="root")
+    many = [Peer(veld.tcp_address()) for _ in range(30)]
+    numbers = [get(peer, ".") for peer in many]
+    number = get(admin, ".")
+    assert len(admin.answer(number)["result"]["ParameterList"]) > 10000
+    for peer, own in zip(many, numbers):
+        assert len(peer.answer(own)["result"]["ParameterList"]) > 10000
+    # Of theirs there is the one that was under way, and one before it in the turn.
+    lines = re.findall(r"client \d+ \((127\.0\.0\.1|root)\): (?:\d+ )?(GetParameterValues|answer)", veld.log)
+    asked = lines.index(("root", "GetParameterValues"))
+    answered = lines.index(("root", "answer"), asked)
+    assert lines[asked:answered].count(("127.0.0.1", "answer")) <= 3
+
+
+def test_questions_that_wait_do_not_keep_the_device_from_its_reboot(veld_start):
+    veld = veld_start("--populate", "50,10", "--listen", "tcp://127.0.0.1:0", "--reboot-time", "0.1")
+    admin = veld.connect()
+    admin.call("Login", User="root")
+    many = [Peer(veld.tcp_address()) for _ in range(30)]
+    for peer in many:
+        get(peer, *["."] * 40)
+    admin.call("Reboot", Force=True)
+    before = cpu_seconds(veld.pid)
+    assert admin.closed()
+    assert cpu_seconds(veld.pid) - before < 8  # of half a second and more for each of thirty

@@ -299,6 +299,43 @@ TEST(Import, RangesWithGapsBecomeTheirValuesOrTheirBounds)
         R"({"type":"decimal","default":1.0,"minInclusive":1,"maxInclusive":5,"ranges":[[1,2],[4,5]]})");
 }
 
+TEST(Import, StepsWithoutABeginningAreCountedFromNothing)
+{
+    const auto step = [](const char *type, const char *end, const char *by) {
+        return parameter(std::string("<") + type + "><range maxInclusive=\"" + end + "\" step=\"" + by + "\"/></" +
+                         type + ">");
+    };
+    EXPECT_EQ(step("int", "-3", "5"), R"({"type":"int","default":-5,"maxInclusive":-3,"ranges":[[null,-3,5]]})");
+    EXPECT_EQ(step("int", "-5", "5"), R"({"type":"int","default":-5,"maxInclusive":-5,"ranges":[[null,-5,5]]})");
+    EXPECT_EQ(step("int", "-6", "5"), R"({"type":"int","default":-10,"maxInclusive":-6,"ranges":[[null,-6,5]]})");
+    EXPECT_EQ(step("int", "-1", "1"), R"({"type":"int","default":-1,"maxInclusive":-1})");
+    EXPECT_EQ(step("int", "7", "5"), R"({"type":"int","default":0,"maxInclusive":7,"ranges":[[null,7,5]]})");
+    EXPECT_EQ(step("decimal", "-3", "2"),
+              R"({"type":"decimal","default":-4.0,"maxInclusive":-3,"ranges":[[null,-3,2]]})");
+    EXPECT_EQ(step("long", "-9223372036854775807", "9223372036854775807"),
+              R"({"type":"long","default":-9223372036854775807,"maxInclusive":-9223372036854775807,)"
+              R"("ranges":[[null,-9223372036854775807,9223372036854775807]]})");
+    EXPECT_TRUE(parameter(R"(<list minItems="1"/><int><range maxInclusive="-3" step="5"/></int>)")
+                    .starts_with(R"({"type":"string","default":"-5","minCount":1,"itemRanges":[[null,-3,5]],)"));
+}
+
+TEST(Import, TheVersionOfTheModelIsNoObjectOfIt)
+{
+    imported result = import_text(document("", R"x(
+      <parameter name="DataModelVersion"><syntax><int/></syntax></parameter>
+      <object name="DataModelVersion."><parameter name="A"><syntax><int/></syntax></parameter></object>
+      <object name="DataModelVersion.B."/>
+      <object name="Device.DataModelVersion."><parameter name="A"><syntax><int/></syntax></parameter></object>)x"));
+    ASSERT_TRUE(result.model) << result.error;
+    EXPECT_EQ(result.warnings, "line 4: DataModelVersion: is where the version of the model stands; left out\n"
+                               "line 5: DataModelVersion.: is where the version of the model stands; left out\n"
+                               "line 6: DataModelVersion.B.: there is no DataModelVersion.; left out\n");
+    EXPECT_EQ(result.node("Device/DataModelVersion/A"), R"({"type":"int","default":0})");
+    EXPECT_EQ(result.node("DataModelVersion"), R"({"type":"string","default":"2.19"})");
+    EXPECT_EQ(result.counts.objects, 2U);
+    EXPECT_EQ(result.counts.parameters, 1U);
+}
+
 TEST(Import, AnEnumerationBeginsWithItsFirstValue)
 {
     EXPECT_EQ(parameter(R"(<decimal><enumeration value="1.5"/><enumeration value="2"/></decimal>)"),

@@ -1,6 +1,7 @@
 // The values that the machine shows, checked against what it says by other means, and the parsers on odd input.
 #include "veld/live/live.h"
 
+#include "leaping_clock.h"
 #include "platform/ve_json.h"
 #include "veld/live/providers.h"
 
@@ -11,6 +12,7 @@
 #include <linux/if_tun.h>
 #include <net/if.h>
 #include <net/if_arp.h>
+#include <net/route.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -254,6 +256,122 @@ TEST(Live, ATunnelIsNoEthernet)
     });
 }
 
+TEST(Live, AnInterfaceThatComesBackHasChangedJustNow)
+{
+    with_an_interface([](int tap, const ifreq &named) {
+        const leaping_clock clock(5);
+        const auto last_change = [] {
+            const json_ref rows(live_interfaces());
+            return number_of(row_with(rows.get(), "name", "kest0"), "last_change");
+        };
+        EXPECT_EQ(last_change(), 0);
+        EXPECT_GE(last_change(), 5);
+        close(tap);
+        const json_ref without(live_interfaces());
+        EXPECT_EQ(row_with(without.get(), "name", "kest0"), nullptr);
+        ifreq request = named;
+        request.ifr_flags = IFF_TAP | IFF_NO_PI;
+        const int again = open("/dev/net/tun", O_RDWR);
+        ASSERT_EQ(ioctl(again, TUNSETIFF, &request), 0);
+        EXPECT_EQ(last_change(), 0);
+    });
+}
+
+// Adds a route to a network of so many bits behind an interface.
+void add_route(const std::string &interface, in_addr_t network, int bits)
+{
+    const int any = socket(AF_INET, SOCK_DGRAM, 0);
+    const auto of = [](in_addr_t address) {
+        sockaddr_in as = {};
+        as.sin_family = AF_INET;
+        as.sin_addr.s_addr = htonl(address);
+        sockaddr bytes;
+        memcpy(&bytes, &as, sizeof bytes);
+        return bytes;
+    };
+    std::string device = interface;
+    rtentry route = {};
+    route.rt_dst = of(network);
+    route.rt_genmask = of(bits == 0 ? 0 : ~in_addr_t{0} << (32 - bits));
+    route.rt_flags = RTF_UP;
+    route.rt_dev = device.data();
+    EXPECT_EQ(ioctl(any, SIOCADDRT, &route), 0) << strerror(errno);
+    close(any);
+}
+
+void add_default_route_ipv6(const std::string &interface)
+{
+    const int any = socket(AF_INET6, SOCK_DGRAM, 0);
+    in6_rtmsg route = {};
+    route.rtmsg_flags = RTF_UP;
+    route.rtmsg_metric = 1;
+    route.rtmsg_ifindex = static_cast<int>(if_nametoindex(interface.c_str()));
+    if (any < 0 || ioctl(any, SIOCADDRT, &route) != 0)
+        _exit(77);
+    close(any);
+}
+
+void bring_up(const ifreq &named)
+{
+    ifreq request = named;
+    request.ifr_flags = IFF_UP;
+    const int any = socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_EQ(ioctl(any, SIOCSIFFLAGS, &request), 0);
+    close(any);
+}
+
+bool is_upstream(const std::string &name)
+{
+    const json_ref rows(live_ethernet());
+    return json_is_true(json_object_get(row_with(rows.get(), "name", name), "upstream"));
+}
+
+TEST(Live, WhatIsBehindTheDefaultRouteIsUpstream)
+{
+    with_an_interface([](int, const ifreq &named) {
+        bring_up(named);
+        add_route("kest0", 0x0a000000, 8);
+        EXPECT_FALSE(is_upstream("kest0"));
+        add_route("kest0", 0, 0);
+        EXPECT_TRUE(is_upstream("kest0"));
+    });
+}
+
+TEST(Live, ADefaultRouteOverIpv6IsOneToo)
+{
+    with_an_interface([](int, const ifreq &named) {
+        bring_up(named);
+        EXPECT_FALSE(is_upstream("kest0"));
+        add_default_route_ipv6("kest0");
+        EXPECT_TRUE(is_upstream("kest0"));
+    });
+}
+
+// What a call costs this process, in seconds of a processor.
+template <typename Call> double cost_of(const Call &call)
+{
+    const clock_t before = clock();
+    call();
+    return static_cast<double>(clock() - before) / CLOCKS_PER_SEC;
+}
+
+TEST(Live, ManyRoutesAndInterfacesCostTheirSum)
+{
+    with_an_interface([](int, const ifreq &named) {
+        bring_up(named);
+        for (in_addr_t i = 0; i < 2000; i++)
+            add_route("kest0", 0x0a000000 + (i << 8), 24);
+        for (int i = 1; i < 20; i++) {
+            ifreq request = {};
+            snprintf(request.ifr_name, sizeof request.ifr_name, "kest%d", i);
+            request.ifr_flags = IFF_TAP | IFF_NO_PI;
+            ASSERT_EQ(ioctl(open("/dev/net/tun", O_RDWR), TUNSETIFF, &request), 0);
+        }
+        const double routes = cost_of([] { json_decref(live_routes()); });
+        EXPECT_LT(cost_of([] { json_decref(live_ethernet()); }), 10 * routes); // of 20 if each read them
+    });
+}
+
 TEST(Live, RowsHaveKeysOfTheirOwn)
 {
     for (const char *name :
@@ -395,6 +513,59 @@ TEST(Live, WhatIsNamedTwiceIsTwoRows)
         }
         ASSERT_EQ(json_array_size(rows.get()), 3U);
         expect_keys(rows.get());
+    });
+}
+
+TEST(Live, WhatIsNamedOftenIsToldApartAtOnce)
+{
+    with_an_interface([](int, const ifreq &) {
+        const std::string file = "/sys/class/net/resolv.conf";
+        std::ofstream to(file);
+        for (int i = 0; i < 20000; i++)
+            to << "nameserver 192.0.2.1\n";
+        to.close();
+        if (mount(file.c_str(), "/etc/resolv.conf", nullptr, MS_BIND, nullptr) != 0)
+            _exit(77);
+        const leaping_clock clock(1); // what was read before is not what is there now
+        EXPECT_LT(cost_of([] {
+                      const json_ref rows(live_rows("resolvers"));
+                      EXPECT_EQ(json_array_size(rows.get()), 20000U);
+                      expect_keys(rows.get());
+                  }),
+                  5.0); // of half a minute for comparing each with each
+    });
+}
+
+// In a body of with_an_interface(): the file has this content.
+void see_as(const char *path, const std::string &content)
+{
+    const std::string own = "/sys/class/net/seen";
+    std::ofstream(own) << content;
+    if (mount(own.c_str(), path, nullptr, MS_BIND, nullptr) != 0)
+        _exit(77);
+}
+
+TEST(Live, MoreMemoryThanItsTypeCanTellIsAsMuchAsItCan)
+{
+    with_an_interface([](int, const ifreq &) {
+        see_as("/proc/meminfo", "MemTotal:       6442450944 kB\nMemFree:        4294967295 kB\n");
+        const json_ref total(live_memory_total());
+        EXPECT_EQ(json_integer_value(total.get()), 4294967295);
+        const json_ref free(live_memory_free());
+        EXPECT_EQ(json_integer_value(free.get()), 4294967295);
+    });
+}
+
+TEST(Live, AnEmptyZoneIsNotTheMachines)
+{
+    with_an_interface([](int, const ifreq &) {
+        see_as("/etc/localtime", "TZif2" + std::string(39, '\0') + "\nABC-1\n");
+        unsetenv("TZ");
+        const json_ref machines(live_time_zone());
+        EXPECT_STREQ(json_string_value(machines.get()), "ABC-1");
+        setenv("TZ", "", 1);
+        const json_ref empty(live_time_zone());
+        EXPECT_STREQ(json_string_value(empty.get()), "UTC0");
     });
 }
 

@@ -47,6 +47,18 @@ const char *const ping_defaults =
 const char *const lookup_defaults =
     R"({"Interface":"","HostName":"host.example","DNSServer":"","Timeout":2000,"NumberOfRepetitions":1})";
 
+// The same but for what `changes` says.
+json_ref changed(json_ref input, const char *changes)
+{
+    EXPECT_EQ(json_object_update_new(input.get(), parse(changes).release()), 0) << changes;
+    return input;
+}
+
+json_ref ping_input(const char *changes)
+{
+    return changed(parse(ping_defaults), changes);
+}
+
 // Lets the job run to its end, calling `meanwhile` every 5 ms. How long it may take is bounded, and so is how often it
 // is woken.
 job_outcome run(
@@ -405,6 +417,12 @@ json_ref lookup_input(const name_server &server, const char *name = "host.exampl
     return input;
 }
 
+// What a look-up at that server comes to, with the defaults but for what `changes` says.
+job_outcome looked_up(name_server &server, const char *changes = "{}")
+{
+    return run("NSLookup", changed(lookup_input(server), changes), [&] { server.serve(); });
+}
+
 } // namespace
 
 TEST(Methods, AnUnknownOneIsNotSupported)
@@ -436,12 +454,8 @@ TEST(IPPing, TheLoopbackAnswers)
 TEST(IPPing, LargeBlocksNamesAndInterfacesWork)
 {
     in_own_network(true, [] {
-        json_ref input = parse(ping_defaults);
-        json_object_set_new(input.get(), "Host", json_string("localhost"));
-        json_object_set_new(input.get(), "ProtocolVersion", json_string("IPv4"));
-        json_object_set_new(input.get(), "DataBlockSize", json_integer(65000));
-        json_object_set_new(input.get(), "Interface", json_string("Device.IP.Interface.1"));
-        json_object_set_new(input.get(), "DSCP", json_integer(63));
+        const json_ref input = ping_input(R"({"Host":"localhost","ProtocolVersion":"IPv4","DataBlockSize":65000,
+                                              "Interface":"Device.IP.Interface.1","DSCP":63})");
         std::string asked;
         job_outcome outcome = run(
             "IPPing", input, [] {},
@@ -460,8 +474,7 @@ TEST(IPPing, TheLoopbackAnswersOverIpv6)
     in_own_network(true, [] {
         if (access("/proc/net/if_inet6", R_OK) != 0)
             _exit(77);
-        json_ref input = parse(ping_defaults);
-        json_object_set_new(input.get(), "Host", json_string("::1"));
+        const json_ref input = ping_input(R"({"Host":"::1"})");
         job_outcome outcome = run("IPPing", input);
         EXPECT_FALSE(outcome.problem) << outcome.problem.message;
         EXPECT_EQ(text(outcome, "Status"), "Complete");
@@ -494,8 +507,7 @@ TEST(IPPing, WhatIsNotAnsweredInTimeHasFailed)
         echo_host host([&](const std::string &, const std::string &request) {
             return ++requests == 2 ? echo_host::packets{echo_host::answer_to(request)} : echo_host::packets{};
         });
-        json_ref input = parse(ping_defaults);
-        json_object_set_new(input.get(), "Timeout", json_integer(200));
+        const json_ref input = ping_input(R"({"Timeout":200})");
         job_outcome outcome = run("IPPing", input, [&] { host.serve(); });
         EXPECT_EQ(text(outcome, "Status"), "Complete");
         EXPECT_EQ(number(outcome, "SuccessCount"), 1);
@@ -518,8 +530,7 @@ TEST(IPPing, WhatARouterReportsHasFailed)
             // One that is about another request changes nothing.
             return echo_host::packets{unreachable(first), unreachable(datagram)};
         });
-        json_ref input = parse(ping_defaults);
-        json_object_set_new(input.get(), "Timeout", json_integer(10000));
+        const json_ref input = ping_input(R"({"Timeout":10000})");
         job_outcome outcome = run("IPPing", input, [&] { host.serve(); });
         EXPECT_EQ(text(outcome, "Status"), "Complete");
         EXPECT_EQ(number(outcome, "SuccessCount"), 1);
@@ -533,8 +544,7 @@ TEST(IPPing, WhatARouterReportsHasFailed)
 TEST(IPPing, AnInterfaceThatIsGoneIsSaidSo)
 {
     in_own_network(true, [] {
-        json_ref input = parse(ping_defaults);
-        json_object_set_new(input.get(), "Interface", json_string("Device.IP.Interface.1."));
+        const json_ref input = ping_input(R"({"Interface":"Device.IP.Interface.1."})");
         job_outcome outcome = run(
             "IPPing", input, [] {}, [](std::string_view) { return std::string("gone0"); });
         EXPECT_EQ(outcome.problem.code, code::internal);
@@ -545,8 +555,7 @@ TEST(IPPing, AnInterfaceThatIsGoneIsSaidSo)
 TEST(IPPing, WhereNoRouteLeadsNothingIsReached)
 {
     in_own_network(true, [] {
-        json_ref input = parse(ping_defaults);
-        json_object_set_new(input.get(), "Host", json_string("192.0.2.1"));
+        const json_ref input = ping_input(R"({"Host":"192.0.2.1"})");
         job_outcome outcome = run("IPPing", input);
         EXPECT_FALSE(outcome.problem) << outcome.problem.message;
         EXPECT_EQ(text(outcome, "Status"), "Error_NoRouteToHost");
@@ -560,8 +569,7 @@ TEST(IPPing, WhereTheKernelHasNoIpv6NoRouteLeadsThere)
     in_own_network(true, [] {
         if (!forget_ipv6())
             _exit(77);
-        json_ref input = parse(ping_defaults);
-        json_object_set_new(input.get(), "Host", json_string("::1"));
+        const json_ref input = ping_input(R"({"Host":"::1"})");
         job_outcome outcome = run("IPPing", input);
         EXPECT_FALSE(outcome.problem) << outcome.problem.message;
         EXPECT_EQ(text(outcome, "Status"), "Error_NoRouteToHost");
@@ -580,8 +588,7 @@ TEST(IPPing, AKernelThatForbidsItIsAClearFault)
 
 TEST(IPPing, AHostThatCannotBeResolvedIsSaidSo)
 {
-    json_ref input = parse(ping_defaults);
-    json_object_set_new(input.get(), "Host", json_string("no host at all"));
+    const json_ref input = ping_input(R"({"Host":"no host at all"})");
     job_outcome outcome = run("IPPing", input);
     EXPECT_FALSE(outcome.problem) << outcome.problem.message;
     EXPECT_EQ(text(outcome, "Status"), "Error_CannotResolveHostName");
@@ -591,8 +598,7 @@ TEST(IPPing, AHostThatCannotBeResolvedIsSaidSo)
 
 TEST(IPPing, ALookUpThatIsNotWaitedForHurtsNobody)
 {
-    json_ref input = parse(ping_defaults);
-    json_object_set_new(input.get(), "Host", json_string("nobody.invalid"));
+    const json_ref input = ping_input(R"({"Host":"nobody.invalid"})");
     loop events;
     // Whether one more look-up could begin; it is given up at once.
     const auto begins = [&] {
@@ -616,10 +622,37 @@ TEST(IPPing, ALookUpThatIsNotWaitedForHurtsNobody)
     ADD_FAILURE() << "the look-ups never end";
 }
 
+TEST(IPPing, LookUpsThatHangAreTheirAskersOwn)
+{
+    in_own_network(true, [] {
+        // A name server that never answers.
+        const int silent = socket(AF_INET, SOCK_DGRAM, 0);
+        const sockaddr_in here = loopback(53);
+        if (!see_as("/etc/resolv.conf", "nameserver 127.0.0.1\n") ||
+            bind(silent, reinterpret_cast<const sockaddr *>(&here), sizeof here) != 0)
+            _exit(77);
+        json_ref input = parse(ping_defaults);
+        json_object_set_new(input.get(), "Host", json_string("host.example"));
+        loop events;
+        // Whether one more look-up could begin for them; it is given up at once.
+        const auto begins = [&](const char *account) {
+            job_outcome outcome;
+            std::unique_ptr<method_job> job = method_start("IPPing", input.get(), no_text, &outcome);
+            job->begin(
+                events, [&](job_outcome &ended) { outcome = std::move(ended); }, account);
+            EXPECT_TRUE(!outcome.problem || outcome.problem.code == code::resources) << outcome.problem.message;
+            return !outcome.problem;
+        };
+        for (int i = 0; i < 16; i++)
+            EXPECT_TRUE(begins("user one")) << i;
+        EXPECT_FALSE(begins("user one"));
+        EXPECT_TRUE(begins("user two"));
+    });
+}
+
 TEST(IPPing, NoHostAndAnUnknownInterfaceAreRefused)
 {
-    json_ref input = parse(ping_defaults);
-    json_object_set_new(input.get(), "Host", json_string(""));
+    json_ref input = ping_input(R"({"Host":""})");
     job_outcome outcome = run("IPPing", input);
     EXPECT_EQ(outcome.problem.code, code::bad_arguments);
     EXPECT_EQ(outcome.problem.message, "Host: no host given");
@@ -628,9 +661,7 @@ TEST(IPPing, NoHostAndAnUnknownInterfaceAreRefused)
     json_object_set_new(input.get(), "Host", json_stringn("127.0.0.1\0", 10));
     EXPECT_EQ(run("IPPing", input).problem.message, "Host: not the name or address of a host");
 
-    input = parse(ping_defaults);
-    json_object_set_new(input.get(), "Interface", json_string("Device.IP.Interface.99."));
-    outcome = run("IPPing", input);
+    outcome = run("IPPing", ping_input(R"({"Interface":"Device.IP.Interface.99."})"));
     EXPECT_EQ(outcome.problem.code, code::bad_arguments);
     EXPECT_EQ(outcome.problem.message, "Interface: no such interface");
 }
@@ -651,7 +682,7 @@ TEST(NSLookup, FindsTheAddressesOfBothFamiliesBehindAnAlias)
                                      v6 ? std::string("\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\7", 16)
                                         : std::string("\xc0\0\2\7", 4)}});
     });
-    job_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+    job_outcome outcome = looked_up(server);
     EXPECT_FALSE(outcome.problem) << outcome.problem.message;
     EXPECT_EQ(text(outcome, "Status"), "Complete");
     EXPECT_EQ(number(outcome, "SuccessCount"), 1);
@@ -671,9 +702,7 @@ TEST(NSLookup, RepeatsAsOftenAsItIsTold)
                                                 : std::vector<record>{},
                          0, 0x80);
     });
-    json_ref input = lookup_input(server);
-    json_object_set_new(input.get(), "NumberOfRepetitions", json_integer(3));
-    job_outcome outcome = run("NSLookup", input, [&] { server.serve(); });
+    job_outcome outcome = looked_up(server, R"({"NumberOfRepetitions":3})");
     EXPECT_EQ(number(outcome, "SuccessCount"), 3);
     EXPECT_EQ(text(outcome, "Result.3.IPAddresses"), "192.0.2.7");
     EXPECT_EQ(text(outcome, "Result.3.AnswerType"), "NonAuthoritative");
@@ -698,7 +727,7 @@ TEST(NSLookup, FindsTheNameOfAnAddress)
 TEST(NSLookup, AnUnknownNameIsSaidSo)
 {
     name_server server([](const std::string &question) { return answer_to(question, {}, 3); });
-    job_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+    job_outcome outcome = looked_up(server);
     EXPECT_FALSE(outcome.problem);
     EXPECT_EQ(text(outcome, "Status"), "Complete");
     EXPECT_EQ(number(outcome, "SuccessCount"), 0);
@@ -740,10 +769,7 @@ TEST(NSLookup, ForgedAndBrokenAnswersAreNotBelieved)
             return question;
         }
     });
-    json_ref input = lookup_input(server);
-    json_object_set_new(input.get(), "Timeout", json_integer(300));
-    json_object_set_new(input.get(), "NumberOfRepetitions", json_integer(4));
-    job_outcome outcome = run("NSLookup", input, [&] { server.serve(); });
+    job_outcome outcome = looked_up(server, R"({"Timeout":300,"NumberOfRepetitions":4})");
     EXPECT_EQ(number(outcome, "SuccessCount"), 0);
     EXPECT_EQ(text(outcome, "Result.4.Status"), "Error_Timeout");
 }
@@ -757,7 +783,7 @@ TEST(NSLookup, WhatIsCutOffIsFetchedOverTcp)
             records.push_back({1, asked_name, std::string({char(10), 0, 0, char(i)})});
         return answer_to(question, type_of(question) == 1 ? records : std::vector<record>{});
     };
-    job_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+    job_outcome outcome = looked_up(server);
     EXPECT_EQ(text(outcome, "Result.1.Status"), "Success");
     std::string addresses = text(outcome, "Result.1.IPAddresses");
     EXPECT_TRUE(addresses.starts_with("10.0.0.1,10.0.0.2,")) << addresses;
@@ -775,9 +801,7 @@ TEST(NSLookup, WhatIsNoAnswerOverTcpIsNotBelieved)
                 good[0] = char(good[0] ^ 0x55);
             return kind == 0 ? "" : kind == 1 ? good.substr(0, 5) : kind == 2 ? question : good;
         };
-        json_ref input = lookup_input(server);
-        json_object_set_new(input.get(), "Timeout", json_integer(300));
-        job_outcome outcome = run("NSLookup", input, [&] { server.serve(); });
+        job_outcome outcome = looked_up(server, R"({"Timeout":300})");
         EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_Timeout") << kind;
     }
 }
@@ -786,9 +810,7 @@ TEST(NSLookup, WhereNobodyAnswersOverTcpTheTimeRunsOut)
 {
     name_server server([](const std::string &question) { return answer_to(question, {}, 0, 0x86); });
     server.deaf_to_streams();
-    json_ref input = lookup_input(server);
-    json_object_set_new(input.get(), "Timeout", json_integer(300));
-    job_outcome outcome = run("NSLookup", input, [&] { server.serve(); });
+    job_outcome outcome = looked_up(server, R"({"Timeout":300})");
     EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_Timeout");
 }
 
@@ -801,7 +823,7 @@ TEST(NSLookup, AServerThatKnowsNoExtensionsIsAskedWithoutThem)
                                        ? std::vector<record>{{1, asked_name, std::string("\xc0\0\2\7", 4)}}
                                        : std::vector<record>{});
     });
-    job_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+    job_outcome outcome = looked_up(server);
     EXPECT_EQ(text(outcome, "Result.1.Status"), "Success");
     EXPECT_EQ(text(outcome, "Result.1.IPAddresses"), "192.0.2.7");
 }
@@ -810,7 +832,7 @@ TEST(NSLookup, AServerThatFailsOrRefusesIsSaidSo)
 {
     for (const int code : {2, 4, 5}) {
         name_server server([code](const std::string &question) { return answer_to(question, {}, code); });
-        job_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+        job_outcome outcome = looked_up(server);
         EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_Other") << code;
         EXPECT_EQ(text(outcome, "Result.1.AnswerType"), "Authoritative") << code;
         EXPECT_EQ(server.asked, 2) << code;
@@ -850,7 +872,7 @@ TEST(NSLookup, AnswersLargerThanAskedForAreTaken)
             records.push_back({1, asked_name, std::string({char(10), 0, 0, char(i)})});
         return answer_to(question, type_of(question) == 1 ? records : std::vector<record>{});
     });
-    job_outcome outcome = run("NSLookup", lookup_input(server), [&] { server.serve(); });
+    job_outcome outcome = looked_up(server);
     std::string addresses = text(outcome, "Result.1.IPAddresses");
     EXPECT_TRUE(addresses.ends_with(",10.0.0.120")) << addresses;
 }
@@ -980,11 +1002,9 @@ TEST(NSLookup, AQuestionForWhichThereIsNoRoomIsAsOneThatIsLost)
 {
     in_own_network(true, [] {
         name_server server(addresses_of_one);
-        json_ref input = lookup_input(server);
-        json_object_set_new(input.get(), "Timeout", json_integer(200));
         if (!let_fail(SYS_sendmsg, EAGAIN))
             _exit(77);
-        job_outcome outcome = run("NSLookup", input, [&] { server.serve(); });
+        job_outcome outcome = looked_up(server, R"({"Timeout":200})");
         EXPECT_EQ(text(outcome, "Result.1.Status"), "Error_Timeout");
         EXPECT_EQ(server.asked, 0);
     });

@@ -17,6 +17,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -208,6 +209,18 @@ TEST_F(VeldConnection, WhoDoesNotReadLosesTheLink)
     events.run();
     EXPECT_TRUE(owner.over);
     EXPECT_LT(sent, 40);
+}
+
+TEST_F(VeldConnection, WhatManyGetCountsInParts)
+{
+    auto event = std::make_shared<const std::string>(4 << 20, 'x');
+    EXPECT_EQ(link->unread_output(), 0U);
+    link->send_event(event);
+    EXPECT_EQ(link->unread_output(), size_t{2} << 20); // this test has it, too
+    event.reset();
+    EXPECT_EQ(link->unread_output(), size_t{4} << 20);
+    link->send(std::string(1 << 20, 'x'));
+    EXPECT_EQ(link->unread_output(), size_t{5} << 20);
 }
 
 TEST_F(VeldConnection, MemoryOfOutputIsGivenBackWithTheLink)
@@ -596,6 +609,21 @@ TEST(VeldWorker, WhatFollowsIsDoneOnTheLoopInTheOrderGiven)
     events.run();
     EXPECT_EQ(done, (std::vector<int>{0, 1, 2}));
     EXPECT_EQ(thread.waiting(), 0U);
+}
+
+TEST(VeldWorker, SeveralAskersTakeTurns)
+{
+    loop events;
+    std::string done;
+    std::promise<void> begin;
+    {
+        worker thread(events, worker::at_end::finish);
+        thread.run([may = begin.get_future().share()] { may.wait(); });
+        for (const char *asker : {"a", "a", "a", "b", "a", "b", "c"})
+            thread.run([&done, asker] { done += asker; }, nullptr, asker);
+        begin.set_value();
+    }
+    EXPECT_EQ(done, "abcabaa");
 }
 
 TEST(VeldWorker, WhatIsAbandonedTouchesNothingAnyMore)

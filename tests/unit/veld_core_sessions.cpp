@@ -120,6 +120,19 @@ TEST(VeldLoginGuard, AttemptsAtOnceWaitOneBehindTheOther)
     EXPECT_LE(at_once, 6);
 }
 
+TEST(VeldLoginGuard, WhatIsGivenUpCountsNoMore)
+{
+    login_guard guard;
+    guard.given_up("eve", "uid 5"); // of whom nothing is known
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(guard.admit("eve", "uid 5", 1000), 1000);
+        guard.given_up("eve", "uid 5");
+    }
+    EXPECT_GT(guard.failed("eve", "uid 5", 1000), 0);
+    guard.given_up("eve", "uid 5");
+    EXPECT_GT(guard.admit("eve", "uid 5", 1000), 1000);
+}
+
 TEST(VeldLoginGuard, ThoseWhoKnowTheirPasswordNeverWait)
 {
     login_guard guard;

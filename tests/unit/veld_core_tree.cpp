@@ -1,8 +1,11 @@
 #include "veld_core_small_model.h"
 
 #include "veld/model/change.h"
+#include "veld/model/given.h"
 #include "veld/model/populate.h"
 #include "veld/state/configuration.h"
+
+#include <map>
 
 using namespace veld;
 using namespace veld_test;
@@ -76,6 +79,12 @@ TEST(VeldTree, MovesInstancesWithinTheOrder)
     EXPECT_EQ(numbers(model.get(), "Device.Search"), (std::vector<uint32_t>{2, 3, 1}));
     model->add(model->find("Device.Search").at, 1);
     EXPECT_EQ(numbers(model.get(), "Device.Search"), (std::vector<uint32_t>{2, 4, 3, 1}));
+    // So far behind the last place that a word of some machines does not hold it.
+    for (const uint64_t order : {(uint64_t{1} << 32) + 1, uint64_t{INT64_MAX}}) {
+        ASSERT_FALSE(change_order(model.get(), role::administrator, "Device.Search.1", 1));
+        ASSERT_FALSE(change_order(model.get(), role::administrator, "Device.Search.1", order));
+        EXPECT_EQ(numbers(model.get(), "Device.Search"), (std::vector<uint32_t>{2, 4, 3, 1}));
+    }
     model->remove(model->find("Device.Search.3").at);
     EXPECT_EQ(numbers(model.get(), "Device.Search"), (std::vector<uint32_t>{2, 4, 1}));
 }
@@ -113,25 +122,102 @@ TEST(VeldTree, KeepsUniqueValuesApart)
     EXPECT_EQ(set(model.get(), R"([{"Name":"Device.Host.1.Alias","Value":"one"}])").code, code::none);
 }
 
+/// What a parameter of the table "T." begins with in a new instance.
+std::string value_of_new(tree *model, const char *parameter)
+{
+    node *added = nullptr;
+    const fault problem = change_add(model, role::administrator, "T.", 0, &added);
+    return problem ? problem.message : value_at(model, (tree::name(added) + parameter).c_str());
+}
+
 TEST(VeldTree, GivesNewInstancesFreeUniqueNumbers)
 {
     const auto model = make_tree();
     node *added = nullptr;
     ASSERT_FALSE(change_add(model.get(), role::administrator, "Device.Host.", 0, &added));
     EXPECT_EQ(value_at(model.get(), "Device.Host.3.Id"), "3");
-    // Where none is free it begins with the default, as others may.
-    const auto narrow = make_tree({}, R"({"format":1,"root":{"T":{"multi":true,"access":"readWrite","template":{
-        "children":{"N":{"type":"int","access":"readWrite","default":1,"maxInclusive":2,"unique":true}}}}}})");
-    for (const char *expected : {"1", "2", "1"}) {
-        ASSERT_FALSE(change_add(narrow.get(), role::administrator, "T.", 0, &added));
-        EXPECT_EQ(value_at(narrow.get(), (tree::name(added) + "N").c_str()), expected);
+    // Where none is free there is no place for another instance; nor is there any number beyond the last one.
+    for (const char *n : {R"("int","default":1,"maxInclusive":2)", R"("long","default":9223372036854775806)"}) {
+        const auto narrow = make_tree({}, (std::string(R"({"format":1,"root":{"T":{"multi":true,"access":"readWrite",
+            "template":{"access":"readWrite","children":{"N":{"unique":true,"type":)") +
+                                           n + "}}}}}}")
+                                              .c_str());
+        const int64_t first = std::stoll(value_of_new(narrow.get(), "N"));
+        EXPECT_EQ(value_of_new(narrow.get(), "N"), std::to_string(first + 1));
+        const fault full = change_add(narrow.get(), role::administrator, "T.", 0, &added);
+        EXPECT_EQ(full.code, code::resources);
+        EXPECT_EQ(full.message, "T. has no value left for a new instance's N");
+        EXPECT_EQ(numbers(narrow.get(), "T"), (std::vector<uint32_t>{1, 2}));
+        EXPECT_EQ(value_at(narrow.get(), "T.max_instance"), "2");
+        node *table = nullptr;
+        uint32_t number = 0;
+        ASSERT_FALSE(change_delete(narrow.get(), role::administrator, "T.1", &table, &number));
+        EXPECT_EQ(value_of_new(narrow.get(), "N"), std::to_string(first));
     }
-    // Nor is there any number beyond the last one.
-    const auto last = make_tree({}, R"({"format":1,"root":{"T":{"multi":true,"access":"readWrite","template":{
-        "children":{"N":{"type":"long","default":9223372036854775807,"unique":true}}}}}})");
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_FALSE(change_add(last.get(), role::administrator, "T.", 0, &added));
-        EXPECT_EQ(value_at(last.get(), (tree::name(added) + "N").c_str()), "9223372036854775807");
+}
+
+TEST(VeldTree, GivesNewInstancesFreeUniqueValuesOfEveryType)
+{
+    const struct {
+        const char *what;
+        std::vector<std::string> values;
+        bool full = false; // when there are as many
+    } cases[] = {
+        {R"("string","default":"")", {R"("")", R"("")", R"("")"}},
+        {R"("string","default":"rule")", {R"("rule")", R"("rule-2")", R"("rule-3")"}},
+        {R"("string","default":"rule","maxLength":5)", {R"("rule")", R"("rule2")", R"("rule3")"}},
+        {R"("string","default":"rule","regex":"[a-z]*")", {R"("rule")", R"("")", R"("")"}},
+        {R"("string","default":"Port1")", {R"("Port1")", R"("Port2")", R"("Port3")"}},
+        {R"("string","default":"a-09","maxLength":4)", {R"("a-09")", R"("a-10")", R"("a-11")"}},
+        {R"("string","default":"b","enum":["a","b","c"])", {R"("b")", R"("a")", R"("c")"}, true},
+        {R"("boolean","default":true)", {"true", "false"}, true},
+        {R"("int","default":3,"minInclusive":1,"maxInclusive":3)", {"3", "1", "2"}, true},
+        {R"("int","default":-1,"offValue":-1,"minInclusive":5,"maxInclusive":7)", {"-1", "5", "6"}},
+        {R"("int","default":0,"ranges":[[0,10,5]])", {"0", "5", "10"}, true},
+        {R"("int","default":10,"ranges":[[1,1],[10,10]])", {"10", "1"}, true},
+        {R"("int","default":20,"enum":[10,20,30])", {"20", "10", "30"}, true},
+        {R"("decimal","default":0.5)", {"0.5", "1.5", "2.5"}},
+        {R"("unsignedLong","default":"18446744073709551614")",
+         {R"("18446744073709551614")", R"("18446744073709551615")"},
+         true},
+        {R"("dateTime","default":"2024-01-01T00:00:00Z")",
+         {R"("2024-01-01T00:00:00Z")", R"("2024-01-01T00:00:01Z")", R"("2024-01-01T00:00:02Z")"}},
+        {R"("hexBinary","default":"0A09")", {R"("0A09")", R"("0A10")", R"("0A11")"}},
+        {R"("path","default":"T.1","targets":[])", {R"("T.1")", R"("")", R"("")"}},
+    };
+    for (const auto &one : cases) {
+        const auto model =
+            make_tree({}, (std::string(R"({"format":1,"root":{"T":{"multi":true,"access":"readWrite","template":
+            {"children":{"O":{"children":{"V":{"unique":true,"type":)") +
+                           one.what + "}}}}}}}}")
+                              .c_str());
+        for (const std::string &value : one.values)
+            EXPECT_EQ(value_of_new(model.get(), "O.V"), value) << one.what;
+        node *added = nullptr;
+        const fault problem = change_add(model.get(), role::administrator, "T.", 0, &added);
+        EXPECT_EQ(problem.code == code::resources, one.full) << one.what;
+    }
+}
+
+TEST(VeldTree, GivesEveryInstanceOfTheModelAFreeUniqueValue)
+{
+    const auto model = make_tree({}, R"({"format":1,"root":{
+        "T":{"multi":true,"template":{"children":{"N":{"type":"string","default":"n","unique":true}}},
+             "instances":{"1":{},"2":{},"3":{"N":"n-2"},"4":{}}},
+        "Class":{"multi":true,"minCount":3,"maxCount":3,"template":{"children":{
+            "Name":{"type":"string","default":"BE","enum":["BE","BK","VI"],"unique":true}}}}}})");
+    std::string values;
+    for (const char *path : {"T.1.N", "T.2.N", "T.3.N", "T.4.N", "Class.1.Name", "Class.2.Name", "Class.3.Name"})
+        values += value_at(model.get(), path) + " ";
+    EXPECT_EQ(values, R"("n" "n-3" "n-2" "n-4" "BE" "BK" "VI" )");
+    for (const char *three : {R"("minCount":3,"maxCount":3)", R"("instances":{"1":{},"2":{},"3":{}})"}) {
+        const json_ref narrow = json((std::string(R"({"format":1,"root":{"T":{"multi":true,"template":{"children":{
+            "On":{"type":"boolean","default":false,"unique":true}}},)") +
+                                      three + "}}}")
+                                         .c_str());
+        std::string error;
+        EXPECT_FALSE(document_tree(narrow.get(), nullptr, &error));
+        EXPECT_EQ(error, "T.3.: no value is left for On");
     }
 }
 
@@ -291,6 +377,96 @@ TEST(VeldTree, AConfigurationGivesNoTwoInstancesTheSameKey)
     EXPECT_EQ(problem(R"({"A":1,"B":2})", R"({"A":1,"B":3})"), "");
     EXPECT_EQ(problem(R"({"A":1,"B":2})", R"({"A":1,"B":2,"On":false})"), "");
     EXPECT_EQ(problem("{}", "{}"), "");
+}
+
+/// A model with a key of two parameters, and these factory instances.
+std::string keyed_model(const char *instances)
+{
+    return std::string(
+               R"({"format":1,"root":{"T":{"multi":true,"keys":[{"parameters":["A","B"]}],"template":{"children":{
+        "A":{"type":"int","access":"readWrite","default":0},"B":{"type":"int","access":"readWrite","default":0}}},
+        "instances":)") +
+           instances + "}}}";
+}
+
+TEST(VeldTree, NothingElseGivesTwoInstancesTheSameKey)
+{
+    std::string error;
+    const json_ref equal = json(keyed_model(R"({"1":{"A":1,"B":2},"2":{"B":2,"A":1}})").c_str());
+    EXPECT_FALSE(document_tree(equal.get(), nullptr, &error));
+    EXPECT_EQ(error, "T.1.A: would give the instance the key (A, B) of instance 2");
+
+    const auto model = make_tree({}, keyed_model(R"({"1":{"A":1,"B":2},"2":{"A":1,"B":3}})").c_str());
+    value_change done;
+    EXPECT_EQ(value_put(model.get(), "T.2.B", json(R"(2)").get(), &done),
+              "would give the instance the key (A, B) of instance 1");
+    EXPECT_EQ(value_put(model.get(), "T.2.B", json("4").get(), &done), "");
+
+    // Of several values what counts is what they come to.
+    given_values given;
+    for (const char *one : {"T.1.B=4", "T.2.A=5"})
+        ASSERT_TRUE(given.add(one, &error)) << error;
+    EXPECT_TRUE(given.apply(model.get(), &error)) << error;
+    ASSERT_TRUE(given.add("T.2.A=1", &error)) << error;
+    EXPECT_FALSE(given.apply(model.get(), &error));
+    EXPECT_EQ(error, "T.1.B: would give the instance the key (A, B) of instance 2");
+}
+
+TEST(VeldTree, AConfigurationGivesTheInstancesOfATableOnce)
+{
+    const auto model = make_tree();
+    const json_ref twice = json(R"({"veld-config":1,"config":{"Device.Host":{"instances":{"7":{"Alias":"a"}}},
+                                    "Device":{"Host":{"instances":{"8":{"Alias":"b"}}}}}})");
+    std::string error;
+    json_ref whole;
+    EXPECT_FALSE(configuration_check(model.get(), twice.get(), &whole, &error));
+    EXPECT_EQ(error, "Device.Host.: its instances are given twice");
+}
+
+TEST(VeldTree, AConfigurationKeepsTheUniqueValuesThatInstancesBeganWith)
+{
+    const auto model = make_tree({}, R"({"format":1,"root":{"T":{"multi":true,"access":"readWrite","template":
+        {"access":"readWrite","children":{"Id":{"type":"string","default":"id","unique":true}}}}}})");
+    for (const char *value : {R"("id")", R"("id-2")", R"("id-3")"})
+        EXPECT_EQ(value_of_new(model.get(), "Id"), value);
+    node *table = nullptr;
+    uint32_t number = 0;
+    ASSERT_FALSE(change_delete(model.get(), role::administrator, "T.1", &table, &number));
+    const json_ref saved = configuration_of(model.get());
+    std::string error;
+    json_ref whole;
+    EXPECT_TRUE(configuration_check(model.get(), saved.get(), &whole, &error)) << error;
+    model->reset();
+    ASSERT_TRUE(configuration_restore(model.get(), saved.get(), &error)) << error;
+    EXPECT_EQ(value_at(model.get(), "T.2.Id") + value_at(model.get(), "T.3.Id"), R"("id-2""id-3")");
+    // Those that say nothing of it get one.
+    const json_ref bare = json(R"({"veld-config":1,"config":{"T":{"instances":{"4":{},"5":{}}}}})");
+    model->reset();
+    ASSERT_TRUE(configuration_restore(model.get(), bare.get(), &error)) << error;
+    EXPECT_EQ(value_at(model.get(), "T.4.Id") + value_at(model.get(), "T.5.Id"), R"("id""id-5")");
+}
+
+TEST(VeldTree, NoTableIsTooSmallToBePopulatedThatMayHoldMoreThanAWordCounts)
+{
+    const auto model = make_tree({}, R"({"format":1,"root":{"T":{"multi":true,"maxCount":4294967296,"template":{
+        "children":{"A":{"type":"int","default":0}}}}}})");
+    populate(model.get(), 2, 0);
+    EXPECT_EQ(numbers(model.get(), "T"), (std::vector<uint32_t>{1, 2}));
+}
+
+TEST(VeldTree, AnOrderNamesInstancesByTheirNumbersAlone)
+{
+    const auto model = make_tree();
+    const auto problem = [&](const std::string &first) {
+        std::string error;
+        json_ref whole;
+        const std::string text = R"({"veld-config":1,"config":{"Device":{"Search":{"order":[)" + first + ",2,3]}}}}";
+        configuration_check(model.get(), json(text.c_str()).get(), &whole, &error);
+        return error;
+    };
+    EXPECT_EQ(problem("1"), "");
+    for (const char *number : {"4294967297", "-4294967295", "0", "\"1\"", "2"})
+        EXPECT_EQ(problem(number), "Device.Search.: \"order\" does not name every instance once") << number;
 }
 
 TEST(VeldTree, TenThousandInstancesAreNoQuadraticWork)

@@ -33,9 +33,10 @@ std::unique_ptr<job> ended_job(fault problem)
     return std::make_unique<instant_job>(std::move(problem));
 }
 
-void job::begin(loop &events, ended_handler ended)
+void job::begin(loop &events, ended_handler ended, std::string account)
 {
     loop_ = &events;
+    account_ = std::move(account);
     ended_ = std::move(ended);
     if (longest_ms_ > 0)
         deadline_ = events.after(longest_ms_, [this] {

@@ -33,8 +33,8 @@ public:
     virtual ~job() { rest(); }
 
     /// Goes as far as it can, and on whenever something that it waits for has happened. `ended` is called once, perhaps
-    /// before this returns, and may destroy the job.
-    void begin(loop &events, ended_handler ended);
+    /// before this returns, and may destroy the job. `account`: whose limits count; empty: the daemon's own.
+    void begin(loop &events, ended_handler ended, std::string account = {});
     /// Whether what it does may be broken off by destroying it. Otherwise it ends by itself within a bounded time.
     virtual bool can_be_cut_off() const { return true; }
 
@@ -47,6 +47,7 @@ protected:
     virtual void proceed() = 0;
 
     loop &events() { return *loop_; }
+    const std::string &account() const { return account_; }
     /// False when no more can be watched. A descriptor that is closed is no longer watched.
     [[nodiscard]] bool watch(int fd, uint32_t bits);
     void unwatch(int fd);
@@ -67,6 +68,7 @@ private:
     int64_t longest_ms_ = 0; // 0: it is bounded in another way
     fault too_late_;
     loop *loop_ = nullptr;
+    std::string account_;
     std::vector<std::pair<int, loop::watch_id>> watched_;
     loop::timer_id timer_ = 0;
     loop::timer_id deadline_ = 0;

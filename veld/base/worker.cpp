@@ -9,6 +9,7 @@
 #include <mutex>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <unordered_map>
 
 namespace veld
 {
@@ -28,12 +29,30 @@ struct piece {
 struct worker::shared {
     std::mutex lock;
     std::condition_variable more;
-    std::deque<piece> given;                  // guarded by `lock`, like the next two
-    std::vector<std::function<void()>> ready; // what is to be called on the loop
+    std::unordered_map<std::string, std::deque<piece>> given; // by asker; guarded by `lock`, like the next three
+    std::deque<std::string> turns;                            // those who have given something: who is next
+    std::vector<std::function<void()>> ready;                 // what is to be called on the loop
     bool ends = false;
     bool abandoned = false;
     fd_owner bell{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)}; // rung when something is ready
+
+    piece take();
 };
+
+// The first piece of whoever is next, there is one. With the lock.
+piece worker::shared::take()
+{
+    std::string asker = std::move(turns.front());
+    turns.pop_front();
+    const auto own = given.find(asker);
+    piece next = std::move(own->second.front());
+    own->second.pop_front();
+    if (own->second.empty())
+        given.erase(own);
+    else
+        turns.push_back(std::move(asker));
+    return next;
+}
 
 worker::worker(loop &events, at_end how) : loop_(events), how_(how), state_(std::make_shared<shared>())
 {
@@ -55,8 +74,10 @@ worker::~worker()
         const std::lock_guard guard(state_->lock);
         state_->ends = true;
         state_->abandoned = how_ == at_end::abandon;
-        if (state_->abandoned)
+        if (state_->abandoned) {
             state_->given.clear();
+            state_->turns.clear();
+        }
     }
     state_->more.notify_one();
     if (started_ && how_ == at_end::finish)
@@ -67,11 +88,10 @@ void worker::serve(const std::shared_ptr<shared> &state)
 {
     std::unique_lock guard(state->lock);
     while (true) {
-        state->more.wait(guard, [&state] { return state->ends || !state->given.empty(); });
-        if (state->given.empty())
+        state->more.wait(guard, [&state] { return state->ends || !state->turns.empty(); });
+        if (state->turns.empty())
             return;
-        piece next = std::move(state->given.front());
-        state->given.pop_front();
+        piece next = state->take();
         guard.unlock();
         next.work();
         guard.lock();
@@ -89,7 +109,7 @@ void worker::serve(const std::shared_ptr<shared> &state)
     }
 }
 
-void worker::run(std::function<void()> work, std::function<void()> after)
+void worker::run(std::function<void()> work, std::function<void()> after, const std::string &asker)
 {
     if (!started_) {
         const auto body = [state = state_] { serve(state); };
@@ -109,7 +129,10 @@ void worker::run(std::function<void()> work, std::function<void()> after)
     }
     {
         const std::lock_guard guard(state_->lock);
-        state_->given.push_back({std::move(work), std::move(after)});
+        std::deque<piece> &own = state_->given[asker];
+        if (own.empty())
+            state_->turns.push_back(asker);
+        own.push_back({std::move(work), std::move(after)});
     }
     state_->more.notify_one();
 }

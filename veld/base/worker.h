@@ -6,11 +6,13 @@
 #include <functional>
 #include <memory>
 #include <pthread.h>
+#include <string>
 
 namespace veld
 {
 
-/// Does one piece of work after the other, in the order in which they were given. Loop's thread only.
+/// Does one piece of work after the other, in the order in which they were given; those of several askers take turns.
+/// Loop's thread only.
 class worker
 {
 public:
@@ -26,7 +28,8 @@ public:
     ~worker();
 
     /// Calls `work` in the thread, then `after` on the loop. What both share is `work`'s alone until `after` is called.
-    void run(std::function<void()> work, std::function<void()> after = nullptr);
+    /// `asker`: whose it is, where many have work done.
+    void run(std::function<void()> work, std::function<void()> after = nullptr, const std::string &asker = {});
     /// How many pieces are not done yet.
     size_t waiting() const { return waiting_; }
 

@@ -106,7 +106,7 @@ int behaviour::lua_timer(lua_State *in)
         return luaL_error(in, "too many timers");
     lua_settop(in, 2);
     const int function = luaL_ref(in, LUA_REGISTRYINDEX);
-    const int id = here->next_timer_++;
+    const int64_t id = here->next_timer_++;
     const auto milliseconds = std::max(static_cast<int64_t>(seconds * 1000), shortest_ms);
     here->timers_[id] = {function, again ? milliseconds : -milliseconds, 0};
     if (here->connected_)
@@ -118,9 +118,8 @@ int behaviour::lua_timer(lua_State *in)
 int behaviour::lua_cancel(lua_State *in)
 {
     behaviour *here = self(in);
-    const lua_Integer number = luaL_checkinteger(in, 1);
-    const auto found = here->timers_.find(static_cast<int>(number));
-    if (found == here->timers_.end() || found->first != number)
+    const auto found = here->timers_.find(luaL_checkinteger(in, 1));
+    if (found == here->timers_.end())
         return 0;
     if (found->second.waiting != 0)
         here->host_.cancel(found->second.waiting);
@@ -375,13 +374,13 @@ void behaviour::connect(behaviour_host host)
         start_timer(id);
 }
 
-void behaviour::start_timer(int id)
+void behaviour::start_timer(int64_t id)
 {
     timer &one = timers_[id];
     one.waiting = host_.after(std::abs(one.every_ms), [this, id] { ring(id); });
 }
 
-void behaviour::ring(int id)
+void behaviour::ring(int64_t id)
 {
     const auto found = timers_.find(id);
     if (found == timers_.end())

@@ -76,8 +76,8 @@ private:
     bool protect(int arguments, std::string *error);
     std::string error_of(lua_State *in);
     void complain(handler *of, const std::string &path, const std::string &error);
-    void start_timer(int id);
-    void ring(int id);
+    void start_timer(int64_t id);
+    void ring(int64_t id);
     json_ref of_type(const scheme &what, json_ref value) const;
 
     static behaviour *self(lua_State *in);
@@ -104,8 +104,8 @@ private:
     int on_restart_ = 0;
     int on_image_ = 0;
     int on_flash_ = 0;
-    std::map<int, timer> timers_;
-    int next_timer_ = 1;
+    std::map<int64_t, timer> timers_;
+    int64_t next_timer_ = 1;
     json_ref scratch_; // what a Lua function is about to push, kept where raising does not lose it
     std::string path_;
     std::string text_;

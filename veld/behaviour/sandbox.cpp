@@ -1,5 +1,7 @@
 #include "veld/behaviour/sandbox.h"
 
+#include "veld/behaviour/children.h"
+
 #include <lua.hpp>
 
 #include <cmath>
@@ -161,6 +163,7 @@ int sandbox::open(lua_State *in)
     luaL_unref(in, LUA_REGISTRYINDEX, luaL_ref(in, LUA_REGISTRYINDEX));
     if (of(in)->trusted_) {
         luaL_openlibs(in);
+        children_open(in);
         return 0;
     }
     for (const luaL_Reg &one : libraries) {

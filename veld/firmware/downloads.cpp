@@ -189,7 +189,7 @@ void downloads::transfer::proceed()
         return fail(std::move(problem));
     LOG_INFO("fetches %s from %.200s", wanted_.type.c_str(), wanted_.url.c_str());
     source_ = std::make_unique<fetch>(events(), downloads_.files_, std::move(url_), *file_,
-                                      fetch_bounds{downloads_.settings_.stall_ms, wanted_.reader},
+                                      fetch_bounds{downloads_.settings_.stall_ms, wanted_.reader, account()},
                                       [this](const fault &problem) { arrived(problem); });
     source_->start();
 }

@@ -62,7 +62,7 @@ char *buffer()
 } // namespace
 
 fetch::fetch(loop &events, worker &disk, source_url url, spool &into, fetch_bounds bounds, done_handler done)
-    : loop_(events), disk_(disk), url_(std::move(url)), into_(into), bounds_(bounds), done_(std::move(done))
+    : loop_(events), disk_(disk), url_(std::move(url)), into_(into), bounds_(std::move(bounds)), done_(std::move(done))
 {
 }
 
@@ -249,7 +249,7 @@ void fetch::look_up()
         connect_next();
         return;
     }
-    lookup_ = name_lookup::start(url_.host, AF_UNSPEC);
+    lookup_ = name_lookup::start(url_.host, AF_UNSPEC, bounds_.account);
     if (!lookup_)
         return fail(code::resources, "too many names are being resolved");
     watch(lookup_->fd(), EPOLLIN);

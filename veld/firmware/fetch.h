@@ -20,6 +20,7 @@ namespace veld
 struct fetch_bounds {
     int64_t stall_ms;            ///< how long a connect, and every wait for more, may take
     std::optional<uid_t> reader; ///< whose files of this machine it may read; nothing: those of everybody alone
+    std::string account = {};    ///< whose limits count
 };
 
 class fetch

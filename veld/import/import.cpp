@@ -40,6 +40,10 @@ constexpr std::string_view users_object = "Users.";
 constexpr std::string_view users_table = "Users.User.{i}.";
 constexpr std::string_view password_name = "Password";
 
+// What the daemon has at the root itself.
+constexpr const char *version_name = "DataModelVersion";
+constexpr std::string_view names_version = "is where the version of the model stands";
+
 std::string_view root_of(std::string_view path)
 {
     return path.substr(0, path.find('.') + 1);
@@ -157,6 +161,8 @@ void builder::add_object(const object_declaration &object)
     json_t *beside = above->second.members;
     if (!scheme_name_fits(name, false))
         return warn(object.line, object.path, "\"" + name + "\" is no name that can be served; left out");
+    if (parent.empty() && name == version_name)
+        return warn(object.line, object.path, std::string(names_version) + "; left out");
     if (depth >= scheme_deepest)
         return warn(object.line, object.path, "is nested too deep; left out");
     if (json_object_get(beside, name.c_str()) != nullptr)
@@ -258,6 +264,8 @@ bool builder::add_parameter(json_t *to, const parameter_declaration &parameter, 
     };
     if (!scheme_name_fits(parameter.name, object.empty() && !path.empty()))
         return refuse("\"" + parameter.name + "\" is no name that can be served");
+    if (path.empty() && parameter.name == version_name)
+        return refuse(std::string(names_version));
     if (json_object_get(to, parameter.name.c_str()) != nullptr)
         return refuse("is declared twice");
     resolved_type type;
@@ -511,8 +519,7 @@ json_ref builder::build(const std::vector<const model_declaration *> &chosen)
         size_t colon = version.find(':');
         version.erase(0, colon == std::string::npos ? version.size() : colon + 1);
     }
-    json_object_set_new(root_, "DataModelVersion",
-                        json_pack("{s:s, s:s}", "type", "string", "default", version.c_str()));
+    json_object_set_new(root_, version_name, json_pack("{s:s, s:s}", "type", "string", "default", version.c_str()));
     return document;
 }
 

@@ -337,15 +337,24 @@ json_t *first_enumerated(const resolved_type &type)
     return nullptr;
 }
 
+// The number in the first of the ranges that is nearest to nothing at all.
+int64_t made_number(const std::vector<interval> &ranges)
+{
+    if (within(ranges, 0))
+        return 0;
+    const interval &first = ranges[0];
+    if (first.low)
+        return *first.low;
+    // Without a beginning the steps are counted from nothing, on which this end may not lie.
+    const auto beyond = static_cast<int64_t>((distance(*first.high, 0) - 1) % static_cast<uint64_t>(first.step));
+    int64_t made = 0;
+    return __builtin_sub_overflow(*first.high, first.step - 1 - beyond, &made) ? *first.high : made;
+}
+
 json_t *made_integer(const resolved_type &type)
 {
-    if (json_t *first = first_enumerated(type))
-        return first;
-    if (within(type.ranges, 0))
-        return json_integer(0);
-    // The end of a range that is nearest to nothing at all.
-    const interval &first = type.ranges[0];
-    return json_integer(first.low ? *first.low : *first.high);
+    json_t *first = first_enumerated(type);
+    return first != nullptr ? first : json_integer(made_number(type.ranges));
 }
 
 // A text of one item, or of a value that is no list.
@@ -392,8 +401,7 @@ json_t *made_default(const resolved_type &type, const std::string &expression)
     if (!type.list && truth)
         return json_false();
     if (!type.list && type.name == "decimal")
-        return json_real(
-            within(type.ranges, 0) ? 0 : double(type.ranges[0].low ? *type.ranges[0].low : *type.ranges[0].high));
+        return json_real(static_cast<double>(made_number(type.ranges)));
     // No text is made up to fit a pattern.
     std::string text = type.list ? made_list(type) : made_text(type, type.sizes);
     return json_string(type.patterns.empty() || fits(expression, text) ? text.c_str() : "");

@@ -6,6 +6,7 @@
 
 #include <iterator>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 
 namespace veld
@@ -65,12 +66,13 @@ template <size_t count> size_t find_provider(const provider (&list)[count], std:
 void separate_keys(json_t *rows)
 {
     std::unordered_set<std::string> seen;
+    std::unordered_map<std::string, int> numbers; // by key: the last one behind it
     for (size_t i = 0; i < json_array_size(rows); i++) {
         json_t *row = json_array_get(rows, i);
         std::string key = json_string_value(json_object_get(row, "#key"));
         std::string unique = key;
-        for (int n = 2; !seen.insert(unique).second; n++)
-            unique = key + "#" + std::to_string(n);
+        for (int *n = &numbers.try_emplace(key, 1).first->second; !seen.insert(unique).second;)
+            unique = key + "#" + std::to_string(++*n);
         if (unique != key)
             json_object_set_new(row, "#key", json_string(unique.c_str()));
         const char *field;

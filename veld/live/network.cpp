@@ -1,6 +1,7 @@
 // The network: interfaces with their addresses and counters, neighbours, name servers, routes, sockets.
 #include "base/clock.h"
 #include "base/fd.h"
+#include "base/json_ref.h"
 #include "base/number.h"
 #include "veld/live/providers.h"
 
@@ -19,6 +20,8 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace veld
@@ -47,6 +50,13 @@ struct interface {
     std::vector<address> ipv4;
     std::vector<address> ipv6;
 };
+
+struct seen_state {
+    std::string status;
+    int64_t since;
+};
+// By interface: what last_change_of() saw. read_interfaces() forgets those that are gone.
+std::unordered_map<std::string, seen_state> seen_states;
 
 std::string address_text(int family, const void *bytes)
 {
@@ -114,6 +124,7 @@ void add_address(interface *to, const ifaddrs &from)
 std::vector<interface> read_interfaces()
 {
     std::vector<interface> found;
+    std::unordered_map<std::string_view, size_t> places; // in `found`, by the list's names
     ifaddrs *list = nullptr;
     if (getifaddrs(&list) != 0) {
         sysfile_failed(errno);
@@ -122,16 +133,16 @@ std::vector<interface> read_interfaces()
     for (const ifaddrs *entry = list; entry != nullptr; entry = entry->ifa_next) {
         std::string_view name = entry->ifa_name;
         name = name.substr(0, name.find(':')); // an old-style alias is a further address of its interface
-        auto known = std::find_if(found.begin(), found.end(), [&](const interface &i) { return i.name == name; });
-        if (known == found.end()) {
+        const auto [place, fresh] = places.emplace(name, found.size());
+        if (fresh) {
             found.emplace_back();
-            known = found.end() - 1;
-            known->name = name;
-            known->flags = entry->ifa_flags;
+            found.back().name = name;
+            found.back().flags = entry->ifa_flags;
         }
         if (entry->ifa_addr != nullptr)
-            add_address(&*known, *entry);
+            add_address(&found[place->second], *entry);
     }
+    std::erase_if(seen_states, [&](const auto &one) { return places.count(one.first) == 0; });
     freeifaddrs(list);
     return found;
 }
@@ -179,13 +190,8 @@ const char *status_of(const interface &of)
 // Seconds since the interface was first seen in the state that it is in.
 int64_t last_change_of(const interface &of, std::string_view status)
 {
-    struct seen {
-        std::string status;
-        int64_t since;
-    };
-    static std::map<std::string, seen, std::less<>> known;
     const int64_t now = uptime_s();
-    seen &last = known[of.name];
+    seen_state &last = seen_states[of.name];
     if (last.status != status)
         last = {std::string(status), now};
     return now - last.since;
@@ -255,16 +261,27 @@ json_t *ipv6_rows(const interface &of)
     return rows;
 }
 
-bool has_default_route(const interface &of)
+// The names of the interfaces by which everything leaves that has no better way, over IPv4 or IPv6.
+std::unordered_set<std::string> default_route_interfaces()
 {
-    json_t *routes = live_routes();
-    bool found = false;
-    for (size_t i = 0; i < json_array_size(routes) && !found; i++) {
-        const json_t *route = json_array_get(routes, i);
-        found = of.name == json_string_value(json_object_get(route, "interface")) &&
-                std::string_view("0.0.0.0") == json_string_value(json_object_get(route, "mask"));
+    std::unordered_set<std::string> found;
+    const json_ref routes(live_routes());
+    for (size_t i = 0; i < json_array_size(routes.get()); i++) {
+        const json_t *route = json_array_get(routes.get(), i);
+        if (std::string_view("0.0.0.0") == json_string_value(json_object_get(route, "mask")))
+            found.emplace(json_string_value(json_object_get(route, "interface")));
     }
-    json_decref(routes);
+    constexpr unsigned up = 1;
+    const std::string text = read_sysfile("/proc/self/net/ipv6_route");
+    std::string_view rest = text;
+    for (std::string_view line; next_line(&rest, &line);) {
+        std::string_view
+            words[10]; // destination, prefix, source, prefix, next hop, metric, references, use, flags, device
+        for (std::string_view &word : words)
+            word = next_word(&line);
+        if (words[1] == "00" && (number_of<unsigned>(words[8], 16).value_or(0) & up) != 0)
+            found.emplace(words[9]);
+    }
     return found;
 }
 
@@ -308,13 +325,14 @@ json_t *live_ethernet()
 {
     json_t *rows = json_array();
     auto numbers = read_counters();
+    const auto upstream = default_route_interfaces();
     for (const interface &each : read_interfaces()) {
         if (each.hardware != ARPHRD_ETHER || access(("/sys/class/net/" + each.name + "/wireless").c_str(), F_OK) == 0)
             continue;
         std::string duplex = sys_attribute(each, "duplex");
         live_row row(each.name);
         set_common(&row, each, numbers);
-        row.set("mac", each.mac).set("upstream", has_default_route(each));
+        row.set("mac", each.mac).set("upstream", upstream.count(each.name) != 0);
         row.set("bit_rate", std::clamp<int64_t>(number_or_zero(sys_attribute(each, "speed")), 0, INT32_MAX));
         row.set("duplex", duplex == "full" ? "Full" : duplex == "half" ? "Half" : "Auto");
         row.add_to(rows);

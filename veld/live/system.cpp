@@ -39,7 +39,7 @@ json_t *live_machine()
     return uname(&names) == 0 ? json_clean_text(names.machine) : nullptr;
 }
 
-// --- memory and storage ---
+// --- memory and storage, in KiB as far as an unsignedInt can tell it ---
 
 std::optional<int64_t> meminfo_field(std::string_view text, std::string_view name)
 {
@@ -54,7 +54,7 @@ std::optional<int64_t> meminfo_field(std::string_view text, std::string_view nam
 static json_t *meminfo(std::string_view name)
 {
     std::optional<int64_t> kib = meminfo_field(read_sysfile("/proc/meminfo"), name);
-    return kib ? json_integer(*kib) : nullptr;
+    return kib ? json_integer(std::min<int64_t>(*kib, UINT32_MAX)) : nullptr;
 }
 
 json_t *live_memory_total()
@@ -70,7 +70,7 @@ json_t *live_memory_available()
     return meminfo("MemAvailable");
 }
 
-// An amount of the root file system in KiB, as far as an unsignedInt can tell it.
+// An amount of the root file system.
 static json_t *root_storage(fsblkcnt_t blocks, unsigned long block_size)
 {
     return json_integer(std::min<int64_t>(int64_t(blocks) * int64_t(block_size) / 1024, UINT32_MAX));
@@ -167,8 +167,10 @@ std::string_view zone_of_tzfile(std::string_view content)
 json_t *live_time_zone()
 {
     std::string file = "/etc/localtime";
-    if (const char *zone = getenv("TZ"); zone != nullptr && *zone != '\0') {
+    if (const char *zone = getenv("TZ")) {
         std::string_view name = zone;
+        if (name.empty())
+            return json_string("UTC0");
         if (name.starts_with(':'))
             name.remove_prefix(1);
         file = name.starts_with('/') ? std::string(name) : "/usr/share/zoneinfo/" + std::string(name);

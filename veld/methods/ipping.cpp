@@ -99,7 +99,7 @@ void ipping::find_host()
 {
     if (address_parse(host, family, &target_))
         return open_socket();
-    lookup_ = name_lookup::start(host, family);
+    lookup_ = name_lookup::start(host, family, account());
     if (!lookup_)
         return fail(code::resources, "too many name look-ups are under way");
     phase_ = phase::lookup;

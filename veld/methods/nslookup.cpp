@@ -99,7 +99,7 @@ void nslookup::begin()
     }
     if (server.empty()) // the machine has none either
         return finish("Error_DNSServerNotResolved");
-    lookup_ = name_lookup::start(server, AF_UNSPEC);
+    lookup_ = name_lookup::start(server, AF_UNSPEC, account());
     if (!lookup_)
         return fail(code::resources, "too many name look-ups are under way");
     phase_ = phase::lookup;

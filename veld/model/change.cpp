@@ -2,10 +2,12 @@
 
 #include "base/json_write.h"
 #include "veld/model/check.h"
+#include "veld/model/free_value.h"
 #include "veld/model/password.h"
 #include "veld/model/reference.h"
 #include "veld/model/table_keys.h"
 
+#include <algorithm>
 #include <limits>
 #include <unordered_map>
 #include <unordered_set>
@@ -18,7 +20,6 @@ namespace
 
 // What a table takes from clients where its model sets no limit.
 constexpr int64_t instances_without_limit = 65535;
-constexpr int tries_for_a_free_number = 10000;
 constexpr std::string_view refused_role = "may not be written by this user";
 
 struct pending {
@@ -162,6 +163,12 @@ json_ref hash_of(const ready_hashes &hashes, const json_t *password)
     return ready == hashes.end() ? password_hash(password) : json_ref::share(ready->second.get());
 }
 
+// A place of an order, which clients count from 1, however far behind the last one it is.
+size_t place_of(uint64_t order)
+{
+    return static_cast<size_t>(std::min<uint64_t>(order - 1, std::numeric_limits<size_t>::max()));
+}
+
 // An instance number that a client names, or the fault that says why it may not be touched.
 fault find_instance(tree *in, role who, std::string_view path, node **found)
 {
@@ -177,38 +184,6 @@ fault find_instance(tree *in, role who, std::string_view path, node **found)
 }
 
 } // namespace
-
-void settle_instance(tree *in, node *of, bool changed)
-{
-    if (of->what->kind == node_kind::object) {
-        for (const auto &child : of->children)
-            settle_instance(in, child.get(), changed);
-        return;
-    }
-    if (of->what->kind != node_kind::parameter || !of->what->unique || !json_is_integer(of->what->initial.get()))
-        return;
-    if (in->taken(of, of->what->initial.get()) == 0)
-        return;
-    const node *instance = of;
-    while (!instance->is_instance())
-        instance = instance->parent;
-    // Instance numbers never come back, so that the value which belongs to this one is free as a rule.
-    json_int_t number = json_integer_value(of->what->initial.get());
-    if (number < INT64_MAX - UINT32_MAX)
-        number += instance->number - 1;
-    json_ref kept;
-    for (int tries = 0; tries < tries_for_a_free_number; ++tries, ++number) {
-        json_ref value{json_integer(number)};
-        if (value_check(*of->what, value.get(), &kept))
-            return;
-        if (in->taken(of, value.get()) == 0) {
-            in->store(of, std::move(value), changed);
-            return;
-        }
-        if (number == INT64_MAX)
-            return;
-    }
-}
 
 fault change_values(tree *in, role who, const json_t *list, std::vector<value_change> *changes,
                     const ready_hashes &hashes)
@@ -297,6 +272,10 @@ std::string value_put(tree *in, const std::string &path, json_t *value, value_ch
         return problem.message;
     if (const uint32_t other = in->taken(where.at, kept.get()))
         return "is already used by instance " + std::to_string(other);
+    key_check keys(in);
+    keys.plan(where.at, kept.get());
+    if (std::string same = keys.problem(where.at); !same.empty())
+        return same;
     *done = {tree::name(where.at), json_ref::share(kept.get()), where.what};
     in->store(where.at, std::move(kept), false);
     return "";
@@ -323,8 +302,14 @@ fault change_add(tree *in, role who, std::string_view path, uint64_t order, node
         return {code::resources, std::string(path) + " takes at most " + std::to_string(most) + " instances", ""};
     if (table->table->highest == std::numeric_limits<uint32_t>::max())
         return {code::resources, std::string(path) + " has no instance numbers left", ""};
-    *added = in->add(table, order == 0 ? std::numeric_limits<size_t>::max() : static_cast<size_t>(order - 1));
-    settle_instance(in, *added, true);
+    const uint32_t highest = table->table->highest;
+    *added = in->add(table, order == 0 ? std::numeric_limits<size_t>::max() : place_of(order));
+    if (const std::string same = settle_instance(in, *added, true); !same.empty()) {
+        in->remove(*added);
+        *added = nullptr;
+        table->table->highest = highest;
+        return {code::resources, std::string(path) + " has no value left for a new instance's " + same, ""};
+    }
     table->changed = true;
     return {};
 }
@@ -358,7 +343,7 @@ fault change_order(tree *in, role who, std::string_view path, uint64_t order)
         return {code::bad_arguments, tree::name(table) + " is not ordered", ""};
     if (!table->what->writable)
         return denied(path, "cannot be moved");
-    in->move(instance, static_cast<size_t>(order - 1));
+    in->move(instance, place_of(order));
     table->changed = true;
     return {};
 }

@@ -28,11 +28,9 @@ json_ref value_at(tree *in, const std::string &path);
 /// Returns what is wrong with it, or an empty text.
 std::string value_put(tree *in, const std::string &path, json_t *value, value_change *done);
 
-/// Adds an instance to the table at `path`; `order` counts from 1, 0 is last. `*added` receives the instance.
+/// Adds an instance to the table at `path`; `order` counts from 1, 0 is last. `*added` receives the instance,
+/// whose unique parameters have values that no other one has.
 fault change_add(tree *in, role who, std::string_view path, uint64_t order, node **added);
-
-/// Gives the unique numbers of a new instance values that no other instance has. `changed`: they are to be saved.
-void settle_instance(tree *in, node *instance, bool changed);
 
 /// Deletes an instance; `*table` and `*number` say afterwards which it was.
 fault change_delete(tree *in, role who, std::string_view path, node **table, uint32_t *number);

@@ -5,6 +5,7 @@
 #include "veld/model/check.h"
 #include "veld/model/password.h"
 #include "veld/model/reference.h"
+#include "veld/model/table_keys.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -135,6 +136,15 @@ bool given_values::apply(tree *onto, std::string *error)
     onto->begin_request();
     for (entry &one : entries_) {
         std::string problem = put(onto, &one);
+        if (problem.empty())
+            continue;
+        *error = one.path + ": " + problem;
+        return false;
+    }
+    // Keys of several parameters hold when all of them are in their places.
+    key_check keys(onto);
+    for (const entry &one : entries_) {
+        const std::string problem = keys.problem(onto->find(one.path).at);
         if (problem.empty())
             continue;
         *error = one.path + ": " + problem;

@@ -2,13 +2,14 @@
 
 #include "base/number.h"
 #include "veld/base/log.h"
-#include "veld/model/change.h"
 #include "veld/model/check.h"
+#include "veld/model/free_value.h"
 #include "veld/model/password.h"
 #include "veld/model/table_keys.h"
 
 #include <algorithm>
 #include <limits>
+#include <unordered_set>
 
 namespace veld
 {
@@ -26,7 +27,7 @@ public:
     bool any(node *of, json_t *overlay);
     /// Unique values are compared when everything is in its place: they may have changed places.
     bool unique_values_hold();
-    /// The same for keys of several parameters, of a configuration from outside.
+    /// The same for keys of several parameters, but for a saved state, whose values were set under them.
     bool keys_hold();
 
 private:
@@ -58,7 +59,9 @@ private:
         bool changed_before;
     };
     std::vector<put_value> unique_;
-    std::vector<const node *> keyed_; // parameters that a key may be made of
+    std::vector<const node *> keyed_;       // parameters that a key may be made of
+    std::vector<node *> added_;             // instances
+    std::unordered_set<const node *> told_; // tables whose instances were given
 };
 
 bool applier::unique_values_hold()
@@ -79,6 +82,12 @@ bool applier::unique_values_hold()
         parameter->changed = one.changed_before;
         if (!parameter->value)
             settle_instance(tree_, parameter, true);
+    }
+    // What nobody has given a value begins with a free one.
+    for (node *one : added_) {
+        const std::string same = settle_instance(tree_, one, kind_ != overlay_kind::factory);
+        if (!same.empty() && !outdated(one, "no value is left for " + same))
+            return false;
     }
     return true;
 }
@@ -111,12 +120,13 @@ bool applier::parameter(node *of, json_t *value)
             return outdated(of, problem.message);
         if (kind_ == overlay_kind::strict && what.handler_set == "password" && !password_hash_usable(kept.get()))
             return fail(of, "is not the hash of a password");
-        if (what.runtime || (!what.writable && !of->is_instance()))
+        // A unique parameter may have got its value when the instance was added.
+        if (what.runtime || (!what.writable && !what.unique && !of->is_instance()))
             return outdated(of, "is not part of the configuration");
     }
     if (what.unique)
         unique_.push_back({of, json_ref::share(of->value.get()), of->changed});
-    if (kind_ == overlay_kind::strict && of->parent->is_instance() && !of->parent->parent->what->keys.empty())
+    if (kind_ != overlay_kind::saved && of->parent->is_instance() && !of->parent->parent->what->keys.empty())
         keyed_.push_back(of);
     tree_->store(of, std::move(kept), kind_ != overlay_kind::factory);
     return true;
@@ -132,7 +142,7 @@ bool applier::ordering(node *of, json_t *numbers)
     bool numbered = true;
     json_array_foreach(numbers, i, number)
     {
-        numbered = numbered && json_integer_value(number) <= UINT32_MAX;
+        numbered = numbered && json_integer_value(number) > 0 && json_integer_value(number) <= UINT32_MAX;
         order.push_back(static_cast<uint32_t>(json_integer_value(number)));
     }
     std::vector<uint32_t> sorted = order;
@@ -177,8 +187,10 @@ bool applier::instances(node *of, json_t *numbered)
         tree_->remove(tree_->instance(of, number));
     for (const entry &one : entries) {
         node *instance = tree_->instance(of, one.number);
-        if (instance == nullptr)
+        if (instance == nullptr) {
             instance = tree_->add_numbered(of, one.number, last);
+            added_.push_back(instance);
+        }
         if (!any(instance, one.overlay))
             return false;
     }
@@ -196,6 +208,8 @@ bool applier::table(node *of, json_t *overlay)
     if (numbered != nullptr) {
         if (!json_is_object(numbered) || (saved && of->what->from != source::stored))
             return fail(of, "bad \"instances\"");
+        if (!told_.insert(of).second)
+            return fail(of, "its instances are given twice");
         const json_t *highest = json_object_get(overlay, "max_instance");
         if (!instances(of, numbered))
             return false;
@@ -311,8 +325,13 @@ bool overlay_apply(tree *onto, node *of, json_t *overlay, overlay_kind kind, std
 bool factory_instances(tree *fresh, node *of, std::string *error)
 {
     if (of->table) {
-        for (uint32_t i = of->what->fixed_count(); i > 0; --i)
-            settle_instance(fresh, fresh->add(of, last), false);
+        for (uint32_t i = of->what->fixed_count(); i > 0; --i) {
+            node *added = fresh->add(of, last);
+            if (const std::string same = settle_instance(fresh, added, false); !same.empty()) {
+                *error = tree::name(added) + ": no value is left for " + same;
+                return false;
+            }
+        }
         json_ref overlay{json_object()};
         if (of->what->instances)
             json_object_set(overlay.get(), "instances", of->what->instances.get());

@@ -1,6 +1,6 @@
 #include "veld/model/populate.h"
 
-#include "veld/model/change.h"
+#include "veld/model/free_value.h"
 
 #include <limits>
 
@@ -16,10 +16,14 @@ void fill(tree *fresh, node *of, uint32_t here, uint32_t below)
         if (of->what->from != source::stored)
             return;
         const auto &instances = of->table->instances;
-        const auto most = of->what->max_count ? static_cast<size_t>(std::max<int64_t>(*of->what->max_count, 0))
-                                              : std::numeric_limits<size_t>::max();
-        while (instances.size() < here && instances.size() < most)
-            settle_instance(fresh, fresh->add(of, std::numeric_limits<size_t>::max()), false);
+        const int64_t most = of->what->max_count.value_or(std::numeric_limits<int64_t>::max());
+        while (instances.size() < here && static_cast<int64_t>(instances.size()) < most) {
+            node *added = fresh->add(of, std::numeric_limits<size_t>::max());
+            if (!settle_instance(fresh, added, false).empty()) {
+                fresh->remove(added);
+                break;
+            }
+        }
         for (const auto &one : instances)
             fill(fresh, one.get(), below, below);
         return;

@@ -1,5 +1,6 @@
 // Live tables: rows that the machine reports become instances, and keep their numbers while they exist.
 #include "veld/model/check.h"
+#include "veld/model/free_value.h"
 #include "veld/model/tree.h"
 
 #include <limits>
@@ -63,6 +64,8 @@ void tree::sync_rows(node *table, json_t *rows, bool tells)
             state.rows[text] = one->number;
         }
         sync_fields(one, row, tells && !is_new);
+        if (is_new)
+            settle_instance(this, one, false);
         if (is_new && tells && on_live_change_)
             on_live_change_(table, one->number, true);
     }

@@ -52,9 +52,12 @@ void service::set_values(client &from, const json_t *params, const ticket &to)
     };
     do_held(
         from, to,
-        [this, hash](errand::done_handler done) { passwords_.run(hash, [done = std::move(done)] { done({}); }); },
+        [this, hash, peer = from.link->peer()](errand::done_handler done) {
+            passwords_.run(
+                hash, [done = std::move(done)] { done({}); }, peer);
+        },
         [this, to, kept, hashes](client &asking) {
-            tree_.begin_request();
+            begin_request(&asking);
             finish_set(asking, kept->get(), *hashes, to);
         });
 }
@@ -128,12 +131,15 @@ void service::tell_instances(const std::vector<instance_change> &changes)
     deliver(events);
 }
 
-// Rows of the machine come and go whether anybody asks for them or not; who listens hears of those that were looked at.
+// Rows of the machine come and go whether anybody asks for them or not; who listens hears of those that were looked at,
+// and who is no user any more hears nothing.
 void service::watch_machine()
 {
     loop_.after(machine_looked_at_ms, [this] {
         if (sessions_.heard(event_instances))
             tree_.refresh_known();
+        if (live_accounts_)
+            review_logins();
         watch_machine();
     });
 }

@@ -1,3 +1,4 @@
+#include "base/clock.h"
 #include "veld/model/secret.h"
 #include "veld/rpc/answer.h"
 #include "veld/rpc/arguments.h"
@@ -11,6 +12,7 @@ namespace
 
 constexpr int64_t event_device = 2;
 constexpr int64_t parting_ms = 500;
+constexpr int64_t answering_ms = 2000; // what was asked before is answered, as far as that goes
 
 } // namespace
 
@@ -108,8 +110,11 @@ void service::announce(const char *action)
 
 void service::part_with_all()
 {
-    while (!long_queries_.empty())
+    // Those who have many such questions do not keep the device from going.
+    const int64_t until = monotonic_ms() + answering_ms;
+    while (!long_queries_.empty() && monotonic_ms() < until)
         end_query();
+    long_queries_.clear();
     operations_.end_all();
     downloads_.end_all();
     for (auto &[id, one] : clients_)

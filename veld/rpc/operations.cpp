@@ -59,7 +59,8 @@ void operations::run(operation_kind kind, const operation_asker &asker, std::uni
     const uint64_t id = next_++;
     job *const begun = what.get();
     each_.emplace(id, operation{kind, asker.client, asker.account, std::move(what), std::move(ended)});
-    begun->begin(loop_, [this, id](job_outcome &outcome) { over(id, outcome); });
+    begun->begin(
+        loop_, [this, id](job_outcome &outcome) { over(id, outcome); }, asker.account);
 }
 
 void operations::over(uint64_t id, job_outcome &outcome)

@@ -1,7 +1,8 @@
 // Questions about the model. Few are asked of so much that others would notice: those are answered in slices, between
 // which the loop does what else there is to do. The client that asked waits for its answer, as it would anyway: until
-// then its next requests are not looked at. One such answer is made at a time; the next query of the kind begins when
-// that is done, so that what is held for answers under way is bounded by the longest message.
+// then its next requests are not looked at. One such answer is made at a time; the next query of the kind, of which
+// each account has one in its turn, begins when that is done, so that what is held for answers under way is bounded by
+// the longest message.
 //
 // What an answer tells is the model as it was when its first slice was begun, whatever is set, added, deleted or moved
 // before its last: the tree keeps that past (veld/model/past.h). A set between two slices is answered at once, and what
@@ -76,8 +77,21 @@ void service::answer_query(client &from, const ticket &to, std::unique_ptr<query
         one.size = 0;
     }
     from.link->hold();
-    long_queries_.push_back(std::move(one));
+    wait_for_turn(from, std::move(one));
     go_on_soon();
+}
+
+// However many queries one account has, another's does not wait behind all of them.
+void service::wait_for_turn(client &from, long_query one)
+{
+    uint64_t &last = turns_[from.account()];
+    one.turn = last = std::max(last, turn_) + 1;
+    if (long_queries_.empty())
+        turn_ = one.turn;
+    const auto behind_the_first = long_queries_.begin() + (long_queries_.empty() ? 0 : 1);
+    const auto later = std::upper_bound(behind_the_first, long_queries_.end(), one.turn,
+                                        [](uint64_t turn, const long_query &other) { return turn < other.turn; });
+    long_queries_.insert(later, std::move(one));
 }
 
 // Writes more of an answer, all that is left of it when it is to be `whole`. Returns whether it has come to its end.
@@ -111,7 +125,9 @@ void service::answer_written(long_query *of)
 {
     if (of->asked->problem())
         return answer_fault(of->to, of->asked->problem());
-    if (memory_.output_full() && of->size > answer_of_everybody)
+    const bool large = of->size > answer_of_everybody;
+    const client *asking = find(of->to.client);
+    if (large && asking != nullptr && !make_room_to_read(asking->account(), of->size, false))
         return answer_fault(of->to, {code::resources, "too many answers wait to be read", ""});
     send_to(of->to, std::move(of->pieces));
 }
@@ -163,8 +179,11 @@ void service::answer_first()
     tree_.end_past();
     long_query done = std::move(long_queries_.front());
     long_queries_.pop_front();
-    if (!long_queries_.empty())
+    if (!long_queries_.empty()) {
+        turn_ = long_queries_.front().turn;
         go_on_soon();
+    }
+    std::erase_if(turns_, [this](const auto &one) { return one.second <= turn_; });
     if (find(done.to.client) == nullptr)
         return;
     answer_written(&done);

@@ -94,7 +94,7 @@ service::service(loop &events, tree &model, device &machine, downloads &fetching
       operations_(events), directory_{worker{events, worker::at_end::abandon}, worker{events, worker::at_end::abandon},
                                       worker{events, worker::at_end::abandon}, worker{events, worker::at_end::abandon}},
       passwords_(events, worker::at_end::abandon), parser_(events, worker::at_end::abandon),
-      most_links_(links_possible())
+      live_accounts_(accounts_are_live(model.model())), most_links_(links_possible())
 {
     find_password_names(model.model(), &password_names_);
     tree_.on_live_change(
@@ -285,10 +285,12 @@ void service::message_received(client &from, json_t *message)
         return;
     }
     const std::string_view name{json_string_value(verb), json_string_length(verb)};
-    if (id != nullptr)
+    if (id != nullptr) {
         request(from, message, name, std::move(id_text));
-    else if (name == "Event")
+    } else if (name == "Event") {
+        begin_request(&from);
         event_received(from, json_object_get(message, "params"));
+    }
 }
 
 void service::request(client &from, json_t *message, std::string_view name, std::string id)
@@ -302,7 +304,7 @@ void service::request(client &from, json_t *message, std::string_view name, std:
             answer_fault(to, {code::bad_params, "\"params\" must be an object", ""});
             return;
         }
-        tree_.begin_request();
+        begin_request(&from);
         (this->*known.call)(from, params, to);
         return;
     }
@@ -310,9 +312,44 @@ void service::request(client &from, json_t *message, std::string_view name, std:
                  {code::no_method, "unknown method: " + std::string(name.substr(0, utf8_cut(name, name_shown))), ""});
 }
 
+// Makes room for what somebody is to read, at the cost of whoever has most that is not read: of its links, the one with
+// most is closed. False when that is the account itself, and its `own` links are to stay.
+bool service::make_room_to_read(const std::string &account, size_t bytes, bool own)
+{
+    struct holding {
+        size_t all = 0;
+        size_t most = 0;
+        connection *where = nullptr;
+    };
+    while (!memory_.has_room_for(bytes)) {
+        std::unordered_map<std::string, holding> held;
+        for (const auto &[id, one] : clients_) {
+            const size_t unread = one.link == nullptr || one.link->over() ? 0 : one.link->unread_output();
+            if (unread == 0)
+                continue;
+            holding &of = held[one.account()];
+            of.all += unread;
+            if (unread > of.most) {
+                of.most = unread;
+                of.where = one.link.get();
+            }
+        }
+        const auto most = std::max_element(held.begin(), held.end(),
+                                           [](const auto &a, const auto &b) { return a.second.all < b.second.all; });
+        if (most == held.end() || (!own && most->first == account))
+            return false;
+        LOG_WARNING("%s: too much waits to be read: a connection is closed", most->second.where->peer().c_str());
+        most->second.where->close();
+    }
+    return true;
+}
+
 void service::send_to(const ticket &to, std::string message)
 {
     client *waiting = find(to.client);
+    if (waiting != nullptr && !memory_.has_room_for(message.size()))
+        make_room_to_read(waiting->account(), message.size(), true);
+    waiting = find(to.client);
     if (waiting == nullptr)
         return;
     if (log_shows(log_level::debug))
@@ -435,17 +472,29 @@ void service::deliver(const event_batch &events)
     }
 }
 
+void service::begin_request(client *by)
+{
+    tree_.begin_request();
+    if (live_accounts_)
+        review(by);
+}
+
+void service::review(client *one)
+{
+    if (!one->who.somebody())
+        return;
+    const login now = login_reviewed(&tree_, one->who);
+    if (now.rights != one->who.rights || now.name != one->who.name)
+        LOG_INFO("%s: the rights of \"%.64s\" have changed", one->link->peer().c_str(), one->who.name.c_str());
+    one->who = now.somebody() ? now : nobody_;
+    one->link->known(now.somebody());
+}
+
 void service::review_logins()
 {
-    for (auto &[id, one] : clients_) {
-        if (!one.who.somebody())
-            continue;
-        const login now = login_reviewed(&tree_, one.who);
-        if (now.rights != one.who.rights || now.name != one.who.name)
-            LOG_INFO("%s: the rights of \"%.64s\" have changed", one.link->peer().c_str(), one.who.name.c_str());
-        one.who = now.somebody() ? now : nobody_;
-        one.link->known(now.somebody());
-    }
+    tree_.begin_request();
+    for (auto &[id, one] : clients_)
+        review(&one);
 }
 
 } // namespace veld

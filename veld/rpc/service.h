@@ -30,6 +30,7 @@ namespace veld
 struct client {
     std::unique_ptr<connection> link;
     login who;
+    std::shared_ptr<const std::string> password; ///< of a login that has not been judged yet; gone with the client
 
     /// How the log calls it.
     const std::string &shown() const { return who.somebody() ? who.name : link->peer(); }
@@ -79,6 +80,7 @@ struct long_query {
     std::unique_ptr<query> asked;
     std::vector<std::string> pieces; ///< of the answer's line, as far as it is written
     size_t size = 0;                 ///< theirs together
+    uint64_t turn = 0;               ///< of its account: those of the same turn are answered before those of the next
 };
 
 class service : public connection_owner
@@ -130,11 +132,16 @@ private:
     void answer_result(const ticket &to, std::string_view result);
     void answer_fault(const ticket &to, const fault &why);
     void answer_object(const ticket &to, json_t *result);
+    bool make_room_to_read(const std::string &account, size_t bytes, bool own);
     void send_to(const ticket &to, std::string message);
     void send_to(const ticket &to, std::vector<std::string> pieces);
     client *find(uint64_t id);
     /// Delivers events of one group to the sessions that have joined it.
     void deliver(const event_batch &events);
+    /// Begins a request of a client, who may do what he may at that moment.
+    void begin_request(client *by);
+    /// What somebody who has logged in may do, by the accounts as they are now.
+    void review(client *one);
     void review_logins();
 
     // data_methods.cpp
@@ -160,13 +167,14 @@ private:
     void end_query();
     void begin_reading();
     void answer_first();
+    void wait_for_turn(client &from, long_query one);
 
     // session_methods.cpp
     void log_in(client &from, const json_t *params, const ticket &to);
     void log_out(client &from, const json_t *params, const ticket &to);
     void join_group(client &from, const json_t *params, const ticket &to);
     void event_received(client &from, const json_t *params);
-    void try_password(const login_attempt &of, const std::shared_ptr<std::string> &password);
+    void try_password(const login_attempt &of, const std::weak_ptr<const std::string> &password);
     void judge_password(const login_attempt &of, const std::string &hash, bool matches);
     void finish_login(client &asking, const ticket &to, const std::optional<login> &who, const std::string &user);
 
@@ -198,14 +206,18 @@ private:
     worker parser_;
     std::array<std::deque<std::shared_ptr<long_line>>, 2> long_lines_; // of those who are logged in, and of the others
     bool parsing_ = false;
-    std::deque<long_query> long_queries_; // the first is under way; one of somebody who is gone is still here
-    bool going_on_ = false;               // with the first of them, in a moment
-    uint64_t sliced_round_ = 0;           // of the loop, in which answers were last written
-    int64_t sliced_us_ = 0;               // how long that took in it
+    // The first is under way, the others stand in the order of their turns; one of somebody who is gone is still here.
+    std::deque<long_query> long_queries_;
+    std::unordered_map<std::string, uint64_t> turns_; // by account: the last one that it has
+    uint64_t turn_ = 0;                               // of the query under way
+    bool going_on_ = false;                           // with the first of them, in a moment
+    uint64_t sliced_round_ = 0;                       // of the loop, in which answers were last written
+    int64_t sliced_us_ = 0;                           // how long that took in it
     coalesced_changes machine_changes_;
     size_t left_ = 0;          // links that ended since memory was last given back
     bool giving_back_ = false; // memory, in a moment
     bool telling_ = false;     // when the machine's changes have been collected for a moment
+    bool live_accounts_;       // of what is behind the model, which tells nobody when they change
     size_t most_links_;        // what the descriptors are good for
     size_t links_ = 0;
     std::unordered_map<std::string, size_t> links_of_; // by peer

@@ -24,7 +24,7 @@ void service::log_in(client &from, const json_t *params, const ticket &to)
     param_reader reader(params);
     const std::string user = reader.text("User");
     // Wiped when the last holder lets go of it.
-    const std::shared_ptr<std::string> password(new std::string(reader.text("Password", false)), [](std::string *text) {
+    std::shared_ptr<std::string> password(new std::string(reader.text("Password", false)), [](std::string *text) {
         explicit_bzero(text->data(), text->size());
         delete text;
     });
@@ -35,7 +35,9 @@ void service::log_in(client &from, const json_t *params, const ticket &to)
         const int64_t now = monotonic_ms();
         const login_attempt of{to, user, from.link->peer()};
         const int64_t when = guard_.admit(of.user, of.peer, now);
-        const auto attempt = [this, of, password] { try_password(of, password); };
+        const std::weak_ptr<const std::string> borrowed = password;
+        from.password = std::move(password);
+        const auto attempt = [this, of, borrowed] { try_password(of, borrowed); };
         if (when > now)
             loop_.after(when - now, attempt);
         else
@@ -48,24 +50,43 @@ void service::log_in(client &from, const json_t *params, const ticket &to)
     free.run([uid, user] { *uid = system_user(user); },
              [this, to, user, uid] {
                  if (client *asking = find(to.client)) {
+                     tree_.begin_request();
                      finish_login(*asking, to, login_by_peer(&tree_, user, asking->link->identity(), *uid), user);
                      asking->link->release();
                  }
-             });
+             },
+             from.link->peer());
 }
 
-void service::try_password(const login_attempt &of, const std::shared_ptr<std::string> &password)
+// Where the client has left meanwhile nothing is done: who comes and goes would have everybody else's passwords wait.
+void service::try_password(const login_attempt &of, const std::weak_ptr<const std::string> &password)
 {
+    if (password.expired())
+        return guard_.given_up(of.user, of.peer);
+    tree_.begin_request();
     const std::string hash = login_hash(&tree_, of.user);
-    const auto matches = std::make_shared<bool>(false);
-    passwords_.run([password, hash, matches] { *matches = password_matches(*password, hash); },
-                   [this, of, hash, matches] { judge_password(of, hash, *matches); });
+    const auto matches = std::make_shared<std::optional<bool>>();
+    passwords_.run(
+        [password, hash, matches] {
+            if (const auto text = password.lock())
+                *matches = password_matches(*text, hash);
+        },
+        [this, of, hash, matches] {
+            if (*matches)
+                judge_password(of, hash, **matches);
+            else
+                guard_.given_up(of.user, of.peer);
+        },
+        of.peer);
 }
 
-// An attempt counts as what it was although nobody waits for the answer any more.
+// An attempt that was looked at counts as what it was although nobody waits for the answer any more.
 void service::judge_password(const login_attempt &of, const std::string &hash, bool matches)
 {
+    if (client *asking = find(of.to.client))
+        asking->password.reset();
     // The user may have lost the account, or the password, meanwhile.
+    tree_.begin_request();
     const std::optional<login> who = matches ? login_by_hash(&tree_, of.user, hash) : std::nullopt;
     const auto finish = [this, of, who] {
         if (client *asking = find(of.to.client)) {

@@ -101,11 +101,10 @@ void connection::receive()
         size_t room = 0;
         char *into = reader_.prepare(&room);
         const io_result got = link_->read(into, room);
-        if (got.state == io_state::want_read)
-            break;
-        if (got.state == io_state::want_write) {
-            read_wants_write_ = true;
-            break;
+        // What is held inside then is the beginning of something: the rest of it is waited for.
+        if (got.state == io_state::want_read || got.state == io_state::want_write) {
+            read_wants_write_ = got.state == io_state::want_write;
+            return;
         }
         if (got.state == io_state::failed) {
             close();
@@ -266,6 +265,14 @@ void connection::send_event(const std::shared_ptr<const std::string> &message)
     this_round_ += counted;
     unread_ += counted;
     enqueue({{}, message});
+}
+
+size_t connection::unread_output() const
+{
+    size_t bytes = 0;
+    for (const outgoing &message : output_)
+        bytes += message.text().size() / static_cast<size_t>(std::max(message.shared.use_count(), 1L));
+    return bytes;
 }
 
 void connection::flush()

@@ -30,6 +30,7 @@ struct held_memory {
     size_t output = 0;          ///< bytes that are not yet written
 
     bool output_full() const { return output > output_limit; }
+    bool has_room_for(size_t more) const { return output + more <= output_limit; }
 
     static constexpr size_t input_limit = size_t{256} << 20;
     static constexpr size_t anonymous_input_limit = size_t{128} << 20;
@@ -73,6 +74,8 @@ public:
     /// Queues what was not asked for. A client that lets too much of it pile up without reading loses its link; how
     /// much comes at once is not its fault.
     void send_event(const std::shared_ptr<const std::string> &message);
+    /// The bytes that wait to be read here; of what many get, a part.
+    size_t unread_output() const;
 
     /// Of the line that was received just now: gives its memory away, `*line` then stands in what is returned. It
     /// counts as held until the next line is taken, which a hold puts off.

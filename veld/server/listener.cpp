@@ -27,6 +27,15 @@ std::string because(const std::string &what)
     return what + ": " + strerror(errno);
 }
 
+bool takes_clients(int fd)
+{
+    int listens = 0;
+    int type = 0;
+    socklen_t size = sizeof listens;
+    return getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) == 0 && listens != 0 &&
+           getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_STREAM;
+}
+
 // True when nobody listens on the socket file any more.
 bool is_stale(const sockaddr_un &address)
 {
@@ -117,6 +126,12 @@ bool listener::take_place(std::string *error)
 bool listener::open(std::string *error)
 {
     if (fd_ && turning_away_) {
+        // Nobody can be accepted on anything else, and what comes there would be told of again and again.
+        if (!takes_clients(fd_.get())) {
+            *error = (address_.empty() ? "descriptor " + std::to_string(fd_.get()) : address_) +
+                     ": no listening stream socket was handed over";
+            return false;
+        }
         turning_away_ = !watch(error);
         return !turning_away_;
     }

@@ -118,6 +118,22 @@ bool is_of_accounts(std::string_view name)
     return name.starts_with(".Users.");
 }
 
+bool accounts_are_live(const scheme &model)
+{
+    const auto child = [](const scheme *of, std::string_view name) {
+        const int at = of != nullptr ? of->find(name) : -1;
+        return at < 0 ? nullptr : of->children[static_cast<size_t>(at)].get();
+    };
+    return std::any_of(model.children.begin(), model.children.end(), [&](const auto &root) {
+        const scheme *table = child(child(root.get(), "Users"), "User");
+        if (table == nullptr || !table->element)
+            return false;
+        const auto &members = table->element->children;
+        return table->from == source::live ||
+               std::any_of(members.begin(), members.end(), [](const auto &one) { return one->from == source::live; });
+    });
+}
+
 login login_reviewed(tree *model, const login &who)
 {
     if (!who.somebody() || who.owner)

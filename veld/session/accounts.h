@@ -34,6 +34,9 @@ std::string login_hash(tree *model, const std::string &user);
 /// The login of a user whose password matched `hash`. Nothing when that is no longer the hash.
 std::optional<login> login_by_hash(tree *model, const std::string &user, const std::string &hash);
 
+/// Whether what is behind the model says who its users are, or anything of them: that may change unnoticed.
+bool accounts_are_live(const scheme &model);
+
 /// What is left of a login, after the users of the model have changed.
 login login_reviewed(tree *model, const login &who);
 

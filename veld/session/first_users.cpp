@@ -1,7 +1,7 @@
 #include "veld/session/first_users.h"
 
-#include "veld/model/change.h"
 #include "veld/model/check.h"
+#include "veld/model/free_value.h"
 
 #include <algorithm>
 #include <limits>
@@ -111,8 +111,10 @@ std::vector<node *> user_tables(tree *of)
     for (const auto &root : of->root()->children) {
         node *holder = of->child(root.get(), "Users");
         node *table = holder != nullptr ? of->child(holder, "User") : nullptr;
-        if (table != nullptr && table->table)
-            found.push_back(table);
+        if (table == nullptr || !table->table)
+            continue;
+        of->refresh(table);
+        found.push_back(table);
     }
     return found;
 }

@@ -32,7 +32,7 @@ bool administrator_has_password(tree *of);
 /// The user of that name; null when there is none.
 const first_user *first_user_find(const std::string &name);
 
-/// The tables of users of all roots, "Device.Users.User.".
+/// The tables of users of all roots, "Device.Users.User.", up to date within the request (tree::begin_request).
 std::vector<node *> user_tables(tree *of);
 
 } // namespace veld

@@ -99,4 +99,14 @@ void login_guard::succeeded(const std::string &user, const std::string &peer)
     }
 }
 
+void login_guard::given_up(const std::string &user, const std::string &peer)
+{
+    for (const auto &[list, key] : {std::pair{&pairs_, pair_key(user, peer)}, std::pair{&addresses_, peer},
+                                    std::pair{&accounts_, user.substr(0, name_max)}}) {
+        const auto found = list->find(key);
+        if (found != list->end())
+            found->second.pending = std::max(found->second.pending - 1, 0);
+    }
+}
+
 } // namespace veld

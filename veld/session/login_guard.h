@@ -15,12 +15,14 @@ class login_guard
 {
 public:
     /// Takes an attempt; returns when it is to be looked at: a time of the loop's clock, `now` when at once. It counts
-    /// as one of them until failed() or succeeded() is called for it.
+    /// as one of them until failed(), succeeded() or given_up() is called for it.
     int64_t admit(const std::string &user, const std::string &peer, int64_t now);
     /// The attempt was wrong; returns how many milliseconds its answer is to be held back.
     int64_t failed(const std::string &user, const std::string &peer, int64_t now);
     /// The attempt was right: the failures of this user from there are forgotten, and no others.
     void succeeded(const std::string &user, const std::string &peer);
+    /// Whoever made the attempt left before it was looked at, and learns nothing of it.
+    void given_up(const std::string &user, const std::string &peer);
 
 private:
     struct record {
