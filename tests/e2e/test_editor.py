@@ -74,14 +74,18 @@ def two_rows(editor):
 
 @pytest.fixture
 def held_up(editor, tmp_path):
-    """held_up(typed, moment): the demo program where what it does with these keys waits, at one moment of several."""
+    """held_up(typed, moment): the demo program where what it does with these keys waits, at one moment of several:
+    before Ctrl-C becomes a signal, or ("STRUCK") a key again."""
 
-    def start(typed, moment):
+    def start(typed, moment, way="TYPED", meanwhile=""):
         if b"san_init" in Path(DEMO).read_bytes():
             pytest.skip("a sanitizer wants to come first")
         waits = tmp_path / "waits"
-        term = editor(LD_PRELOAD=str(DEMO.with_name("troubled.so")), TROUBLE_TYPED=f"{moment}:{waits}")
+        term = editor(LD_PRELOAD=str(DEMO.with_name("troubled.so")), **{f"TROUBLE_{way}": f"{moment}:{waits}"})
         term.type(typed)
+        if meanwhile:
+            term.wait_for("\nhalf")
+            term.quiet(0.1).type(meanwhile)
         while not waits.exists():
             term.quiet(0.02)
         return term
@@ -542,6 +546,19 @@ def test_a_ctrl_c_while_it_becomes_a_signal_stops_the_line(held_up, moment):
         term.wait_for(lambda term: term.lines[:2] == ["> sleep 1000000^C", ">"])
     else:
         assert term.wait_exit() == -signal.SIGINT
+
+
+def test_what_is_typed_behind_a_ctrl_c_that_was_a_signal_while_the_line_ended_is_kept(held_up):
+    term = held_up("handler note" + Key.ENTER + "sleep 1000000" + Key.ENTER, 4, "STRUCK")
+    term.type(Key.CTRL_C + "kept")
+    term.wait_for(lambda term: cursor_line(term) == "> kept")
+    assert "noted" in term.text
+
+
+def test_a_ctrl_c_that_empties_the_terminal_before_the_prompt_does_not_keep_it_back(held_up):
+    term = held_up("half 500" + Key.ENTER, 3, "STRUCK", meanwhile="lost, and longer" + Key.ENTER)
+    term.type(Key.CTRL_C + "kept")
+    term.wait_for(lambda term: cursor_line(term) == "> kept")
 
 
 def test_a_signal_that_comes_while_the_editor_stops_is_not_lost(held_up):

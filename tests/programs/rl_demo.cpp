@@ -1,6 +1,7 @@
 // A shell that only edits lines: what the editor's tests drive. Every line read is answered with "got <line>", the line
 // in JSON. Lines with a meaning of their own:
 //   part TEXT        prints TEXT without a line end        sleep MS     waits
+//   half MS          begins a row and waits
 //   busy MS          computes, with no wait point
 //   list N           shows N names in columns              bar N LABEL  draws the progress bar
 //   handler note|return|none   SIGINT's disposition while reading
@@ -143,6 +144,12 @@ void run(const char *line)
         ve_printf("%s", line + 5);
         return;
     }
+    if (sscanf(line, "half %d", &number) == 1) {
+        ve_printf("half");
+        ve_out_flush();
+        ve_wait_sleep_ms(number);
+        return;
+    }
     if (sscanf(line, "busy %d", &number) == 1) {
         for (const int64_t end = ve_wait_deadline(number); ve_wait_deadline(0) < end;)
             ;
@@ -202,6 +209,7 @@ void read_lines(int timeout)
     while (running) {
         char *line = ve_rl(setting("DEMO_PROMPT", "> "), timeout);
         if (line == nullptr && ve_wait_interrupted()) {
+            ve_rl_drop_ahead();
             ve_wait_clear_interrupt();
             ve_puts("\nnoted");
             continue;

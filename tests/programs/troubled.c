@@ -9,6 +9,8 @@
 //   TROUBLE_DUP2=N:ERRNO   the Nth dup2 fails with that error
 //   TROUBLE_TYPED=N:FILE   when the terminal's Ctrl-C becomes a signal for the Nth time that file is made, and a key
 //                          awaited
+//   TROUBLE_STRUCK=N:FILE  when it becomes a key again for the Nth time that file is made, and a Ctrl-C awaited, and
+//                          what is typed behind it
 //   TROUBLE_ARMED=FILE     nothing counts, fails or takes long before that file exists
 //
 // Both names of open() are defined here, so that neither may stand for the other.
@@ -169,17 +171,39 @@ int dup2(int from, int to)
     return REAL(int, dup2, int, int)(from, to);
 }
 
+static int is_moment(const char *which, int *times)
+{
+    const char *file = strchr(which, ':');
+    if (file == NULL || ++*times != atoi(which))
+        return 0;
+    close(open(file + 1, O_WRONLY | O_CREAT, 0600));
+    return 1;
+}
+
+static void await_interrupt(void)
+{
+    sigset_t pending;
+    const struct timespec moment = {0, 1000000};
+    do {
+        nanosleep(&moment, NULL);
+        sigpending(&pending);
+    } while (!sigismember(&pending, SIGINT));
+    const struct timespec behind = {0, 200000000};
+    nanosleep(&behind, NULL);
+}
+
 int tcsetattr(int fd, int when, const struct termios *modes)
 {
-    static atomic_int times;
-    const char *which = variable("TROUBLE_TYPED");
-    const char *file = strchr(which, ':');
-    if (file != NULL && (modes->c_lflag & ISIG) != 0 && ++times == atoi(which)) {
-        close(open(file + 1, O_WRONLY | O_CREAT, 0600));
+    static int signals_times;
+    static int keys_times;
+    struct termios now;
+    const int signals_now = tcgetattr(fd, &now) == 0 && (now.c_lflag & ISIG) != 0;
+    const int signals = (modes->c_lflag & ISIG) != 0;
+    if (signals && is_moment(variable("TROUBLE_TYPED"), &signals_times)) {
         struct pollfd input = {fd, POLLIN, 0};
-        struct termios now;
-        const int signals = tcgetattr(fd, &now) == 0 && (now.c_lflag & ISIG) != 0;
-        poll(&input, 1, signals ? 300 : -1); // the signal may have come already
+        poll(&input, 1, signals_now ? 300 : -1); // the signal may have come already
+    } else if (!signals && signals_now && is_moment(variable("TROUBLE_STRUCK"), &keys_times)) {
+        await_interrupt();
     }
     return REAL(int, tcsetattr, int, int, const struct termios *)(fd, when, modes);
 }

@@ -202,12 +202,13 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
 {
     deadline_ = deadline;
     signal_ = 0;
-    // Others may have read the terminal since the last read, or Ctrl-C emptied it.
-    forget_input();
     // Lines that were typed ahead were echoed behind what was printed.
-    if (ve_out_mid_line() && ioctl(STDIN_FILENO, FIONREAD, &pending_) == 0 && pending_ > 0)
+    int typed = 0;
+    if (ve_out_mid_line() && ioctl(STDIN_FILENO, FIONREAD, &typed) == 0 && typed > 0)
         ve_out_row_unknown();
     begin_terminal();
+    // Others may have read the terminal since the last read, and until now Ctrl-C emptied it.
+    forget_input();
     for (;;) {
         outcome_ = rl_outcome::none;
         keys_.reset();

@@ -162,6 +162,11 @@ bool rl_session::look_ahead()
     const rl_outcome outcome = outcome_;
     bool interrupted = false;
     for (int tries = 0; tries < look_tries; ++tries) {
+        // One that was a signal until now has emptied the terminal of what came before it: what is read now is newer.
+        if (rl_signals::take_typed_interrupt()) {
+            interrupted = true;
+            drop_ahead();
+        }
         interrupted = take_ahead() || interrupted;
         modes_.make_ctrl_c(rl_modes::ctrl_c::flushing_signal);
         // From now on it is a signal, and before it was nothing more.
@@ -169,11 +174,6 @@ bool rl_session::look_ahead()
             break;
         modes_.make_ctrl_c(rl_modes::ctrl_c::key);
         forget_input();
-        // One that was a signal in between has emptied the terminal of what came before it.
-        if (rl_signals::take_typed_interrupt()) {
-            interrupted = true;
-            drop_ahead();
-        }
     }
     modes_.make_ctrl_c(rl_modes::ctrl_c::flushing_signal);
     forget_input();
