@@ -286,6 +286,31 @@ def test_a_long_message_of_a_user_goes_before_those_of_anybody(small):
     raise AssertionError("the user always comes last")
 
 
+def test_long_messages_of_one_address_keep_another_waiting_for_one_of_them(veld_start):
+    veld = veld_start("--listen", "tcp://127.0.0.1:0", model=SMALL)
+    port = int(veld.tcp_address().rpartition(":")[2])
+
+    def stranger(address):
+        return Peer(None, socket.create_connection(("127.0.0.1", port), settings.DEADLINE, (address, 0)))
+
+    def line(length):
+        return b'{"id":1,"method":"Logout","params":[' + b'"x",' * length + b"0]}"
+
+    flood = [stranger("127.0.0.2") for _ in range(24)]
+    other = stranger("127.0.0.3")
+    for peer in flood:
+        peer.send_raw(line(1 << 17))
+    other.send_raw(line(1 << 13))
+    for peer in flood:
+        peer.send_raw(b"\n")
+    other.send_raw(b"\n")
+    other.receive()
+    answered = select.select([peer.link for peer in flood], [], [], 0)[0]
+    assert len(answered) < len(flood) // 2
+    for peer in flood:
+        peer.receive()
+
+
 def test_a_client_that_goes_while_its_message_is_read_leaves_nothing(small):
     for _ in range(3):
         peer = small.connect()

@@ -1,15 +1,14 @@
 #include "veld/base/worker.h"
 
 #include "base/thread.h"
+#include "veld/base/fair_queue.h"
 #include "veld/base/log.h"
 
 #include <condition_variable>
 #include <cstdlib>
-#include <deque>
 #include <mutex>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <unordered_map>
 
 namespace veld
 {
@@ -29,30 +28,12 @@ struct piece {
 struct worker::shared {
     std::mutex lock;
     std::condition_variable more;
-    std::unordered_map<std::string, std::deque<piece>> given; // by asker; guarded by `lock`, like the next three
-    std::deque<std::string> turns;                            // those who have given something: who is next
-    std::vector<std::function<void()>> ready;                 // what is to be called on the loop
+    fair_queue<piece> given;                  // guarded by `lock`, like the next three
+    std::vector<std::function<void()>> ready; // what is to be called on the loop
     bool ends = false;
     bool abandoned = false;
     fd_owner bell{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)}; // rung when something is ready
-
-    piece take();
 };
-
-// The first piece of whoever is next, there is one. With the lock.
-piece worker::shared::take()
-{
-    std::string asker = std::move(turns.front());
-    turns.pop_front();
-    const auto own = given.find(asker);
-    piece next = std::move(own->second.front());
-    own->second.pop_front();
-    if (own->second.empty())
-        given.erase(own);
-    else
-        turns.push_back(std::move(asker));
-    return next;
-}
 
 worker::worker(loop &events, at_end how) : loop_(events), how_(how), state_(std::make_shared<shared>())
 {
@@ -74,10 +55,8 @@ worker::~worker()
         const std::lock_guard guard(state_->lock);
         state_->ends = true;
         state_->abandoned = how_ == at_end::abandon;
-        if (state_->abandoned) {
+        if (state_->abandoned)
             state_->given.clear();
-            state_->turns.clear();
-        }
     }
     state_->more.notify_one();
     if (started_ && how_ == at_end::finish)
@@ -88,10 +67,10 @@ void worker::serve(const std::shared_ptr<shared> &state)
 {
     std::unique_lock guard(state->lock);
     while (true) {
-        state->more.wait(guard, [&state] { return state->ends || !state->turns.empty(); });
-        if (state->turns.empty())
+        state->more.wait(guard, [&state] { return state->ends || !state->given.empty(); });
+        if (state->given.empty())
             return;
-        piece next = state->take();
+        piece next = state->given.take();
         guard.unlock();
         next.work();
         guard.lock();
@@ -129,10 +108,7 @@ void worker::run(std::function<void()> work, std::function<void()> after, const 
     }
     {
         const std::lock_guard guard(state_->lock);
-        std::deque<piece> &own = state_->given[asker];
-        if (own.empty())
-            state_->turns.push_back(asker);
-        own.push_back({std::move(work), std::move(after)});
+        state_->given.push(asker, {std::move(work), std::move(after)});
     }
     state_->more.notify_one();
 }

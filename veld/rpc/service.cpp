@@ -209,19 +209,19 @@ void service::line_received(connection &from, std::string_view line)
     work->memory = from.take_line(&line);
     work->line = line;
     from.hold();
-    long_lines_[sender.who.somebody() ? 0 : 1].push_back(std::move(work));
+    long_lines_[sender.who.somebody() ? 0 : 1].push(sender.account(), std::move(work));
     parse_next();
 }
 
-// One long line at a time, so that the values of one are there at most; those of users before those of anybody.
+// One long line at a time, so that the values of one are there at most; those of users before those of anybody,
+// and each in turn.
 void service::parse_next()
 {
     auto &waiting = long_lines_[long_lines_[0].empty() ? 1 : 0];
     if (parsing_ || waiting.empty())
         return;
     parsing_ = true;
-    const std::shared_ptr<long_line> work = std::move(waiting.front());
-    waiting.pop_front();
+    const std::shared_ptr<long_line> work = waiting.take();
     parser_.run(
         [work] {
             work->too_many = size_as_values(work->line) > values_limit;

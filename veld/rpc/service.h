@@ -1,6 +1,7 @@
 // What the daemon does with its clients' messages.
 #pragma once
 
+#include "veld/base/fair_queue.h"
 #include "veld/base/fault.h"
 #include "veld/base/worker.h"
 #include "veld/device/device.h"
@@ -204,7 +205,7 @@ private:
     std::array<worker, 4> directory_;                     // what hangs in one of them leaves the others
     worker passwords_;
     worker parser_;
-    std::array<std::deque<std::shared_ptr<long_line>>, 2> long_lines_; // of those who are logged in, and of the others
+    std::array<fair_queue<std::shared_ptr<long_line>>, 2> long_lines_; // of those who are logged in, and of the others
     bool parsing_ = false;
     // The first is under way, the others stand in the order of their turns; one of somebody who is gone is still here.
     std::deque<long_query> long_queries_;
