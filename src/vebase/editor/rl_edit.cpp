@@ -251,8 +251,10 @@ rl_outcome rl_session::read_line(const char *prompt, int64_t deadline, std::stri
     const bool drawn_over = outcome_ == rl_outcome::line && look_ahead();
     const int late = end_terminal();
     // Ctrl-C while the end of the line was being drawn: for what the line starts, as when it comes a moment later.
-    if ((rl_signals::take(rl_signals::typed_interrupt) && outcome_ == rl_outcome::line) || drawn_over)
+    if ((rl_signals::take(rl_signals::typed_interrupt) && outcome_ == rl_outcome::line) || drawn_over) {
+        ve_out_draw("^C", 2); // as the terminal itself shows it then
         raise(SIGINT);
+    }
     *signal = signal_ != 0 ? signal_ : late;
     return outcome_;
 }
