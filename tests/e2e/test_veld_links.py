@@ -74,7 +74,7 @@ def test_a_reboot_closes_tcp_too_and_opens_the_same_port(veld_start):
         peer.receive()
     with pytest.raises(OSError):
         Peer(address)
-    veld.wait_until_up()
+    veld.wait_until_up(address=address)
     ask(Peer(address))
 
 

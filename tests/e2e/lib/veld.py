@@ -54,12 +54,12 @@ class Veld:
         self.wait_until_up()
         return self
 
-    def wait_until_up(self, timeout=None):
-        """Returns once the daemon accepts connections."""
+    def wait_until_up(self, timeout=None, address=None):
+        """Returns once the daemon accepts connections at its socket, or another address of its; it opens one after the other."""
         moment = settings.deadline(timeout)
         while True:
             try:
-                connect(self.address).close()
+                connect(address or self.address).close()
                 return
             except OSError:
                 pass
