@@ -21,6 +21,12 @@ inline int64_t monotonic_ms()
     return monotonic_ns() / 1'000'000;
 }
 
+/// The point in time on the clock of monotonic_ms() from which at least so many milliseconds have gone by.
+inline int64_t monotonic_ms_after(int64_t milliseconds)
+{
+    return milliseconds <= 0 ? monotonic_ms() : (monotonic_ns() + 999'999) / 1'000'000 + milliseconds;
+}
+
 /// Seconds since the machine was started, those in which it slept included.
 inline int64_t uptime_s()
 {

@@ -10,7 +10,8 @@
 /// Blocks SIGINT in the calling thread and so in all threads it creates. Called once, first thing in main().
 void ve_wait_init();
 
-/// A point in time for the waits below, in milliseconds of CLOCK_MONOTONIC; `timeout_ms` negative means never.
+/// A point in time for the waits below, in milliseconds of CLOCK_MONOTONIC; never nearer than `timeout_ms`, less than a
+/// millisecond farther. 0 is now; negative means never.
 int64_t ve_wait_deadline(int timeout_ms);
 
 /// Waits until a descriptor of `fds` is ready (its `revents` say how) or `deadline` (of ve_wait_deadline, -1 never) has

@@ -14,6 +14,8 @@ namespace
 
 constexpr unsigned companion_fds_max = 4;
 constexpr unsigned fds_max = 16;
+constexpr int64_t ns_per_ms = 1'000'000;
+constexpr int64_t ns_per_s = 1'000'000'000;
 
 struct {
     std::atomic<bool> interrupted{false};
@@ -34,41 +36,23 @@ bool on_main_thread()
 /// once.
 int (*const volatile poll_for)(pollfd *fds, nfds_t count, const timespec *time, const sigset_t *mask) = ppoll;
 
-/// One ppoll; `deadline` as in ve_wait_poll. -1 with errno as ppoll sets it.
-int poll_once(pollfd *fds, unsigned count, int64_t deadline, const sigset_t *mask)
+/// One ppoll; `until` is a point in time on the clock of monotonic_ns(), -1 never. -1 with errno as ppoll sets it.
+int poll_once(pollfd *fds, unsigned count, int64_t until, const sigset_t *mask)
 {
-    if (deadline < 0)
+    if (until < 0)
         return poll_for(fds, count, nullptr, mask);
-    const int64_t left = std::max<int64_t>(deadline - monotonic_ms(), 0);
-    const timespec time{.tv_sec = static_cast<time_t>(left / 1000),
-                        .tv_nsec = static_cast<long>(left % 1000) * 1000000};
+    const int64_t left = std::max<int64_t>(until - monotonic_ns(), 0);
+    const timespec time{.tv_sec = static_cast<time_t>(left / ns_per_s), .tv_nsec = static_cast<long>(left % ns_per_s)};
     return poll_for(fds, count, &time, mask);
 }
 
-} // namespace
-
-void ve_wait_init()
-{
-    sigset_t blocked;
-    sigemptyset(&blocked);
-    sigaddset(&blocked, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &blocked, &waiting.mask);
-    sigdelset(&waiting.mask, SIGINT);
-    waiting.main_thread = pthread_self();
-    waiting.initialised = true;
-}
-
-int64_t ve_wait_deadline(int timeout_ms)
-{
-    return timeout_ms < 0 ? -1 : monotonic_ms() + timeout_ms;
-}
-
-int ve_wait_poll(pollfd *fds, unsigned count, int64_t deadline)
+/// ve_wait_poll, until a point in time on the clock of monotonic_ns().
+int poll_until(pollfd *fds, unsigned count, int64_t until)
 {
     if (!on_main_thread()) {
         int ready;
         do
-            ready = poll_once(fds, count, deadline, nullptr);
+            ready = poll_once(fds, count, until, nullptr);
         while (ready < 0 && errno == EINTR);
         return ready;
     }
@@ -79,7 +63,7 @@ int ve_wait_poll(pollfd *fds, unsigned count, int64_t deadline)
             return -1;
         std::copy_n(fds, own, all);
         const unsigned guests = waiting.companion != nullptr ? waiting.companion->watch(all + own) : 0;
-        const int ready = poll_once(all, own + guests, deadline, &waiting.mask);
+        const int ready = poll_once(all, own + guests, until, &waiting.mask);
         if (ready < 0 && errno != EINTR)
             return -1;
         if (ready <= 0) {
@@ -101,9 +85,32 @@ int ve_wait_poll(pollfd *fds, unsigned count, int64_t deadline)
     }
 }
 
+} // namespace
+
+void ve_wait_init()
+{
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    sigaddset(&blocked, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &blocked, &waiting.mask);
+    sigdelset(&waiting.mask, SIGINT);
+    waiting.main_thread = pthread_self();
+    waiting.initialised = true;
+}
+
+int64_t ve_wait_deadline(int timeout_ms)
+{
+    return timeout_ms < 0 ? -1 : monotonic_ms_after(timeout_ms);
+}
+
+int ve_wait_poll(pollfd *fds, unsigned count, int64_t deadline)
+{
+    return poll_until(fds, count, deadline < 0 ? -1 : deadline * ns_per_ms);
+}
+
 int ve_wait_sleep_ms(int milliseconds)
 {
-    return ve_wait_poll(nullptr, 0, ve_wait_deadline(std::max(milliseconds, 0)));
+    return poll_until(nullptr, 0, monotonic_ns() + std::max(milliseconds, 0) * ns_per_ms);
 }
 
 void ve_wait_checkpoint()

@@ -4,6 +4,7 @@ import json
 import re
 import signal
 import subprocess
+import time
 
 import pytest
 
@@ -322,6 +323,19 @@ def test_what_fails_is_the_default_and_leaves_the_rest_alone(filed):
         execute(leaving, "Device.Run", What="long")
         leaving.call("GetParameterValues", ParameterNames=["Device.A"])
     assert veld.value("Device.A") == 1
+
+
+def test_a_call_sleeps_no_shorter_than_it_says(filed):
+    veld = filed("""
+        on_call("Device.Run", function(input)
+            for i = 1, 50 do sleep(0.0019) end
+            return {R = input.What}
+        end)
+    """)
+    peer = veld.connect()
+    began = time.monotonic()
+    assert outputs(peer.answer(execute(peer, "Device.Run", What="rested"))) == {"R": "rested"}
+    assert time.monotonic() - began >= 50 * 0.0019
 
 
 def test_rows_stay_when_they_cannot_be_told(filed):

@@ -1,4 +1,5 @@
 // The server's parts on pairs of sockets, without a network.
+#include "base/clock.h"
 #include "base/endpoint.h"
 #include "veld/base/worker.h"
 #include "veld/server/connection.h"
@@ -540,6 +541,19 @@ TEST(VeldLoop, ATimerThatHasRungMayBeCancelled)
     });
     events.run();
     EXPECT_EQ(rung, "first second");
+}
+
+TEST(VeldLoop, ATimerRingsNoSoonerThanTold)
+{
+    loop events;
+    while (monotonic_ns() % 1'000'000 < 900'000)
+        ;
+    const int64_t began = monotonic_ns();
+    const std::function<void()> look = [&] { events.post(look); };
+    look();
+    events.after(1, [&] { events.stop(); });
+    events.run();
+    EXPECT_GE(monotonic_ns() - began, 1'000'000);
 }
 
 // Runs `body` in a process of its own that is nobody's, where this one is root; its failures are the test's.

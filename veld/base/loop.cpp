@@ -66,7 +66,7 @@ void loop::forget(watch_id which)
 loop::timer_id loop::after(int64_t milliseconds, handler call)
 {
     const timer_id id = next_timer_++;
-    const int64_t due = monotonic_ms() + std::max<int64_t>(milliseconds, 0);
+    const int64_t due = monotonic_ms_after(milliseconds);
     timers_.emplace(std::pair{due, id}, std::move(call));
     due_[id] = due;
     return id;

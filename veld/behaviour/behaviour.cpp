@@ -207,7 +207,7 @@ int behaviour::lua_sleep(lua_State *in)
     luaL_argcheck(in, seconds >= 0 && seconds <= 86400, 1, "no number of seconds");
     if (lua_isyieldable(in) == 0)
         return luaL_error(in, "only a call can sleep()");
-    here->sleep_ms_ = static_cast<int64_t>(seconds * 1000);
+    here->sleep_ms_ = static_cast<int64_t>(std::ceil(seconds * 1000));
     return lua_yield(in, 0);
 }
 

@@ -117,7 +117,7 @@ void behaviour_call::proceed()
     begun_ = true;
     if (status != LUA_YIELD)
         return end(status);
-    wake_at_ = monotonic_ms() + behaviour_->sleep_ms_;
+    wake_at_ = monotonic_ms_after(behaviour_->sleep_ms_);
     wake_in(behaviour_->sleep_ms_);
 }
 
