@@ -112,9 +112,10 @@ void service::part_with_all()
 {
     // Those who have many such questions do not keep the device from going.
     const int64_t until = monotonic_ms() + answering_ms;
-    while (!long_queries_.empty() && monotonic_ms() < until)
+    while (query_under_way_ && monotonic_ms() < until)
         end_query();
-    long_queries_.clear();
+    query_under_way_.reset();
+    queries_waiting_.clear();
     operations_.end_all();
     downloads_.end_all();
     for (auto &[id, one] : clients_)

@@ -61,8 +61,8 @@ void service::get_attributes(client &from, const json_t *params, const ticket &t
 
 void service::answer_query(client &from, const ticket &to, std::unique_ptr<query> asked)
 {
-    long_query one{to, std::move(asked), {}, 0};
-    const bool first = long_queries_.empty();
+    long_query one{to, std::move(asked), {}};
+    const bool first = !query_under_way_;
     if (first)
         tree_.begin_past();
     if (write_slice(&one, false)) {
@@ -71,27 +71,16 @@ void service::answer_query(client &from, const ticket &to, std::unique_ptr<query
         answer_written(&one);
         return;
     }
-    if (!first) { // no past is kept for it yet
+    from.link->hold();
+    if (first) {
+        query_under_way_ = std::move(one);
+    } else { // no past is kept for it yet
         one.asked->begin_again();
         one.pieces.clear();
         one.size = 0;
+        queries_waiting_.push(from.account(), std::move(one));
     }
-    from.link->hold();
-    wait_for_turn(from, std::move(one));
     go_on_soon();
-}
-
-// However many queries one account has, another's does not wait behind all of them.
-void service::wait_for_turn(client &from, long_query one)
-{
-    uint64_t &last = turns_[from.account()];
-    one.turn = last = std::max(last, turn_) + 1;
-    if (long_queries_.empty())
-        turn_ = one.turn;
-    const auto behind_the_first = long_queries_.begin() + (long_queries_.empty() ? 0 : 1);
-    const auto later = std::upper_bound(behind_the_first, long_queries_.end(), one.turn,
-                                        [](uint64_t turn, const long_query &other) { return turn < other.turn; });
-    long_queries_.insert(later, std::move(one));
 }
 
 // Writes more of an answer, all that is left of it when it is to be `whole`. Returns whether it has come to its end.
@@ -103,12 +92,12 @@ bool service::write_slice(long_query *of, bool whole)
     if (std::exchange(sliced_round_, loop_.round()) != loop_.round())
         sliced_us_ = 0;
     // The one that is under way gets its slice however many ask.
-    const bool goes_on = !long_queries_.empty() && of == &long_queries_.front();
+    const bool goes_on = query_under_way_ && of == &*query_under_way_;
     const int64_t budget = goes_on ? slice_us : std::max(slice_us - sliced_us_, least_slice_us);
     const int64_t began = monotonic_us();
     unsigned entries = 0;
     // One byte is left for the brace that ends the message.
-    tree_.look_back(tree_.has_past() && (long_queries_.empty() || goes_on));
+    tree_.look_back(tree_.has_past() && (!query_under_way_ || goes_on));
     const bool over = of->asked->proceed({&text, wire_line_max - 1 - of->size}, [&] {
         return !whole && ++entries % entries_unwatched == 0 && monotonic_us() - began >= budget;
     });
@@ -143,26 +132,24 @@ void service::go_on_soon()
 
 void service::go_on()
 {
-    if (long_queries_.empty())
+    if (!query_under_way_)
         return;
-    long_query &first = long_queries_.front();
-    if (find(first.to.client) != nullptr) {
+    if (find(query_under_way_->to.client) != nullptr) {
         begin_reading();
-        if (!write_slice(&first, false))
+        if (!write_slice(&*query_under_way_, false))
             return go_on_soon();
     }
-    answer_first();
+    query_over();
 }
 
 // Ends the query that is under way, there is one, here and now.
 void service::end_query()
 {
-    long_query &first = long_queries_.front();
-    if (find(first.to.client) != nullptr) {
+    if (find(query_under_way_->to.client) != nullptr) {
         begin_reading();
-        write_slice(&first, true);
+        write_slice(&*query_under_way_, true);
     }
-    answer_first();
+    query_over();
 }
 
 void service::begin_reading()
@@ -174,16 +161,15 @@ void service::begin_reading()
 }
 
 // The query that was under way has come to its end, or nobody waits for it any more.
-void service::answer_first()
+void service::query_over()
 {
     tree_.end_past();
-    long_query done = std::move(long_queries_.front());
-    long_queries_.pop_front();
-    if (!long_queries_.empty()) {
-        turn_ = long_queries_.front().turn;
+    long_query done = std::move(*query_under_way_);
+    query_under_way_.reset();
+    if (!queries_waiting_.empty()) {
+        query_under_way_ = queries_waiting_.take();
         go_on_soon();
     }
-    std::erase_if(turns_, [this](const auto &one) { return one.second <= turn_; });
     if (find(done.to.client) == nullptr)
         return;
     answer_written(&done);

@@ -18,8 +18,8 @@
 #include "veld/session/sessions.h"
 
 #include <array>
-#include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -81,7 +81,6 @@ struct long_query {
     std::unique_ptr<query> asked;
     std::vector<std::string> pieces; ///< of the answer's line, as far as it is written
     size_t size = 0;                 ///< theirs together
-    uint64_t turn = 0;               ///< of its account: those of the same turn are answered before those of the next
 };
 
 class service : public connection_owner
@@ -167,8 +166,7 @@ private:
     void go_on();
     void end_query();
     void begin_reading();
-    void answer_first();
-    void wait_for_turn(client &from, long_query one);
+    void query_over();
 
     // session_methods.cpp
     void log_in(client &from, const json_t *params, const ticket &to);
@@ -207,13 +205,12 @@ private:
     worker parser_;
     std::array<fair_queue<std::shared_ptr<long_line>>, 2> long_lines_; // of those who are logged in, and of the others
     bool parsing_ = false;
-    // The first is under way, the others stand in the order of their turns; one of somebody who is gone is still here.
-    std::deque<long_query> long_queries_;
-    std::unordered_map<std::string, uint64_t> turns_; // by account: the last one that it has
-    uint64_t turn_ = 0;                               // of the query under way
-    bool going_on_ = false;                           // with the first of them, in a moment
-    uint64_t sliced_round_ = 0;                       // of the loop, in which answers were last written
-    int64_t sliced_us_ = 0;                           // how long that took in it
+    // Those of somebody who is gone are still here. None waits where none is under way.
+    std::optional<long_query> query_under_way_;
+    fair_queue<long_query> queries_waiting_; // by account
+    bool going_on_ = false;                  // with the query under way, in a moment
+    uint64_t sliced_round_ = 0;              // of the loop, in which answers were last written
+    int64_t sliced_us_ = 0;                  // how long that took in it
     coalesced_changes machine_changes_;
     size_t left_ = 0;          // links that ended since memory was last given back
     bool giving_back_ = false; // memory, in a moment
