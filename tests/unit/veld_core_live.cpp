@@ -134,6 +134,18 @@ TEST(Live, LoadAndUsageAreWithinTheirRanges)
     EXPECT_LE(json_integer_value(usage.get()), 100);
 }
 
+TEST(Live, UsageIsThatBetweenTwoLooks)
+{
+    cpu_meter meter;
+    EXPECT_EQ(meter.look("cpu  30 0 10 50 10 0 0 0 0 0\ncpu0 1 1 1 1\n"), 40);
+    EXPECT_EQ(meter.look("cpu  100 0 40 50 10 0 0 0 0 0\n"), 100);
+    EXPECT_EQ(meter.look("cpu  100 0 40 50 10 0 0 0 0 0\n"), 100) << "no tick since";
+    EXPECT_EQ(meter.look("cpu  40 0 10 50 10 0 0 0 0 0\n"), 100) << "back";
+    EXPECT_EQ(meter.look("cpu  50 0 10 75 15 0 0 0 0 0\n"), 25) << "and on from there";
+    EXPECT_EQ(meter.look("cpu0 1 2 3\n"), std::nullopt);
+    EXPECT_EQ(meter.look(""), std::nullopt);
+}
+
 TEST(Live, CurrentTimeIsNowWithItsOffset)
 {
     json_ref value(live_value("time.current"));

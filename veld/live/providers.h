@@ -5,6 +5,7 @@
 
 #include <jansson.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -52,6 +53,18 @@ void rows_of_tcp(std::string_view text, json_t *rows);
 void row_of_process(std::string_view text, json_t *rows);
 /// /proc/cpuinfo
 json_t *rows_of_cpuinfo(std::string_view text, const char *architecture);
+/// /proc/stat, looked at again and again: how busy the processors were since the look before, in percent; at the first
+/// one, since the machine started. Nothing when the text is not understood.
+class cpu_meter
+{
+public:
+    std::optional<int64_t> look(std::string_view text);
+
+private:
+    int64_t total_ = 0; // ticks, as of the last look
+    int64_t idle_ = 0;
+    int64_t usage_ = 0;
+};
 /// The POSIX TZ text at the end of a time zone file; empty when it has none.
 std::string_view zone_of_tzfile(std::string_view content);
 /// `/proc/meminfo`: the number of KiB behind `name`, or nothing.

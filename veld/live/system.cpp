@@ -92,31 +92,29 @@ json_t *live_storage_free()
 
 json_t *live_cpu_usage()
 {
-    // What the last call saw; the first call so tells the average since the machine started.
-    static int64_t last_total = 0;
-    static int64_t last_idle = 0;
-    static int64_t last_usage = 0;
+    static cpu_meter meter;
+    const std::optional<int64_t> usage = meter.look(read_sysfile("/proc/stat"));
+    return usage ? json_integer(*usage) : nullptr;
+}
 
-    std::string text = read_sysfile("/proc/stat");
-    std::string_view rest = text;
+std::optional<int64_t> cpu_meter::look(std::string_view text)
+{
     std::string_view line;
-    if (!next_line(&rest, &line) || next_word(&line) != "cpu")
-        return nullptr;
+    if (!next_line(&text, &line) || next_word(&line) != "cpu")
+        return std::nullopt;
     int64_t total = 0;
     int64_t idle = 0;
     for (int column = 0; column < 8; column++) {
-        int64_t ticks = number_or_zero(next_word(&line));
+        const int64_t ticks = number_or_zero(next_word(&line));
         total += ticks;
         if (column == 3 || column == 4) // idle, waiting for input and output
             idle += ticks;
     }
-    int64_t spent = total - last_total;
-    if (spent > 0) {
-        last_usage = std::clamp<int64_t>(100 - (idle - last_idle) * 100 / spent, 0, 100);
-        last_total = total;
-        last_idle = idle;
-    }
-    return json_integer(last_usage);
+    if (const int64_t spent = total - total_; spent > 0)
+        usage_ = std::clamp<int64_t>(100 - (idle - idle_) * 100 / spent, 0, 100);
+    total_ = total; // some kernels' counters go back at times: it goes on from there
+    idle_ = idle;
+    return usage_;
 }
 
 static json_t *load_average(int which)
