@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <mutex>
@@ -28,6 +29,7 @@ struct {
     unsigned last_spinner = 0; ///< the number given out last
     /// The spinner that may draw, 0 for none. A thread that was left behind finds another number here and ends.
     std::atomic<unsigned> active_spinner{0};
+    std::atomic<bool> continued{false}; ///< after a stop: the picture's row is far above, the cursor somewhere else
     std::mutex draw_lock; ///< held while drawing; the main thread never waits with it, nor for it but at wait points
 } reconnect;
 
@@ -46,9 +48,38 @@ void reconnect_progress(const std::string &text, unsigned number)
         const std::scoped_lock lock(reconnect.draw_lock);
         if (reconnect.active_spinner != number)
             return;
+        if (reconnect.continued.exchange(false))
+            ve_out_row_ended();
         ve_rl_draw_circle_progress(text.c_str());
     }
 }
+
+/// Has SIGCONT noted, where nobody else looks after it.
+class continue_noted
+{
+public:
+    continue_noted()
+    {
+        sigaction(SIGCONT, nullptr, &before_);
+        if (before_.sa_handler != SIG_DFL)
+            return;
+        reconnect.continued = false;
+        struct sigaction action = {};
+        action.sa_handler = [](int) { reconnect.continued = true; };
+        action.sa_flags = SA_RESTART;
+        sigaction(SIGCONT, &action, nullptr);
+    }
+    continue_noted(const continue_noted &) = delete;
+    continue_noted &operator=(const continue_noted &) = delete;
+    ~continue_noted()
+    {
+        if (before_.sa_handler == SIG_DFL)
+            sigaction(SIGCONT, &before_, nullptr);
+    }
+
+private:
+    struct sigaction before_ = {};
+};
 
 /// Draws the first picture and starts the thread that draws the others.
 void spinner_start(const char *text)
@@ -91,6 +122,7 @@ void server_reconnect(const char *text, bool announced)
     ve_jrpcapi_logout(request_ctx);
     ve_jrpcapi_set_timeout(request_ctx, usual_timeout_ms);
     ve_out_flush();
+    const continue_noted noted;
     spinner_start(text);
     ve_jrpcapi_disconnect(request_ctx);
     const ve_jrpcapi_slow before = ve_jrpcapi_tell_slow(request_ctx, announced ? ve_jrpcapi_slow{} : trouble_slow);

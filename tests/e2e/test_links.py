@@ -249,6 +249,23 @@ def test_the_spinner_turns_and_never_after_its_line(terminal, fake):
     assert SPINNER.strip() in term.lines[-2]
 
 
+@pytest.mark.threads
+def test_the_spinner_turns_behind_its_text_after_a_stop(terminal, fake):
+    fake.go_down()
+    fake.on("GetParameterValues", {"ParameterList": [{"Name": "Device.A", "Value": 1}]})
+    term = terminal("-r", "get", "Device.A", to=fake)
+    term.wait_for(lambda term: term.find("Connection dropped") and term.line(term.cursor[0]).startswith(SPINNER))
+    above = term.cursor[0]
+    term.signal(signal.SIGSTOP)
+    term.type(Key.ENTER)  # the shell that stopped it writes rows of its own
+    term.wait_for(lambda term: term.cursor == (above + 1, 0))
+    term.signal(signal.SIGCONT)
+    term.wait_for(lambda term: term.cursor[0] > above and term.line(term.cursor[0]).startswith(SPINNER))
+    fake.come_back()
+    assert term.wait_exit() == 0
+    assert term.lines[-1] == "A = 1"
+
+
 # Ctrl-C
 
 
