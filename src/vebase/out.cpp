@@ -270,7 +270,7 @@ bool terminal_output::write_whole(std::string_view data)
 {
     while (!data.empty()) {
         pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-        if (poll(&out, 1, look_ms) == 0) {
+        if (poll(&out, 1, look_ms) <= 0) { // a signal, too: what is full still blocks
             if (given_up_)
                 return false;
             continue;
