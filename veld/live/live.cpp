@@ -83,17 +83,17 @@ void separate_keys(json_t *rows)
 }
 
 // Takes over what was read. A machine that cannot be seen at the moment has not changed: what was read last stays.
-void keep(snapshot *in, json_t *content, int64_t now)
+void keep(snapshot *in, json_t *content)
 {
     json_ref read(content);
-    in->taken = now;
+    in->taken = monotonic_ms(); // what takes long to read is not old by then
     if (!sysfile_take_failure())
         in->content = std::move(read);
 }
 
-bool fresh(const snapshot &of, int64_t now)
+bool fresh(const snapshot &of)
 {
-    return of.taken != 0 && now - of.taken < snapshot_lifetime_ms;
+    return of.taken != 0 && monotonic_ms() - of.taken < snapshot_lifetime_ms;
 }
 
 } // namespace
@@ -104,8 +104,8 @@ json_t *live_value(std::string_view name)
     if (i == std::size(values))
         return nullptr;
     snapshot &last = value_snapshots[i];
-    if (int64_t now = monotonic_ms(); !fresh(last, now))
-        keep(&last, values[i].read(), now);
+    if (!fresh(last))
+        keep(&last, values[i].read());
     return json_incref(last.content.get());
 }
 
@@ -115,10 +115,10 @@ json_t *live_rows(std::string_view name)
     if (i == std::size(tables))
         return nullptr;
     snapshot &last = table_snapshots[i];
-    if (int64_t now = monotonic_ms(); !fresh(last, now)) {
+    if (!fresh(last)) {
         json_t *rows = tables[i].read();
         separate_keys(rows);
-        keep(&last, rows, now);
+        keep(&last, rows);
     }
     return json_incref(last.content.get());
 }
