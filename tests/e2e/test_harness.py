@@ -99,7 +99,7 @@ def test_the_fake_answers_by_its_script(fake, peer):
 
 
 def test_the_fake_misbehaves_on_demand(fake, peer):
-    fake.on("Slow", Slow(0.1, {"late": True})).on("Fast", {}).on("Never", Silence())
+    fake.on("Slow", Slow(0.3, {"late": True})).on("Fast", {}).on("Never", Silence())
     fake.on("Bits", Chunked({"v": "é"}, 1)).on("Junk", Raw(b"\xff\n")).on("Bye", Close(b'{"half'))
     slow = peer.request("Slow")
     assert peer.answer(peer.request("Fast"))["result"] == {}

@@ -5,7 +5,10 @@ import shutil
 import stat
 import subprocess
 
+import pytest
+
 from lib import settings
+from lib.exclusive import exclusive
 from lib.terminal import Key
 
 FORBIDDEN = ("apt-get", "apt", "sudo", "ninja", "c++", "g++", "cc", "gcc", "clang++")
@@ -26,7 +29,14 @@ def files_of(folder):
     return sorted(path.relative_to(folder) for path in folder.rglob("*") if path.is_symlink() or not path.is_dir())
 
 
-def test_install_builds_and_fetches_nothing_and_uninstall_takes_it_all_back(tmp_path, terminal, veld_start):
+@pytest.fixture
+def manifest():
+    """Nobody else installs, which would write the same list of what there is."""
+    with exclusive("install"):
+        yield settings.BUILD / "install_manifest.txt"
+
+
+def test_install_builds_and_fetches_nothing_and_uninstall_takes_it_all_back(tmp_path, manifest, terminal, veld_start):
     tools = tmp_path / "tools"
     tools.mkdir()
     for name in FORBIDDEN:
@@ -57,8 +67,8 @@ def test_install_builds_and_fetches_nothing_and_uninstall_takes_it_all_back(tmp_
     assert f"ExecStart=/usr/local/sbin/veld " in (root / "lib/systemd/system/veld.service").read_text()
 
     # What is there is what the manifest lists.
-    manifest = (settings.BUILD / "install_manifest.txt").read_text().split("\n")
-    assert sorted(line.removeprefix("/") for line in manifest if line) == [str(path) for path in files_of(destination)]
+    listed = manifest.read_text().split("\n")
+    assert sorted(line.removeprefix("/") for line in listed if line) == [str(path) for path in files_of(destination)]
 
     # bash finds the completion by itself where it is installed.
     if os.path.exists("/usr/share/bash-completion/bash_completion"):

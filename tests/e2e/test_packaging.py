@@ -9,6 +9,7 @@ import textwrap
 import pytest
 
 from lib import settings
+from lib.exclusive import exclusive
 
 PACKAGING = settings.SOURCE / "packaging"
 
@@ -70,7 +71,8 @@ def test_the_licence_that_yocto_checks_is_the_licence():
 def test_openwrt_installs_what_was_built(tmp_path):
     """A build root of no more than the names that the recipe uses."""
     install = tmp_path / "install"
-    run("make", "-s", "-C", settings.SOURCE, "install", f"BUILD={settings.BUILD}", f"DESTDIR={install}", "PREFIX=/usr")
+    with exclusive("install"):  # which writes one manifest
+        run("make", "-s", "-C", settings.SOURCE, "install", f"BUILD={settings.BUILD}", f"DESTDIR={install}", "PREFIX=/usr")
     root = tmp_path / "root"
     (root / "include").mkdir(parents=True)
     (root / "rules.mk").write_text(

@@ -5,9 +5,10 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <memory>
-#include <netinet/tcp.h>
 #include <openssl/ssl.h>
+#include <poll.h>
 
 #include "interrupts.h"
 #include "vebase_scripted_peer.h"
@@ -238,12 +239,25 @@ TEST(Tls, NoticesAPeerThatLeavesRightBehindTheHandshake)
     store();
     const scripted_peer peer(
         [](peer_link &link) {
-            // What ends the handshake goes out along with what ends the link.
-            const int on = 1;
-            setsockopt(link.fd(), IPPROTO_TCP, TCP_CORK, &on, sizeof on);
+            // What ends the handshake goes out along with what ends the link, in one piece.
             tls_server server(link, "good", TLS1_2_VERSION);
-            EXPECT_TRUE(server.accept());
+            BIO *const out = BIO_new(BIO_s_mem());
+            SSL_set0_wbio(server.ssl(), out);
+            fcntl(link.fd(), F_SETFL, O_NONBLOCK);
+            const auto send_out = [&] {
+                char *bytes = nullptr;
+                const auto size = static_cast<size_t>(BIO_get_mem_data(out, &bytes));
+                EXPECT_EQ(::send(link.fd(), bytes, size, MSG_NOSIGNAL), static_cast<ssize_t>(size));
+                (void)BIO_reset(out);
+            };
+            for (int result; (result = SSL_accept(server.ssl())) != 1;) {
+                ASSERT_EQ(SSL_get_error(server.ssl(), result), SSL_ERROR_WANT_READ);
+                send_out();
+                pollfd in{link.fd(), POLLIN, 0};
+                ASSERT_EQ(poll(&in, 1, 10000), 1);
+            }
             SSL_shutdown(server.ssl());
+            send_out();
         },
         AF_INET);
     const context ctx = secure_context(peer.destination());

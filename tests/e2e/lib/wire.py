@@ -51,6 +51,7 @@ class Peer:
         self.link = link or connect(address)
         self.buffer = bytearray()
         self.events = []
+        self.answers = {}  # by id: those that came before they were asked for
         self.last_id = 0
 
     def send(self, message):
@@ -86,12 +87,13 @@ class Peer:
 
     def answer(self, number, timeout=None):
         """The answer to the request `number`, whole."""
-        while True:
+        while number not in self.answers:
             message = self.receive(timeout)
             if "method" in message:
                 self.events.append(message)
-            elif message.get("id") == number:
-                return message
+            else:
+                self.answers[message.get("id")] = message
+        return self.answers.pop(number)
 
     def call(self, method, timeout=None, **params):
         message = self.answer(self.request(method, params or None), timeout)
