@@ -62,7 +62,7 @@ void login_as_process_user()
     passwd *found = nullptr;
     if (getpwuid_r(getuid(), &entry, buffer.get(), size, &found) != 0 || found == nullptr || found->pw_name == nullptr)
         return;
-    if (ve_jrpcapi_login(request_ctx, found->pw_name, nullptr) == 0)
+    if (msg_login(found->pw_name, nullptr) == 0)
         kest_update_login(found->pw_name, nullptr);
 }
 
@@ -72,7 +72,7 @@ void try_login()
     // gives way to the user of this process.
     const auto &[user, password] = saved_login();
     const char *given = password.empty() ? nullptr : password.c_str();
-    if (!user.empty() && ve_jrpcapi_login(request_ctx, user.c_str(), given) != 0)
+    if (!user.empty() && msg_login(user.c_str(), given) != 0)
         kest_update_login(user.c_str(), given);
     else
         login_as_process_user();

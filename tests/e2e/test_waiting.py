@@ -2,6 +2,7 @@
 
 import json
 import os
+import pwd
 import signal
 import socket
 import subprocess
@@ -417,6 +418,12 @@ def test_a_daemon_that_has_answered_the_configuration_is_patiently_waited_for(ke
     fake.on("JoinGroup", Silence()).on("Login", {}).on("Ping", Slow(1.3, {}))
     (tmp_path / "config").write_text("login me -p pw\n")
     assert kest("-c", "config", "--raw", '{"id":9,"method":"Ping"}', to=fake).err == ""
+
+
+def test_a_login_is_waited_for_as_long_after_a_group_was_joined(terminal, fake):
+    fake.on("Login", Slow(1.3, {}))
+    fake.serve(MODEL)
+    terminal("-g", "7", to=fake).wait_prompt(f"{pwd.getpwuid(os.getuid()).pw_name}@kest:> ")
 
 
 @pytest.mark.threads
