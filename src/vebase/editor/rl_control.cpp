@@ -15,7 +15,9 @@
 namespace
 {
 
-constexpr std::chrono::milliseconds hide_wait{200};
+// How long the screen is waited for, in steps: while nothing of this machine runs, one of them goes by.
+constexpr std::chrono::milliseconds hide_step{10};
+constexpr int hide_steps = 50;
 
 /// What the threads agree on about the screen. The codes themselves are here; the pipe only wakes the reader, so that a
 /// full pipe loses nothing.
@@ -75,7 +77,8 @@ void ve_rl_write_control_char(int fd, unsigned code)
     }
     std::unique_lock guard(claims.lock);
     if (code == ve_rl_hide)
-        claims.released.wait_for(guard, hide_wait, [] { return !claims.on_screen; });
+        for (int i = 0; i < hide_steps && claims.on_screen; ++i)
+            claims.released.wait_for(guard, hide_step);
 }
 
 int rl_control_fd()
