@@ -53,6 +53,7 @@ class Line:
     def __init__(self, term, fake):
         self.term = term
         self.fake = fake
+        self.events = 0
 
     @property
     def typed(self):
@@ -94,9 +95,15 @@ class Line:
         rows = (self.term.all_lines + [""])[start + 1:self.term._absolute_row()]
         return by_column(rows)
 
+    def seen(self):
+        """Waits until the shell has taken the events that were sent so far."""
+        self.events += 1
+        self.fake.event(12, f"event {self.events}")
+        self.term.wait_for(f'"event {self.events}"')
+
     def asked(self):
         """How many requests the daemon got since the last time."""
-        self.term.quiet(0.1)
+        self.term.quiet()
         count = len(self.fake.requests)
         self.fake.requests.clear()
         return count
@@ -436,7 +443,7 @@ def test_added_and_deleted_instances_are_known_without_asking(line):
     line.fake.event(4, {"Action": "Add"})
     for number in (-1, 0, 2**32, 2**62):
         line.fake.event(4, notice("Add", number))
-    line.term.quiet(0.1)
+    line.seen()
     line.asked()
     assert line.candidates("cat Device.Hosts.Host.") == ["1.", "10.", "5.", "max_instance"]
     assert line.candidates("cat Device.DNS.SearchDomain.") == ["1", "7", "max_instance"]
@@ -449,7 +456,7 @@ def test_an_added_instance_is_fetched_when_walked_into(line):
     line.fake.scheme.add("Device.Hosts.Host.5.", {})
     line.fake.scheme.add("Device.Hosts.Host.5.Alias", "new")
     line.fake.event(4, notice("Add", 5))
-    line.term.quiet(0.1)
+    line.seen()
     line.tab("cat Device.Hosts.Host.5.A", "cat Device.Hosts.Host.5.Alias")
 
 

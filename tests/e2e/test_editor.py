@@ -564,6 +564,7 @@ def test_a_ctrl_c_that_empties_the_terminal_before_the_prompt_does_not_keep_it_b
 def test_a_signal_that_comes_while_the_editor_stops_is_not_lost(held_up):
     term = held_up("half" + Key.CTRL_Z, 1)
     term.signal(signal.SIGTERM)
+    term.type("x")  # where the signal came before it was held up
     assert term.wait_exit() == -signal.SIGTERM
 
 
@@ -757,9 +758,10 @@ def test_a_stop_ends_the_read(editor):
 
 def test_a_stop_between_two_reads_ends_the_next(editor):
     term = editor()
-    term.type("sleep 500" + Key.ENTER)
+    term.type("later true" + Key.ENTER)
     term.wait_for(lambda term: term.echoes)
     term.order("stop")
+    term.type(Key.ENTER)
     assert term.wait_exit() == 0
     assert term.lines[-1] == "none"
 
@@ -989,7 +991,7 @@ def test_ctrl_c_while_a_hint_is_awaited_drops_the_line(editor):
 
 
 def test_ctrl_c_while_a_hint_is_accepted_keeps_the_line(editor):
-    term = editor(words=["alphabet"], DEMO_HINTS="1", DEMO_SLOW="1500")
+    term = editor(words=["alphabet"], DEMO_HINTS="1", DEMO_SLOW="4000")
     term.type("al")
     term.wait_for("> alphabet")
     term.type(Key.RIGHT)

@@ -44,7 +44,7 @@ def test_nothing_is_recorded_into_a_file_of_another_user(sandbox, model, tmp_pat
     theirs = tmp_path / "theirs"
     theirs.write_text("old")
     theirs.chmod(0o666)
-    words = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", settings.KEST, "-u", model.address]
+    words = sandbox.wrap(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", settings.KEST, "-u", model.address])
     run = subprocess.run(words, env=sandbox.environment(), cwd=tmp_path, input="record theirs\npwd\nq\n", capture_output=True, text=True,
                          timeout=settings.DEADLINE)  # fmt: skip
     assert "record: can't create record file theirs.\n:\n" in run.stdout

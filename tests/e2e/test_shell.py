@@ -372,7 +372,8 @@ def test_a_user_without_a_name_or_a_home_is_nobody(sandbox, fake):
     sandbox.home.joinpath(".local/kest/config").write_text("cd Device\n")
     environment = {key: value for key, value in sandbox.environment().items() if key != "HOME"}
     nameless = ["setpriv", "--reuid=54321", "--regid=54321", "--clear-groups"]
-    run = subprocess.run([*nameless, settings.KEST, "-u", fake.address], env=environment, cwd="/", input="pwd\n",
+    command = sandbox.wrap([*nameless, settings.KEST, "-u", fake.address])
+    run = subprocess.run(command, env=environment, cwd="/", input="pwd\n",
                          capture_output=True, text=True, timeout=settings.DEADLINE)
     assert (run.stdout, run.returncode) == (BANNER + ":\n", 0)
     assert "Login" not in fake.methods()

@@ -76,6 +76,6 @@ def test_a_reconnect_leads_back_to_the_root_and_repeats_the_request_once(shell, 
 
 def test_the_first_command_is_skipped_where_sigint_was_ignored(sandbox, model):
     env = sandbox.environment({"K": f"{settings.KEST} -u {model.address}"})
-    run = Program(["sh", "-c", "trap '' INT; exec $K"], env, sandbox.work, "pwd\ncd Device\npwd\n").finish()
+    run = Program(["sh", "-c", "trap '' INT; exec $K"], env, sandbox.work, "pwd\ncd Device\npwd\n", sandbox.wrap).finish()
     assert run.out.partition(LAST_GREETING)[2] == ":Device\n"
     assert run.status == 0
