@@ -214,6 +214,21 @@ class Terminal:
             return line == prompt.rstrip() and column == len(prompt)
         return bool(self.prompt.search(line)) and column == len(line) + 1
 
+    def idles(self):
+        """Whether the program's main thread sleeps all the time. The machine may hold it up once; what looks again and again does so
+        in each of several spans."""
+
+        def switches():
+            with open(f"/proc/{self.pid}/task/{self.pid}/status") as status:
+                return [line for line in status if "ctxt_switches" in line]
+
+        for _ in range(3):
+            before = switches()
+            self.quiet(1.5)
+            if switches() == before:
+                return True
+        return False
+
     def wait_prompt(self, prompt=None, timeout=None):
         """Waits for an empty prompt with the cursor behind it; `prompt` is its whole text ("kest:> ")."""
         self.wait_for(lambda terminal: terminal.at_prompt(prompt), timeout)
