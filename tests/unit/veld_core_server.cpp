@@ -171,6 +171,37 @@ TEST_F(VeldConnection, WhatIsNotWaitedForMayStillEnd)
     EXPECT_FALSE(owner.over);
 }
 
+TEST_F(VeldConnection, WhoReadsOnIsWaitedForAtItsEnd)
+{
+    constexpr size_t size = 1 << 20;
+    size_t count = 0;
+    const std::function<void()> read_on = [&] {
+        count += received().size();
+        events.after(80, read_on);
+    };
+    events.after(0, [&] { // the link is open
+        link->send(std::string(size, 'x'));
+        link->finish(100, false);
+        read_on();
+    });
+    events.run();
+    EXPECT_TRUE(owner.over);
+    for (size_t last = 1; last > 0; count += last)
+        last = received().size();
+    EXPECT_EQ(count, size);
+}
+
+TEST_F(VeldConnection, WhoReadsNothingIsNotWaitedForLongAtItsEnd)
+{
+    events.after(0, [this] { // the link is open
+        link->send(std::string(8 << 20, 'x'));
+        link->finish(10, false);
+    });
+    events.run();
+    EXPECT_TRUE(owner.over);
+    EXPECT_LT(received().size(), size_t{8} << 20);
+}
+
 TEST_F(VeldConnection, ThatIsOverIsOverOnce)
 {
     link->close();

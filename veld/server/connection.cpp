@@ -295,6 +295,7 @@ void connection::flush()
         }
         budget -= std::min(budget, put.bytes);
         written_ += put.bytes;
+        sent_ += put.bytes;
         queued_ -= put.bytes;
         memory_.output -= output_.front().shared ? 0 : put.bytes;
         unread_ -= std::min(unread_, put.bytes);
@@ -346,10 +347,21 @@ void connection::finish(int64_t within_ms, bool waiting)
         return;
     }
     if (deadline_ == 0 && expected_ == 0)
-        deadline_ = loop_.after(within_ms, [this] {
-            deadline_ = 0;
+        limit_parting(within_ms, parting_spans);
+}
+
+void connection::limit_parting(int64_t span_ms, int spans)
+{
+    deadline_ = loop_.after(span_ms, [this, span_ms, spans, before = sent_] {
+        deadline_ = 0;
+        flush(); // the loop may have done something else for as long
+        if (over())
+            return;
+        if (sent_ == before || spans == 1)
             close();
-        });
+        else
+            limit_parting(span_ms, spans - 1);
+    });
 }
 
 void connection::close()

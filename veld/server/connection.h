@@ -89,8 +89,8 @@ public:
     void expect_answer() { ++expected_; }
     void answer_given();
 
-    /// Ends the link as soon as what is queued is written, or the time is over. Nothing more is read. `waiting`: not
-    /// before the answers that are still to come.
+    /// Ends the link as soon as what is queued is written, or the time is over; that begins anew, some times, for a
+    /// peer that reads on. Nothing more is read. `waiting`: not before the answers that are still to come.
     void finish(int64_t within_ms, bool waiting);
     /// Ends the link now.
     void close();
@@ -123,11 +123,13 @@ private:
     void unwatchable();
     void resume_later();
     void greet();
+    void limit_parting(int64_t span_ms, int spans);
     bool reads() const { return state_ == state::open && holds_ == 0 && queued_ <= high_water; }
     bool blocked() const { return holds_ > 0 || state_ >= state::finishing || queued_ > high_water; }
     bool all_answered() const { return output_.empty() && holds_ == 0 && expected_ == 0; }
 
     static constexpr size_t high_water = size_t{256} << 10;
+    static constexpr int parting_spans = 10;
 
     loop &loop_;
     uint64_t id_;
@@ -145,6 +147,7 @@ private:
     size_t held_line_ = 0;  // of them, the line that is worked on during a hold
     size_t written_ = 0;    // of the first queued message
     size_t queued_ = 0;     // bytes not yet written
+    uint64_t sent_ = 0;     // bytes that were
     size_t unread_ = 0;     // of events, what piled up since the peer last read, see send_event()
     uint64_t round_ = 0;    // of the loop: when an event was last queued
     size_t this_round_ = 0; // of `unread_`, what was added in it
