@@ -322,6 +322,7 @@ void fetch::send_request()
         if (count < 0)
             return fail(code::transfer_failed, url_.host + ": " + strerror(errno));
         request_.erase(0, static_cast<size_t>(count));
+        progress();
     }
     stage_ = stage::header;
     watch(fd_.get(), EPOLLIN);
