@@ -277,7 +277,7 @@ def test_wrong_notices_do_not_harm_completion(shell, fake, scheme):
     fake.event(9, "after")
     term.wait_for("after")
     term.type("ls Device.Host." + Key.TAB + Key.TAB)
-    term.quiet(0.3)
+    term.wait_for(lambda term: term.text.count("max_instance") == 2)
     term.type(Key.CTRL_C)
     term.wait_for(lambda term: term.at_prompt("kest:> "))
     assert term.run("cat Device.A") == ["A = 1"]

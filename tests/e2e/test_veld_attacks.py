@@ -475,7 +475,7 @@ def test_one_user_cannot_deny_downloads_to_another(veld):
 
 
 def test_a_transfer_that_drips_ends(veld_start):
-    peer = root(veld_start("--download-timeout", "0.3"))
+    peer = root(veld_start("--download-timeout", "2"))
     with socket.create_server(("127.0.0.1", 0)) as server:
         over = threading.Event()
 

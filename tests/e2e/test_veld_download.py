@@ -1,5 +1,6 @@
 """Firmware, configurations and files that the device fetches."""
 
+import contextlib
 import hashlib
 import http.server
 import json
@@ -47,7 +48,7 @@ def state(tmp_path):
 @pytest.fixture
 def veld(veld_start, model, state):
     return veld_start(
-        "--state", state, "--flash-time", "0.4", "--reboot-time", "0.1", "--download-timeout", "0.5", model=model
+        "--state", state, "--flash-time", "0.4", "--reboot-time", "0.1", "--download-timeout", "3", model=model
     )
 
 
@@ -276,12 +277,18 @@ def test_the_next_address_of_a_host_is_tried(veld, state, things, tmp_path):
     hosts.write_text("127.0.0.1 two.example\n127.0.0.2 two.example\n127.0.0.1 one.example\n")
     veld.argv = [*namespace_command(), "sh", "-c", 'mount --bind "$0" /etc/hosts && exec "$@"', str(hosts), *veld.argv]
     peer = root(veld.restart())
-    things.append(Server(answer(b"HTTP/1.0 200 OK\r\n\r\ncontent"), "127.0.0.2"))
-    port = things[-1].port
+    # Nobody may listen at the other address, either.
+    refusing = socket.socket()
+    while refusing.getsockname()[1] == 0:
+        things.append(Server(answer(b"HTTP/1.0 200 OK\r\n\r\ncontent"), "127.0.0.2"))
+        port = things[-1].port
+        with contextlib.suppress(OSError):
+            refusing.bind(("127.0.0.1", port))
     assert peer.call("Download", FileType="File", URL=f"http://two.example:{port}/f") == STATUS_OK
     assert (state / "files" / "f").read_bytes() == b"content"
     error = refused(peer, FileType="File", URL=f"http://one.example:{port}/f")
     assert (error.code, error.message) == (9016, "one.example: Connection refused")
+    refusing.close()
 
 
 @pytest.mark.parametrize("ends", ["well", "early"])
@@ -305,6 +312,23 @@ def test_a_request_may_take_its_time(peer, state, serve, ends):
     else:
         assert peer.call("Download", **download) == STATUS_OK
         assert bytes(heard).startswith(f"GET {path} HTTP/1.0\r\n".encode())
+
+
+def test_a_request_that_goes_out_bit_by_bit_is_no_stall(veld, serve):
+    veld.argv[veld.argv.index("--download-timeout") + 1] = "0.5"
+    peer = root(veld.restart())
+    heard = bytearray()
+
+    def sips(link):
+        link.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 64 << 10)
+        while not heard.endswith(b"\r\n\r\n"):
+            heard.extend(link.recv(256 << 10))
+            if len(heard) < 8 << 20:  # what the system has taken from the daemon is out of its sight
+                time.sleep(0.03)
+        link.sendall(b"HTTP/1.0 200 OK\r\n\r\ncontent")
+
+    path = "/" + "x" * (12 << 20)
+    assert peer.call("Download", FileType="File", URL=f"http://127.0.0.1:{serve(sips)}{path}", TargetFileName="f") == STATUS_OK
 
 
 @pytest.mark.parametrize("data", [b"HTTP/1.0 200 OK\nA: b\n\none\r\n\r\ntwo", b"HTTP/1.0 200 OK\r\nA: b\r\n\r\none\n\ntwo"])
@@ -533,8 +557,14 @@ def flash_to_the_end(peer):
         return seen
 
 
-def test_an_upgrade_from_the_first_request_to_the_new_version(peer, veld, state, tmp_path):
-    listener = veld.connect()
+def flashing_takes(veld, seconds):
+    """The same daemon, with more time for what happens while it flashes."""
+    veld.argv[veld.argv.index("--flash-time") + 1] = str(seconds)
+    return root(veld.restart())
+
+
+def test_an_upgrade_from_the_first_request_to_the_new_version(veld, state, tmp_path):
+    peer, listener = flashing_takes(veld, 2), veld.connect()
     listener.join(2)
     path, url, md5 = image(tmp_path)
     result = peer.call("Download", FileType="Firmware", URL=url, MD5=md5)
@@ -618,7 +648,8 @@ def test_a_failed_flash_shows_a_negative_status_and_the_old_version_stays(peer, 
     assert flash_to_the_end(peer)[-1] == (100, 1)
 
 
-def test_a_kill_in_the_middle_of_flashing_leaves_the_old_version(peer, veld, tmp_path):
+def test_a_kill_in_the_middle_of_flashing_leaves_the_old_version(veld, tmp_path):
+    peer = flashing_takes(veld, 60)
     result = peer.call("Download", FileType="Firmware", URL=image(tmp_path)[1])
     confirm = {"URL": f"file://{result['SavedFirmware']}", "TransactionID": result["TransactionID"]}
     peer.call("Download", FileType="Firmware", **confirm)

@@ -395,8 +395,8 @@ def test_a_slow_method_delays_nobody(veld_start):
             pytest.skip(f"no silent name server can be had here: {error}")
         arguments = {"HostName": "host.example", "DNSServer": "127.0.0.53", "Timeout": 2000}
         values = [{"Name": name, "Value": value} for name, value in arguments.items()]
-        number = slow.request("Execute", {"Path": "Device.DNS.Diagnostics.NSLookup", "ParameterList": values})
         started = time.monotonic()
+        number = slow.request("Execute", {"Path": "Device.DNS.Diagnostics.NSLookup", "ParameterList": values})
         for _ in range(20):
             other.call("GetParameterValues", ParameterNames=["Device.Time.Enable"])
         # Its own link goes on, too: answers come as they are ready.

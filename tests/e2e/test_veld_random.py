@@ -51,7 +51,7 @@ class Chance(random.Random):
             "ParameterPath NextLevel ParameterNames Depth ParameterList ObjectName Order Path Group Session Receiver User "
             "Id Value FileType URL MD5 TargetFileName TransactionID"
         ).split()
-        message = {"jsonrpc": "2.0", "id": 100, "method": self.choice(METHODS)}
+        message = {"jsonrpc": "2.0", "id": "random", "method": self.choice(METHODS)}
         message["params"] = {key: self.member(key) for key in keys if self.random() < 0.5}
         if message["method"] == "Event":
             del message["id"]

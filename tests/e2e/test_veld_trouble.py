@@ -117,7 +117,7 @@ def test_it_may_be_killed_at_every_call(veld_start, state):
 
 
 def test_a_slow_disk_delays_only_who_saves(veld_start, state):
-    veld = troubled(veld_start, state, fsync_ms=300)
+    veld = troubled(veld_start, state, fsync_ms=1000)
     slow, other = root(veld), root(veld)
     veld.arm()
     answer = slow.request("SaveConfig")
@@ -187,7 +187,7 @@ def test_a_save_under_way_at_the_end_is_brought_to_its_end(veld_start, state):
 
 
 def test_a_directory_service_that_hangs_delays_only_who_asks_it(veld_start, state):
-    veld = troubled(veld_start, state, names_ms=500)
+    veld = troubled(veld_start, state, names_ms=3000)
     slow = [veld.connect() for _ in range(2)]
     veld.arm()
     for peer in slow:
