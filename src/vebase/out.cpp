@@ -270,7 +270,8 @@ bool terminal_output::write_whole(std::string_view data)
 {
     while (!data.empty()) {
         pollfd out{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-        if (poll(&out, 1, look_ms) <= 0) { // a signal, too: what is full still blocks
+        const int ready = poll(&out, 1, look_ms);
+        if (ready == 0 || (ready < 0 && errno == EINTR)) { // what is full blocks behind a signal, too
             if (given_up_)
                 return false;
             continue;
