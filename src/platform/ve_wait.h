@@ -20,7 +20,7 @@ int64_t ve_wait_deadline(int timeout_ms);
 /// SIGINT is delivered here, and only here; a thread that is not the main thread waits with its own mask.
 int ve_wait_poll(pollfd *fds, unsigned count, int64_t deadline);
 
-/// Sleeps. Returns 0, or -1 when interrupted as above. A wait point like ve_wait_poll.
+/// Sleeps, no shorter than that. Returns 0, or -1 when interrupted as above. A wait point like ve_wait_poll.
 int ve_wait_sleep_ms(int milliseconds);
 
 /// Delivers a pending SIGINT now (without waiting): what computes for long calls it now and then.

@@ -3,10 +3,12 @@
 import re
 import shutil
 import subprocess
+import time
 
 import pytest
 
 from lib import settings
+from lib.program import proc_status
 
 
 class Gate:
@@ -40,10 +42,14 @@ class Gate:
             path.write_text(f"{seconds}\n")
         return int(path.read_text())
 
+    def start(self, **asked):
+        """The whole run, which has ended."""
+        env = {"PATH": f"{self.folder}/tools:/usr/bin:/bin", "TMPDIR": str(self.folder), "HOME": str(self.folder), **asked}
+        return subprocess.run([self.folder / "scripts/test"], env=env, capture_output=True, text=True, timeout=settings.TEST_DEADLINE)
+
     def run(self, **asked):
         """The lines behind "all of it passed"."""
-        env = {"PATH": f"{self.folder}/tools:/usr/bin:/bin", "TMPDIR": str(self.folder), "HOME": str(self.folder), **asked}
-        done = subprocess.run([self.folder / "scripts/test"], env=env, capture_output=True, text=True, timeout=settings.TEST_DEADLINE)
+        done = self.start(**asked)
         assert (done.returncode, done.stderr) == (0, "")
         return re.split(r"\n== all of it passed .*\n", done.stdout)[1].splitlines()
 
@@ -65,7 +71,29 @@ def test_the_gate_tries_other_machines_while_there_is_time(gate):
     assert (gate.called("cross"), gate.called("suite")) == (["arm64", "armhf"], ["trixie"])
     assert all(tried(lines, title) for title in ("other machine, arm64", "other machine, armhf", "Debian trixie"))
     assert not [line for line in lines if "left out" in line]
+    # The packages, too, are had before anything of the system is tried.
+    (system,) = gate.called("system")
+    assert re.fullmatch(r"trixie \S+/systems/trixie suite", system)
     assert max(gate.took(name) for name in ("arm64", "armhf", "trixie")) < 60
+
+
+def test_what_goes_on_behind_ends_with_the_gate(gate):
+    gate.stub("scripts/tidy", f"sleep 1000 & echo $! >{gate.folder}/behind; wait")
+    gate.stub("tools/ctest", f"until [ -s {gate.folder}/behind ]; do sleep 0.01; done; exit 1")
+    done = gate.start()
+    assert done.returncode == 1 and done.stdout.endswith("FAILED: units\n")
+    process = (gate.folder / "behind").read_text().strip()
+
+    def runs():
+        try:
+            return not proc_status(process)["State"].startswith("Z")
+        except OSError:
+            return False
+
+    moment = settings.deadline()
+    while runs() and settings.remaining(moment):
+        time.sleep(0.01)
+    assert not runs()
 
 
 def test_the_gate_leaves_out_what_there_is_no_time_for(gate):
